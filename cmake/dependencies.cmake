@@ -1,0 +1,22 @@
+# Every library comes from Debian's packages; `./dev` installs them.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(CURL REQUIRED)
+find_package(EXPAT REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(Boost REQUIRED)
+pkg_check_modules(ACE REQUIRED IMPORTED_TARGET ACE)
+pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)
+pkg_check_modules(ZSTD REQUIRED IMPORTED_TARGET libzstd)
+pkg_check_modules(XXHASH REQUIRED IMPORTED_TARGET libxxhash)
+find_library(LZO2_LIBRARY lzo2 REQUIRED)
+
+add_library(obs_sdk INTERFACE)
+target_include_directories(obs_sdk INTERFACE "${CMAKE_SOURCE_DIR}")
+target_link_libraries(obs_sdk INTERFACE PkgConfig::ACE PkgConfig::YAJL Boost::headers Threads::Threads)
+
+if(OBS_TESTS)
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+endif()
