@@ -26,7 +26,7 @@ json_spirit::Object set_json(const Set& set) {
   json["end_time"] = set.end_time;
   json["objects"] = set.objects;
   json["source_size"] = set.source_size;
-  json["storage_size"] = set.storage_size;
+  json["storage_size"] = set.backup_set_storage_size;
   return json;
 }
 
@@ -34,14 +34,14 @@ void list_sets(Context& context, const std::string& account_name) {
   const std::string account_uuid = account_name.empty() ? std::string() : context.account(account_name).uuid;
   std::vector<Set> sets;
   std::string error;
-  if (!context.store().list_sets(account_uuid, sets, error))
+  if (!context.store().sets(std::string(), account_uuid, std::string(), false, sets, error))
     throw Command_Error(error);
   json_spirit::Array array;
   std::string text;
   for (const Set& set : sets) {
     array.push_back(set_json(set));
     text += set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) + " objects  " +
-            human_bytes(set.source_size) + " (" + human_bytes(set.storage_size) + " stored)\n";
+            human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) + " stored)\n";
   }
   json_spirit::Object json;
   json["sets"] = array;
