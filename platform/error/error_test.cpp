@@ -20,8 +20,8 @@ TEST(Error_Id, parts_are_read_from_their_bits) {
 TEST(Error_Text, parameter_is_put_in_its_place_once) {
   EXPECT_EQ("The object storage cannot be reached: no %1 route",
             error_text(error(0x70000031E0100001ull, {"no %1 route"})));
-  EXPECT_EQ("The backup ended, but 12 objects were skipped.", error_text(error(0x50000031E0100003ull, {12ull})));
-  EXPECT_EQ("The restore ended, but 1 objects were skipped.", error_text(error(0x50000031E0200005ull, {1})));
+  EXPECT_EQ("The backup ended, but objects were skipped: 12.", error_text(error(0x50000031E0100003ull, {12ull})));
+  EXPECT_EQ("The restore ended, but objects were skipped: 1.", error_text(error(0x50000031E0200005ull, {1})));
 }
 
 TEST(Error_Text, every_known_message_has_a_sentence_with_and_without_parameters) {
