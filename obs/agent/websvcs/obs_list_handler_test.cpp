@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()
 MODULE_TESTING_DEFINE_SERVICE_HOOK()
 
 using json_spirit::Array;
