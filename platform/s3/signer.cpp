@@ -41,9 +41,10 @@ bool is_v2_subresource(const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end() || name == "website";
 }
 
+/// Fields of one name keep their order.
 Name_Values sorted(const Name_Values& values) {
   Name_Values copy(values);
-  std::sort(copy.begin(), copy.end());
+  std::stable_sort(copy.begin(), copy.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   return copy;
 }
 
