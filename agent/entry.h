@@ -8,4 +8,4 @@
 json_spirit::Object account_attributes(const Account& account);
 
 /// A service for the account, for what the program itself asks. Throws Command_Error.
-S3_Service_var make_account_service(Context& context, const Account& account);
+S3_Service_var make_account_service(const Account& account);

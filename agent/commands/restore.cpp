@@ -56,8 +56,8 @@ json_spirit::Array selected_entries(const std::vector<std::string>& paths) {
   return entries;
 }
 
-void create_missing_buckets(Context& context, const Account& account, const std::set<std::string>& buckets) {
-  S3_Service_var service = make_account_service(context, account);
+void create_missing_buckets(const Account& account, const std::set<std::string>& buckets) {
+  S3_Service_var service = make_account_service(account);
   for (const std::string& bucket : buckets) {
     if (service->bucket_exists(bucket.c_str()))
       continue;
@@ -86,7 +86,7 @@ void restore(Context& context, const Restore_Arguments& arguments) {
     targets.insert(map.target);
   }
   if (arguments.create_bucket)
-    create_missing_buckets(context, account, targets);
+    create_missing_buckets(account, targets);
 
   json_spirit::Object source;
   source["id"] = set.account_uuid;

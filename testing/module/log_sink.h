@@ -15,8 +15,8 @@ struct Log_Line {
   std::string text;
 };
 
-/// Keeps every log line of the calling thread, instead of printing it, while it lives. Threads that are started with
-/// ACE meanwhile inherit it; others call `attach` themselves. All operations may be called from any thread.
+/// Keeps every log line of the calling thread, instead of printing it, while it lives. Another thread joins in by
+/// `attach`. All operations may be called from any thread.
 class Log_Sink : public ACE_Log_Msg_Callback {
 public:
   Log_Sink() : flags_(ACE_LOG_MSG->flags()), previous_(ACE_LOG_MSG->msg_callback(this)) { attach(); }
