@@ -8,23 +8,21 @@
 
 namespace module_testing {
 
-/// Allocations of this thread that still succeed; negative: all do.
+/// Allocations of this thread up to the one that fails; negative: none does.
 inline thread_local int allocations_left = -1;
 
-/// Lets the `count`-th allocation of this thread from now on, and every later one, fail while it lives.
+/// Lets the `nth` allocation of this thread from now on (1: the next) fail.
 class Short_Memory {
 public:
-  explicit Short_Memory(int count) { allocations_left = count - 1; }
+  explicit Short_Memory(int nth) { allocations_left = nth - 1; }
   ~Short_Memory() { allocations_left = -1; }
   Short_Memory(const Short_Memory&) = delete;
   Short_Memory& operator=(const Short_Memory&) = delete;
 };
 
 inline void* allocate(std::size_t size) noexcept {
-  if (allocations_left == 0)
+  if (allocations_left >= 0 && allocations_left-- == 0)
     return nullptr;
-  if (allocations_left > 0)
-    --allocations_left;
   return std::malloc(size ? size : 1);
 }
 
