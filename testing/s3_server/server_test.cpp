@@ -243,6 +243,9 @@ TEST_F(S3_server, expect_is_answered_before_the_body_comes) {
   EXPECT_EQ(100, client.exchange(whole.substr(0, whole.size() - 5)).status);
   EXPECT_EQ(200, client.exchange("hello").status);
   EXPECT_EQ("hello", server.get("bucket", "k"));
+  // A client that asked waits, be its body empty or not.
+  EXPECT_EQ(100, client.exchange(client.request("PUT", "/bucket/empty", "", "Expect: 100-continue\r\n")).status);
+  EXPECT_EQ(200, client.read().status);
   server.configure([](S3_Server_Settings& s) { s.expect = Expect_Reply::refuse; });
   EXPECT_EQ(417, client.exchange(whole.substr(0, whole.size() - 5)).status);
 }
