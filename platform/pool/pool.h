@@ -1,0 +1,48 @@
+#pragma once
+
+#include "platform/pool/set_lock.h"
+#include "platform/pool/set_record.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// A pool in a folder of this machine, "file:///DIR":
+///
+///     pool.json                              uuid, format version, encryption
+///     HOST/RESOURCE/ACTIVITY/set.json        a set exists when this does
+///     HOST/RESOURCE/ACTIVITY/catalog.db
+///     HOST/RESOURCE/ACTIVITY/channel-NNNN.mtf
+///
+/// A value; any thread.
+class Pool {
+public:
+  /// Makes a pool in an empty or missing folder. False with the reason (not a file URL, not empty, not writable).
+  static bool create(const std::string& url, const std::string& uuid, std::string& error);
+  /// Opens one. False with the reason: no pool there, not readable, a newer format, or `uuid` (when not empty) is not
+  /// the pool's.
+  static bool open(const std::string& url, const std::string& uuid, Pool& pool, std::string& error);
+
+  const std::string& uuid() const { return uuid_; }
+  const std::string& folder() const { return folder_; }
+  std::string set_folder(const std::string& uri) const { return folder_ + "/" + uri; }
+
+  /// Records of all sets below `prefix` ("" for all, "HOST", "HOST/RESOURCE"), oldest first. Folders without a record
+  /// are no sets; unreadable records are named in `errors`.
+  std::vector<Set_Record> sets(const std::string& prefix, std::vector<std::string>& errors) const;
+  /// Makes the folder of a new set. False with the reason, also when it exists.
+  bool make_set_folder(const std::string& uri, std::string& error) const;
+  /// The same, and locks it for the calling run before anybody can take it for left over.
+  bool make_set_folder(const std::string& uri, Set_Lock& lock, std::string& error) const;
+  /// Removes folders under "HOST/RESOURCE" that hold no record and that no living process has locked: what unfinished
+  /// runs left. Returns how many; `error` says what could not be removed.
+  unsigned remove_unfinished(const std::string& prefix, std::string& error) const;
+  /// Removes a set: its record first, then its files.
+  bool remove_set(const std::string& uri, std::string& error) const;
+
+private:
+  bool make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string& error) const;
+
+  std::string uuid_;
+  std::string folder_;
+};

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "sdk/json/json_spirit.h"
+
+#include <string>
+#include <vector>
+
+/// The record that makes a set exist: `set.json` in the set's folder, written last.
+struct Set_Record {
+  struct Medium {
+    std::string name;                    ///< file name inside the set's folder
+    unsigned long long size = 0;         ///< bytes
+    unsigned family = 0;                 ///< MTF media family id
+  };
+
+  static constexpr const char* FILE_NAME = "set.json";
+  static constexpr int FORMAT_VERSION = 1;
+
+  std::string uuid;
+  std::string uri;                       ///< folder inside the pool, "HOST/RESOURCE/ACTIVITY"
+  std::string host_uuid;
+  std::string minor_resource_id;
+  std::string minor_resource_name;
+  std::string resource_uuid;
+  std::string definition_uuid;
+  std::string name;
+  std::string agent;
+  std::string host;
+  std::string type;                      ///< "full", "incremental"
+  std::string incarnation;
+  std::vector<std::string> bases;
+  unsigned seq = 0;
+  unsigned channels = 0;
+  std::string start_time;                ///< "%Y-%m-%d %H:%M:%S", UTC
+  std::string end_time;
+  unsigned long long source_size = 0;
+  unsigned long long backup_set_size = 0;
+  unsigned long long backup_set_storage_size = 0;
+  std::string encryption;
+  std::vector<Medium> media;
+  json_spirit::Object figures;           ///< the run's account
+
+  json_spirit::Object to_json() const;
+  /// False when something is missing, of the wrong type, or of a newer format; `error` names it. `record` is then
+  /// untouched.
+  static bool from_json(const json_spirit::Object& json, Set_Record& record, std::string& error);
+};
+
+/// Writes the record of the set in `folder` so that it is there whole or not at all: temporary file, fsync, rename,
+/// fsync of the folder. False with the reason.
+bool write_set_record(const std::string& folder, const Set_Record& record, std::string& error);
+/// Reads it. False with the reason; `missing`, when given, tells an absent record from a bad one.
+bool read_set_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing = nullptr);

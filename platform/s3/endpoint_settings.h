@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+/// How an endpoint wants to be reached beyond what a job's entry says. Kept by endpoint, because the entry's own
+/// attributes are all that a resource hands on; whoever loads an account registers it here before jobs run.
+struct Endpoint_Settings {
+  enum Addressing { ADDRESSING_AUTO, ADDRESSING_PATH, ADDRESSING_VIRTUAL };
+
+  Addressing addressing = ADDRESSING_AUTO;   ///< auto: path style for addresses and single-label hosts
+  std::string ca_file;                       ///< PEM; empty: the system's
+  unsigned connect_timeout = 10;             ///< seconds
+  unsigned idle_timeout = 60;                ///< seconds without a byte
+  unsigned long long part_size = 16ull << 20;      ///< bytes of a multipart part; objects above it go in parts
+
+  /// Registers the settings of host:port for one access key. Any thread.
+  static void set(const std::string& host, unsigned short port, const std::string& access_key,
+                  const Endpoint_Settings& settings);
+  /// What was registered, else the defaults.
+  static Endpoint_Settings get(const std::string& host, unsigned short port, const std::string& access_key);
+};

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// What the S3 layer saw during one job: the left side of the account that every run gives. Services take it from the
+/// options that they are made with. Any thread.
+class S3_Ledger {
+public:
+  /// A key that a listing showed but that cannot be an object in the catalog: it equals the listed prefix.
+  struct Folder_Object {
+    std::string path;                     ///< "/bucket/key/"
+    unsigned long long size = 0;
+  };
+  /// A prefix whose listing failed and was not successfully repeated.
+  struct Failed_Listing {
+    std::string path;                     ///< "/bucket/prefix"
+    std::string message;
+  };
+
+  std::atomic<unsigned long long> requests{0};        ///< sent, successful or not
+  std::atomic<unsigned long long> listed_keys{0};     ///< keys on all pages received, folder objects included
+  std::atomic<unsigned long long> head_objects{0};    ///< single objects asked for by name
+  std::atomic<unsigned long long> bytes_read{0};      ///< of object bodies
+  std::atomic<unsigned long long> bytes_written{0};
+
+  /// Called by the service for each such key of a page.
+  void folder_object(const std::string& path, unsigned long long size);
+  /// Called by the service when a listing request fails, and when one for the same prefix succeeds afterwards.
+  void listing_failed(const std::string& path, const std::string& message);
+  void listing_succeeded(const std::string& path);
+
+  unsigned long long empty_folder_objects() const;    ///< of size 0
+  unsigned long long full_folder_objects() const;     ///< with data
+  /// Up to 1000 of them, those with data first.
+  std::vector<Folder_Object> folder_objects() const;
+  std::vector<Failed_Listing> failed_listings() const;
+
+private:
+  mutable std::mutex mutex_;                          ///< guards what follows
+  unsigned long long empty_folders_ = 0;
+  unsigned long long full_folders_ = 0;
+  std::vector<Folder_Object> full_;
+  std::vector<Folder_Object> empty_;
+  std::map<std::string, std::string> failed_;
+  std::atomic<bool> any_failed_{false};               ///< spares the lock on the common road
+};

@@ -1,0 +1,135 @@
+#pragma once
+
+#include <ace/Basic_Types.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+class S3_Ledger;
+
+/// Why a request failed.
+class S3_Error {
+public:
+  S3_Error() = default;
+  S3_Error(int number, int status, std::string code, std::string message, bool retriable)
+      : number_(number), status_(status), code_(std::move(code)), message_(std::move(message)), retriable_(retriable) {}
+
+  int number() const { return number_; }                      ///< an errno value; 0: no error
+  int status() const { return status_; }                      ///< HTTP status; 0 when there was no answer
+  const std::string& code() const { return code_; }           ///< the service's own, as "NoSuchKey", or the transport's
+  const std::string& message() const { return message_; }
+  bool retriable() const { return retriable_; }               ///< whether repeating the request may help
+  /// "CODE: message" for log lines.
+  std::string text() const { return message_.empty() ? code_ : code_ + ": " + message_; }
+
+private:
+  int number_ = 0;
+  int status_ = 0;
+  std::string code_;
+  std::string message_;
+  bool retriable_ = false;
+};
+
+struct S3_Object {
+  std::string name;               ///< the key
+  bool exists = false;
+  ACE_UINT64 mtime = 0;           ///< seconds since the epoch
+  ACE_UINT64 size = 0;            ///< bytes
+  std::string etag;               ///< opaque, quotes included; empty where it was not asked for
+  std::string storage_class;      ///< empty for the service's default
+};
+
+struct S3_Bucket {
+  std::string name;
+  std::string location;
+  std::string region;
+  time_t ctime = 0;               ///< seconds since the epoch
+};
+
+class Get_Service_Parameter {
+public:
+  void marker(const char* text) { marker_ = text ? text : ""; }
+  const std::string& marker() const { return marker_; }
+
+private:
+  std::string marker_;
+};
+
+struct Get_Service_Content {
+  std::vector<S3_Bucket> buckets;
+  std::string owner;
+  bool truncated = false;
+  std::string next_marker;
+};
+
+class Get_Bucket_Parameter {
+public:
+  void prefix(const char* text) { prefix_ = text ? text : ""; }
+  void marker(const char* text) { marker_ = text ? text : ""; }
+  void delimiter(const char* text) { delimiter_ = text ? text : ""; }
+  /// Keys and common prefixes of a page; negative: the service's own number.
+  void max_keys(int count) { max_keys_ = count; }
+  const std::string& prefix() const { return prefix_; }
+  const std::string& marker() const { return marker_; }
+  const std::string& delimiter() const { return delimiter_; }
+  int max_keys() const { return max_keys_; }
+
+private:
+  std::string prefix_;
+  std::string marker_;
+  std::string delimiter_;
+  int max_keys_ = -1;
+};
+
+/// One page of a listing. Keys and prefixes are the bytes of the keys themselves, decoded.
+struct Get_Bucket_Content {
+  std::vector<S3_Object> objects;
+  std::vector<std::string> common_prefixes;
+  bool truncated = false;
+  /// Where the next page begins; never empty while `truncated`, also where the service gives none.
+  std::string next_marker;
+};
+
+/// How a client logs on to a service.
+struct S3_Client_Options {
+  S3_Client_Options();
+  /// Requests whose waits add up to `max_retry_seconds` are given up; -1: no bound.
+  S3_Client_Options(const std::string& access_key, const std::string& secret_key, int max_retry_seconds);
+  ~S3_Client_Options();
+
+  std::string access_key;
+  std::string secret_key;
+  int max_retry_seconds = 0;
+  std::string region;
+  std::string vendor;
+  std::string sign_method;                ///< "v4", "v2"; empty: v4
+  std::shared_ptr<S3_Ledger> ledger;      ///< of the job that the constructing thread works for
+};
+
+/// How one service is reached.
+struct S3_Service_Options {
+  S3_Service_Options();
+  ~S3_Service_Options();
+
+  std::string type;                       ///< URI scheme
+  std::string host;
+  unsigned short port = 0;
+  bool ssl = false;
+  std::string access_key;
+  std::string secret_key;
+  std::string region;
+  std::string vendor;
+  std::string sign_method;
+  int max_retry_seconds = 0;
+  bool sts_credential = false;
+  std::string sts_token;
+  time_t sts_expires = 0;
+  std::string sts_server_host;
+  unsigned short sts_server_port = 0;
+  bool sts_server_ssl = false;
+  std::string sts_server_token;
+  std::string device_id;
+  std::shared_ptr<S3_Ledger> ledger;      ///< of the job that the constructing thread works for
+};
