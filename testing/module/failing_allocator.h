@@ -28,6 +28,11 @@ inline void* allocate(std::size_t size) noexcept {
 
 } // namespace module_testing
 
+#if defined(__GNUC__) && !defined(__clang__)
+// With these inlined the compiler sees free() meet memory of operator new, and cannot know that it came from malloc().
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 void* operator new(std::size_t size) {
   if (void* const memory = module_testing::allocate(size))
     return memory;
