@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/mtf/backup_account.h"
+#include "platform/mtf/run_account.h"
 #include "platform/mtf/backup_queue.h"
 #include "platform/mtf/backup_reading.h"
 #include "platform/mtf/medium_writer.h"

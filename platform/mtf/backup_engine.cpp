@@ -4,18 +4,14 @@
 #include "platform/mtf/backup_channel.h"
 #include "platform/mtf/backup_listing.h"
 #include "platform/mtf/engine_log.h"
+#include "platform/mtf/engine_threads.h"
+#include "platform/mtf/media_feed.h"
 #include "sdk/base/clock.h"
 #include "sdk/job/job.h"
 
-#include <pthread.h>
-
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <cstdio>
 #include <mutex>
 #include <random>
-#include <thread>
 
 using namespace MTF;
 
@@ -24,15 +20,6 @@ namespace {
 constexpr unsigned DEFAULT_READERS = 32;
 constexpr unsigned MAX_READERS = 1024;
 constexpr unsigned MAX_CHANNELS = 256;
-/// How often the run asks whether it shall end or pause.
-constexpr auto POLL_INTERVAL = std::chrono::milliseconds(100);
-constexpr auto PROGRESS_INTERVAL = std::chrono::seconds(1);
-
-std::string medium_name(unsigned channel) {
-  char name[32];
-  std::snprintf(name, sizeof name, "channel-%04u.mtf", channel);
-  return name;
-}
 
 unsigned make_family() {
   std::random_device random;
@@ -84,7 +71,7 @@ struct Backup_Engine::Impl {
   void list();
   void fail(Error_Code code, const std::string& text);
   void start(const std::string& name, std::function<void()> body);
-  void supervise();
+  void supervise(bool tell);
   void conclude(const ACE_Time_Value& begun, bool kept);
   void discard();
 
@@ -109,12 +96,10 @@ struct Backup_Engine::Impl {
   ISrc_Lister_var lister;
   unsigned long long set_bytes = 0;      ///< on media and in the catalog
 
+  Engine_Threads threads;
   std::mutex mutex;                      ///< guards what follows
-  std::condition_variable changed;
-  unsigned running = 0;
   Error_Code code = E_OK;
   std::string failure;
-  std::vector<std::thread> threads;      ///< the calling thread's own
 };
 
 Backup_Engine::Backup_Engine(Backup_Order order, Event_Handler_var handler, Metadata& metadata,
@@ -155,7 +140,6 @@ void Backup_Engine::Impl::fail(Error_Code why, const std::string& text) {
   if (events)
     events->stop();
   queue.stop();
-  changed.notify_all();
 }
 
 bool Backup_Engine::Impl::prepare(const std::string& location, const std::string& pool_uuid) {
@@ -216,36 +200,8 @@ bool Backup_Engine::Impl::make_media() {
   return true;
 }
 
-/// Starts one of the run's threads, which works for the job that the run works for. What goes wrong in it ends the run.
 void Backup_Engine::Impl::start(const std::string& name, std::function<void()> body) {
-  {
-    std::lock_guard<std::mutex> guard(mutex);
-    ++running;
-  }
-  auto top = [this, name, body = std::move(body)] {
-    pthread_setname_np(pthread_self(), name.c_str());
-    Job::current(job);
-    try {
-      body();
-    } catch (const std::bad_alloc&) {
-      fail(E_FAILED, "Memory is short: the backup ends.");
-    } catch (const std::exception& e) {
-      fail(E_FAILED, std::string("The backup ends: ") + e.what() + ".");
-    }
-    Job::current(nullptr);
-    std::lock_guard<std::mutex> guard(mutex);
-    --running;
-    changed.notify_all();
-  };
-  try {
-    threads.emplace_back(std::move(top));
-  } catch (const std::exception& e) {
-    {
-      std::lock_guard<std::mutex> guard(mutex);
-      --running;
-    }
-    fail(E_FAILED, std::string("A thread of the backup cannot be started: ") + e.what() + ".");
-  }
+  threads.start(name, std::move(body), [this](const std::string& why) { fail(E_FAILED, "The backup ends: " + why + "."); });
 }
 
 void Backup_Engine::Impl::list() {
@@ -266,27 +222,15 @@ void Backup_Engine::Impl::list() {
   queue.close();
 }
 
-/// Asks for cancel and pause and tells the progress until all threads have ended.
-void Backup_Engine::Impl::supervise() {
-  auto told = std::chrono::steady_clock::now();
-  for (;;) {
-    {
-      std::unique_lock<std::mutex> lock_(mutex);
-      changed.wait_for(lock_, POLL_INTERVAL, [this] { return running == 0; });
-      if (running == 0)
-        return;
-    }
-    if (handler.null())
-      continue;
-    if (handler->is_canceling())
-      fail(E_CANCELED, "The backup was cancelled.");
-    queue.pause(handler->pausing());
-    const auto now = std::chrono::steady_clock::now();
-    if (now - told >= PROGRESS_INTERVAL) {
-      told = now;
-      handler->handle_progress(0, account.saved_objects(), account.bytes_read(), account.stored_bytes());
-    }
-  }
+/// Asks for cancel and pause and tells the progress.
+void Backup_Engine::Impl::supervise(bool tell) {
+  if (handler.null())
+    return;
+  if (handler->is_canceling())
+    fail(E_CANCELED, "The backup was cancelled.");
+  queue.pause(handler->pausing());
+  if (tell)
+    handler->handle_progress(0, account.saved_objects(), account.bytes_read(), account.stored_bytes());
 }
 
 bool Backup_Engine::Impl::write_objects() {
@@ -326,10 +270,7 @@ bool Backup_Engine::Impl::write_objects() {
       start("Reader " + std::to_string(r), [channel] { channel->read(); });
   }
   start("Lister", [this] { list(); });
-  supervise();
-  for (std::thread& thread : threads)
-    thread.join();
-  threads.clear();
+  threads.join([this](bool tell) { supervise(tell); });
   // The lister is the callback's, and both may hold connections.
   lister = ISrc_Lister_var();
   shared.callback = IBackup_Callback_var();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/mtf/backup_account.h"
+#include "platform/mtf/run_account.h"
 #include "platform/mtf/backup_limits.h"
 #include "platform/mtf/object_image.h"
 #include "platform/pool/pool.h"

@@ -365,13 +365,15 @@ TEST_F(Backup, cancel_at_any_point_ends_cleanly) {
       source_.on_list = [&, point](unsigned n) {
         if (while_listing && n == point)
           events_->cancel = true;
+        // The listing does not end before the cancel has come.
+        while (n == 59 && !events_->cancel)
+          std::this_thread::yield();
         return true;
       };
       source_.on_open = [&, point](const std::string&) {
         if (!while_listing && ++opened == point + 1)
           events_->cancel = true;
       };
-      // The source does not end by itself before the cancel is seen.
       source_.list_result = -1;
       EXPECT_FALSE(run());
       EXPECT_EQ(E_CANCELED, engine_->err_code());

@@ -233,7 +233,11 @@ public:
       items.push_back(options);
     return 0;
   }
-  bool canceling() override { return cancel; }
+  bool canceling() override {
+    if (cancel)
+      seen = true;
+    return cancel;
+  }
   bool pausing() override { return pause; }
 
   unsigned long long figure(const char* name) {
@@ -257,4 +261,5 @@ public:
   json_spirit::Object outcome;
   std::atomic<bool> cancel{false};
   std::atomic<bool> pause{false};
+  std::atomic<bool> seen{false};       ///< the cancel was answered
 };

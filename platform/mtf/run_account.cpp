@@ -1,4 +1,4 @@
-#include "platform/mtf/backup_account.h"
+#include "platform/mtf/run_account.h"
 
 #include <algorithm>
 
@@ -55,10 +55,29 @@ void Run_Account::problem(Catalog_Problem::Kind kind, const char* type, const st
     handler_->add_skipped_dirs(1);
   else
     handler_->add_skipped_files(1);
+  tell(type, "/" + path, code, message);
+}
+
+void Run_Account::absent(const std::string& path) {
+  ++problems_;
+  const bool folder = path.empty() || path.back() == '/';
+  const char* const type = folder ? "directory" : "file";
+  const std::string message = "The set holds nothing of that name.";
+  note(type, "/" + path, Value(), message);
+  if (handler_.null())
+    return;
+  if (folder)
+    handler_->add_skipped_dirs(1);
+  else
+    handler_->add_skipped_files(1);
+  tell(type, "/" + path, Value(), message);
+}
+
+void Run_Account::tell(const char* type, const std::string& path, const Value& number, const std::string& message) {
   Object event;
   event["type"] = type;
-  event["name"] = "/" + path;
-  event["errno"] = code;
+  event["name"] = path;
+  event["errno"] = number;
   event["message"] = message;
   handler_->notify_event(MTF::EVENT_ITEM_ERROR, event);
 }

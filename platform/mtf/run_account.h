@@ -34,10 +34,15 @@ public:
   /// Adds one entry of the outcome's "errors" without counting anything or telling anybody.
   void note(const std::string& type, const std::string& path, const json_spirit::Value& number,
             const std::string& message);
+  /// The objects that the run is about, where they are known beforehand.
+  void selected(unsigned long long count) { listed_ = count; }
+  /// Something that was asked for by name and is not there: no object, but a problem.
+  void absent(const std::string& path);
   /// Problems are also written there; null: nowhere any more.
   void catalog(Catalog_Writer* catalog) { catalog_ = catalog; }
 
   unsigned long long saved_objects() const { return saved_; }
+  unsigned long long unchanged_objects() const { return unchanged_; }
   unsigned long long saved_bytes() const { return saved_bytes_; }
   unsigned long long stored_bytes() const { return stored_; }
   unsigned long long bytes_read() const { return bytes_read_; }
@@ -53,6 +58,7 @@ public:
   json_spirit::Object figures(const S3_Ledger* ledger, bool whole, bool kept, double seconds);
 
 private:
+  void tell(const char* type, const std::string& path, const json_spirit::Value& number, const std::string& message);
   void problem(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
                const std::string& message);
 
