@@ -1,8 +1,5 @@
 #pragma once
 
-// Replaces the allocating operators of the program: included by exactly one source of each test program that wants
-// to run short of memory.
-
 #include <cstdlib>
 #include <new>
 
@@ -28,22 +25,37 @@ inline void* allocate(std::size_t size) noexcept {
 
 } // namespace module_testing
 
-#if defined(__GNUC__) && !defined(__clang__)
-// With these inlined the compiler sees free() meet memory of operator new, and cannot know that it came from malloc().
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-void* operator new(std::size_t size) {
-  if (void* const memory = module_testing::allocate(size))
-    return memory;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return module_testing::allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return module_testing::allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
-void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+/// Replaces the allocating operators of a test program, once in each that uses Short_Memory.
+#define MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()                                                                      \
+  void* operator new(std::size_t size) {                                                                               \
+    if (void* const memory = module_testing::allocate(size))                                                           \
+      return memory;                                                                                                   \
+    throw std::bad_alloc();                                                                                            \
+  }                                                                                                                    \
+  void* operator new[](std::size_t size) {                                                                             \
+    return operator new(size);                                                                                         \
+  }                                                                                                                    \
+  void* operator new(std::size_t size, const std::nothrow_t&) noexcept {                                               \
+    return module_testing::allocate(size);                                                                             \
+  }                                                                                                                    \
+  void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {                                             \
+    return module_testing::allocate(size);                                                                             \
+  }                                                                                                                    \
+  void operator delete(void* memory) noexcept {                                                                        \
+    std::free(memory);                                                                                                 \
+  }                                                                                                                    \
+  void operator delete[](void* memory) noexcept {                                                                      \
+    std::free(memory);                                                                                                 \
+  }                                                                                                                    \
+  void operator delete(void* memory, std::size_t) noexcept {                                                           \
+    std::free(memory);                                                                                                 \
+  }                                                                                                                    \
+  void operator delete[](void* memory, std::size_t) noexcept {                                                         \
+    std::free(memory);                                                                                                 \
+  }                                                                                                                    \
+  void operator delete(void* memory, const std::nothrow_t&) noexcept {                                                 \
+    std::free(memory);                                                                                                 \
+  }                                                                                                                    \
+  void operator delete[](void* memory, const std::nothrow_t&) noexcept {                                               \
+    std::free(memory);                                                                                                 \
+  }

@@ -3,6 +3,7 @@
 #include "sdk/job/job_definition.h"
 #include "testing/module/fake_s3_service.h"
 #include "testing/module/log_sink.h"
+#include "testing/s3_server/s3_server.h"
 
 #include <gtest/gtest.h>
 
@@ -112,6 +113,46 @@ TEST_F(connection, listing_of_buckets_that_do_not_answer_fails_with_the_last_cod
   service->add_service_page({bucket("x")});
   EXPECT_FALSE(connect());
   EXPECT_EQ("Failed to get all buckets, errcode: NoSuchBucket.", error);
+}
+
+/// The same against a server that speaks the protocol.
+struct real_connection : testing::Test {
+  real_connection() {
+    const s3_testing::S3_Server_Options options;
+    entry = Object{{"scheme", "http"},
+                   {"endpoint", s3.endpoint()},
+                   {"access_key", options.access_key},
+                   {"secret_key", options.secret_key},
+                   {"region", options.region}};
+    s3.create_bucket("there");
+  }
+  s3_testing::S3_Server s3;
+  Object entry;
+  Names buckets;
+  std::string error;
+};
+
+TEST_F(real_connection, job_bucket_that_is_there_connects) {
+  buckets = {"there"};
+  EXPECT_TRUE(try_connect(entry, buckets, error)) << error;
+  EXPECT_EQ(1u, s3.count());
+}
+
+TEST_F(real_connection, account_with_a_bucket_connects) {
+  EXPECT_TRUE(try_connect(entry, buckets, error)) << error;
+  EXPECT_TRUE(buckets.empty());
+}
+
+TEST_F(real_connection, wrong_key_is_told_by_its_code) {
+  entry["secret_key"] = "wrong";
+  EXPECT_FALSE(try_connect(entry, buckets, error));
+  EXPECT_EQ("Failed to list buckets, code: SignatureDoesNotMatch.", error);
+}
+
+TEST_F(real_connection, missing_bucket_fails) {
+  buckets = {"gone"};
+  EXPECT_FALSE(try_connect(entry, buckets, error));
+  EXPECT_EQ("Failed to get all buckets, errcode: ", error.substr(0, 36));
 }
 
 /// The handler that is made of these settings.

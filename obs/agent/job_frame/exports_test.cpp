@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()
+
 typedef Object_Creator_T<YAJL_Handler> Parser_Creator;
 
 extern "C" {

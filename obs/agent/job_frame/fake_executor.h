@@ -38,10 +38,10 @@ struct Plan {
   int password_code = 0;
   bool done = true;
   bool setup = true;
-  std::function<void(Job&)> work;       ///< called by execute_i
+  std::function<void(Job&)> work; ///< called by execute_i
   std::function<void()> rollback_work;
 
-  mutable std::mutex lock;              ///< guards what follows
+  mutable std::mutex lock; ///< guards what follows
   std::vector<std::string> events;
 };
 

@@ -39,7 +39,7 @@ struct job_executor : testing::Test {
   module_testing::Fake_Clock clock{1234567};
   Plan plan;
   Job_var job;
-  std::function<void(const std::string&)> on_line;   ///< called for each line of a script, while it runs
+  std::function<void(const std::string&)> on_line; ///< called for each line of a script, while it runs
 };
 
 TEST_F(job_executor, records_and_target_come_from_the_definition) {

@@ -1,6 +1,7 @@
 #include "obs/agent/job_frame/thread_helper.h"
 
 #include "obs/agent/job_frame/failing_spawn.h"
+#include "testing/module/failing_allocator.h"
 #include "testing/module/log_sink.h"
 
 #include <ace/Manual_Event.h>
@@ -42,7 +43,9 @@ struct Work {
 constexpr long DETACHED = THR_NEW_LWP | THR_DETACHED | THR_INHERIT_SCHED;
 constexpr long JOINABLE = THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED;
 
-TEST(thread_helper, flags_of_detached_threads_have_their_documented_value) { EXPECT_EQ(0x400042, DETACHED); }
+TEST(thread_helper, flags_of_detached_threads_have_their_documented_value) {
+  EXPECT_EQ(0x400042, DETACHED);
+}
 
 TEST(thread_helper, new_helper_has_no_thread) {
   Thread_Helper helper(JOINABLE, ACE_DEFAULT_THREAD_PRIORITY);
@@ -146,6 +149,22 @@ TEST(thread_helper, failed_spawn_leaves_the_helper_ready) {
   EXPECT_NE(-1, helper.spawn(&Work::run_through, &work));
   helper.join();
   EXPECT_TRUE(work.finished);
+}
+
+TEST(thread_helper, helper_without_memory_starts_nothing) {
+  Work work;
+  for (int nth = 1; nth <= 2; ++nth) {
+    module_testing::Log_Sink log;
+    const module_testing::Short_Memory short_memory(nth);
+    Thread_Helper helper(JOINABLE, ACE_DEFAULT_THREAD_PRIORITY);
+    EXPECT_EQ(-1, helper.spawn(&Work::run_through, &work)) << nth;
+    EXPECT_FALSE(helper.running());
+    // Without its flag the helper is broken for good and says so.
+    EXPECT_EQ(nth == 1 ? 1u : 0u,
+              log.count(LM_EMERGENCY, "Unexpected error in obs/agent/job_frame/thread_helper.cpp:"));
+    EXPECT_EQ(nth == 1 ? 1u : 0u, log.count(", _running is NULL:\n"));
+  }
+  EXPECT_FALSE(work.finished);
 }
 
 TEST(thread_helper, starting_hook_runs_on_the_new_thread_before_spawn_returns) {

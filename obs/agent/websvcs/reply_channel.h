@@ -31,7 +31,7 @@ public:
   int request(const JSON_RPC_Request&, JSON_RPC_Object_var&) override { return -1; }
 
   int sent = 0;
-  std::string text;            ///< the result, or "CODE MESSAGE DATA" of an error
+  std::string text; ///< the result, or "CODE MESSAGE DATA" of an error
   json_spirit::Value result;
   json_spirit::Value id;
 };
