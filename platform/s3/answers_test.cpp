@@ -33,7 +33,9 @@ Page read(const std::string& document, const Get_Bucket_Parameter& param = {}, s
   return page;
 }
 
-std::string list(const std::string& inside) { return START + inside + END; }
+std::string list(const std::string& inside) {
+  return START + inside + END;
+}
 
 TEST(Listing_Reader, page_is_the_same_in_pieces_of_any_size) {
   const std::string document = list("<IsTruncated>true</IsTruncated>" + entry("a") + entry("b &amp; c") +
@@ -69,7 +71,8 @@ TEST(Listing_Reader, next_marker_is_the_later_of_last_key_and_last_prefix) {
 }
 
 TEST(Listing_Reader, marker_of_a_last_page_is_dropped) {
-  EXPECT_EQ("", read(list(entry("a") + "<IsTruncated>false</IsTruncated><NextMarker>a</NextMarker>")).content.next_marker);
+  EXPECT_EQ("",
+            read(list(entry("a") + "<IsTruncated>false</IsTruncated><NextMarker>a</NextMarker>")).content.next_marker);
 }
 
 TEST(Listing_Reader, page_that_does_not_lead_on_is_told) {

@@ -7,8 +7,8 @@
 #include <mutex>
 
 struct S3_Client::Impl {
-  std::mutex mutex;                          ///< guards endpoint
-  std::shared_ptr<s3::Endpoint> endpoint;    ///< null while not connected
+  std::mutex mutex;                       ///< guards endpoint
+  std::shared_ptr<s3::Endpoint> endpoint; ///< null while not connected
 
   std::shared_ptr<s3::Endpoint> get() {
     std::lock_guard<std::mutex> guard(mutex);

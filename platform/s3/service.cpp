@@ -180,7 +180,8 @@ bool Service::fits(const HTTP_Head& head, ACE_UINT64 offset, const Generation* g
                    ACE_UINT64& size) {
   ACE_UINT64 length = 0, first = 0;
   if (!parse_size(head.value("content-length"), length)) {
-    set_error(S3_Error(EPROTO, head.status, "MissingContentLength", "the answer names no length (" + what + ")", false));
+    set_error(
+        S3_Error(EPROTO, head.status, "MissingContentLength", "the answer names no length (" + what + ")", false));
     return false;
   }
   if (offset == 0) {

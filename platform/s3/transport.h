@@ -12,10 +12,10 @@ namespace s3 {
 
 /// What became of a request.
 struct Outcome {
-  S3_Error error;                 ///< number 0: success
-  unsigned retry_after = 0;       ///< seconds that the service asked for; 0: none
+  S3_Error error;           ///< number 0: success
+  unsigned retry_after = 0; ///< seconds that the service asked for; 0: none
   HTTP_Head head;
-  std::string body;               ///< of a small answer
+  std::string body; ///< of a small answer
 
   bool ok() const { return error.number() == 0; }
 };

@@ -21,7 +21,9 @@ std::string_view local_name(const char* name) {
 
 } // namespace
 
-void XML_Reader::Parser_Free::operator()(XML_ParserStruct* parser) const { XML_ParserFree(parser); }
+void XML_Reader::Parser_Free::operator()(XML_ParserStruct* parser) const {
+  XML_ParserFree(parser);
+}
 
 XML_Reader::XML_Reader() : parser_(XML_ParserCreate("UTF-8")) {
   if (!parser_) {
@@ -72,7 +74,9 @@ void XML_Reader::stop(const char* why) {
   XML_StopParser(parser_.get(), XML_FALSE);
 }
 
-bool XML_Reader::is(const Path& path, std::string_view a) { return path.size() == 1 && path[0] == a; }
+bool XML_Reader::is(const Path& path, std::string_view a) {
+  return path.size() == 1 && path[0] == a;
+}
 
 bool XML_Reader::is(const Path& path, std::string_view a, std::string_view b) {
   return path.size() == 2 && path[1] == b && path[0] == a;
