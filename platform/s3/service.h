@@ -31,6 +31,7 @@ private:
   };
 
   bool report(Outcome outcome);
+  Outcome list(const Request& request, const Get_Bucket_Parameter& param, Get_Bucket_Content& content);
   bool named(const char* bucket);
   bool named(const char* bucket, const char* key);
   bool fits(const HTTP_Head& head, ACE_UINT64 offset, const Generation* generation, const std::string& what,
@@ -39,6 +40,7 @@ private:
   std::shared_ptr<Endpoint> endpoint_;
   Transport transport_;
   Generation generation_;
+  bool mends_pages_ = false; ///< the service has put on a page what XML does not allow
 };
 
 } // namespace s3

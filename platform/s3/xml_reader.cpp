@@ -48,6 +48,18 @@ bool XML_Reader::feed(const char* data, size_t size) {
     problem_ = "the document is too large";
     return false;
   }
+  if (!mends_) {
+    parse(data, size);
+  } else {
+    std::string mended;
+    mended.reserve(size + size / 4);
+    mender_.feed(data, size, mended);
+    parse(mended.data(), mended.size());
+  }
+  return !failed();
+}
+
+void XML_Reader::parse(const char* data, size_t size) {
   while (size > 0 && !failed()) {
     const int piece = static_cast<int>(std::min<size_t>(size, 1u << 20));
     if (XML_Parse(parser_.get(), data, piece, XML_FALSE) != XML_STATUS_OK && !failed())
@@ -55,7 +67,6 @@ bool XML_Reader::feed(const char* data, size_t size) {
     data += piece;
     size -= static_cast<size_t>(piece);
   }
-  return !failed();
 }
 
 bool XML_Reader::finish() {
@@ -112,6 +123,8 @@ void XML_Reader::on_end(void* data, const char*) {
   try {
     if (self->failed())
       return;
+    if (self->mends_)
+      self->text_ = XML_Mender::restore(self->text_);
     self->end(self->path_, self->text_);
     self->text_.clear();
     --self->depth_;
