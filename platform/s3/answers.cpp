@@ -166,10 +166,14 @@ bool Listing_Reader::complete(const Get_Bucket_Parameter& param) {
     content_.next_marker.clear();
     return true;
   }
-  if (content_.next_marker.empty())
+  std::string decoded;
+  if (content_.next_marker.empty() || content_.next_marker == last) {
     content_.next_marker = last;
-  else if (encoded_)
-    decode(content_.next_marker, param.prefix());
+  } else if (encoded_ && percent_decode(content_.next_marker, true, decoded) && decoded != content_.next_marker) {
+    // Some services (radosgw) encode the keys but not the marker, and "a+b" may then be either. Where the page itself
+    // ends is a marker, too, and certain.
+    content_.next_marker = last.empty() ? decoded : last;
+  }
   return content_.next_marker > param.marker();
 }
 

@@ -70,6 +70,16 @@ TEST(Listing_Reader, next_marker_is_the_later_of_last_key_and_last_prefix) {
   EXPECT_EQ("given", read(list(entry("a") + prefix + "<NextMarker>given</NextMarker>")).content.next_marker);
 }
 
+TEST(Listing_Reader, next_marker_is_understood_encoded_or_not) {
+  const std::string head = "<EncodingType>url</EncodingType><IsTruncated>true</IsTruncated><NextMarker>";
+  for (const char* marker : {"a+b", "a%2Bb"})
+    EXPECT_EQ("a+b", read(list(head + marker + "</NextMarker>" + entry("a%2Bb"))).content.next_marker) << marker;
+  for (const char* marker : {"a%2520b", "a%20b"})
+    EXPECT_EQ("a%20b", read(list(head + marker + "</NextMarker>" + entry("a%2520b"))).content.next_marker) << marker;
+  EXPECT_EQ("z", read(list(head + "z</NextMarker>" + entry("a"))).content.next_marker);
+  EXPECT_EQ("z+", read(list(head + "z%2B</NextMarker>")).content.next_marker);
+}
+
 TEST(Listing_Reader, marker_of_a_last_page_is_dropped) {
   EXPECT_EQ("",
             read(list(entry("a") + "<IsTruncated>false</IsTruncated><NextMarker>a</NextMarker>")).content.next_marker);
