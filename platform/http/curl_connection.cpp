@@ -102,8 +102,11 @@ void Curl_Connection::accept() {
 }
 
 std::string Curl_Connection::refuse(size_t limit) {
-  std::string text(limit, '\0');
-  text.resize(read(&text[0], limit));
+  std::string text;
+  char piece[4096];
+  size_t got;
+  while (text.size() < limit && (got = read(piece, std::min(sizeof piece, limit - text.size()))) > 0)
+    text.append(piece, got);
   detach();
   state_ = FAILED;
   return text;

@@ -53,6 +53,12 @@ TEST(Listing_Reader, page_is_the_same_in_pieces_of_any_size) {
   }
 }
 
+TEST(Listing_Reader, blanks_before_the_document_are_passed_over) {
+  for (const size_t step : {size_t(1), size_t(1000)})
+    EXPECT_TRUE(read(" \r\n\t " + list(entry("a")), {}, step).leads_on);
+  EXPECT_FALSE(read("   ").well_formed);
+}
+
 TEST(Listing_Reader, blanks_belong_to_the_key) {
   EXPECT_EQ(" a\n b ", read(list(entry(" a\n b "))).content.objects.at(0).name);
 }

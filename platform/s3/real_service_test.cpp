@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 
 namespace {
 
@@ -93,6 +94,22 @@ protected:
       param.marker(content.next_marker.c_str());
     } while (content.truncated);
     EXPECT_EQ(keys, listed);
+    std::vector<std::string> top;
+    param = Get_Bucket_Parameter();
+    param.delimiter("/");
+    param.max_keys(3);
+    do {
+      ASSERT_TRUE(s.get_bucket(bucket.c_str(), param, content)) << s.error();
+      for (const S3_Object& object : content.objects)
+        top.push_back(object.name);
+      top.insert(top.end(), content.common_prefixes.begin(), content.common_prefixes.end());
+      param.marker(content.next_marker.c_str());
+    } while (content.truncated);
+    std::set<std::string> expected;
+    for (const std::string& key : keys)
+      expected.insert(key.substr(0, key.find('/') == std::string::npos ? key.size() : key.find('/') + 1));
+    EXPECT_EQ(expected.size(), top.size());
+    EXPECT_EQ(expected, std::set<std::string>(top.begin(), top.end()));
     param = Get_Bucket_Parameter();
     param.delimiter("/");
     param.prefix("a/");

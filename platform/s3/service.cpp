@@ -44,6 +44,7 @@ Service::Service(std::shared_ptr<Endpoint> endpoint) : endpoint_(std::move(endpo
 Service::~Service() = default;
 
 bool Service::report(Outcome outcome) {
+  retry_after_ = outcome.retry_after;
   set_error(outcome.error);
   return outcome.ok();
 }

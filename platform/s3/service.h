@@ -21,6 +21,9 @@ public:
   bool del_object(const char* bucket, const char* key) override;
   S3_IWriter_ptr upload(const char* bucket, const char* key, ACE_UINT64 size) override;
 
+  /// Seconds that the service asked to wait when it refused the last request; 0: none.
+  unsigned retry_after() const { return retry_after_; }
+
 private:
   /// The generation of an object that a reader has begun with.
   struct Generation {
@@ -40,6 +43,7 @@ private:
   std::shared_ptr<Endpoint> endpoint_;
   Transport transport_;
   Generation generation_;
+  unsigned retry_after_ = 0;
   bool mends_pages_ = false; ///< the service has put on a page what XML does not allow
 };
 

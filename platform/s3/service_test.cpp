@@ -462,6 +462,19 @@ TEST_F(Service_TLS_Test, unreadable_ca_file_is_named) {
   EXPECT_EQ("CertificateFileUnreadable", s->last_error().code());
 }
 
+TEST_F(Service_TLS_Test, peer_that_hangs_up_in_the_middle_is_an_error_and_no_signal) {
+  const S3_Service_var s = service();
+  const std::string data(8 << 20, 'x');
+  for (const bool early : {true, false}) {
+    server.clear_faults();
+    server.add_fault(early ? Fault::no_reply().on("PutObject") : Fault::cut_upload(100000).on("PutObject"));
+    const S3_IWriter_ptr writer = s->upload("bucket", "key", data.size());
+    EXPECT_EQ(static_cast<int>(data.size()), writer->write(data.data(), data.size()));
+    EXPECT_FALSE(writer->close());
+  }
+  EXPECT_FALSE(server.get("bucket", "key"));
+}
+
 TEST_F(Service_TLS_Test, large_body_passes_in_small_pieces) {
   server.put_synthetic("bucket", "key", 3 << 20, 5);
   const HTTP_Connection_var c = service()->get_object("bucket", "key", 0, nullptr);

@@ -48,6 +48,12 @@ bool XML_Reader::feed(const char* data, size_t size) {
     problem_ = "the document is too large";
     return false;
   }
+  // A service that is long about its answer sends blanks meanwhile, some even before the document.
+  while (!begun_ && size > 0 && (*data == ' ' || *data == '\n' || *data == '\r' || *data == '\t')) {
+    ++data;
+    --size;
+  }
+  begun_ = begun_ || size > 0;
   if (!mends_) {
     parse(data, size);
   } else {

@@ -68,6 +68,7 @@ private:
   size_t depth_ = 0;
   std::string text_;
   size_t size_ = 0;
+  bool begun_ = false;
   bool mends_ = false;
   XML_Mender mender_;
 };
