@@ -23,8 +23,8 @@ public:
   /// The first thing that is called on the new thread.
   virtual void handle_starting() {}
 
-  /// Runs `(object->*function)()`; its result is dropped. Returns when the thread has begun: 0, or -1 when it cannot
-  /// be started or one runs already.
+  /// Runs `(object->*function)()`; its result is dropped. Returns when the thread has begun, with what ACE's spawn
+  /// answered: its group, or -1 when it cannot be started. -1 too while a joinable thread is at work.
   template <typename R, typename C>
   int spawn(R (C::*function)(), C* object) {
     return spawn_function([function, object] { (void)(object->*function)(); });
