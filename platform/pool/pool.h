@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/pool/set_lock.h"
 #include "platform/pool/set_record.h"
 
 #include <memory>
@@ -31,13 +32,17 @@ public:
   std::vector<Set_Record> sets(const std::string& prefix, std::vector<std::string>& errors) const;
   /// Makes the folder of a new set. False with the reason, also when it exists.
   bool make_set_folder(const std::string& uri, std::string& error) const;
+  /// The same, and locks it for the calling run before anybody can take it for left over.
+  bool make_set_folder(const std::string& uri, Set_Lock& lock, std::string& error) const;
   /// Removes folders under "HOST/RESOURCE" that hold no record and that no living process has locked: what unfinished
-  /// runs left. Returns how many.
+  /// runs left. Returns how many; `error` says what could not be removed.
   unsigned remove_unfinished(const std::string& prefix, std::string& error) const;
   /// Removes a set: its record first, then its files.
   bool remove_set(const std::string& uri, std::string& error) const;
 
 private:
+  bool make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string& error) const;
+
   std::string uuid_;
   std::string folder_;
 };

@@ -1,0 +1,140 @@
+#include "agent/commands/commands.h"
+#include "agent/commands/paths.h"
+#include "agent/commands/run_job.h"
+
+#include "sdk/base/path.h"
+#include "sdk/job/job_definition.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+
+namespace {
+
+struct Backup_Arguments {
+  std::string account;
+  std::vector<std::string> paths;
+  std::string pool;
+  std::string name;
+  bool full = false;
+  unsigned channels = 4;
+  unsigned readers = 0;
+  unsigned scan_threads = 8;
+  std::string compression = "none";
+  int compression_level = 1;
+  std::vector<std::string> exclusions;
+  std::vector<std::string> inclusions;
+};
+
+/// The name of a selection that the operator did not name: the same paths and rules give the same one, so that the next
+/// run of the same command goes on with the same chain of sets.
+std::string derived_name(const Backup_Arguments& arguments) {
+  std::string name;
+  for (const std::string& path : arguments.paths)
+    name += (name.empty() ? "" : " ") + path;
+  if (name.empty())
+    name = "all buckets";
+  for (const std::string& rule : arguments.exclusions)
+    name += " -" + rule;
+  for (const std::string& rule : arguments.inclusions)
+    name += " +" + rule;
+  return name;
+}
+
+/// The selection of that name, made or brought up to date.
+Selection take_selection(Context& context, const Account& account, const Backup_Arguments& arguments) {
+  const std::string name = arguments.name.empty() ? derived_name(arguments) : arguments.name;
+  std::string error;
+  Selection selection;
+  bool found = false;
+  if (!context.store().find_selection(account.uuid, name, selection, found, error))
+    throw Command_Error(error);
+  const bool given = !arguments.paths.empty() || !arguments.exclusions.empty() || !arguments.inclusions.empty();
+  if (found && !given)
+    return selection;
+  if (!found)
+    selection.uuid = make_uuid();
+  selection.account_uuid = account.uuid;
+  selection.name = name;
+  selection.paths = arguments.paths;
+  selection.exclusions = arguments.exclusions;
+  selection.inclusions = arguments.inclusions;
+  const bool kept = found ? context.store().update_selection(selection, error)
+                          : context.store().add_selection(selection, error);
+  if (!kept)
+    throw Command_Error(error);
+  return selection;
+}
+
+void backup(Context& context, Backup_Arguments arguments) {
+  arguments.paths = checked_paths(arguments.paths);
+  const Account account = context.account(arguments.account);
+  const Pool_Entry pool = context.pool_entry(arguments.pool);
+  context.open_pool(pool);
+  const Selection selection = take_selection(context, account, arguments);
+
+  json_spirit::Object source;
+  source["id"] = account.uuid;
+  source["name"] = account.name;
+  source["minor_resource_id"] = selection.uuid;
+  source["minor_resource_name"] = selection.name;
+
+  json_spirit::Object options;
+  options["compression"] = arguments.compression;
+  options["compression_level"] = arguments.compression_level;
+  options["channels"] = arguments.channels;
+  options["scan_file_threads"] = arguments.scan_threads;
+
+  json_spirit::Object target;
+  target["id"] = pool.uuid;
+
+  json_spirit::Object definition;
+  definition["type"] = "backup";
+  definition["subtype"] = arguments.full ? "full" : "incremental";
+  definition["id"] = selection.uuid;
+  definition["uid"] = selection.uuid;
+  definition["name"] = account.name + ": " + selection.name;
+  definition["agent"] = "obs-agent";
+  definition["host_id"] = account.uuid;
+  definition["readers"] = arguments.readers;
+  definition["target"] = target;
+  definition["source"] = source;
+  definition["options"] = options;
+  run_job(context, definition);
+}
+
+} // namespace
+
+void add_backup_command(CLI::App& app, Context& context) {
+  auto arguments = std::make_shared<Backup_Arguments>();
+  CLI::App* command = app.add_subcommand("backup", "Back buckets, prefixes or objects of an account up into a pool");
+  command->add_option("account", arguments->account, "Account")->required()->type_name("ACCOUNT");
+  command->add_option("path", arguments->paths, "/bucket/, /bucket/prefix/ or /bucket/key; none: every bucket")
+      ->type_name("PATH");
+  command->add_option("--pool", arguments->pool, "Pool to write to")->required()->type_name("POOL");
+  command->add_option("--name", arguments->name, "Name under which the selection of paths and rules is kept")
+      ->type_name("SELECTION");
+  command->add_flag("--full", arguments->full, "Read every object, whatever the last set holds");
+  command->add_option("--channels", arguments->channels, "Media written at the same time")
+      ->check(CLI::Range(1, 256))
+      ->capture_default_str();
+  command->add_option("--readers", arguments->readers, "Objects read at the same time; 0: 32")
+      ->check(CLI::Range(0, 4096))
+      ->capture_default_str();
+  command->add_option("--scan-threads", arguments->scan_threads, "Prefixes listed at the same time")
+      ->check(CLI::Range(1, 256))
+      ->capture_default_str();
+  command->add_option("--compression", arguments->compression, "none, auto, lzop or zstd")
+      ->check(CLI::IsMember({"none", "auto", "lzop", "zstd"}))
+      ->capture_default_str();
+  command->add_option("--compression-level", arguments->compression_level, "1 (fast) to 19 (small), for zstd")
+      ->check(CLI::Range(1, 19))
+      ->capture_default_str();
+  command->add_option("--exclude", arguments->exclusions, "Leave out what matches; may be repeated")
+      ->type_name("RULE")
+      ->allow_extra_args(false);
+  command->add_option("--include", arguments->inclusions, "Take in what matches; may be repeated")
+      ->type_name("RULE")
+      ->allow_extra_args(false);
+  command->callback([&context, arguments] { backup(context, *arguments); });
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "agent/context.h"
+
+namespace CLI {
+class App;
+}
+
+// Each adds its commands to the program's command line; their callbacks do the work when the line has been read, throw
+// Command_Error, and leave the exit code in the context.
+void add_account_commands(CLI::App& app, Context& context);
+void add_pool_commands(CLI::App& app, Context& context);
+void add_browse_command(CLI::App& app, Context& context);
+void add_backup_command(CLI::App& app, Context& context);
+void add_set_commands(CLI::App& app, Context& context);
+void add_restore_command(CLI::App& app, Context& context);
+void add_run_command(CLI::App& app, Context& context);

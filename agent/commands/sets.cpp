@@ -1,0 +1,222 @@
+#include "agent/commands/commands.h"
+#include "agent/commands/paths.h"
+
+#include "platform/catalog/catalog_reader.h"
+#include "platform/mtf/verify.h"
+#include "sdk/base/time_format.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+constexpr unsigned LS_PAGE = 1000;
+
+json_spirit::Object set_json(const Set& set) {
+  json_spirit::Object json;
+  json["set"] = set.uuid;
+  json["account"] = set.account_uuid;
+  json["pool"] = set.pool_uuid;
+  json["selection"] = set.minor_resource_id;
+  json["type"] = set.type;
+  json["seq"] = set.seq;
+  json["start_time"] = set.start_time;
+  json["end_time"] = set.end_time;
+  json["objects"] = set.objects;
+  json["source_size"] = set.source_size;
+  json["storage_size"] = set.backup_set_storage_size;
+  return json;
+}
+
+void list_sets(Context& context, const std::string& account_name) {
+  const std::string account_uuid = account_name.empty() ? std::string() : context.account(account_name).uuid;
+  std::vector<Set> sets;
+  std::string error;
+  if (!context.store().sets(std::string(), account_uuid, std::string(), false, sets, error))
+    throw Command_Error(error);
+  json_spirit::Array array;
+  std::string text;
+  for (const Set& set : sets) {
+    array.push_back(set_json(set));
+    text += set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) + " objects  " +
+            human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) + " stored)\n";
+  }
+  json_spirit::Object json;
+  json["sets"] = array;
+  context.print(json, text);
+}
+
+/// A set's folder in its pool, and its record.
+std::string open_set(Context& context, const Set& set, Pool& pool, Set_Record& record) {
+  pool = context.open_pool(context.pool_entry(set.pool_uuid));
+  const std::string folder = pool.set_folder(set.uri);
+  std::string error;
+  if (!read_set_record(folder, record, error))
+    throw Command_Error("set " + set.uuid + ": " + error);
+  return folder;
+}
+
+json_spirit::Object object_json(const Catalog_Object& object) {
+  json_spirit::Object json;
+  json["file"] = "/" + object.path;
+  json["size"] = object.size;
+  json["mtime"] = POSIX_Time_To_ISO8601(object.mtime).str();
+  return json;
+}
+
+/// Prints entries as they come, so that a large set costs no memory.
+class Ls_Printer {
+public:
+  explicit Ls_Printer(bool json) : json_(json) {}
+  void folder(const std::string& path) {
+    json_spirit::Object entry;
+    entry["dir"] = "/" + path;
+    if (json_)
+      std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
+    else
+      print_line("                              -  ", "/" + path);
+  }
+  void object(const Catalog_Object& object) {
+    if (json_) {
+      std::printf("%s\n", json_spirit::write_utf8(object_json(object)).c_str());
+      return;
+    }
+    char head[64];
+    std::snprintf(head, sizeof head, "%s %12llu  ", POSIX_Time_To_ISO8601(object.mtime, "%Y-%m-%d %H:%M:%S").c_str(),
+                  object.size);
+    print_line(head, "/" + object.path);
+  }
+
+private:
+  static void print_line(const char* head, const std::string& path) {
+    std::fputs(head, stdout);
+    std::fwrite(path.data(), 1, path.size(), stdout);
+    std::fputc('\n', stdout);
+  }
+  bool json_;
+};
+
+void list_folder(Catalog_Reader& catalog, const std::string& path, Ls_Printer& printer) {
+  std::string error;
+  std::string marker;
+  Catalog_Page page;
+  do {
+    page = Catalog_Page();
+    if (!catalog.list(path, marker, LS_PAGE, page, error))
+      throw Command_Error(error);
+    for (const std::string& folder : page.folders)
+      printer.folder(folder);
+    for (const Catalog_Object& object : page.objects)
+      printer.object(object);
+    marker = page.next_marker;
+  } while (page.truncated);
+}
+
+void ls(Context& context, const std::string& set_id, const std::string& given_path, bool recursive) {
+  // The catalog knows paths without their leading "/".
+  std::string path = given_path;
+  if (!path.empty() && path[0] == '/')
+    path.erase(0, 1);
+  const Set set = context.set(set_id);
+  Pool pool;
+  Set_Record record;
+  std::string error;
+  const std::unique_ptr<Catalog_Reader> catalog = Catalog_Reader::open(open_set(context, set, pool, record), error);
+  if (!catalog)
+    throw Command_Error("set " + set.uuid + ": " + error);
+
+  Ls_Printer printer(context.json);
+  const bool is_folder = path.empty() || path.back() == '/';
+  if (!is_folder) {
+    Catalog_Object object;
+    if (catalog->find(path, object, error)) {
+      printer.object(object);
+      return;
+    }
+    if (!error.empty())
+      throw Command_Error(error);
+    path += '/';
+  }
+  if (!catalog->has_folder(path, error))
+    throw Command_Error(error.empty() ? "set " + set.uuid + " holds nothing at '" + given_path + "'" : error);
+  if (!recursive) {
+    list_folder(*catalog, path, printer);
+    return;
+  }
+  const bool walked = catalog->walk(path, [&printer](const Catalog_Object& object) {
+    printer.object(object);
+    return true;
+  }, error);
+  if (!walked)
+    throw Command_Error(error);
+}
+
+void verify(Context& context, const std::string& set_id, unsigned threads) {
+  const Set set = context.set(set_id);
+  Pool pool;
+  Set_Record record;
+  open_set(context, set, pool, record);
+  Verify_Options options;
+  options.threads = threads;
+  Verify_Report report;
+  const bool clean = verify_set(pool, record, options, report);
+
+  json_spirit::Array damages;
+  std::string text;
+  for (const Verify_Report::Damage& damage : report.damages) {
+    json_spirit::Object item;
+    item["name"] = "/" + damage.path;
+    item["message"] = damage.message;
+    damages.push_back(item);
+    text += "damaged: '/" + damage.path + "': " + damage.message + "\n";
+  }
+  json_spirit::Array media;
+  for (const std::string& message : report.media) {
+    media.push_back(message);
+    text += "medium: " + message + "\n";
+  }
+  json_spirit::Object json;
+  json["set"] = set.uuid;
+  json["clean"] = clean;
+  json["objects"] = report.objects;
+  json["good"] = report.good;
+  json["damaged"] = report.damaged;
+  json["bytes"] = report.bytes;
+  json["damages"] = damages;
+  json["media"] = media;
+  if (!report.failure.empty())
+    json["message"] = report.failure;
+  text += std::to_string(report.good) + " of " + std::to_string(report.objects) + " objects are good, " +
+          human_bytes(report.bytes) + " read back";
+  if (!report.failure.empty())
+    text += "\nthe set cannot be verified: " + report.failure;
+  context.print(json, text);
+  context.exit_code = clean ? EXIT_COMPLETED : EXIT_FAILED;
+}
+
+} // namespace
+
+void add_set_commands(CLI::App& app, Context& context) {
+  auto account = std::make_shared<std::string>();
+  CLI::App* sets = app.add_subcommand("sets", "List the sets, oldest first");
+  sets->add_option("account", *account, "Of one account only")->type_name("ACCOUNT");
+  sets->callback([&context, account] { list_sets(context, *account); });
+
+  auto set = std::make_shared<std::string>();
+  auto path = std::make_shared<std::string>();
+  auto recursive = std::make_shared<bool>(false);
+  CLI::App* list = app.add_subcommand("ls", "List what a set holds");
+  list->add_option("set", *set, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  list->add_option("path", *path, "/bucket/folder/ or /bucket/key; none: the buckets")->type_name("PATH");
+  list->add_flag("-r,--recursive", *recursive, "Everything below");
+  list->callback([&context, set, path, recursive] { ls(context, *set, *path, *recursive); });
+
+  auto threads = std::make_shared<unsigned>(0);
+  CLI::App* check = app.add_subcommand("verify", "Read every stored byte of a set back and check it");
+  check->add_option("set", *set, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  check->add_option("--threads", *threads, "Objects read at the same time; 0: as many as pay")
+      ->check(CLI::Range(0, 256));
+  check->callback([&context, set, threads] { verify(context, *set, *threads); });
+}

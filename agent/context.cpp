@@ -1,0 +1,122 @@
+#include "agent/context.h"
+
+#include "platform/crypto/master_key.h"
+#include "platform/file_backup/entry_query_handler.h"
+#include "platform/job/state_folder.h"
+
+#include <ace/Thread_Manager.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+std::string default_state_folder() {
+  if (geteuid() == 0)
+    return "/var/lib/obs-agent";
+  if (const char* folder = std::getenv("XDG_STATE_HOME"); folder != nullptr && *folder != '\0')
+    return std::string(folder) + "/obs-agent";
+  const char* home = std::getenv("HOME");
+  return std::string(home ? home : "") + "/.local/state/obs-agent";
+}
+
+Context::Context() : state_folder(default_state_folder()), module_path(default_module_path()) {}
+
+Context::~Context() {
+  // A job has ended for its observers a moment before its thread has left the module's code.
+  ACE_Thread_Manager::instance()->wait();
+  Global_JSON_RPC_Channel::instance(nullptr);
+  channel_.reset();
+  module_.reset();
+  Store::instance(nullptr);
+}
+
+Store& Context::store() {
+  if (store_)
+    return *store_;
+  std::string error;
+  store_ = Store::open(state_folder, error);
+  if (!store_)
+    throw Command_Error(error);
+  const Agent_Log::Verbosity level =
+      verbosity == 0 ? Agent_Log::QUIET : verbosity == 1 ? Agent_Log::VERBOSE : Agent_Log::DEBUG;
+  if (!log_.start(state_folder + "/agent.log", level, error))
+    throw Command_Error(error);
+  Store::instance(store_.get());
+  set_state_folder(state_folder);
+  set_key_folder(state_folder);
+  return *store_;
+}
+
+Module& Context::module() {
+  if (module_)
+    return *module_;
+  Store& database = store();
+  std::string error;
+  module_ = Module::load(module_path, error);
+  if (!module_)
+    throw Command_Error(error);
+  entry_query_ = std::make_unique<Entry_Query_Handler>(database);
+  channel_ = std::make_shared<In_Process_JSON_RPC_Channel>();
+  channel_->route(Entry_Query_Handler::METHOD, entry_query_.get());
+  channel_->route("obs.list", &module_->list_handler());
+  channel_->route("obs.test", &module_->test_handler());
+  Global_JSON_RPC_Channel::instance(channel_);
+  return *module_;
+}
+
+JSON_RPC_Channel& Context::rpc() {
+  module();
+  return *channel_;
+}
+
+Account Context::account(const std::string& name) {
+  Account account;
+  bool found = false;
+  std::string error;
+  if (!store().find_account_by_name(name, account, found, error) ||
+      (!found && !store().find_account(name, account, found, error)))
+    throw Command_Error(error);
+  if (!found)
+    throw Command_Error("there is no account '" + name + "'");
+  return account;
+}
+
+Pool_Entry Context::pool_entry(const std::string& name) {
+  Pool_Entry entry;
+  bool found = false;
+  std::string error;
+  if (!store().find_pool_by_name(name, entry, found, error) ||
+      (!found && !store().find_pool(name, entry, found, error)))
+    throw Command_Error(error);
+  if (!found)
+    throw Command_Error("there is no pool '" + name + "'");
+  return entry;
+}
+
+Set Context::set(const std::string& id) {
+  std::vector<Set> sets;
+  std::string error;
+  if (!store().sets_by_prefix(id, sets, error))
+    throw Command_Error(error);
+  if (sets.empty())
+    throw Command_Error("there is no set '" + id + "'");
+  if (sets.size() > 1)
+    throw Command_Error("'" + id + "' is the beginning of " + std::to_string(sets.size()) + " sets: give more of it");
+  return sets.front();
+}
+
+Pool Context::open_pool(const Pool_Entry& entry) {
+  Pool pool;
+  std::string error;
+  if (!Pool::open(entry.url, entry.uuid, pool, error))
+    throw Command_Error("pool '" + entry.name + "': " + error);
+  return pool;
+}
+
+void Context::print(const json_spirit::Value& value, const std::string& text) const {
+  const std::string out = json ? json_spirit::write_utf8(value) : text;
+  std::fwrite(out.data(), 1, out.size(), stdout);
+  if (!out.empty() && out.back() != '\n')
+    std::fputc('\n', stdout);
+}

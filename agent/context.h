@@ -1,0 +1,68 @@
+#pragma once
+
+#include "agent/agent_log.h"
+#include "agent/module_loader.h"
+#include "agent/outcome.h"
+#include "platform/pool/pool.h"
+#include "platform/store/store.h"
+#include "sdk/rpc/json_rpc.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+/// Ends a command with one line on standard error and an exit code. Thrown inside the program only; `main` catches it.
+class Command_Error : public std::runtime_error {
+public:
+  explicit Command_Error(const std::string& message, Exit_Code code = EXIT_FAILED)
+      : std::runtime_error(message), code_(code) {}
+  Exit_Code code() const { return code_; }
+
+private:
+  Exit_Code code_;
+};
+
+/// What all commands share: the options before the command, and the parts of the program, each opened when the first
+/// command asks for it. The main thread's.
+class Context {
+public:
+  Context();
+  ~Context();
+
+  // Options.
+  std::string state_folder;
+  std::string module_path;
+  bool json = false;
+  int verbosity = 0;
+
+  /// Opens state folder, log and database. Throws Command_Error.
+  Store& store();
+  /// Loads the module and puts the store behind the JSON-RPC channel. Throws Command_Error.
+  Module& module();
+  Agent_Log& log() { return log_; }
+  /// The channel on which "obs.list" and "obs.test" are served by the module.
+  JSON_RPC_Channel& rpc();
+
+  /// The account, pool or set of that name or uuid. Throw Command_Error when there is none, or when the beginning of a
+  /// uuid fits several sets.
+  Account account(const std::string& name);
+  Pool_Entry pool_entry(const std::string& name);
+  Set set(const std::string& id);
+  /// Opens the pool. Throws Command_Error.
+  Pool open_pool(const Pool_Entry& entry);
+
+  /// Prints one JSON value, or the text, as the user asked; text without a line end gets one.
+  void print(const json_spirit::Value& value, const std::string& text) const;
+
+  Exit_Code exit_code = EXIT_COMPLETED;
+
+private:
+  Agent_Log log_;
+  std::unique_ptr<Store> store_;
+  std::shared_ptr<In_Process_JSON_RPC_Channel> channel_;
+  std::unique_ptr<JSON_RPC_Handler> entry_query_;
+  std::unique_ptr<Module> module_;
+};
+
+/// $XDG_STATE_HOME/obs-agent, for root /var/lib/obs-agent.
+std::string default_state_folder();

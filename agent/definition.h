@@ -1,0 +1,19 @@
+#pragma once
+
+#include "agent/module_loader.h"
+
+#include <string>
+
+/// A job definition in JSON:
+///
+///     { "type": "backup" | "restore", "subtype": "full" | "incremental" | ...,
+///       "id", "uid", "name", "host_id": account uuid,
+///       "target": { "id": pool uuid, "device_id", "location" },
+///       "precondition", "pre_action", "post_action": scripts, "redirect_pre_action_stdout",
+///       "redirect_post_action_stdin", "ignore_pre_action_failure", "ignore_post_action_failure",
+///       "run_post_action_always": booleans,
+///       "max_seconds_retry", "readers", "rate_limit": numbers,
+///       "source": { ... }, "options": { ... } as the module's parsers read them }
+///
+/// Builds the definition with the module's parsers. Null with a message that names the member that is wrong.
+Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& module, std::string& error);

@@ -1,0 +1,11 @@
+#pragma once
+
+#include "agent/context.h"
+#include "sdk/s3/s3_service.h"
+
+/// The attributes of an account as the module's requests take them ("scheme", "endpoint", keys ...), its secret key
+/// opened, and what else belongs to its endpoint registered. Throws Command_Error when the key cannot be opened.
+json_spirit::Object account_attributes(const Account& account);
+
+/// A service for the account, for what the program itself asks. Throws Command_Error.
+S3_Service_var make_account_service(const Account& account);

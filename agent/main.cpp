@@ -1,0 +1,44 @@
+#include "agent/commands/commands.h"
+#include "agent/job_runner.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+
+int main(int argc, char** argv) {
+  Job_Runner::block_signals();
+  Context context;
+  try {
+    CLI::App app("Backs buckets of S3-compatible object storage up and restores them.", "obs-agent");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_option("--state", context.state_folder, "Folder where accounts, pools and sets are known")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_flag("--json", context.json, "Print JSON; of a run, its account as the last line");
+    app.add_flag("-v,--verbose", context.verbosity, "Show log lines on standard error; twice: debug lines too");
+    app.add_option("--module", context.module_path, "The module to load")->type_name("FILE")->group("Advanced");
+
+    add_account_commands(app, context);
+    add_pool_commands(app, context);
+    add_browse_command(app, context);
+    add_backup_command(app, context);
+    add_set_commands(app, context);
+    add_restore_command(app, context);
+    add_run_command(app, context);
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      const int code = app.exit(error);
+      return code == 0 ? EXIT_COMPLETED : EXIT_USAGE;
+    }
+    return context.exit_code;
+  } catch (const Command_Error& error) {
+    std::fprintf(stderr, "obs-agent: %s\n", error.what());
+    return error.code();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "obs-agent: unexpected error: %s\n", error.what());
+    return EXIT_FAILED;
+  }
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cerrno>
+#include <new>
+
+/// A new T, or null with `errno` ENOMEM, also when the constructor itself runs short.
+template <typename T, typename... ARGS>
+T* make_without_throwing(ARGS&&... args) noexcept {
+  try {
+    return new T(static_cast<ARGS&&>(args)...);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+}
+
+/// Makes a PRODUCT whenever the host asks BASE, an Object_Creator_T, for an object. Keeps no state; any thread.
+template <typename BASE, typename PRODUCT>
+class Object_Creator_Impl_T;
+
+template <template <typename> class CREATOR, typename T, typename PRODUCT>
+class Object_Creator_Impl_T<CREATOR<T>, PRODUCT> : public CREATOR<T> {
+public:
+  T* create() override { return make_without_throwing<PRODUCT>(); }
+  void destroy(T* object) override { delete object; }
+};

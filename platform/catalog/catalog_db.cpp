@@ -1,0 +1,89 @@
+#include "platform/catalog/catalog_db.h"
+
+bool Catalog_Statement::prepare(sqlite3* db, const char* sql, std::string& error) {
+  sqlite3_stmt* statement = nullptr;
+  if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK) {
+    error = sqlite3_errmsg(db);
+    return false;
+  }
+  statement_.reset(statement);
+  return true;
+}
+
+Catalog_Statement& Catalog_Statement::bind(int place, unsigned long long value) {
+  sqlite3_bind_int64(statement_.get(), place, static_cast<sqlite3_int64>(value));
+  return *this;
+}
+
+Catalog_Statement& Catalog_Statement::bind_signed(int place, long long value) {
+  sqlite3_bind_int64(statement_.get(), place, value);
+  return *this;
+}
+
+Catalog_Statement& Catalog_Statement::bind_blob(int place, std::string_view bytes) {
+  // A null pointer would bind NULL where an empty blob is meant.
+  sqlite3_bind_blob64(statement_.get(), place, bytes.empty() ? "" : bytes.data(), bytes.size(), SQLITE_TRANSIENT);
+  return *this;
+}
+
+Catalog_Statement& Catalog_Statement::bind_text(int place, std::string_view text) {
+  sqlite3_bind_text64(statement_.get(), place, text.empty() ? "" : text.data(), text.size(), SQLITE_TRANSIENT,
+                      SQLITE_UTF8);
+  return *this;
+}
+
+int Catalog_Statement::step() { return sqlite3_step(statement_.get()); }
+
+bool Catalog_Statement::run() {
+  const int result = step();
+  reset();
+  return result == SQLITE_DONE || result == SQLITE_ROW;
+}
+
+void Catalog_Statement::reset() { sqlite3_reset(statement_.get()); }
+
+unsigned long long Catalog_Statement::number(int column) const {
+  return static_cast<unsigned long long>(sqlite3_column_int64(statement_.get(), column));
+}
+
+long long Catalog_Statement::signed_number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+
+std::string_view Catalog_Statement::blob(int column) const {
+  const void* bytes = sqlite3_column_blob(statement_.get(), column);
+  const int size = sqlite3_column_bytes(statement_.get(), column);
+  return bytes == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(bytes), size_t(size));
+}
+
+std::string Catalog_Statement::error() const { return sqlite3_errmsg(sqlite3_db_handle(statement_.get())); }
+
+bool Catalog_Db::open(const std::string& path, int flags, std::string& error) {
+  sqlite3* db = nullptr;
+  const int result = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  db_.reset(db);
+  if (result != SQLITE_OK) {
+    error = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
+    db_.reset();
+    return false;
+  }
+  sqlite3_extended_result_codes(db, 1);
+  return true;
+}
+
+bool Catalog_Db::execute(const char* sql, std::string& error) {
+  if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK)
+    return true;
+  error = sqlite3_errmsg(db_.get());
+  return false;
+}
+
+bool Catalog_Db::close(std::string& error) {
+  sqlite3* db = db_.get();
+  if (db == nullptr)
+    return true;
+  if (sqlite3_close(db) != SQLITE_OK) {
+    error = sqlite3_errmsg(db);
+    return false;
+  }
+  static_cast<void>(db_.release());
+  return true;
+}

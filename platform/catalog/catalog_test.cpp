@@ -1,0 +1,319 @@
+#include "platform/catalog/catalog_db.h"
+#include "platform/catalog/catalog_reader.h"
+#include "platform/catalog/catalog_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class Catalog : public testing::Test {
+protected:
+  void SetUp() override {
+    char name[] = "/tmp/catalog_test.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(name));
+    folder_ = name;
+  }
+  void TearDown() override { fs::remove_all(folder_); }
+
+  static Catalog_Object object(unsigned long long ordinal, const std::string& path) {
+    Catalog_Object o;
+    o.ordinal = ordinal;
+    o.path = path;
+    o.size = ordinal * 10;
+    o.mtime = 1700000000 + static_cast<long long>(ordinal);
+    o.channel = ordinal % 3;
+    o.offset = ordinal * 4096;
+    o.stored = 2048;
+    for (unsigned i = 0; i < 32; ++i)
+      o.sha256[i] = static_cast<unsigned char>(ordinal + i);
+    return o;
+  }
+
+  /// Writes objects given in hand-out order, in the order of `order` (positions), with their visits.
+  void write(const std::vector<std::string>& paths, const std::vector<size_t>& order) {
+    auto writer = Catalog_Writer::create(folder_, error_);
+    ASSERT_TRUE(writer) << error_;
+    ASSERT_TRUE(writer->add_set({0, "own", "h/r/a", 7}));
+    Catalog_Visit visit;
+    for (size_t i = 0; i < paths.size(); ++i) {
+      const std::string folder = paths[i].substr(0, paths[i].rfind('/') + 1);
+      if (folder != visit.folder) {
+        if (visit.first != 0) {
+          ASSERT_TRUE(writer->add_visit(visit));
+        }
+        visit = {folder, i + 1, i + 1, true};
+      }
+      if (visit.last != i + 1 && paths[i] <= paths[i - 1])
+        visit.ascending = false;
+      visit.last = i + 1;
+    }
+    if (visit.first != 0) {
+      ASSERT_TRUE(writer->add_visit(visit));
+    }
+    for (size_t i : order)
+      ASSERT_TRUE(writer->add_object(object(i + 1, paths[i])));
+    ASSERT_TRUE(writer->finish()) << writer->error();
+  }
+
+  void write(const std::vector<std::string>& paths) {
+    std::vector<size_t> order(paths.size());
+    for (size_t i = 0; i < order.size(); ++i)
+      order[i] = i;
+    write(paths, order);
+  }
+
+  std::unique_ptr<Catalog_Reader> open() {
+    auto reader = Catalog_Reader::open(folder_, error_);
+    EXPECT_TRUE(reader) << error_;
+    return reader;
+  }
+
+  std::vector<std::string> walked(Catalog_Reader& reader, const std::string& path) {
+    std::vector<std::string> found;
+    EXPECT_TRUE(reader.walk(
+        path,
+        [&](const Catalog_Object& o) {
+          found.push_back(o.path);
+          return true;
+        },
+        error_))
+        << error_;
+    return found;
+  }
+
+  std::string folder_;
+  std::string error_;
+};
+
+const std::vector<std::string> TREE = {"b/1",   "b/2",     "b//x",   "b/a/1",     "b/a/\xff\x01",
+                                       "b/a/b/y", "b/c/d/e", "b2/k", std::string("b2/k/") + "\xc3\xa9"};
+
+TEST_F(Catalog, shuffled_rows_come_back_in_hand_out_order) {
+  std::vector<size_t> order(TREE.size());
+  for (size_t i = 0; i < order.size(); ++i)
+    order[i] = i;
+  std::shuffle(order.begin(), order.end(), std::mt19937(5));
+  write(TREE, order);
+  auto reader = open();
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(TREE, walked(*reader, ""));
+  EXPECT_EQ(TREE.size(), reader->counts().objects);
+  EXPECT_EQ(450u, reader->counts().bytes);
+  EXPECT_EQ("own", reader->set_uuid());
+  EXPECT_EQ(7u, reader->sets().front().seq);
+}
+
+TEST_F(Catalog, object_is_found_with_all_that_is_known) {
+  write(TREE);
+  auto reader = open();
+  for (size_t i = 0; i < TREE.size(); ++i) {
+    Catalog_Object o;
+    ASSERT_TRUE(reader->find(TREE[i], o, error_)) << TREE[i];
+    const Catalog_Object want = object(i + 1, TREE[i]);
+    EXPECT_EQ(want.path, o.path);
+    EXPECT_EQ(want.ordinal, o.ordinal);
+    EXPECT_EQ(want.size, o.size);
+    EXPECT_EQ(want.mtime, o.mtime);
+    EXPECT_EQ(want.channel, o.channel);
+    EXPECT_EQ(want.offset, o.offset);
+    EXPECT_EQ(want.stored, o.stored);
+    EXPECT_EQ(0, std::memcmp(want.sha256, o.sha256, 32));
+  }
+  Catalog_Object o;
+  for (const char* absent : {"b/3", "b/0", "b/a/0", "b/a/2", "nothing", "", "b/", "x/y"}) {
+    EXPECT_FALSE(reader->find(absent, o, error_)) << absent;
+    EXPECT_EQ("", error_);
+  }
+}
+
+TEST_F(Catalog, folder_shows_its_own_folders_and_objects_only) {
+  write(TREE);
+  auto reader = open();
+  Catalog_Page page;
+  ASSERT_TRUE(reader->list("", "", 100, page, error_));
+  EXPECT_EQ((std::vector<std::string>{"b/", "b2/"}), page.folders);
+  EXPECT_TRUE(page.objects.empty());
+  ASSERT_TRUE(reader->list("b/", "", 100, page, error_));
+  EXPECT_EQ((std::vector<std::string>{"b//", "b/a/", "b/c/"}), page.folders);
+  ASSERT_EQ(2u, page.objects.size());
+  EXPECT_EQ("b/1", page.objects[0].path);
+  EXPECT_FALSE(page.truncated);
+  ASSERT_TRUE(reader->list("b/c/", "", 100, page, error_));
+  EXPECT_EQ((std::vector<std::string>{"b/c/d/"}), page.folders);
+  ASSERT_TRUE(reader->list("none/", "", 100, page, error_));
+  EXPECT_TRUE(page.folders.empty() && page.objects.empty());
+  EXPECT_TRUE(reader->has_folder("b/c/", error_));
+  EXPECT_FALSE(reader->has_folder("b/z/", error_));
+}
+
+TEST_F(Catalog, pages_of_every_size_give_the_whole_folder) {
+  std::vector<std::string> paths = {"b/1", "b/2", "b/3", "b/x/1", "b/y/1", "b/z/1", "b/4", "b/5"};
+  write(paths);
+  auto reader = open();
+  for (unsigned limit = 1; limit < 10; ++limit) {
+    std::vector<std::string> found;
+    std::string marker;
+    Catalog_Page page;
+    do {
+      ASSERT_TRUE(reader->list("b/", marker, limit, page, error_));
+      ASSERT_LE(page.folders.size() + page.objects.size(), limit);
+      found.insert(found.end(), page.folders.begin(), page.folders.end());
+      for (const Catalog_Object& o : page.objects)
+        found.push_back(o.path);
+      marker = page.next_marker;
+    } while (page.truncated);
+    EXPECT_EQ((std::vector<std::string>{"b/x/", "b/y/", "b/z/", "b/1", "b/2", "b/3", "b/4", "b/5"}), found) << limit;
+  }
+}
+
+TEST_F(Catalog, walk_below_a_folder_leaves_out_its_neighbours) {
+  write({"b/a", "b/a/1", "b/a/x/2", "b/a.b/3", "b/a0/4", "b/b/5"});
+  auto reader = open();
+  EXPECT_EQ((std::vector<std::string>{"b/a/1", "b/a/x/2"}), walked(*reader, "b/a/"));
+  EXPECT_TRUE(walked(*reader, "b/q/").empty());
+}
+
+TEST_F(Catalog, media_order_is_set_channel_offset) {
+  write(TREE);
+  auto reader = open();
+  std::vector<std::pair<unsigned, unsigned long long>> places;
+  std::vector<std::string> paths;
+  ASSERT_TRUE(reader->walk_media(
+      {},
+      [&](const Catalog_Object& o) {
+        places.emplace_back(o.channel, o.offset);
+        paths.push_back(o.path);
+        return true;
+      },
+      error_));
+  EXPECT_EQ(TREE.size(), places.size());
+  EXPECT_TRUE(std::is_sorted(places.begin(), places.end()));
+  std::sort(paths.begin(), paths.end());
+  std::vector<std::string> want = TREE;
+  std::sort(want.begin(), want.end());
+  EXPECT_EQ(want, paths);
+}
+
+TEST_F(Catalog, overlapping_selection_gives_each_object_once) {
+  write(TREE);
+  auto reader = open();
+  const Catalog_Selection selection{{"b/a/", "b/a/b/", "gone/"}, {"b/a/1", "b/1", "b/1", "b/absent", "b/a/b/y"}};
+  unsigned long long objects = 0, bytes = 0;
+  std::vector<std::string> unmatched;
+  ASSERT_TRUE(reader->count(selection, objects, bytes, unmatched, error_)) << error_;
+  EXPECT_EQ(4u, objects);
+  EXPECT_EQ(10u + 40 + 50 + 60, bytes);
+  EXPECT_EQ((std::vector<std::string>{"gone/", "b/absent"}), unmatched);
+  std::vector<std::string> found;
+  ASSERT_TRUE(reader->walk_media(
+      selection,
+      [&](const Catalog_Object& o) {
+        found.push_back(o.path);
+        return true;
+      },
+      error_));
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ((std::vector<std::string>{"b/1", "b/a/1", "b/a/b/y", "b/a/\xff\x01"}), found);
+}
+
+TEST_F(Catalog, names_out_of_order_and_gaps_are_found_all_the_same) {
+  auto writer = Catalog_Writer::create(folder_, error_);
+  ASSERT_TRUE(writer);
+  writer->add_set({0, "own", "u", 0});
+  writer->add_visit({"b/", 1, 200, true});
+  writer->add_visit({"b/n/", 201, 203, false});
+  for (unsigned i = 1; i <= 200; i += 7)
+    writer->add_object(object(i, "b/" + std::to_string(1000 + i)));
+  writer->add_object(object(201, "b/n/z"));
+  writer->add_object(object(203, "b/n/a"));
+  ASSERT_TRUE(writer->finish());
+  auto reader = open();
+  Catalog_Object o;
+  for (unsigned i = 1; i <= 200; ++i)
+    EXPECT_EQ((i - 1) % 7 == 0, reader->find("b/" + std::to_string(1000 + i), o, error_)) << i;
+  EXPECT_TRUE(reader->find("b/n/z", o, error_));
+  EXPECT_TRUE(reader->find("b/n/a", o, error_));
+}
+
+TEST_F(Catalog, many_threads_may_add_rows) {
+  auto writer = Catalog_Writer::create(folder_, error_);
+  ASSERT_TRUE(writer);
+  writer->add_set({0, "own", "u", 0});
+  writer->add_visit({"b/", 1, 20000, true});
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (unsigned i = t; i < 20000; i += 4)
+        writer->add_object(object(i + 1, "b/" + std::to_string(100000 + i)));
+    });
+  for (std::thread& t : threads)
+    t.join();
+  writer->add_problem({Catalog_Problem::FAILED, "b/bad", 5, "short body"});
+  ASSERT_TRUE(writer->finish()) << writer->error();
+  EXPECT_EQ(20000u, writer->counts().objects);
+  auto reader = open();
+  EXPECT_EQ(20000u, walked(*reader, "").size());
+  std::vector<Catalog_Problem> problems;
+  ASSERT_TRUE(reader->problems(
+      [&](const Catalog_Problem& p) {
+        problems.push_back(p);
+        return true;
+      },
+      error_));
+  ASSERT_EQ(1u, problems.size());
+  EXPECT_EQ("b/bad", problems[0].path);
+  EXPECT_EQ(Catalog_Problem::FAILED, problems[0].kind);
+  EXPECT_EQ(5, problems[0].number);
+  EXPECT_EQ("short body", problems[0].message);
+}
+
+TEST_F(Catalog, empty_catalog_reads_as_empty) {
+  write({});
+  auto reader = open();
+  EXPECT_TRUE(walked(*reader, "").empty());
+  EXPECT_EQ(0u, reader->counts().objects);
+}
+
+TEST_F(Catalog, unfinished_catalog_is_refused) {
+  {
+    auto writer = Catalog_Writer::create(folder_, error_);
+    ASSERT_TRUE(writer);
+    writer->add_set({0, "own", "u", 0});
+    writer->add_object(object(1, "b/1"));
+  }
+  EXPECT_FALSE(Catalog_Reader::open(folder_, error_));
+  EXPECT_NE(std::string::npos, error_.find("catalog")) << error_;
+}
+
+TEST_F(Catalog, second_catalog_in_a_folder_is_refused) {
+  write(TREE);
+  EXPECT_FALSE(Catalog_Writer::create(folder_, error_));
+  EXPECT_NE(std::string::npos, error_.find("exists")) << error_;
+}
+
+TEST_F(Catalog, foreign_newer_and_missing_files_are_refused_by_reason) {
+  EXPECT_FALSE(Catalog_Reader::open(folder_, error_));
+  EXPECT_NE(std::string::npos, error_.find("No such file")) << error_;
+  std::ofstream(folder_ + "/catalog.db") << std::string(5000, 'x');
+  EXPECT_FALSE(Catalog_Reader::open(folder_, error_));
+  fs::remove(folder_ + "/catalog.db");
+  write(TREE);
+  Catalog_Db db;
+  ASSERT_TRUE(db.open(folder_ + "/catalog.db", SQLITE_OPEN_READWRITE, error_));
+  ASSERT_TRUE(db.execute("PRAGMA user_version=99", error_));
+  ASSERT_TRUE(db.close(error_));
+  EXPECT_FALSE(Catalog_Reader::open(folder_, error_));
+  EXPECT_NE(std::string::npos, error_.find("newer")) << error_;
+}
+
+} // namespace

@@ -1,0 +1,285 @@
+#include "platform/catalog/catalog_writer.h"
+
+#include "platform/catalog/catalog_db.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <variant>
+
+namespace {
+
+/// Rows that may wait for the database. A row is a few hundred bytes, and a path at most some thousand.
+constexpr size_t QUEUE_LIMIT = 4096;
+
+const char* const SCHEMA = R"(
+CREATE TABLE meta(name TEXT PRIMARY KEY, value) WITHOUT ROWID;
+CREATE TABLE sets(idx INTEGER PRIMARY KEY, uuid TEXT NOT NULL, uri TEXT NOT NULL, seq INTEGER NOT NULL);
+CREATE TABLE folders(id INTEGER PRIMARY KEY, parent INTEGER NOT NULL, path BLOB NOT NULL UNIQUE);
+CREATE TABLE visits(first INTEGER PRIMARY KEY, last INTEGER NOT NULL, folder INTEGER NOT NULL,
+                    ascending INTEGER NOT NULL);
+CREATE TABLE objects(ordinal INTEGER PRIMARY KEY, name BLOB NOT NULL, size INTEGER NOT NULL, mtime INTEGER NOT NULL,
+                     place INTEGER NOT NULL, channel INTEGER NOT NULL, position INTEGER NOT NULL,
+                     stored INTEGER NOT NULL, sha256 BLOB NOT NULL, flags INTEGER NOT NULL);
+CREATE TABLE problems(id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, path BLOB NOT NULL, number INTEGER NOT NULL,
+                      message TEXT NOT NULL);
+)";
+
+std::string_view name_of(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string_view(path) : std::string_view(path).substr(slash + 1);
+}
+
+struct Folder {
+  std::string path;
+};
+
+typedef std::variant<Catalog_Object, Folder, Catalog_Visit, Catalog_Problem, Catalog_Set> Row;
+
+bool sync_path(const std::string& path, int flags, std::string& error) {
+  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0 || ::fsync(fd) != 0) {
+    error = "cannot sync " + path + ": " + std::strerror(errno);
+    if (fd >= 0)
+      ::close(fd);
+    return false;
+  }
+  ::close(fd);
+  return true;
+}
+
+class Catalog_Writer_Impl : public Catalog_Writer {
+public:
+  explicit Catalog_Writer_Impl(const std::string& folder)
+      : folder_(folder), path_(folder + "/" + catalog::FILE_NAME) {}
+
+  ~Catalog_Writer_Impl() override {
+    fail("given up");
+    stop();
+  }
+
+  bool open(std::string& error) {
+    // SQLite would open a file that is there; two catalogs must never meet in one.
+    const int fd = ::open(path_.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+    if (fd < 0) {
+      error = "cannot make catalog " + path_ + ": " + std::strerror(errno);
+      return false;
+    }
+    ::close(fd);
+    std::string why;
+    // Nothing refers to the file before the set's record does, so a torn one costs nothing and needs no journal.
+    if (!db_.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, why) ||
+        !db_.execute("PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
+                     "PRAGMA temp_store=FILE; PRAGMA cache_size=-8192; BEGIN",
+                     why) ||
+        !db_.execute(SCHEMA, why) || !prepare(why)) {
+      error = "cannot make catalog " + path_ + ": " + why;
+      return false;
+    }
+    try {
+      thread_ = std::thread([this] { run(); });
+    } catch (const std::exception& e) {
+      error = std::string("cannot start the catalog's thread: ") + e.what();
+      return false;
+    }
+    return true;
+  }
+
+  bool add_object(const Catalog_Object& object) override { return add(Row(object)); }
+  bool add_folder(const std::string& path) override { return add(Row(Folder{path})); }
+  bool add_visit(const Catalog_Visit& visit) override { return add(Row(visit)); }
+  bool add_problem(const Catalog_Problem& problem) override { return add(Row(problem)); }
+  bool add_set(const Catalog_Set& set) override { return add(Row(set)); }
+
+  bool finish() override {
+    stop();
+    if (failed_)
+      return false;
+    std::string why;
+    if (!complete(why)) {
+      fail("cannot write catalog " + path_ + ": " + why);
+      return false;
+    }
+    return true;
+  }
+
+  const Catalog_Counts& counts() const override { return counts_; }
+
+  std::string error() const override {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return error_;
+  }
+
+private:
+  bool prepare(std::string& error) {
+    return object_.prepare(db_.get(), "INSERT INTO objects VALUES(?,?,?,?,?,?,?,?,?,?)", error) &&
+           folder_id_.prepare(db_.get(), "SELECT id FROM folders WHERE path=?", error) &&
+           add_folder_.prepare(db_.get(), "INSERT INTO folders(parent,path) VALUES(?,?)", error) &&
+           visit_.prepare(db_.get(), "INSERT INTO visits VALUES(?,?,?,?)", error) &&
+           problem_.prepare(db_.get(), "INSERT INTO problems(kind,path,number,message) VALUES(?,?,?,?)", error) &&
+           set_.prepare(db_.get(), "INSERT INTO sets VALUES(?,?,?,?)", error) &&
+           meta_.prepare(db_.get(), "INSERT INTO meta VALUES(?,?)", error);
+  }
+
+  bool add(Row&& row) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    room_.wait(lock, [this] { return queue_.size() < QUEUE_LIMIT || failed_; });
+    if (failed_)
+      return false;
+    queue_.push_back(std::move(row));
+    if (queue_.size() == 1)
+      rows_.notify_one();
+    return true;
+  }
+
+  void fail(const std::string& error) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (!failed_)
+      error_ = error;
+    failed_ = true;
+    room_.notify_all();
+  }
+
+  void stop() {
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      closing_ = true;
+      rows_.notify_all();
+    }
+    if (thread_.joinable())
+      thread_.join();
+  }
+
+  void run() {
+    pthread_setname_np(pthread_self(), "Catalog");
+    std::deque<Row> batch;
+    for (;;) {
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        rows_.wait(lock, [this] { return !queue_.empty() || closing_; });
+        if (queue_.empty() || failed_)
+          return;
+        batch.swap(queue_);
+        room_.notify_all();
+      }
+      for (const Row& row : batch) {
+        if (!std::visit([this](const auto& r) { return write(r); }, row)) {
+          fail("cannot write catalog " + path_ + ": " + sqlite3_errmsg(db_.get()));
+          return;
+        }
+      }
+      batch.clear();
+    }
+  }
+
+  bool write(const Catalog_Object& o) {
+    object_.bind(1, o.ordinal).bind_blob(2, name_of(o.path)).bind(3, o.size).bind_signed(4, o.mtime).bind(5, o.set);
+    object_.bind(6, o.channel).bind(7, o.offset).bind(8, o.stored).bind(10, o.flags);
+    object_.bind_blob(9, std::string_view(reinterpret_cast<const char*>(o.sha256), sizeof o.sha256));
+    ++counts_.objects;
+    counts_.bytes += o.size;
+    if (o.set == 0)
+      counts_.stored += o.stored;
+    return object_.run();
+  }
+
+  bool write(const Folder& f) { return folder_id(f.path) != 0; }
+
+  bool write(const Catalog_Visit& v) {
+    const unsigned long long folder = folder_id(v.folder);
+    return folder != 0 && visit_.bind(1, v.first).bind(2, v.last).bind(3, folder).bind(4, v.ascending ? 1 : 0).run();
+  }
+
+  bool write(const Catalog_Problem& p) {
+    ++counts_.problems;
+    problem_.bind(1, unsigned(p.kind)).bind_blob(2, p.path).bind_signed(3, p.number).bind_text(4, p.message);
+    return problem_.run();
+  }
+
+  bool write(const Catalog_Set& s) {
+    return set_.bind(1, s.index).bind_text(2, s.uuid).bind_text(3, s.uri).bind(4, s.seq).run();
+  }
+
+  /// The id of the folder, made with those above it when it is new; 0 on failure.
+  unsigned long long folder_id(const std::string& path) {
+    if (path.empty())
+      return 0;
+    if (path == last_folder_)
+      return last_id_;
+    int found;
+    {
+      Catalog_Reset reset(folder_id_);
+      found = folder_id_.bind_blob(1, path).step();
+      if (found == SQLITE_ROW)
+        last_id_ = folder_id_.number(0);
+    }
+    if (found == SQLITE_DONE) {
+      // Found from the right, the last byte being the folder's own "/".
+      const size_t slash = path.size() < 2 ? std::string::npos : path.rfind('/', path.size() - 2);
+      const unsigned long long parent = slash == std::string::npos ? 0 : folder_id(path.substr(0, slash + 1));
+      if ((slash != std::string::npos && parent == 0) || !add_folder_.bind(1, parent).bind_blob(2, path).run())
+        return 0;
+      last_id_ = static_cast<unsigned long long>(sqlite3_last_insert_rowid(db_.get()));
+      ++counts_.folders;
+    } else if (found != SQLITE_ROW) {
+      return 0;
+    }
+    last_folder_ = path;
+    return last_id_;
+  }
+
+  bool write_meta(const char* name, unsigned long long value) { return meta_.bind_text(1, name).bind(2, value).run(); }
+
+  bool complete(std::string& error) {
+    if (!write_meta("objects", counts_.objects) || !write_meta("bytes", counts_.bytes) ||
+        !write_meta("stored", counts_.stored) || !write_meta("folders", counts_.folders) ||
+        !write_meta("problems", counts_.problems)) {
+      error = sqlite3_errmsg(db_.get());
+      return false;
+    }
+    // The version says that the catalog is whole: until now it is 0.
+    const std::string end = "CREATE INDEX folders_parent ON folders(parent, path);"
+                            "CREATE INDEX visits_folder ON visits(folder, first);"
+                            "PRAGMA application_id=" + std::to_string(catalog::APPLICATION_ID) +
+                            "; PRAGMA user_version=" + std::to_string(catalog::FORMAT_VERSION) + "; COMMIT";
+    if (!db_.execute(end.c_str(), error))
+      return false;
+    for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &set_, &meta_})
+      *statement = Catalog_Statement();
+    return db_.close(error) && sync_path(path_, O_RDWR, error) && sync_path(folder_, O_RDONLY | O_DIRECTORY, error);
+  }
+
+  const std::string folder_;
+  const std::string path_;
+  Catalog_Db db_;
+  Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, set_, meta_;
+  std::string last_folder_;
+  unsigned long long last_id_ = 0;
+  Catalog_Counts counts_;
+
+  mutable std::mutex mutex_;                  ///< guards the queue, `closing_` and `error_`
+  std::condition_variable rows_;
+  std::condition_variable room_;
+  std::deque<Row> queue_;
+  bool closing_ = false;
+  std::string error_;
+  std::atomic<bool> failed_{false};
+  std::thread thread_;
+};
+
+} // namespace
+
+std::unique_ptr<Catalog_Writer> Catalog_Writer::create(const std::string& folder, std::string& error) {
+  std::unique_ptr<Catalog_Writer_Impl> writer(new Catalog_Writer_Impl(folder));
+  if (!writer->open(error))
+    return nullptr;
+  return writer;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "platform/catalog/catalog_format.h"
+
+#include <memory>
+#include <string>
+
+/// Writes the catalog of a set. Rows may come from any thread and in any order, since each carries its ordinal; a
+/// thread of the writer's own puts them into the database behind a bounded queue, so that memory does not depend on
+/// the number of objects.
+///
+/// Until `finish` has answered true the file is no catalog, and nothing in it is durable. Destroying the writer before
+/// leaves the unfinished file behind for whoever removes the set's folder.
+class Catalog_Writer {
+public:
+  /// Makes the catalog in `folder`; there must be none. Null with the reason.
+  static std::unique_ptr<Catalog_Writer> create(const std::string& folder, std::string& error);
+  virtual ~Catalog_Writer() = default;
+
+  /// Any thread; blocks while the queue is full. False once the writer has failed.
+  virtual bool add_object(const Catalog_Object& object) = 0;
+  /// Makes the folder `path` ("bucket/a/") known, whether it holds objects or not, and those above it.
+  virtual bool add_folder(const std::string& path) = 0;
+  virtual bool add_visit(const Catalog_Visit& visit) = 0;
+  virtual bool add_problem(const Catalog_Problem& problem) = 0;
+  /// Index 0, the catalog's own set, comes first.
+  virtual bool add_set(const Catalog_Set& set) = 0;
+
+  /// Waits for the queue, completes the catalog and makes it durable. No other call may run or follow.
+  virtual bool finish() = 0;
+  /// What was added; valid after `finish`.
+  virtual const Catalog_Counts& counts() const = 0;
+  /// The first failure; empty while there was none.
+  virtual std::string error() const = 0;
+};

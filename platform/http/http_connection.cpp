@@ -1,0 +1,3 @@
+#include "sdk/http/http_connection.h"
+
+HTTP_Connection::~HTTP_Connection() = default;

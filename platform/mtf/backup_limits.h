@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstddef>
+#include <limits>
+
+/// The constants that a backup's memory is made of, beside one fixed buffer per channel.
+struct Backup_Limits {
+  /// Objects up to this size are read ahead whole into memory; larger ones stream through their channel.
+  size_t small_object = 1u << 20;
+  /// Bytes of objects that are being read or wait to be written, over all channels.
+  size_t byte_budget = 64u << 20;
+  /// What an object costs beside its content: its item, its block, the medium's padding.
+  size_t object_overhead = 8192;
+  /// Objects listed and not yet being read.
+  size_t listed_ahead = 4096;
+  /// Of the buffer that a streaming object is read through.
+  size_t stream_buffer = 256u << 10;
+  /// Objects above it are refused: a platform's size_t bounds what its readers can count.
+  unsigned long long largest_object = std::numeric_limits<size_t>::max();
+  /// Reads one after the other that may give nothing before an object is given up.
+  unsigned idle_reads = 8;
+};

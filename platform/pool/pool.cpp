@@ -1,0 +1,297 @@
+#include "platform/pool/pool.h"
+
+#include "platform/pool/durable_file.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* POOL_FILE = "pool.json";
+constexpr int POOL_FORMAT = 1;
+constexpr size_t MAX_POOL_FILE = 1u << 20;
+/// HOST/RESOURCE/ACTIVITY
+constexpr unsigned SET_DEPTH = 3;
+
+int hex(char c) {
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'a' && c <= 'f')
+    return c - 'a' + 10;
+  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+bool folder_of(const std::string& url, std::string& folder, std::string& error) {
+  static const std::string scheme = "file://";
+  if (url.compare(0, scheme.size(), scheme) != 0 || url.size() <= scheme.size() || url[scheme.size()] != '/') {
+    error = "'" + url + "' is no pool: only file:///DIR is known";
+    return false;
+  }
+  folder.clear();
+  for (size_t i = scheme.size(); i < url.size(); ++i) {
+    if (url[i] != '%') {
+      folder.push_back(url[i]);
+      continue;
+    }
+    const int high = i + 2 < url.size() ? hex(url[i + 1]) : -1;
+    const int low = high < 0 ? -1 : hex(url[i + 2]);
+    if (low < 0 || high * 16 + low == 0) {
+      error = "'" + url + "' has a bad percent escape";
+      return false;
+    }
+    folder.push_back(static_cast<char>(high * 16 + low));
+    i += 2;
+  }
+  while (folder.size() > 1 && folder.back() == '/')
+    folder.pop_back();
+  return true;
+}
+
+/// Whether `uri` is a relative path of plain components, up to `most` of them.
+bool plain(const std::string& uri, unsigned most) {
+  unsigned components = 0;
+  size_t start = 0;
+  while (start <= uri.size()) {
+    const size_t slash = std::min(uri.find('/', start), uri.size());
+    if (slash == start || uri[start] == '.' || ++components > most)
+      return false;
+    start = slash + 1;
+  }
+  return components > 0;
+}
+
+bool make_folders(const std::string& base, const std::string& uri, std::string& error) {
+  size_t slash = 0;
+  while (slash < uri.size()) {
+    slash = std::min(uri.find('/', slash + 1), uri.size());
+    const std::string path = base + "/" + uri.substr(0, slash);
+    if (::mkdir(path.c_str(), 0700) == 0) {
+      if (!sync_folder(path.substr(0, path.rfind('/')), error))
+        return false;
+    } else if (errno != EEXIST) {
+      error = "cannot make folder " + path + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  return true;
+}
+
+std::vector<std::string> subfolders(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code code;
+  for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
+    std::error_code type_code;
+    const std::string name = it->path().filename().string();
+    if (name.front() != '.' && it->symlink_status(type_code).type() == fs::file_type::directory)
+      names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+/// Tells the folders that may be sets below `prefix`, as URIs.
+void collect(const std::string& base, const std::string& prefix, unsigned depth, std::vector<std::string>& uris) {
+  if (depth == SET_DEPTH) {
+    uris.push_back(prefix);
+    return;
+  }
+  for (const std::string& name : subfolders(prefix.empty() ? base : base + "/" + prefix))
+    collect(base, prefix.empty() ? name : prefix + "/" + name, depth + 1, uris);
+}
+
+std::vector<std::string> set_uris(const std::string& base, std::string prefix) {
+  std::vector<std::string> uris;
+  while (!prefix.empty() && prefix.back() == '/')
+    prefix.pop_back();
+  if (prefix.empty())
+    collect(base, "", 0, uris);
+  else if (plain(prefix, SET_DEPTH))
+    collect(base, prefix, 1 + static_cast<unsigned>(std::count(prefix.begin(), prefix.end(), '/')), uris);
+  return uris;
+}
+
+bool exists(const std::string& path) {
+  struct stat status;
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+bool remove_tree(const std::string& path, std::string& error) {
+  std::error_code code;
+  fs::remove_all(path, code);
+  if (!code)
+    return true;
+  error = "cannot remove " + path + ": " + code.message();
+  return false;
+}
+
+std::string parent_of(const std::string& uri) { return uri.substr(0, uri.rfind('/')); }
+
+} // namespace
+
+bool Pool::create(const std::string& url, const std::string& uuid, std::string& error) {
+  std::string folder;
+  if (!folder_of(url, folder, error))
+    return false;
+  std::error_code code;
+  fs::create_directories(folder, code);
+  if (code) {
+    error = "cannot make pool folder " + folder + ": " + code.message();
+    return false;
+  }
+  if (!fs::is_empty(folder, code) || code) {
+    error = code ? "cannot read pool folder " + folder + ": " + code.message()
+                 : "pool folder " + folder + " is not empty";
+    return false;
+  }
+  json_spirit::Object json;
+  json["uuid"] = uuid;
+  json["format"] = POOL_FORMAT;
+  json["encryption"] = "none";
+  if (!write_durable_file(folder, POOL_FILE, json_spirit::write_formatted(json) + "\n", error))
+    return false;
+  const std::string parent = fs::path(folder).parent_path().string();
+  return sync_folder(parent.empty() ? "/" : parent, error);
+}
+
+bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std::string& error) {
+  std::string folder, text;
+  bool missing = false;
+  if (!folder_of(url, folder, error))
+    return false;
+  const std::string path = folder + "/" + POOL_FILE;
+  if (!read_small_file(path, MAX_POOL_FILE, text, error, missing)) {
+    if (missing)
+      error = "there is no pool in " + folder + " (no " + POOL_FILE + ")";
+    return false;
+  }
+  try {
+    json_spirit::Value value;
+    std::string why;
+    if (!json_spirit::read(text, value, &why)) {
+      error = "bad pool file " + path + ": " + why;
+      return false;
+    }
+    const json_spirit::Object& json = value.get_obj();
+    const json_spirit::Value* format = json_spirit::find(json, "format");
+    if (format == nullptr || format->get_uint64() > POOL_FORMAT) {
+      error = "the pool in " + folder + " has a newer format than this program's";
+      return false;
+    }
+    const std::string& found = json_spirit::require_str(json, "uuid");
+    if (!uuid.empty() && found != uuid) {
+      error = "the pool in " + folder + " is another one (" + found + " instead of " + uuid + ")";
+      return false;
+    }
+    pool.uuid_ = found;
+    pool.folder_ = folder;
+    return true;
+  } catch (const std::exception& e) {
+    error = "bad pool file " + path + ": " + e.what();
+    return false;
+  }
+}
+
+std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::string>& errors) const {
+  std::vector<Set_Record> found;
+  for (const std::string& uri : set_uris(folder_, prefix)) {
+    Set_Record record;
+    std::string error;
+    bool missing = false;
+    if (read_set_record(set_folder(uri), record, error, &missing)) {
+      // Where it lies counts, not where it was written.
+      record.uri = uri;
+      found.push_back(std::move(record));
+    } else if (!missing) {
+      errors.push_back(error);
+    }
+  }
+  std::stable_sort(found.begin(), found.end(), [](const Set_Record& a, const Set_Record& b) {
+    return a.start_time != b.start_time ? a.start_time < b.start_time : a.seq < b.seq;
+  });
+  return found;
+}
+
+bool Pool::make_set_folder(const std::string& uri, std::string& error) const {
+  return make_set_folder_i(uri, nullptr, error);
+}
+
+bool Pool::make_set_folder(const std::string& uri, Set_Lock& lock, std::string& error) const {
+  return make_set_folder_i(uri, &lock, error);
+}
+
+bool Pool::make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string& error) const {
+  if (!plain(uri, SET_DEPTH) || std::count(uri.begin(), uri.end(), '/') != SET_DEPTH - 1) {
+    error = "'" + uri + "' is no place for a set";
+    return false;
+  }
+  if (!make_folders(folder_, parent_of(uri), error))
+    return false;
+  // Against remove_unfinished, which must not find the folder between its making and its locking.
+  Set_Lock parent;
+  if (!parent.acquire(set_folder(parent_of(uri)), true, error))
+    return false;
+  const std::string path = set_folder(uri);
+  if (::mkdir(path.c_str(), 0700) != 0) {
+    error = "cannot make folder " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  if ((lock == nullptr || lock->acquire(path, false, error)) && sync_folder(set_folder(parent_of(uri)), error))
+    return true;
+  std::string ignored;
+  remove_tree(path, ignored);
+  return false;
+}
+
+unsigned Pool::remove_unfinished(const std::string& prefix, std::string& error) const {
+  unsigned removed = 0;
+  for (const std::string& uri : set_uris(folder_, prefix)) {
+    const std::string path = set_folder(uri);
+    if (exists(path + "/" + Set_Record::FILE_NAME))
+      continue;
+    Set_Lock parent, own;
+    std::string why;
+    bool busy = false;
+    if (!parent.acquire(set_folder(parent_of(uri)), true, why)) {
+      error = why;
+      continue;
+    }
+    if (!own.acquire(path, false, why, &busy)) {
+      // Gone meanwhile is as good as removed, and a living run's is none of our business.
+      if (!busy && exists(path))
+        error = why;
+      continue;
+    }
+    // Its run may have committed it just before it let go.
+    if (exists(path + "/" + Set_Record::FILE_NAME))
+      continue;
+    if (remove_tree(path, why))
+      ++removed;
+    else
+      error = why;
+  }
+  return removed;
+}
+
+bool Pool::remove_set(const std::string& uri, std::string& error) const {
+  if (!plain(uri, SET_DEPTH)) {
+    error = "'" + uri + "' is no set";
+    return false;
+  }
+  const std::string path = set_folder(uri);
+  const std::string record = path + "/" + Set_Record::FILE_NAME;
+  if (::unlink(record.c_str()) != 0 && errno != ENOENT) {
+    error = "cannot remove " + record + ": " + std::strerror(errno);
+    return false;
+  }
+  std::string ignored;
+  if (exists(path) && !sync_folder(path, error))
+    return false;
+  return remove_tree(path, error);
+}

@@ -1,0 +1,182 @@
+#include "platform/pool/set_record.h"
+
+#include "platform/pool/durable_file.h"
+
+namespace {
+
+using json_spirit::Object;
+using json_spirit::Value;
+
+/// A record names up to 1000 problems of its run.
+constexpr size_t MAX_RECORD = 64u << 20;
+
+template <typename T>
+void get(const Object& json, const char* key, T& out);
+
+const Value& require(const Object& json, const char* key) {
+  const Value* value = json_spirit::find(json, key);
+  if (value == nullptr)
+    throw json_spirit::Type_Error(std::string("\"") + key + "\" is missing");
+  return *value;
+}
+
+template <typename T, typename F>
+void get_with(const Object& json, const char* key, T& out, F getter) {
+  try {
+    out = getter(require(json, key));
+  } catch (const json_spirit::Type_Error& e) {
+    const std::string what = e.what();
+    if (what.find(key) != std::string::npos)
+      throw;
+    throw json_spirit::Type_Error(std::string("\"") + key + "\": " + what);
+  }
+}
+
+template <>
+void get(const Object& json, const char* key, std::string& out) {
+  get_with(json, key, out, [](const Value& v) { return v.get_str(); });
+}
+
+template <>
+void get(const Object& json, const char* key, unsigned long long& out) {
+  get_with(json, key, out, [](const Value& v) { return v.get_uint64(); });
+}
+
+template <>
+void get(const Object& json, const char* key, unsigned& out) {
+  unsigned long long wide = 0;
+  get(json, key, wide);
+  if (wide > 0xFFFFFFFFull)
+    throw json_spirit::Type_Error(std::string("\"") + key + "\" is too large");
+  out = static_cast<unsigned>(wide);
+}
+
+Set_Record::Medium medium_from(const Value& value) {
+  const Object& json = value.get_obj();
+  Set_Record::Medium medium;
+  get(json, "name", medium.name);
+  get(json, "size", medium.size);
+  get(json, "family", medium.family);
+  // The name is joined to the set's folder and must not lead out of it.
+  if (medium.name.empty() || medium.name.front() == '.' || medium.name.find('/') != std::string::npos)
+    throw json_spirit::Type_Error("\"media\" holds a bad name");
+  return medium;
+}
+
+} // namespace
+
+Object Set_Record::to_json() const {
+  Object json;
+  json["format"] = FORMAT_VERSION;
+  json["uuid"] = uuid;
+  json["uri"] = uri;
+  json["host_uuid"] = host_uuid;
+  json["minor_resource_id"] = minor_resource_id;
+  json["minor_resource_name"] = minor_resource_name;
+  json["resource_uuid"] = resource_uuid;
+  json["definition_uuid"] = definition_uuid;
+  json["name"] = name;
+  json["agent"] = agent;
+  json["host"] = host;
+  json["type"] = type;
+  json["incarnation"] = incarnation;
+  json_spirit::Array base_list(bases.begin(), bases.end());
+  json["bases"] = std::move(base_list);
+  json["seq"] = seq;
+  json["channels"] = channels;
+  json["start_time"] = start_time;
+  json["end_time"] = end_time;
+  json["source_size"] = source_size;
+  json["backup_set_size"] = backup_set_size;
+  json["backup_set_storage_size"] = backup_set_storage_size;
+  json["encryption"] = encryption;
+  json_spirit::Array media_list;
+  for (const Medium& medium : media) {
+    Object one;
+    one["name"] = medium.name;
+    one["size"] = medium.size;
+    one["family"] = medium.family;
+    media_list.push_back(std::move(one));
+  }
+  json["media"] = std::move(media_list);
+  json["figures"] = figures;
+  return json;
+}
+
+bool Set_Record::from_json(const Object& json, Set_Record& record, std::string& error) {
+  try {
+    unsigned format = 0;
+    get(json, "format", format);
+    if (format > static_cast<unsigned>(FORMAT_VERSION)) {
+      error = "format " + std::to_string(format) + " is newer than this program's";
+      return false;
+    }
+    Set_Record read;
+    get(json, "uuid", read.uuid);
+    get(json, "uri", read.uri);
+    get(json, "host_uuid", read.host_uuid);
+    get(json, "minor_resource_id", read.minor_resource_id);
+    get(json, "minor_resource_name", read.minor_resource_name);
+    get(json, "resource_uuid", read.resource_uuid);
+    get(json, "definition_uuid", read.definition_uuid);
+    get(json, "name", read.name);
+    get(json, "agent", read.agent);
+    get(json, "host", read.host);
+    get(json, "type", read.type);
+    get(json, "incarnation", read.incarnation);
+    get(json, "seq", read.seq);
+    get(json, "channels", read.channels);
+    get(json, "start_time", read.start_time);
+    get(json, "end_time", read.end_time);
+    get(json, "source_size", read.source_size);
+    get(json, "backup_set_size", read.backup_set_size);
+    get(json, "backup_set_storage_size", read.backup_set_storage_size);
+    get(json, "encryption", read.encryption);
+    get_with(json, "bases", read.bases, [](const Value& v) {
+      std::vector<std::string> list;
+      for (const Value& one : v.get_array())
+        list.push_back(one.get_str());
+      return list;
+    });
+    get_with(json, "media", read.media, [](const Value& v) {
+      std::vector<Medium> list;
+      for (const Value& one : v.get_array())
+        list.push_back(medium_from(one));
+      return list;
+    });
+    get_with(json, "figures", read.figures, [](const Value& v) { return v.get_obj(); });
+    record = std::move(read);
+    return true;
+  } catch (const std::exception& e) {
+    error = e.what();
+    return false;
+  }
+}
+
+bool write_set_record(const std::string& folder, const Set_Record& record, std::string& error) {
+  return write_durable_file(folder, Set_Record::FILE_NAME, json_spirit::write_formatted(record.to_json()) + "\n",
+                            error);
+}
+
+bool read_set_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing) {
+  const std::string path = folder + "/" + Set_Record::FILE_NAME;
+  std::string text;
+  bool absent = false;
+  const bool there = read_small_file(path, MAX_RECORD, text, error, absent);
+  if (missing != nullptr)
+    *missing = absent;
+  if (!there)
+    return false;
+  Value value;
+  std::string why;
+  if (json_spirit::read(text, value, &why)) {
+    if (value.type() == json_spirit::obj_type) {
+      if (Set_Record::from_json(value.get_obj(), record, why))
+        return true;
+    } else {
+      why = "not a JSON object";
+    }
+  }
+  error = "bad set record " + path + ": " + why;
+  return false;
+}

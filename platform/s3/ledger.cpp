@@ -1,0 +1,58 @@
+#include "platform/s3/ledger.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t MAX_FOLDER_OBJECTS = 1000;
+
+} // namespace
+
+void S3_Ledger::folder_object(const std::string& path, unsigned long long size) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  ++(size == 0 ? empty_folders_ : full_folders_);
+  std::vector<Folder_Object>& list = size == 0 ? empty_ : full_;
+  if (list.size() < MAX_FOLDER_OBJECTS)
+    list.push_back(Folder_Object{path, size});
+}
+
+void S3_Ledger::listing_failed(const std::string& path, const std::string& message) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  failed_[path] = message;
+  any_failed_ = true;
+}
+
+void S3_Ledger::listing_succeeded(const std::string& path) {
+  if (!any_failed_)
+    return;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  failed_.erase(path);
+  any_failed_ = !failed_.empty();
+}
+
+unsigned long long S3_Ledger::empty_folder_objects() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return empty_folders_;
+}
+
+unsigned long long S3_Ledger::full_folder_objects() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return full_folders_;
+}
+
+std::vector<S3_Ledger::Folder_Object> S3_Ledger::folder_objects() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Folder_Object> all = full_;
+  const size_t room = MAX_FOLDER_OBJECTS - all.size();
+  all.insert(all.end(), empty_.begin(), empty_.begin() + static_cast<std::ptrdiff_t>(std::min(room, empty_.size())));
+  return all;
+}
+
+std::vector<S3_Ledger::Failed_Listing> S3_Ledger::failed_listings() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Failed_Listing> all;
+  all.reserve(failed_.size());
+  for (const auto& failed : failed_)
+    all.push_back(Failed_Listing{failed.first, failed.second});
+  return all;
+}

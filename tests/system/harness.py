@@ -1,0 +1,137 @@
+"""What the system tests share: the program under test, servers to run it against, temporary folders."""
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+BUILD = os.environ.get("OBS_BUILD", os.path.join(ROOT, "build"))
+AGENT = os.path.join(BUILD, "bin", "obs-agent")
+SERVER = os.path.join(BUILD, "bin", "s3-test-server")
+FIGURES = ["saved", "unchanged", "excluded", "skipped", "failed"]
+
+
+class Real_Server:
+    """The real S3 server, in a temporary folder."""
+
+    def __init__(self):
+        self.folder = tempfile.mkdtemp(prefix="obs-rgw-")
+        self.state = os.path.join(self.folder, "server")
+        up = os.path.join(ROOT, "testing", "real_server", "rgw-up.sh")
+        done = subprocess.run([up, self.state, "0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, env=dict(os.environ, RGW_TLS_PORT="0", RGW_TIMEOUT="180"))
+        if done.returncode != 0:
+            self.stop()
+            raise RuntimeError("the real S3 server does not start:\n" + done.stdout.decode(errors="replace"))
+        with open(os.path.join(self.state, "env")) as env:
+            values = dict(line.rstrip("\n").split("=", 1) for line in env)
+        self.endpoint = values["endpoint"]
+        self.tls_endpoint = values["tls_endpoint"]
+        self.ca = values["ca"]
+        self.access_key = values["access_key"]
+        self.secret_key = values["secret_key"]
+
+    def stop(self):
+        down = os.path.join(ROOT, "testing", "real_server", "rgw-down.sh")
+        subprocess.run([down, self.state], stdin=subprocess.DEVNULL)
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def client(self):
+        import boto3
+        from botocore.config import Config
+        return boto3.client("s3", endpoint_url=self.endpoint, aws_access_key_id=self.access_key,
+                            aws_secret_access_key=self.secret_key, region_name="us-east-1",
+                            config=Config(s3={"addressing_style": "path"}, retries={"max_attempts": 3}))
+
+    def tool(self, name, *arguments):
+        """Runs one of testing/bucket_tools against this server; its standard output."""
+        return subprocess.run(
+            ["/usr/bin/python3", os.path.join(ROOT, "testing", "bucket_tools", name), "--endpoint", self.endpoint,
+             "--access-key", self.access_key, "--secret-key", self.secret_key, *arguments],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+
+class Test_Server:
+    """The test server as a process of its own. `arguments` describe its buckets and faults (s3-test-server --help)."""
+
+    def __init__(self, *arguments):
+        self.process = subprocess.Popen([SERVER, *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        values = {}
+        for line in self.process.stdout:
+            line = line.strip()
+            if line == "ready":
+                break
+            key, value = line.split("=", 1)
+            values[key] = value
+        else:
+            raise RuntimeError("the test server does not start")
+        self.endpoint = values["endpoint"]
+        self.access_key = values["access_key"]
+        self.secret_key = values["secret_key"]
+
+    def stop(self):
+        self.process.stdin.close()   # it ends when its input does
+        self.process.wait(timeout=30)
+        self.process.stdout.close()
+
+
+class Result:
+    def __init__(self, returncode, stdout, stderr):
+        self.returncode = returncode
+        self.stdout = stdout
+        self.stderr = stderr
+
+    @property
+    def json(self):
+        return json.loads(self.stdout.strip().splitlines()[-1])
+
+
+class Scenario(unittest.TestCase):
+    """A test with a temporary folder, a state folder in it, and the program."""
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="obs-agent-test-")
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.state = os.path.join(self.folder, "state")
+        self.pool = os.path.join(self.folder, "pool")
+
+    def command(self, *arguments):
+        return [AGENT, "--state", self.state, *arguments]
+
+    def agent(self, *arguments, expect=0, input=None):
+        """Runs the program and checks its exit code; None accepts any."""
+        done = subprocess.run(self.command(*arguments), input=input, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              stdin=None if input is not None else subprocess.DEVNULL)
+        result = Result(done.returncode, done.stdout.decode(errors="surrogateescape"),
+                        done.stderr.decode(errors="replace"))
+        if expect is not None:
+            self.assertEqual(expect, result.returncode,
+                             "%s\n%s\n%s" % (" ".join(arguments), result.stdout, result.stderr))
+        return result
+
+    def add_account(self, server, name="work", **options):
+        arguments = ["account", "add", name, "--endpoint", options.pop("endpoint", server.endpoint),
+                     "--access-key", options.pop("access_key", server.access_key), "--secret-key-file", "-"]
+        for option, value in options.items():
+            arguments += ["--" + option.replace("_", "-"), value]
+        return self.agent(*arguments, input=server.secret_key.encode())
+
+    def add_pool(self, name="disk"):
+        return self.agent("pool", "add", name, "file://" + self.pool)
+
+    def assert_account_adds_up(self, outcome):
+        self.assertEqual(outcome["listed"], sum(outcome[figure] for figure in FIGURES), outcome)
+
+    def unfinished(self):
+        """Folders of the pool that look like sets but have no record."""
+        found = []
+        for folder, _, files in os.walk(self.pool):
+            if any(name.endswith(".mtf") or name == "catalog.db" for name in files) and "set.json" not in files:
+                found.append(folder)
+        return found
+
+
+def main():
+    unittest.main()
