@@ -4,6 +4,8 @@
 #include "platform/file_backup/entry_query_handler.h"
 #include "platform/job/state_folder.h"
 
+#include <ace/Thread_Manager.h>
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -21,6 +23,8 @@ std::string default_state_folder() {
 Context::Context() : state_folder(default_state_folder()), module_path(default_module_path()) {}
 
 Context::~Context() {
+  // A job has ended for its observers a moment before its thread has left the module's code.
+  ACE_Thread_Manager::instance()->wait();
   Global_JSON_RPC_Channel::instance(nullptr);
   channel_.reset();
   module_.reset();

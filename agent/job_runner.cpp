@@ -71,13 +71,13 @@ Outcome Job_Runner::run(const Job_Definition_var& definition, std::string* activ
     outcome.failure = "the module makes no job of this type";
     return outcome;
   }
-  if (activity_id)
-    *activity_id = job->activity().id;
   log_.clear_errors();
   if (job->start(nullptr) != 0) {
     outcome.failure = "the job cannot be started";
     return outcome;
   }
+  if (activity_id)
+    *activity_id = job->activity().id;
 
   Progress progress(show_progress_);
   bool asked_to_stop = false;

@@ -1,6 +1,6 @@
 #include "sdk/base/clock.h"
 
-#include "sdk/job/job.h"
+#include "platform/job/current_job.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,11 +10,6 @@
 Clock::~Clock() = default;
 
 namespace {
-
-bool is_job_canceling() {
-  const Job* job = Job::current();
-  return job != nullptr && const_cast<Job*>(job)->activity().state == JOB_STATE_CANCELING;
-}
 
 class Machine_Clock : public Clock {
 public:
@@ -36,7 +31,7 @@ public:
     // otherwise spin as soon as its job is cancelled.
     for (auto at = steady_clock::now(); at < end; at = steady_clock::now()) {
       std::this_thread::sleep_for(std::min<steady_clock::duration>(slice, end - at));
-      if (is_job_canceling())
+      if (is_current_job_canceling())
         return;
     }
   }

@@ -133,6 +133,49 @@ public:
     return step == SQLITE_DONE || failed(visits_, error);
   }
 
+  bool enter(const std::string& path, std::string& error) override {
+    error.clear();
+    entered_ = path;
+    scanning_ = false;
+    matched_.clear();
+    row_ = SQLITE_DONE;
+    unsigned long long folder = 0;
+    folder_there_ = folder_id(path, folder, error);
+    if (!folder_there_)
+      return error.empty();
+    // Only the names of a single rising run can be met by a scan.
+    Catalog_Reset reset(visits_);
+    if (visits_.bind(1, folder).bind(2, 0).step() != SQLITE_ROW || visits_.number(2) == 0)
+      return true;
+    scan_.reset();
+    scan_.bind(1, visits_.number(0)).bind(2, visits_.number(1));
+    if (visits_.step() != SQLITE_DONE)
+      return true;
+    scanning_ = true;
+    row_ = scan_.step();
+    return row_ == SQLITE_ROW || row_ == SQLITE_DONE || failed(scan_, error);
+  }
+
+  bool match(const std::string& name, Catalog_Object& object, std::string& error) override {
+    error.clear();
+    if (!folder_there_)
+      return false;
+    if (!scanning_ || (!matched_.empty() && name <= matched_))
+      return find(entered_ + name, object, error);
+    matched_ = name;
+    while (row_ == SQLITE_ROW) {
+      const int order = scan_.blob(1).compare(name);
+      if (order > 0)
+        return false;
+      if (order == 0)
+        fill(scan_, entered_, object);
+      row_ = scan_.step();
+      if (order == 0)
+        return true;
+    }
+    return row_ == SQLITE_DONE ? false : failed(scan_, error);
+  }
+
   bool walk(const std::string& path, const std::function<bool(const Catalog_Object&)>& told,
             std::string& error) override {
     // Statements of its own, so that `told` may use the reader's.
@@ -305,6 +348,9 @@ private:
            range_.prepare(db_.get(),
                           "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ? ORDER BY o.ordinal",
                           error) &&
+           scan_.prepare(db_.get(),
+                         "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ? ORDER BY o.ordinal",
+                         error) &&
            named_.prepare(db_.get(),
                           "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ? AND o.name=?",
                           error) &&
@@ -430,7 +476,12 @@ private:
 
   const std::string path_;
   Catalog_Db db_;
-  Catalog_Statement folder_id_, children_, visits_, range_, named_, visit_of_;
+  Catalog_Statement folder_id_, children_, visits_, range_, named_, visit_of_, scan_;
+  std::string entered_;                ///< folder of `match`
+  std::string matched_;                ///< the last name that the scan was asked for
+  bool folder_there_ = false;
+  bool scanning_ = false;
+  int row_ = SQLITE_DONE;              ///< state of `scan_`
   Catalog_Counts counts_;
   std::vector<Catalog_Set> sets_;
 };

@@ -49,6 +49,12 @@ public:
   virtual bool list(const std::string& path, const std::string& marker, unsigned limit, Catalog_Page& page,
                     std::string& error) = 0;
 
+  /// Takes up the folder `path` for `match`; one that is not there has no objects. False on failure.
+  virtual bool enter(const std::string& path, std::string& error) = 0;
+  /// The object `name` of the folder entered last. Costs one step of a scan where names are asked for in the order in
+  /// which the folder has them, else what `find` costs. False when it is not there, or on failure, with `error` set.
+  virtual bool match(const std::string& name, Catalog_Object& object, std::string& error) = 0;
+
   /// Tells `object` every object below the folder `path` ("" for all) in hand-out order until it returns false. The
   /// reader may be asked other things meanwhile. False on failure.
   virtual bool walk(const std::string& path, const std::function<bool(const Catalog_Object&)>& object,

@@ -20,10 +20,10 @@ const Message resource_messages[] = {
     {0x70000031E0100001ull, "The object storage cannot be reached: %1",
      "The object storage cannot be reached. Check the account's endpoint and keys."},
     {0x70000031E0100002ull, "No object was backed up.", nullptr},
-    {0x50000031E0100003ull, "The backup ended, but %1 objects were skipped.",
+    {0x50000031E0100003ull, "The backup ended, but objects were skipped: %1.",
      "The backup ended, but objects were skipped."},
     {0x70000031E0200004ull, "No object was restored.", nullptr},
-    {0x50000031E0200005ull, "The restore ended, but %1 objects were skipped.",
+    {0x50000031E0200005ull, "The restore ended, but objects were skipped: %1.",
      "The restore ended, but objects were skipped."},
 };
 

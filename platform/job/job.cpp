@@ -1,5 +1,6 @@
 #include "sdk/job/job.h"
 
+#include "platform/job/current_job.h"
 #include "platform/job/job_log.h"
 #include "platform/s3/ledger.h"
 #include "sdk/base/check.h"
@@ -69,6 +70,10 @@ struct Current_Job {
 thread_local Current_Job current_job;
 
 } // namespace
+
+bool is_current_job_canceling() {
+  return current_job.job != nullptr && current_job.job->activity().state == JOB_STATE_CANCELING;
+}
 
 struct Job::Impl {
   std::atomic<long> references{1};

@@ -1,8 +1,8 @@
 #include "sdk/job/job_mutex.h"
 
+#include "platform/job/current_job.h"
 #include "platform/job/state_folder.h"
 #include "sdk/base/check.h"
-#include "sdk/job/job.h"
 
 #include <cerrno>
 #include <chrono>
@@ -25,11 +25,6 @@ namespace {
 // How often a waiting thread looks whether its job is being cancelled, and whether another process has let go.
 const std::chrono::milliseconds LOOK_AGAIN(100);
 constexpr size_t MAX_FILE_NAME = 200;
-
-bool is_job_canceling() {
-  Job* job = Job::current();
-  return job != nullptr && job->activity().state == JOB_STATE_CANCELING;
-}
 
 // Any bytes as a file name: all but letters, digits, "-" and "_" are written as "%XX". A long name is cut and told
 // apart by a hash (FNV-1a, 64 bits) of the whole.
@@ -96,7 +91,7 @@ private:
         errno = EBUSY;
         return -1;
       }
-      if (is_job_canceling()) {
+      if (is_current_job_canceling()) {
         errno = ECANCELED;
         return -1;
       }
@@ -127,7 +122,7 @@ private:
         errno = EBUSY;
         return -1;
       }
-      if (is_job_canceling()) {
+      if (is_current_job_canceling()) {
         errno = ECANCELED;
         return -1;
       }

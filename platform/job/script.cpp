@@ -160,6 +160,8 @@ int spawn_shell(const Script_Run& run, int in, int out, int err, pid_t& pid) {
   posix_spawn_file_actions_adddup2(&settings.actions, in, STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&settings.actions, out, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&settings.actions, err, STDERR_FILENO);
+  // Whatever else is open is the agent's: its database, its connections, what its own parent left open.
+  posix_spawn_file_actions_addclosefrom_np(&settings.actions, STDERR_FILENO + 1);
 
   std::vector<std::string> environment = run.keep_environment ? copy_environment() : first_environment;
   std::vector<char*> variables;

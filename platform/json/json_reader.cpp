@@ -1,6 +1,7 @@
 #include "sdk/json/json_spirit.h"
 #include "sdk/json/yajl_handler.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -88,11 +89,25 @@ private:
     return Value(real);
   }
 
+  // Whether a number outside the range of a real is so for being close to zero: by the place of its first digit that
+  // is none, seen from the decimal point.
   static bool is_tiny(const char* text, const char* end) {
-    for (const char* c = text; c != end; ++c)
-      if (*c == 'e' || *c == 'E')
-        return c + 1 != end && c[1] == '-';
-    return std::memchr(text, '.', static_cast<size_t>(end - text)) != nullptr && (*text == '0' || text[1] == '0');
+    const char* const exponent_at = std::find_if(text, end, [](char c) { return c == 'e' || c == 'E'; });
+    const char* const point = std::find(text, exponent_at, '.');
+    const char* const digit = std::find_if(text, exponent_at, [](char c) { return c >= '1' && c <= '9'; });
+    long long place = digit < point ? point - digit : point + 1 - digit;
+    if (exponent_at != end) {
+      const char* from = exponent_at + 1;
+      if (from != end && *from == '+')
+        ++from;
+      long long exponent = 0;
+      if (std::from_chars(from, end, exponent).ec != std::errc())
+        return from != end && *from == '-';
+      if (exponent < -1000000000 || exponent > 1000000000)
+        return exponent < 0;
+      place += exponent;
+    }
+    return place < 0;
   }
 
   Value value_;

@@ -191,21 +191,25 @@ Refusal check_v2(const Http_Request& request, std::string_view authorization, co
   std::sort(amz.begin(), amz.end());
   for (const auto& [name, value] : amz)
     to_sign += name + ":" + value + "\n";
-  if (!resource_bucket.empty())
-    to_sign += "/" + resource_bucket;
-  to_sign += request.raw_path;
+  const std::string head = std::move(to_sign);
+  std::string resource = (resource_bucket.empty() ? "" : "/" + resource_bucket) + request.raw_path;
+  std::string tail;
   auto query = request.query;
   std::sort(query.begin(), query.end());
-  char separator = '?';
-  for (const auto& [name, value] : query) {
-    if (!sub_resources.count(name))
-      continue;
-    to_sign += separator + name + (value.empty() ? "" : "=" + value);
-    separator = '&';
+  for (const auto& [name, value] : query)
+    if (sub_resources.count(name))
+      tail += (tail.empty() ? "?" : "&") + name + (value.empty() ? "" : "=" + value);
+  const auto genuine = [&] { return same(to_base64(hmac_sha1(*secret, head + resource + tail)), signature); };
+  if (genuine())
+    return std::nullopt;
+  const std::string expected = head + resource + tail;
+  // "/bucket" may be signed as "/bucket/": services take both, and boto3 always signs the second.
+  if (resource.size() > 1 && resource.find('/', 1) == std::string::npos) {
+    resource += '/';
+    if (genuine())
+      return std::nullopt;
   }
-  if (!same(to_base64(hmac_sha1(*secret, to_sign)), signature))
-    return signature_refused(access_key, to_sign, {});
-  return std::nullopt;
+  return signature_refused(access_key, expected, {});
 }
 
 } // namespace

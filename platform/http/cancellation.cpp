@@ -1,0 +1,8 @@
+#include "platform/http/cancellation.h"
+
+#include "sdk/job/job.h"
+
+bool current_job_cancelled() {
+  Job* job = Job::current();
+  return job && job->activity().state.load(std::memory_order_relaxed) == JOB_STATE_CANCELING;
+}

@@ -1,0 +1,234 @@
+#include "platform/mtf/backup_channel.h"
+
+#include "sdk/base/clock.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+using namespace MTF;
+
+namespace {
+
+/// A reader whose source was replaced under it can only begin anew; one that fails twice is given up.
+constexpr unsigned ATTEMPTS = 2;
+/// What a reader's buffer may keep between two objects.
+constexpr size_t KEPT_BUFFER = 128u << 10;
+
+double monotonic_seconds() {
+  const ACE_Time_Value now = Clock::instance().monotonic();
+  return static_cast<double>(now.sec()) + static_cast<double>(now.usec()) / 1e6;
+}
+
+} // namespace
+
+Object_Head Backup_Channel::head_of(const Backup_Item& item) const {
+  Object_Head head;
+  head.path = item.path();
+  head.ordinal = item.ordinal;
+  head.size = item.size;
+  head.mtime = item.mtime;
+  head.seq = shared_.seq;
+  return head;
+}
+
+void Backup_Channel::account(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading) {
+  if (outcome == Reading_Outcome::SKIPPED)
+    shared_.account->skipped(item.path(), reading.message());
+  else if (outcome == Reading_Outcome::FAILED)
+    shared_.account->failed(item.path(), reading.number(), reading.message());
+}
+
+void Backup_Channel::read() {
+  IFile_Reader_var reader;
+  std::vector<char> buffer;
+  while (Backup_Item* item = shared_.queue->claim(number_)) {
+    const Reading_Outcome outcome = fetch(*item, reader, buffer);
+    if (buffer.capacity() > KEPT_BUFFER)
+      std::vector<char>().swap(buffer);
+    // ABANDONED: it turned out larger than it was listed and has become the writer's.
+    if (outcome == Reading_Outcome::DONE)
+      shared_.queue->settle(number_, *item, Backup_Item::READY, item->image.footprint());
+    else
+      shared_.queue->settle(number_, *item,
+                            outcome == Reading_Outcome::ABANDONED ? Backup_Item::STREAM : Backup_Item::DROPPED, 0);
+  }
+}
+
+Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reader, std::vector<char>& buffer) {
+  if (item.size > shared_.limits.largest_object) {
+    shared_.account->skipped(item.path(), "The object is larger than this platform can read.");
+    return Reading_Outcome::SKIPPED;
+  }
+  const std::string path = item.path();
+  for (unsigned attempt = 1;; ++attempt) {
+    if (reader.null())
+      reader = shared_.callback->make_file_reader();
+    Object_Reading reading(reader, shared_.limits);
+    Reading_Outcome outcome = reading.open(path);
+    if (outcome == Reading_Outcome::DONE) {
+      const unsigned long long listed = item.size;
+      item.size = reading.size();
+      item.mtime = reading.mtime();
+      if (item.size > shared_.limits.small_object ||
+          (item.size > listed && !shared_.queue->reserve(item, 2 * static_cast<size_t>(item.size - listed)))) {
+        item.reader = reading.let_go();
+        reader = IFile_Reader_var();
+        return Reading_Outcome::ABANDONED;
+      }
+      buffer.resize(static_cast<size_t>(item.size) + 1);
+      outcome = reading.read_whole(buffer.data());
+      shared_.account->read(reading.bytes());
+    }
+    if (outcome == Reading_Outcome::DONE) {
+      std::string error;
+      if (item.image.encode(head_of(item), buffer.data(), shared_.codec, error))
+        return outcome;
+      shared_.account->failed(path, ENOMEM, error);
+      return Reading_Outcome::FAILED;
+    }
+    if (outcome == Reading_Outcome::FAILED && attempt < ATTEMPTS && !reader.null() && !shared_.queue->stopped())
+      continue;
+    account(item, outcome, reading);
+    return outcome;
+  }
+}
+
+void Backup_Channel::write() {
+  std::vector<char> buffer;
+  while (std::unique_ptr<Backup_Item> item = shared_.queue->next(number_)) {
+    bool going = true;
+    if (item->state == Backup_Item::READY)
+      going = append(*item);
+    else if (item->state == Backup_Item::STREAM)
+      going = stream(*item, buffer);
+    shared_.queue->done(number_, std::move(item));
+    if (!going)
+      return;
+  }
+  if (shared_.queue->stopped())
+    return;
+  if (medium_->finish())
+    finished_ = true;
+  else
+    medium_failed();
+}
+
+bool Backup_Channel::medium_failed() {
+  const std::string& error = medium_->error();
+  shared_.fail(E_WRITE_MEDIUM, error.empty() ? "a medium cannot be written" : error);
+  return false;
+}
+
+bool Backup_Channel::enter_folder(const Backup_Item& item) {
+  if (folder_ == item.folder)
+    return true;
+  folder_ = item.folder;
+  std::string path = *item.folder;
+  std::replace(path.begin(), path.end(), '/', '\0');
+  return medium_->set_directory(path);
+}
+
+bool Backup_Channel::append(Backup_Item& item) {
+  Stored_Object stored;
+  if (!enter_folder(item) || !medium_->append(item.image, stored))
+    return medium_failed();
+  return record(item, stored);
+}
+
+bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored) {
+  Catalog_Object object;
+  object.path = item.path();
+  object.ordinal = item.ordinal;
+  object.size = item.size;
+  object.mtime = item.mtime;
+  object.channel = number_;
+  object.offset = stored.offset;
+  object.stored = stored.stored;
+  std::memcpy(object.sha256, stored.sha256, sizeof object.sha256);
+  if (!shared_.catalog->add_object(object)) {
+    shared_.fail(E_WRITE_MEDIUM, shared_.catalog->error());
+    return false;
+  }
+  shared_.account->saved(item.size, stored.stored);
+  throttle(item.size);
+  return true;
+}
+
+bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
+  buffer.resize(shared_.limits.stream_buffer);
+  if (item.size > shared_.limits.largest_object) {
+    shared_.account->skipped(item.path(), "The object is larger than this platform can read.");
+    return true;
+  }
+  const std::string path = item.path();
+  IFile_Reader_var reader = item.reader;
+  item.reader = IFile_Reader_var();
+  for (unsigned attempt = 1;; ++attempt) {
+    const bool open = attempt == 1 && !reader.null();
+    if (reader.null())
+      reader = shared_.callback->make_file_reader();
+    Object_Reading reading(reader, shared_.limits);
+    Reading_Outcome outcome = Reading_Outcome::DONE;
+    if (open) {
+      reading.adopt(item.size, item.mtime);
+    } else {
+      outcome = reading.open(path);
+      if (outcome == Reading_Outcome::DONE) {
+        item.size = reading.size();
+        item.mtime = reading.mtime();
+      }
+    }
+    if (outcome == Reading_Outcome::DONE && item.size > shared_.limits.largest_object) {
+      shared_.account->skipped(path, "The object is larger than this platform can read.");
+      return true;
+    }
+    Stored_Object stored;
+    if (outcome == Reading_Outcome::DONE) {
+      outcome = stream_once(item, reading, buffer, stored);
+      shared_.account->read(reading.bytes());
+    }
+    if (outcome == Reading_Outcome::DONE)
+      return record(item, stored);
+    if (outcome == Reading_Outcome::ABANDONED)
+      return shared_.queue->stopped() ? false : medium_failed();
+    if (outcome == Reading_Outcome::FAILED && attempt < ATTEMPTS && !reader.null() && !shared_.queue->stopped())
+      continue;
+    account(item, outcome, reading);
+    return true;
+  }
+}
+
+/// ABANDONED when the medium failed or the run was stopped.
+Reading_Outcome Backup_Channel::stream_once(Backup_Item& item, Object_Reading& reading, std::vector<char>& buffer,
+                                            Stored_Object& stored) {
+  if (!enter_folder(item) || !medium_->begin_object(head_of(item), shared_.codec))
+    return Reading_Outcome::ABANDONED;
+  const Reading_Outcome outcome =
+      reading.read_through(buffer.data(), buffer.size(), [this](const char* data, size_t size) {
+        return shared_.queue->wait_while_paused() && medium_->write(data, size);
+      });
+  if (outcome == Reading_Outcome::DONE)
+    return medium_->end_object(stored) ? outcome : Reading_Outcome::ABANDONED;
+  // A medium that cannot take back what it got is no good any more, whatever the object's own fault was.
+  if (medium_->error().empty() && !medium_->cancel_object())
+    return Reading_Outcome::ABANDONED;
+  return outcome;
+}
+
+void Backup_Channel::throttle(unsigned long long bytes) {
+  if (shared_.rate_limit == 0)
+    return;
+  const double now = monotonic_seconds();
+  const double due = throttle_start_ + static_cast<double>(throttled_) / static_cast<double>(shared_.rate_limit);
+  // Time that was not used is not saved up.
+  if (throttled_ == 0 || now > due + 1) {
+    throttle_start_ = now;
+    throttled_ = 0;
+  }
+  throttled_ += bytes;
+  const double wait =
+      throttle_start_ + static_cast<double>(throttled_) / static_cast<double>(shared_.rate_limit) - now;
+  if (wait > 0)
+    shared_.queue->wait_while_paused(wait);
+}

@@ -1,0 +1,64 @@
+#pragma once
+
+#include "platform/mtf/run_account.h"
+#include "platform/mtf/backup_queue.h"
+#include "platform/mtf/backup_reading.h"
+#include "platform/mtf/medium_writer.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// What all channels of a run share. Outlives them.
+struct Backup_Shared {
+  Backup_Limits limits;
+  Codec_Options codec;
+  unsigned seq = 0;                    ///< of the set that is being written
+  unsigned long long rate_limit = 0;   ///< bytes per second of one channel; 0: none
+  MTF::IBackup_Callback_var callback;
+  Backup_Queue* queue = nullptr;
+  Run_Account* account = nullptr;
+  Catalog_Writer* catalog = nullptr;
+  /// Ends the run for the reason given. Any thread; the first one counts.
+  std::function<void(MTF::Error_Code, const std::string&)> fail;
+};
+
+/// One channel of a backup: a medium, the readers that fetch small objects ahead for it, and the writer that appends in
+/// the order of the listing and reads large objects itself.
+class Backup_Channel {
+public:
+  Backup_Channel(Backup_Shared& shared, unsigned number, std::unique_ptr<Medium_Writer> medium)
+      : shared_(shared), number_(number), medium_(std::move(medium)) {}
+
+  /// Bodies of a reader's and of the writer's thread; return at the end of the listing and once the run is stopped.
+  void read();
+  void write();
+
+  /// For the time after all threads have ended: whether the medium was finished, and how large it is.
+  bool finished() const { return finished_; }
+  unsigned long long size() const { return medium_->size(); }
+  /// Closes the medium's file.
+  void release() { medium_.reset(); }
+
+private:
+  Reading_Outcome fetch(Backup_Item& item, MTF::IFile_Reader_var& reader, std::vector<char>& buffer);
+  bool append(Backup_Item& item);
+  bool stream(Backup_Item& item, std::vector<char>& buffer);
+  Reading_Outcome stream_once(Backup_Item& item, Object_Reading& reading, std::vector<char>& buffer,
+                              Stored_Object& stored);
+  bool enter_folder(const Backup_Item& item);
+  bool record(const Backup_Item& item, const Stored_Object& stored);
+  void account(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading);
+  Object_Head head_of(const Backup_Item& item) const;
+  bool medium_failed();
+  void throttle(unsigned long long bytes);
+
+  Backup_Shared& shared_;
+  const unsigned number_;
+  std::unique_ptr<Medium_Writer> medium_;
+  std::shared_ptr<const std::string> folder_;   ///< of the object written last
+  unsigned long long throttled_ = 0;            ///< bytes since `throttle_start_`
+  double throttle_start_ = 0;
+  bool finished_ = false;
+};

@@ -1,0 +1,363 @@
+#include "platform/mtf/backup_engine.h"
+
+#include "platform/catalog/catalog_writer.h"
+#include "platform/mtf/backup_channel.h"
+#include "platform/mtf/backup_listing.h"
+#include "platform/mtf/engine_log.h"
+#include "platform/mtf/engine_threads.h"
+#include "platform/mtf/media_feed.h"
+#include "sdk/base/clock.h"
+#include "sdk/job/job.h"
+
+#include <algorithm>
+#include <mutex>
+#include <random>
+
+using namespace MTF;
+
+namespace {
+
+constexpr unsigned DEFAULT_READERS = 32;
+constexpr unsigned MAX_READERS = 1024;
+constexpr unsigned MAX_CHANNELS = 256;
+
+unsigned make_family() {
+  std::random_device random;
+  unsigned family;
+  do {
+    family = random();
+  } while (family == 0);
+  return family;
+}
+
+double seconds_between(const ACE_Time_Value& from, const ACE_Time_Value& to) {
+  const ACE_Time_Value span = to - from;
+  return static_cast<double>(span.sec()) + static_cast<double>(span.usec()) / 1e6;
+}
+
+/// The set's folder: as told when that is a new one, else a new one beside it.
+std::string set_uri(const Pool& pool, const std::string& prefix, const std::string& uuid) {
+  std::string uri = prefix;
+  const bool open = uri.empty() || uri.back() == '/';
+  while (!uri.empty() && uri.back() == '/')
+    uri.pop_back();
+  Set_Record record;
+  std::string error;
+  bool missing = false;
+  if (open || std::count(uri.begin(), uri.end(), '/') == 1)
+    return uri.empty() ? uuid : uri + "/" + uuid;
+  if (read_set_record(pool.set_folder(uri), record, error, &missing) || !missing)
+    return uri.substr(0, uri.rfind('/') + 1) + uuid;
+  return uri;
+}
+
+} // namespace
+
+struct Backup_Engine::Impl {
+  Impl(Backup_Order o, Event_Handler_var h, Metadata& m, std::shared_ptr<ACE_Log_Msg_Callback> l)
+      : order(std::move(o)),
+        handler(h),
+        metadata(m),
+        log(std::move(l)),
+        job(Job::current()),
+        ledger(job != nullptr ? job->ledger() : nullptr),
+        account(h),
+        queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {}
+
+  bool prepare(const std::string& location, const std::string& pool_uuid);
+  bool make_media();
+  bool write_objects();
+  bool complete();
+  void list();
+  void fail(Error_Code code, const std::string& text);
+  void start(const std::string& name, std::function<void()> body);
+  void supervise(bool tell);
+  void conclude(const ACE_Time_Value& begun, bool kept);
+  void discard();
+
+  Backup_Order order;
+  Event_Handler_var handler;
+  Metadata& metadata;
+  std::shared_ptr<ACE_Log_Msg_Callback> log;
+  Job* const job;
+  std::shared_ptr<S3_Ledger> ledger;
+
+  Pool pool;
+  Set_Lock lock;
+  std::string uri;
+  bool made_folder = false;
+  unsigned family = 0;
+  Run_Account account;
+  Backup_Queue queue;
+  std::unique_ptr<Catalog_Writer> catalog;
+  std::unique_ptr<Listing_Events> events;
+  std::vector<std::unique_ptr<Backup_Channel>> channels;
+  Backup_Shared shared;
+  ISrc_Lister_var lister;
+  unsigned long long set_bytes = 0;      ///< on media and in the catalog
+
+  Engine_Threads threads;
+  std::mutex mutex;                      ///< guards what follows
+  Error_Code code = E_OK;
+  std::string failure;
+};
+
+Backup_Engine::Backup_Engine(Backup_Order order, Event_Handler_var handler, Metadata& metadata,
+                             std::shared_ptr<ACE_Log_Msg_Callback> log)
+    : impl_(new Impl(std::move(order), handler, metadata, std::move(log))) {}
+
+Backup_Engine::~Backup_Engine() = default;
+
+Error_Code Backup_Engine::err_code() const {
+  return impl_->code;
+}
+const std::string& Backup_Engine::failure() const {
+  return impl_->failure;
+}
+unsigned long long Backup_Engine::size() const {
+  return impl_->account.saved_bytes();
+}
+unsigned long long Backup_Engine::set_size() const {
+  return impl_->account.saved_bytes();
+}
+unsigned long long Backup_Engine::set_storage_size() const {
+  return impl_->set_bytes;
+}
+size_t Backup_Engine::peak_bytes() const {
+  return impl_->queue.peak_bytes();
+}
+
+void Backup_Engine::Impl::fail(Error_Code why, const std::string& text) {
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (code != E_OK)
+      return;
+    code = why;
+    failure = text;
+  }
+  if (why != E_CANCELED)
+    engine_log(log, LM_ERROR, text);
+  if (events)
+    events->stop();
+  queue.stop();
+}
+
+bool Backup_Engine::Impl::prepare(const std::string& location, const std::string& pool_uuid) {
+  std::string error;
+  if (!Pool::open(location, pool_uuid, pool, error)) {
+    fail(E_GET_POOL_INFO, error);
+    return false;
+  }
+  uri = set_uri(pool, order.uri_prefix, order.uuid);
+  std::string unremoved;
+  const unsigned removed = pool.remove_unfinished(uri.substr(0, uri.rfind('/')), unremoved);
+  if (removed != 0)
+    engine_log(log, LM_INFO, "Removed " + std::to_string(removed) + " unfinished sets of earlier runs.");
+  if (!unremoved.empty())
+    engine_log(log, LM_WARNING, "An unfinished set stays: " + unremoved + ".");
+  if (!pool.make_set_folder(uri, lock, error)) {
+    fail(E_OPEN_MEDIUM, error);
+    return false;
+  }
+  made_folder = true;
+  catalog = Catalog_Writer::create(pool.set_folder(uri), error);
+  if (!catalog || !catalog->add_set({0, order.uuid, uri, order.base_seq + 1})) {
+    fail(E_OPEN_MEDIUM, catalog ? catalog->error() : error);
+    return false;
+  }
+  account.catalog(catalog.get());
+  return make_media();
+}
+
+bool Backup_Engine::Impl::make_media() {
+  std::string error;
+  // A codec that is not there shall not fail object by object.
+  Object_Image probe;
+  if (!probe.encode(Object_Head(), "", order.codec, error)) {
+    fail(E_OPEN_MEDIUM, error);
+    return false;
+  }
+  family = make_family();
+  for (unsigned i = 0; i < order.channels; ++i) {
+    Medium_Identity identity;
+    identity.family = family;
+    identity.media_name = medium_name(i);
+    identity.software = "obs-agent";
+    identity.set_uuid = order.uuid;
+    identity.set_name = metadata.name;
+    identity.description = metadata.minor_resource_name;
+    identity.user = metadata.uid;
+    identity.machine = metadata.host;
+    identity.incremental = order.incremental;
+    identity.write_date = Clock::instance().now();
+    auto medium = Medium_Writer::create(pool.set_folder(uri) + "/" + medium_name(i), identity, error);
+    if (!medium) {
+      fail(E_OPEN_MEDIUM, error);
+      return false;
+    }
+    channels.push_back(std::make_unique<Backup_Channel>(shared, i, std::move(medium)));
+  }
+  return true;
+}
+
+void Backup_Engine::Impl::start(const std::string& name, std::function<void()> body) {
+  threads.start(name, std::move(body), [this](const std::string& why) { fail(E_FAILED, "The backup ends: " + why + "."); });
+}
+
+void Backup_Engine::Impl::list() {
+  Backup_Listing listing(queue, *catalog, account);
+  const int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
+    const bool taken = block && listing.take(*block);
+    if (!taken)
+      events->refused();
+    return taken;
+  });
+  const bool whole = listing.finish();
+  if (!catalog->error().empty())
+    fail(E_WRITE_MEDIUM, catalog->error());
+  else if (!listing.error().empty())
+    fail(E_LIST_SOURCE, "The source cannot be listed: " + listing.error() + ".");
+  else if (result != 0 || !whole)
+    fail(!handler.null() && handler->is_canceling() ? E_CANCELED : E_LIST_SOURCE, "The source cannot be listed.");
+  queue.close();
+}
+
+/// Asks for cancel and pause and tells the progress.
+void Backup_Engine::Impl::supervise(bool tell) {
+  if (handler.null())
+    return;
+  if (handler->is_canceling())
+    fail(E_CANCELED, "The backup was cancelled.");
+  queue.pause(handler->pausing());
+  if (tell)
+    handler->handle_progress(0, account.saved_objects(), account.bytes_read(), account.stored_bytes());
+}
+
+bool Backup_Engine::Impl::write_objects() {
+  if (!order.actions.null() && !order.actions->execute_pre_action()) {
+    fail(E_ACTION, "The pre-action failed.");
+    return false;
+  }
+  IBackup_Callback_var callback = order.factory.null() ? IBackup_Callback_var() : order.factory->make();
+  if (callback.null()) {
+    fail(E_MAKE_CALLBACK, "The source cannot be connected.");
+    return false;
+  }
+  events = std::make_unique<Listing_Events>(handler, account, *catalog);
+  lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.base_seq + 1), events.get(),
+                                        order.filter, static_cast<int>(order.scan_threads));
+  if (lister.null()) {
+    fail(E_LIST_SOURCE, "The source's lister cannot be made.");
+    return false;
+  }
+  shared.limits = order.limits;
+  shared.codec = order.codec;
+  shared.seq = order.base_seq + 1;
+  shared.rate_limit = order.io.channel_rate_limit;
+  shared.callback = callback;
+  shared.queue = &queue;
+  shared.account = &account;
+  shared.catalog = catalog.get();
+  shared.fail = [this](Error_Code why, const std::string& text) { fail(why, text); };
+
+  const unsigned count = static_cast<unsigned>(channels.size());
+  const unsigned readers =
+      std::max(count, std::min(order.io.readers == 0 ? DEFAULT_READERS : order.io.readers, MAX_READERS));
+  for (unsigned i = 0; i < count; ++i) {
+    Backup_Channel* const channel = channels[i].get();
+    start("Channel " + std::to_string(i), [channel] { channel->write(); });
+    for (unsigned r = i; r < readers; r += count)
+      start("Reader " + std::to_string(r), [channel] { channel->read(); });
+  }
+  start("Lister", [this] { list(); });
+  threads.join([this](bool tell) { supervise(tell); });
+  // The lister is the callback's, and both may hold connections.
+  lister = ISrc_Lister_var();
+  shared.callback = IBackup_Callback_var();
+  return code == E_OK;
+}
+
+bool Backup_Engine::Impl::complete() {
+  if (account.saved_objects() == 0 && account.problems() != 0) {
+    fail(E_NO_FILES_BACKUPED, "No object could be backed up.");
+    return false;
+  }
+  account.catalog(nullptr);
+  if (!catalog->finish()) {
+    fail(E_WRITE_MEDIUM, catalog->error());
+    return false;
+  }
+  metadata.media.clear();
+  for (unsigned i = 0; i < channels.size(); ++i) {
+    json_spirit::Object medium;
+    medium["name"] = medium_name(i);
+    medium["size"] = channels[i]->size();
+    medium["family"] = family;
+    metadata.media.push_back(std::move(medium));
+    set_bytes += channels[i]->size();
+  }
+  metadata.seq = order.base_seq + 1;
+  metadata.channels = static_cast<unsigned>(channels.size());
+  metadata.set_uri = uri;
+  metadata.base_uuid.clear();
+  return true;
+}
+
+void Backup_Engine::Impl::discard() {
+  account.catalog(nullptr);
+  channels.clear();
+  catalog.reset();
+  std::string error;
+  if (made_folder && !pool.remove_set(uri, error))
+    engine_log(log, LM_WARNING, "The unfinished set stays until the next run: " + error + ".");
+  lock.release();
+}
+
+void Backup_Engine::Impl::conclude(const ACE_Time_Value& begun, bool kept) {
+  const bool whole = code == E_OK || code == E_NO_FILES_BACKUPED;
+  json_spirit::Object figures =
+      account.figures(ledger.get(), whole, kept, seconds_between(begun, Clock::instance().monotonic()));
+  if (!failure.empty())
+    figures["failure"] = failure;
+  metadata.figures = figures;
+  if (kept && account.problems() != 0)
+    code = E_END_WITH_SKIPPED_FILES;
+  if (handler.null())
+    return;
+  handler->handle_progress(0, account.saved_objects(), account.bytes_read(), account.stored_bytes());
+  handler->notify_event(EVENT_OUTCOME, figures);
+}
+
+bool Backup_Engine::run(const std::string& location, const std::string& pool_uuid) {
+  Impl& i = *impl_;
+  const ACE_Time_Value begun = Clock::instance().monotonic();
+  bool done = false;
+  try {
+    done = i.prepare(location, pool_uuid) && i.write_objects();
+    if (i.events)
+      i.events->settle();
+    i.account.listing_ended(i.ledger.get());
+    done = done && i.complete();
+  } catch (const std::exception& e) {
+    i.fail(E_FAILED, std::string("The backup ends: ") + e.what() + ".");
+    done = false;
+  }
+  if (!i.order.actions.null() && !i.order.actions->execute_post_action(done, "") && done) {
+    i.fail(E_ACTION, "The post-action failed.");
+    done = false;
+  }
+  if (!done)
+    i.discard();
+  i.channels.clear();
+  i.catalog.reset();
+  i.conclude(begun, done);
+  return done;
+}
+
+bool Backup_Engine::refuse(Error_Code code, const std::string& error) {
+  impl_->fail(code, error);
+  if (!impl_->order.actions.null())
+    impl_->order.actions->execute_post_action(false, "");
+  impl_->conclude(Clock::instance().monotonic(), false);
+  return false;
+}

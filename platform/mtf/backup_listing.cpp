@@ -1,0 +1,109 @@
+#include "platform/mtf/backup_listing.h"
+
+#include <algorithm>
+
+using namespace MTF;
+
+int Listing_Events::notify_event(unsigned code, const json_spirit::Object& options) {
+  if (code == EVENT_ITEM_ERROR) {
+    if (stopping_)
+      return 0;
+    const std::string type = json_spirit::optional_str(options, "type");
+    std::string path = json_spirit::optional_str(options, "name");
+    const std::string message = json_spirit::optional_str(options, "message");
+    const json_spirit::Value* number = json_spirit::find(options, "errno");
+    const bool known = number != nullptr && number->type() == json_spirit::int_type;
+    account_.note(type, path, number != nullptr ? *number : json_spirit::Value(), message);
+    if (!path.empty() && path.front() == '/')
+      path.erase(0, 1);
+    catalog_.add_problem({type == "directory" ? Catalog_Problem::NOT_LISTED : Catalog_Problem::SKIPPED, path,
+                          known ? static_cast<int>(number->get_int64()) : 0, message});
+  }
+  return handler_.null() ? 0 : handler_->notify_event(code, options);
+}
+
+int Listing_Events::handle_progress(int code, unsigned long long a, unsigned long long b, unsigned long long c) {
+  return handler_.null() ? 0 : handler_->handle_progress(code, a, b, c);
+}
+
+bool Listing_Events::canceling() {
+  return stopping_ || (!handler_.null() && handler_->is_canceling());
+}
+
+bool Listing_Events::pausing() {
+  return !handler_.null() && handler_->pausing();
+}
+
+void Listing_Events::settle() {
+  const unsigned long long files = skipped_files() - std::min<unsigned long long>(skipped_files(), refused_);
+  account_.lister_skipped(files);
+  if (handler_.null())
+    return;
+  handler_->add_skipped_files(files);
+  handler_->add_skipped_dirs(skipped_dirs());
+}
+
+bool Backup_Listing::take(const Cat_Blk& block) {
+  if (!block.valid()) {
+    error_ = "the source lister gave a damaged block";
+    return false;
+  }
+  switch (block.hdr().type()) {
+  case MTF_CAT_DIRB_BLK:
+    return enter(block.name());
+  case MTF_CAT_FILE_BLK:
+    return object(block);
+  default:
+    return true;
+  }
+}
+
+bool Backup_Listing::finish() {
+  if (visit_.first == 0)
+    return true;
+  const bool done = catalog_.add_visit(visit_);
+  visit_.first = 0;
+  return done;
+}
+
+bool Backup_Listing::enter(const std::string& name) {
+  if (!finish())
+    return false;
+  std::string path = name;
+  std::replace(path.begin(), path.end(), '\0', '/');
+  if (path.empty() || path.back() != '/') {
+    error_ = "the source lister gave a folder without a name";
+    return false;
+  }
+  folder_ = std::make_shared<const std::string>(std::move(path));
+  return catalog_.add_folder(*folder_);
+}
+
+bool Backup_Listing::object(const Cat_Blk& block) {
+  if (!folder_) {
+    error_ = "the source lister gave an object outside of any folder";
+    return false;
+  }
+  account_.handed_out();
+  auto item = std::make_unique<Backup_Item>();
+  item->folder = folder_;
+  item->name = block.name();
+  item->size = block.hdr().size();
+  item->mtime = block.mtime();
+  item->ordinal = ++ordinal_;
+  if (item->name.find('\0') != std::string::npos) {
+    // Readers take paths as C strings: the object asked for would be another one.
+    account_.skipped(item->path(), "A key with a NUL byte is not supported.");
+    return true;
+  }
+  if (visit_.first == 0) {
+    visit_.folder = *folder_;
+    visit_.first = ordinal_;
+    visit_.ascending = true;
+  } else if (item->name <= last_name_) {
+    visit_.ascending = false;
+  }
+  visit_.last = ordinal_;
+  last_name_ = item->name;
+  return queue_.push(std::move(item));
+}

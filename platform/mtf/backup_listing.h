@@ -1,0 +1,65 @@
+#pragma once
+
+#include "platform/mtf/run_account.h"
+#include "platform/mtf/backup_queue.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+/// The event handler that a source lister gets: passes on what the lister says, takes it into the account, and answers
+/// that the run is being cancelled as soon as it has to end for whatever reason.
+class Listing_Events : public MTF::Event_Handler {
+public:
+  Listing_Events(MTF::Event_Handler_var handler, Run_Account& account, Catalog_Writer& catalog)
+      : MTF::Event_Handler(handler.null() ? 0 : handler->mode()),
+        handler_(handler),
+        account_(account),
+        catalog_(catalog) {}
+
+  void stop() { stopping_ = true; }
+  /// A block was refused, which the lister counts as a skipped object: it is none, and will be told as not reached.
+  void refused() { ++refused_; }
+  /// Hands the lister's own counts on. Once, after it has ended.
+  void settle();
+
+  int notify_event(unsigned code, const json_spirit::Object& options) override;
+  int handle_progress(int code, unsigned long long a, unsigned long long b, unsigned long long c) override;
+  bool canceling() override;
+  bool pausing() override;
+
+private:
+  MTF::Event_Handler_var handler_;
+  Run_Account& account_;
+  Catalog_Writer& catalog_;
+  std::atomic<bool> stopping_{false};
+  std::atomic<unsigned long long> refused_{0};
+};
+
+/// Turns the lister's blocks into objects for the queue and folders for the catalog, and numbers the objects. On the
+/// lister's thread.
+class Backup_Listing {
+public:
+  Backup_Listing(Backup_Queue& queue, Catalog_Writer& catalog, Run_Account& account)
+      : queue_(queue), catalog_(catalog), account_(account) {}
+
+  /// False when the block makes no sense, the run is stopped, or the catalog failed.
+  bool take(const MTF::Cat_Blk& block);
+  /// Ends the last folder. False when the catalog failed.
+  bool finish();
+  /// What was wrong with a refused block; empty when it was not the block.
+  const std::string& error() const { return error_; }
+
+private:
+  bool enter(const std::string& name);
+  bool object(const MTF::Cat_Blk& block);
+
+  Backup_Queue& queue_;
+  Catalog_Writer& catalog_;
+  Run_Account& account_;
+  std::shared_ptr<const std::string> folder_;
+  Catalog_Visit visit_;                ///< of `folder_`; `first` is 0 while it has no object
+  std::string last_name_;
+  unsigned long long ordinal_ = 0;
+  std::string error_;
+};

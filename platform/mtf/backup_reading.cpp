@@ -1,0 +1,107 @@
+#include "platform/mtf/backup_reading.h"
+
+#include <algorithm>
+#include <cerrno>
+
+using namespace MTF;
+
+Reading_Outcome Object_Reading::fail(int number, const std::string& message) {
+  number_ = number;
+  message_ = message;
+  return Reading_Outcome::FAILED;
+}
+
+Reading_Outcome Object_Reading::open(const std::string& path) {
+  if (reader_.null()) {
+    return fail(ENOMEM, "No reader could be made for the object.");
+  }
+  bytes_ = 0;
+  opened_ = true;
+  if (reader_->open(("/" + path).c_str()) != 0) {
+    close();
+    message_ = "The object could not be opened: it is gone, or may not be read.";
+    return Reading_Outcome::SKIPPED;
+  }
+  File_Blk block;
+  Callback_Stat stat;
+  unsigned long long size = 0;
+  if (!reader_->handle_file_blk(block, size, stat)) {
+    close();
+    message_ = "The object's size and date could not be had.";
+    return Reading_Outcome::SKIPPED;
+  }
+  size_ = size;
+  mtime_ = stat.mtime;
+  return Reading_Outcome::DONE;
+}
+
+void Object_Reading::adopt(unsigned long long size, long long mtime) {
+  size_ = size;
+  mtime_ = mtime;
+  opened_ = true;
+}
+
+IFile_Reader_var Object_Reading::let_go() {
+  opened_ = false;
+  return reader_;
+}
+
+void Object_Reading::close() {
+  if (opened_ && !reader_.null())
+    reader_->close();
+  opened_ = false;
+}
+
+/// One piece of the body. A reader that stands before the object's end and is no longer open has lost its source; the
+/// next read takes it up again.
+Object_Reading::Piece Object_Reading::read_piece(char* buffer, size_t size, size_t& used) {
+  for (unsigned idle = 0; idle < limits_.idle_reads; ++idle) {
+    Buffer piece(buffer, size);
+    if (reader_->read(piece) != 0)
+      return BROKEN;
+    used = std::min(piece.used(), size);
+    bytes_ += used;
+    if (used != 0)
+      return SOME;
+    if (bytes_ >= size_ || reader_->is_open())
+      return END;
+  }
+  return BROKEN;
+}
+
+Reading_Outcome Object_Reading::finish() {
+  close();
+  return Reading_Outcome::DONE;
+}
+
+Reading_Outcome Object_Reading::read_whole(char* buffer) {
+  // The byte too many, where one comes, must have a place of its own.
+  return read_through(buffer, static_cast<size_t>(size_) + 1, nullptr);
+}
+
+Reading_Outcome Object_Reading::read_through(char* buffer, size_t size,
+                                             const std::function<bool(const char*, size_t)>& take) {
+  for (;;) {
+    const unsigned long long left = size_ - bytes_;
+    // Past the end only a source that is still open is asked: a closed one would be opened anew.
+    if (left == 0 && !reader_->is_open())
+      return finish();
+    char* const at = take ? buffer : buffer + bytes_;
+    const size_t want = static_cast<size_t>(std::min<unsigned long long>(take ? size : left + 1, left + 1));
+    size_t used = 0;
+    switch (read_piece(at, want, used)) {
+    case BROKEN:
+      return fail(EIO, "Reading failed after " + std::to_string(bytes_) + " of " + std::to_string(size_) + " bytes.");
+    case END:
+      if (bytes_ == size_)
+        return finish();
+      return fail(EIO, "The object ended after " + std::to_string(bytes_) + " of " + std::to_string(size_) + " bytes.");
+    case SOME:
+      break;
+    }
+    if (bytes_ > size_)
+      return fail(EIO, "More came than the " + std::to_string(size_) + " bytes announced.");
+    if (take && !take(at, used))
+      return Reading_Outcome::ABANDONED;
+  }
+}

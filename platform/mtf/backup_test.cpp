@@ -1,0 +1,523 @@
+#include "platform/catalog/catalog_reader.h"
+#include "platform/mtf/backup_engine.h"
+#include "platform/mtf/fake_source_test.h"
+#include "platform/mtf/medium_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <set>
+#include <thread>
+
+namespace fs = std::filesystem;
+using namespace MTF;
+
+namespace {
+
+class Actions : public Action_Handler {
+public:
+  bool execute_pre_action() override {
+    ++pre;
+    return pre_result;
+  }
+  bool execute_post_action(bool done, const std::string&) override {
+    ++post;
+    last_done = done;
+    return post_result;
+  }
+  int pre = 0, post = 0;
+  bool pre_result = true, post_result = true, last_done = false;
+};
+
+class Backup : public testing::Test {
+protected:
+  void SetUp() override {
+    char name[] = "/tmp/backup_test.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(name));
+    root_ = name;
+    url_ = "file://" + root_ + "/pool";
+    ASSERT_TRUE(Pool::create(url_, "pool-uuid", error_)) << error_;
+    ASSERT_TRUE(Pool::open(url_, "", pool_, error_)) << error_;
+    events_ = new Fake_Events;
+    handler_ = Event_Handler_var(events_);
+    order_.uuid = "set-1";
+    order_.uri_prefix = "host/res/set-1";
+    order_.channels = 3;
+    order_.io.readers = 6;
+    order_.factory = IBackup_Callback_Factory_var(new Fake_Factory(source_));
+    order_.sources = {"/b/"};
+  }
+  void TearDown() override {
+    engine_.reset();
+    fs::remove_all(root_);
+  }
+
+  bool run() {
+    engine_.reset();
+    events_->outcome.clear();
+    metadata_ = Metadata();
+    engine_.reset(new Backup_Engine(order_, handler_, metadata_, nullptr));
+    return engine_->run(url_, "pool-uuid");
+  }
+
+  std::string folder() { return pool_.set_folder(metadata_.set_uri); }
+
+  std::string content(const Catalog_Object& object) {
+    char name[32];
+    std::snprintf(name, sizeof name, "/channel-%04u.mtf", object.channel);
+    auto medium = Medium_Reader::open(folder() + name, 0, error_);
+    EXPECT_TRUE(medium) << error_;
+    auto reader = medium ? medium->object(object.offset, error_) : nullptr;
+    EXPECT_TRUE(reader) << error_;
+    std::string data;
+    if (!reader)
+      return data;
+    EXPECT_EQ(object.path, reader->head().path);
+    EXPECT_EQ(object.size, reader->head().size);
+    char buffer[5000];
+    for (;;) {
+      size_t got = 0;
+      const Read_Outcome outcome = reader->read(buffer, sizeof buffer, got);
+      data.append(buffer, got);
+      if (outcome == Read_Outcome::MORE)
+        continue;
+      EXPECT_EQ(Read_Outcome::END, outcome) << reader->error();
+      EXPECT_EQ(0, std::memcmp(reader->sha256(), object.sha256, 32));
+      return data;
+    }
+  }
+
+  /// Compares set and source; objects in `missing` must not be there.
+  void expect_set(const std::set<std::string>& missing = {}) {
+    auto catalog = Catalog_Reader::open(folder(), error_);
+    ASSERT_TRUE(catalog) << error_;
+    std::vector<std::string> expected, found;
+    for (const std::string& path : source_.order)
+      if (missing.count(path) == 0)
+        expected.push_back(path);
+    std::map<unsigned, unsigned long long> last;
+    ASSERT_TRUE(catalog->walk(
+        "",
+        [&](const Catalog_Object& object) {
+          found.push_back(object.path);
+          EXPECT_EQ(source_.objects[object.path].data, content(object)) << object.path;
+          EXPECT_EQ(source_.objects[object.path].mtime, object.mtime);
+          EXPECT_LT(last[object.channel], object.offset) << "offsets of a channel must rise with the ordinals";
+          last[object.channel] = object.offset;
+          return true;
+        },
+        error_))
+        << error_;
+    EXPECT_EQ(expected, found);
+  }
+
+  void fill(unsigned count, unsigned most, unsigned seed) {
+    std::mt19937 random(seed);
+    for (unsigned i = 0; i < count; ++i) {
+      std::string data(random() % most, '\0');
+      for (char& c : data)
+        c = static_cast<char>(random());
+      char path[64];
+      std::snprintf(path, sizeof path, "b/d%03u/o%05u", i / 40, i);
+      source_.add(path, data);
+    }
+  }
+
+  std::string root_, url_, error_;
+  Pool pool_;
+  Fake_Source source_;
+  Fake_Events* events_ = nullptr;
+  Event_Handler_var handler_;
+  Metadata metadata_;
+  Backup_Order order_;
+  std::unique_ptr<Backup_Engine> engine_;
+};
+
+TEST_F(Backup, every_object_is_in_the_set_byte_for_byte) {
+  fill(300, 20000, 1);
+  source_.add("b/empty", "");
+  source_.add("b//x/../y", "odd");
+  source_.add(std::string("b2/\xff\x01 %"), "bytes");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code());
+  expect_set();
+  EXPECT_EQ(303u, events_->figure("saved"));
+  EXPECT_EQ(303u, events_->figure("listed"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_EQ("host/res/set-1", metadata_.set_uri);
+  EXPECT_EQ(1u, metadata_.seq);
+  EXPECT_EQ(3u, metadata_.channels);
+  ASSERT_EQ(3u, metadata_.media.size());
+  unsigned long long total = 0;
+  for (const json_spirit::Value& medium : metadata_.media) {
+    const auto& one = medium.get_obj();
+    const unsigned long long size = json_spirit::find(one, "size")->get_uint64();
+    EXPECT_EQ(fs::file_size(folder() + "/" + json_spirit::require_str(one, "name")), size);
+    total += size;
+  }
+  EXPECT_EQ(total, engine_->set_storage_size());
+}
+
+TEST_F(Backup, large_objects_stream_through_their_channels) {
+  order_.limits.small_object = 10000;
+  order_.limits.stream_buffer = 4096;
+  fill(80, 60000, 2);
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+}
+
+TEST_F(Backup, byte_budget_bounds_what_is_in_memory) {
+  order_.limits.small_object = 10000;
+  order_.limits.byte_budget = 60000;
+  order_.limits.object_overhead = 1000;
+  order_.limits.listed_ahead = 5;
+  order_.io.readers = 24;
+  fill(200, 10001, 3);
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+  EXPECT_GT(engine_->peak_bytes(), 20000u);
+  // What an image takes beside its content may go beyond what was reserved for it.
+  EXPECT_LE(engine_->peak_bytes(), 60000u + 24 * 6000);
+}
+
+TEST_F(Backup, budget_smaller_than_one_object_still_ends) {
+  order_.limits.byte_budget = 100;
+  fill(50, 20000, 4);
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+}
+
+TEST_F(Backup, one_channel_and_one_reader_are_enough) {
+  order_.channels = 1;
+  order_.io.readers = 1;
+  order_.limits.small_object = 5000;
+  fill(60, 10000, 5);
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+}
+
+TEST_F(Backup, random_timing_keeps_the_order_of_the_listing) {
+  fill(400, 3000, 6);
+  std::atomic<unsigned> seed{77};
+  source_.on_open = [&](const std::string&) {
+    std::mt19937 random(seed++);
+    for (unsigned spins = random() % 50; spins > 0; --spins)
+      std::this_thread::yield();
+  };
+  order_.io.readers = 16;
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+}
+
+TEST_F(Backup, readers_run_in_parallel_up_to_their_number) {
+  fill(200, 100, 7);
+  std::mutex mutex;
+  std::condition_variable all;
+  unsigned inside = 0;
+  bool met = false;
+  // Holds readers until all of them have come at once.
+  source_.on_open = [&](const std::string&) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (met)
+      return;
+    if (++inside == 6) {
+      met = true;
+      all.notify_all();
+    }
+    all.wait_for(lock, std::chrono::seconds(30), [&] { return met; });
+  };
+  ASSERT_TRUE(run());
+  EXPECT_TRUE(met);
+  EXPECT_LE(source_.most_open, 6u);
+}
+
+TEST_F(Backup, faulty_objects_are_named_and_the_rest_is_saved) {
+  for (const size_t small : {size_t(1) << 20, size_t(100)}) {
+    SCOPED_TRACE(small);
+    source_.objects.clear();
+    source_.order.clear();
+    order_.limits.small_object = small;
+    order_.limits.stream_buffer = 1000;
+    fill(60, 5000, 8);
+    const std::string body(20000, 'x');
+    source_.add("b/d000/gone", body);
+    source_.at("b/d000/gone").gone = true;
+    source_.add("b/d000/no status", body);
+    source_.at("b/d000/no status").no_status = true;
+    source_.add("b/d000/short", body);
+    source_.at("b/d000/short").announced = 20001;
+    source_.add("b/d000/long", body);
+    source_.at("b/d000/long").announced = 19999;
+    source_.add("b/d000/breaks for good", body);
+    source_.at("b/d000/breaks for good").break_at = 12000;
+    source_.at("b/d000/breaks for good").stays_broken = true;
+    source_.add("b/d000/fails", body);
+    source_.at("b/d000/fails").fail_at = 7000;
+    source_.add("b/d000/resumes", body);
+    source_.at("b/d000/resumes").break_at = 7001;
+    source_.add("b/d000/resumes at once", body);
+    source_.at("b/d000/resumes at once").break_at = 0;
+    source_.add("b/d000/z last", "good");
+    ASSERT_TRUE(run()) << engine_->failure();
+    EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+    const std::set<std::string> missing = {"b/d000/gone", "b/d000/no status",       "b/d000/short",
+                                           "b/d000/long", "b/d000/breaks for good", "b/d000/fails"};
+    expect_set(missing);
+    for (const std::string& path : missing)
+      EXPECT_TRUE(events_->named("/" + path)) << path;
+    EXPECT_EQ(2u, events_->figure("skipped"));
+    EXPECT_EQ(4u, events_->figure("failed"));
+    EXPECT_EQ(63u, events_->figure("saved"));
+    EXPECT_TRUE(events_->adds_up());
+    engine_.reset();
+    ASSERT_TRUE(pool_.remove_set(metadata_.set_uri, error_)) << error_;
+  }
+  EXPECT_EQ(12u, handler_->skipped_files());
+}
+
+TEST_F(Backup, size_and_date_of_the_answer_count_not_those_of_the_listing) {
+  order_.limits.small_object = 5000;
+  fill(30, 4000, 9);
+  source_.add("b/d000/grown", std::string(4900, 'g'));
+  source_.at("b/d000/grown").listed_size = 10;
+  source_.add("b/d000/grown large", std::string(50000, 'l'));
+  source_.at("b/d000/grown large").listed_size = 10;
+  source_.add("b/d000/shrunk", "s");
+  source_.at("b/d000/shrunk").listed_size = 90000;
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+}
+
+TEST_F(Backup, object_beyond_the_platforms_width_is_refused_by_name) {
+  order_.limits.largest_object = 8000;
+  source_.add("b/ok", std::string(8000, 'o'));
+  source_.add("b/too large", std::string(8001, 'o'));
+  source_.add("b/too large and small in the listing", std::string(9000, 'o'));
+  source_.at("b/too large and small in the listing").listed_size = 1;
+  order_.limits.small_object = 6000;
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set({"b/too large", "b/too large and small in the listing"});
+  EXPECT_EQ(2u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->named("/b/too large"));
+  EXPECT_TRUE(events_->adds_up());
+}
+
+TEST_F(Backup, empty_source_gives_an_empty_set) {
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code());
+  expect_set();
+  EXPECT_EQ(0u, events_->figure("listed"));
+}
+
+TEST_F(Backup, nothing_saved_of_what_was_listed_is_a_failure_and_no_set) {
+  source_.add("b/gone", "x");
+  source_.at("b/gone").gone = true;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_NO_FILES_BACKUPED, engine_->err_code());
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_TRUE(events_->named("/b/gone"));
+}
+
+TEST_F(Backup, what_the_lister_skips_is_counted_and_named) {
+  fill(5, 100, 10);
+  source_.on_list_start = [](Event_Handler* events) {
+    events->add_skipped_files(1);
+    json_spirit::Object event;
+    event["type"] = "file";
+    event["name"] = "/b/never there";
+    event["errno"] = 2;
+    event["message"] = "NoSuchKey";
+    events->notify_event(EVENT_ITEM_ERROR, event);
+  };
+  ASSERT_TRUE(run());
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(1u, events_->figure("skipped"));
+  EXPECT_EQ(6u, events_->figure("listed"));
+  EXPECT_TRUE(events_->named("/b/never there"));
+  EXPECT_EQ(1u, handler_->skipped_files());
+}
+
+TEST_F(Backup, listing_that_gives_up_ends_the_run) {
+  fill(100, 100, 11);
+  source_.on_list = [](unsigned n) { return n < 50; };
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_LIST_SOURCE, engine_->err_code());
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_EQ(0u, events_->figure("saved"));
+}
+
+TEST_F(Backup, cancel_at_any_point_ends_cleanly) {
+  fill(60, 3000, 12);
+  order_.limits.small_object = 2000;
+  for (unsigned point = 0; point < 60; point += 7) {
+    for (const bool while_listing : {true, false}) {
+      SCOPED_TRACE(point);
+      events_->cancel = false;
+      std::atomic<unsigned> opened{0};
+      source_.on_list = [&, point](unsigned n) {
+        if (while_listing && n == point)
+          events_->cancel = true;
+        // The listing does not end before the cancel has come.
+        while (n == 59 && !events_->cancel)
+          std::this_thread::yield();
+        return true;
+      };
+      source_.on_open = [&, point](const std::string&) {
+        if (!while_listing && ++opened == point + 1)
+          events_->cancel = true;
+      };
+      source_.list_result = -1;
+      EXPECT_FALSE(run());
+      EXPECT_EQ(E_CANCELED, engine_->err_code());
+      EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+      EXPECT_TRUE(events_->adds_up());
+      EXPECT_EQ(0u, source_.open_now);
+    }
+  }
+}
+
+TEST_F(Backup, pause_holds_the_readers_and_resume_goes_on) {
+  fill(50, 1000, 13);
+  events_->pause = true;
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    // Released once the listing has gone through, which a pause does not hold.
+    std::unique_lock<std::mutex> lock(events_->mutex);
+    while (!done)
+      std::this_thread::yield();
+    events_->pause = false;
+  });
+  source_.on_list = [&](unsigned n) {
+    if (n == 49)
+      done = true;
+    return true;
+  };
+  EXPECT_TRUE(run());
+  other.join();
+  expect_set();
+}
+
+/// Bounds the size of any file that is written, as a full disk would.
+class Small_Disk {
+public:
+  explicit Small_Disk(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &before_);
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = before_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~Small_Disk() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+private:
+  rlimit before_;
+};
+
+TEST_F(Backup, full_disk_ends_the_run_with_the_files_name_and_no_set) {
+  for (const size_t small : {size_t(1) << 20, size_t(100)}) {
+    source_.objects.clear();
+    source_.order.clear();
+    fill(100, 60000, 14);
+    order_.limits.small_object = small;
+    {
+      Small_Disk disk(400000);
+      EXPECT_FALSE(run());
+    }
+    EXPECT_EQ(E_WRITE_MEDIUM, engine_->err_code());
+    EXPECT_NE(std::string::npos, engine_->failure().find("channel-0")) << engine_->failure();
+    EXPECT_NE(std::string::npos, engine_->failure().find(std::strerror(EFBIG))) << engine_->failure();
+    EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+    EXPECT_TRUE(events_->adds_up());
+  }
+}
+
+TEST_F(Backup, leftovers_of_a_killed_run_are_cleared_and_a_living_ones_stay) {
+  fill(10, 100, 15);
+  ASSERT_TRUE(pool_.make_set_folder("host/res/killed", error_)) << error_;
+  { std::ofstream(pool_.set_folder("host/res/killed") + "/channel-0000.mtf") << "half"; }
+  Set_Lock living;
+  ASSERT_TRUE(pool_.make_set_folder("host/res/living", living, error_)) << error_;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/killed")));
+  EXPECT_TRUE(fs::exists(pool_.set_folder("host/res/living")));
+}
+
+TEST_F(Backup, finished_set_waits_locked_for_its_record) {
+  fill(10, 100, 16);
+  ASSERT_TRUE(run());
+  EXPECT_EQ(0u, pool_.remove_unfinished("host/res", error_));
+  EXPECT_TRUE(fs::exists(folder()));
+  engine_.reset();
+  EXPECT_EQ(1u, pool_.remove_unfinished("host/res", error_));
+}
+
+TEST_F(Backup, prefix_that_is_taken_gets_a_new_folder_beside_it) {
+  fill(3, 100, 17);
+  ASSERT_TRUE(run());
+  Set_Record record;
+  record.uuid = "set-1";
+  ASSERT_TRUE(write_set_record(folder(), record, error_));
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ("host/res/set-2", metadata_.set_uri);
+  EXPECT_EQ(2u, metadata_.seq);
+  order_.uuid = "set-3";
+  order_.uri_prefix = "host/res/";
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ("host/res/set-3", metadata_.set_uri);
+}
+
+TEST_F(Backup, what_cannot_begin_says_why) {
+  fill(3, 100, 18);
+  engine_.reset(new Backup_Engine(order_, handler_, metadata_, nullptr));
+  EXPECT_FALSE(engine_->run("file://" + root_ + "/nowhere", ""));
+  EXPECT_EQ(E_GET_POOL_INFO, engine_->err_code());
+  EXPECT_NE(std::string::npos, engine_->failure().find("nowhere"));
+  engine_.reset(new Backup_Engine(order_, handler_, metadata_, nullptr));
+  EXPECT_FALSE(engine_->run(url_, "another-pool"));
+  EXPECT_EQ(E_GET_POOL_INFO, engine_->err_code());
+  source_.refuse_callback = true;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_MAKE_CALLBACK, engine_->err_code());
+  source_.refuse_callback = false;
+  source_.refuse_lister = true;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_LIST_SOURCE, engine_->err_code());
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+  EXPECT_TRUE(events_->adds_up());
+}
+
+TEST_F(Backup, actions_run_around_the_work_and_their_failure_counts) {
+  fill(3, 100, 19);
+  Actions* actions = new Actions;
+  order_.actions = Action_Handler_var(actions);
+  ASSERT_TRUE(run());
+  EXPECT_EQ(1, actions->pre);
+  EXPECT_EQ(1, actions->post);
+  EXPECT_TRUE(actions->last_done);
+  engine_.reset();
+  ASSERT_TRUE(pool_.remove_set("host/res/set-1", error_));
+  actions->pre_result = false;
+  const unsigned before = source_.opened;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_ACTION, engine_->err_code());
+  EXPECT_EQ(before, source_.opened) << "no object may be read before the pre-action has succeeded";
+  EXPECT_EQ(2, actions->post);
+  EXPECT_FALSE(actions->last_done);
+  actions->pre_result = true;
+  actions->post_result = false;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_ACTION, engine_->err_code());
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+}
+
+} // namespace

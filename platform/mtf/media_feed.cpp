@@ -1,0 +1,167 @@
+#include "platform/mtf/media_feed.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+/// Objects that wait to be taken.
+constexpr size_t TASK_LIMIT = 256;
+
+} // namespace
+
+std::string medium_name(unsigned channel) {
+  char name[32];
+  std::snprintf(name, sizeof name, "channel-%04u.mtf", channel);
+  return name;
+}
+
+Media_Feed::Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog)
+    : pool_(pool), record_(record), catalog_(catalog) {}
+
+bool Media_Feed::record_of(unsigned set, Set_Record& record, std::string& uri, std::string& error) {
+  if (set == 0) {
+    record = record_;
+    uri = record_.uri;
+    return true;
+  }
+  for (const Catalog_Set& one : catalog_.sets()) {
+    if (one.index != set)
+      continue;
+    uri = one.uri;
+    std::string why;
+    bool missing = false;
+    if (!read_set_record(pool_.set_folder(uri), record, why, &missing))
+      error = missing ? "the set " + one.uuid + " (" + uri + ") that holds its data is missing" : why;
+    else if (record.uuid != one.uuid)
+      error = "in " + uri + " lies another set (" + record.uuid + " instead of " + one.uuid + ")";
+    else
+      return true;
+    return false;
+  }
+  error = "the catalog names no set " + std::to_string(set);
+  return false;
+}
+
+std::shared_ptr<Medium_Reader> Media_Feed::open(unsigned set, unsigned channel, std::string& error) {
+  Set_Record record;
+  std::string uri;
+  if (!record_of(set, record, uri, error))
+    return nullptr;
+  const std::string name = medium_name(channel);
+  unsigned family = 0;
+  for (const Set_Record::Medium& medium : record.media)
+    if (medium.name == name)
+      family = medium.family;
+  return Medium_Reader::open(pool_.set_folder(uri) + "/" + name, family, error);
+}
+
+void Media_Feed::inspect_own_media() {
+  for (const Set_Record::Medium& medium : record_.media) {
+    std::string error;
+    auto reader = Medium_Reader::open(pool_.set_folder(record_.uri) + "/" + medium.name, medium.family, error);
+    if (!reader)
+      findings_.push_back(medium.name + ": " + error);
+    else if (reader->size() != medium.size)
+      findings_.push_back(medium.name + ": it has " + std::to_string(reader->size()) + " bytes instead of " +
+                          std::to_string(medium.size));
+    else if (!reader->complete(error))
+      findings_.push_back(medium.name + ": " + error);
+  }
+}
+
+bool Media_Feed::run(const Catalog_Selection& selection, std::string& error) {
+  bool first = true;
+  unsigned set = 0, channel = 0;
+  std::shared_ptr<Medium_Reader> medium;
+  std::string why;
+  const bool read = catalog_.walk_media(
+      selection,
+      [&](const Catalog_Object& object) {
+        if (first || object.set != set || object.channel != channel) {
+          first = false;
+          set = object.set;
+          channel = object.channel;
+          why.clear();
+          medium = open(set, channel, why);
+          if (!medium && std::find(findings_.begin(), findings_.end(), why) == findings_.end())
+            findings_.push_back(why);
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        room_.wait(lock, [this] { return stopped_ || tasks_.size() < TASK_LIMIT; });
+        if (stopped_)
+          return false;
+        tasks_.push_back({object, medium, why});
+        arrived_.notify_one();
+        return true;
+      },
+      error);
+  std::lock_guard<std::mutex> guard(mutex_);
+  ended_ = true;
+  arrived_.notify_all();
+  return read;
+}
+
+bool Media_Feed::next(Media_Task& task) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  arrived_.wait(lock, [this] { return stopped_ || ended_ || !tasks_.empty(); });
+  if (stopped_ || tasks_.empty())
+    return false;
+  task = std::move(tasks_.front());
+  tasks_.pop_front();
+  room_.notify_one();
+  return true;
+}
+
+void Media_Feed::stop() {
+  std::lock_guard<std::mutex> guard(mutex_);
+  stopped_ = true;
+  room_.notify_all();
+  arrived_.notify_all();
+}
+
+bool Media_Feed::stopped() const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  return stopped_;
+}
+
+bool Stored_Reading::open(const Media_Task& task) {
+  object_ = &task.object;
+  read_ = 0;
+  reader_.reset();
+  medium_ = task.medium;
+  error_ = task.error;
+  if (!medium_)
+    return false;
+  reader_ = medium_->object(object_->offset, error_);
+  if (!reader_)
+    return false;
+  const Object_Head& head = reader_->head();
+  if (head.path != object_->path)
+    error_ = "another object lies at its place on the medium";
+  else if (head.size != object_->size)
+    error_ = "the medium holds " + std::to_string(head.size) + " bytes of it instead of " +
+             std::to_string(object_->size);
+  else
+    return true;
+  reader_.reset();
+  return false;
+}
+
+Read_Outcome Stored_Reading::read(char* buffer, size_t size, size_t& got) {
+  got = 0;
+  Read_Outcome outcome = reader_->read(buffer, size, got);
+  read_ += got;
+  if (outcome == Read_Outcome::DAMAGED || outcome == Read_Outcome::FAILED) {
+    error_ = reader_->error();
+  } else if (read_ > object_->size || (outcome == Read_Outcome::END && read_ != object_->size)) {
+    error_ = "its stored length is not that of the catalog";
+    outcome = Read_Outcome::DAMAGED;
+  } else if (outcome == Read_Outcome::END &&
+             std::memcmp(reader_->sha256(), object_->sha256, sizeof object_->sha256) != 0) {
+    error_ = "its digest is not that of the catalog";
+    outcome = Read_Outcome::DAMAGED;
+  }
+  return outcome;
+}

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "platform/catalog/catalog_reader.h"
+#include "platform/mtf/medium_reader.h"
+#include "platform/pool/pool.h"
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// The file name of a channel's medium inside its set's folder.
+std::string medium_name(unsigned channel);
+
+/// An object to be read, and the medium that holds it.
+struct Media_Task {
+  Catalog_Object object;
+  std::shared_ptr<Medium_Reader> medium;   ///< null: it cannot be read
+  std::string error;                       ///< why
+};
+
+/// Hands the objects of a set out to the threads that read them, medium by medium and in the order in which they lie
+/// there. One thread runs the feed, any number take from it. Memory does not depend on the number of objects.
+class Media_Feed {
+public:
+  /// All three outlive the feed. The catalog is used by the thread in `run` alone.
+  Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog);
+
+  /// Feeds the selected objects; returns when all were taken or the feed was stopped. False with the reason when the
+  /// catalog cannot be read.
+  bool run(const Catalog_Selection& selection, std::string& error);
+  /// The next object; false at the end and once stopped. Any thread.
+  bool next(Media_Task& task);
+  /// Ends it. Any thread.
+  void stop();
+  bool stopped() const;
+  /// What is wrong with whole sets and media, one text each. When `run` has returned.
+  const std::vector<std::string>& findings() const { return findings_; }
+  /// Opens the media of the catalog's own set to see whether each is there and ends as it should. Not while `run` runs.
+  void inspect_own_media();
+
+private:
+  std::shared_ptr<Medium_Reader> open(unsigned set, unsigned channel, std::string& error);
+  bool record_of(unsigned set, Set_Record& record, std::string& uri, std::string& error);
+
+  const Pool& pool_;
+  const Set_Record& record_;
+  Catalog_Reader& catalog_;
+  std::vector<std::string> findings_;
+  mutable std::mutex mutex_;           ///< guards what follows
+  std::condition_variable room_;
+  std::condition_variable arrived_;
+  std::deque<Media_Task> tasks_;
+  bool ended_ = false;
+  bool stopped_ = false;
+};
+
+/// Reads one stored object and holds it to what the catalog says: the path, the size, and in the end the digest. One
+/// thread at a time.
+class Stored_Reading {
+public:
+  /// False when the object is not there as the catalog says; `error` then tells.
+  bool open(const Media_Task& task);
+  /// As Object_Reader's, with the catalog's digest and size checked before END.
+  Read_Outcome read(char* buffer, size_t size, size_t& got);
+  unsigned long long stored() const { return reader_ ? reader_->stored() : 0; }
+  const std::string& error() const { return error_; }
+
+private:
+  const Catalog_Object* object_ = nullptr;
+  std::shared_ptr<Medium_Reader> medium_;      ///< outlives `reader_`
+  std::unique_ptr<Object_Reader> reader_;
+  unsigned long long read_ = 0;
+  std::string error_;
+};

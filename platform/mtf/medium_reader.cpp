@@ -1,0 +1,105 @@
+#include "platform/mtf/medium_reader.h"
+
+#include "platform/mtf/medium_object.h"
+#include "platform/mtf/medium_walker.h"
+
+#include <new>
+
+using namespace MTF_Format;
+
+namespace {
+
+class File_Medium_Reader : public Medium_Reader {
+public:
+  explicit File_Medium_Reader(std::shared_ptr<Medium_Source> source) : source_(std::move(source)) {}
+
+  std::unique_ptr<Object_Reader> object(unsigned long long offset, std::string& error) override {
+    try {
+      auto reader = std::make_unique<Medium_Object>(source_);
+      if (reader->open(offset, error))
+        return reader;
+    } catch (const std::bad_alloc&) {
+      error = "no memory to read " + source_->path();
+    }
+    return nullptr;
+  }
+
+  bool walk(bool content, const std::function<bool(const Medium_Finding&)>& found, std::string& error) override {
+    try {
+      return Medium_Walker(source_, content, found).walk(error);
+    } catch (const std::bad_alloc&) {
+      error = "no memory to read " + source_->path();
+      return false;
+    }
+  }
+
+  bool complete(std::string& error) override {
+    Medium_Window window(*source_, 3 * FLB);
+    const unsigned long long size = source_->size();
+    Dblk_Header header;
+    unsigned long long streams = 0;
+    std::string reason = "it is too short";
+    const auto is = [&](unsigned long long offset, uint32_t type) {
+      return read_block(window, offset, header, reason) && header.type == type;
+    };
+    if (size % FLB == 0 && size >= 8 * FLB && is(size - 3 * FLB, SFMB) && is(size - FLB, SFMB) &&
+        is(size - 2 * FLB, ESET) && descriptor_holds(window, size - 2 * FLB, header, streams, reason))
+      return true;
+    error = "the medium " + source_->path() + " does not end as a finished one does: " + reason;
+    return false;
+  }
+
+  unsigned long long size() const override { return source_->size(); }
+
+private:
+  std::shared_ptr<Medium_Source> source_;
+};
+
+/// The family, from the first block, or from the volume's where that is damaged.
+bool find_family(const Medium_Source& source, unsigned& family) {
+  Medium_Window window(source, 4 * FLB);
+  Dblk_Header header;
+  std::string ignored;
+  unsigned long long streams = 0;
+  if (read_block(window, 0, header, ignored) && header.type == TAPE &&
+      descriptor_holds(window, 0, header, streams, ignored)) {
+    family = get32(window.at(0, TAPE_FIXED) + 52);
+    return true;
+  }
+  Medium_Stream stream;
+  Medium_Self self;
+  if (!read_block(window, VOLB_OFFSET, header, ignored) || header.type != VOLB ||
+      !descriptor_holds(window, VOLB_OFFSET, header, streams, ignored) ||
+      !read_stream(window, streams, stream, ignored) || stream.header.id != OBSI || stream.header.length > FLB)
+    return false;
+  const size_t length = static_cast<size_t>(stream.header.length);
+  const unsigned char* data = window.at(stream.data(), length);
+  if (data == nullptr || !self.parse(data, length))
+    return false;
+  family = self.family;
+  return true;
+}
+
+} // namespace
+
+std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsigned family, std::string& error) {
+  try {
+    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);
+    if (!source)
+      return nullptr;
+    unsigned found = 0;
+    if (!find_family(*source, found)) {
+      error = path + " is no medium: neither its first block nor its volume's is whole";
+      return nullptr;
+    }
+    if (family != 0 && family != found) {
+      error = "the medium " + path + " belongs to the family " + std::to_string(found) + ", not to " +
+              std::to_string(family);
+      return nullptr;
+    }
+    return std::make_unique<File_Medium_Reader>(source);
+  } catch (const std::bad_alloc&) {
+    error = "no memory to read " + path;
+    return nullptr;
+  }
+}

@@ -1,0 +1,210 @@
+#include "platform/mtf/object_stream.h"
+
+#include "platform/mtf/dblk_name.h"
+
+#include <xxhash.h>
+
+#include <algorithm>
+#include <cstring>
+
+using namespace MTF_Format;
+
+namespace {
+
+constexpr unsigned DIGEST_SHA256 = 1;
+
+void put_check(unsigned char* data, size_t covered) {
+  put64(data + covered, XXH3_64bits(data, covered));
+}
+bool check_holds(const unsigned char* data, size_t covered) {
+  return get64(data + covered) == XXH3_64bits(data, covered);
+}
+
+} // namespace
+
+void append_object_head(std::string& out, const Object_Head& head) {
+  const size_t slash = head.path.rfind('/');
+  const Dblk_Name name =
+      file_name_field(std::string_view(head.path).substr(slash == std::string::npos ? 0 : slash + 1));
+  Dblk_Builder block(out, FILE_, FILE_FIXED, STRINGS_UTF16);
+  put64(block.at(12), head.size);
+  put_mtf_date(block.at(56), head.mtime);
+  put_mtf_date(block.at(61), head.mtime);
+  put_mtf_date(block.at(71), head.mtime);
+  block.string(84, name.utf16);
+  block.finish(0, 0);
+
+  append_stream_header(out, OBSH, 0, HEAD_FIXED + head.path.size() + CHECK);
+  unsigned char fixed[HEAD_FIXED] = {};
+  put16(fixed, STREAM_VERSION);
+  put32(fixed + 4, static_cast<uint32_t>(head.path.size()));
+  put64(fixed + 8, head.ordinal);
+  put64(fixed + 16, head.size);
+  put64(fixed + 24, static_cast<uint64_t>(head.mtime));
+  put32(fixed + 32, head.seq);
+  put32(fixed + 36, CHUNK);
+  out.append(reinterpret_cast<const char*>(fixed), sizeof fixed);
+  out.append(head.path);
+  out.append(CHECK, '\0');
+}
+
+void place_object(unsigned char* block, const Object_Place& place) {
+  put64(block + 20, place.fla);
+  put32(block + 36, place.control_id);
+  put32(block + 76, place.directory_id);
+  put32(block + 80, place.file_id);
+  seal_dblk_header(block);
+  const unsigned first = get16(block + 8);
+  unsigned char* data = block + first + STREAM_HEADER;
+  put64(data + HEAD_BLOCK_CHECK, block_check(block, first));
+  put_check(data, HEAD_FIXED + get32(data + 4));
+}
+
+bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head, uint64_t& check, std::string& error) {
+  if (size < HEAD_FIXED + CHECK || !check_holds(data, size - CHECK)) {
+    error = "the head stream does not match its check";
+    return false;
+  }
+  if (get16(data) != STREAM_VERSION) {
+    error = "the head stream has the unknown version " + std::to_string(get16(data));
+    return false;
+  }
+  if (get32(data + 4) != size - HEAD_FIXED - CHECK || get32(data + 36) != CHUNK) {
+    error = "the head stream contradicts itself";
+    return false;
+  }
+  head.ordinal = get64(data + 8);
+  head.size = get64(data + 16);
+  head.mtime = static_cast<long long>(get64(data + 24));
+  head.seq = get32(data + 32);
+  check = get64(data + HEAD_BLOCK_CHECK);
+  head.path.assign(reinterpret_cast<const char*>(data) + HEAD_FIXED, size - HEAD_FIXED - CHECK);
+  return true;
+}
+
+void Frame::put(unsigned char* at) const {
+  at[0] = STREAM_VERSION;
+  at[1] = method;
+  put16(at + 2, 0);
+  put32(at + 4, sequence);
+  put32(at + 8, plain);
+  put32(at + 12, stored);
+  put64(at + 16, stored_check);
+  put64(at + 24, plain_check);
+  put_check(at, 32);
+}
+
+bool Frame::parse(const unsigned char* at, std::string& error) {
+  if (!check_holds(at, 32)) {
+    error = "a frame's header does not match its check";
+    return false;
+  }
+  if (at[0] != STREAM_VERSION || at[1] > FRAME_LZO1X || get16(at + 2) != 0) {
+    error = "a frame of an unknown kind";
+    return false;
+  }
+  method = static_cast<Frame_Method>(at[1]);
+  sequence = get32(at + 4);
+  plain = get32(at + 8);
+  stored = get32(at + 12);
+  stored_check = get64(at + 16);
+  plain_check = get64(at + 24);
+  if (plain == 0 || plain > CHUNK || stored == 0 || stored > plain || (method == FRAME_STORED && stored != plain)) {
+    error = "a frame's sizes cannot be";
+    return false;
+  }
+  return true;
+}
+
+void Content_Digest::Free_Chunk_State::operator()(XXH3_state_s* state) const {
+  XXH3_freeState(state);
+}
+
+Content_Digest::Content_Digest() : context_(EVP_MD_CTX_new()), state_(XXH3_createState()) {}
+Content_Digest::~Content_Digest() = default;
+
+bool Content_Digest::begin() {
+  // Fetched once: the implicit fetch of EVP_sha256 costs more than hashing a small object.
+  static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  chunks_.clear();
+  in_chunk_ = 0;
+  return context_ && state_ && sha256 != nullptr && EVP_DigestInit_ex2(context_.get(), sha256, nullptr) == 1;
+}
+
+void Content_Digest::update(const char* data, size_t size) {
+  while (size != 0) {
+    const size_t piece = std::min<size_t>(size, CHUNK - in_chunk_);
+    EVP_DigestUpdate(context_.get(), data, piece);
+    if (in_chunk_ == 0 && piece == CHUNK) {
+      chunks_.push_back(XXH3_64bits(data, piece));
+    } else {
+      if (in_chunk_ == 0)
+        XXH3_64bits_reset(state_.get());
+      XXH3_64bits_update(state_.get(), data, piece);
+      in_chunk_ += piece;
+      if (in_chunk_ == CHUNK) {
+        chunks_.push_back(XXH3_64bits_digest(state_.get()));
+        in_chunk_ = 0;
+      }
+    }
+    data += piece;
+    size -= piece;
+  }
+}
+
+void Content_Digest::finish(unsigned char sha256[32]) {
+  unsigned length = 0;
+  EVP_DigestFinal_ex(context_.get(), sha256, &length);
+  if (in_chunk_ != 0)
+    chunks_.push_back(XXH3_64bits_digest(state_.get()));
+  in_chunk_ = 0;
+}
+
+Content_Digest& thread_digest() {
+  thread_local Content_Digest digest;
+  return digest;
+}
+
+// 0 version 2 | 2 kind of digest 2 | 4 chunk size 4 | 8 size 8 | 16 chunks 4 | 20 zero 4 | 24 ordinal 8 | 32 SHA-256
+// 64 chunk checks | XXH3-64 of all before
+void append_digest(std::string& out, const Object_Head& head, const unsigned char sha256[32],
+                   const std::vector<uint64_t>& chunks) {
+  const size_t covered = DIGEST_FIXED + CHECK * chunks.size();
+  append_stream_header(out, OBSD, 0, covered + CHECK);
+  const size_t begin = out.size();
+  out.append(covered + CHECK, '\0');
+  unsigned char* at = bytes_at(out, begin);
+  put16(at, STREAM_VERSION);
+  put16(at + 2, DIGEST_SHA256);
+  put32(at + 4, CHUNK);
+  put64(at + 8, head.size);
+  put32(at + 16, static_cast<uint32_t>(chunks.size()));
+  put64(at + 24, head.ordinal);
+  std::memcpy(at + 32, sha256, 32);
+  for (size_t i = 0; i < chunks.size(); ++i)
+    put64(at + DIGEST_FIXED + CHECK * i, chunks[i]);
+  put_check(at, covered);
+}
+
+bool Object_Digest::parse(const unsigned char* data, size_t length, std::string& error) {
+  if (length < DIGEST_FIXED + CHECK || !check_holds(data, length - CHECK)) {
+    error = "the digest stream does not match its check";
+    return false;
+  }
+  if (get16(data) != STREAM_VERSION || get16(data + 2) != DIGEST_SHA256) {
+    error = "the digest stream is of an unknown version or kind";
+    return false;
+  }
+  size = get64(data + 8);
+  ordinal = get64(data + 24);
+  const uint64_t count = get32(data + 16);
+  if (get32(data + 4) != CHUNK || count != chunk_count(size) || length != DIGEST_FIXED + CHECK * (count + 1)) {
+    error = "the digest stream contradicts itself";
+    return false;
+  }
+  std::memcpy(sha256, data + 32, 32);
+  chunks.resize(static_cast<size_t>(count));
+  for (size_t i = 0; i < chunks.size(); ++i)
+    chunks[i] = get64(data + DIGEST_FIXED + CHECK * i);
+  return true;
+}

@@ -1,0 +1,105 @@
+#pragma once
+
+#include "platform/mtf/dblk.h"
+#include "platform/mtf/object_image.h"
+
+#include <openssl/evp.h>
+
+#include <memory>
+#include <vector>
+
+struct XXH3_state_s;
+
+// The private streams of a FILE block: head (OBSH), frames (OBSZ) and digest (OBSD). Layouts in doc/format/medium.md.
+
+/// Bytes of content that one check covers, and that one frame holds at most.
+constexpr unsigned CHUNK = 1024 * 1024;
+
+constexpr unsigned STREAM_VERSION = 1;
+constexpr unsigned HEAD_FIXED = 48;       ///< before the path
+constexpr unsigned HEAD_BLOCK_CHECK = 40; ///< where the check of the descriptor block stands
+constexpr unsigned CHECK = 8;             ///< XXH3-64
+constexpr unsigned FRAME_HEADER = 40;
+constexpr unsigned DIGEST_FIXED = 64; ///< before the chunk checks
+/// What readers elsewhere keep of one stream at most.
+constexpr uint64_t MAX_PRIVATE_STREAM = 64ull * 1024 * 1024;
+
+inline uint64_t chunk_count(uint64_t size) {
+  return size / CHUNK + (size % CHUNK != 0 ? 1 : 0);
+}
+
+/// Appends the FILE block and its head stream to `out`, which is empty. What depends on the place is left zero.
+void append_object_head(std::string& out, const Object_Head& head);
+/// Where an object stands in the data set.
+struct Object_Place {
+  uint64_t fla = 0;
+  uint32_t control_id = 0;
+  uint32_t directory_id = 0;
+  uint32_t file_id = 0;
+};
+/// Writes the place, and all checks that depend on it, into what append_object_head made.
+void place_object(unsigned char* block, const Object_Place& place);
+
+/// Reads the data of a head stream. False, with the reason, when its check does not hold or it contradicts itself.
+bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head, uint64_t& block_check,
+                       std::string& error);
+
+enum Frame_Method : unsigned char { FRAME_STORED = 0, FRAME_ZSTD = 1, FRAME_LZO1X = 2 };
+
+/// What stands before each frame's bytes.
+struct Frame {
+  Frame_Method method = FRAME_STORED;
+  uint32_t sequence = 0; ///< from 0 in each object
+  uint32_t plain = 0;    ///< bytes
+  uint32_t stored = 0;   ///< bytes
+  uint64_t stored_check = 0;
+  uint64_t plain_check = 0;
+
+  void put(unsigned char* at) const;
+  /// Reads 40 bytes. False, with the reason, when the header's check does not hold or its sizes cannot be.
+  bool parse(const unsigned char* at, std::string& error);
+};
+
+/// Digest and chunk checks of a content as it comes. One thread at a time; `begin` makes it ready for the next one.
+class Content_Digest {
+public:
+  Content_Digest();
+  ~Content_Digest();
+  Content_Digest(const Content_Digest&) = delete;
+  Content_Digest& operator=(const Content_Digest&) = delete;
+
+  bool begin();
+  void update(const char* data, size_t size);
+  /// Ends the content: the digest, and the check of the last chunk.
+  void finish(unsigned char sha256[32]);
+  const std::vector<uint64_t>& chunks() const { return chunks_; }
+
+private:
+  struct Free_Context {
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+  };
+  struct Free_Chunk_State {
+    void operator()(XXH3_state_s* state) const;
+  };
+  std::unique_ptr<EVP_MD_CTX, Free_Context> context_;
+  std::unique_ptr<XXH3_state_s, Free_Chunk_State> state_;
+  std::vector<uint64_t> chunks_;
+  size_t in_chunk_ = 0;
+};
+
+/// A digest of the calling thread's own, for contents that are in memory as a whole.
+Content_Digest& thread_digest();
+
+/// What the digest stream says.
+struct Object_Digest {
+  uint64_t ordinal = 0;
+  uint64_t size = 0;
+  unsigned char sha256[32] = {};
+  std::vector<uint64_t> chunks;
+
+  /// Reads the data of a digest stream; as parse_object_head.
+  bool parse(const unsigned char* data, size_t length, std::string& error);
+};
+/// Appends the digest stream; `out` begins at a multiple of 4 of the medium.
+void append_digest(std::string& out, const Object_Head& head, const unsigned char sha256[32],
+                   const std::vector<uint64_t>& chunks);

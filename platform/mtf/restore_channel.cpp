@@ -1,0 +1,124 @@
+#include "platform/mtf/restore_channel.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+using namespace MTF;
+
+namespace {
+
+/// Of an object too large to be verified whole, read and verified before its target is touched; then its step.
+constexpr size_t CHUNK = 1u << 20;
+/// What a channel's buffer may keep between two objects.
+constexpr size_t KEPT_BUFFER = 256u << 10;
+
+} // namespace
+
+void Restore_Channel::run() {
+  Media_Task task;
+  while (shared_.wait_while_paused() && shared_.feed->next(task)) {
+    restore(task);
+    if (buffer_.capacity() > KEPT_BUFFER)
+      std::vector<char>().swap(buffer_);
+  }
+}
+
+void Restore_Channel::skip(const Media_Task& task, const std::string& message) {
+  shared_.account->skipped(task.object.path, message);
+}
+
+void Restore_Channel::fail(const Media_Task& task, const std::string& message) {
+  shared_.account->failed(task.object.path, EIO, message);
+}
+
+void Restore_Channel::restore(const Media_Task& task) {
+  const Catalog_Object& object = task.object;
+  std::string path = "/" + object.path;
+  if (object.path.find('\0') != std::string::npos)
+    return skip(task, "A key with a NUL byte is not supported.");
+  if (object.size > std::numeric_limits<size_t>::max())
+    return skip(task, "The object is larger than this platform can write.");
+  if (!shared_.converter.null()) {
+    const Error_Code policy = shared_.converter->convert(path, static_cast<time_t>(object.mtime), false);
+    if (policy == E_SKIP)
+      return shared_.account->unchanged();
+    if (policy != E_OK)
+      return fail(task, "The object's target path could not be made.");
+  }
+
+  Stored_Reading reading;
+  if (!reading.open(task))
+    return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
+  const bool whole = object.size <= shared_.whole_object;
+  const size_t first = whole ? static_cast<size_t>(object.size) : std::min<size_t>(CHUNK, shared_.whole_object);
+  // One byte more, so that the read which finds the end of a whole object, or of an empty one, has a place.
+  buffer_.resize(first + 1);
+  size_t filled = 0;
+  Read_Outcome outcome = Read_Outcome::MORE;
+  while (outcome == Read_Outcome::MORE && (whole || filled < first)) {
+    size_t got = 0;
+    outcome = reading.read(buffer_.data() + filled, first - filled + (whole ? 1 : 0), got);
+    filled += got;
+  }
+  shared_.account->read(reading.stored());
+  if (outcome == Read_Outcome::DAMAGED || outcome == Read_Outcome::FAILED)
+    return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
+  const unsigned long long before = reading.stored();
+  if (write(task, path, reading, filled, outcome))
+    shared_.account->saved(object.size, object.size);
+  shared_.account->read(reading.stored() - before);
+}
+
+/// Puts an object whose first `first` bytes are in the buffer in place of what is there.
+bool Restore_Channel::write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
+                            Read_Outcome outcome) {
+  const Catalog_Object& object = task.object;
+  if (!callback_->unlink(path.c_str())) {
+    skip(task, "The existing target could not be removed.");
+    return false;
+  }
+  // Every way out but the last lets go of an open writer, which gives the target up.
+  IFile_Writer_var writer = callback_->make_file_writer();
+  if (writer.null()) {
+    fail(task, "No writer could be made for the object.");
+    return false;
+  }
+  Error_Code result = writer->open(path.c_str(), object.size);
+  size_t size = first;
+  unsigned long long written = 0;
+  while (result == E_OK) {
+    if (size != 0)
+      result = writer->write(buffer_.data(), size);
+    written += size;
+    if (result != E_OK || outcome == Read_Outcome::END)
+      break;
+    if (!shared_.wait_while_paused())
+      return false;
+    outcome = reading.read(buffer_.data(), buffer_.size(), size);
+    if (outcome == Read_Outcome::DAMAGED || outcome == Read_Outcome::FAILED) {
+      fail(task, "What is stored of the object is damaged after " + std::to_string(written) +
+                     " bytes: " + reading.error() + ".");
+      return false;
+    }
+  }
+  if (result == E_OK) {
+    Callback_Stat stat;
+    stat.mode = 0100644;
+    stat.nlink = 1;
+    stat.size = object.size;
+    stat.atime = stat.mtime = stat.ctime = object.mtime;
+    result = writer->set_stat(stat);
+  }
+  if (result == E_OK)
+    result = writer->sync();
+  if (result == E_OK)
+    result = writer->close();
+  if (result == E_OK)
+    return true;
+  if (result == E_SKIP)
+    skip(task, "The object could not be written to its target.");
+  else
+    fail(task, "The object could not be written to its target.");
+  return false;
+}

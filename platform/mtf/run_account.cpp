@@ -1,0 +1,135 @@
+#include "platform/mtf/run_account.h"
+
+#include <algorithm>
+
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace {
+
+std::string without_slash(const std::string& path) {
+  return !path.empty() && path.front() == '/' ? path.substr(1) : path;
+}
+
+} // namespace
+
+void Run_Account::saved(unsigned long long size, unsigned long long stored) {
+  ++saved_;
+  saved_bytes_ += size;
+  stored_ += stored;
+}
+
+void Run_Account::skipped(const std::string& path, const std::string& message) {
+  ++skipped_;
+  problem(Catalog_Problem::SKIPPED, "file", path, 0, message);
+}
+
+void Run_Account::failed(const std::string& path, int number, const std::string& message) {
+  ++failed_;
+  problem(Catalog_Problem::FAILED, "file", path, number, message);
+}
+
+void Run_Account::note(const std::string& type, const std::string& path, const Value& number,
+                       const std::string& message) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (errors_.size() >= MAX_ERRORS)
+    return;
+  Object entry;
+  entry["type"] = type;
+  entry["name"] = path;
+  entry["errno"] = number;
+  entry["message"] = message;
+  errors_.push_back(std::move(entry));
+}
+
+void Run_Account::problem(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
+                          const std::string& message) {
+  ++problems_;
+  const Value code = number != 0 ? Value(number) : Value();
+  note(type, "/" + path, code, message);
+  if (Catalog_Writer* catalog = catalog_)
+    catalog->add_problem({kind, path, number, message});
+  if (handler_.null())
+    return;
+  if (kind == Catalog_Problem::NOT_LISTED)
+    handler_->add_skipped_dirs(1);
+  else
+    handler_->add_skipped_files(1);
+  tell(type, "/" + path, code, message);
+}
+
+void Run_Account::absent(const std::string& path) {
+  ++problems_;
+  const bool folder = path.empty() || path.back() == '/';
+  const char* const type = folder ? "directory" : "file";
+  const std::string message = "The set holds nothing of that name.";
+  note(type, "/" + path, Value(), message);
+  if (handler_.null())
+    return;
+  if (folder)
+    handler_->add_skipped_dirs(1);
+  else
+    handler_->add_skipped_files(1);
+  tell(type, "/" + path, Value(), message);
+}
+
+void Run_Account::tell(const char* type, const std::string& path, const Value& number, const std::string& message) {
+  Object event;
+  event["type"] = type;
+  event["name"] = path;
+  event["errno"] = number;
+  event["message"] = message;
+  handler_->notify_event(MTF::EVENT_ITEM_ERROR, event);
+}
+
+void Run_Account::listing_ended(const S3_Ledger* ledger) {
+  if (ledger == nullptr)
+    return;
+  empty_folders_ = ledger->empty_folder_objects();
+  full_folders_ = ledger->full_folder_objects();
+  unsigned long long named = 0;
+  for (const S3_Ledger::Folder_Object& folder : ledger->folder_objects()) {
+    if (folder.size == 0)
+      continue;
+    ++named;
+    problem(Catalog_Problem::SKIPPED, "file", without_slash(folder.path), 0,
+            "A key that ends with \"/\" and has data is not supported (" + std::to_string(folder.size) + " bytes).");
+  }
+  // The ledger counts them all and names a bounded number.
+  if (full_folders_ > named) {
+    problems_ += full_folders_ - named;
+    if (!handler_.null())
+      handler_->add_skipped_files(full_folders_ - named);
+  }
+  for (const S3_Ledger::Failed_Listing& listing : ledger->failed_listings())
+    problem(Catalog_Problem::NOT_LISTED, "directory", without_slash(listing.path), 0, listing.message);
+  listed_ = ledger->listed_keys + ledger->head_objects;
+}
+
+Object Run_Account::figures(const S3_Ledger* ledger, bool whole, bool kept, double seconds) {
+  const unsigned long long settled = saved_ + unchanged_ + skipped_ + failed_;
+  const unsigned long long handed = std::max<unsigned long long>(handed_, settled);
+  const unsigned long long known = handed + lister_skipped_ + full_folders_ + empty_folders_;
+  const unsigned long long listed = std::max(listed_, known);
+  const unsigned long long not_reached = handed - settled + (whole ? 0 : listed - known);
+  if (not_reached != 0)
+    note("directory", "/", Value(), std::to_string(not_reached) + " listed objects were not reached.");
+  const unsigned long long lost = kept ? 0 : saved_ + unchanged_;
+  if (lost != 0)
+    note("directory", "/", Value(), std::to_string(lost) + " objects were read and not kept: the set is not complete.");
+
+  Object result;
+  result["listed"] = listed;
+  result["saved"] = kept ? saved_.load() : 0ull;
+  result["unchanged"] = kept ? unchanged_.load() : 0ull;
+  result["excluded"] = empty_folders_ + (whole ? listed - known : 0);
+  result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + not_reached + lost;
+  result["failed"] = failed_.load();
+  result["deleted"] = 0;
+  result["bytes_read"] = bytes_read_.load();
+  result["bytes_stored"] = stored_.load();
+  result["requests"] = ledger != nullptr ? ledger->requests.load() : 0ull;
+  result["seconds"] = seconds;
+  result["errors"] = errors_;
+  return result;
+}

@@ -1,0 +1,82 @@
+#pragma once
+
+#include "platform/catalog/catalog_writer.h"
+#include "platform/s3/ledger.h"
+#include "sdk/mtf/event_handler.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+/// The account of one run: what became of every object that was listed, so that
+///
+///     listed = saved + unchanged + excluded + skipped + failed
+///
+/// holds however the run ends. Any thread but for `figures`, which is asked when all other threads have ended.
+class Run_Account {
+public:
+  static constexpr size_t MAX_ERRORS = 1000;
+
+  explicit Run_Account(MTF::Event_Handler_var handler) : handler_(handler) {}
+
+  void handed_out() { ++handed_; }
+  void saved(unsigned long long size, unsigned long long stored);
+  void unchanged() { ++unchanged_; }
+  void read(unsigned long long bytes) { bytes_read_ += bytes; }
+  void skipped(const std::string& path, const std::string& message);
+  void failed(const std::string& path, int number, const std::string& message);
+  /// The lister could not hand out one object; it has told the event handler itself.
+  void lister_skipped(unsigned long long count) {
+    lister_skipped_ += count;
+    problems_ += count;
+  }
+  /// Adds one entry of the outcome's "errors" without counting anything or telling anybody.
+  void note(const std::string& type, const std::string& path, const json_spirit::Value& number,
+            const std::string& message);
+  /// The objects that the run is about, where they are known beforehand.
+  void selected(unsigned long long count) { listed_ = count; }
+  /// Something that was asked for by name and is not there: no object, but a problem.
+  void absent(const std::string& path);
+  /// Problems are also written there; null: nowhere any more.
+  void catalog(Catalog_Writer* catalog) { catalog_ = catalog; }
+
+  unsigned long long saved_objects() const { return saved_; }
+  unsigned long long unchanged_objects() const { return unchanged_; }
+  unsigned long long saved_bytes() const { return saved_bytes_; }
+  unsigned long long stored_bytes() const { return stored_; }
+  unsigned long long bytes_read() const { return bytes_read_; }
+  /// Objects that were listed and are missing in the set, and prefixes that could not be listed.
+  unsigned long long problems() const { return problems_; }
+
+  /// Takes over what the S3 layer saw that never reached the engine: folder objects and prefixes that could not be
+  /// listed. Once, when the listing has ended; `ledger` may be null.
+  void listing_ended(const S3_Ledger* ledger);
+  /// Closes the account. `ledger` may be null. `whole`: the run got to its end, so what was listed and not handed out
+  /// was left out by rule; else it was not reached, which counts as skipped. `kept`: there is a set; else nothing was
+  /// saved, whatever was written.
+  json_spirit::Object figures(const S3_Ledger* ledger, bool whole, bool kept, double seconds);
+
+private:
+  void tell(const char* type, const std::string& path, const json_spirit::Value& number, const std::string& message);
+  void problem(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
+               const std::string& message);
+
+  MTF::Event_Handler_var handler_;
+  std::atomic<Catalog_Writer*> catalog_{nullptr};
+  std::atomic<unsigned long long> handed_{0};
+  std::atomic<unsigned long long> saved_{0};
+  std::atomic<unsigned long long> saved_bytes_{0};
+  std::atomic<unsigned long long> stored_{0};
+  std::atomic<unsigned long long> unchanged_{0};
+  std::atomic<unsigned long long> skipped_{0};
+  std::atomic<unsigned long long> failed_{0};
+  std::atomic<unsigned long long> lister_skipped_{0};
+  std::atomic<unsigned long long> bytes_read_{0};
+  std::atomic<unsigned long long> problems_{0};
+  unsigned long long listed_ = 0;      ///< as the S3 layer counted; 0 where it saw nothing
+  unsigned long long empty_folders_ = 0;
+  unsigned long long full_folders_ = 0;
+  std::mutex mutex_;                   ///< guards `errors_`
+  json_spirit::Array errors_;
+};

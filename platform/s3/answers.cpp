@@ -1,0 +1,220 @@
+#include "platform/s3/answers.h"
+
+#include "platform/s3/percent_encoding.h"
+
+#include <limits>
+
+namespace s3 {
+namespace {
+
+/// No service puts more than 1,000 on a page unless asked to.
+constexpr size_t MAX_RECORDS = 100000;
+
+class Error_Reader : public Answer_Reader {
+public:
+  Error_Reader() : Answer_Reader("Error") {}
+
+protected:
+  void element(const Path&, std::string&) override {}
+};
+
+bool starts_with(const std::string& text, const std::string& start) {
+  return text.compare(0, start.size(), start) == 0;
+}
+
+/// Some services say that they encode and then encode keys but not prefixes. What cannot have been encoded, or leads
+/// out of the listed prefix only when decoded, is taken as it stands.
+void decode(std::string& text, const std::string& prefix) {
+  std::string bytes;
+  if (percent_decode(text, true, bytes) && (starts_with(bytes, prefix) || !starts_with(text, prefix)))
+    text = std::move(bytes);
+}
+
+/// Days since the epoch of a date of the Gregorian calendar.
+long long days_from_civil(int year, unsigned month, unsigned day) {
+  year -= month <= 2;
+  const long long era = (year >= 0 ? year : year - 399) / 400;
+  const unsigned of_era = static_cast<unsigned>(year - era * 400);
+  const unsigned of_year = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+  return era * 146097 + static_cast<long long>(of_era * 365 + of_era / 4 - of_era / 100 + of_year) - 719468;
+}
+
+bool number_at(std::string_view text, size_t at, size_t digits, unsigned& value) {
+  value = 0;
+  for (size_t i = at; i < at + digits; ++i) {
+    if (i >= text.size() || text[i] < '0' || text[i] > '9')
+      return false;
+    value = value * 10 + static_cast<unsigned>(text[i] - '0');
+  }
+  return true;
+}
+
+} // namespace
+
+bool parse_iso_time(std::string_view text, time_t& time) {
+  unsigned year, month, day, hour, minute, second;
+  if (text.size() < 20 || text.back() != 'Z' || text[4] != '-' || text[7] != '-' || text[10] != 'T' ||
+      text[13] != ':' || text[16] != ':' || !number_at(text, 0, 4, year) || !number_at(text, 5, 2, month) ||
+      !number_at(text, 8, 2, day) || !number_at(text, 11, 2, hour) || !number_at(text, 14, 2, minute) ||
+      !number_at(text, 17, 2, second) || month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 ||
+      second > 60)
+    return false;
+  const long long seconds =
+      days_from_civil(static_cast<int>(year), month, day) * 86400 + hour * 3600 + minute * 60 + second;
+  time = static_cast<time_t>(seconds);
+  return static_cast<long long>(time) == seconds;
+}
+
+bool parse_size(std::string_view text, ACE_UINT64& size) {
+  size = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9')
+      return false;
+    const unsigned digit = static_cast<unsigned>(c - '0');
+    if (size > (std::numeric_limits<ACE_UINT64>::max() - digit) / 10)
+      return false;
+    size = size * 10 + digit;
+  }
+  return !text.empty();
+}
+
+Error_Document parse_error(std::string_view document) {
+  Error_Reader reader;
+  reader.feed(document.data(), document.size());
+  return reader.is_error() ? reader.error() : Error_Document();
+}
+
+void Answer_Reader::end(const Path& path, std::string& text) {
+  if (!is_error())
+    return element(path, text);
+  if (is(path, "Code"))
+    error_.code = std::move(text);
+  else if (is(path, "Message"))
+    error_.message = std::move(text);
+  else if (is(path, "Region"))
+    error_.region = std::move(text);
+  else if (is(path, "Endpoint"))
+    error_.endpoint = std::move(text);
+  else if (is(path, "RequestId"))
+    error_.request_id = std::move(text);
+}
+
+Listing_Reader::Listing_Reader(Get_Bucket_Content& content) : Answer_Reader("ListBucketResult"), content_(content) {
+  content_ = Get_Bucket_Content();
+}
+
+void Listing_Reader::begin(const Path& path) {
+  if (!is(path, "Contents"))
+    return;
+  if (content_.objects.size() >= MAX_RECORDS)
+    return refuse("the page has too many keys");
+  content_.objects.emplace_back();
+  content_.objects.back().exists = true;
+}
+
+void Listing_Reader::element(const Path& path, std::string& text) {
+  if (path.size() == 2 && path[0] == "Contents") {
+    S3_Object& object = content_.objects.back();
+    const std::string& name = path[1];
+    if (name == "Key") {
+      object.name = std::move(text);
+    } else if (name == "Size") {
+      if (!parse_size(text, object.size))
+        refuse("the size of a key is no number");
+    } else if (name == "LastModified") {
+      time_t time = 0;
+      if (!parse_iso_time(text, time))
+        refuse("the date of a key is none");
+      object.mtime = time < 0 ? 0 : static_cast<ACE_UINT64>(time);
+    } else if (name == "ETag") {
+      object.etag = std::move(text);
+    } else if (name == "StorageClass") {
+      if (text != "STANDARD")
+        object.storage_class = std::move(text);
+    }
+  } else if (is(path, "CommonPrefixes", "Prefix")) {
+    if (content_.common_prefixes.size() >= MAX_RECORDS)
+      return refuse("the page has too many prefixes");
+    content_.common_prefixes.push_back(std::move(text));
+  } else if (is(path, "IsTruncated")) {
+    content_.truncated = text == "true";
+  } else if (is(path, "NextMarker")) {
+    content_.next_marker = std::move(text);
+  } else if (is(path, "EncodingType")) {
+    encoded_ = text == "url";
+  } else if (is(path, "Contents")) {
+    if (content_.objects.back().name.empty())
+      refuse("an entry of the page has no key");
+  }
+}
+
+bool Listing_Reader::complete(const Get_Bucket_Parameter& param) {
+  std::string last;
+  for (S3_Object& object : content_.objects) {
+    if (encoded_)
+      decode(object.name, param.prefix());
+    if (object.name > last)
+      last = object.name;
+  }
+  for (std::string& prefix : content_.common_prefixes) {
+    if (encoded_)
+      decode(prefix, param.prefix());
+    if (prefix > last)
+      last = prefix;
+  }
+  if (!content_.truncated) {
+    content_.next_marker.clear();
+    return true;
+  }
+  std::string decoded;
+  if (content_.next_marker.empty() || content_.next_marker == last) {
+    content_.next_marker = last;
+  } else if (encoded_ && percent_decode(content_.next_marker, true, decoded) && decoded != content_.next_marker) {
+    // Some services (radosgw) encode the keys but not the marker, and "a+b" may then be either. Where the page itself
+    // ends is a marker, too, and certain.
+    content_.next_marker = last.empty() ? decoded : last;
+  }
+  return content_.next_marker > param.marker();
+}
+
+void Buckets_Reader::begin(const Path& path) {
+  if (!is(path, "Buckets", "Bucket"))
+    return;
+  if (content_.buckets.size() >= MAX_RECORDS)
+    return refuse("the page has too many buckets");
+  content_.buckets.emplace_back();
+}
+
+void Buckets_Reader::element(const Path& path, std::string& text) {
+  if (path.size() == 3 && path[0] == "Buckets" && path[1] == "Bucket") {
+    S3_Bucket& bucket = content_.buckets.back();
+    const std::string& name = path[2];
+    if (name == "Name") {
+      bucket.name = std::move(text);
+    } else if (name == "CreationDate") {
+      if (!parse_iso_time(text, bucket.ctime))
+        bucket.ctime = 0;
+    } else if (name == "Location") {
+      bucket.location = std::move(text);
+    } else if (name == "BucketRegion" || name == "Region") {
+      bucket.region = std::move(text);
+    }
+  } else if (is(path, "Owner", "DisplayName")) {
+    if (!text.empty())
+      content_.owner = std::move(text);
+  } else if (is(path, "Owner", "ID")) {
+    if (content_.owner.empty())
+      content_.owner = std::move(text);
+  } else if (is(path, "IsTruncated")) {
+    content_.truncated = text == "true";
+  } else if (is(path, "NextMarker")) {
+    content_.next_marker = std::move(text);
+  }
+}
+
+void Text_Reader::element(const Path& path, std::string& text) {
+  if (element_.empty() ? path.empty() : is(path, element_))
+    text_ = std::move(text);
+}
+
+} // namespace s3

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "platform/s3/xml_reader.h"
+#include "sdk/s3/s3_types.h"
+
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace s3 {
+
+/// What an error document says. All empty when it is none.
+struct Error_Document {
+  std::string code;
+  std::string message;
+  std::string region;
+  std::string endpoint;
+  std::string request_id;
+};
+
+/// Reads as much of an error document as there is; a broken one gives what came before the break.
+Error_Document parse_error(std::string_view document);
+
+/// "2009-10-12T17:50:30.000Z"; false for anything else.
+bool parse_iso_time(std::string_view text, time_t& time);
+/// Decimal digits alone, within 64 bits.
+bool parse_size(std::string_view text, ACE_UINT64& size);
+
+/// A reader of an answer that may turn out to be an error document, whatever status it came under.
+class Answer_Reader : public XML_Reader {
+public:
+  const Error_Document& error() const { return error_; }
+  bool is_error() const { return root() == "Error"; }
+
+protected:
+  explicit Answer_Reader(std::string root) : expected_(std::move(root)) {}
+  bool accepts(const std::string& root) override { return root == expected_ || root == "Error"; }
+  void end(const Path& path, std::string& text) final;
+  virtual void element(const Path& path, std::string& text) = 0;
+
+private:
+  std::string expected_;
+  Error_Document error_;
+};
+
+/// A page of a bucket's keys, straight into its records. Keys come as bytes once `complete` has answered true.
+class Listing_Reader : public Answer_Reader {
+public:
+  explicit Listing_Reader(Get_Bucket_Content& content);
+  /// Decodes what the service encoded and settles where the next page begins. `param` is what was asked for. False when
+  /// the page does not lead on; `error_code` is then "ListingDoesNotAdvance".
+  bool complete(const Get_Bucket_Parameter& param);
+
+protected:
+  void begin(const Path& path) override;
+  void element(const Path& path, std::string& text) override;
+
+private:
+  Get_Bucket_Content& content_;
+  bool encoded_ = false;
+};
+
+/// The account's buckets.
+class Buckets_Reader : public Answer_Reader {
+public:
+  explicit Buckets_Reader(Get_Service_Content& content) : Answer_Reader("ListAllMyBucketsResult"), content_(content) {}
+
+protected:
+  void begin(const Path& path) override;
+  void element(const Path& path, std::string& text) override;
+
+private:
+  Get_Service_Content& content_;
+};
+
+/// The answer to one small question: the text of one element, or of the root itself where `element` is empty.
+class Text_Reader : public Answer_Reader {
+public:
+  Text_Reader(const char* root, const char* element) : Answer_Reader(root), element_(element) {}
+  const std::string& text() const { return text_; }
+
+protected:
+  void element(const Path& path, std::string& text) override;
+
+private:
+  std::string element_;
+  std::string text_;
+};
+
+} // namespace s3

@@ -1,0 +1,225 @@
+#include "platform/s3/client_fixture.h"
+
+#include <cerrno>
+
+namespace {
+
+using s3_testing::Fault;
+
+class Listing_Test : public Client_Test {
+protected:
+  /// All pages; the number of requests is the server's to tell.
+  std::vector<std::string> walk(S3_Service_Base& s, Get_Bucket_Parameter param) {
+    std::vector<std::string> names;
+    Get_Bucket_Content content;
+    do {
+      if (!s.get_bucket("bucket", param, content))
+        return {};
+      for (const S3_Object& object : content.objects)
+        names.push_back(object.name);
+      names.insert(names.end(), content.common_prefixes.begin(), content.common_prefixes.end());
+      EXPECT_TRUE(!content.truncated || !content.next_marker.empty());
+      param.marker(content.next_marker.c_str());
+    } while (content.truncated);
+    return names;
+  }
+};
+
+TEST_F(Listing_Test, record_of_a_key_is_complete) {
+  server.put("bucket", "a key", "hello");
+  const S3_Service_var s = service();
+  Get_Bucket_Content content;
+  ASSERT_TRUE(s->get_bucket("bucket", Get_Bucket_Parameter(), content)) << s->error();
+  ASSERT_EQ(1u, content.objects.size());
+  const S3_Object& object = content.objects[0];
+  EXPECT_EQ("a key", object.name);
+  EXPECT_TRUE(object.exists);
+  EXPECT_EQ(5u, object.size);
+  EXPECT_EQ(static_cast<ACE_UINT64>(server.object("bucket", "a key")->mtime), object.mtime);
+  EXPECT_EQ('"' + server.object("bucket", "a key")->etag + '"', object.etag);
+  EXPECT_FALSE(content.truncated);
+  EXPECT_EQ("", content.next_marker);
+}
+
+TEST_F(Listing_Test, pages_join_without_gap_or_overlap) {
+  server.add_synthetic("bucket", "p/", 2500, 10);
+  const S3_Service_var s = service();
+  const std::vector<std::string> names = walk(*s, Get_Bucket_Parameter());
+  ASSERT_EQ(2500u, names.size()) << s->error();
+  EXPECT_EQ("p/0000000000", names.front());
+  EXPECT_EQ("p/0000002499", names.back());
+  EXPECT_EQ(3u, server.count("ListObjects"));
+  EXPECT_EQ(2500u, ledger->listed_keys.load());
+  EXPECT_EQ(1u, server.connections_opened());
+}
+
+TEST_F(Listing_Test, pages_of_keys_and_prefixes_go_on_behind_the_later_of_both) {
+  for (const char* key : {"a", "b/1", "b/2", "c", "d/1", "e", "f/1", "f/2"})
+    server.put("bucket", key, "x");
+  const S3_Service_var s = service();
+  for (const bool marker : {true, false}) {
+    server.clear_faults();
+    if (!marker)
+      server.add_fault(Fault::no_next_marker());
+    for (int size = 1; size < 8; ++size) {
+      Get_Bucket_Parameter param;
+      param.delimiter("/");
+      param.max_keys(size);
+      std::vector<std::string> names = walk(*s, param);
+      std::sort(names.begin(), names.end());
+      EXPECT_EQ((std::vector<std::string>{"a", "b/", "c", "d/", "e", "f/"}), names) << size << s->error();
+    }
+  }
+}
+
+TEST_F(Listing_Test, empty_next_marker_counts_as_none) {
+  server.add_synthetic("bucket", "p", 30, 1);
+  server.add_fault(Fault::empty_next_marker());
+  Get_Bucket_Parameter param;
+  param.max_keys(7);
+  EXPECT_EQ(30u, walk(*service(), param).size());
+}
+
+TEST_F(Listing_Test, page_that_comes_again_is_an_error_and_no_loop) {
+  server.add_synthetic("bucket", "p", 30, 1);
+  server.add_fault(Fault::repeat_page());
+  const S3_Service_var s = service();
+  Get_Bucket_Parameter param;
+  param.max_keys(10);
+  Get_Bucket_Content content;
+  ASSERT_TRUE(s->get_bucket("bucket", param, content)) << s->error();
+  param.marker(content.next_marker.c_str());
+  EXPECT_FALSE(s->get_bucket("bucket", param, content));
+  EXPECT_EQ("ListingDoesNotAdvance", s->last_error().code());
+  EXPECT_FALSE(s->last_error().retriable());
+  EXPECT_EQ(EPROTO, s->last_error().number());
+  EXPECT_TRUE(content.objects.empty());
+}
+
+TEST_F(Listing_Test, keys_come_as_bytes_however_the_service_encodes) {
+  for (const char* key : {"a b/c d", "p%20q", "x+y/z", "\xc3\xa9/\xe2\x82\xac", "plain"})
+    server.put("bucket", key, "x");
+  Get_Bucket_Parameter param;
+  param.delimiter("/");
+  for (const s3_testing::Key_Encoding encoding :
+       {s3_testing::Key_Encoding::as_asked, s3_testing::Key_Encoding::ignored, s3_testing::Key_Encoding::keys_only}) {
+    server.configure([&](s3_testing::S3_Server_Settings& settings) { settings.key_encoding = encoding; });
+    std::vector<std::string> names = walk(*service(), param);
+    std::sort(names.begin(), names.end());
+    const std::vector<std::string> expected = {"a b/", "p%20q", "plain", "x+y/", "\xc3\xa9/"};
+    if (encoding == s3_testing::Key_Encoding::keys_only) {
+      // A raw "+" in a prefix that is said to be encoded cannot be told from a space.
+      names.erase(std::remove(names.begin(), names.end(), "x y/"), names.end());
+      EXPECT_EQ((std::vector<std::string>{"a b/", "p%20q", "plain", "\xc3\xa9/"}), names);
+    } else {
+      EXPECT_EQ(expected, names) << static_cast<int>(encoding);
+    }
+  }
+}
+
+TEST_F(Listing_Test, keys_that_xml_does_not_allow_come_from_a_service_that_does_not_encode) {
+  for (const char* key : {"\x01\x1f", "\xff\xfe", "\xef\xbf\xbe", "a%41+b", "\xc3\xa9", "<&>"})
+    server.put("bucket", key, "x");
+  server.configure(
+      [](s3_testing::S3_Server_Settings& settings) { settings.key_encoding = s3_testing::Key_Encoding::ignored; });
+  const S3_Service_var s = service();
+  EXPECT_EQ(server.keys("bucket"), walk(*s, Get_Bucket_Parameter())) << s->error();
+  EXPECT_EQ(2u, server.count("ListObjects"));
+  EXPECT_EQ(server.keys("bucket"), walk(*s, Get_Bucket_Parameter())) << s->error();
+  EXPECT_EQ(3u, server.count("ListObjects"));
+}
+
+TEST_F(Listing_Test, folder_objects_are_counted_by_what_they_hold) {
+  server.put("bucket", "a/", "");
+  server.put("bucket", "b/", "data");
+  server.put("bucket", "b/x", "x");
+  const S3_Service_var s = service();
+  Get_Bucket_Content content;
+  for (const char* prefix : {"", "a/", "b/"}) {
+    Get_Bucket_Parameter param;
+    param.delimiter("/");
+    param.prefix(prefix);
+    ASSERT_TRUE(s->get_bucket("bucket", param, content)) << s->error();
+  }
+  EXPECT_EQ(1u, ledger->empty_folder_objects());
+  EXPECT_EQ(1u, ledger->full_folder_objects());
+  ASSERT_EQ(2u, ledger->folder_objects().size());
+  EXPECT_EQ("/bucket/b/", ledger->folder_objects()[0].path);
+  EXPECT_EQ(4u, ledger->folder_objects()[0].size);
+  EXPECT_EQ(3u, ledger->listed_keys.load());
+}
+
+TEST_F(Listing_Test, failed_listing_stands_in_the_ledger_until_it_is_repeated) {
+  server.add_fault(Fault::error(503, "SlowDown").times(2));
+  const S3_Service_var s = service();
+  Get_Bucket_Parameter param;
+  param.prefix("p/");
+  Get_Bucket_Content content;
+  EXPECT_FALSE(s->get_bucket("bucket", param, content));
+  EXPECT_TRUE(s->last_error().retriable());
+  EXPECT_FALSE(s->get_bucket("bucket", param, content));
+  ASSERT_EQ(1u, ledger->failed_listings().size());
+  EXPECT_EQ("/bucket/p/", ledger->failed_listings()[0].path);
+  EXPECT_NE(std::string::npos, ledger->failed_listings()[0].message.find("SlowDown"));
+  EXPECT_TRUE(s->get_bucket("bucket", param, content));
+  EXPECT_TRUE(ledger->failed_listings().empty());
+}
+
+TEST_F(Listing_Test, page_cut_short_is_retriable_and_gives_nothing) {
+  server.add_synthetic("bucket", "p", 500, 1);
+  server.add_fault(Fault::cut(5000).on("ListObjects").times(1));
+  const S3_Service_var s = service();
+  Get_Bucket_Content content;
+  EXPECT_FALSE(s->get_bucket("bucket", Get_Bucket_Parameter(), content));
+  EXPECT_EQ("ConnectionBroken", s->last_error().code());
+  EXPECT_TRUE(s->last_error().retriable());
+  EXPECT_TRUE(content.objects.empty());
+  EXPECT_TRUE(s->get_bucket("bucket", Get_Bucket_Parameter(), content));
+  EXPECT_EQ(500u, content.objects.size());
+}
+
+TEST_F(Listing_Test, page_that_is_no_listing_is_named) {
+  const S3_Service_var s = service();
+  Get_Bucket_Content content;
+  for (Fault fault : {Fault::garbage_body(), Fault::empty_body(), Fault::truncated_body(200)}) {
+    server.clear_faults();
+    server.add_synthetic("bucket", "p", 50, 1);
+    server.add_fault(fault.on("ListObjects"));
+    EXPECT_FALSE(s->get_bucket("bucket", Get_Bucket_Parameter(), content));
+    EXPECT_EQ("MalformedAnswer", s->last_error().code());
+    EXPECT_TRUE(content.objects.empty());
+  }
+}
+
+TEST_F(Listing_Test, error_under_a_success_is_an_error) {
+  server.add_fault(Fault::error_in_200("SlowDown").on("ListObjects").times(1));
+  const S3_Service_var s = service();
+  Get_Bucket_Content content;
+  EXPECT_FALSE(s->get_bucket("bucket", Get_Bucket_Parameter(), content));
+  EXPECT_EQ("SlowDown", s->last_error().code());
+  EXPECT_TRUE(s->last_error().retriable());
+}
+
+TEST_F(Listing_Test, bucket_that_does_not_exist_is_named) {
+  const S3_Service_var s = service();
+  Get_Bucket_Content content;
+  EXPECT_FALSE(s->get_bucket("none", Get_Bucket_Parameter(), content));
+  EXPECT_EQ("NoSuchBucket", s->last_error().code());
+  EXPECT_EQ(ENOENT, s->last_error().number());
+}
+
+TEST_F(Listing_Test, client_gives_buckets_as_folders) {
+  server.create_bucket("second");
+  S3_Client client;
+  ASSERT_TRUE(connect(client, 0));
+  std::vector<json_spirit::Value> buckets;
+  ASSERT_TRUE(client.get_buckets(buckets));
+  ASSERT_EQ(2u, buckets.size());
+  EXPECT_EQ("bucket", buckets[0].get_obj().at("dir").get_str());
+  EXPECT_EQ("second", buckets[1].get_obj().at("dir").get_str());
+  server.add_fault(Fault::error(403, "AccessDenied"));
+  EXPECT_FALSE(client.get_buckets(buckets));
+  EXPECT_EQ(2u, buckets.size());
+}
+
+} // namespace

@@ -1,0 +1,135 @@
+#include "platform/s3/transport.h"
+
+#include "platform/s3/redirect.h"
+#include "sdk/base/clock.h"
+#include "sdk/base/exponential_backoff.h"
+
+#include <ace/Log_Msg.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace s3 {
+namespace {
+
+constexpr size_t MAX_ERROR_DOCUMENT = 64 * 1024;
+constexpr size_t PIECE = 64 * 1024;
+/// A service may ask for a longer wait than this; no restore should sleep through it.
+constexpr unsigned MAX_RETRY_AFTER = 60;
+constexpr unsigned TIDY_UP_SECONDS = 5;
+
+unsigned retry_after(const HTTP_Head& head) {
+  ACE_UINT64 seconds = 0;
+  if (!parse_size(head.value("retry-after"), seconds))
+    return 0;
+  return static_cast<unsigned>(std::min<ACE_UINT64>(seconds, MAX_RETRY_AFTER));
+}
+
+} // namespace
+
+Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
+  // The counter lives inside the ledger, which it keeps alive.
+  const std::shared_ptr<std::atomic<unsigned long long>> bytes_read(endpoint_->ledger(),
+                                                                    &endpoint_->ledger()->bytes_read);
+  Address address = endpoint_->address(request.bucket);
+  bool may_follow = true, may_set_clock = true;
+  for (;;) {
+    Curl_Connection_ref connection(new (std::nothrow) Curl_Connection(endpoint_->pool(), bytes_read));
+    if (!connection) {
+      outcome.error = S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for a request", false);
+      return connection;
+    }
+    if (despite_cancel_)
+      connection->finish_despite_cancel(TIDY_UP_SECONDS);
+    const time_t now = endpoint_->now();
+    const HTTP_Request http = build(request, address, endpoint_->credentials(), endpoint_->v4_key(address, now), now);
+    endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
+    if (!connection->send(http)) {
+      outcome.error = map_failure(connection->failure(), http.method + ' ' + http.url);
+      return connection;
+    }
+    outcome.head = connection->head();
+    if (outcome.head.status >= 200 && outcome.head.status < 300) {
+      outcome.error = S3_Error();
+      connection->accept();
+      return connection;
+    }
+
+    const Error_Document document = parse_error(connection->refuse(MAX_ERROR_DOCUMENT));
+    outcome.retry_after = retry_after(outcome.head);
+    outcome.error = map_answer(outcome.head.status, document, http.method + ' ' + http.url);
+    if (may_follow) {
+      if (const std::optional<Address> to = redirected(address, request.bucket, outcome.head, document)) {
+        may_follow = false;
+        // A temporary redirection holds for this request alone.
+        if (outcome.head.status != 307 && outcome.head.status != 302)
+          endpoint_->learn_address(request.bucket, *to);
+        address = *to;
+        continue;
+      }
+    }
+    if (may_set_clock && document.code == "RequestTimeTooSkewed") {
+      const time_t server = curl_getdate(outcome.head.value("date").c_str(), nullptr);
+      if (server > 0) {
+        may_set_clock = false;
+        endpoint_->learn_clock(static_cast<long long>(server) - static_cast<long long>(Clock::instance().now()));
+        continue;
+      }
+    }
+    return connection;
+  }
+}
+
+Outcome Transport::ask(const Request& request) {
+  Outcome outcome;
+  const Curl_Connection_ref connection = open(request, outcome);
+  if (connection && outcome.ok()) {
+    connection->refuse(MAX_ERROR_DOCUMENT);
+    const HTTP_Failure& failure = connection->failure();
+    if (failure.code || failure.cancelled)
+      outcome.error = map_failure(failure, describe(request));
+  }
+  return outcome;
+}
+
+Outcome Transport::ask(const Request& request, Answer_Reader& reader) {
+  Outcome outcome;
+  const Curl_Connection_ref connection = open(request, outcome);
+  if (!connection || !outcome.ok())
+    return outcome;
+  std::string piece(PIECE, '\0');
+  size_t got;
+  while ((got = connection->read(&piece[0], piece.size())) > 0 && reader.feed(piece.data(), got)) {
+  }
+  const HTTP_Failure& failure = connection->failure();
+  if (failure.code || failure.cancelled)
+    outcome.error = map_failure(failure, describe(request));
+  else if (!reader.finish())
+    outcome.error = S3_Error(EPROTO, outcome.head.status, "MalformedAnswer",
+                             reader.problem() + " (" + describe(request) + ")", false);
+  else if (reader.is_error())
+    outcome.error = map_answer(outcome.head.status, reader.error(), describe(request));
+  return outcome;
+}
+
+std::string Transport::describe(const Request& request) const {
+  return request.method + ' ' + url_of(request, endpoint_->address(request.bucket));
+}
+
+Outcome retried(int max_seconds, const std::function<Outcome()>& attempt) {
+  Exponential_Backoff_Iterator wait(1, UNLIMITED_RETRIES, 30, true);
+  unsigned long long waited = 0;
+  for (int count = 1;; ++count) {
+    Outcome outcome = attempt();
+    if (outcome.ok() || !outcome.error.retriable() || wait == Exponential_Backoff_Iterator() ||
+        (max_seconds != -1 && waited >= static_cast<unsigned long long>(std::max(max_seconds, 0))))
+      return outcome;
+    const unsigned seconds = std::max(*wait, outcome.retry_after);
+    ++wait;
+    ACE_DEBUG((LM_INFO, ACE_TEXT("Retry(%d) %N:%l at %u second(s) later.\n"), count, seconds));
+    Clock::instance().sleep(seconds);
+    waited += seconds;
+  }
+}
+
+} // namespace s3

@@ -1,0 +1,261 @@
+#include "platform/s3/upload.h"
+
+#include "platform/s3/transport.h"
+
+#include <ace/Log_Msg.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <limits>
+#include <vector>
+
+namespace s3 {
+namespace {
+
+constexpr unsigned long long MAX_PARTS = 10000;
+constexpr unsigned long long MEBIBYTE = 1ull << 20;
+
+/// What both kinds of upload share: the declared size, and the piece that is being filled.
+class Upload : public S3_IWriter {
+public:
+  Upload(std::shared_ptr<Endpoint> endpoint, const std::string& bucket, const std::string& key, ACE_UINT64 size,
+         size_t piece, int max_retry_seconds)
+      : transport_(std::move(endpoint)), bucket_(bucket), key_(key), size_(size), piece_(piece),
+        max_retry_seconds_(max_retry_seconds) {}
+
+  int write(const char* data, size_t length) override {
+    if (failed_ || closed_ || !data)
+      return -1;
+    try {
+      if (buffer_.size() == piece_ && written_ < size_ && !flush())
+        return -1;
+      const ACE_UINT64 room = std::min<ACE_UINT64>(size_ - written_, piece_ - buffer_.size());
+      const size_t taken = static_cast<size_t>(std::min<ACE_UINT64>(std::min<ACE_UINT64>(length, room), INT_MAX));
+      if (buffer_.capacity() == 0)
+        buffer_.reserve(static_cast<size_t>(std::min<ACE_UINT64>(size_, piece_)));
+      buffer_.append(data, taken);
+      written_ += taken;
+      return static_cast<int>(taken);
+    } catch (const std::bad_alloc&) {
+      return give_up(S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for a part of the object", false)), -1;
+    }
+  }
+
+  bool close() override {
+    if (closed_ || failed_)
+      return closed_ && !failed_;
+    closed_ = true;
+    if (written_ != size_)
+      return give_up(
+          S3_Error(EINVAL, 0, "IncompleteBody",
+                   "only " + std::to_string(written_) + " of " + std::to_string(size_) + " bytes were written", false));
+    return finish();
+  }
+
+protected:
+  /// Sends the piece that is full.
+  virtual bool flush() = 0;
+  /// Sends the last piece and makes the object appear.
+  virtual bool finish() = 0;
+
+  Request request(const char* method) const { return Request{method, bucket_, key_, {}, {}, false, {}}; }
+
+  /// Always false. Says why, for the caller has no other way to tell.
+  bool give_up(const S3_Error& error) {
+    if (!failed_)
+      ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to store object '%C' in bucket '%C', error: %C.\n"), key_.c_str(),
+                 bucket_.c_str(), error.text().c_str()));
+    failed_ = true;
+    return false;
+  }
+
+  void sent(size_t bytes) { transport_.endpoint().ledger()->bytes_written.fetch_add(bytes, std::memory_order_relaxed); }
+
+  Transport transport_;
+  const std::string bucket_;
+  const std::string key_;
+  const ACE_UINT64 size_;
+  const size_t piece_;
+  const int max_retry_seconds_;
+  std::string buffer_;
+  ACE_UINT64 written_ = 0;
+  bool failed_ = false;
+  bool closed_ = false;
+};
+
+class Single_Upload final : public Upload {
+public:
+  using Upload::Upload;
+
+protected:
+  bool flush() override { return true; }
+  bool finish() override {
+    Request put = request("PUT");
+    put.has_body = true;
+    put.body = buffer_;
+    const Outcome outcome = retried(max_retry_seconds_, [&] { return transport_.ask(put); });
+    if (!outcome.ok())
+      return give_up(outcome.error);
+    sent(buffer_.size());
+    return true;
+  }
+};
+
+class Multipart_Upload final : public Upload {
+public:
+  using Upload::Upload;
+
+  ~Multipart_Upload() override {
+    try {
+      abort();
+    } catch (...) {
+      // Nothing more can be done for it here; services let unfinished uploads expire.
+    }
+  }
+
+  Outcome begin() {
+    Request post = request("POST");
+    post.query.emplace_back("uploads", "");
+    post.has_body = true;
+    return retried(max_retry_seconds_, [&] {
+      Text_Reader reader("InitiateMultipartUploadResult", "UploadId");
+      Outcome outcome = transport_.ask(post, reader);
+      upload_id_ = outcome.ok() ? reader.text() : std::string();
+      if (outcome.ok() && upload_id_.empty())
+        outcome.error = S3_Error(EPROTO, outcome.head.status, "MalformedAnswer",
+                                 "the answer names no upload (" + transport_.describe(post) + ")", false);
+      return outcome;
+    });
+  }
+
+protected:
+  bool flush() override {
+    Request put = request("PUT");
+    put.query.emplace_back("partNumber", std::to_string(etags_.size() + 1));
+    put.query.emplace_back("uploadId", upload_id_);
+    put.has_body = true;
+    put.body = buffer_;
+    const Outcome outcome = retried(max_retry_seconds_, [&] { return transport_.ask(put); });
+    if (!outcome.ok())
+      return give_up(outcome.error);
+    const std::string& etag = outcome.head.value("etag");
+    if (etag.empty())
+      return give_up(S3_Error(EPROTO, outcome.head.status, "MissingETag", "a part was stored without an ETag", false));
+    etags_.push_back(etag);
+    sent(buffer_.size());
+    buffer_.clear();
+    return true;
+  }
+
+  bool finish() override {
+    if (!flush())
+      return false;
+    std::string body("<CompleteMultipartUpload>");
+    for (size_t i = 0; i < etags_.size(); ++i)
+      body += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + xml_escaped(etags_[i]) +
+              "</ETag></Part>";
+    body += "</CompleteMultipartUpload>";
+    Request post = request("POST");
+    post.query.emplace_back("uploadId", upload_id_);
+    post.headers.emplace_back("content-type", "application/xml");
+    post.has_body = true;
+    post.body = body;
+    int attempts = 0;
+    const Outcome outcome = retried(max_retry_seconds_, [&] {
+      ++attempts;
+      // The answer may begin with 200 and still turn out to be an error.
+      Text_Reader reader("CompleteMultipartUploadResult", "ETag");
+      return transport_.ask(post, reader);
+    });
+    if (!outcome.ok() && !(attempts > 1 && outcome.error.code() == "NoSuchUpload" && is_stored()))
+      return give_up(outcome.error);
+    upload_id_.clear();
+    return true;
+  }
+
+private:
+  /// Where the answer to the first attempt was lost, the second finds no upload any more: the object tells.
+  bool is_stored() {
+    const Outcome outcome = transport_.ask(request("HEAD"));
+    ACE_UINT64 size = 0;
+    const std::string end = '-' + std::to_string(etags_.size()) + '"';
+    const std::string& etag = outcome.head.value("etag");
+    return outcome.ok() && parse_size(outcome.head.value("content-length"), size) && size == size_ &&
+           etag.size() > end.size() && etag.compare(etag.size() - end.size(), end.size(), end) == 0;
+  }
+
+  void abort() {
+    if (upload_id_.empty())
+      return;
+    Request del = request("DELETE");
+    del.query.emplace_back("uploadId", upload_id_);
+    upload_id_.clear();
+    transport_.finish_despite_cancel();
+    Outcome outcome = transport_.ask(del);
+    if (!outcome.ok() && outcome.error.retriable())
+      outcome = transport_.ask(del);
+    if (!outcome.ok() && outcome.error.code() != "NoSuchUpload")
+      ACE_ERROR((LM_WARNING, ACE_TEXT("An unfinished upload of '%C' may be left in bucket '%C', error: %C.\n"),
+                 key_.c_str(), bucket_.c_str(), outcome.error.text().c_str()));
+  }
+
+  std::string upload_id_;
+  std::vector<std::string> etags_;
+};
+
+} // namespace
+
+std::string xml_escaped(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    if (c == '&')
+      out += "&amp;";
+    else if (c == '<')
+      out += "&lt;";
+    else if (c == '>')
+      out += "&gt;";
+    else if (c == '"')
+      out += "&quot;";
+    else
+      out.push_back(c);
+  }
+  return out;
+}
+
+unsigned long long part_size_for(unsigned long long size, unsigned long long wanted) {
+  const unsigned long long least = size / MAX_PARTS + (size % MAX_PARTS != 0);
+  if (least <= wanted)
+    return wanted;
+  return (least + MEBIBYTE - 1) / MEBIBYTE * MEBIBYTE;
+}
+
+S3_IWriter_ptr make_upload(std::shared_ptr<Endpoint> endpoint, const std::string& bucket, const std::string& key,
+                           ACE_UINT64 size, int max_retry_seconds, S3_Error& error) {
+  error = S3_Error();
+  const unsigned long long part = part_size_for(size, endpoint->part_size());
+  if (part > std::numeric_limits<size_t>::max() / 2) {
+    error = S3_Error(EFBIG, 0, "EntityTooLarge", "a part of the object would not fit into memory", false);
+    return nullptr;
+  }
+  const size_t piece = static_cast<size_t>(part);
+  if (size <= part) {
+    S3_IWriter_ptr writer(new (std::nothrow)
+                              Single_Upload(std::move(endpoint), bucket, key, size, piece, max_retry_seconds));
+    if (!writer)
+      error = S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for an upload", false);
+    return writer;
+  }
+  std::unique_ptr<Multipart_Upload> writer(
+      new (std::nothrow) Multipart_Upload(std::move(endpoint), bucket, key, size, piece, max_retry_seconds));
+  if (!writer) {
+    error = S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for an upload", false);
+    return nullptr;
+  }
+  const Outcome outcome = writer->begin();
+  error = outcome.error;
+  return outcome.ok() ? S3_IWriter_ptr(std::move(writer)) : nullptr;
+}
+
+} // namespace s3

@@ -1,0 +1,163 @@
+#include "platform/s3/xml_reader.h"
+
+#include <expat.h>
+
+#include <algorithm>
+
+namespace s3 {
+namespace {
+
+constexpr size_t MAX_DEPTH = 16;
+/// A key of 1,024 bytes, all of them escaped twice, fits ten times over.
+constexpr size_t MAX_TEXT = 64 * 1024;
+/// A page of 1,000 keys is below 4 MiB.
+constexpr size_t MAX_DOCUMENT = 64u << 20;
+
+std::string_view local_name(const char* name) {
+  const std::string_view text(name);
+  const size_t colon = text.rfind(':');
+  return colon == std::string_view::npos ? text : text.substr(colon + 1);
+}
+
+} // namespace
+
+void XML_Reader::Parser_Free::operator()(XML_ParserStruct* parser) const {
+  XML_ParserFree(parser);
+}
+
+XML_Reader::XML_Reader() : parser_(XML_ParserCreate("UTF-8")) {
+  if (!parser_) {
+    problem_ = "no memory for the XML parser";
+    return;
+  }
+  XML_SetUserData(parser_.get(), this);
+  XML_SetElementHandler(parser_.get(), &XML_Reader::on_start, &XML_Reader::on_end);
+  XML_SetCharacterDataHandler(parser_.get(), &XML_Reader::on_text);
+  XML_SetStartDoctypeDeclHandler(parser_.get(), &XML_Reader::on_doctype);
+}
+
+XML_Reader::~XML_Reader() = default;
+
+void XML_Reader::begin(const Path&) {}
+
+bool XML_Reader::feed(const char* data, size_t size) {
+  if (failed())
+    return false;
+  size_ += size;
+  if (size_ > MAX_DOCUMENT) {
+    problem_ = "the document is too large";
+    return false;
+  }
+  // A service that is long about its answer sends blanks meanwhile, some even before the document.
+  while (!begun_ && size > 0 && (*data == ' ' || *data == '\n' || *data == '\r' || *data == '\t')) {
+    ++data;
+    --size;
+  }
+  begun_ = begun_ || size > 0;
+  if (!mends_) {
+    parse(data, size);
+  } else {
+    std::string mended;
+    mended.reserve(size + size / 4);
+    mender_.feed(data, size, mended);
+    parse(mended.data(), mended.size());
+  }
+  return !failed();
+}
+
+void XML_Reader::parse(const char* data, size_t size) {
+  while (size > 0 && !failed()) {
+    const int piece = static_cast<int>(std::min<size_t>(size, 1u << 20));
+    if (XML_Parse(parser_.get(), data, piece, XML_FALSE) != XML_STATUS_OK && !failed())
+      problem_ = XML_ErrorString(XML_GetErrorCode(parser_.get()));
+    data += piece;
+    size -= static_cast<size_t>(piece);
+  }
+}
+
+bool XML_Reader::finish() {
+  if (!failed() && XML_Parse(parser_.get(), nullptr, 0, XML_TRUE) != XML_STATUS_OK && !failed())
+    problem_ = XML_ErrorString(XML_GetErrorCode(parser_.get()));
+  return !failed();
+}
+
+void XML_Reader::refuse(const std::string& why) {
+  if (problem_.empty())
+    problem_ = why;
+}
+
+void XML_Reader::stop(const char* why) {
+  refuse(why);
+  XML_StopParser(parser_.get(), XML_FALSE);
+}
+
+bool XML_Reader::is(const Path& path, std::string_view a) {
+  return path.size() == 1 && path[0] == a;
+}
+
+bool XML_Reader::is(const Path& path, std::string_view a, std::string_view b) {
+  return path.size() == 2 && path[1] == b && path[0] == a;
+}
+
+bool XML_Reader::is(const Path& path, std::string_view a, std::string_view b, std::string_view c) {
+  return path.size() == 3 && path[2] == c && path[1] == b && path[0] == a;
+}
+
+void XML_Reader::on_start(void* data, const char* name, const char**) {
+  XML_Reader* self = static_cast<XML_Reader*>(data);
+  try {
+    if (self->failed())
+      return;
+    if (++self->depth_ > MAX_DEPTH)
+      return self->stop("the document has too many levels");
+    self->text_.clear();
+    if (self->depth_ == 1) {
+      self->root_ = local_name(name);
+      if (!self->accepts(self->root_))
+        self->stop("the document is of another kind");
+      return;
+    }
+    self->path_.emplace_back(local_name(name));
+    self->begin(self->path_);
+  } catch (...) {
+    self->stop("no memory for the document");
+  }
+}
+
+void XML_Reader::on_end(void* data, const char*) {
+  XML_Reader* self = static_cast<XML_Reader*>(data);
+  try {
+    if (self->failed())
+      return;
+    if (self->mends_)
+      self->text_ = XML_Mender::restore(self->text_);
+    self->end(self->path_, self->text_);
+    self->text_.clear();
+    --self->depth_;
+    if (!self->path_.empty())
+      self->path_.pop_back();
+    if (self->failed())
+      XML_StopParser(self->parser_.get(), XML_FALSE);
+  } catch (...) {
+    self->stop("no memory for the document");
+  }
+}
+
+void XML_Reader::on_text(void* data, const char* text, int size) {
+  XML_Reader* self = static_cast<XML_Reader*>(data);
+  try {
+    if (self->failed())
+      return;
+    if (self->text_.size() + static_cast<size_t>(size) > MAX_TEXT)
+      return self->stop("the document has too long a text");
+    self->text_.append(text, static_cast<size_t>(size));
+  } catch (...) {
+    self->stop("no memory for the document");
+  }
+}
+
+void XML_Reader::on_doctype(void* data, const char*, const char*, const char*, int) {
+  static_cast<XML_Reader*>(data)->stop("the document declares a document type");
+}
+
+} // namespace s3

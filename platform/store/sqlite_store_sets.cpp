@@ -1,0 +1,268 @@
+#include "platform/store/sqlite_store.h"
+
+#define SET_COLUMNS \
+  "uuid,pool_uuid,account_uuid,minor_resource_id,minor_resource_name,name,seq,channels,incarnation,uri,type," \
+  "start_time,end_time,source_size,backup_set_size,backup_set_storage_size,objects,state"
+
+namespace {
+
+bool first_of(std::vector<Set>& rows, Set& set, bool& found) {
+  found = !rows.empty();
+  if (found)
+    set = std::move(rows.front());
+  return true;
+}
+
+} // namespace
+
+bool SQLite_Store::add_selection(const Selection& selection, std::string& error) {
+  if (selection.uuid.empty() || selection.name.empty()) {
+    error = "a selection needs a uuid and a name";
+    return false;
+  }
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Store_Transaction transaction(db_);
+  bool account = false;
+  bool name = false;
+  bool uuid = false;
+  if (!transaction.begin(error) ||
+      !exists("SELECT 1 FROM accounts WHERE uuid=? AND ?<>''", selection.account_uuid, selection.uuid, account, error) ||
+      !exists("SELECT 1 FROM selections WHERE account_uuid=? AND name=?", selection.account_uuid, selection.name, name,
+              error) ||
+      !exists("SELECT 1 FROM selections WHERE uuid=? AND ?<>''", selection.uuid, selection.uuid, uuid, error))
+    return false;
+  if (!account) {
+    error = "there is no account '" + selection.account_uuid + "'";
+    return false;
+  }
+  if (name || uuid) {
+    error = "selection '" + selection.name + "' exists already";
+    return false;
+  }
+  return Store_Statement(db_, "INSERT INTO selections(uuid,account_uuid,name) VALUES(?,?,?)")
+             .text(selection.uuid)
+             .text(selection.account_uuid)
+             .text(selection.name)
+             .run(error) &&
+         put_items(selection.uuid, "path", selection.paths, error) &&
+         put_items(selection.uuid, "exclusion", selection.exclusions, error) &&
+         put_items(selection.uuid, "inclusion", selection.inclusions, error) && transaction.commit(error);
+}
+
+bool SQLite_Store::update_selection(const Selection& selection, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Store_Transaction transaction(db_);
+  bool taken = false;
+  bool account = false;
+  Store_Statement other(db_, "SELECT 1 FROM selections WHERE account_uuid=? AND name=? AND uuid<>?");
+  if (!transaction.begin(error))
+    return false;
+  taken = other.text(selection.account_uuid).text(selection.name).text(selection.uuid).next();
+  if (!other.good(error) ||
+      !exists("SELECT 1 FROM accounts WHERE uuid=? AND ?<>''", selection.account_uuid, selection.uuid, account, error))
+    return false;
+  if (taken) {
+    error = "selection '" + selection.name + "' exists already";
+    return false;
+  }
+  if (!account) {
+    error = "there is no account '" + selection.account_uuid + "'";
+    return false;
+  }
+  if (!Store_Statement(db_, "UPDATE selections SET account_uuid=?2,name=?3 WHERE uuid=?1")
+           .text(selection.uuid)
+           .text(selection.account_uuid)
+           .text(selection.name)
+           .run(error))
+    return false;
+  if (sqlite3_changes(db_.get()) == 0) {
+    error = "there is no selection '" + selection.uuid + "'";
+    return false;
+  }
+  return put_items(selection.uuid, "path", selection.paths, error) &&
+         put_items(selection.uuid, "exclusion", selection.exclusions, error) &&
+         put_items(selection.uuid, "inclusion", selection.inclusions, error) && transaction.commit(error);
+}
+
+bool SQLite_Store::remove_selection(const std::string& uuid, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return remove_row("DELETE FROM selections WHERE uuid=?", "selection", uuid, error);
+}
+
+bool SQLite_Store::read_selections(Store_Statement& statement, std::vector<Selection>& selections,
+                                   std::string& error) {
+  while (statement.next()) {
+    Selection& selection = selections.emplace_back();
+    selection.uuid = statement.get_text();
+    selection.account_uuid = statement.get_text();
+    selection.name = statement.get_text();
+    if (!get_items(selection.uuid, "path", selection.paths, error) ||
+        !get_items(selection.uuid, "exclusion", selection.exclusions, error) ||
+        !get_items(selection.uuid, "inclusion", selection.inclusions, error))
+      return false;
+  }
+  return statement.good(error);
+}
+
+bool SQLite_Store::find_selection(const std::string& uuid, Selection& selection, bool& found, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Selection> rows;
+  Store_Statement select(db_, "SELECT uuid,account_uuid,name FROM selections WHERE uuid=?");
+  if (!read_selections(select.text(uuid), rows, error))
+    return false;
+  found = !rows.empty();
+  if (found)
+    selection = std::move(rows.front());
+  return true;
+}
+
+bool SQLite_Store::find_selection(const std::string& account_uuid, const std::string& name, Selection& selection,
+                                  bool& found, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Selection> rows;
+  Store_Statement select(db_, "SELECT uuid,account_uuid,name FROM selections WHERE account_uuid=? AND name=?");
+  if (!read_selections(select.text(account_uuid).text(name), rows, error))
+    return false;
+  found = !rows.empty();
+  if (found)
+    selection = std::move(rows.front());
+  return true;
+}
+
+bool SQLite_Store::selections(const std::string& account_uuid, std::vector<Selection>& selections,
+                              std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Store_Statement select(db_, "SELECT uuid,account_uuid,name FROM selections WHERE ?1='' OR account_uuid=?1 "
+                              "ORDER BY name, uuid");
+  selections.clear();
+  return read_selections(select.text(account_uuid), selections, error);
+}
+
+bool SQLite_Store::put_set(const Set& set, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Store_Transaction transaction(db_);
+  bool pool = false;
+  if (!transaction.begin(error) ||
+      !exists("SELECT 1 FROM pools WHERE uuid=? AND ?<>''", set.pool_uuid, set.uuid, pool, error))
+    return false;
+  if (!pool) {
+    error = set.uuid.empty() ? "a set needs a uuid" : "there is no pool '" + set.pool_uuid + "'";
+    return false;
+  }
+  // A set that comes back keeps its place in the order.
+  return Store_Statement(db_, "INSERT INTO sets(" SET_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?) "
+                              "ON CONFLICT(uuid) DO UPDATE SET pool_uuid=excluded.pool_uuid,"
+                              "account_uuid=excluded.account_uuid,minor_resource_id=excluded.minor_resource_id,"
+                              "minor_resource_name=excluded.minor_resource_name,name=excluded.name,seq=excluded.seq,"
+                              "channels=excluded.channels,incarnation=excluded.incarnation,uri=excluded.uri,"
+                              "type=excluded.type,start_time=excluded.start_time,end_time=excluded.end_time,"
+                              "source_size=excluded.source_size,backup_set_size=excluded.backup_set_size,"
+                              "backup_set_storage_size=excluded.backup_set_storage_size,objects=excluded.objects,"
+                              "state=excluded.state")
+             .text(set.uuid)
+             .text(set.pool_uuid)
+             .text(set.account_uuid)
+             .text(set.minor_resource_id)
+             .text(set.minor_resource_name)
+             .text(set.name)
+             .number(set.seq)
+             .number(set.channels)
+             .text(set.incarnation)
+             .text(set.uri)
+             .text(set.type)
+             .text(set.start_time)
+             .text(set.end_time)
+             .number(set.source_size)
+             .number(set.backup_set_size)
+             .number(set.backup_set_storage_size)
+             .number(set.objects)
+             .text(set.state)
+             .run(error) &&
+         put_items(set.uuid, "base", set.bases, error) && transaction.commit(error);
+}
+
+bool SQLite_Store::set_state(const std::string& uuid, const std::string& state, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (!Store_Statement(db_, "UPDATE sets SET state=?2 WHERE uuid=?1").text(uuid).text(state).run(error))
+    return false;
+  if (sqlite3_changes(db_.get()) > 0)
+    return true;
+  error = "there is no set '" + uuid + "'";
+  return false;
+}
+
+bool SQLite_Store::remove_set(const std::string& uuid, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return remove_row("DELETE FROM sets WHERE uuid=?", "set", uuid, error);
+}
+
+bool SQLite_Store::read_sets(Store_Statement& statement, std::vector<Set>& sets, std::string& error) {
+  while (statement.next()) {
+    Set& set = sets.emplace_back();
+    set.uuid = statement.get_text();
+    set.pool_uuid = statement.get_text();
+    set.account_uuid = statement.get_text();
+    set.minor_resource_id = statement.get_text();
+    set.minor_resource_name = statement.get_text();
+    set.name = statement.get_text();
+    set.seq = static_cast<unsigned>(statement.get_number());
+    set.channels = static_cast<unsigned>(statement.get_number());
+    set.incarnation = statement.get_text();
+    set.uri = statement.get_text();
+    set.type = statement.get_text();
+    set.start_time = statement.get_text();
+    set.end_time = statement.get_text();
+    set.source_size = statement.get_number();
+    set.backup_set_size = statement.get_number();
+    set.backup_set_storage_size = statement.get_number();
+    set.objects = statement.get_number();
+    set.state = statement.get_text();
+    if (!get_items(set.uuid, "base", set.bases, error))
+      return false;
+  }
+  return statement.good(error);
+}
+
+bool SQLite_Store::find_set(const std::string& uuid, Set& set, bool& found, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Set> rows;
+  Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE uuid=?");
+  return read_sets(select.text(uuid), rows, error) && first_of(rows, set, found);
+}
+
+bool SQLite_Store::sets_by_prefix(const std::string& prefix, std::vector<Set>& sets, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE state='online' AND "
+                              "substr(uuid,1,length(?1))=?1 ORDER BY added");
+  sets.clear();
+  return read_sets(select.text(prefix), sets, error);
+}
+
+bool SQLite_Store::sets(const std::string& pool_uuid, const std::string& account_uuid,
+                        const std::string& minor_resource_id, bool all, std::vector<Set>& sets, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE (?1='' OR pool_uuid=?1) AND "
+                              "(?2='' OR account_uuid=?2) AND (?3='' OR minor_resource_id=?3) AND "
+                              "(?4 OR state='online') ORDER BY added");
+  sets.clear();
+  return read_sets(select.text(pool_uuid).text(account_uuid).text(minor_resource_id).number(all), sets, error);
+}
+
+bool SQLite_Store::newest_set(const std::string& pool_uuid, const std::string& minor_resource_id, Set& set,
+                              bool& found, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Set> rows;
+  Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE pool_uuid=? AND minor_resource_id=? AND "
+                              "state='online' ORDER BY added DESC LIMIT 1");
+  return read_sets(select.text(pool_uuid).text(minor_resource_id), rows, error) && first_of(rows, set, found);
+}
+
+bool SQLite_Store::find_set_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq,
+                                   Set& set, bool& found, std::string& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Set> rows;
+  Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE pool_uuid=? AND minor_resource_id=? AND seq=? "
+                              "AND state='online' ORDER BY added DESC LIMIT 1");
+  return read_sets(select.text(pool_uuid).text(minor_resource_id).number(seq), rows, error) &&
+         first_of(rows, set, found);
+}

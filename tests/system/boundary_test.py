@@ -1,0 +1,47 @@
+"""The built module as a host sees it: what it exports, and whom it needs."""
+import os
+import re
+import subprocess
+
+import harness
+
+MODULE = os.path.join(harness.BUILD, "lib", "obs", "libobs_agent.so")
+FACTORIES = {
+    "_make_OBS_Instance_Handler", "_make_OBS_Job_Creator",
+    "_make_OBS_Backup_Job_Options_Parser_Creator", "_make_OBS_Backup_Job_Source_Parser_Creator",
+    "_make_OBS_Restore_Job_Options_Parser_Creator", "_make_OBS_Restore_Job_Source_Parser_Creator",
+    "_make_JSON_RPC_OBS_List_Handler", "_make_JSON_RPC_OBS_Test_Handler",
+}
+MAPPER = re.compile(r"^Buckets_Mapper::(~?Buckets_Mapper|default_mapper|mappers|mapper)(\[abi:cxx11\])?\(")
+ALLOWED = re.compile(r"^(libagent_platform|libACE|libyajl|libstdc\+\+|libgcc_s|libc|libm|ld-linux.*"
+                     r"|libasan|libubsan|libtsan)[.-]")
+
+
+def symbols(*options):
+    listed = subprocess.run(["nm", "-D", "-C", *options, MODULE], stdout=subprocess.PIPE, check=True, text=True)
+    return [line.split(None, 2 if "--defined-only" in options else 1)[-1] for line in listed.stdout.splitlines()]
+
+
+class Boundary(harness.Scenario):
+    def test_exactly_the_factories_and_the_mapper_are_exported(self):
+        exported = set(symbols("--defined-only"))
+        mapper = {name for name in exported if MAPPER.match(name)}
+        self.assertEqual(FACTORIES, exported - mapper)
+        for operation in ("Buckets_Mapper()", "~Buckets_Mapper()", "default_mapper()", "mappers", "mapper("):
+            self.assertTrue(any("Buckets_Mapper::" + operation in name for name in mapper), operation)
+
+    def test_the_module_needs_only_the_platform_and_the_libraries_of_its_interfaces(self):
+        dynamic = subprocess.run(["readelf", "-d", "-W", MODULE], stdout=subprocess.PIPE, check=True, text=True).stdout
+        needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)
+        self.assertTrue(needed)
+        self.assertEqual([], [name for name in needed if not ALLOWED.match(name)])
+
+    def test_every_symbol_it_needs_is_found(self):
+        unresolved = subprocess.run(["ldd", "-r", MODULE], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                    text=True).stdout
+        self.assertNotIn("undefined symbol", unresolved)
+        self.assertNotIn("not found", unresolved)
+
+
+if __name__ == "__main__":
+    harness.main()
