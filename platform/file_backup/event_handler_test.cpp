@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 namespace {
@@ -27,8 +28,8 @@ public:
     sum = a + b + c;
     return 7;
   }
-  int last_code = -1;
-  unsigned long long sum = 0;
+  std::atomic<int> last_code{-1};
+  std::atomic<unsigned long long> sum{0};
 };
 
 template <typename HANDLER>

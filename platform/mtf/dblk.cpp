@@ -15,7 +15,16 @@ uint16_t xor_words(const unsigned char* at, unsigned words) {
 
 bool is_dblk_type(uint32_t type) {
   switch (type) {
-  case TAPE: case SSET: case VOLB: case DIRB: case FILE_: case CFIL: case ESPB: case ESET: case EOTM: case SFMB:
+  case TAPE:
+  case SSET:
+  case VOLB:
+  case DIRB:
+  case FILE_:
+  case CFIL:
+  case ESPB:
+  case ESET:
+  case EOTM:
+  case SFMB:
     return true;
   default:
     return false;
@@ -35,7 +44,9 @@ bool Dblk_Header::parse(const unsigned char* at) {
   return is_dblk_type(type) && xor_words(at, 26) == 0;
 }
 
-void seal_dblk_header(unsigned char* at) { put16(at + 50, xor_words(at, 25)); }
+void seal_dblk_header(unsigned char* at) {
+  put16(at + 50, xor_words(at, 25));
+}
 
 std::string four_text(uint32_t id) {
   std::string text(4, '?');
@@ -223,7 +234,9 @@ void append_spad(std::string& out, uint64_t base) {
   out.append(length, '\0');
 }
 
-uint64_t block_check(const unsigned char* at, size_t size) { return XXH3_64bits(at, size); }
+uint64_t block_check(const unsigned char* at, size_t size) {
+  return XXH3_64bits(at, size);
+}
 
 void append_block_check(std::string& out) {
   unsigned char check[8];

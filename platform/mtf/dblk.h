@@ -21,7 +21,9 @@ inline void put64(unsigned char* at, uint64_t value) {
   put32(at, static_cast<uint32_t>(value));
   put32(at + 4, static_cast<uint32_t>(value >> 32));
 }
-inline uint16_t get16(const unsigned char* at) { return static_cast<uint16_t>(at[0] | at[1] << 8); }
+inline uint16_t get16(const unsigned char* at) {
+  return static_cast<uint16_t>(at[0] | at[1] << 8);
+}
 inline uint32_t get32(const unsigned char* at) {
   return static_cast<uint32_t>(get16(at)) | static_cast<uint32_t>(get16(at + 2)) << 16;
 }
@@ -42,11 +44,11 @@ uint16_t xor_words(const unsigned char* at, unsigned words);
 struct Dblk_Header {
   uint32_t type = 0;
   uint32_t attributes = 0;
-  unsigned first_event = 0;             ///< bytes from the block's start to its first stream
+  unsigned first_event = 0; ///< bytes from the block's start to its first stream
   unsigned char os_id = 0;
   unsigned char os_version = 0;
   uint64_t displayable = 0;
-  uint64_t fla = 0;                     ///< in FLBs
+  uint64_t fla = 0; ///< in FLBs
   uint32_t control_id = 0;
   unsigned char string_type = 0;
 
@@ -63,7 +65,7 @@ struct Stream_Header {
   uint32_t id = 0;
   uint16_t system_attributes = 0;
   uint16_t format_attributes = 0;
-  uint64_t length = 0;                  ///< of the data, bytes
+  uint64_t length = 0; ///< of the data, bytes
   uint16_t encryption = 0;
   uint16_t compression = 0;
 

@@ -35,18 +35,18 @@ constexpr uint32_t SFMB = four("SFMB");
 constexpr uint32_t STAN = four("STAN");
 constexpr uint32_t SPAD = four("SPAD");
 /// Our own streams.
-constexpr uint32_t OBSC = four("OBSC");   ///< check of the descriptor block (all but FILE and SFMB)
-constexpr uint32_t OBSI = four("OBSI");   ///< identity of the set (VOLB)
-constexpr uint32_t OBSN = four("OBSN");   ///< exact path of a directory (DIRB)
-constexpr uint32_t OBSH = four("OBSH");   ///< head of an object (FILE)
-constexpr uint32_t OBSZ = four("OBSZ");   ///< one frame of an object's content (FILE)
-constexpr uint32_t OBSD = four("OBSD");   ///< digest of an object's content (FILE)
-constexpr uint32_t OBST = four("OBST");   ///< totals of the set (ESET)
+constexpr uint32_t OBSC = four("OBSC"); ///< check of the descriptor block (all but FILE and SFMB)
+constexpr uint32_t OBSI = four("OBSI"); ///< identity of the set (VOLB)
+constexpr uint32_t OBSN = four("OBSN"); ///< exact path of a directory (DIRB)
+constexpr uint32_t OBSH = four("OBSH"); ///< head of an object (FILE)
+constexpr uint32_t OBSZ = four("OBSZ"); ///< one frame of an object's content (FILE)
+constexpr uint32_t OBSD = four("OBSD"); ///< digest of an object's content (FILE)
+constexpr uint32_t OBST = four("OBST"); ///< totals of the set (ESET)
 
 // Ends of the fixed parts, where strings begin.
 constexpr unsigned TAPE_FIXED = 94;
 constexpr unsigned SSET_FIXED = 98;
-constexpr unsigned VOLB_FIXED = 74;   ///< 73, and one byte to begin the strings at an even offset
+constexpr unsigned VOLB_FIXED = 74; ///< 73, and one byte to begin the strings at an even offset
 constexpr unsigned DIRB_FIXED = 84;
 constexpr unsigned FILE_FIXED = 88;
 constexpr unsigned ESET_FIXED = 85;

@@ -10,8 +10,8 @@ using namespace MTF_Format;
 
 namespace {
 
-constexpr size_t MAX_COMPONENT = 255;        // bytes of a name in the file systems that readers extract into
-constexpr size_t MARK = 17;                  // "~" and 16 digits
+constexpr size_t MAX_COMPONENT = 255; // bytes of a name in the file systems that readers extract into
+constexpr size_t MARK = 17;           // "~" and 16 digits
 constexpr char DIGITS[] = "0123456789abcdef";
 
 bool ends_like_substitute(std::string_view name) {

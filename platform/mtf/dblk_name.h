@@ -5,8 +5,8 @@
 
 /// What stands in a name field of a block.
 struct Dblk_Name {
-  std::string utf16;      ///< UTF-16LE bytes that fit the field
-  bool exact = true;      ///< the name itself; else a substitute
+  std::string utf16; ///< UTF-16LE bytes that fit the field
+  bool exact = true; ///< the name itself; else a substitute
 };
 
 // Keys are bytes; names on media are UTF-16 and are extracted by others into file systems. A component stands as it

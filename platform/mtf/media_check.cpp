@@ -165,14 +165,14 @@ bool dump_medium(const std::string& path, const std::function<bool(const std::st
         offset += step;
         continue;
       }
-      if (skipped != 0 && !line(std::to_string(offset - skipped) + " ???? " + std::to_string(skipped) +
-                                " bytes that hold no block"))
+      if (skipped != 0 &&
+          !line(std::to_string(offset - skipped) + " ???? " + std::to_string(skipped) + " bytes that hold no block"))
         return true;
       skipped = 0;
       const unsigned char* block = window.at(offset, std::min<size_t>(header.first_event, FLB));
-      if (block == nullptr || !line(std::to_string(offset) + " " + four_text(header.type) + " FLA " +
-                                    std::to_string(header.fla) + " number " + std::to_string(header.control_id) +
-                                    fields(header, block)))
+      if (block == nullptr ||
+          !line(std::to_string(offset) + " " + four_text(header.type) + " FLA " + std::to_string(header.fla) +
+                " number " + std::to_string(header.control_id) + fields(header, block)))
         return true;
       unsigned long long next = offset + FLB;
       if (header.type != SFMB) {

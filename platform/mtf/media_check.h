@@ -5,16 +5,16 @@
 
 /// What a strict check found to be wrong on a medium.
 struct Media_Problem {
-  unsigned long long offset = 0;       ///< bytes from the start of the medium
+  unsigned long long offset = 0; ///< bytes from the start of the medium
   unsigned long long length = 0;
-  std::string object;                  ///< "bucket/key" of the object concerned, where it is known
+  std::string object; ///< "bucket/key" of the object concerned, where it is known
   std::string message;
 };
 
 struct Media_Figures {
-  unsigned long long size = 0;         ///< bytes of the medium
-  unsigned long long objects = 0;      ///< whole ones
-  unsigned long long bytes = 0;        ///< of their contents
+  unsigned long long size = 0;    ///< bytes of the medium
+  unsigned long long objects = 0; ///< whole ones
+  unsigned long long bytes = 0;   ///< of their contents
   unsigned long long problems = 0;
 };
 

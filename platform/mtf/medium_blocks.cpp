@@ -114,8 +114,7 @@ void make_volume(std::string& out, const Medium_Identity& identity, uint32_t con
 }
 
 bool Medium_Self::parse(const unsigned char* data, size_t size) {
-  if (!checked(data, size, 20) || get16(data) != SELF_VERSION ||
-      size != 28u + get16(data + 16) + get16(data + 18))
+  if (!checked(data, size, 20) || get16(data) != SELF_VERSION || size != 28u + get16(data + 16) + get16(data + 18))
     return false;
   incremental = (get16(data + 2) & SELF_INCREMENTAL) != 0;
   family = get32(data + 4);

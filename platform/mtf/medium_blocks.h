@@ -13,15 +13,15 @@ struct Medium_Self {
   unsigned family = 0;
   bool incremental = false;
   long long write_date = 0;
-  std::string set_uuid;                ///< at most 64 bytes
-  std::string set_name;                ///< at most 128 bytes
+  std::string set_uuid; ///< at most 64 bytes
+  std::string set_name; ///< at most 128 bytes
   bool parse(const unsigned char* data, size_t size);
 };
 
 /// What the end of the set says about it (the OBST stream).
 struct Medium_Totals {
   uint64_t objects = 0;
-  uint64_t bytes = 0;                  ///< of the objects
+  uint64_t bytes = 0; ///< of the objects
   bool parse(const unsigned char* data, size_t size);
 };
 

@@ -98,7 +98,9 @@ TEST(plain_medium, an_independent_reader_gets_every_content_and_every_name_that_
   std::vector<Test_Object> objects = golden_objects();
   for (size_t size = 0; size < 1100; size += 13)
     objects.push_back({"sizes/" + std::to_string(size), noise(size, static_cast<unsigned>(size))});
-  objects.push_back({"b\xC3\xBC" "cher/\xF0\x9F\x98\x80", "unicode"});
+  objects.push_back({"b\xC3\xBC"
+                     "cher/\xF0\x9F\x98\x80",
+                     "unicode"});
   objects.push_back({"large", noise(3000001, 7)});
   objects.push_back({"../up", "never outside"});
   objects.push_back({std::string(1024, 'k'), "long"});
@@ -130,7 +132,8 @@ TEST(dblk, dates_are_packed_as_the_format_has_them) {
   unsigned char date[5];
   put_mtf_date(date, 852062850);
   EXPECT_EQ(std::string(date, date + 5), "\x1F\x33\x3F\x41\xDE");
-  for (const long long time : {0ll, 1ll, -1ll, 951782399ll, 951782400ll, 4102444800ll, 253402300799ll, -62135596800ll}) {
+  for (const long long time :
+       {0ll, 1ll, -1ll, 951782399ll, 951782400ll, 4102444800ll, 253402300799ll, -62135596800ll}) {
     put_mtf_date(date, time);
     EXPECT_EQ(get_mtf_date(date), time);
   }

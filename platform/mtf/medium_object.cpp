@@ -81,8 +81,8 @@ bool Medium_Object::next_frame() {
     return damaged(where + reason);
   const uint64_t expected = std::min<uint64_t>(CHUNK, start_.head.size - done_);
   const bool last = (stream.header.format_attributes & STREAM_VARIABLE_END) != 0;
-  if (frame.sequence != chunk_number_ || frame.plain != expected || stream.header.length != FRAME_HEADER + frame.stored ||
-      last != (done_ + frame.plain == start_.head.size))
+  if (frame.sequence != chunk_number_ || frame.plain != expected ||
+      stream.header.length != FRAME_HEADER + frame.stored || last != (done_ + frame.plain == start_.head.size))
     return damaged(where + "it belongs to another place");
   data += FRAME_HEADER;
   if (XXH3_64bits(data, frame.stored) != frame.stored_check)

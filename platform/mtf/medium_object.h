@@ -36,12 +36,12 @@ private:
   unsigned long long offset_ = 0;
   unsigned long long end_ = 0;
   unsigned long long stored_ = 0;
-  unsigned long long done_ = 0;            ///< bytes of content that passed their checks
+  unsigned long long done_ = 0; ///< bytes of content that passed their checks
   uint64_t chunk_number_ = 0;
   Medium_Stream frame_;
-  const unsigned char* chunk_ = nullptr;   ///< what is left to hand out
+  const unsigned char* chunk_ = nullptr; ///< what is left to hand out
   size_t left_ = 0;
-  std::vector<unsigned char> plain_;       ///< a decompressed chunk
+  std::vector<unsigned char> plain_; ///< a decompressed chunk
   bool have_digest_ = false;
   bool finished_ = false;
   Read_Outcome failure_ = Read_Outcome::MORE;

@@ -8,10 +8,10 @@
 
 /// How reading a stored object ended.
 enum class Read_Outcome {
-  MORE,        ///< some verified bytes were handed out
-  END,         ///< the whole object was handed out and its digest holds
-  DAMAGED,     ///< what is stored does not match its checks; `error` says what and where
-  FAILED       ///< the medium cannot be read
+  MORE,    ///< some verified bytes were handed out
+  END,     ///< the whole object was handed out and its digest holds
+  DAMAGED, ///< what is stored does not match its checks; `error` says what and where
+  FAILED   ///< the medium cannot be read
 };
 
 /// Reads one object of a medium. Only bytes that passed their own check are ever handed out. One thread at a time.
@@ -31,11 +31,11 @@ public:
 /// One thing found while walking a medium.
 struct Medium_Finding {
   enum Kind { OBJECT, DAMAGE, END_OF_SET } kind = OBJECT;
-  unsigned long long offset = 0;       ///< bytes from the start of the medium
+  unsigned long long offset = 0; ///< bytes from the start of the medium
   unsigned long long length = 0;
-  Object_Head head;                    ///< for OBJECT
-  unsigned char sha256[32] = {};       ///< for OBJECT: as stored
-  std::string message;                 ///< for DAMAGE
+  Object_Head head;              ///< for OBJECT
+  unsigned char sha256[32] = {}; ///< for OBJECT: as stored
+  std::string message;           ///< for DAMAGE
 };
 
 /// Reads a medium. `object` may be called from several threads on one reader; each object's reader has its own place.

@@ -9,8 +9,9 @@ namespace {
 std::vector<Test_Object> objects_of_sizes(const std::vector<size_t>& sizes, bool compressible) {
   std::vector<Test_Object> objects;
   for (size_t i = 0; i < sizes.size(); ++i)
-    objects.push_back({"dir" + std::to_string(i % 3) + "/object" + std::to_string(i),
-                       compressible ? prose(sizes[i], static_cast<unsigned>(i)) : noise(sizes[i], static_cast<unsigned>(i))});
+    objects.push_back(
+        {"dir" + std::to_string(i % 3) + "/object" + std::to_string(i),
+         compressible ? prose(sizes[i], static_cast<unsigned>(i)) : noise(sizes[i], static_cast<unsigned>(i))});
   return objects;
 }
 
@@ -39,20 +40,14 @@ TEST_P(medium_round_trip, objects_of_all_sizes_come_back) {
 
 INSTANTIATE_TEST_SUITE_P(
     codecs, medium_round_trip,
-    ::testing::Values(Codec_Case{MTF_COMPRESSION_NONE, false, Way::IMAGE},
-                      Codec_Case{MTF_COMPRESSION_NONE, true, Way::STREAMED},
-                      Codec_Case{MTF_COMPRESSION_AUTO, false, Way::IMAGE},
-                      Codec_Case{MTF_COMPRESSION_AUTO, true, Way::IMAGE},
-                      Codec_Case{MTF_COMPRESSION_AUTO, false, Way::STREAMED},
-                      Codec_Case{MTF_COMPRESSION_AUTO, true, Way::STREAMED},
-                      Codec_Case{MTF_COMPRESSION_ZSTD, false, Way::IMAGE},
-                      Codec_Case{MTF_COMPRESSION_ZSTD, true, Way::IMAGE},
-                      Codec_Case{MTF_COMPRESSION_ZSTD, false, Way::STREAMED},
-                      Codec_Case{MTF_COMPRESSION_ZSTD, true, Way::STREAMED},
-                      Codec_Case{MTF_COMPRESSION_LZOP, false, Way::IMAGE},
-                      Codec_Case{MTF_COMPRESSION_LZOP, true, Way::IMAGE},
-                      Codec_Case{MTF_COMPRESSION_LZOP, false, Way::STREAMED},
-                      Codec_Case{MTF_COMPRESSION_LZOP, true, Way::STREAMED}));
+    ::testing::Values(
+        Codec_Case{MTF_COMPRESSION_NONE, false, Way::IMAGE}, Codec_Case{MTF_COMPRESSION_NONE, true, Way::STREAMED},
+        Codec_Case{MTF_COMPRESSION_AUTO, false, Way::IMAGE}, Codec_Case{MTF_COMPRESSION_AUTO, true, Way::IMAGE},
+        Codec_Case{MTF_COMPRESSION_AUTO, false, Way::STREAMED}, Codec_Case{MTF_COMPRESSION_AUTO, true, Way::STREAMED},
+        Codec_Case{MTF_COMPRESSION_ZSTD, false, Way::IMAGE}, Codec_Case{MTF_COMPRESSION_ZSTD, true, Way::IMAGE},
+        Codec_Case{MTF_COMPRESSION_ZSTD, false, Way::STREAMED}, Codec_Case{MTF_COMPRESSION_ZSTD, true, Way::STREAMED},
+        Codec_Case{MTF_COMPRESSION_LZOP, false, Way::IMAGE}, Codec_Case{MTF_COMPRESSION_LZOP, true, Way::IMAGE},
+        Codec_Case{MTF_COMPRESSION_LZOP, false, Way::STREAMED}, Codec_Case{MTF_COMPRESSION_LZOP, true, Way::STREAMED}));
 
 TEST(medium, both_ways_of_writing_give_the_same_bytes) {
   Scratch_Folder folder;
@@ -79,12 +74,30 @@ TEST(medium, keys_are_bytes_and_come_back_exactly) {
   const std::string path = folder.file("medium");
   const std::string deep(500, 'd');
   std::vector<Test_Object> objects;
-  for (const std::string& key : std::vector<std::string>{
-           "plain", "sp ace+%&'", "\xC3\xA9 composed", "e\xCC\x81 decomposed", "\xF0\x9F\x98\x80 astral",
-           "not utf-8 \xFF\xFE\x80", "half \xED\xA0\x80", std::string("nul \0 inside", 12), "control \x01\x1F\x7F",
-           "//", "a//b", "a/", "/leading", "./x", "../x", "..", ".", std::string(1024, 'k'), deep + "/" + deep + "/x",
-           deep + "\xFF/" + std::string(500, '\xC3'), "looks~0123456789abcdef", "back\\slash",
-           "FILEFILEFILE\xFF/DIRBDIRB/" + std::string(900, 'T'), std::string(300, 'a') + "/" + std::string(300, 'b')})
+  for (const std::string& key : std::vector<std::string>{"plain",
+                                                         "sp ace+%&'",
+                                                         "\xC3\xA9 composed",
+                                                         "e\xCC\x81 decomposed",
+                                                         "\xF0\x9F\x98\x80 astral",
+                                                         "not utf-8 \xFF\xFE\x80",
+                                                         "half \xED\xA0\x80",
+                                                         std::string("nul \0 inside", 12),
+                                                         "control \x01\x1F\x7F",
+                                                         "//",
+                                                         "a//b",
+                                                         "a/",
+                                                         "/leading",
+                                                         "./x",
+                                                         "../x",
+                                                         "..",
+                                                         ".",
+                                                         std::string(1024, 'k'),
+                                                         deep + "/" + deep + "/x",
+                                                         deep + "\xFF/" + std::string(500, '\xC3'),
+                                                         "looks~0123456789abcdef",
+                                                         "back\\slash",
+                                                         "FILEFILEFILE\xFF/DIRBDIRB/" + std::string(900, 'T'),
+                                                         std::string(300, 'a') + "/" + std::string(300, 'b')})
     objects.push_back({key, "content of " + key});
   std::string many;
   for (int i = 0; i < 400; ++i)
@@ -166,7 +179,8 @@ TEST(medium, an_object_of_more_than_four_gibibytes_comes_back) {
   Stored_Object stored;
   ASSERT_TRUE(writer->begin_object(head, {MTF_COMPRESSION_ZSTD, 1}));
   for (unsigned long long at = 0; at < head.size; at += zeros.size())
-    ASSERT_TRUE(writer->write(zeros.data(), static_cast<size_t>(std::min<unsigned long long>(zeros.size(), head.size - at))));
+    ASSERT_TRUE(
+        writer->write(zeros.data(), static_cast<size_t>(std::min<unsigned long long>(zeros.size(), head.size - at))));
   ASSERT_TRUE(writer->end_object(stored)) << writer->error();
   ASSERT_TRUE(writer->finish()) << writer->error();
   EXPECT_EQ(stored.size, head.size);

@@ -103,13 +103,28 @@ bool read_block(Medium_Window& window, unsigned long long offset, Dblk_Header& h
   uint64_t fla = 0;
   unsigned fixed = DBLK_HEADER;
   switch (header.type) {
-  case TAPE: fixed = TAPE_FIXED; break;
-  case SSET: fixed = SSET_FIXED; break;
-  case ESET: fixed = ESET_FIXED; break;
-  case SFMB: fixed = FLB; fla = offset / FLB; break;
-  case VOLB: fixed = VOLB_FIXED; break;
-  case DIRB: fixed = DIRB_FIXED; break;
-  case FILE_: fixed = FILE_FIXED; break;
+  case TAPE:
+    fixed = TAPE_FIXED;
+    break;
+  case SSET:
+    fixed = SSET_FIXED;
+    break;
+  case ESET:
+    fixed = ESET_FIXED;
+    break;
+  case SFMB:
+    fixed = FLB;
+    fla = offset / FLB;
+    break;
+  case VOLB:
+    fixed = VOLB_FIXED;
+    break;
+  case DIRB:
+    fixed = DIRB_FIXED;
+    break;
+  case FILE_:
+    fixed = FILE_FIXED;
+    break;
   default:
     error = "a block of the kind " + four_text(header.type) + ", which media of ours do not hold";
     return false;

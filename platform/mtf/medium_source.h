@@ -50,7 +50,7 @@ private:
 /// A stream as it lies on the medium.
 struct Medium_Stream {
   Stream_Header header;
-  unsigned long long offset = 0;       ///< of its header
+  unsigned long long offset = 0; ///< of its header
   unsigned long long data() const { return offset + MTF_Format::STREAM_HEADER; }
   /// Where the next stream header stands.
   unsigned long long next() const { return (data() + header.length + 3) / 4 * 4; }
@@ -70,8 +70,8 @@ std::string name_in_block(const unsigned char* block, size_t size, unsigned fiel
 /// What stands in front of an object's content.
 struct Object_Start {
   Object_Head head;
-  Medium_Stream content;               ///< STAN, or the first OBSZ
-  bool block_holds = true;             ///< the FILE block matches the check in the head stream
+  Medium_Stream content;   ///< STAN, or the first OBSZ
+  bool block_holds = true; ///< the FILE block matches the check in the head stream
 };
 /// Reads FILE block and head stream. When the block itself is damaged the head stream is looked for behind it.
 /// False with the reason.

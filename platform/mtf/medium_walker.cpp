@@ -65,8 +65,9 @@ void Medium_Walker::numbered(const Dblk_Header& header) {
   if (header.type == TAPE)
     return;
   if (in_step_ && header.control_id != control_id_)
-    damage(at_, FLB, "the block has the number " + std::to_string(header.control_id) + ", expected was " +
-                         std::to_string(control_id_));
+    damage(at_, FLB,
+           "the block has the number " + std::to_string(header.control_id) + ", expected was " +
+               std::to_string(control_id_));
   control_id_ = static_cast<uint64_t>(header.control_id) + 1;
 }
 
@@ -144,9 +145,10 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
     else if (good && stream.header.id == OBST) {
       good = totals.parse(data, length);
       if (good && whole_ && (totals.objects != totals_.objects || totals.bytes != totals_.bytes))
-        damage(at_, FLB, "the set says it holds " + std::to_string(totals.objects) + " objects with " +
-                             std::to_string(totals.bytes) + " bytes; found were " + std::to_string(totals_.objects) +
-                             " with " + std::to_string(totals_.bytes));
+        damage(at_, FLB,
+               "the set says it holds " + std::to_string(totals.objects) + " objects with " +
+                   std::to_string(totals.bytes) + " bytes; found were " + std::to_string(totals_.objects) + " with " +
+                   std::to_string(totals_.bytes));
     }
     if (!good) {
       reason_ = "the stream " + four_text(stream.header.id) + " does not match its check";

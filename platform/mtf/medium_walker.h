@@ -39,16 +39,16 @@ private:
   unsigned long long at_ = 0;
   unsigned long long next_ = 0;
   std::string reason_;
-  std::string object_name_;              ///< of the object at `at_`, as far as it is known
+  std::string object_name_; ///< of the object at `at_`, as far as it is known
   std::string directory_;
   Object_Head head_;
-  bool in_step_ = true;                  ///< nothing was left out since the last block: numbers must follow
-  uint64_t control_id_ = 0;              ///< of the next block
+  bool in_step_ = true;     ///< nothing was left out since the last block: numbers must follow
+  uint64_t control_id_ = 0; ///< of the next block
   uint64_t directory_id_ = 0;
   uint64_t file_id_ = 0;
   std::vector<uint64_t> filemarks_;
   Medium_Totals totals_;
-  bool whole_ = true;                    ///< no damage so far: the totals must agree
+  bool whole_ = true; ///< no damage so far: the totals must agree
   bool set_ended_ = false;
   bool ended_ = false;
 };

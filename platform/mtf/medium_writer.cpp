@@ -32,8 +32,8 @@ private:
   struct Open_Object {
     Object_Head head;
     unsigned long long offset = 0;
-    unsigned long long come = 0;                   ///< bytes of content so far
-    bool decided = false;                          ///< plain or frames: known with the first chunk
+    unsigned long long come = 0; ///< bytes of content so far
+    bool decided = false;        ///< plain or frames: known with the first chunk
     bool plain = false;
     std::unique_ptr<Frame_Writer> frames;
   };
@@ -62,7 +62,7 @@ private:
   bool finished_ = false;
   bool open_ = false;
   Open_Object object_;
-  std::string chunk_;                              ///< content not yet written as a frame
+  std::string chunk_; ///< content not yet written as a frame
   Content_Digest digest_;
 };
 

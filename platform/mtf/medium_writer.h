@@ -7,25 +7,25 @@
 
 /// What stands on a medium about itself and its set.
 struct Medium_Identity {
-  unsigned family = 0;                 ///< media family id, the same for all media of a set
+  unsigned family = 0; ///< media family id, the same for all media of a set
   std::string media_name;
-  std::string software;                ///< name of the program; not empty
+  std::string software; ///< name of the program; not empty
   std::string set_uuid;
   std::string set_name;
   std::string description;
   std::string user;
-  std::string device = "OBS";          ///< the volume's device name
+  std::string device = "OBS"; ///< the volume's device name
   std::string machine;
   bool incremental = false;
-  long long write_date = 0;            ///< seconds since the epoch
+  long long write_date = 0; ///< seconds since the epoch
 };
 
 /// Where an object lies and what was stored of it.
 struct Stored_Object {
-  unsigned long long offset = 0;       ///< of its FILE block, bytes from the start of the medium
-  unsigned long long size = 0;         ///< bytes of the object
-  unsigned long long stored = 0;       ///< bytes that it takes on the medium, block and padding included
-  unsigned char sha256[32] = {};       ///< of its content
+  unsigned long long offset = 0; ///< of its FILE block, bytes from the start of the medium
+  unsigned long long size = 0;   ///< bytes of the object
+  unsigned long long stored = 0; ///< bytes that it takes on the medium, block and padding included
+  unsigned char sha256[32] = {}; ///< of its content
 };
 
 /// Writes one medium: a file with one MTF data set, which independent readers can read where objects are stored
@@ -48,10 +48,12 @@ public:
 
   /// An object too large for memory: begin, its content piece by piece, then end or cancel. The size announced in
   /// `head` must be met exactly: `end_object` fails, and cancels, when fewer bytes came, `write` when more come.
+  /// These two leave the writer good, with `error` empty: the object is at fault, not the medium.
   virtual bool begin_object(const Object_Head& head, const Codec_Options& codec) = 0;
   virtual bool write(const char* data, size_t size) = 0;
   virtual bool end_object(Stored_Object& stored) = 0;
-  /// Takes back everything since `begin_object`: the medium is as if the object had never come.
+  /// Takes back everything since `begin_object`: the medium is as if the object had never come. Nothing to do, and
+  /// true, when no object is open.
   virtual bool cancel_object() = 0;
 
   /// Ends the data set and makes it durable (fsync). No further call may follow.

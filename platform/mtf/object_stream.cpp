@@ -13,7 +13,9 @@ namespace {
 
 constexpr unsigned DIGEST_SHA256 = 1;
 
-void put_check(unsigned char* data, size_t covered) { put64(data + covered, XXH3_64bits(data, covered)); }
+void put_check(unsigned char* data, size_t covered) {
+  put64(data + covered, XXH3_64bits(data, covered));
+}
 bool check_holds(const unsigned char* data, size_t covered) {
   return get64(data + covered) == XXH3_64bits(data, covered);
 }
@@ -58,8 +60,7 @@ void place_object(unsigned char* block, const Object_Place& place) {
   put_check(data, HEAD_FIXED + get32(data + 4));
 }
 
-bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head, uint64_t& check,
-                       std::string& error) {
+bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head, uint64_t& check, std::string& error) {
   if (size < HEAD_FIXED + CHECK || !check_holds(data, size - CHECK)) {
     error = "the head stream does not match its check";
     return false;
@@ -115,7 +116,9 @@ bool Frame::parse(const unsigned char* at, std::string& error) {
   return true;
 }
 
-void Content_Digest::Free_Chunk_State::operator()(XXH3_state_s* state) const { XXH3_freeState(state); }
+void Content_Digest::Free_Chunk_State::operator()(XXH3_state_s* state) const {
+  XXH3_freeState(state);
+}
 
 Content_Digest::Content_Digest() : context_(EVP_MD_CTX_new()), state_(XXH3_createState()) {}
 Content_Digest::~Content_Digest() = default;

@@ -16,15 +16,17 @@ struct XXH3_state_s;
 constexpr unsigned CHUNK = 1024 * 1024;
 
 constexpr unsigned STREAM_VERSION = 1;
-constexpr unsigned HEAD_FIXED = 48;               ///< before the path
-constexpr unsigned HEAD_BLOCK_CHECK = 40;         ///< where the check of the descriptor block stands
-constexpr unsigned CHECK = 8;                     ///< XXH3-64
+constexpr unsigned HEAD_FIXED = 48;       ///< before the path
+constexpr unsigned HEAD_BLOCK_CHECK = 40; ///< where the check of the descriptor block stands
+constexpr unsigned CHECK = 8;             ///< XXH3-64
 constexpr unsigned FRAME_HEADER = 40;
-constexpr unsigned DIGEST_FIXED = 64;             ///< before the chunk checks
+constexpr unsigned DIGEST_FIXED = 64; ///< before the chunk checks
 /// What readers elsewhere keep of one stream at most.
 constexpr uint64_t MAX_PRIVATE_STREAM = 64ull * 1024 * 1024;
 
-inline uint64_t chunk_count(uint64_t size) { return size / CHUNK + (size % CHUNK != 0 ? 1 : 0); }
+inline uint64_t chunk_count(uint64_t size) {
+  return size / CHUNK + (size % CHUNK != 0 ? 1 : 0);
+}
 
 /// Appends the FILE block and its head stream to `out`, which is empty. What depends on the place is left zero.
 void append_object_head(std::string& out, const Object_Head& head);
@@ -47,9 +49,9 @@ enum Frame_Method : unsigned char { FRAME_STORED = 0, FRAME_ZSTD = 1, FRAME_LZO1
 /// What stands before each frame's bytes.
 struct Frame {
   Frame_Method method = FRAME_STORED;
-  uint32_t sequence = 0;                          ///< from 0 in each object
-  uint32_t plain = 0;                             ///< bytes
-  uint32_t stored = 0;                            ///< bytes
+  uint32_t sequence = 0; ///< from 0 in each object
+  uint32_t plain = 0;    ///< bytes
+  uint32_t stored = 0;   ///< bytes
   uint64_t stored_check = 0;
   uint64_t plain_check = 0;
 

@@ -46,9 +46,13 @@ public:
   /// Gives the connection up. Idempotent.
   virtual void close() = 0;
 
-  static void intrusive_add_ref(HTTP_Connection* c) { c->references_.fetch_add(1, std::memory_order_relaxed); }
+  // Null is ignored: the pointer class hands an empty pointer's old value over as it is.
+  static void intrusive_add_ref(HTTP_Connection* c) {
+    if (c != nullptr)
+      c->references_.fetch_add(1, std::memory_order_relaxed);
+  }
   static void intrusive_remove_ref(HTTP_Connection* c) {
-    if (c->references_.fetch_sub(1, std::memory_order_acq_rel) == 1)
+    if (c != nullptr && c->references_.fetch_sub(1, std::memory_order_acq_rel) == 1)
       delete c;
   }
 

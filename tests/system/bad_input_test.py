@@ -56,7 +56,7 @@ class Bad_Input(harness.Scenario):
             self.assert_refused("backup", "work", "/bucket/", "--pool", "disk")
 
     def test_malformed_endpoint(self):
-        for endpoint in ("nonsense", "ftp://host", "http://", "http://host:99999"):
+        for endpoint in ("http://bad host", "ftp://host", "http://host/path", "http://", "http://host:99999"):
             result = self.agent("account", "add", "work", "--endpoint", endpoint, "--access-key", "a",
                                 "--secret-key-file", "-", input=b"s", expect=None)
             self.assertIn(result.returncode, (1, 2), endpoint)

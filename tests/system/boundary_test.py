@@ -12,7 +12,7 @@ FACTORIES = {
     "_make_OBS_Restore_Job_Options_Parser_Creator", "_make_OBS_Restore_Job_Source_Parser_Creator",
     "_make_JSON_RPC_OBS_List_Handler", "_make_JSON_RPC_OBS_Test_Handler",
 }
-MAPPER = re.compile(r"^Buckets_Mapper::(~?Buckets_Mapper|default_mapper|mappers|mapper)\(")
+MAPPER = re.compile(r"^Buckets_Mapper::(~?Buckets_Mapper|default_mapper|mappers|mapper)(\[abi:cxx11\])?\(")
 ALLOWED = re.compile(r"^(libagent_platform|libACE|libyajl|libstdc\+\+|libgcc_s|libc|libm|ld-linux.*"
                      r"|libasan|libubsan|libtsan)[.-]")
 
@@ -27,7 +27,7 @@ class Boundary(harness.Scenario):
         exported = set(symbols("--defined-only"))
         mapper = {name for name in exported if MAPPER.match(name)}
         self.assertEqual(FACTORIES, exported - mapper)
-        for operation in ("Buckets_Mapper()", "~Buckets_Mapper()", "default_mapper()", "mappers()", "mapper("):
+        for operation in ("Buckets_Mapper()", "~Buckets_Mapper()", "default_mapper()", "mappers", "mapper("):
             self.assertTrue(any("Buckets_Mapper::" + operation in name for name in mapper), operation)
 
     def test_the_module_needs_only_the_platform_and_the_libraries_of_its_interfaces(self):

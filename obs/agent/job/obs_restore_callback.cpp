@@ -1,0 +1,102 @@
+#include "obs/agent/job/obs_restore_callback.h"
+
+#include "obs/agent/job/buckets_mapper.h"
+#include "obs/agent/job/remote_object.h"
+#include "obs/agent/util/obs_path.h"
+#include "sdk/base/check.h"
+
+#include <cerrno>
+#include <new>
+
+OBS_File_Writer::~OBS_File_Writer() = default;
+OBS_Restore_Callback::~OBS_Restore_Callback() = default;
+OBS_Restore_Callback_Factory::~OBS_Restore_Callback_Factory() = default;
+
+MTF::Error_Code OBS_File_Writer::open(const char* path, ACE_UINT64 size) {
+  const OBS_Path source(path, false);
+  if (!source)
+    return MTF::E_SKIP;
+  const Buckets_Mapper::mapper_t& mapping = mapper_.mapper(source.bucket_);
+  const Remote_Object target(source, mapping);
+
+  // Where the client counts in 32 bits a larger object must not be stored cut short.
+  const size_t length = static_cast<size_t>(size);
+  writer_.reset();
+  if (length == size)
+    writer_ = clt_.upload(target.bucket, target.key, length);
+  if (!writer_) {
+    ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to open OBS writer(%s, %s, size: %Q).\n"), mapping.bucket.c_str(),
+               target.key.c_str(), size));
+    return MTF::E_SKIP;
+  }
+  return MTF::E_OK;
+}
+
+MTF::Error_Code OBS_File_Writer::write(const char* data, size_t length) {
+  CHECK_NULL_RETURN(data, MTF::E_SKIP);
+  if (length == 0) {
+    ACE_ERROR((LM_EMERGENCY, ACE_TEXT("Unexpected error in %N:%l, size%s == 0%s:\n%?\n"), "", ""));
+    return MTF::E_SKIP;
+  }
+  CHECK_NULL_RETURN(writer_, MTF::E_SKIP);
+  while (length > 0) {
+    const int count = writer_->write(data, length);
+    if (count < 0) {
+      ACE_ERROR((LM_ERROR, ACE_TEXT("OBS restore error: write object error.\n")));
+      return MTF::E_SKIP;
+    }
+    if (count == 0) {
+      ACE_ERROR((LM_ERROR, ACE_TEXT("OBS restore error: write data exceeds file size requested.\n")));
+      return MTF::E_SKIP;
+    }
+    data += count;
+    length -= static_cast<size_t>(count);
+  }
+  return MTF::E_OK;
+}
+
+MTF::Error_Code OBS_File_Writer::close() {
+  CHECK_NULL_RETURN(writer_, MTF::E_SKIP);
+  // One try only: what a failed close left of the upload goes with the stream.
+  const S3_IWriter_ptr writer = std::move(writer_);
+  return writer->close() ? MTF::E_OK : MTF::E_SKIP;
+}
+
+bool OBS_Restore_Callback::connect(const URI& uri, const S3_Client_Options& opts) {
+  return clt_.connect(uri.scheme(), uri.host(), uri.port(), uri.is_ssl(), nullptr, opts);
+}
+
+bool OBS_Restore_Callback::unlink(const char* path) {
+  const OBS_Path source(path, false);
+  if (!source)
+    return false;
+  const Buckets_Mapper::mapper_t& mapping = mapper_.mapper(source.bucket_);
+  if (mapping.bucket.empty())
+    return true;
+  const Remote_Object target(source, mapping);
+  return clt_.del(target.bucket, target.key);
+}
+
+MTF::IFile_Writer_var OBS_Restore_Callback::make_file_writer() {
+  MTF::IFile_Writer* writer = new (std::nothrow) OBS_File_Writer(clt_, mapper_);
+  if (writer == nullptr)
+    errno = ENOMEM;
+  return MTF::IFile_Writer_var(writer);
+}
+
+MTF::IRestore_Callback_var OBS_Restore_Callback_Factory::make() {
+  if (url_.empty() || opts_.access_key.empty() || opts_.secret_key.empty())
+    return MTF::IRestore_Callback_var();
+  URI uri;
+  if (!URI_Parser::parse(url_.c_str(), uri)) {
+    ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
+    return MTF::IRestore_Callback_var();
+  }
+  OBS_Restore_Callback* callback = new (std::nothrow) OBS_Restore_Callback(mapper_);
+  if (callback == nullptr) {
+    errno = ENOMEM;
+    return MTF::IRestore_Callback_var();
+  }
+  const MTF::IRestore_Callback_var result(callback);
+  return callback->connect(uri, opts_) ? result : MTF::IRestore_Callback_var();
+}

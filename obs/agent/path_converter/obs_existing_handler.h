@@ -1,0 +1,31 @@
+#pragma once
+
+#include "obs/agent/job/restore_job_options.h"
+#include "sdk/json/json_spirit.h"
+#include "sdk/mtf/restore_callback.h"
+#include "sdk/s3/s3_service.h"
+
+#include <ace/Thread_Mutex.h>
+
+/// Applies a restore's policy for objects that are there already: looks at the object that a file would be written to
+/// and tells whether to go on or to leave the file out. Never changes the path. The mapper outlives it.
+///
+/// `convert` may be called from any thread: the one service behind it serves one request at a time.
+class OBS_Existing_Handler : public MTF_FS::Chain_Path_Converter<OBS_Existing_Handler> {
+public:
+  /// `pre`, which may be empty, is asked first. `entry`: the account that is restored to; when no service can be made
+  /// from it, every file passes.
+  OBS_Existing_Handler(const MTF_FS::IPath_Converter_var& pre, const json_spirit::Object& entry,
+                       const Buckets_Mapper& mapper, OBS_PATH_CONVERTER_TYPE type);
+  ~OBS_Existing_Handler() override;
+
+  /// `mtime` of the backed-up file in seconds since the epoch. E_SKIP for a path that names no bucket, and where the
+  /// policy protects the object that is there; else E_OK. An object that cannot be asked for counts as missing.
+  MTF::Error_Code convert_i(std::string& path, time_t mtime, bool is_dir) const;
+
+private:
+  S3_Service_var svr_;   ///< empty when it could not be made
+  const Buckets_Mapper& mapper_;
+  OBS_PATH_CONVERTER_TYPE type_;
+  mutable ACE_Thread_Mutex lock_;   ///< guards `svr_`
+};
