@@ -90,6 +90,7 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
+  std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
   std::unique_ptr<Listing_Events> events;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
@@ -166,6 +167,11 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     return false;
   }
   account.catalog(catalog.get());
+  if (order.incremental && order.base_seq != 0) {
+    base = Backup_Base::open(pool, uri.substr(0, uri.rfind('/')), order.base_seq, error);
+    if (!base)
+      engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
+  }
   return make_media();
 }
 
@@ -188,7 +194,7 @@ bool Backup_Engine::Impl::make_media() {
     identity.description = metadata.minor_resource_name;
     identity.user = metadata.uid;
     identity.machine = metadata.host;
-    identity.incremental = order.incremental;
+    identity.incremental = base != nullptr;
     identity.write_date = Clock::instance().now();
     auto medium = Medium_Writer::create(pool.set_folder(uri) + "/" + medium_name(i), identity, error);
     if (!medium) {
@@ -205,14 +211,18 @@ void Backup_Engine::Impl::start(const std::string& name, std::function<void()> b
 }
 
 void Backup_Engine::Impl::list() {
-  Backup_Listing listing(queue, *catalog, account);
+  Backup_Listing listing(queue, *catalog, account, base.get());
   const int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
     const bool taken = block && listing.take(*block);
     if (!taken)
       events->refused();
     return taken;
   });
-  const bool whole = listing.finish();
+  std::vector<std::string> not_listed;
+  if (ledger)
+    for (const S3_Ledger::Failed_Listing& one : ledger->failed_listings())
+      not_listed.push_back(one.path);
+  const bool whole = (result != 0 || listing.compare(not_listed, order.sources)) && listing.finish();
   if (!catalog->error().empty())
     fail(E_WRITE_MEDIUM, catalog->error());
   else if (!listing.error().empty())
@@ -278,7 +288,7 @@ bool Backup_Engine::Impl::write_objects() {
 }
 
 bool Backup_Engine::Impl::complete() {
-  if (account.saved_objects() == 0 && account.problems() != 0) {
+  if (account.saved_objects() + account.unchanged_objects() == 0 && account.problems() != 0) {
     fail(E_NO_FILES_BACKUPED, "No object could be backed up.");
     return false;
   }
@@ -299,7 +309,7 @@ bool Backup_Engine::Impl::complete() {
   metadata.seq = order.base_seq + 1;
   metadata.channels = static_cast<unsigned>(channels.size());
   metadata.set_uri = uri;
-  metadata.base_uuid.clear();
+  metadata.base_uuid = base ? base->uuid() : std::string();
   return true;
 }
 

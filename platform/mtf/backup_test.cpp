@@ -7,6 +7,7 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -115,6 +116,35 @@ protected:
         error_))
         << error_;
     EXPECT_EQ(expected, found);
+  }
+
+  /// Makes the set that was just written exist.
+  void commit() {
+    Set_Record record;
+    record.uuid = order_.uuid;
+    record.seq = metadata_.seq;
+    record.uri = metadata_.set_uri;
+    ASSERT_TRUE(write_set_record(folder(), record, error_)) << error_;
+  }
+
+  /// The same for a set whose data lie also in the sets in the folders `others`, by their index from 1.
+  void expect_set_over(const std::vector<std::string>& others) {
+    auto catalog = Catalog_Reader::open(folder(), error_);
+    ASSERT_TRUE(catalog) << error_;
+    const std::string own = metadata_.set_uri;
+    std::vector<std::string> found;
+    ASSERT_TRUE(catalog->walk(
+        "",
+        [&](const Catalog_Object& object) {
+          found.push_back(object.path);
+          metadata_.set_uri = object.set == 0 ? own : others.at(object.set - 1);
+          EXPECT_EQ(source_.objects[object.path].data, content(object)) << object.path;
+          EXPECT_EQ(source_.objects[object.path].mtime, object.mtime);
+          return true;
+        },
+        error_));
+    metadata_.set_uri = own;
+    EXPECT_EQ(source_.order, found);
   }
 
   void fill(unsigned count, unsigned most, unsigned seed) {
@@ -403,6 +433,80 @@ TEST_F(Backup, pause_holds_the_readers_and_resume_goes_on) {
   EXPECT_TRUE(run());
   other.join();
   expect_set();
+}
+
+TEST_F(Backup, incremental_stores_what_changed_and_knows_where_the_rest_lies) {
+  fill(200, 3000, 30);
+  source_.add("c/other", "other bucket");
+  source_.add("c/x/one", "1");
+  order_.sources = {"/b/", "/c/"};
+  ASSERT_TRUE(run());
+  commit();
+  const Metadata first = metadata_;
+
+  source_.at("b/d001/o00045").data += "longer";
+  source_.at("b/d001/o00046").mtime += 1;
+  source_.order.erase(std::find(source_.order.begin(), source_.order.end(), "b/d002/o00100"));
+  // The sources come in another order, and a folder has gained an object in its middle.
+  std::rotate(source_.order.begin(), std::find(source_.order.begin(), source_.order.end(), "c/other"),
+              source_.order.end());
+  source_.order.insert(std::find(source_.order.begin(), source_.order.end(), "b/d003/o00121"), "b/d003/o00120a");
+  source_.objects["b/d003/o00120a"].data = "new";
+  order_.sources = {"/c/", "/b/"};
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  const unsigned opened = source_.opened;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(3u, source_.opened - opened) << "unchanged objects cost no request";
+  EXPECT_EQ(3u, events_->figure("saved"));
+  EXPECT_EQ(199u, events_->figure("unchanged"));
+  EXPECT_EQ(1u, events_->figure("deleted"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_EQ("set-1", metadata_.base_uuid);
+  EXPECT_EQ(2u, metadata_.seq);
+  expect_set_over({first.set_uri});
+  commit();
+
+  // A third one reaches through the second into the first.
+  order_.uuid = "set-3";
+  order_.base_seq = 2;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(0u, events_->figure("saved"));
+  EXPECT_EQ(202u, events_->figure("unchanged"));
+  auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog);
+  ASSERT_EQ(3u, catalog->sets().size());
+  EXPECT_EQ("set-2", catalog->sets()[1].uuid);
+  EXPECT_EQ("set-1", catalog->sets()[2].uuid);
+  expect_set_over({"host/res/set-2", first.set_uri});
+}
+
+TEST_F(Backup, incremental_without_its_base_stores_everything) {
+  fill(20, 300, 31);
+  order_.base_seq = 4;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(20u, events_->figure("saved"));
+  EXPECT_EQ("", metadata_.base_uuid);
+  expect_set();
+}
+
+TEST_F(Backup, folder_visited_twice_counts_no_deletions) {
+  fill(10, 300, 32);
+  source_.add("b/e/x", "x");
+  ASSERT_TRUE(run());
+  commit();
+  // Single objects first, then all of their folder again.
+  source_.order = {"b/d000/o00005", "b/e/x"};
+  for (unsigned i = 0; i < 10; ++i)
+    source_.order.push_back("b/d000/o0000" + std::to_string(i));
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(12u, events_->figure("unchanged"));
+  EXPECT_EQ(0u, events_->figure("deleted"));
 }
 
 /// Bounds the size of any file that is written, as a full disk would.
