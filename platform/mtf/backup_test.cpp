@@ -2,6 +2,8 @@
 #include "platform/mtf/backup_engine.h"
 #include "platform/mtf/fake_source_test.h"
 #include "platform/mtf/medium_reader.h"
+#include "platform/s3/ledger.h"
+#include "sdk/job/job.h"
 
 #include <gtest/gtest.h>
 
@@ -200,6 +202,18 @@ TEST_F(Backup, large_objects_stream_through_their_channels) {
   fill(80, 60000, 2);
   ASSERT_TRUE(run()) << engine_->failure();
   expect_set();
+}
+
+TEST_F(Backup, compressed_objects_come_back_as_they_were) {
+  order_.codec.compression = MTF_COMPRESSION_ZSTD;
+  order_.limits.small_object = 10000;
+  fill(40, 20000, 20);
+  for (unsigned i = 0; i < 20; ++i)
+    source_.add("b/text/" + std::to_string(100 + i), std::string(i * 3000, 'a'));
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+  EXPECT_EQ(60u, events_->figure("saved"));
+  EXPECT_LT(engine_->set_storage_size(), engine_->size() + 60 * 4096);
 }
 
 TEST_F(Backup, byte_budget_bounds_what_is_in_memory) {
@@ -507,6 +521,104 @@ TEST_F(Backup, folder_visited_twice_counts_no_deletions) {
   ASSERT_TRUE(run()) << engine_->failure();
   EXPECT_EQ(12u, events_->figure("unchanged"));
   EXPECT_EQ(0u, events_->figure("deleted"));
+}
+
+/// A job whose ledger says what the S3 layer saw.
+class Backup_Of_Job : public Backup {
+protected:
+  void SetUp() override {
+    Backup::SetUp();
+    job_ = new Job(Job_Definition_var(new Job_Definition));
+    Job::current(job_);
+  }
+  void TearDown() override {
+    Backup::TearDown();
+    Job::current(nullptr);
+    Job::intrusive_remove_ref(job_);
+  }
+  S3_Ledger& ledger() { return *job_->ledger(); }
+
+  Job* job_ = nullptr;
+};
+
+TEST_F(Backup_Of_Job, what_was_listed_and_not_handed_out_was_excluded) {
+  fill(10, 100, 40);
+  ledger().listed_keys = 17;
+  ledger().head_objects = 1;
+  ledger().folder_object("/b/empty/", 0);
+  ledger().folder_object("/b/full/", 5);
+  ledger().requests = 44;
+  ASSERT_TRUE(run());
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(18u, events_->figure("listed"));
+  EXPECT_EQ(10u, events_->figure("saved"));
+  EXPECT_EQ(7u, events_->figure("excluded"));
+  EXPECT_EQ(1u, events_->figure("skipped"));
+  EXPECT_EQ(44u, events_->figure("requests"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_TRUE(events_->named("/b/full/"));
+  EXPECT_FALSE(events_->named("/b/empty/"));
+}
+
+TEST_F(Backup_Of_Job, what_an_aborted_run_listed_was_not_reached) {
+  fill(10, 100, 41);
+  ledger().listed_keys = 500;
+  source_.list_result = -1;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(500u, events_->figure("listed"));
+  EXPECT_EQ(500u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+}
+
+TEST_F(Backup_Of_Job, engine_threads_work_for_the_callers_job) {
+  fill(10, 100, 42);
+  std::atomic<unsigned> others{0};
+  source_.on_open = [&](const std::string&) { others += Job::current() != job_; };
+  source_.on_list_start = [&](Event_Handler*) { others += Job::current() != job_; };
+  ASSERT_TRUE(run());
+  EXPECT_EQ(0u, others);
+}
+
+TEST_F(Backup_Of_Job, prefix_that_could_not_be_listed_is_carried_over_unseen_and_no_deletion) {
+  fill(120, 300, 43);
+  ASSERT_TRUE(run());
+  commit();
+  // d001 fails after its first objects, d002 has lost one.
+  const std::vector<std::string> before = source_.order;
+  source_.order.clear();
+  for (const std::string& path : before)
+    if (path != "b/d002/o00090" && (path.compare(0, 7, "b/d001/") != 0 || path < "b/d001/o00045"))
+      source_.order.push_back(path);
+  ledger().listing_failed("/b/d001/", "AccessDenied: no");
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(1u, events_->figure("deleted"));
+  EXPECT_EQ(84u, events_->figure("unchanged"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_TRUE(events_->named("/b/d001/"));
+  EXPECT_EQ(1u, handler_->skipped_dirs());
+  auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog);
+  EXPECT_EQ(119u, catalog->counts().objects);
+  unsigned unseen = 0;
+  ASSERT_TRUE(catalog->walk(
+      "",
+      [&](const Catalog_Object& object) {
+        EXPECT_NE("b/d002/o00090", object.path);
+        EXPECT_EQ(object.path.compare(0, 7, "b/d001/") == 0 && object.path >= "b/d001/o00045",
+                  (object.flags & catalog::FLAG_UNSEEN) != 0)
+            << object.path;
+        unseen += object.flags & catalog::FLAG_UNSEEN;
+        return true;
+      },
+      error_));
+  EXPECT_EQ(35u, unseen);
+  Catalog_Object object;
+  EXPECT_TRUE(catalog->find("b/d001/o00079", object, error_));
+  EXPECT_TRUE(catalog->find("b/d001/o00041", object, error_));
 }
 
 /// Bounds the size of any file that is written, as a full disk would.
