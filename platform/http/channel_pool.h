@@ -24,7 +24,7 @@ typedef std::unique_ptr<curl_slist, Curl_List_Free> Curl_List_ptr;
 /// A handle for one request at a time with the live connections that it made. What all requests share is set once;
 /// a request sets only what is its own.
 struct HTTP_Channel {
-  Curl_Multi_ptr multi;           ///< keeps the live connections; destroyed last
+  Curl_Multi_ptr multi; ///< keeps the live connections; destroyed last
   Curl_Easy_ptr easy;
   char error[CURL_ERROR_SIZE] = {};
 
@@ -50,6 +50,6 @@ private:
   HTTP_Channel_ptr make() const;
 
   const HTTP_Settings settings_;
-  std::mutex mutex_;              ///< guards idle_
+  std::mutex mutex_; ///< guards idle_
   std::vector<HTTP_Channel_ptr> idle_;
 };

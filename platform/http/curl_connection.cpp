@@ -34,7 +34,9 @@ Curl_Connection::Curl_Connection(std::shared_ptr<HTTP_Channel_Pool> pool,
                                  std::shared_ptr<std::atomic<unsigned long long>> bytes_read)
     : pool_(std::move(pool)), bytes_read_(std::move(bytes_read)), idle_timeout_(pool_->settings().idle_timeout) {}
 
-Curl_Connection::~Curl_Connection() { detach(); }
+Curl_Connection::~Curl_Connection() {
+  detach();
+}
 
 void Curl_Connection::finish_despite_cancel(unsigned seconds) {
   cancellable_ = false;
@@ -95,11 +97,16 @@ bool Curl_Connection::send(const HTTP_Request& request) {
   return head_complete_;
 }
 
-void Curl_Connection::accept() { state_ = HEADERS_READ; }
+void Curl_Connection::accept() {
+  state_ = HEADERS_READ;
+}
 
 std::string Curl_Connection::refuse(size_t limit) {
-  std::string text(limit, '\0');
-  text.resize(read(&text[0], limit));
+  std::string text;
+  char piece[4096];
+  size_t got;
+  while (text.size() < limit && (got = read(piece, std::min(sizeof piece, limit - text.size()))) > 0)
+    text.append(piece, got);
   detach();
   state_ = FAILED;
   return text;
@@ -118,8 +125,8 @@ size_t Curl_Connection::recv(void* buffer, size_t size, const ACE_Time_Value* ti
     return RECV_FAILED;
   if (size == 0)
     return 0;
-  const size_t got = receive(static_cast<char*>(buffer), size,
-                             timeout ? to_duration(*timeout) : std::chrono::seconds(idle_timeout_));
+  const size_t got =
+      receive(static_cast<char*>(buffer), size, timeout ? to_duration(*timeout) : std::chrono::seconds(idle_timeout_));
   if (bytes_read_)
     bytes_read_->fetch_add(got, std::memory_order_relaxed);
   if (channel_ || buffered() > 0)
@@ -166,7 +173,8 @@ size_t Curl_Connection::take_buffered(char* buffer, size_t size) {
 }
 
 /// Lets bytes move until `until` holds, the transfer ends, or nothing has moved for `idle`.
-template <typename Until> void Curl_Connection::drive(Duration idle, Until until) {
+template <typename Until>
+void Curl_Connection::drive(Duration idle, Until until) {
   auto last = std::chrono::steady_clock::now();
   unsigned long long seen = progress_;
   for (;;) {
@@ -192,10 +200,9 @@ template <typename Until> void Curl_Connection::drive(Duration idle, Until until
       fail(CURLE_OPERATION_TIMEDOUT, "no byte came for too long");
       return;
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(idle - (now - last)) +
-                      std::chrono::milliseconds(1);
-    curl_multi_poll(channel_->multi.get(), nullptr, 0, static_cast<int>(std::min(left, CANCEL_CHECK).count()),
-                    nullptr);
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(idle - (now - last)) + std::chrono::milliseconds(1);
+    curl_multi_poll(channel_->multi.get(), nullptr, 0, static_cast<int>(std::min(left, CANCEL_CHECK).count()), nullptr);
   }
 }
 
@@ -216,7 +223,8 @@ void Curl_Connection::perform() {
     if (code == CURLE_OK && head_complete_)
       detach();
     else
-      fail(code == CURLE_OK ? CURLE_GOT_NOTHING : code, channel_->error[0] ? channel_->error : curl_easy_strerror(code));
+      fail(code == CURLE_OK ? CURLE_GOT_NOTHING : code,
+           channel_->error[0] ? channel_->error : curl_easy_strerror(code));
     return;
   }
 }

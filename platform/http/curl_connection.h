@@ -48,7 +48,8 @@ private:
   size_t header(std::string_view line);
   size_t body(const char* data, size_t size);
   bool prepare(const HTTP_Request& request);
-  template <typename Until> void drive(Duration idle, Until until);
+  template <typename Until>
+  void drive(Duration idle, Until until);
   void perform();
   void unpause();
   size_t receive(char* buffer, size_t size, Duration idle);
@@ -59,7 +60,7 @@ private:
 
   std::shared_ptr<HTTP_Channel_Pool> pool_;
   std::shared_ptr<std::atomic<unsigned long long>> bytes_read_;
-  HTTP_Channel_ptr channel_;      ///< null before and after the transfer
+  HTTP_Channel_ptr channel_; ///< null before and after the transfer
   Curl_List_ptr header_list_;
   State state_ = IDLE;
   HTTP_Head head_;
@@ -69,11 +70,11 @@ private:
   bool uploading_ = false;
   bool paused_ = false;
   bool cancellable_ = true;
-  unsigned idle_timeout_;         ///< seconds
-  unsigned long long progress_ = 0;  ///< grows with every byte in either direction
-  std::string buffer_;            ///< received, not yet asked for, from buffer_at_ on
+  unsigned idle_timeout_;           ///< seconds
+  unsigned long long progress_ = 0; ///< grows with every byte in either direction
+  std::string buffer_;              ///< received, not yet asked for, from buffer_at_ on
   size_t buffer_at_ = 0;
-  char* direct_ = nullptr;        ///< where the body goes while somebody waits for it
+  char* direct_ = nullptr; ///< where the body goes while somebody waits for it
   size_t direct_left_ = 0;
 };
 

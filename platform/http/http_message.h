@@ -11,10 +11,10 @@ typedef std::vector<std::pair<std::string, std::string>> Name_Values;
 /// One request as it goes over the wire.
 struct HTTP_Request {
   std::string method;
-  std::string url;                ///< percent-encoded; taken as it stands
-  Name_Values headers;            ///< without Host and Content-Length
-  bool has_body = false;          ///< an empty body is one, too: it is announced with a length of 0
-  std::string_view body;          ///< must outlive the request
+  std::string url;       ///< percent-encoded; taken as it stands
+  Name_Values headers;   ///< without Host and Content-Length
+  bool has_body = false; ///< an empty body is one, too: it is announced with a length of 0
+  std::string_view body; ///< must outlive the request
 };
 
 /// The head of an answer. Header names are in lower case.
@@ -39,16 +39,16 @@ struct HTTP_Head {
 
 /// Why no answer, or not the whole of it, was had.
 struct HTTP_Failure {
-  int code = 0;                   ///< a CURLcode; 0 with `cancelled` false: no failure
+  int code = 0; ///< a CURLcode; 0 with `cancelled` false: no failure
   int os_errno = 0;
-  bool cancelled = false;         ///< the job of the calling thread is being cancelled
+  bool cancelled = false; ///< the job of the calling thread is being cancelled
   std::string text;
 };
 
 /// How connections are made.
 struct HTTP_Settings {
-  unsigned connect_timeout = 10;  ///< seconds
-  unsigned idle_timeout = 60;     ///< seconds without a byte in either direction
-  std::string ca_file;            ///< PEM; empty: the system's
-  std::string proxy;              ///< URL; empty: none, whatever the environment says
+  unsigned connect_timeout = 10; ///< seconds
+  unsigned idle_timeout = 60;    ///< seconds without a byte in either direction
+  std::string ca_file;           ///< PEM; empty: the system's
+  std::string proxy;             ///< URL; empty: none, whatever the environment says
 };

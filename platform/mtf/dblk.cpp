@@ -76,7 +76,7 @@ void put_mtf_date(unsigned char* at, long long time) {
     rest += 86400;
     --days;
   }
-  if (days < -719000 || days > 5300000)
+  if (days < -719162 || days > 5300000)
     return;
   days += 719468;
   const long long era = days / 146097;

@@ -12,7 +12,7 @@ using namespace MTF_Format;
 
 namespace {
 
-constexpr size_t AHEAD = 64 * 1024;
+constexpr size_t AHEAD = 16 * 1024;
 
 } // namespace
 
@@ -90,12 +90,13 @@ bool Medium_Object::next_frame() {
   if (frame.method == FRAME_STORED) {
     chunk_ = data;
   } else {
-    if (!Codec::available(frame.method, reason))  {
+    if (!Codec::available(frame.method, reason)) {
       damaged(reason);
       failure_ = Read_Outcome::FAILED;
       return false;
     }
-    plain_.resize(CHUNK);
+    if (plain_.size() < frame.plain)
+      plain_.resize(frame.plain);
     if (!Codec::decompress(frame.method, reinterpret_cast<const char*>(data), frame.stored,
                            reinterpret_cast<char*>(plain_.data()), frame.plain) ||
         XXH3_64bits(plain_.data(), frame.plain) != frame.plain_check)

@@ -152,4 +152,41 @@ TEST(medium, content_of_another_length_than_announced_is_refused_and_the_medium_
   expect_round_trip(path, objects, places);
 }
 
+// Compressed zeros take little room, so that more than 32 bits of content fit into a test.
+TEST(medium, an_object_of_more_than_four_gibibytes_comes_back) {
+  Scratch_Folder folder;
+  const std::string path = folder.file("medium");
+  std::string error;
+  const auto writer = Medium_Writer::create(path, test_identity(), error);
+  ASSERT_TRUE(writer) << error;
+  const std::string zeros(4 * CHUNK, '\0');
+  Object_Head head;
+  head.path = "bucket/zeros";
+  head.size = (1ull << 32) + 5;
+  Stored_Object stored;
+  ASSERT_TRUE(writer->begin_object(head, {MTF_COMPRESSION_ZSTD, 1}));
+  for (unsigned long long at = 0; at < head.size; at += zeros.size())
+    ASSERT_TRUE(writer->write(zeros.data(), static_cast<size_t>(std::min<unsigned long long>(zeros.size(), head.size - at))));
+  ASSERT_TRUE(writer->end_object(stored)) << writer->error();
+  ASSERT_TRUE(writer->finish()) << writer->error();
+  EXPECT_EQ(stored.size, head.size);
+  EXPECT_LT(stored.stored, head.size / 100);
+
+  const auto reader = Medium_Reader::open(path, 0, error);
+  ASSERT_TRUE(reader) << error;
+  const auto object = reader->object(stored.offset, error);
+  ASSERT_TRUE(object) << error;
+  EXPECT_EQ(object->head().size, head.size);
+  std::vector<char> buffer(zeros.size());
+  unsigned long long come = 0;
+  Read_Outcome outcome = Read_Outcome::MORE;
+  while (outcome == Read_Outcome::MORE) {
+    size_t got = 0;
+    outcome = object->read(buffer.data(), buffer.size(), got);
+    come += got;
+  }
+  EXPECT_EQ(outcome, Read_Outcome::END) << object->error();
+  EXPECT_EQ(come, head.size);
+}
+
 } // namespace

@@ -106,7 +106,12 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
   unsigned long long streams = 0;
   if (!descriptor_holds(window_, at_, header, streams, reason_))
     return false;
+  check_zero(at_ + header.first_event + STREAM_HEADER + CHECK, streams);
   const unsigned char* block = window_.at(at_, header.first_event);
+  if (block == nullptr) {
+    reason_ = window_.error();
+    return false;
+  }
   if (header.type == DIRB) {
     directory_ = name_in_block(block, header.first_event, 80);
     const uint32_t id = get32(block + 76);

@@ -18,7 +18,9 @@ protected:
   void element(const Path&, std::string&) override {}
 };
 
-bool starts_with(const std::string& text, const std::string& start) { return text.compare(0, start.size(), start) == 0; }
+bool starts_with(const std::string& text, const std::string& start) {
+  return text.compare(0, start.size(), start) == 0;
+}
 
 /// Some services say that they encode and then encode keys but not prefixes. What cannot have been encoded, or leads
 /// out of the listed prefix only when decoded, is taken as it stands.
@@ -57,8 +59,8 @@ bool parse_iso_time(std::string_view text, time_t& time) {
       !number_at(text, 17, 2, second) || month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 ||
       second > 60)
     return false;
-  const long long seconds = days_from_civil(static_cast<int>(year), month, day) * 86400 + hour * 3600 + minute * 60 +
-                            second;
+  const long long seconds =
+      days_from_civil(static_cast<int>(year), month, day) * 86400 + hour * 3600 + minute * 60 + second;
   time = static_cast<time_t>(seconds);
   return static_cast<long long>(time) == seconds;
 }
@@ -164,10 +166,14 @@ bool Listing_Reader::complete(const Get_Bucket_Parameter& param) {
     content_.next_marker.clear();
     return true;
   }
-  if (content_.next_marker.empty())
+  std::string decoded;
+  if (content_.next_marker.empty() || content_.next_marker == last) {
     content_.next_marker = last;
-  else if (encoded_)
-    decode(content_.next_marker, param.prefix());
+  } else if (encoded_ && percent_decode(content_.next_marker, true, decoded) && decoded != content_.next_marker) {
+    // Some services (radosgw) encode the keys but not the marker, and "a+b" may then be either. Where the page itself
+    // ends is a marker, too, and certain.
+    content_.next_marker = last.empty() ? decoded : last;
+  }
   return content_.next_marker > param.marker();
 }
 

@@ -33,7 +33,9 @@ Page read(const std::string& document, const Get_Bucket_Parameter& param = {}, s
   return page;
 }
 
-std::string list(const std::string& inside) { return START + inside + END; }
+std::string list(const std::string& inside) {
+  return START + inside + END;
+}
 
 TEST(Listing_Reader, page_is_the_same_in_pieces_of_any_size) {
   const std::string document = list("<IsTruncated>true</IsTruncated>" + entry("a") + entry("b &amp; c") +
@@ -49,6 +51,12 @@ TEST(Listing_Reader, page_is_the_same_in_pieces_of_any_size) {
     EXPECT_EQ("", page.content.objects[0].storage_class);
     EXPECT_EQ("p/", page.content.next_marker);
   }
+}
+
+TEST(Listing_Reader, blanks_before_the_document_are_passed_over) {
+  for (const size_t step : {size_t(1), size_t(1000)})
+    EXPECT_TRUE(read(" \r\n\t " + list(entry("a")), {}, step).leads_on);
+  EXPECT_FALSE(read("   ").well_formed);
 }
 
 TEST(Listing_Reader, blanks_belong_to_the_key) {
@@ -68,8 +76,19 @@ TEST(Listing_Reader, next_marker_is_the_later_of_last_key_and_last_prefix) {
   EXPECT_EQ("given", read(list(entry("a") + prefix + "<NextMarker>given</NextMarker>")).content.next_marker);
 }
 
+TEST(Listing_Reader, next_marker_is_understood_encoded_or_not) {
+  const std::string head = "<EncodingType>url</EncodingType><IsTruncated>true</IsTruncated><NextMarker>";
+  for (const char* marker : {"a+b", "a%2Bb"})
+    EXPECT_EQ("a+b", read(list(head + marker + "</NextMarker>" + entry("a%2Bb"))).content.next_marker) << marker;
+  for (const char* marker : {"a%2520b", "a%20b"})
+    EXPECT_EQ("a%20b", read(list(head + marker + "</NextMarker>" + entry("a%2520b"))).content.next_marker) << marker;
+  EXPECT_EQ("z", read(list(head + "z</NextMarker>" + entry("a"))).content.next_marker);
+  EXPECT_EQ("z+", read(list(head + "z%2B</NextMarker>")).content.next_marker);
+}
+
 TEST(Listing_Reader, marker_of_a_last_page_is_dropped) {
-  EXPECT_EQ("", read(list(entry("a") + "<IsTruncated>false</IsTruncated><NextMarker>a</NextMarker>")).content.next_marker);
+  EXPECT_EQ("",
+            read(list(entry("a") + "<IsTruncated>false</IsTruncated><NextMarker>a</NextMarker>")).content.next_marker);
 }
 
 TEST(Listing_Reader, page_that_does_not_lead_on_is_told) {
@@ -132,6 +151,47 @@ TEST(Listing_Reader, unknown_elements_are_passed_over) {
   ASSERT_TRUE(page.well_formed) << page.problem;
   ASSERT_EQ(1u, page.content.objects.size());
   EXPECT_EQ("a", page.content.objects[0].name);
+}
+
+/// Mends the document in pieces of `step` bytes.
+std::string mended(const std::string& text, size_t step) {
+  s3::XML_Mender mender;
+  std::string out;
+  for (size_t at = 0; at < text.size(); at += step)
+    mender.feed(text.data() + at, std::min(step, text.size() - at), out);
+  mender.finish(out);
+  return out;
+}
+
+TEST(XML_Mender, what_xml_allows_stays_as_it_is) {
+  const std::string text = "<a b='c'>x &amp; y &#38; &#x3C; &lt;\t\r\n &; & &# ~</a>";
+  for (const size_t step : {size_t(1), size_t(3), text.size()})
+    EXPECT_EQ(text, mended(text, step));
+}
+
+TEST(XML_Mender, every_byte_comes_back) {
+  std::string all;
+  for (int c = 1; c < 256; ++c)
+    all.push_back(static_cast<char>(c));
+  EXPECT_EQ(all, s3::XML_Mender::restore(mended(all, 5)));
+  EXPECT_EQ("\x01\x1f\xc3\xa9\xef\xbf\xbe\xf0\x9f\x98\x80",
+            s3::XML_Mender::restore(mended("&#1;&#x1F;&#233;&#xFFFE;&#x1f600;", 4)));
+  EXPECT_EQ("&#0;&#x110000;&#99999999999999999999;", mended("&#0;&#x110000;&#99999999999999999999;", 1));
+}
+
+TEST(Listing_Reader, mended_page_gives_keys_that_xml_does_not_allow) {
+  Get_Bucket_Content content;
+  s3::Listing_Reader reader(content);
+  reader.mend();
+  const std::string document = list(entry("a\x01&#x2;b&amp;&#60;") + entry("\xff\xc3\xa9") + entry("&#xFFFE;"));
+  ASSERT_TRUE(reader.feed(document.data(), document.size()) && reader.finish()) << reader.problem();
+  ASSERT_EQ(3u, content.objects.size());
+  EXPECT_EQ("a\x01\x02"
+            "b&<",
+            content.objects[0].name);
+  EXPECT_EQ("\xff\xc3\xa9", content.objects[1].name);
+  EXPECT_EQ("\xef\xbf\xbe", content.objects[2].name);
+  EXPECT_EQ("\"fba9\"", content.objects[2].etag);
 }
 
 TEST(Buckets_Reader, page_of_buckets) {

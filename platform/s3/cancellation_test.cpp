@@ -18,10 +18,11 @@ public:
 /// Requests of a thread that works for a job; another thread cancels it while the request waits.
 class Cancellation_Test : public Client_Test {
 protected:
-  Cancellation_Test() : job(new Idle_Job) { Job::current(job.get()); }
+  Cancellation_Test() : job(new Idle_Job, false) { Job::current(job.get()); }
   ~Cancellation_Test() override { Job::current(nullptr); }
 
-  template <typename Work> double seconds_to_end(Work work) {
+  template <typename Work>
+  double seconds_to_end(Work work) {
     std::thread canceller([this] {
       EXPECT_TRUE(server.wait_for_stalls(1, 10));
       job->activity().state = JOB_STATE_CANCELING;

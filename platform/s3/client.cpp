@@ -7,14 +7,27 @@
 #include <mutex>
 
 struct S3_Client::Impl {
-  std::mutex mutex;                          ///< guards endpoint
-  std::shared_ptr<s3::Endpoint> endpoint;    ///< null while not connected
+  std::mutex mutex;                       ///< guards endpoint
+  std::shared_ptr<s3::Endpoint> endpoint; ///< null while not connected
 
   std::shared_ptr<s3::Endpoint> get() {
     std::lock_guard<std::mutex> guard(mutex);
     return endpoint;
   }
 };
+
+namespace {
+
+s3::Outcome outcome_of(const s3::Service& service, bool succeeded) {
+  s3::Outcome outcome;
+  if (!succeeded) {
+    outcome.error = service.last_error();
+    outcome.retry_after = service.retry_after();
+  }
+  return outcome;
+}
+
+} // namespace
 
 S3_IWriter::~S3_IWriter() = default;
 
@@ -62,14 +75,17 @@ std::shared_ptr<S3_Service_Base> S3_Client::make_service() {
 }
 
 bool S3_Client::get_buckets(std::vector<json_spirit::Value>& buckets) {
-  const std::shared_ptr<S3_Service_Base> service = make_service();
-  if (!service)
+  const std::shared_ptr<s3::Endpoint> endpoint = impl_->get();
+  if (!endpoint)
     return false;
+  s3::Service service(endpoint);
   Get_Service_Parameter param;
   Get_Service_Content content;
   do {
-    if (!service->get_service(param, content)) {
-      ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list buckets, error: %C.\n"), service->error()));
+    const s3::Outcome outcome = s3::retried(endpoint->max_retry_seconds(),
+                                            [&] { return outcome_of(service, service.get_service(param, content)); });
+    if (!outcome.ok()) {
+      ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list buckets, error: %C.\n"), outcome.error.text().c_str()));
       return false;
     }
     for (const S3_Bucket& bucket : content.buckets)
@@ -98,10 +114,7 @@ bool S3_Client::del(const std::string& bucket, const std::string& key) {
     return false;
   s3::Service service(endpoint);
   const s3::Outcome outcome = s3::retried(endpoint->max_retry_seconds(), [&] {
-    s3::Outcome result;
-    if (!service.del_object(bucket.c_str(), key.c_str()))
-      result.error = service.last_error();
-    return result;
+    return outcome_of(service, service.del_object(bucket.c_str(), key.c_str()));
   });
   if (!outcome.ok())
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to delete object '%C' in bucket '%C', error: %C.\n"), key.c_str(),

@@ -36,8 +36,7 @@ std::string digest(const EVP_MD* md, std::string_view first, std::string_view se
   unsigned size = 0;
   if (!md || !ctx || EVP_DigestInit_ex2(ctx.get(), md, nullptr) != 1 ||
       EVP_DigestUpdate(ctx.get(), first.data(), first.size()) != 1 ||
-      EVP_DigestUpdate(ctx.get(), second.data(), second.size()) != 1 ||
-      EVP_DigestFinal_ex(ctx.get(), out, &size) != 1)
+      EVP_DigestUpdate(ctx.get(), second.data(), second.size()) != 1 || EVP_DigestFinal_ex(ctx.get(), out, &size) != 1)
     return std::string();
   return std::string(reinterpret_cast<const char*>(out), size);
 }
@@ -57,10 +56,18 @@ std::string hmac(const EVP_MD* md, std::string_view key, std::string_view data) 
 
 } // namespace
 
-std::string sha256(std::string_view data) { return digest(sha256_md(), data); }
-std::string md5(std::string_view data) { return digest(md5_md(), data); }
-std::string hmac_sha256(std::string_view key, std::string_view data) { return hmac(sha256_md(), key, data); }
-std::string hmac_sha1(std::string_view key, std::string_view data) { return hmac(sha1_md(), key, data); }
+std::string sha256(std::string_view data) {
+  return digest(sha256_md(), data);
+}
+std::string md5(std::string_view data) {
+  return digest(md5_md(), data);
+}
+std::string hmac_sha256(std::string_view key, std::string_view data) {
+  return hmac(sha256_md(), key, data);
+}
+std::string hmac_sha1(std::string_view key, std::string_view data) {
+  return hmac(sha1_md(), key, data);
+}
 
 std::string to_hex(std::string_view bytes) {
   static const char digits[] = "0123456789abcdef";

@@ -51,8 +51,8 @@ private:
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;
   std::atomic<long long> clock_offset_{0};
-  std::atomic<bool> any_learned_{false};        ///< spares the lock on the common road
-  mutable std::mutex mutex_;                    ///< guards what follows
+  std::atomic<bool> any_learned_{false}; ///< spares the lock on the common road
+  mutable std::mutex mutex_;             ///< guards what follows
   std::map<std::string, Address> learned_;
   mutable V4_Key key_;
 };

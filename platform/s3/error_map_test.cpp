@@ -52,7 +52,7 @@ TEST(Error_Map, cancelled_request_is_never_repeated) {
 TEST(Error_Map, answers) {
   struct Row {
     int status;
-    const char* document;   ///< its code, or empty for none
+    const char* document; ///< its code, or empty for none
     const char* code;
     int number;
     bool retriable;

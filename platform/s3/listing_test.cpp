@@ -117,6 +117,18 @@ TEST_F(Listing_Test, keys_come_as_bytes_however_the_service_encodes) {
   }
 }
 
+TEST_F(Listing_Test, keys_that_xml_does_not_allow_come_from_a_service_that_does_not_encode) {
+  for (const char* key : {"\x01\x1f", "\xff\xfe", "\xef\xbf\xbe", "a%41+b", "\xc3\xa9", "<&>"})
+    server.put("bucket", key, "x");
+  server.configure(
+      [](s3_testing::S3_Server_Settings& settings) { settings.key_encoding = s3_testing::Key_Encoding::ignored; });
+  const S3_Service_var s = service();
+  EXPECT_EQ(server.keys("bucket"), walk(*s, Get_Bucket_Parameter())) << s->error();
+  EXPECT_EQ(2u, server.count("ListObjects"));
+  EXPECT_EQ(server.keys("bucket"), walk(*s, Get_Bucket_Parameter())) << s->error();
+  EXPECT_EQ(3u, server.count("ListObjects"));
+}
+
 TEST_F(Listing_Test, folder_objects_are_counted_by_what_they_hold) {
   server.put("bucket", "a/", "");
   server.put("bucket", "b/", "data");

@@ -7,7 +7,9 @@ namespace {
 using s3::Address;
 using s3::Error_Document;
 
-HTTP_Head head(int status, Name_Values headers = {}) { return HTTP_Head{status, std::move(headers)}; }
+HTTP_Head head(int status, Name_Values headers = {}) {
+  return HTTP_Head{status, std::move(headers)};
+}
 
 TEST(Redirect, hosts_of_the_same_service) {
   const std::pair<const char*, const char*> same[] = {

@@ -11,21 +11,21 @@ namespace s3 {
 /// What is asked of a service, before it is known how the service is addressed.
 struct Request {
   std::string method;
-  std::string bucket;             ///< empty: the account
-  std::string key;                ///< bytes; empty: the bucket
-  Name_Values query;              ///< bytes; a parameter with an empty value is sent as its name alone
-  Name_Values headers;            ///< names in lower case
+  std::string bucket;  ///< empty: the account
+  std::string key;     ///< bytes; empty: the bucket
+  Name_Values query;   ///< bytes; a parameter with an empty value is sent as its name alone
+  Name_Values headers; ///< names in lower case
   bool has_body = false;
-  std::string_view body;          ///< must outlive the request
+  std::string_view body; ///< must outlive the request
 };
 
 /// Where a request goes. A value.
 struct Address {
   bool ssl = false;
-  std::string host;               ///< without the bucket; IPv6 without brackets
+  std::string host; ///< without the bucket; IPv6 without brackets
   unsigned short port = 0;
-  bool virtual_host = false;      ///< "bucket.host" instead of "host/bucket"
-  std::string region;             ///< empty: the default one
+  bool virtual_host = false; ///< "bucket.host" instead of "host/bucket"
+  std::string region;        ///< empty: the default one
 
   bool operator==(const Address& other) const = default;
 };
@@ -35,7 +35,7 @@ enum Sign_Method { SIGN_V4, SIGN_V2 };
 struct Credentials {
   std::string access_key;
   std::string secret_key;
-  std::string token;              ///< of temporary keys; empty for lasting ones
+  std::string token; ///< of temporary keys; empty for lasting ones
   Sign_Method method = SIGN_V4;
 };
 

@@ -13,10 +13,16 @@ using s3::Request;
 
 constexpr time_t AT = 1369353600;
 
-Request get(const char* bucket, const char* key) { return Request{"GET", bucket, key, {}, {}, false, {}}; }
+Request get(const char* bucket, const char* key) {
+  return Request{"GET", bucket, key, {}, {}, false, {}};
+}
 
-Address path_style() { return Address{false, "127.0.0.1", 9000, false, ""}; }
-Address virtual_style() { return Address{false, "s3.example.com", 80, true, ""}; }
+Address path_style() {
+  return Address{false, "127.0.0.1", 9000, false, ""};
+}
+Address virtual_style() {
+  return Address{false, "s3.example.com", 80, true, ""};
+}
 
 std::string header(const HTTP_Request& request, const std::string& name) {
   for (const auto& [key, value] : request.headers)
@@ -115,8 +121,8 @@ TEST(Request_Builder, region_defaults_and_shows_in_the_signature) {
 
 TEST(Request_Builder, session_token_is_sent_and_signed) {
   const Credentials credentials{"access", "secret", "token", s3::SIGN_V4};
-  const HTTP_Request request = s3::build(get("bucket", "key"), path_style(), credentials,
-                                         s3::make_v4_key("secret", AT, "us-east-1", "s3"), AT);
+  const HTTP_Request request =
+      s3::build(get("bucket", "key"), path_style(), credentials, s3::make_v4_key("secret", AT, "us-east-1", "s3"), AT);
   EXPECT_EQ("token", header(request, "x-amz-security-token"));
   EXPECT_NE(std::string::npos, header(request, "authorization").find("x-amz-security-token"));
 }

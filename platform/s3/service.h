@@ -21,6 +21,9 @@ public:
   bool del_object(const char* bucket, const char* key) override;
   S3_IWriter_ptr upload(const char* bucket, const char* key, ACE_UINT64 size) override;
 
+  /// Seconds that the service asked to wait when it refused the last request; 0: none.
+  unsigned retry_after() const { return retry_after_; }
+
 private:
   /// The generation of an object that a reader has begun with.
   struct Generation {
@@ -31,6 +34,7 @@ private:
   };
 
   bool report(Outcome outcome);
+  Outcome list(const Request& request, const Get_Bucket_Parameter& param, Get_Bucket_Content& content);
   bool named(const char* bucket);
   bool named(const char* bucket, const char* key);
   bool fits(const HTTP_Head& head, ACE_UINT64 offset, const Generation* generation, const std::string& what,
@@ -39,6 +43,8 @@ private:
   std::shared_ptr<Endpoint> endpoint_;
   Transport transport_;
   Generation generation_;
+  unsigned retry_after_ = 0;
+  bool mends_pages_ = false; ///< the service has put on a page what XML does not allow
 };
 
 } // namespace s3

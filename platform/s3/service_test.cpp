@@ -227,8 +227,9 @@ TEST_F(Service_Test, storage_class_is_told_unless_it_is_the_default) {
 }
 
 TEST_F(Service_Test, odd_keys_go_there_and_back) {
-  const char* keys[] = {"a b", "a+b", "a%20b", "a&b=c", "it's", "\xc3\xa9", "e\xcc\x81", "a//b", "/lead", ".", "..",
-                        "a/../b", "./x", "a/./b", "tail/", "\x01\x1f\x7f", "?#", "<>&\"", "\xff\xfe", "%", "//", "~"};
+  const char* keys[] = {"a b",   "a+b",   "a%20b",    "a&b=c",  "it's", "\xc3\xa9", "e\xcc\x81", "a//b",
+                        "/lead", ".",     "..",       "a/../b", "./x",  "a/./b",    "tail/",     "\x01\x1f\x7f",
+                        "?#",    "<>&\"", "\xff\xfe", "%",      "//",   "~"};
   const S3_Service_var s = service();
   for (const char* key : keys) {
     const S3_IWriter_ptr writer = s->upload("bucket", key, 3);
@@ -459,6 +460,19 @@ TEST_F(Service_TLS_Test, unreadable_ca_file_is_named) {
   const S3_Service_var s = service();
   EXPECT_FALSE(s->bucket_exists("bucket"));
   EXPECT_EQ("CertificateFileUnreadable", s->last_error().code());
+}
+
+TEST_F(Service_TLS_Test, peer_that_hangs_up_in_the_middle_is_an_error_and_no_signal) {
+  const S3_Service_var s = service();
+  const std::string data(8 << 20, 'x');
+  for (const bool early : {true, false}) {
+    server.clear_faults();
+    server.add_fault(early ? Fault::no_reply().on("PutObject") : Fault::cut_upload(100000).on("PutObject"));
+    const S3_IWriter_ptr writer = s->upload("bucket", "key", data.size());
+    EXPECT_EQ(static_cast<int>(data.size()), writer->write(data.data(), data.size()));
+    EXPECT_FALSE(writer->close());
+  }
+  EXPECT_FALSE(server.get("bucket", "key"));
 }
 
 TEST_F(Service_TLS_Test, large_body_passes_in_small_pieces) {

@@ -32,12 +32,32 @@ std::string trimmed(const std::string& value) {
 
 /// The parameters that name a part of the resource, and so are signed by V2.
 bool is_v2_subresource(const std::string& name) {
-  static const std::array<const char*, 26> names = {
-      "accelerate", "acl", "cors", "delete", "encryption", "lifecycle", "location", "logging", "notification",
-      "partNumber", "policy", "replication", "requestPayment", "response-cache-control",
-      "response-content-disposition", "response-content-encoding", "response-content-language",
-      "response-content-type", "response-expires", "tagging", "torrent", "uploadId", "uploads", "versionId",
-      "versioning", "versions"};
+  static const std::array<const char*, 26> names = {"accelerate",
+                                                    "acl",
+                                                    "cors",
+                                                    "delete",
+                                                    "encryption",
+                                                    "lifecycle",
+                                                    "location",
+                                                    "logging",
+                                                    "notification",
+                                                    "partNumber",
+                                                    "policy",
+                                                    "replication",
+                                                    "requestPayment",
+                                                    "response-cache-control",
+                                                    "response-content-disposition",
+                                                    "response-content-encoding",
+                                                    "response-content-language",
+                                                    "response-content-type",
+                                                    "response-expires",
+                                                    "tagging",
+                                                    "torrent",
+                                                    "uploadId",
+                                                    "uploads",
+                                                    "versionId",
+                                                    "versioning",
+                                                    "versions"};
   return std::find(names.begin(), names.end(), name) != names.end() || name == "website";
 }
 
@@ -50,7 +70,9 @@ Name_Values sorted(const Name_Values& values) {
 
 } // namespace
 
-std::string v4_day(time_t when) { return v4_date(when).substr(0, 8); }
+std::string v4_day(time_t when) {
+  return v4_date(when).substr(0, 8);
+}
 
 std::string v4_date(time_t when) {
   const struct tm parts = broken_down(when);

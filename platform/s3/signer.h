@@ -15,15 +15,15 @@ constexpr char UNSIGNED_PAYLOAD[] = "UNSIGNED-PAYLOAD";
 /// What of a request is signed. The views must outlive the call.
 struct Signable {
   std::string_view method;
-  std::string_view path;          ///< percent-encoded, as it is sent
-  const Name_Values* query;       ///< not encoded
-  const Name_Values* headers;     ///< names in lower case
-  std::string_view payload_hash;  ///< V4 only
+  std::string_view path;         ///< percent-encoded, as it is sent
+  const Name_Values* query;      ///< not encoded
+  const Name_Values* headers;    ///< names in lower case
+  std::string_view payload_hash; ///< V4 only
 };
 
 /// A V4 key: derived from the secret for one day, region and service, and worth keeping as long as these hold.
 struct V4_Key {
-  std::string date;               ///< "20130524"
+  std::string date; ///< "20130524"
   std::string region;
   std::string service;
   std::string key;
@@ -38,8 +38,7 @@ std::string http_date(time_t when);
 
 /// The value of "Authorization" for a request whose `headers` carry the host and "x-amz-date" with `date`. All
 /// headers are signed.
-std::string sign_v4(const Signable& request, const std::string& access_key, const V4_Key& key,
-                    const std::string& date);
+std::string sign_v4(const Signable& request, const std::string& access_key, const V4_Key& key, const std::string& date);
 
 /// The same by the older method. `headers` carry "date" unless they carry "x-amz-date"; `bucket` is set where the path
 /// does not begin with it (virtual-host style).

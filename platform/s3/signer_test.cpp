@@ -86,14 +86,14 @@ TEST(Signer_V4, parameter_without_a_value) {
 }
 
 TEST(Signer_V4, listing) {
-  EXPECT_EQ("34b48302e7b5fa45bde8084f4b7868a86f0a534bc59db6670ed5711ef69dc6f7",
-            after(object_storage("GET", "/", {{"max-keys", "2"}, {"prefix", "J"}}, {}, s3::EMPTY_SHA256),
-                  "Signature="));
+  EXPECT_EQ(
+      "34b48302e7b5fa45bde8084f4b7868a86f0a534bc59db6670ed5711ef69dc6f7",
+      after(object_storage("GET", "/", {{"max-keys", "2"}, {"prefix", "J"}}, {}, s3::EMPTY_SHA256), "Signature="));
 }
 
 TEST(Signer_V2, get_of_an_object) {
-  EXPECT_EQ("bWq2s1WEIj+Ydj0vQ697zp+IXMU=", older("GET", "/photos/puppy.jpg", "johnsmith", {},
-                                                  {{"date", "Tue, 27 Mar 2007 19:36:42 +0000"}}));
+  EXPECT_EQ("bWq2s1WEIj+Ydj0vQ697zp+IXMU=",
+            older("GET", "/photos/puppy.jpg", "johnsmith", {}, {{"date", "Tue, 27 Mar 2007 19:36:42 +0000"}}));
 }
 
 TEST(Signer_V2, put_of_an_object_signs_its_type) {
@@ -114,22 +114,20 @@ TEST(Signer_V2, subresource_is_signed) {
 }
 
 TEST(Signer_V2, fields_of_one_name_are_joined) {
-  EXPECT_EQ("ilyl83RwaSoYIEdixDQcA4OnAnc=",
-            older("PUT", "/db-backup.dat.gz", "static.johnsmith.net", {},
-                  {{"date", "Tue, 27 Mar 2007 21:06:08 +0000"},
-                   {"x-amz-acl", "public-read"},
-                   {"content-type", "application/x-download"},
-                   {"content-md5", "4gJE4saaMU4BqNR0kLY+lw=="},
-                   {"x-amz-meta-reviewedby", "joe@johnsmith.net"},
-                   {"x-amz-meta-reviewedby", "jane@johnsmith.net"},
-                   {"x-amz-meta-filechecksum", "0x02661779"},
-                   {"x-amz-meta-checksumalgorithm", "crc32"},
-                   {"content-encoding", "gzip"}}));
+  EXPECT_EQ("ilyl83RwaSoYIEdixDQcA4OnAnc=", older("PUT", "/db-backup.dat.gz", "static.johnsmith.net", {},
+                                                  {{"date", "Tue, 27 Mar 2007 21:06:08 +0000"},
+                                                   {"x-amz-acl", "public-read"},
+                                                   {"content-type", "application/x-download"},
+                                                   {"content-md5", "4gJE4saaMU4BqNR0kLY+lw=="},
+                                                   {"x-amz-meta-reviewedby", "joe@johnsmith.net"},
+                                                   {"x-amz-meta-reviewedby", "jane@johnsmith.net"},
+                                                   {"x-amz-meta-filechecksum", "0x02661779"},
+                                                   {"x-amz-meta-checksumalgorithm", "crc32"},
+                                                   {"content-encoding", "gzip"}}));
 }
 
 TEST(Signer_V2, list_of_all_buckets) {
-  EXPECT_EQ("qGdzdERIC03wnaRNKh6OqZehG9s=",
-            older("GET", "/", "", {}, {{"date", "Wed, 28 Mar 2007 01:29:59 +0000"}}));
+  EXPECT_EQ("qGdzdERIC03wnaRNKh6OqZehG9s=", older("GET", "/", "", {}, {{"date", "Wed, 28 Mar 2007 01:29:59 +0000"}}));
 }
 
 TEST(Signer_V2, path_is_signed_as_it_is_sent) {
@@ -138,8 +136,10 @@ TEST(Signer_V2, path_is_signed_as_it_is_sent) {
 }
 
 TEST(Signer_V2, date_of_its_own_replaces_the_usual_one) {
-  const Name_Values own = {{"date", "Tue, 27 Mar 2007 21:20:27 +0000"}, {"x-amz-date", "Tue, 27 Mar 2007 21:20:26 +0000"}};
-  const Name_Values other = {{"date", "Wed, 28 Mar 2007 21:20:27 +0000"}, {"x-amz-date", "Tue, 27 Mar 2007 21:20:26 +0000"}};
+  const Name_Values own = {{"date", "Tue, 27 Mar 2007 21:20:27 +0000"},
+                           {"x-amz-date", "Tue, 27 Mar 2007 21:20:26 +0000"}};
+  const Name_Values other = {{"date", "Wed, 28 Mar 2007 21:20:27 +0000"},
+                             {"x-amz-date", "Tue, 27 Mar 2007 21:20:26 +0000"}};
   EXPECT_EQ(older("DELETE", "/johnsmith/photos/puppy.jpg", "", {}, own),
             older("DELETE", "/johnsmith/photos/puppy.jpg", "", {}, other));
 }
@@ -150,8 +150,9 @@ TEST(Digest, known_answers) {
   // RFC 4231, test cases 2 and 6 (a key longer than a block).
   EXPECT_EQ("5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843",
             s3::to_hex(s3::hmac_sha256("Jefe", "what do ya want for nothing?")));
-  EXPECT_EQ("60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54",
-            s3::to_hex(s3::hmac_sha256(std::string(131, '\xaa'), "Test Using Larger Than Block-Size Key - Hash Key First")));
+  EXPECT_EQ(
+      "60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54",
+      s3::to_hex(s3::hmac_sha256(std::string(131, '\xaa'), "Test Using Larger Than Block-Size Key - Hash Key First")));
   EXPECT_EQ("effcdf6ae5eb2fa2d27416d5f184df9c259a7c79",
             s3::to_hex(s3::hmac_sha1("Jefe", "what do ya want for nothing?")));
 }

@@ -13,7 +13,6 @@ namespace s3 {
 namespace {
 
 constexpr size_t MAX_ERROR_DOCUMENT = 64 * 1024;
-constexpr size_t MAX_SMALL_ANSWER = 1024 * 1024;
 constexpr size_t PIECE = 64 * 1024;
 /// A service may ask for a longer wait than this; no restore should sleep through it.
 constexpr unsigned MAX_RETRY_AFTER = 60;
@@ -85,7 +84,7 @@ Outcome Transport::ask(const Request& request) {
   Outcome outcome;
   const Curl_Connection_ref connection = open(request, outcome);
   if (connection && outcome.ok()) {
-    outcome.body = connection->refuse(MAX_SMALL_ANSWER);
+    connection->refuse(MAX_ERROR_DOCUMENT);
     const HTTP_Failure& failure = connection->failure();
     if (failure.code || failure.cancelled)
       outcome.error = map_failure(failure, describe(request));

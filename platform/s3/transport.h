@@ -12,10 +12,10 @@ namespace s3 {
 
 /// What became of a request.
 struct Outcome {
-  S3_Error error;                 ///< number 0: success
-  unsigned retry_after = 0;       ///< seconds that the service asked for; 0: none
+  S3_Error error;           ///< number 0: success
+  unsigned retry_after = 0; ///< seconds that the service asked for; 0: none
   HTTP_Head head;
-  std::string body;               ///< of a small answer
+  std::string body; ///< of a small answer
 
   bool ok() const { return error.number() == 0; }
 };
@@ -29,7 +29,7 @@ public:
   /// Sends and returns when a successful answer's head is in; its body is then open to be read. On failure the
   /// connection is in state FAILED. Null only when memory is short.
   Curl_Connection_ref open(const Request& request, Outcome& outcome);
-  /// Sends and reads a whole small answer (at most 1 MiB) into `body`.
+  /// Sends; only the answer's head matters.
   Outcome ask(const Request& request);
   /// Sends and reads an answer into `reader`; an error document that comes under a success is a failure, and so is a
   /// document that is refused ("MalformedAnswer").

@@ -47,8 +47,9 @@ public:
       return closed_ && !failed_;
     closed_ = true;
     if (written_ != size_)
-      return give_up(S3_Error(EINVAL, 0, "IncompleteBody", "only " + std::to_string(written_) + " of " +
-                                                               std::to_string(size_) + " bytes were written", false));
+      return give_up(
+          S3_Error(EINVAL, 0, "IncompleteBody",
+                   "only " + std::to_string(written_) + " of " + std::to_string(size_) + " bytes were written", false));
     return finish();
   }
 
@@ -240,8 +241,8 @@ S3_IWriter_ptr make_upload(std::shared_ptr<Endpoint> endpoint, const std::string
   }
   const size_t piece = static_cast<size_t>(part);
   if (size <= part) {
-    S3_IWriter_ptr writer(new (std::nothrow) Single_Upload(std::move(endpoint), bucket, key, size, piece,
-                                                           max_retry_seconds));
+    S3_IWriter_ptr writer(new (std::nothrow)
+                              Single_Upload(std::move(endpoint), bucket, key, size, piece, max_retry_seconds));
     if (!writer)
       error = S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for an upload", false);
     return writer;

@@ -11,8 +11,8 @@ namespace s3 {
 /// `text` as XML character data.
 std::string xml_escaped(std::string_view text);
 
-/// The size of the parts that an object of `size` bytes is sent in: at least `wanted`, and so large that 10,000 of them,
-/// the most that services take, are enough.
+/// The size of the parts that an object of `size` bytes is sent in: at least `wanted`, and so large that 10,000 of
+/// them, the most that services take, are enough.
 unsigned long long part_size_for(unsigned long long size, unsigned long long wanted);
 
 /// The stream into an object: held back and sent at once up to the endpoint's part size, in parts above it. At most one

@@ -197,6 +197,24 @@ TEST_F(Upload_Test, completion_whose_answer_was_lost_is_found_out) {
   EXPECT_EQ(data, server.get("bucket", "key").value_or("none"));
 }
 
+TEST_F(Upload_Test, connection_that_died_in_between_costs_no_error) {
+  const S3_Service_var s = service();
+  EXPECT_TRUE(store(s->upload("bucket", "key", 5), "hello"));
+  server.drop_connections();
+  EXPECT_TRUE(store(s->upload("bucket", "key", 5), "world"));
+  EXPECT_EQ("world", server.get("bucket", "key").value_or("none"));
+}
+
+TEST_F(Upload_Test, list_of_buckets_is_repeated_by_the_client) {
+  server.add_fault(Fault::error(503, "SlowDown", 9).on("ListBuckets").times(1));
+  S3_Client client;
+  ASSERT_TRUE(connect(client, 60));
+  std::vector<json_spirit::Value> buckets;
+  EXPECT_TRUE(client.get_buckets(buckets));
+  EXPECT_EQ(1u, buckets.size());
+  EXPECT_EQ(9u, clock.slept());
+}
+
 TEST_F(Upload_Test, delete_is_repeated_by_the_client) {
   server.put("bucket", "key", "x");
   server.add_fault(Fault::error(503, "SlowDown").on("DeleteObject").times(2));

@@ -21,7 +21,9 @@ std::string_view local_name(const char* name) {
 
 } // namespace
 
-void XML_Reader::Parser_Free::operator()(XML_ParserStruct* parser) const { XML_ParserFree(parser); }
+void XML_Reader::Parser_Free::operator()(XML_ParserStruct* parser) const {
+  XML_ParserFree(parser);
+}
 
 XML_Reader::XML_Reader() : parser_(XML_ParserCreate("UTF-8")) {
   if (!parser_) {
@@ -46,6 +48,24 @@ bool XML_Reader::feed(const char* data, size_t size) {
     problem_ = "the document is too large";
     return false;
   }
+  // A service that is long about its answer sends blanks meanwhile, some even before the document.
+  while (!begun_ && size > 0 && (*data == ' ' || *data == '\n' || *data == '\r' || *data == '\t')) {
+    ++data;
+    --size;
+  }
+  begun_ = begun_ || size > 0;
+  if (!mends_) {
+    parse(data, size);
+  } else {
+    std::string mended;
+    mended.reserve(size + size / 4);
+    mender_.feed(data, size, mended);
+    parse(mended.data(), mended.size());
+  }
+  return !failed();
+}
+
+void XML_Reader::parse(const char* data, size_t size) {
   while (size > 0 && !failed()) {
     const int piece = static_cast<int>(std::min<size_t>(size, 1u << 20));
     if (XML_Parse(parser_.get(), data, piece, XML_FALSE) != XML_STATUS_OK && !failed())
@@ -53,7 +73,6 @@ bool XML_Reader::feed(const char* data, size_t size) {
     data += piece;
     size -= static_cast<size_t>(piece);
   }
-  return !failed();
 }
 
 bool XML_Reader::finish() {
@@ -72,7 +91,9 @@ void XML_Reader::stop(const char* why) {
   XML_StopParser(parser_.get(), XML_FALSE);
 }
 
-bool XML_Reader::is(const Path& path, std::string_view a) { return path.size() == 1 && path[0] == a; }
+bool XML_Reader::is(const Path& path, std::string_view a) {
+  return path.size() == 1 && path[0] == a;
+}
 
 bool XML_Reader::is(const Path& path, std::string_view a, std::string_view b) {
   return path.size() == 2 && path[1] == b && path[0] == a;
@@ -108,6 +129,8 @@ void XML_Reader::on_end(void* data, const char*) {
   try {
     if (self->failed())
       return;
+    if (self->mends_)
+      self->text_ = XML_Mender::restore(self->text_);
     self->end(self->path_, self->text_);
     self->text_.clear();
     --self->depth_;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/s3/xml_mender.h"
+
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -19,6 +21,8 @@ public:
   XML_Reader(const XML_Reader&) = delete;
   XML_Reader& operator=(const XML_Reader&) = delete;
 
+  /// Reads characters and bytes that XML does not allow, too. Before the first `feed`.
+  void mend() { mends_ = true; }
   /// False when the document is refused; `problem` says why, and what follows is ignored.
   bool feed(const char* data, size_t size);
   /// True when the document was whole.
@@ -55,6 +59,7 @@ private:
   static void on_text(void* self, const char* text, int size);
   static void on_doctype(void* self, const char*, const char*, const char*, int);
   void stop(const char* why);
+  void parse(const char* data, size_t size);
 
   std::unique_ptr<XML_ParserStruct, Parser_Free> parser_;
   std::string problem_;
@@ -63,6 +68,9 @@ private:
   size_t depth_ = 0;
   std::string text_;
   size_t size_ = 0;
+  bool begun_ = false;
+  bool mends_ = false;
+  XML_Mender mender_;
 };
 
 } // namespace s3

@@ -78,9 +78,9 @@ public:
   }
 
   std::deque<Service_Page> service_pages;
-  std::set<std::string> buckets;                        ///< that exist
+  std::set<std::string> buckets; ///< that exist
   Failure bucket_failure{2, 404, "NoSuchBucket", "The bucket does not exist", false};
-  std::map<std::string, std::string> locations;         ///< by bucket
+  std::map<std::string, std::string> locations; ///< by bucket
   Get_Bucket_Content listing;
   Failure listing_failure;
 
@@ -139,10 +139,10 @@ public:
 
 /// Takes the place of the platform's function in a test program, once in each that uses Service_Hook. Without a hook
 /// the platform's own is called.
-#define MODULE_TESTING_DEFINE_SERVICE_HOOK()                                                                     \
-  std::shared_ptr<S3_Service_Base> make_s3_service(const S3_Service_Options& options) {                         \
-    if (module_testing::service_maker())                                                                         \
-      return module_testing::service_maker()(options);                                                           \
-    typedef std::shared_ptr<S3_Service_Base> (*Make)(const S3_Service_Options&);                                 \
-    return reinterpret_cast<Make>(dlsym(RTLD_NEXT, "_Z15make_s3_serviceRK18S3_Service_Options"))(options);       \
+#define MODULE_TESTING_DEFINE_SERVICE_HOOK()                                                                           \
+  std::shared_ptr<S3_Service_Base> make_s3_service(const S3_Service_Options& options) {                                \
+    if (module_testing::service_maker())                                                                               \
+      return module_testing::service_maker()(options);                                                                 \
+    typedef std::shared_ptr<S3_Service_Base> (*Make)(const S3_Service_Options&);                                       \
+    return reinterpret_cast<Make>(dlsym(RTLD_NEXT, "_Z15make_s3_serviceRK18S3_Service_Options"))(options);             \
   }

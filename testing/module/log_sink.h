@@ -11,7 +11,7 @@
 namespace module_testing {
 
 struct Log_Line {
-  unsigned long priority;   ///< LM_DEBUG, LM_INFO, ...
+  unsigned long priority; ///< LM_DEBUG, LM_INFO, ...
   std::string text;
 };
 

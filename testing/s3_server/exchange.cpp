@@ -220,7 +220,7 @@ bool S3_Server::Impl::serve_one(Connection& connection, std::uint64_t number, co
     else if (!reply && exchange.target.refusal)
       reply = exchange.target.refusal;
   }
-  if (exchange.expects_continue && exchange.content_length > 0) {
+  if (exchange.expects_continue) {
     if (reply) {
       // The body may or may not come: what follows on this connection could not be told apart.
       reply->close = true;

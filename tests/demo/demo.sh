@@ -33,7 +33,7 @@ tools=(--endpoint "$endpoint" --access-key "$access_key" --secret-key "$secret_k
 echo "      $endpoint and $tls_endpoint"
 
 step "filling bucket 'demo' with $objects objects, odd keys among them"
-python3 "$root/testing/bucket_tools/fill_bucket.py" "${tools[@]}" --bucket demo --objects "$objects" | indent
+/usr/bin/python3 "$root/testing/bucket_tools/fill_bucket.py" "${tools[@]}" demo --objects "$objects" | indent
 
 run() { "$agent" --state "$work/state" "$@"; }
 
@@ -63,7 +63,7 @@ run restore "$set_id" --map demo=demo-restored --create-bucket --existing overwr
 tail -n 1 "$work/restore.json" | python3 "$here/show_outcome.py" | indent
 
 step "comparing both buckets key by key and byte by byte with boto3"
-python3 "$root/testing/bucket_tools/compare_buckets.py" "${tools[@]}" --ignore-folder-objects demo demo-restored | indent
+/usr/bin/python3 "$root/testing/bucket_tools/compare_buckets.py" "${tools[@]}" --ignore-folder-objects demo demo-restored | indent
 
 step "what the rules left out"
 python3 "$here/show_outcome.py" --left-out <"$work/backup.json" | indent

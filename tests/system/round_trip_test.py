@@ -13,8 +13,8 @@ class Round_Trip(harness.Scenario):
     def setUpClass(cls):
         cls.server = harness.Real_Server()
         cls.addClassCleanup(cls.server.stop)
-        filled = cls.server.tool("fill_bucket.py", "--bucket", "source", "--objects", cls.OBJECTS, "--seed", "7",
-                                 "--big", str(20 << 20))
+        filled = cls.server.tool("fill_bucket.py", "source", "--objects", cls.OBJECTS, "--seed", "7",
+                                 "--big", "20M")
         if filled.returncode != 0:
             raise RuntimeError(filled.stdout)
 

@@ -20,6 +20,8 @@ int OBS_Instance_Handler::get_state(const char*, std::string& state) {
   return 0;
 }
 
-int OBS_Instance_Handler::logon(const char*, const char*, const char*, json_spirit::Object&) { return 0; }
+int OBS_Instance_Handler::logon(const char*, const char*, const char*, json_spirit::Object&) {
+  return 0;
+}
 
 OBS_DEFINE_FACTORY(OBS_Instance_Handler, Instance_Handler, OBS_Instance_Handler)

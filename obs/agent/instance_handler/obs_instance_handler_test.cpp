@@ -8,7 +8,9 @@ namespace {
 
 typedef std::map<std::string, std::shared_ptr<Instance>> Instances;
 
-TEST(obs_instance_handler, type_is_obs) { EXPECT_EQ("obs", OBS_Instance_Handler().type()); }
+TEST(obs_instance_handler, type_is_obs) {
+  EXPECT_EQ("obs", OBS_Instance_Handler().type());
+}
 
 TEST(obs_instance_handler, probing_finds_the_one_instance) {
   OBS_Instance_Handler handler;

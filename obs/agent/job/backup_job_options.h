@@ -17,10 +17,10 @@ public:
 
   Compression_Method compression_ = COMPR_NONE;
   int compression_level_ = 1;
-  size_t channels_ = 0;                 ///< 0: not given
-  String_Array exclusion_;              ///< rules, in the order given
-  String_Array inclusion_;              ///< likewise
-  std::string cache_dir_;               ///< empty: not given
-  size_t scan_file_threads_ = 0;        ///< threads that list; 0: not given
-  ACE_UINT64 list_cache_limits_ = 0;    ///< entries that a listing may hold ready; 0: not given
+  size_t channels_ = 0;              ///< 0: not given
+  String_Array exclusion_;           ///< rules, in the order given
+  String_Array inclusion_;           ///< likewise
+  std::string cache_dir_;            ///< empty: not given
+  size_t scan_file_threads_ = 0;     ///< threads that list; 0: not given
+  ACE_UINT64 list_cache_limits_ = 0; ///< entries that a listing may hold ready; 0: not given
 };

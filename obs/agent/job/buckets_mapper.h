@@ -8,9 +8,9 @@
 class __attribute__((visibility("default"))) Buckets_Mapper {
 public:
   struct mapper_t {
-    std::string bucket;               ///< target; empty: no mapping, an object goes back to where it came from
-    std::string prefix;               ///< put before each key; may be empty
-    bool add_bucket_prefix = false;   ///< the source bucket's name stands between the prefix and the key
+    std::string bucket;             ///< target; empty: no mapping, an object goes back to where it came from
+    std::string prefix;             ///< put before each key; may be empty
+    bool add_bucket_prefix = false; ///< the source bucket's name stands between the prefix and the key
   };
   /// By name of the source bucket, ordered by bytes.
   typedef std::map<std::string, mapper_t> mappers_t;

@@ -75,5 +75,5 @@ protected:
 
   int err_ = 0;
   Result result_;
-  std::vector<JSON_State> states_;   ///< outermost first
+  std::vector<JSON_State> states_; ///< outermost first
 };

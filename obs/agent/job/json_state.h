@@ -7,9 +7,9 @@
 
 /// One open container of a job definition while it is being read.
 struct JSON_State {
-  bool obj;            ///< an object; false for an array
-  ACE_UINT64 key;      ///< bit of the key read last; 0 for an unknown one and in arrays
-  ACE_UINT64 masks;    ///< bits of all keys whose values were accepted
+  bool obj;         ///< an object; false for an array
+  ACE_UINT64 key;   ///< bit of the key read last; 0 for an unknown one and in arrays
+  ACE_UINT64 masks; ///< bits of all keys whose values were accepted
 };
 
 /// A key that a parser knows. A table ends with an entry of bit 0.
@@ -21,9 +21,9 @@ struct JSON_Key {
 
 /// Why a parser refused an event.
 enum JSON_Parse_Error {
-  JSON_ERROR_NOT_OPEN = 3,      ///< a key or an end with no container open
-  JSON_ERROR_LACK_OF_KEY = 7,   ///< a required key is missing
-  JSON_ERROR_WRONG_VALUE = 9    ///< a value of the wrong kind or at the wrong level
+  JSON_ERROR_NOT_OPEN = 3,    ///< a key or an end with no container open
+  JSON_ERROR_LACK_OF_KEY = 7, ///< a required key is missing
+  JSON_ERROR_WRONG_VALUE = 9  ///< a value of the wrong kind or at the wrong level
 };
 
 /// The bit of a key by exact bytes; 0 when the table does not know it.

@@ -11,4 +11,6 @@ int OBS_MTF_Event_Handler::handle_progress(int code, unsigned long long, unsigne
   return handler_ ? handler_->handle_progress(code, 0, 0, 0) : 0;
 }
 
-bool OBS_MTF_Event_Handler::canceling() { return act_.state == JOB_STATE_CANCELING; }
+bool OBS_MTF_Event_Handler::canceling() {
+  return act_.state == JOB_STATE_CANCELING;
+}

@@ -29,9 +29,9 @@ public:
   virtual void generate_bucket_mapper(yajl_gen_t* gen, const std::string& source,
                                       const Buckets_Mapper::mapper_t& mapper);
 
-  ACE_UINT32 channels_ = 0;             ///< 0: not given
-  Buckets_Mapper mapper_;               ///< where the objects go
+  ACE_UINT32 channels_ = 0; ///< 0: not given
+  Buckets_Mapper mapper_;   ///< where the objects go
   bool standalone_ = false;
   OBS_PATH_CONVERTER_TYPE existing_ = OBS_PCT_NONE;
-  std::string cache_dir_;               ///< empty: not given
+  std::string cache_dir_; ///< empty: not given
 };

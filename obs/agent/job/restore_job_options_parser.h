@@ -28,6 +28,6 @@ private:
   static const JSON_Key key_table_1[];
   static const JSON_Key key_table_3[];
 
-  std::string cur_mapper_;             ///< "source" of the item being read
-  Buckets_Mapper::mapper_t mapper_;    ///< its "target" and "prefix"
+  std::string cur_mapper_;          ///< "source" of the item being read
+  Buckets_Mapper::mapper_t mapper_; ///< its "target" and "prefix"
 };

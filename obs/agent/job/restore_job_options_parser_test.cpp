@@ -131,7 +131,8 @@ TEST(restore_job_options_parser, item_of_an_unknown_key_is_no_mapping) {
 }
 
 TEST(restore_job_options_parser, unknown_keys_are_skipped) {
-  Restore_Options parsed(R"({"x":1,"y":"z","b":false,"n":null,"bucket_maps":[{"other":"q","source":"a","target":"t"}]})");
+  Restore_Options parsed(
+      R"({"x":1,"y":"z","b":false,"n":null,"bucket_maps":[{"other":"q","source":"a","target":"t"}]})");
   ASSERT_TRUE(parsed.accepted) << parsed.reason;
   EXPECT_EQ("t", parsed.record().mapper_.mapper("a").bucket);
 }

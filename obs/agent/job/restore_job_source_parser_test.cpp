@@ -8,11 +8,12 @@ namespace {
 
 typedef Parsed<OBS_Restore_Job_Source_Parser, OBS_Restore_Job_Source> Source;
 
-const char* const REQUIRED =
-    R"("id":"i","backup_host_id":"h","backup_minor_resource_id":"r","seq":7,"pool_uuid":"p")";
+const char* const REQUIRED = R"("id":"i","backup_host_id":"h","backup_minor_resource_id":"r","seq":7,"pool_uuid":"p")";
 
 /// The source with the required keys and `more`.
-std::string with(const std::string& more) { return std::string("{") + REQUIRED + "," + more + "}"; }
+std::string with(const std::string& more) {
+  return std::string("{") + REQUIRED + "," + more + "}";
+}
 
 void expect_error_9(const std::string& text) {
   Source parsed(text);
@@ -113,8 +114,9 @@ TEST(restore_job_source_parser, key_or_end_without_an_open_container_is_error_3)
 }
 
 TEST(restore_job_source_parser, what_was_written_is_read_back) {
-  const std::string text = R"({"id":"i","name":"n","catalog_id":"c","backup_minor_resource_id":"r",)"
-                           R"("backup_host_id":"h","pool_uuid":"p","seq":-9,"entries":[{"dir":"/b/"},{"file":"/b/k"}]})";
+  const std::string text =
+      R"({"id":"i","name":"n","catalog_id":"c","backup_minor_resource_id":"r",)"
+      R"("backup_host_id":"h","pool_uuid":"p","seq":-9,"entries":[{"dir":"/b/"},{"file":"/b/k"}]})";
   const Source parsed(text);
   ASSERT_TRUE(parsed.accepted) << parsed.reason;
   EXPECT_EQ(text, yajl_generate(parsed.record()));

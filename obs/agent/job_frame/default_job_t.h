@@ -38,7 +38,7 @@ private:
   /// What the starting thread hands over to the run thread.
   struct Run_Options {
     Default_Job_T* job = nullptr;
-    Job_Run_Options opts;   ///< empty when the request had none
+    Job_Run_Options opts; ///< empty when the request had none
   };
 
   static constexpr long THREAD_FLAGS = THR_NEW_LWP | THR_DETACHED | THR_INHERIT_SCHED;
@@ -111,8 +111,8 @@ void* Default_Job_T<EXECUTOR>::run_i(const Job_Run_Options* opts) {
     failure = "unknown exception";
   }
   if (failure) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Job '%C' ended by an exception: %C.\n"), this->definition().name().c_str(),
-               failure));
+    ACE_ERROR(
+        (LM_ERROR, ACE_TEXT("Job '%C' ended by an exception: %C.\n"), this->definition().name().c_str(), failure));
     Job_Event_Handler(*this).handle_failure(-1, "%s", failure);
   }
   this->complete();

@@ -53,8 +53,8 @@ protected:
   const Job_Target& tgt_;
   Job_Activity* act_;
   EVENT_HANDLER evt_handler_;
-  SOURCE* src_;       ///< null when the definition has none
-  OPTIONS* opts_;     ///< null when the definition has none
+  SOURCE* src_;   ///< null when the definition has none
+  OPTIONS* opts_; ///< null when the definition has none
 
 private:
   bool run_steps(const Job_Run_Options* opts);

@@ -11,14 +11,20 @@
 #include <dlfcn.h>
 
 Thread_Helper::Thread_Helper(long flags, long priority)
-    : _tid(ACE_OS::NULL_thread), _running(new std::atomic<bool>(false)), _started(nullptr), _flag(flags),
+    : _tid(ACE_OS::NULL_thread), _running(new (std::nothrow) std::atomic<bool>(false)), _started(nullptr), _flag(flags),
       _priority(priority) {}
 
-Thread_Helper::~Thread_Helper() { join(); }
+Thread_Helper::~Thread_Helper() {
+  join();
+}
 
-bool Thread_Helper::exists() const { return !ACE_OS::thr_equal(_tid, ACE_OS::NULL_thread); }
+bool Thread_Helper::exists() const {
+  return !ACE_OS::thr_equal(_tid, ACE_OS::NULL_thread);
+}
 
-bool Thread_Helper::running() const { return exists() && _running && *_running; }
+bool Thread_Helper::running() const {
+  return exists() && _running && *_running;
+}
 
 void Thread_Helper::join() {
   if (!exists())

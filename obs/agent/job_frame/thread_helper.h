@@ -4,8 +4,10 @@
 #include <ace/OS_NS_Thread.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <memory>
+#include <new>
 
 /// Runs one callable on an ACE thread and can wait for its end.
 ///
@@ -27,7 +29,12 @@ public:
   /// answered: its group, or -1 when it cannot be started. -1 too while a joinable thread is at work.
   template <typename R, typename C>
   int spawn(R (C::*function)(), C* object) {
-    return spawn_function([function, object] { (void)(object->*function)(); });
+    try {
+      return spawn_function([function, object] { (void)(object->*function)(); });
+    } catch (const std::bad_alloc&) {
+      errno = ENOMEM;
+      return -1;
+    }
   }
 
   /// True between the start of a joinable thread and `join`.
@@ -45,7 +52,7 @@ private:
   ACE_thread_t _tid;
   std::function<void()> _function;
   std::unique_ptr<std::atomic<bool>> _running;
-  ACE_Event* _started;   ///< only while `spawn` waits for the thread to begin
+  ACE_Event* _started; ///< only while `spawn` waits for the thread to begin
   long _flag;
   long _priority;
 };

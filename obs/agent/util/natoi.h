@@ -23,8 +23,8 @@ T natoi(const char* text, size_t length, int* error = nullptr) {
     at = 1;
   }
   // A signed type holds one negative number more than positive ones.
-  const Magnitude limit = static_cast<Magnitude>(std::numeric_limits<T>::max()) +
-                          (std::is_signed_v<T> && negative ? 1u : 0u);
+  const Magnitude limit =
+      static_cast<Magnitude>(std::numeric_limits<T>::max()) + (std::is_signed_v<T> && negative ? 1u : 0u);
   const size_t first = at;
   Magnitude value = 0;
   for (; text && at < length && text[at] >= '0' && text[at] <= '9'; ++at) {

@@ -43,7 +43,9 @@ TEST(natoi, text_without_digits_is_zero_and_invalid) {
   EXPECT_EQ(EINVAL, error);
 }
 
-TEST(natoi, text_is_not_read_behind_its_length) { EXPECT_EQ(12, natoi<int>("1234", 2)); }
+TEST(natoi, text_is_not_read_behind_its_length) {
+  EXPECT_EQ(12, natoi<int>("1234", 2));
+}
 
 TEST(natoi, limits_of_each_type_fit) {
   EXPECT_EQ(2147483647, number<ACE_INT32>("2147483647"));

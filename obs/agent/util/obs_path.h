@@ -24,5 +24,5 @@ public:
   bool is_prefix() const { return object_.empty() || object_.back() == '/'; }
 
   std::string bucket_;
-  std::string object_;   ///< the key; empty for a whole bucket
+  std::string object_; ///< the key; empty for a whole bucket
 };

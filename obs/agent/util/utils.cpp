@@ -64,17 +64,17 @@ bool get_entry_info(const std::string& uuid, json_spirit::Object& entry, int max
 
   json_spirit::Value& result = static_cast<JSON_RPC_Response&>(*reply).result();
   if (result.type() != json_spirit::obj_type) {
-    ACE_ERROR_RETURN((LM_EMERGENCY,
-                      ACE_TEXT("Unexpected error in obs/agent/util/utils:%d, result is not object!\n"), __LINE__),
-                     false);
+    ACE_ERROR_RETURN(
+        (LM_EMERGENCY, ACE_TEXT("Unexpected error in obs/agent/util/utils:%d, result is not object!\n"), __LINE__),
+        false);
   }
   entry = std::move(result.get_obj());
 
   const std::string cipher_text = json_spirit::optional_str(entry, "secret_key");
   if (cipher_text.empty()) {
-    ACE_ERROR_RETURN((LM_ERROR, ACE_TEXT("Invalid entry info '%s'.\n"),
-                      json_spirit::write(json_spirit::Value(entry)).c_str()),
-                     false);
+    ACE_ERROR_RETURN(
+        (LM_ERROR, ACE_TEXT("Invalid entry info '%s'.\n"), json_spirit::write(json_spirit::Value(entry)).c_str()),
+        false);
   }
   const OBS_SK_Decryptor decryptor(cipher_text);
   if (decryptor.str().empty())

@@ -119,8 +119,8 @@ int Listing::list_objects(const OBS_Path& path, const json_spirit::Object& param
     add_dir(without_prefix(prefix));
   for (const S3_Object& object : content.objects) {
     const POSIX_Time_To_ISO8601 mtime(static_cast<time_t>(object.mtime), "%Y-%m-%d %H:%M:%S");
-    items_.emplace_back(json_spirit::Object{
-        {"file", without_prefix(object.name)}, {"size", object.size}, {"mtime", mtime.str()}});
+    items_.emplace_back(
+        json_spirit::Object{{"file", without_prefix(object.name)}, {"size", object.size}, {"mtime", mtime.str()}});
   }
   if (content.truncated)
     result_["marker"] = content.next_marker;

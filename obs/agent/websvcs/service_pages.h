@@ -17,7 +17,7 @@ enum JSON_RPC_Error_Code {
 };
 
 /// Logs, at the caller's line, that a handler was given something else than a request.
-#define LOG_NOT_A_REQUEST() \
+#define LOG_NOT_A_REQUEST()                                                                                            \
   ACE_ERROR((LM_EMERGENCY, ACE_TEXT("Unexpected error in %N:%l, obj is not JSON-RPC request!\n")))
 
 /// The text member `key`; empty when it is missing or no text.

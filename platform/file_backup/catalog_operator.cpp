@@ -1,0 +1,148 @@
+#include "platform/file_backup/set_catalog.h"
+#include "sdk/file_backup/file_backup.h"
+
+#include <ace/Log_Msg.h>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+/// The last number of a chain: a set with it starts a new chain in any case.
+constexpr unsigned LAST_SEQ = 65535;
+
+bool read_media(const json_spirit::Array& json, std::vector<Set_Record::Medium>& media) {
+  try {
+    for (const json_spirit::Value& value : json) {
+      const json_spirit::Object& object = value.get_obj();
+      const json_spirit::Value* size = json_spirit::find(object, "size");
+      const json_spirit::Value* family = json_spirit::find(object, "family");
+      if (size == nullptr || family == nullptr)
+        return false;
+      Set_Record::Medium& medium = media.emplace_back();
+      medium.name = json_spirit::require_str(object, "name");
+      medium.size = size->get_uint64();
+      medium.family = static_cast<unsigned>(family->get_uint64());
+    }
+    return true;
+  } catch (const json_spirit::Type_Error&) {
+    return false;
+  }
+}
+
+/// A set is whole only with its media.
+bool media_are_there(const std::string& folder, const std::vector<Set_Record::Medium>& media, std::string& error) {
+  for (const Set_Record::Medium& medium : media) {
+    const std::string path = folder + "/" + medium.name;
+    struct stat status;
+    if (::stat(path.c_str(), &status) != 0) {
+      error = "medium " + path + ": " + std::strerror(errno);
+      return false;
+    }
+    if (static_cast<unsigned long long>(status.st_size) != medium.size) {
+      error = "medium " + path + " has " + std::to_string(status.st_size) + " bytes instead of " +
+              std::to_string(medium.size);
+      return false;
+    }
+  }
+  return true;
+}
+
+Set_Record make_record(const file_backup::File_Backup_Set& set) {
+  const file_backup::File_Metadata& metadata = set.metadata;
+  Set_Record record;
+  record.uuid = set.uuid;
+  record.uri = metadata.set_uri;
+  record.host_uuid = metadata.host_uuid;
+  record.minor_resource_id = metadata.minor_resource_id;
+  record.minor_resource_name = metadata.minor_resource_name;
+  record.resource_uuid = metadata.resource_uuid;
+  record.definition_uuid = metadata.definition_uuid;
+  record.name = metadata.name;
+  record.agent = metadata.agent;
+  record.host = metadata.host;
+  record.type = metadata.type;
+  record.incarnation = set.incarnation;
+  record.bases.assign(set.bases.begin(), set.bases.end());
+  record.seq = set.seq;
+  record.channels = metadata.channels;
+  record.start_time = metadata.start_time;
+  record.end_time = metadata.end_time;
+  record.source_size = metadata.source_size;
+  record.backup_set_size = metadata.backup_set_size;
+  record.backup_set_storage_size = metadata.backup_set_storage_size;
+  record.encryption = metadata.encryption;
+  read_media(metadata.media, record.media);
+  record.figures = metadata.figures;
+  return record;
+}
+
+/// Whoever restores names a set by its number, so the first set of a new chain does not take the number of a set that
+/// another chain holds: it goes on behind them all.
+bool choose_seq(Store& store, const std::string& pool_uuid, Set_Record& record, std::string& error) {
+  if (!record.bases.empty())
+    return true;
+  std::vector<Set> others;
+  if (!store.sets(pool_uuid, std::string(), record.minor_resource_id, true, others, error))
+    return false;
+  unsigned last = 0;
+  for (const Set& other : others)
+    if (other.uuid != record.uuid)
+      last = std::max(last, other.seq);
+  if (last >= record.seq && last + 1 < LAST_SEQ)
+    record.seq = last + 1;
+  return true;
+}
+
+bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string& error) {
+  Store* const store = Store::instance();
+  if (store == nullptr) {
+    error = "the agent's database is not open";
+    return false;
+  }
+  const std::string& pool_uuid = set.metadata.pool_uuid;
+  Set_Record record = make_record(set);
+  Pool pool;
+  if (!open_known_pool(*store, pool_uuid, pool, error) || !choose_seq(*store, pool_uuid, record, error))
+    return false;
+  const std::string folder = pool.set_folder(record.uri);
+  if (!media_are_there(folder, record.media, error) || !write_set_record(folder, record, error))
+    return false;
+  Set row = set_from_record(record, pool_uuid);
+  row.state = online ? Set::STATE_ONLINE : "offline";
+  return store->put_set(row, error);
+}
+
+} // namespace
+
+namespace file_backup {
+
+int build_file_catalog(const File_Metadata& metadata, File_Backup_Set& set) {
+  std::vector<Set_Record::Medium> media;
+  if (metadata.uuid.empty() || metadata.pool_uuid.empty() || metadata.set_uri.empty() ||
+      metadata.minor_resource_id.empty() || metadata.seq == 0 || metadata.channels == 0 ||
+      !read_media(metadata.media, media) || media.size() < metadata.channels)
+    return -1;
+  set.uuid = metadata.uuid;
+  set.seq = metadata.seq;
+  set.metadata = metadata;
+  return 0;
+}
+
+} // namespace file_backup
+
+Catalog_Operator::Catalog_Operator(int, int) {}
+
+bool Catalog_Operator::commit(const file_backup::Backup_Set& set, bool online) {
+  const auto* const file_set = dynamic_cast<const file_backup::File_Backup_Set*>(&set);
+  std::string error;
+  if (file_set == nullptr)
+    error = "it is no set of files";
+  else if (commit_i(*file_set, online, error))
+    return true;
+  ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to commit set '%C': %C.\n"), set.uuid.c_str(), error.c_str()));
+  return false;
+}

@@ -1,0 +1,114 @@
+#include "platform/file_backup/set_catalog.h"
+
+#include <ace/Log_Msg.h>
+
+#include <map>
+
+namespace {
+
+unsigned long long figure(const json_spirit::Object& figures, const char* name) {
+  const json_spirit::Value* value = json_spirit::find(figures, name);
+  if (value == nullptr || value->type() != json_spirit::int_type)
+    return 0;
+  return value->is_uint64() || value->get_int64() >= 0 ? value->get_uint64() : 0;
+}
+
+/// Whether a row says what the record says. Sizes and names of a set never change; its place may.
+bool same(const Set& row, const Set& record) {
+  return row.state == record.state && row.pool_uuid == record.pool_uuid && row.uri == record.uri &&
+         row.seq == record.seq && row.channels == record.channels && row.incarnation == record.incarnation &&
+         row.bases == record.bases;
+}
+
+/// Where the sets of a resource lie: below its account's folder when the selection is known.
+bool prefix_of(Store& store, const std::string& minor_resource_id, std::string& prefix, std::string& error) {
+  prefix.clear();
+  if (minor_resource_id.empty())
+    return true;
+  Selection selection;
+  bool found = false;
+  if (!store.find_selection(minor_resource_id, selection, found, error))
+    return false;
+  if (found)
+    prefix = selection.account_uuid + "/" + minor_resource_id;
+  return true;
+}
+
+} // namespace
+
+Set set_from_record(const Set_Record& record, const std::string& pool_uuid) {
+  Set set;
+  set.uuid = record.uuid;
+  set.pool_uuid = pool_uuid;
+  set.account_uuid = record.host_uuid;
+  set.minor_resource_id = record.minor_resource_id;
+  set.minor_resource_name = record.minor_resource_name;
+  set.name = record.name;
+  set.seq = record.seq;
+  set.channels = record.channels;
+  set.incarnation = record.incarnation;
+  set.bases = record.bases;
+  set.uri = record.uri;
+  set.type = record.type;
+  set.start_time = record.start_time;
+  set.end_time = record.end_time;
+  set.source_size = record.source_size;
+  set.backup_set_size = record.backup_set_size;
+  set.backup_set_storage_size = record.backup_set_storage_size;
+  set.objects = figure(record.figures, "saved") + figure(record.figures, "unchanged");
+  return set;
+}
+
+bool open_known_pool(Store& store, const std::string& pool_uuid, Pool& pool, std::string& error) {
+  Pool_Entry entry;
+  bool found = false;
+  if (!store.find_pool(pool_uuid, entry, found, error))
+    return false;
+  if (!found) {
+    error = "there is no pool '" + pool_uuid + "'";
+    return false;
+  }
+  return Pool::open(entry.url, entry.uuid, pool, error);
+}
+
+bool reconcile_sets(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
+                    std::string& error) {
+  Pool pool;
+  std::string prefix;
+  std::vector<Set> rows;
+  if (!open_known_pool(store, pool_uuid, pool, error) || !prefix_of(store, minor_resource_id, prefix, error) ||
+      !store.sets(pool_uuid, std::string(), minor_resource_id, true, rows, error))
+    return false;
+  std::map<std::string, const Set*> known;
+  for (const Set& row : rows)
+    known[row.uuid] = &row;
+
+  std::vector<std::string> bad;
+  for (const Set_Record& record : pool.sets(prefix, bad)) {
+    if (!minor_resource_id.empty() && record.minor_resource_id != minor_resource_id)
+      continue;
+    const Set set = set_from_record(record, pool_uuid);
+    const auto row = known.find(set.uuid);
+    if ((row == known.end() || !same(*row->second, set)) && !store.put_set(set, error))
+      return false;
+    if (row != known.end())
+      known.erase(row);
+  }
+  for (const std::string& message : bad)
+    ACE_ERROR((LM_WARNING, ACE_TEXT("A set's record cannot be read: %C.\n"), message.c_str()));
+
+  for (const auto& [uuid, row] : known) {
+    if (row->state == Set::STATE_GONE)
+      continue;
+    // Only what is surely not there is gone: a folder may be unreadable for a while.
+    Set_Record record;
+    std::string why;
+    bool missing = false;
+    if (read_set_record(pool.set_folder(row->uri), record, why, &missing) || !missing)
+      continue;
+    ACE_ERROR((LM_WARNING, ACE_TEXT("Set %C is no longer in its pool.\n"), uuid.c_str()));
+    if (!store.set_state(uuid, Set::STATE_GONE, error))
+      return false;
+  }
+  return true;
+}
