@@ -35,8 +35,8 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
                             "CREATE TABLE runs(first INTEGER PRIMARY KEY, last INTEGER NOT NULL); BEGIN",
                             error) ||
       !base->add_run_.prepare(base->shown_.get(), "INSERT OR REPLACE INTO runs VALUES(?,?)", error) ||
-      !base->find_run_.prepare(base->shown_.get(),
-                               "SELECT last FROM runs WHERE first<=? ORDER BY first DESC LIMIT 1", error) ||
+      !base->find_run_.prepare(base->shown_.get(), "SELECT last FROM runs WHERE first<=? ORDER BY first DESC LIMIT 1",
+                               error) ||
       !base->inner_end_.prepare(base->shown_.get(), "SELECT max(last) FROM runs WHERE first BETWEEN ? AND ?", error) ||
       !base->remove_inner_.prepare(base->shown_.get(), "DELETE FROM runs WHERE first BETWEEN ? AND ?", error))
     return nullptr;
@@ -55,8 +55,7 @@ void Backup_Base::renumber(Catalog_Object& object) {
   ++object.set;
 }
 
-bool Backup_Base::unchanged(const std::string& name, unsigned long long size, long long mtime,
-                            Catalog_Object& object) {
+bool Backup_Base::unchanged(const std::string& name, unsigned long long size, long long mtime, Catalog_Object& object) {
   if (!catalog_->match(name, object, error_) || !show(object.ordinal))
     return false;
   if (object.size != size || object.mtime != mtime)

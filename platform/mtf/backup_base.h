@@ -45,9 +45,9 @@ private:
 
   Set_Record record_;
   std::unique_ptr<Catalog_Reader> catalog_;
-  std::vector<bool> used_;                       ///< by the base's index
-  unsigned long long first_ = 1, last_ = 0;      ///< the run that grows
-  Catalog_Db shown_;                             ///< a temporary database: the runs before it
+  std::vector<bool> used_;                  ///< by the base's index
+  unsigned long long first_ = 1, last_ = 0; ///< the run that grows
+  Catalog_Db shown_;                        ///< a temporary database: the runs before it
   Catalog_Statement add_run_, find_run_, inner_end_, remove_inner_;
   std::string error_;
 };

@@ -55,13 +55,8 @@ std::string set_uri(const Pool& pool, const std::string& prefix, const std::stri
 
 struct Backup_Engine::Impl {
   Impl(Backup_Order o, Event_Handler_var h, Metadata& m, std::shared_ptr<ACE_Log_Msg_Callback> l)
-      : order(std::move(o)),
-        handler(h),
-        metadata(m),
-        log(std::move(l)),
-        job(Job::current()),
-        ledger(job != nullptr ? job->ledger() : nullptr),
-        account(h),
+      : order(std::move(o)), handler(h), metadata(m), log(std::move(l)), job(Job::current()),
+        ledger(job != nullptr ? job->ledger() : nullptr), account(h),
         queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {}
 
   bool prepare(const std::string& location, const std::string& pool_uuid);
@@ -90,15 +85,15 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
-  std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
+  std::unique_ptr<Backup_Base> base; ///< null: every object is stored
   std::unique_ptr<Listing_Events> events;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
   ISrc_Lister_var lister;
-  unsigned long long set_bytes = 0;      ///< on media and in the catalog
+  unsigned long long set_bytes = 0; ///< on media and in the catalog
 
   Engine_Threads threads;
-  std::mutex mutex;                      ///< guards what follows
+  std::mutex mutex; ///< guards what follows
   Error_Code code = E_OK;
   std::string failure;
 };
@@ -207,7 +202,8 @@ bool Backup_Engine::Impl::make_media() {
 }
 
 void Backup_Engine::Impl::start(const std::string& name, std::function<void()> body) {
-  threads.start(name, std::move(body), [this](const std::string& why) { fail(E_FAILED, "The backup ends: " + why + "."); });
+  threads.start(name, std::move(body),
+                [this](const std::string& why) { fail(E_FAILED, "The backup ends: " + why + "."); });
 }
 
 void Backup_Engine::Impl::list() {

@@ -144,7 +144,9 @@ bool Backup_Listing::carry(Catalog_Object& object) {
 bool Backup_Listing::compare(const std::vector<std::string>& not_listed, const std::list<std::string>& sources) {
   if (base_ == nullptr)
     return true;
-  const auto path_of = [](const std::string& path) { return path.substr(!path.empty() && path.front() == '/' ? 1 : 0); };
+  const auto path_of = [](const std::string& path) {
+    return path.substr(!path.empty() && path.front() == '/' ? 1 : 0);
+  };
   bool done = true;
   for (const std::string& one : not_listed) {
     std::string path = path_of(one);

@@ -15,9 +15,7 @@
 class Listing_Events : public MTF::Event_Handler {
 public:
   Listing_Events(MTF::Event_Handler_var handler, Run_Account& account, Catalog_Writer& catalog)
-      : MTF::Event_Handler(handler.null() ? 0 : handler->mode()),
-        handler_(handler),
-        account_(account),
+      : MTF::Event_Handler(handler.null() ? 0 : handler->mode()), handler_(handler), account_(account),
         catalog_(catalog) {}
 
   void stop() { stopping_ = true; }
@@ -68,7 +66,7 @@ private:
   Run_Account& account_;
   Backup_Base* const base_;
   std::shared_ptr<const std::string> folder_;
-  Catalog_Visit visit_;                ///< of `folder_`; `first` is 0 while it has no object
+  Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;
   unsigned long long ordinal_ = 0;
   std::string error_;

@@ -75,10 +75,10 @@ private:
   std::atomic<unsigned long long> lister_skipped_{0};
   std::atomic<unsigned long long> bytes_read_{0};
   std::atomic<unsigned long long> problems_{0};
-  unsigned long long deleted_ = 0;     ///< of the base and listed no more
-  unsigned long long listed_ = 0;      ///< as the S3 layer counted; 0 where it saw nothing
+  unsigned long long deleted_ = 0; ///< of the base and listed no more
+  unsigned long long listed_ = 0;  ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long empty_folders_ = 0;
   unsigned long long full_folders_ = 0;
-  std::mutex mutex_;                   ///< guards `errors_`
+  std::mutex mutex_; ///< guards `errors_`
   json_spirit::Array errors_;
 };
