@@ -31,7 +31,7 @@ struct MTF_Backup::Impl {
   std::string cache_path;
   unsigned seq = 0;
   unsigned base_seq = 0;
-  std::unique_ptr<Backup_Engine> engine;   ///< keeps the set's folder locked until it is committed
+  std::unique_ptr<Backup_Engine> engine; ///< keeps the set's folder locked until it is committed
 };
 
 MTF_Backup::MTF_Backup(MTF::Event_Handler_var event_handler, MTF::Metadata& metadata,
