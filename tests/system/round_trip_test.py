@@ -126,6 +126,12 @@ class Round_Trip(harness.Scenario):
                              "cache/", "--json").json
         self.assertEqual((4, 2, 2), (outcome["listed"], outcome["saved"], outcome["excluded"]))
         self.assert_account_adds_up(outcome)
+        shown = self.agent("backup", "work", "/rules/", "--pool", "disk", "--exclude", "*.tmp", "--exclude", "cache/",
+                           "--dry-run").stdout
+        self.assertIn("/rules/sub/keep.txt", shown)
+        self.assertNotIn("drop.tmp", shown)
+        self.assertIn("2 objects", shown)
+        self.assertEqual(1, len(self.agent("sets", "--json").json["sets"]))
         listed = self.agent("ls", outcome["set"], "--recursive").stdout
         self.assertIn("/rules/sub/keep.txt", listed)
         self.assertNotIn("drop.tmp", listed)
