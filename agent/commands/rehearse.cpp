@@ -24,7 +24,7 @@ json_spirit::Object rehearsal_of(json_spirit::Object definition) {
     throw Command_Error("job definition: a rehearsal's \"subtype\" must be \"dr_test\"");
   // What was rehearsed is kept by this id: without one every rehearsal would be the first.
   if (text_member(definition, "id").empty())
-    throw Command_Error("job definition: \"id\" must be a text that stays the same from rehearsal to rehearsal");
+    throw Command_Error("job definition: \"id\" must be a uuid that stays the same from rehearsal to rehearsal");
   const auto source = definition.find("source");
   // A rehearsal finds the set itself.
   if (source != definition.end() && source->second.type() == json_spirit::obj_type)

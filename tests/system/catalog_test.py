@@ -1,7 +1,11 @@
 """What sets hold, over all of them and between two."""
+import os
+import subprocess
 import unittest
 
 import harness
+
+MIB = 1 << 20
 
 
 class Catalogs(harness.Scenario):
@@ -90,6 +94,42 @@ class Catalogs(harness.Scenario):
         alone = self.backup("/other/")["set"]
         self.assertEqual({"added": 0, "removed": 300, "changed": 0, "same": 3},
                          self.agent("diff", first, alone, "--json").json)
+
+
+class Catalog_Memory(harness.Scenario):
+    def peak(self, *arguments):
+        """Peak resident bytes of a command, and its last line."""
+        process = subprocess.Popen(self.command(*arguments, "--json"), stdout=subprocess.PIPE,
+                                   stdin=subprocess.DEVNULL)
+        output = process.stdout.read()
+        process.stdout.close()
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        self.assertEqual(0, process.returncode)
+        return usage.ru_maxrss * 1024, harness.Result(0, output.decode(), "").json
+
+    def peaks(self, objects):
+        server = harness.Test_Server("--synthetic", "many,%d,1" % objects)
+        self.addCleanup(server.stop)
+        self.state = os.path.join(self.folder, "state-%d" % objects)
+        self.pool = os.path.join(self.folder, "pool-%d" % objects)
+        self.add_account(server)
+        self.add_pool()
+        first = self.backup("/many/")["set"]
+        server.client().delete_object(Bucket="many", Key="d0000/e00/object-0000000001")
+        second = self.backup("/many/")["set"]
+        diff, answer = self.peak("diff", first, second)
+        self.assertEqual({"added": 0, "removed": 1, "changed": 0, "same": objects - 1}, answer)
+        find, answer = self.peak("find", "**/object-0000000002")
+        self.assertEqual(second, answer["set"])
+        print("%d objects: diff %.1f MiB, find %.1f MiB" % (objects, diff / MIB, find / MIB), flush=True)
+        return diff, find
+
+    @unittest.skipIf(os.environ.get("OBS_SANITIZED"), "a sanitizer's own memory is no measure")
+    def test_many_objects_take_no_more_memory_than_few(self):
+        for few, many in zip(self.peaks(1000), self.peaks(50000)):
+            self.assertLess(many, 64 * MIB)
+            self.assertLess(many - few, 16 * MIB)
 
 
 if __name__ == "__main__":
