@@ -136,9 +136,9 @@ TEST(retention, rules_add_up_and_each_is_named) {
 
 TEST(retention, the_newest_set_stays_under_every_single_rule) {
   const std::vector<const char*> times = {"2024-01-01 00:00:00", "2024-01-01 00:00:01"};
-  for (unsigned Retention_Rules::*rule : {&Retention_Rules::last, &Retention_Rules::hourly, &Retention_Rules::daily,
-                                          &Retention_Rules::weekly, &Retention_Rules::monthly,
-                                          &Retention_Rules::yearly}) {
+  for (unsigned Retention_Rules::*rule :
+       {&Retention_Rules::last, &Retention_Rules::hourly, &Retention_Rules::daily, &Retention_Rules::weekly,
+        &Retention_Rules::monthly, &Retention_Rules::yearly}) {
     Retention_Rules rules;
     rules.*rule = 1;
     EXPECT_EQ(Names({"2024-01-01 00:00:01"}), kept(rules, times));

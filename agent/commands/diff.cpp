@@ -71,7 +71,8 @@ public:
     ++changed_;
     json_spirit::Array what;
     std::string names;
-    for (const auto& [differs, name] : {std::pair(size, "size"), std::pair(mtime, "mtime"), std::pair(content, "content")})
+    for (const auto& [differs, name] :
+         {std::pair(size, "size"), std::pair(mtime, "mtime"), std::pair(content, "content")})
       if (differs) {
         what.push_back(name);
         names += (names.empty() ? "" : ", ") + std::string(name);

@@ -70,8 +70,8 @@ public:
 
 private:
   Glob_Rule rule_;
-  bool exact_ = false;   ///< the glob is one object's path, `root_`
-  std::string root_;     ///< folder to walk, as the catalog names it
+  bool exact_ = false; ///< the glob is one object's path, `root_`
+  std::string root_;   ///< folder to walk, as the catalog names it
 };
 
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
@@ -133,7 +133,8 @@ void find(Context& context, const Find_Arguments& arguments) {
 
 void add_find_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Find_Arguments>();
-  CLI::App* command = app.add_subcommand("find", "Find objects in sets: when they were there, and which versions are held");
+  CLI::App* command =
+      app.add_subcommand("find", "Find objects in sets: when they were there, and which versions are held");
   command->add_option("glob", arguments->glob, "Path with *, ? and **; without a leading / it matches at any depth")
       ->required()
       ->type_name("GLOB");

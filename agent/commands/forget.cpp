@@ -31,9 +31,9 @@ struct Forget_Arguments {
 /// A set in its pool, with what decides about it.
 struct Candidate {
   Set_Record record;
-  std::vector<std::string> needs;     ///< other sets that its catalog points into
-  bool readable = true;               ///< the catalog is
-  std::vector<std::string> reasons;   ///< why it stays; empty: it goes
+  std::vector<std::string> needs;   ///< other sets that its catalog points into
+  bool readable = true;             ///< the catalog is
+  std::vector<std::string> reasons; ///< why it stays; empty: it goes
 };
 
 long long seconds_of(const std::string& text) {
@@ -93,7 +93,8 @@ private:
     std::vector<std::string> bad;
     std::vector<Set_Record> found = pool_.sets(std::string(), bad);
     if (!bad.empty())
-      throw Command_Error("pool '" + entry_.name + "': nothing is forgotten while a set's record cannot be read, since " +
+      throw Command_Error("pool '" + entry_.name +
+                          "': nothing is forgotten while a set's record cannot be read, since " +
                           "its data may lie in others: " + bad.front());
     return found;
   }
@@ -248,9 +249,9 @@ private:
   const Forget_Arguments& arguments_;
   Pool pool_;
   std::vector<Set_Lock> locks_;
-  std::set<std::string> busy_;         ///< places where a run is under way
-  std::vector<Candidate> sets_;        ///< oldest first
-  std::set<std::string> decided_;      ///< uuids of the sets that the rules were applied to
+  std::set<std::string> busy_;    ///< places where a run is under way
+  std::vector<Candidate> sets_;   ///< oldest first
+  std::set<std::string> decided_; ///< uuids of the sets that the rules were applied to
 };
 
 void forget(Context& context, Forget_Arguments arguments) {
@@ -315,7 +316,9 @@ void add_forget_command(CLI::App& app, Context& context) {
   command->add_option("--keep-weekly", rules.weekly, "The same for weeks")->type_name("N");
   command->add_option("--keep-monthly", rules.monthly, "The same for months")->type_name("N");
   command->add_option("--keep-yearly", rules.yearly, "The same for years")->type_name("N");
-  command->add_option("--keep-within", arguments->within, "Keep all that are this much older than the newest: 36h, 30d, 1y6m")
+  command
+      ->add_option("--keep-within", arguments->within,
+                   "Keep all that are this much older than the newest: 36h, 30d, 1y6m")
       ->type_name("TIME");
   command->add_flag("--dry-run", arguments->dry_run, "Only say what would be removed");
   command->callback([&context, arguments] { forget(context, *arguments); });

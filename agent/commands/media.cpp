@@ -48,8 +48,8 @@ bool check_one(const std::string& file, bool json) {
       line["failure"] = error;
     print_json_line(line);
   } else if (read) {
-    print_bytes(file + ": " + std::to_string(figures.objects) + " whole objects of " + human_bytes(figures.bytes) + ", " +
-                (clean ? std::string("clean") : std::to_string(figures.problems) + " problems"));
+    print_bytes(file + ": " + std::to_string(figures.objects) + " whole objects of " + human_bytes(figures.bytes) +
+                ", " + (clean ? std::string("clean") : std::to_string(figures.problems) + " problems"));
   }
   if (!read)
     std::fprintf(stderr, "obs-agent: medium '%s' cannot be checked: %s\n", file.c_str(), error.c_str());
