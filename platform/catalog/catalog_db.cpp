@@ -32,7 +32,9 @@ Catalog_Statement& Catalog_Statement::bind_text(int place, std::string_view text
   return *this;
 }
 
-int Catalog_Statement::step() { return sqlite3_step(statement_.get()); }
+int Catalog_Statement::step() {
+  return sqlite3_step(statement_.get());
+}
 
 bool Catalog_Statement::run() {
   const int result = step();
@@ -40,13 +42,17 @@ bool Catalog_Statement::run() {
   return result == SQLITE_DONE || result == SQLITE_ROW;
 }
 
-void Catalog_Statement::reset() { sqlite3_reset(statement_.get()); }
+void Catalog_Statement::reset() {
+  sqlite3_reset(statement_.get());
+}
 
 unsigned long long Catalog_Statement::number(int column) const {
   return static_cast<unsigned long long>(sqlite3_column_int64(statement_.get(), column));
 }
 
-long long Catalog_Statement::signed_number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+long long Catalog_Statement::signed_number(int column) const {
+  return sqlite3_column_int64(statement_.get(), column);
+}
 
 std::string_view Catalog_Statement::blob(int column) const {
   const void* bytes = sqlite3_column_blob(statement_.get(), column);
@@ -54,7 +60,9 @@ std::string_view Catalog_Statement::blob(int column) const {
   return bytes == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(bytes), size_t(size));
 }
 
-std::string Catalog_Statement::error() const { return sqlite3_errmsg(sqlite3_db_handle(statement_.get())); }
+std::string Catalog_Statement::error() const {
+  return sqlite3_errmsg(sqlite3_db_handle(statement_.get()));
+}
 
 bool Catalog_Db::open(const std::string& path, int flags, std::string& error) {
   sqlite3* db = nullptr;

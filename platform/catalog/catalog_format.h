@@ -21,15 +21,15 @@ constexpr unsigned FLAG_UNSEEN = 1;
 
 /// An object of a set, and where its data lie.
 struct Catalog_Object {
-  std::string path;                    ///< "bucket/key": bytes
-  unsigned long long ordinal = 0;      ///< place in the set's listing, from 1; objects that were not saved leave gaps
-  unsigned long long size = 0;         ///< bytes of the content
-  long long mtime = 0;                 ///< seconds since the epoch
-  unsigned set = 0;                    ///< whose media hold it: index of a Catalog_Set; 0 is the catalog's own set
-  unsigned channel = 0;                ///< medium within that set, from 0
-  unsigned long long offset = 0;       ///< of its FILE block, bytes from the start of the medium
-  unsigned long long stored = 0;       ///< bytes that it takes on the medium
-  unsigned char sha256[32] = {};       ///< of the content
+  std::string path;               ///< "bucket/key": bytes
+  unsigned long long ordinal = 0; ///< place in the set's listing, from 1; objects that were not saved leave gaps
+  unsigned long long size = 0;    ///< bytes of the content
+  long long mtime = 0;            ///< seconds since the epoch
+  unsigned set = 0;               ///< whose media hold it: index of a Catalog_Set; 0 is the catalog's own set
+  unsigned channel = 0;           ///< medium within that set, from 0
+  unsigned long long offset = 0;  ///< of its FILE block, bytes from the start of the medium
+  unsigned long long stored = 0;  ///< bytes that it takes on the medium
+  unsigned char sha256[32] = {};  ///< of the content
   unsigned flags = 0;
 };
 
@@ -37,30 +37,30 @@ struct Catalog_Object {
 struct Catalog_Set {
   unsigned index = 0;
   std::string uuid;
-  std::string uri;                     ///< folder inside the pool
+  std::string uri; ///< folder inside the pool
   unsigned seq = 0;
 };
 
 /// Something that was listed and is not in the set.
 struct Catalog_Problem {
   enum Kind { SKIPPED = 1, FAILED = 2, NOT_LISTED = 3 } kind = SKIPPED;
-  std::string path;                    ///< "bucket/key", or "bucket/prefix" for NOT_LISTED
-  int number = 0;                      ///< an errno value; 0: none
+  std::string path; ///< "bucket/key", or "bucket/prefix" for NOT_LISTED
+  int number = 0;   ///< an errno value; 0: none
   std::string message;
 };
 
 struct Catalog_Counts {
   unsigned long long objects = 0;
-  unsigned long long bytes = 0;        ///< of their content
-  unsigned long long stored = 0;       ///< bytes that those of the catalog's own set take on media
+  unsigned long long bytes = 0;  ///< of their content
+  unsigned long long stored = 0; ///< bytes that those of the catalog's own set take on media
   unsigned long long folders = 0;
   unsigned long long problems = 0;
 };
 
 /// A run of consecutive ordinals whose objects lie in one folder. A folder may be visited several times.
 struct Catalog_Visit {
-  std::string folder;                  ///< "bucket/a/b/"
+  std::string folder; ///< "bucket/a/b/"
   unsigned long long first = 0;
-  unsigned long long last = 0;         ///< inclusive
-  bool ascending = true;               ///< names rise bytewise over the run
+  unsigned long long last = 0; ///< inclusive
+  bool ascending = true;       ///< names rise bytewise over the run
 };

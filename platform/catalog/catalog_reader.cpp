@@ -329,8 +329,8 @@ private:
     if (step != SQLITE_DONE)
       return failed(meta, error);
     while ((step = sets.step()) == SQLITE_ROW)
-      sets_.push_back({unsigned(sets.number(0)), std::string(sets.blob(1)), std::string(sets.blob(2)),
-                       unsigned(sets.number(3))});
+      sets_.push_back(
+          {unsigned(sets.number(0)), std::string(sets.blob(1)), std::string(sets.blob(2)), unsigned(sets.number(3))});
     if (step != SQLITE_DONE)
       return failed(sets, error);
     if (sets_.empty() || sets_.front().index != 0) {
@@ -343,8 +343,8 @@ private:
   bool prepare(std::string& error) {
     return folder_id_.prepare(db_.get(), "SELECT id FROM folders WHERE path=?", error) &&
            children_.prepare(db_.get(), "SELECT path FROM folders WHERE parent=? AND path>=? ORDER BY path", error) &&
-           visits_.prepare(db_.get(),
-                           "SELECT first,last,ascending FROM visits WHERE folder=? AND last>=? ORDER BY first", error) &&
+           visits_.prepare(
+               db_.get(), "SELECT first,last,ascending FROM visits WHERE folder=? AND last>=? ORDER BY first", error) &&
            range_.prepare(db_.get(),
                           "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ? ORDER BY o.ordinal",
                           error) &&
@@ -477,11 +477,11 @@ private:
   const std::string path_;
   Catalog_Db db_;
   Catalog_Statement folder_id_, children_, visits_, range_, named_, visit_of_, scan_;
-  std::string entered_;                ///< folder of `match`
-  std::string matched_;                ///< the last name that the scan was asked for
+  std::string entered_; ///< folder of `match`
+  std::string matched_; ///< the last name that the scan was asked for
   bool folder_there_ = false;
   bool scanning_ = false;
-  int row_ = SQLITE_DONE;              ///< state of `scan_`
+  int row_ = SQLITE_DONE; ///< state of `scan_`
   Catalog_Counts counts_;
   std::vector<Catalog_Set> sets_;
 };

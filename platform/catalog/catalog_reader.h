@@ -9,18 +9,18 @@
 
 /// What a catalog is asked for: nothing selects every object.
 struct Catalog_Selection {
-  std::vector<std::string> folders;    ///< "bucket/" or "bucket/a/": everything below
-  std::vector<std::string> objects;    ///< "bucket/key"
+  std::vector<std::string> folders; ///< "bucket/" or "bucket/a/": everything below
+  std::vector<std::string> objects; ///< "bucket/key"
 
   bool everything() const { return folders.empty() && objects.empty(); }
 };
 
 /// One page of a folder: its subfolders first, then its objects in the order of the listing.
 struct Catalog_Page {
-  std::vector<std::string> folders;    ///< whole paths, "bucket/a/b/"
+  std::vector<std::string> folders; ///< whole paths, "bucket/a/b/"
   std::vector<Catalog_Object> objects;
   bool truncated = false;
-  std::string next_marker;             ///< where the next page begins; opaque
+  std::string next_marker; ///< where the next page begins; opaque
 };
 
 /// Reads the catalog of a finished set. Nothing is ever read whole: a folder costs its own rows, a walk one row at a

@@ -95,8 +95,8 @@ protected:
   std::string error_;
 };
 
-const std::vector<std::string> TREE = {"b/1",   "b/2",     "b//x",   "b/a/1",     "b/a/\xff\x01",
-                                       "b/a/b/y", "b/c/d/e", "b2/k", std::string("b2/k/") + "\xc3\xa9"};
+const std::vector<std::string> TREE = {
+    "b/1", "b/2", "b//x", "b/a/1", "b/a/\xff\x01", "b/a/b/y", "b/c/d/e", "b2/k", std::string("b2/k/") + "\xc3\xa9"};
 
 TEST_F(Catalog, shuffled_rows_come_back_in_hand_out_order) {
   std::vector<size_t> order(TREE.size());

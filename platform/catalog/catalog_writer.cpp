@@ -58,8 +58,7 @@ bool sync_path(const std::string& path, int flags, std::string& error) {
 
 class Catalog_Writer_Impl : public Catalog_Writer {
 public:
-  explicit Catalog_Writer_Impl(const std::string& folder)
-      : folder_(folder), path_(folder + "/" + catalog::FILE_NAME) {}
+  explicit Catalog_Writer_Impl(const std::string& folder) : folder_(folder), path_(folder + "/" + catalog::FILE_NAME) {}
 
   ~Catalog_Writer_Impl() override {
     fail("given up");
@@ -248,7 +247,8 @@ private:
     // The version says that the catalog is whole: until now it is 0.
     const std::string end = "CREATE INDEX folders_parent ON folders(parent, path);"
                             "CREATE INDEX visits_folder ON visits(folder, first);"
-                            "PRAGMA application_id=" + std::to_string(catalog::APPLICATION_ID) +
+                            "PRAGMA application_id=" +
+                            std::to_string(catalog::APPLICATION_ID) +
                             "; PRAGMA user_version=" + std::to_string(catalog::FORMAT_VERSION) + "; COMMIT";
     if (!db_.execute(end.c_str(), error))
       return false;
@@ -265,7 +265,7 @@ private:
   unsigned long long last_id_ = 0;
   Catalog_Counts counts_;
 
-  mutable std::mutex mutex_;                  ///< guards the queue, `closing_` and `error_`
+  mutable std::mutex mutex_; ///< guards the queue, `closing_` and `error_`
   std::condition_variable rows_;
   std::condition_variable room_;
   std::deque<Row> queue_;

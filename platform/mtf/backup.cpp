@@ -1,6 +1,7 @@
 #include "sdk/mtf/mtf_backup.h"
 
 #include "platform/mtf/backup_engine.h"
+#include "platform/mtf/source_order.h"
 #include "sdk/file_backup/file_backup.h"
 
 MTF_Compression compression_to_mtf(Compression_Method method) {
@@ -31,7 +32,7 @@ struct MTF_Backup::Impl {
   std::string cache_path;
   unsigned seq = 0;
   unsigned base_seq = 0;
-  std::unique_ptr<Backup_Engine> engine;   ///< keeps the set's folder locked until it is committed
+  std::unique_ptr<Backup_Engine> engine; ///< keeps the set's folder locked until it is committed
 };
 
 MTF_Backup::MTF_Backup(MTF::Event_Handler_var event_handler, MTF::Metadata& metadata,
@@ -101,6 +102,7 @@ void MTF_Backup::incremental(bool value) {
 bool MTF_Backup::backup(const std::string& target) {
   Impl& i = *impl_;
   i.order.base_seq = i.seq;
+  i.order.sources = arrange_sources(std::move(i.order.sources));
   std::string pool_uuid = i.pool_uuid;
   std::string location = target;
   if (i.order.uri_prefix.empty())

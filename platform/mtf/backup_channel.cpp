@@ -227,8 +227,7 @@ void Backup_Channel::throttle(unsigned long long bytes) {
     throttled_ = 0;
   }
   throttled_ += bytes;
-  const double wait =
-      throttle_start_ + static_cast<double>(throttled_) / static_cast<double>(shared_.rate_limit) - now;
+  const double wait = throttle_start_ + static_cast<double>(throttled_) / static_cast<double>(shared_.rate_limit) - now;
   if (wait > 0)
     shared_.queue->wait_while_paused(wait);
 }

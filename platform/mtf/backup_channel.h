@@ -1,9 +1,9 @@
 #pragma once
 
-#include "platform/mtf/run_account.h"
 #include "platform/mtf/backup_queue.h"
 #include "platform/mtf/backup_reading.h"
 #include "platform/mtf/medium_writer.h"
+#include "platform/mtf/run_account.h"
 
 #include <functional>
 #include <memory>
@@ -14,8 +14,8 @@
 struct Backup_Shared {
   Backup_Limits limits;
   Codec_Options codec;
-  unsigned seq = 0;                    ///< of the set that is being written
-  unsigned long long rate_limit = 0;   ///< bytes per second of one channel; 0: none
+  unsigned seq = 0;                  ///< of the set that is being written
+  unsigned long long rate_limit = 0; ///< bytes per second of one channel; 0: none
   MTF::IBackup_Callback_var callback;
   Backup_Queue* queue = nullptr;
   Run_Account* account = nullptr;
@@ -57,8 +57,8 @@ private:
   Backup_Shared& shared_;
   const unsigned number_;
   std::unique_ptr<Medium_Writer> medium_;
-  std::shared_ptr<const std::string> folder_;   ///< of the object written last
-  unsigned long long throttled_ = 0;            ///< bytes since `throttle_start_`
+  std::shared_ptr<const std::string> folder_; ///< of the object written last
+  unsigned long long throttled_ = 0;          ///< bytes since `throttle_start_`
   double throttle_start_ = 0;
   bool finished_ = false;
 };

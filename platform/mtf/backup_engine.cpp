@@ -55,13 +55,8 @@ std::string set_uri(const Pool& pool, const std::string& prefix, const std::stri
 
 struct Backup_Engine::Impl {
   Impl(Backup_Order o, Event_Handler_var h, Metadata& m, std::shared_ptr<ACE_Log_Msg_Callback> l)
-      : order(std::move(o)),
-        handler(h),
-        metadata(m),
-        log(std::move(l)),
-        job(Job::current()),
-        ledger(job != nullptr ? job->ledger() : nullptr),
-        account(h),
+      : order(std::move(o)), handler(h), metadata(m), log(std::move(l)), job(Job::current()),
+        ledger(job != nullptr ? job->ledger() : nullptr), account(h),
         queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {}
 
   bool prepare(const std::string& location, const std::string& pool_uuid);
@@ -90,14 +85,15 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
+  std::unique_ptr<Backup_Base> base; ///< null: every object is stored
   std::unique_ptr<Listing_Events> events;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
   ISrc_Lister_var lister;
-  unsigned long long set_bytes = 0;      ///< on media and in the catalog
+  unsigned long long set_bytes = 0; ///< on media and in the catalog
 
   Engine_Threads threads;
-  std::mutex mutex;                      ///< guards what follows
+  std::mutex mutex; ///< guards what follows
   Error_Code code = E_OK;
   std::string failure;
 };
@@ -166,6 +162,11 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     return false;
   }
   account.catalog(catalog.get());
+  if (order.incremental && order.base_seq != 0) {
+    base = Backup_Base::open(pool, uri.substr(0, uri.rfind('/')), order.base_seq, error);
+    if (!base)
+      engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
+  }
   return make_media();
 }
 
@@ -188,7 +189,7 @@ bool Backup_Engine::Impl::make_media() {
     identity.description = metadata.minor_resource_name;
     identity.user = metadata.uid;
     identity.machine = metadata.host;
-    identity.incremental = order.incremental;
+    identity.incremental = base != nullptr;
     identity.write_date = Clock::instance().now();
     auto medium = Medium_Writer::create(pool.set_folder(uri) + "/" + medium_name(i), identity, error);
     if (!medium) {
@@ -201,18 +202,23 @@ bool Backup_Engine::Impl::make_media() {
 }
 
 void Backup_Engine::Impl::start(const std::string& name, std::function<void()> body) {
-  threads.start(name, std::move(body), [this](const std::string& why) { fail(E_FAILED, "The backup ends: " + why + "."); });
+  threads.start(name, std::move(body),
+                [this](const std::string& why) { fail(E_FAILED, "The backup ends: " + why + "."); });
 }
 
 void Backup_Engine::Impl::list() {
-  Backup_Listing listing(queue, *catalog, account);
+  Backup_Listing listing(queue, *catalog, account, base.get());
   const int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
     const bool taken = block && listing.take(*block);
     if (!taken)
       events->refused();
     return taken;
   });
-  const bool whole = listing.finish();
+  std::vector<std::string> not_listed;
+  if (ledger)
+    for (const S3_Ledger::Failed_Listing& one : ledger->failed_listings())
+      not_listed.push_back(one.path);
+  const bool whole = (result != 0 || listing.compare(not_listed, order.sources)) && listing.finish();
   if (!catalog->error().empty())
     fail(E_WRITE_MEDIUM, catalog->error());
   else if (!listing.error().empty())
@@ -278,7 +284,7 @@ bool Backup_Engine::Impl::write_objects() {
 }
 
 bool Backup_Engine::Impl::complete() {
-  if (account.saved_objects() == 0 && account.problems() != 0) {
+  if (account.saved_objects() + account.unchanged_objects() == 0 && account.problems() != 0) {
     fail(E_NO_FILES_BACKUPED, "No object could be backed up.");
     return false;
   }
@@ -299,7 +305,7 @@ bool Backup_Engine::Impl::complete() {
   metadata.seq = order.base_seq + 1;
   metadata.channels = static_cast<unsigned>(channels.size());
   metadata.set_uri = uri;
-  metadata.base_uuid.clear();
+  metadata.base_uuid = base ? base->uuid() : std::string();
   return true;
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "platform/mtf/run_account.h"
 #include "platform/mtf/backup_limits.h"
 #include "platform/mtf/object_image.h"
+#include "platform/mtf/run_account.h"
 #include "platform/pool/pool.h"
 #include "sdk/mtf/mtf_backup.h"
 
@@ -16,9 +16,9 @@ struct Backup_Order {
   MTF::IBackup_Callback_Factory_var factory;
   const MTF::IFilter* filter = nullptr;
   Action_Handler_var actions;
-  std::string uuid;                    ///< of the set
-  std::string uri_prefix;              ///< "HOST/RESOURCE/ACTIVITY", or one of which only HOST and RESOURCE count
-  unsigned base_seq = 0;               ///< of the last set of the chain; 0: none
+  std::string uuid;       ///< of the set
+  std::string uri_prefix; ///< "HOST/RESOURCE/ACTIVITY", or one of which only HOST and RESOURCE count
+  unsigned base_seq = 0;  ///< of the last set of the chain; 0: none
   bool incremental = false;
   unsigned channels = 1;
   unsigned scan_threads = 8;
@@ -44,11 +44,11 @@ public:
   bool refuse(MTF::Error_Code code, const std::string& error);
 
   MTF::Error_Code err_code() const;
-  const std::string& failure() const;            ///< why the run failed; empty otherwise
+  const std::string& failure() const; ///< why the run failed; empty otherwise
   unsigned long long size() const;
   unsigned long long set_size() const;
   unsigned long long set_storage_size() const;
-  size_t peak_bytes() const;                     ///< the most that the byte budget held
+  size_t peak_bytes() const; ///< the most that the byte budget held
 
 private:
   struct Impl;

@@ -9,8 +9,9 @@ struct Backup_Limits {
   size_t small_object = 1u << 20;
   /// Bytes of objects that are being read or wait to be written, over all channels.
   size_t byte_budget = 64u << 20;
-  /// What an object costs beside its content: its item, its block, the medium's padding.
-  size_t object_overhead = 8192;
+  /// What an object is taken to cost beside its content: its item, its block, the padding, the allocator. Also what
+  /// bounds the number of small objects under way.
+  size_t object_overhead = 16384;
   /// Objects listed and not yet being read.
   size_t listed_ahead = 4096;
   /// Of the buffer that a streaming object is read through.

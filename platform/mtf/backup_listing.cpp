@@ -96,14 +96,75 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     account_.skipped(item->path(), "A key with a NUL byte is not supported.");
     return true;
   }
+  if (visit_.first == 0 && base_ != nullptr && !base_->enter(*folder_)) {
+    error_ = base_->error();
+    return false;
+  }
+  visit(item->name);
+  Catalog_Object known;
+  if (base_ != nullptr && base_->unchanged(item->name, item->size, item->mtime, known)) {
+    known.ordinal = ordinal_;
+    account_.unchanged();
+    return catalog_.add_object(known);
+  }
+  if (base_ != nullptr && !base_->error().empty()) {
+    error_ = base_->error();
+    return false;
+  }
+  return queue_.push(std::move(item));
+}
+
+/// Takes the object that has just been numbered into the folder's run.
+void Backup_Listing::visit(const std::string& name) {
   if (visit_.first == 0) {
     visit_.folder = *folder_;
     visit_.first = ordinal_;
     visit_.ascending = true;
-  } else if (item->name <= last_name_) {
+  } else if (name <= last_name_) {
     visit_.ascending = false;
   }
   visit_.last = ordinal_;
-  last_name_ = item->name;
-  return queue_.push(std::move(item));
+  last_name_ = name;
+}
+
+bool Backup_Listing::carry(Catalog_Object& object) {
+  const size_t name = object.path.rfind('/') + 1;
+  const std::string folder = object.path.substr(0, name);
+  if (!folder_ || *folder_ != folder) {
+    if (!finish() || !catalog_.add_folder(folder))
+      return false;
+    folder_ = std::make_shared<const std::string>(folder);
+  }
+  object.ordinal = ++ordinal_;
+  object.flags |= catalog::FLAG_UNSEEN;
+  visit(object.path.substr(name));
+  return catalog_.add_object(object);
+}
+
+bool Backup_Listing::compare(const std::vector<std::string>& not_listed, const std::list<std::string>& sources) {
+  if (base_ == nullptr)
+    return true;
+  const auto path_of = [](const std::string& path) {
+    return path.substr(!path.empty() && path.front() == '/' ? 1 : 0);
+  };
+  bool done = true;
+  for (const std::string& one : not_listed) {
+    std::string path = path_of(one);
+    if (!path.empty() && path.back() != '/')
+      path.push_back('/');
+    done = done && base_->not_shown(path, true, [this](Catalog_Object& object) { return carry(object); });
+  }
+  unsigned long long gone = 0;
+  const auto count = [&gone](Catalog_Object&) {
+    ++gone;
+    return true;
+  };
+  if (sources.empty())
+    done = done && base_->not_shown("", false, count);
+  for (const std::string& source : sources)
+    done = done && base_->not_shown(path_of(source), false, count);
+  account_.deleted(gone);
+  if (!done)
+    error_ = base_->error();
+  return done && base_->add_sets(catalog_);
 }

@@ -1,20 +1,21 @@
 #pragma once
 
-#include "platform/mtf/run_account.h"
+#include "platform/mtf/backup_base.h"
 #include "platform/mtf/backup_queue.h"
+#include "platform/mtf/run_account.h"
 
 #include <atomic>
+#include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 /// The event handler that a source lister gets: passes on what the lister says, takes it into the account, and answers
 /// that the run is being cancelled as soon as it has to end for whatever reason.
 class Listing_Events : public MTF::Event_Handler {
 public:
   Listing_Events(MTF::Event_Handler_var handler, Run_Account& account, Catalog_Writer& catalog)
-      : MTF::Event_Handler(handler.null() ? 0 : handler->mode()),
-        handler_(handler),
-        account_(account),
+      : MTF::Event_Handler(handler.null() ? 0 : handler->mode()), handler_(handler), account_(account),
         catalog_(catalog) {}
 
   void stop() { stopping_ = true; }
@@ -36,15 +37,19 @@ private:
   std::atomic<unsigned long long> refused_{0};
 };
 
-/// Turns the lister's blocks into objects for the queue and folders for the catalog, and numbers the objects. On the
-/// lister's thread.
+/// Turns the lister's blocks into objects for the queue and folders for the catalog, and numbers the objects. What the
+/// base has unchanged goes straight into the catalog. On the lister's thread.
 class Backup_Listing {
 public:
-  Backup_Listing(Backup_Queue& queue, Catalog_Writer& catalog, Run_Account& account)
-      : queue_(queue), catalog_(catalog), account_(account) {}
+  /// `base` may be null.
+  Backup_Listing(Backup_Queue& queue, Catalog_Writer& catalog, Run_Account& account, Backup_Base* base)
+      : queue_(queue), catalog_(catalog), account_(account), base_(base) {}
 
   /// False when the block makes no sense, the run is stopped, or the catalog failed.
   bool take(const MTF::Cat_Blk& block);
+  /// After the last block: carries over from the base what lies below the prefixes that could not be listed, and
+  /// counts what is gone below the `sources`. False when a catalog failed.
+  bool compare(const std::vector<std::string>& not_listed, const std::list<std::string>& sources);
   /// Ends the last folder. False when the catalog failed.
   bool finish();
   /// What was wrong with a refused block; empty when it was not the block.
@@ -53,12 +58,15 @@ public:
 private:
   bool enter(const std::string& name);
   bool object(const MTF::Cat_Blk& block);
+  void visit(const std::string& name);
+  bool carry(Catalog_Object& object);
 
   Backup_Queue& queue_;
   Catalog_Writer& catalog_;
   Run_Account& account_;
+  Backup_Base* const base_;
   std::shared_ptr<const std::string> folder_;
-  Catalog_Visit visit_;                ///< of `folder_`; `first` is 0 while it has no object
+  Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;
   unsigned long long ordinal_ = 0;
   std::string error_;

@@ -22,13 +22,15 @@ void Backup_Queue::charge(Backup_Item& item, size_t bytes) {
 void Backup_Queue::release(Backup_Item& item, size_t bytes) {
   item.reserved -= bytes;
   used_ -= bytes;
-  budget_.notify_one();
+  // Readers that wait for the budget are woken together, once there is work for several of them; what is claimed always
+  // ends, so this point is always reached.
+  if (used_ <= limits_.byte_budget - limits_.byte_budget / 8)
+    budget_.notify_all();
 }
 
-/// Whoever cannot use a wake-up, or leaves something for others, hands it on: each signal wakes one reader only.
+/// Whoever cannot use a wake-up, or leaves something for others, hands it on: an arrival wakes one reader only.
 void Backup_Queue::pass_on() {
   arrived_.notify_one();
-  budget_.notify_one();
 }
 
 void Backup_Queue::wake_all() {

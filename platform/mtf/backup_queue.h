@@ -14,21 +14,21 @@
 /// A listed object on its way to a medium.
 struct Backup_Item {
   enum State {
-    READING,                           ///< a reader has it
-    READY,                             ///< `image` is whole
-    STREAM,                            ///< the channel's writer is to read it
-    DROPPED                            ///< it could not be read, which is accounted for
+    READING, ///< a reader has it
+    READY,   ///< `image` is whole
+    STREAM,  ///< the channel's writer is to read it
+    DROPPED  ///< it could not be read, which is accounted for
   };
 
-  std::shared_ptr<const std::string> folder;   ///< "bucket/a/", shared by the objects of one visit
+  std::shared_ptr<const std::string> folder; ///< "bucket/a/", shared by the objects of one visit
   std::string name;
   unsigned long long ordinal = 0;
-  unsigned long long size = 0;         ///< as listed, then as the answer said
+  unsigned long long size = 0; ///< as listed, then as the answer said
   long long mtime = 0;
   State state = READING;
-  size_t reserved = 0;                 ///< bytes of the budget that it holds
-  MTF::IFile_Reader_var reader;        ///< STREAM: already open on it; null: to be opened
-  Object_Image image;                  ///< READY
+  size_t reserved = 0;          ///< bytes of the budget that it holds
+  MTF::IFile_Reader_var reader; ///< STREAM: already open on it; null: to be opened
+  Object_Image image;           ///< READY
 
   std::string path() const { return *folder + name; }
 };
@@ -71,13 +71,13 @@ public:
   /// Blocks while paused, or until `seconds` have gone when that is not 0. False once stopped.
   bool wait_while_paused(double seconds = 0);
 
-  size_t peak_bytes() const;           ///< the most that was reserved at one time
+  size_t peak_bytes() const; ///< the most that was reserved at one time
 
 private:
   struct Channel {
     std::deque<std::unique_ptr<Backup_Item>> claimed;
-    unsigned streams = 0;              ///< claimed and not yet done
-    std::condition_variable front;     ///< the front one may be taken, or the end is reached
+    unsigned streams = 0;          ///< claimed and not yet done
+    std::condition_variable front; ///< the front one may be taken, or the end is reached
   };
 
   size_t need(const Backup_Item& item) const;
@@ -88,11 +88,11 @@ private:
   void release(Backup_Item& item, size_t bytes);
 
   const Backup_Limits limits_;
-  mutable std::mutex mutex_;           ///< guards everything below
+  mutable std::mutex mutex_; ///< guards everything below
   std::condition_variable room_;
   std::condition_variable arrived_;
   std::condition_variable budget_;
-  std::condition_variable streams_;    ///< a large object left the front, or a channel is done with one
+  std::condition_variable streams_; ///< a large object left the front, or a channel is done with one
   std::condition_variable resumed_;
   std::deque<std::unique_ptr<Backup_Item>> waiting_;
   std::vector<std::unique_ptr<Channel>> channels_;

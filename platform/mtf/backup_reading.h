@@ -9,9 +9,9 @@
 /// How reading one object of the source ended.
 enum class Reading_Outcome {
   DONE,
-  SKIPPED,      ///< it cannot be had: gone, or may not be read
-  FAILED,       ///< what came is not the object as it was announced
-  ABANDONED     ///< the receiver of the bytes wants no more
+  SKIPPED,  ///< it cannot be had: gone, or may not be read
+  FAILED,   ///< what came is not the object as it was announced
+  ABANDONED ///< the receiver of the bytes wants no more
 };
 
 /// Reads one object through a reader, holding it to what it announces: exactly as many bytes as its size, no fewer and
@@ -39,8 +39,8 @@ public:
 
   unsigned long long size() const { return size_; }
   long long mtime() const { return mtime_; }
-  unsigned long long bytes() const { return bytes_; }    ///< that came, wanted or not
-  int number() const { return number_; }                 ///< an errno value; 0: none
+  unsigned long long bytes() const { return bytes_; } ///< that came, wanted or not
+  int number() const { return number_; }              ///< an errno value; 0: none
   const std::string& message() const { return message_; }
 
 private:

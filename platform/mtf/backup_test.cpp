@@ -2,11 +2,14 @@
 #include "platform/mtf/backup_engine.h"
 #include "platform/mtf/fake_source_test.h"
 #include "platform/mtf/medium_reader.h"
+#include "platform/s3/ledger.h"
+#include "sdk/job/job.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -117,6 +120,35 @@ protected:
     EXPECT_EQ(expected, found);
   }
 
+  /// Makes the set that was just written exist.
+  void commit() {
+    Set_Record record;
+    record.uuid = order_.uuid;
+    record.seq = metadata_.seq;
+    record.uri = metadata_.set_uri;
+    ASSERT_TRUE(write_set_record(folder(), record, error_)) << error_;
+  }
+
+  /// The same for a set whose data lie also in the sets in the folders `others`, by their index from 1.
+  void expect_set_over(const std::vector<std::string>& others) {
+    auto catalog = Catalog_Reader::open(folder(), error_);
+    ASSERT_TRUE(catalog) << error_;
+    const std::string own = metadata_.set_uri;
+    std::vector<std::string> found;
+    ASSERT_TRUE(catalog->walk(
+        "",
+        [&](const Catalog_Object& object) {
+          found.push_back(object.path);
+          metadata_.set_uri = object.set == 0 ? own : others.at(object.set - 1);
+          EXPECT_EQ(source_.objects[object.path].data, content(object)) << object.path;
+          EXPECT_EQ(source_.objects[object.path].mtime, object.mtime);
+          return true;
+        },
+        error_));
+    metadata_.set_uri = own;
+    EXPECT_EQ(source_.order, found);
+  }
+
   void fill(unsigned count, unsigned most, unsigned seed) {
     std::mt19937 random(seed);
     for (unsigned i = 0; i < count; ++i) {
@@ -170,6 +202,18 @@ TEST_F(Backup, large_objects_stream_through_their_channels) {
   fill(80, 60000, 2);
   ASSERT_TRUE(run()) << engine_->failure();
   expect_set();
+}
+
+TEST_F(Backup, compressed_objects_come_back_as_they_were) {
+  order_.codec.compression = MTF_COMPRESSION_ZSTD;
+  order_.limits.small_object = 10000;
+  fill(40, 20000, 20);
+  for (unsigned i = 0; i < 20; ++i)
+    source_.add("b/text/" + std::to_string(100 + i), std::string(i * 3000, 'a'));
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_set();
+  EXPECT_EQ(60u, events_->figure("saved"));
+  EXPECT_LT(engine_->set_storage_size(), engine_->size() + 60 * 4096);
 }
 
 TEST_F(Backup, byte_budget_bounds_what_is_in_memory) {
@@ -403,6 +447,178 @@ TEST_F(Backup, pause_holds_the_readers_and_resume_goes_on) {
   EXPECT_TRUE(run());
   other.join();
   expect_set();
+}
+
+TEST_F(Backup, incremental_stores_what_changed_and_knows_where_the_rest_lies) {
+  fill(200, 3000, 30);
+  source_.add("c/other", "other bucket");
+  source_.add("c/x/one", "1");
+  order_.sources = {"/b/", "/c/"};
+  ASSERT_TRUE(run());
+  commit();
+  const Metadata first = metadata_;
+
+  source_.at("b/d001/o00045").data += "longer";
+  source_.at("b/d001/o00046").mtime += 1;
+  source_.order.erase(std::find(source_.order.begin(), source_.order.end(), "b/d002/o00100"));
+  // The sources come in another order, and a folder has gained an object in its middle.
+  std::rotate(source_.order.begin(), std::find(source_.order.begin(), source_.order.end(), "c/other"),
+              source_.order.end());
+  source_.order.insert(std::find(source_.order.begin(), source_.order.end(), "b/d003/o00121"), "b/d003/o00120a");
+  source_.objects["b/d003/o00120a"].data = "new";
+  order_.sources = {"/c/", "/b/"};
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  const unsigned opened = source_.opened;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(3u, source_.opened - opened) << "unchanged objects cost no request";
+  EXPECT_EQ(3u, events_->figure("saved"));
+  EXPECT_EQ(199u, events_->figure("unchanged"));
+  EXPECT_EQ(1u, events_->figure("deleted"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_EQ("set-1", metadata_.base_uuid);
+  EXPECT_EQ(2u, metadata_.seq);
+  expect_set_over({first.set_uri});
+  commit();
+
+  // A third one reaches through the second into the first.
+  order_.uuid = "set-3";
+  order_.base_seq = 2;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(0u, events_->figure("saved"));
+  EXPECT_EQ(202u, events_->figure("unchanged"));
+  auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog);
+  ASSERT_EQ(3u, catalog->sets().size());
+  EXPECT_EQ("set-2", catalog->sets()[1].uuid);
+  EXPECT_EQ("set-1", catalog->sets()[2].uuid);
+  expect_set_over({"host/res/set-2", first.set_uri});
+}
+
+TEST_F(Backup, incremental_without_its_base_stores_everything) {
+  fill(20, 300, 31);
+  order_.base_seq = 4;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(20u, events_->figure("saved"));
+  EXPECT_EQ("", metadata_.base_uuid);
+  expect_set();
+}
+
+TEST_F(Backup, folder_visited_twice_counts_no_deletions) {
+  fill(10, 300, 32);
+  source_.add("b/e/x", "x");
+  ASSERT_TRUE(run());
+  commit();
+  // Single objects first, then all of their folder again.
+  source_.order = {"b/d000/o00005", "b/e/x"};
+  for (unsigned i = 0; i < 10; ++i)
+    source_.order.push_back("b/d000/o0000" + std::to_string(i));
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(12u, events_->figure("unchanged"));
+  EXPECT_EQ(0u, events_->figure("deleted"));
+}
+
+/// A job whose ledger says what the S3 layer saw.
+class Backup_Of_Job : public Backup {
+protected:
+  void SetUp() override {
+    Backup::SetUp();
+    job_ = new Job(Job_Definition_var(new Job_Definition));
+    Job::current(job_);
+  }
+  void TearDown() override {
+    Backup::TearDown();
+    Job::current(nullptr);
+    Job::intrusive_remove_ref(job_);
+  }
+  S3_Ledger& ledger() { return *job_->ledger(); }
+
+  Job* job_ = nullptr;
+};
+
+TEST_F(Backup_Of_Job, what_was_listed_and_not_handed_out_was_excluded) {
+  fill(10, 100, 40);
+  ledger().listed_keys = 17;
+  ledger().head_objects = 1;
+  ledger().folder_object("/b/empty/", 0);
+  ledger().folder_object("/b/full/", 5);
+  ledger().requests = 44;
+  ASSERT_TRUE(run());
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(18u, events_->figure("listed"));
+  EXPECT_EQ(10u, events_->figure("saved"));
+  EXPECT_EQ(7u, events_->figure("excluded"));
+  EXPECT_EQ(1u, events_->figure("skipped"));
+  EXPECT_EQ(44u, events_->figure("requests"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_TRUE(events_->named("/b/full/"));
+  EXPECT_FALSE(events_->named("/b/empty/"));
+}
+
+TEST_F(Backup_Of_Job, what_an_aborted_run_listed_was_not_reached) {
+  fill(10, 100, 41);
+  ledger().listed_keys = 500;
+  source_.list_result = -1;
+  EXPECT_FALSE(run());
+  EXPECT_EQ(500u, events_->figure("listed"));
+  EXPECT_EQ(500u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+}
+
+TEST_F(Backup_Of_Job, engine_threads_work_for_the_callers_job) {
+  fill(10, 100, 42);
+  std::atomic<unsigned> others{0};
+  source_.on_open = [&](const std::string&) { others += Job::current() != job_; };
+  source_.on_list_start = [&](Event_Handler*) { others += Job::current() != job_; };
+  ASSERT_TRUE(run());
+  EXPECT_EQ(0u, others);
+}
+
+TEST_F(Backup_Of_Job, prefix_that_could_not_be_listed_is_carried_over_unseen_and_no_deletion) {
+  fill(120, 300, 43);
+  ASSERT_TRUE(run());
+  commit();
+  // d001 fails after its first objects, d002 has lost one.
+  const std::vector<std::string> before = source_.order;
+  source_.order.clear();
+  for (const std::string& path : before)
+    if (path != "b/d002/o00090" && (path.compare(0, 7, "b/d001/") != 0 || path < "b/d001/o00045"))
+      source_.order.push_back(path);
+  ledger().listing_failed("/b/d001/", "AccessDenied: no");
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(1u, events_->figure("deleted"));
+  EXPECT_EQ(84u, events_->figure("unchanged"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_TRUE(events_->named("/b/d001/"));
+  EXPECT_EQ(1u, handler_->skipped_dirs());
+  auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog);
+  EXPECT_EQ(119u, catalog->counts().objects);
+  unsigned unseen = 0;
+  ASSERT_TRUE(catalog->walk(
+      "",
+      [&](const Catalog_Object& object) {
+        EXPECT_NE("b/d002/o00090", object.path);
+        EXPECT_EQ(object.path.compare(0, 7, "b/d001/") == 0 && object.path >= "b/d001/o00045",
+                  (object.flags & catalog::FLAG_UNSEEN) != 0)
+            << object.path;
+        unseen += object.flags & catalog::FLAG_UNSEEN;
+        return true;
+      },
+      error_));
+  EXPECT_EQ(35u, unseen);
+  Catalog_Object object;
+  EXPECT_TRUE(catalog->find("b/d001/o00079", object, error_));
+  EXPECT_TRUE(catalog->find("b/d001/o00041", object, error_));
 }
 
 /// Bounds the size of any file that is written, as a full disk would.

@@ -27,7 +27,7 @@ public:
 private:
   Job* const job_;
   std::vector<std::thread> threads_;
-  std::mutex mutex_;                   ///< guards `running_`
+  std::mutex mutex_; ///< guards `running_`
   std::condition_variable ended_;
   unsigned running_ = 0;
 };

@@ -15,13 +15,13 @@
 struct Fake_Object {
   std::string data;
   long long mtime = 1700000000;
-  unsigned long long listed_size = ~0ull;   ///< what the listing says; ~0: the truth
-  bool gone = false;                        ///< cannot be opened
+  unsigned long long listed_size = ~0ull; ///< what the listing says; ~0: the truth
+  bool gone = false;                      ///< cannot be opened
   bool no_status = false;
-  long long announced = -1;                 ///< what the answer's head says; -1: the truth
-  long long break_at = -1;                  ///< the source breaks off here, once
-  bool stays_broken = false;                ///< and nothing more ever comes
-  long long fail_at = -1;                   ///< reading fails here
+  long long announced = -1;  ///< what the answer's head says; -1: the truth
+  long long break_at = -1;   ///< the source breaks off here, once
+  bool stays_broken = false; ///< and nothing more ever comes
+  long long fail_at = -1;    ///< reading fails here
 };
 
 class Fake_Source {
@@ -33,13 +33,13 @@ public:
     return objects[path];
   }
 
-  std::map<std::string, Fake_Object> objects;   ///< by "bucket/key"
-  std::vector<std::string> order;               ///< of the listing
+  std::map<std::string, Fake_Object> objects; ///< by "bucket/key"
+  std::vector<std::string> order;             ///< of the listing
   std::atomic<unsigned> opened{0};
   std::atomic<unsigned> open_now{0};
   std::atomic<unsigned> most_open{0};
-  std::function<void(const std::string&)> on_open;      ///< called by every reader
-  std::function<bool(unsigned)> on_list;                ///< before the Nth object, from 0; false ends the listing
+  std::function<void(const std::string&)> on_open; ///< called by every reader
+  std::function<bool(unsigned)> on_list;           ///< before the Nth object, from 0; false ends the listing
   std::function<void(MTF::Event_Handler*)> on_list_start;
   bool refuse_callback = false;
   bool refuse_lister = false;
@@ -198,10 +198,9 @@ public:
   bool lstat(const char*, MTF::Callback_Stat&) override { return true; }
   int readlink(const char*, char*, size_t) override { return -1; }
   MTF::IFile_Reader_var make_file_reader() override { return MTF::IFile_Reader_var(new Fake_Reader(source_)); }
-  MTF::ISrc_Lister_var make_source_lister(const std::list<std::string>*, unsigned short seq,
-                                          MTF::Event_Handler* events, const MTF::IFilter*, int) override {
-    return source_.refuse_lister ? MTF::ISrc_Lister_var()
-                                 : MTF::ISrc_Lister_var(new Fake_Lister(source_, seq, events));
+  MTF::ISrc_Lister_var make_source_lister(const std::list<std::string>*, unsigned short seq, MTF::Event_Handler* events,
+                                          const MTF::IFilter*, int) override {
+    return source_.refuse_lister ? MTF::ISrc_Lister_var() : MTF::ISrc_Lister_var(new Fake_Lister(source_, seq, events));
   }
   int read_dirs(const char*, std::list<std::string>&) override { return 0; }
 
@@ -261,5 +260,5 @@ public:
   json_spirit::Object outcome;
   std::atomic<bool> cancel{false};
   std::atomic<bool> pause{false};
-  std::atomic<bool> seen{false};       ///< the cancel was answered
+  std::atomic<bool> seen{false}; ///< the cancel was answered
 };

@@ -141,8 +141,8 @@ bool Stored_Reading::open(const Media_Task& task) {
   if (head.path != object_->path)
     error_ = "another object lies at its place on the medium";
   else if (head.size != object_->size)
-    error_ = "the medium holds " + std::to_string(head.size) + " bytes of it instead of " +
-             std::to_string(object_->size);
+    error_ =
+        "the medium holds " + std::to_string(head.size) + " bytes of it instead of " + std::to_string(object_->size);
   else
     return true;
   reader_.reset();

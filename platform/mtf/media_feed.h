@@ -17,8 +17,8 @@ std::string medium_name(unsigned channel);
 /// An object to be read, and the medium that holds it.
 struct Media_Task {
   Catalog_Object object;
-  std::shared_ptr<Medium_Reader> medium;   ///< null: it cannot be read
-  std::string error;                       ///< why
+  std::shared_ptr<Medium_Reader> medium; ///< null: it cannot be read
+  std::string error;                     ///< why
 };
 
 /// Hands the objects of a set out to the threads that read them, medium by medium and in the order in which they lie
@@ -49,7 +49,7 @@ private:
   const Set_Record& record_;
   Catalog_Reader& catalog_;
   std::vector<std::string> findings_;
-  mutable std::mutex mutex_;           ///< guards what follows
+  mutable std::mutex mutex_; ///< guards what follows
   std::condition_variable room_;
   std::condition_variable arrived_;
   std::deque<Media_Task> tasks_;
@@ -70,7 +70,7 @@ public:
 
 private:
   const Catalog_Object* object_ = nullptr;
-  std::shared_ptr<Medium_Reader> medium_;      ///< outlives `reader_`
+  std::shared_ptr<Medium_Reader> medium_; ///< outlives `reader_`
   std::unique_ptr<Object_Reader> reader_;
   unsigned long long read_ = 0;
   std::string error_;

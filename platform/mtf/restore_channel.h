@@ -13,15 +13,14 @@ struct Restore_Shared {
   MTF_FS::IPath_Converter_var converter;
   Media_Feed* feed = nullptr;
   Run_Account* account = nullptr;
-  size_t whole_object = 0;             ///< objects up to this size are verified whole before anything is touched
-  std::function<bool()> wait_while_paused;       ///< false once the run has to end
+  size_t whole_object = 0;                 ///< objects up to this size are verified whole before anything is touched
+  std::function<bool()> wait_while_paused; ///< false once the run has to end
 };
 
 /// One channel of a restore: takes objects from the feed, verifies them and hands them to its callback's writers.
 class Restore_Channel {
 public:
-  Restore_Channel(Restore_Shared& shared, MTF::IRestore_Callback_var callback)
-      : shared_(shared), callback_(callback) {}
+  Restore_Channel(Restore_Shared& shared, MTF::IRestore_Callback_var callback) : shared_(shared), callback_(callback) {}
 
   /// Body of the channel's thread.
   void run();

@@ -130,11 +130,11 @@ struct Restore_Engine::Impl {
   Restore_Shared shared;
   Engine_Threads threads;
 
-  std::mutex mutex;                    ///< guards what follows
+  std::mutex mutex; ///< guards what follows
   std::condition_variable resumed;
   bool paused = false;
   bool stopped = false;
-  unsigned channels = 0;               ///< that have a callback or may still get one
+  unsigned channels = 0; ///< that have a callback or may still get one
   Error_Code code = E_OK;
   std::string failure;
 };
@@ -244,8 +244,7 @@ bool Restore_Engine::Impl::restore_objects() {
     return false;
   }
   const unsigned wanted = order.concurrent == 0 ? DEFAULT_CONCURRENT : std::min(order.concurrent, MAX_CONCURRENT);
-  const unsigned count =
-      static_cast<unsigned>(std::clamp<unsigned long long>(selected, 1, wanted));
+  const unsigned count = static_cast<unsigned>(std::clamp<unsigned long long>(selected, 1, wanted));
   feed = std::make_unique<Media_Feed>(pool, record, *catalog);
   shared.converter = order.converter;
   shared.feed = feed.get();
@@ -263,7 +262,8 @@ bool Restore_Engine::Impl::restore_objects() {
       },
       failed);
   for (unsigned i = 0; i < count; ++i)
-    threads.start("Restore " + std::to_string(i), [this] { channel(); }, failed);
+    threads.start(
+        "Restore " + std::to_string(i), [this] { channel(); }, failed);
   threads.join([this](bool tell) { supervise(tell); });
   for (const std::string& finding : feed->findings())
     engine_log(log, LM_ERROR, finding);

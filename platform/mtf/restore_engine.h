@@ -14,12 +14,12 @@ struct Restore_Order {
   MTF_FS::IPath_Converter_var converter;
   Action_Handler_var actions;
   MTF::IRestore_Callback_Factory_var factory;
-  std::string uri_prefix;              ///< of the set: "HOST/RESOURCE/ACTIVITY" or "HOST/RESOURCE"
+  std::string uri_prefix; ///< of the set: "HOST/RESOURCE/ACTIVITY" or "HOST/RESOURCE"
   std::string minor_resource_id;
-  std::string incarnation;             ///< of the chain that the set belongs to; empty: any
-  unsigned long long seq = 0;          ///< of the set in its chain
+  std::string incarnation;    ///< of the chain that the set belongs to; empty: any
+  unsigned long long seq = 0; ///< of the set in its chain
   std::list<json_spirit::Value> select;
-  unsigned concurrent = 16;            ///< objects written at the same time
+  unsigned concurrent = 16; ///< objects written at the same time
   /// Bytes of memory for objects that are verified whole before they are written, over all channels.
   size_t byte_budget = 64u << 20;
 };
@@ -46,9 +46,9 @@ public:
   bool refuse(MTF::Error_Code code, const std::string& error);
 
   MTF::Error_Code err_code() const;
-  const std::string& failure() const;            ///< why the run failed; empty otherwise
-  unsigned long long size() const;               ///< bytes of the objects restored
-  unsigned long long set_size() const;           ///< bytes read from media
+  const std::string& failure() const;  ///< why the run failed; empty otherwise
+  unsigned long long size() const;     ///< bytes of the objects restored
+  unsigned long long set_size() const; ///< bytes read from media
 
 private:
   struct Impl;

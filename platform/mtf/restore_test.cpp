@@ -19,10 +19,10 @@ namespace {
 /// Where the tests restore to.
 struct Fake_Target {
   std::mutex mutex;
-  std::map<std::string, std::string> objects;      ///< by the path that the writer was given
+  std::map<std::string, std::string> objects; ///< by the path that the writer was given
   std::vector<std::string> unlinked;
-  std::map<std::string, std::string> broken;       ///< path: "unlink", "open", "write", "close", "open failed"
-  std::atomic<int> callbacks{-1};                  ///< how many may still be made; negative: any number
+  std::map<std::string, std::string> broken; ///< path: "unlink", "open", "write", "close", "open failed"
+  std::atomic<int> callbacks{-1};            ///< how many may still be made; negative: any number
   std::atomic<unsigned> made{0};
   std::function<void()> on_open;
 };
@@ -201,8 +201,7 @@ protected:
     auto catalog = Catalog_Reader::open(pool_.set_folder(record_.uri), error_);
     Catalog_Object object;
     ASSERT_TRUE(catalog && catalog->find(path, object, error_)) << path;
-    const std::string medium =
-        pool_.set_folder(record_.uri) + "/" + record_.media[object.channel].name;
+    const std::string medium = pool_.set_folder(record_.uri) + "/" + record_.media[object.channel].name;
     std::ifstream in(medium, std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const size_t at = bytes.find(source_.objects[path].data, object.offset);

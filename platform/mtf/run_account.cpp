@@ -125,7 +125,7 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool whole, bool kept, doub
   result["excluded"] = empty_folders_ + (whole ? listed - known : 0);
   result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + not_reached + lost;
   result["failed"] = failed_.load();
-  result["deleted"] = 0;
+  result["deleted"] = deleted_;
   result["bytes_read"] = bytes_read_.load();
   result["bytes_stored"] = stored_.load();
   result["requests"] = ledger != nullptr ? ledger->requests.load() : 0ull;

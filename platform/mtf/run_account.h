@@ -23,6 +23,7 @@ public:
   void handed_out() { ++handed_; }
   void saved(unsigned long long size, unsigned long long stored);
   void unchanged() { ++unchanged_; }
+  void deleted(unsigned long long count) { deleted_ = count; }
   void read(unsigned long long bytes) { bytes_read_ += bytes; }
   void skipped(const std::string& path, const std::string& message);
   void failed(const std::string& path, int number, const std::string& message);
@@ -74,9 +75,10 @@ private:
   std::atomic<unsigned long long> lister_skipped_{0};
   std::atomic<unsigned long long> bytes_read_{0};
   std::atomic<unsigned long long> problems_{0};
-  unsigned long long listed_ = 0;      ///< as the S3 layer counted; 0 where it saw nothing
+  unsigned long long deleted_ = 0; ///< of the base and listed no more
+  unsigned long long listed_ = 0;  ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long empty_folders_ = 0;
   unsigned long long full_folders_ = 0;
-  std::mutex mutex_;                   ///< guards `errors_`
+  std::mutex mutex_; ///< guards `errors_`
   json_spirit::Array errors_;
 };

@@ -81,7 +81,7 @@ private:
   const Verify_Options& options_;
   Media_Feed& feed_;
   std::atomic<bool> canceled_{false};
-  std::mutex mutex_;                   ///< guards `report_`
+  std::mutex mutex_; ///< guards `report_`
   Verify_Report& report_;
 };
 
@@ -105,10 +105,12 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
   Verification verification(options, feed, report);
   Engine_Threads threads;
   const auto failed = [&](const std::string& why) { verification.fail(why); };
-  const unsigned count =
-      options.threads == 0 ? DEFAULT_THREADS : options.threads < MAX_THREADS ? options.threads : MAX_THREADS;
+  const unsigned count = options.threads == 0            ? DEFAULT_THREADS
+                         : options.threads < MAX_THREADS ? options.threads
+                                                         : MAX_THREADS;
   for (unsigned i = 0; i < count; ++i)
-    threads.start("Verify " + std::to_string(i), [&] { verification.check(); }, failed);
+    threads.start(
+        "Verify " + std::to_string(i), [&] { verification.check(); }, failed);
   threads.start(
       "Verify feed",
       [&] {
@@ -124,8 +126,8 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
   report.media = feed.findings();
   report.canceled = verification.canceled();
   if (report.failure.empty() && !report.canceled && report.checked != report.objects)
-    report.failure = "the catalog holds " + std::to_string(report.checked) + " objects instead of " +
-                     std::to_string(report.objects);
+    report.failure =
+        "the catalog holds " + std::to_string(report.checked) + " objects instead of " + std::to_string(report.objects);
   verification.tell();
   return report.clean();
 }

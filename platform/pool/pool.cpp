@@ -131,7 +131,9 @@ bool remove_tree(const std::string& path, std::string& error) {
   return false;
 }
 
-std::string parent_of(const std::string& uri) { return uri.substr(0, uri.rfind('/')); }
+std::string parent_of(const std::string& uri) {
+  return uri.substr(0, uri.rfind('/'));
+}
 
 } // namespace
 
@@ -146,8 +148,8 @@ bool Pool::create(const std::string& url, const std::string& uuid, std::string& 
     return false;
   }
   if (!fs::is_empty(folder, code) || code) {
-    error = code ? "cannot read pool folder " + folder + ": " + code.message()
-                 : "pool folder " + folder + " is not empty";
+    error =
+        code ? "cannot read pool folder " + folder + ": " + code.message() : "pool folder " + folder + " is not empty";
     return false;
   }
   json_spirit::Object json;

@@ -57,7 +57,8 @@ TEST_F(Pools, new_pool_opens_under_its_uuid_only) {
 }
 
 TEST_F(Pools, what_is_no_pool_is_refused_by_reason) {
-  for (const char* url : {"", "file://", "file://relative", "/no/scheme", "s3://host/pool", "file:///a%zz", "file:///a%"}) {
+  for (const char* url :
+       {"", "file://", "file://relative", "/no/scheme", "s3://host/pool", "file:///a%zz", "file:///a%"}) {
     EXPECT_FALSE(Pool::open(url, "", pool_, error_)) << url;
     EXPECT_FALSE(Pool::create(url, "u", error_)) << url;
     EXPECT_NE("", error_);
@@ -107,7 +108,8 @@ TEST_F(Pools, record_comes_back_as_it_was_written) {
   ASSERT_TRUE(write_set_record(root_, record, error_)) << error_;
   Set_Record read;
   ASSERT_TRUE(read_set_record(root_, read, error_)) << error_;
-  EXPECT_EQ(json_spirit::write(json_spirit::Value(record.to_json())), json_spirit::write(json_spirit::Value(read.to_json())));
+  EXPECT_EQ(json_spirit::write(json_spirit::Value(record.to_json())),
+            json_spirit::write(json_spirit::Value(read.to_json())));
   EXPECT_EQ(~0ull, read.backup_set_storage_size);
   EXPECT_EQ(0xFFFFFFFFu, read.media[0].family);
   EXPECT_FALSE(fs::exists(root_ + "/set.json.tmp"));

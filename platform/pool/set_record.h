@@ -8,16 +8,16 @@
 /// The record that makes a set exist: `set.json` in the set's folder, written last.
 struct Set_Record {
   struct Medium {
-    std::string name;                    ///< file name inside the set's folder
-    unsigned long long size = 0;         ///< bytes
-    unsigned family = 0;                 ///< MTF media family id
+    std::string name;            ///< file name inside the set's folder
+    unsigned long long size = 0; ///< bytes
+    unsigned family = 0;         ///< MTF media family id
   };
 
   static constexpr const char* FILE_NAME = "set.json";
   static constexpr int FORMAT_VERSION = 1;
 
   std::string uuid;
-  std::string uri;                       ///< folder inside the pool, "HOST/RESOURCE/ACTIVITY"
+  std::string uri; ///< folder inside the pool, "HOST/RESOURCE/ACTIVITY"
   std::string host_uuid;
   std::string minor_resource_id;
   std::string minor_resource_name;
@@ -26,19 +26,19 @@ struct Set_Record {
   std::string name;
   std::string agent;
   std::string host;
-  std::string type;                      ///< "full", "incremental"
+  std::string type; ///< "full", "incremental"
   std::string incarnation;
   std::vector<std::string> bases;
   unsigned seq = 0;
   unsigned channels = 0;
-  std::string start_time;                ///< "%Y-%m-%d %H:%M:%S", UTC
+  std::string start_time; ///< "%Y-%m-%d %H:%M:%S", UTC
   std::string end_time;
   unsigned long long source_size = 0;
   unsigned long long backup_set_size = 0;
   unsigned long long backup_set_storage_size = 0;
   std::string encryption;
   std::vector<Medium> media;
-  json_spirit::Object figures;           ///< the run's account
+  json_spirit::Object figures; ///< the run's account
 
   json_spirit::Object to_json() const;
   /// False when something is missing, of the wrong type, or of a newer format; `error` names it. `record` is then

@@ -17,45 +17,34 @@ public:
   Short_Memory& operator=(const Short_Memory&) = delete;
 };
 
-inline void* allocate(std::size_t size) noexcept {
+// Not inlined: a compiler that sees malloc() and free() behind the operators takes them for a mismatch.
+__attribute__((noinline)) inline void* allocate(std::size_t size) noexcept {
   if (allocations_left >= 0 && allocations_left-- == 0)
     return nullptr;
   return std::malloc(size ? size : 1);
+}
+__attribute__((noinline)) inline void release(void* memory) noexcept {
+  std::free(memory);
+}
+inline void* allocate_or_throw(std::size_t size) {
+  if (void* const memory = allocate(size))
+    return memory;
+  throw std::bad_alloc();
 }
 
 } // namespace module_testing
 
 /// Replaces the allocating operators of a test program, once in each that uses Short_Memory.
-#define MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()                                                                      \
-  void* operator new(std::size_t size) {                                                                               \
-    if (void* const memory = module_testing::allocate(size))                                                           \
-      return memory;                                                                                                   \
-    throw std::bad_alloc();                                                                                            \
-  }                                                                                                                    \
-  void* operator new[](std::size_t size) {                                                                             \
-    return operator new(size);                                                                                         \
-  }                                                                                                                    \
-  void* operator new(std::size_t size, const std::nothrow_t&) noexcept {                                               \
-    return module_testing::allocate(size);                                                                             \
-  }                                                                                                                    \
-  void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {                                             \
-    return module_testing::allocate(size);                                                                             \
-  }                                                                                                                    \
-  void operator delete(void* memory) noexcept {                                                                        \
-    std::free(memory);                                                                                                 \
-  }                                                                                                                    \
-  void operator delete[](void* memory) noexcept {                                                                      \
-    std::free(memory);                                                                                                 \
-  }                                                                                                                    \
-  void operator delete(void* memory, std::size_t) noexcept {                                                           \
-    std::free(memory);                                                                                                 \
-  }                                                                                                                    \
-  void operator delete[](void* memory, std::size_t) noexcept {                                                         \
-    std::free(memory);                                                                                                 \
-  }                                                                                                                    \
-  void operator delete(void* memory, const std::nothrow_t&) noexcept {                                                 \
-    std::free(memory);                                                                                                 \
-  }                                                                                                                    \
-  void operator delete[](void* memory, const std::nothrow_t&) noexcept {                                               \
-    std::free(memory);                                                                                                 \
-  }
+// clang-format off
+#define MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()                                                                    \
+  void* operator new(std::size_t size) { return module_testing::allocate_or_throw(size); }                          \
+  void* operator new[](std::size_t size) { return module_testing::allocate_or_throw(size); }                        \
+  void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return module_testing::allocate(size); }   \
+  void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return module_testing::allocate(size); } \
+  void operator delete(void* memory) noexcept { module_testing::release(memory); }                                  \
+  void operator delete[](void* memory) noexcept { module_testing::release(memory); }                                \
+  void operator delete(void* memory, std::size_t) noexcept { module_testing::release(memory); }                     \
+  void operator delete[](void* memory, std::size_t) noexcept { module_testing::release(memory); }                   \
+  void operator delete(void* memory, const std::nothrow_t&) noexcept { module_testing::release(memory); }           \
+  void operator delete[](void* memory, const std::nothrow_t&) noexcept { module_testing::release(memory); }
+// clang-format on

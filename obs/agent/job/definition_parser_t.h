@@ -1,6 +1,7 @@
 #pragma once
 
 #include "obs/agent/job/json_state.h"
+#include "obs/agent/job_frame/object_creator_impl_t.h"
 #include "sdk/json/yajl_handler.h"
 
 #include <cerrno>
@@ -37,9 +38,7 @@ protected:
   /// Where memory for the record is short, `errno` is ENOMEM and the record missing: values are then ignored.
   Definition_Parser_T() {
     try {
-      std::unique_ptr<RECORD> record(new RECORD);
-      result_ = Result(record.get());
-      record.release();
+      result_ = adopt<Result>(std::make_unique<RECORD>());
     } catch (const std::bad_alloc&) {
       errno = ENOMEM;
     }

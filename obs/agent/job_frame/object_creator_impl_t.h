@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <memory>
 #include <new>
 
 /// A new T, or null with `errno` ENOMEM, also when the constructor itself runs short.
@@ -12,6 +13,15 @@ T* make_without_throwing(ARGS&&... args) noexcept {
     errno = ENOMEM;
     return nullptr;
   }
+}
+
+/// Hands `object` over to a reference-counted pointer. The pointer needs memory of its own: where that is short,
+/// std::bad_alloc is thrown and the object deleted.
+template <typename POINTER, typename T>
+POINTER adopt(std::unique_ptr<T> object) {
+  POINTER pointer(object.get());
+  object.release();
+  return pointer;
 }
 
 /// Makes a PRODUCT whenever the host asks BASE, an Object_Creator_T, for an object. Keeps no state; any thread.

@@ -58,10 +58,7 @@ int Listing::handle() {
   if (!service_)
     return fail(RPC_FAILED, "Failed to make S3 client");
 
-  JSON_RPC_Response* const response = make_without_throwing<JSON_RPC_Response>(request_);
-  if (!response)
-    return fail(RPC_INTERNAL_ERROR, "Internal error, out of memory.");
-  response_ = JSON_RPC_Object_var(response);
+  response_ = adopt<JSON_RPC_Object_var>(std::make_unique<JSON_RPC_Response>(request_));
 
   const std::string text = text_param(params, "path");
   if (!text.empty()) {

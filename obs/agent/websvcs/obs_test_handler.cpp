@@ -53,10 +53,7 @@ int answer(JSON_RPC_Channel& channel, const JSON_RPC_Request& request) {
     return fail(RPC_INVALID_PARAMS, "Missing required attributes");
   const std::string region = text_param(params, "region");
 
-  JSON_RPC_Object_var response(make_without_throwing<JSON_RPC_Response>(request));
-  if (response.null())
-    return fail(RPC_INTERNAL_ERROR, "Internal error, out of memory.");
-
+  JSON_RPC_Object_var response = adopt<JSON_RPC_Object_var>(std::make_unique<JSON_RPC_Response>(request));
   json_spirit::Object result;
   const json_spirit::Value* const buckets = json_spirit::find(params, "buckets");
   if (buckets && buckets->type() == json_spirit::array_type && !buckets->get_array().empty())

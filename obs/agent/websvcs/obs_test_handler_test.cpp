@@ -1,6 +1,7 @@
 #include "obs/agent/websvcs/obs_test_handler.h"
 
 #include "obs/agent/websvcs/reply_channel.h"
+#include "testing/module/failing_allocator.h"
 #include "testing/module/fake_s3_service.h"
 #include "testing/module/log_sink.h"
 
@@ -146,6 +147,35 @@ TEST_F(connection_test, failure_behind_the_first_page_keeps_the_last_good_one) {
 TEST_F(connection_test, failure_of_the_first_page_is_a_result_and_no_error) {
   service->add_service_failure(S3_Error(13, 403, "AccessDenied", "not you", false));
   EXPECT_EQ(R"({"available":false,"message":"AccessDenied: not you"})", test());
+}
+
+/// Has memory again as soon as the answer is on its way: what keeps it is the test's own.
+class Relieved_Channel : public Reply_Channel {
+public:
+  int send(JSON_RPC_Object_var object) override {
+    module_testing::allocations_left = -1;
+    return Reply_Channel::send(object);
+  }
+};
+
+TEST_F(connection_test, short_memory_is_answered_wherever_it_strikes) {
+  params["buckets"] = Array{"a_bucket_with_a_name_that_is_longer_than_a_short_string"};
+  const JSON_RPC_Object_var request(new JSON_RPC_Request("m", params, 9));
+  int refused = 0;
+  for (int nth = 1; nth < 2000; ++nth) {
+    channel = std::make_shared<Relieved_Channel>();
+    JSON_RPC_OBS_Test_Handler handler;
+    {
+      const module_testing::Short_Memory short_memory(nth);
+      handler.handle_object_i(channel, request);
+    }
+    ASSERT_EQ(1, channel->sent) << nth;
+    if (channel->text.compare(0, 1, "{") == 0)
+      break;
+    refused += channel->text == "-32603 Internal error, out of memory.";
+  }
+  EXPECT_GE(refused, 1);
+  EXPECT_EQ("{", channel->text.substr(0, 1));
 }
 
 } // namespace

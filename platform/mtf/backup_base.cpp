@@ -1,0 +1,136 @@
+#include "platform/mtf/backup_base.h"
+
+#include <algorithm>
+
+std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
+                                               std::string& error) {
+  std::vector<std::string> errors;
+  std::unique_ptr<Backup_Base> base(new Backup_Base);
+  bool found = false;
+  for (Set_Record& record : pool.sets(place, errors)) {
+    if (record.seq != seq)
+      continue;
+    base->record_ = std::move(record);
+    found = true;
+  }
+  if (!found) {
+    error = "there is no set " + std::to_string(seq) + " to compare with";
+    return nullptr;
+  }
+  base->catalog_ = Catalog_Reader::open(pool.set_folder(base->record_.uri), error);
+  if (!base->catalog_)
+    return nullptr;
+  for (const Catalog_Set& set : base->catalog_->sets()) {
+    Set_Record record;
+    if (!read_set_record(pool.set_folder(set.uri), record, error))
+      return nullptr;
+    if (record.uuid != set.uuid) {
+      error = "in " + set.uri + " lies another set than " + set.uuid;
+      return nullptr;
+    }
+  }
+  // An empty name makes a database of its own that spills to a temporary file.
+  if (!base->shown_.open("", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, error) ||
+      !base->shown_.execute("PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; PRAGMA cache_size=-2048;"
+                            "CREATE TABLE runs(first INTEGER PRIMARY KEY, last INTEGER NOT NULL); BEGIN",
+                            error) ||
+      !base->add_run_.prepare(base->shown_.get(), "INSERT OR REPLACE INTO runs VALUES(?,?)", error) ||
+      !base->find_run_.prepare(base->shown_.get(), "SELECT last FROM runs WHERE first<=? ORDER BY first DESC LIMIT 1",
+                               error) ||
+      !base->inner_end_.prepare(base->shown_.get(), "SELECT max(last) FROM runs WHERE first BETWEEN ? AND ?", error) ||
+      !base->remove_inner_.prepare(base->shown_.get(), "DELETE FROM runs WHERE first BETWEEN ? AND ?", error))
+    return nullptr;
+  return base;
+}
+
+bool Backup_Base::enter(const std::string& path) {
+  return catalog_->enter(path, error_);
+}
+
+/// The catalog's own set is 0 in every catalog; the base's sets move up by one.
+void Backup_Base::renumber(Catalog_Object& object) {
+  if (used_.size() <= object.set)
+    used_.resize(object.set + 1);
+  used_[object.set] = true;
+  ++object.set;
+}
+
+bool Backup_Base::unchanged(const std::string& name, unsigned long long size, long long mtime, Catalog_Object& object) {
+  if (!catalog_->match(name, object, error_) || !show(object.ordinal))
+    return false;
+  if (object.size != size || object.mtime != mtime)
+    return false;
+  object.flags = 0;
+  renumber(object);
+  return true;
+}
+
+bool Backup_Base::show(unsigned long long ordinal) {
+  if (ordinal == last_ + 1 && first_ <= last_) {
+    last_ = ordinal;
+    return true;
+  }
+  if (!store_run())
+    return false;
+  first_ = last_ = ordinal;
+  return true;
+}
+
+/// Runs never lie inside one another: what is shown twice, as overlapping sources do it, is joined.
+bool Backup_Base::store_run() {
+  if (first_ > last_)
+    return true;
+  bool done = true;
+  if (!is_shown(first_, last_)) {
+    unsigned long long end = last_;
+    done = inner_end_.bind(1, first_).bind(2, last_).step() == SQLITE_ROW;
+    end = std::max(end, inner_end_.number(0));
+    inner_end_.reset();
+    done = done && remove_inner_.bind(1, first_).bind(2, last_).run() && add_run_.bind(1, first_).bind(2, end).run();
+  }
+  first_ = 1;
+  last_ = 0;
+  if (!done)
+    error_ = "cannot keep track of the listing: " + add_run_.error();
+  return done;
+}
+
+bool Backup_Base::is_shown(unsigned long long first, unsigned long long last) {
+  const bool shown = find_run_.bind(1, first).step() == SQLITE_ROW && find_run_.number(0) >= last;
+  find_run_.reset();
+  return shown;
+}
+
+bool Backup_Base::not_shown(const std::string& path, bool take, const std::function<bool(Catalog_Object&)>& told) {
+  if (!store_run())
+    return false;
+  bool done = true;
+  const auto one = [&](const Catalog_Object& found) {
+    if (is_shown(found.ordinal, found.ordinal))
+      return true;
+    Catalog_Object object = found;
+    if (take) {
+      done = show(found.ordinal);
+      renumber(object);
+    }
+    return done && told(object);
+  };
+  if (path.empty() || path.back() == '/')
+    return catalog_->walk(path, one, error_) && done && store_run();
+  Catalog_Object object;
+  if (catalog_->find(path, object, error_))
+    one(object);
+  return error_.empty() && done && store_run();
+}
+
+bool Backup_Base::add_sets(Catalog_Writer& catalog) const {
+  for (const Catalog_Set& set : catalog_->sets()) {
+    if (set.index >= used_.size() || !used_[set.index])
+      continue;
+    Catalog_Set moved = set;
+    ++moved.index;
+    if (!catalog.add_set(moved))
+      return false;
+  }
+  return true;
+}
