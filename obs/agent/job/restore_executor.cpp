@@ -19,7 +19,7 @@ constexpr ACE_UINT64 AGENT_OBS_ERROR_FAILED_TO_PROBE_OBS = 0x70000031E0100001;
 constexpr ACE_UINT64 AGENT_OBS_ERROR_NO_OBJECTS_RESTORED = 0x70000031E0200004;
 constexpr ACE_UINT64 AGENT_OBS_WARNING_RESTORE_END_WITH_SKIPPED_OBJECTS = 0x50000031E0200005;
 constexpr ACE_UINT64 NO_FLAGS = 0;
-constexpr unsigned RETRY_INTERVAL = 30;   // seconds between looks while the pool is merging
+constexpr unsigned RETRY_INTERVAL = 30; // seconds between looks while the pool is merging
 constexpr size_t URL_SIZE = 4096;
 
 } // namespace
@@ -29,7 +29,9 @@ OBS_Restore_Executor::OBS_Restore_Executor(Job& job)
 
 OBS_Restore_Executor::~OBS_Restore_Executor() = default;
 
-bool OBS_Restore_Executor::execute_pre_action() { return true; }
+bool OBS_Restore_Executor::execute_pre_action() {
+  return true;
+}
 
 bool OBS_Restore_Executor::execute_post_action() {
   if (called_mtf_restore_)
@@ -108,8 +110,7 @@ bool OBS_Restore_Executor::wait_for_pool() {
 }
 
 bool OBS_Restore_Executor::run(const Set& set, const file_backup::File_DR_Test_Context& context) {
-  MTF::Event_Handler* handler =
-      new (std::nothrow) file_backup::Restore_Event_Handler(*def_, *act_, evt_handler_, job_);
+  MTF::Event_Handler* handler = new (std::nothrow) file_backup::Restore_Event_Handler(*def_, *act_, evt_handler_, job_);
   if (handler == nullptr) {
     errno = ENOMEM;
     return false;
@@ -124,8 +125,8 @@ bool OBS_Restore_Executor::run(const Set& set, const file_backup::File_DR_Test_C
   if (!connect(entry))
     return false;
 
-  MTF_FS::IPath_Converter* converter = new (std::nothrow)
-      OBS_Existing_Handler(MTF_FS::IPath_Converter_var(), entry, opts_->mapper_, opts_->existing_);
+  MTF_FS::IPath_Converter* converter =
+      new (std::nothrow) OBS_Existing_Handler(MTF_FS::IPath_Converter_var(), entry, opts_->mapper_, opts_->existing_);
   if (converter == nullptr) {
     errno = ENOMEM;
     return false;
@@ -194,8 +195,7 @@ void OBS_Restore_Executor::configure(MTF_Restore& engine, const MTF::IRestore_Ca
   engine.callback_factory(factory);
   if (!tgt_.location().empty())
     engine.target_location(tgt_.location());
-  engine.backup_uri_prefix(set.uri_prefix.empty() ? backup_host_id_ + "/" + backup_minor_resource_id_
-                                                  : set.uri_prefix);
+  engine.backup_uri_prefix(set.uri_prefix.empty() ? backup_host_id_ + "/" + backup_minor_resource_id_ : set.uri_prefix);
   engine.pool_uuid(pool_uuid_);
   engine.definition_uuid(def_->id());
   engine.backup_host_uuid(backup_host_id_);
