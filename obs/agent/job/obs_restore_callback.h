@@ -24,7 +24,7 @@ public:
 
 private:
   S3_Client& clt_;
-  S3_IWriter_ptr writer_;   ///< empty until `open` has succeeded
+  S3_IWriter_ptr writer_; ///< empty until `open` has succeeded
   const Buckets_Mapper& mapper_;
 };
 
