@@ -53,18 +53,16 @@ int OBS_File_Reader::open(const char* path) {
     report_no_path();
     return -1;
   }
-  path_ = path;
-  offset_ = 0;
-  obj_.reset(new (std::nothrow) S3_Object);
-  if (!obj_) {
+  try {
+    path_ = path;
+    offset_ = 0;
+    obj_ = std::make_unique<S3_Object>();
+    if (open_i() && fits())
+      return 0;
+  } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-    return 1;
   }
-  if (!open_i())
-    return 1;
-  if (fits())
-    return 0;
-  close();
+  conn_ = HTTP_Connection_var();
   return 1;
 }
 
@@ -104,8 +102,13 @@ bool OBS_File_Reader::open_i() {
 }
 
 int OBS_File_Reader::read(MTF::Buffer& buffer) {
-  if (!is_open() && !open_i())
+  try {
+    if (!is_open() && !open_i())
+      return 1;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return 1;
+  }
   const size_t count = conn_->recv(buffer.base(), buffer.size(), nullptr);
   if (count == HTTP_Connection::RECV_FAILED)
     return 1;
@@ -152,8 +155,13 @@ bool OBS_Backup_Callback::lstat(const char* path, MTF::Callback_Stat& stat) {
   }
   stat.reset();
   stat.nlink = 1;
-  if (OBS_Path(path, false).is_prefix())
-    stat.mode = DIRECTORY_MODE;
+  try {
+    if (OBS_Path(path, false).is_prefix())
+      stat.mode = DIRECTORY_MODE;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
   return true;
 }
 
