@@ -71,6 +71,12 @@ class Test_Server:
         self.access_key = values["access_key"]
         self.secret_key = values["secret_key"]
 
+    def ask(self, *words):
+        """The server's answer to one of its questions (the head of testing/s3_test_server/main.cpp)."""
+        self.process.stdin.write(" ".join(words) + "\n")
+        self.process.stdin.flush()
+        return self.process.stdout.readline().rstrip("\n")
+
     def stop(self):
         self.process.stdin.close()   # it ends when its input does
         self.process.wait(timeout=30)
@@ -96,9 +102,10 @@ class Scenario(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
         self.state = os.path.join(self.folder, "state")
         self.pool = os.path.join(self.folder, "pool")
+        self.program = AGENT
 
     def command(self, *arguments):
-        return [AGENT, "--state", self.state, *arguments]
+        return [self.program, "--state", self.state, *arguments]
 
     def agent(self, *arguments, expect=0, input=None):
         """Runs the program and checks its exit code; None accepts any."""

@@ -59,7 +59,12 @@ int OBS_File_Reader::open(const char* path) {
     errno = ENOMEM;
     return 1;
   }
-  return open_i() && fits() ? 0 : 1;
+  if (!open_i())
+    return 1;
+  if (fits())
+    return 0;
+  close();
+  return 1;
 }
 
 // Where `size_t` is narrower than the object the position in it could not be kept.
