@@ -24,5 +24,6 @@ function(obs_component_tests name folder)
   endif()
   add_executable(${name}_test ${tests})
   target_link_libraries(${name}_test PRIVATE ${ARGN} GTest::gtest GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${name}_test TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 600)
+  gtest_discover_tests(${name}_test TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 120
+    PROPERTIES TIMEOUT ${OBS_UNIT_TEST_TIMEOUT})
 endfunction()

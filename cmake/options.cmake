@@ -8,7 +8,12 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
 endif()
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 
+# How long one test may take, in seconds; a sanitizer makes it several times slower.
+set(OBS_UNIT_TEST_TIMEOUT 600)
+set(OBS_SYSTEM_TEST_TIMEOUT 1500)
 if(OBS_SANITIZE)
+  set(OBS_UNIT_TEST_TIMEOUT 1800)
+  set(OBS_SYSTEM_TEST_TIMEOUT 4500)
   add_compile_options("-fsanitize=${OBS_SANITIZE}" -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options("-fsanitize=${OBS_SANITIZE}")
 endif()

@@ -1,4 +1,5 @@
 #include "agent/commands/commands.h"
+#include "agent/commands/dry_run.h"
 #include "agent/commands/paths.h"
 #include "agent/commands/run_job.h"
 
@@ -17,6 +18,7 @@ struct Backup_Arguments {
   std::string pool;
   std::string name;
   bool full = false;
+  bool dry_run = false;
   unsigned channels = 4;
   unsigned readers = 0;
   unsigned scan_threads = 8;
@@ -59,6 +61,8 @@ Selection take_selection(Context& context, const Account& account, const Backup_
   selection.paths = arguments.paths;
   selection.exclusions = arguments.exclusions;
   selection.inclusions = arguments.inclusions;
+  if (arguments.dry_run)
+    return selection;
   const bool kept = found ? context.store().update_selection(selection, error)
                           : context.store().add_selection(selection, error);
   if (!kept)
@@ -72,6 +76,10 @@ void backup(Context& context, Backup_Arguments arguments) {
   const Pool_Entry pool = context.pool_entry(arguments.pool);
   context.open_pool(pool);
   const Selection selection = take_selection(context, account, arguments);
+  if (arguments.dry_run) {
+    dry_run(context, account, selection);
+    return;
+  }
 
   json_spirit::Object source;
   source["id"] = account.uuid;
@@ -136,5 +144,6 @@ void add_backup_command(CLI::App& app, Context& context) {
   command->add_option("--include", arguments->inclusions, "Take in what matches; may be repeated")
       ->type_name("RULE")
       ->allow_extra_args(false);
+  command->add_flag("--dry-run", arguments->dry_run, "List what would be backed up; read and write nothing");
   command->callback([&context, arguments] { backup(context, *arguments); });
 }

@@ -1,6 +1,7 @@
 #include "sdk/mtf/mtf_backup.h"
 
 #include "platform/mtf/backup_engine.h"
+#include "platform/mtf/source_order.h"
 #include "sdk/file_backup/file_backup.h"
 
 MTF_Compression compression_to_mtf(Compression_Method method) {
@@ -101,6 +102,7 @@ void MTF_Backup::incremental(bool value) {
 bool MTF_Backup::backup(const std::string& target) {
   Impl& i = *impl_;
   i.order.base_seq = i.seq;
+  i.order.sources = arrange_sources(std::move(i.order.sources));
   std::string pool_uuid = i.pool_uuid;
   std::string location = target;
   if (i.order.uri_prefix.empty())

@@ -79,54 +79,6 @@ void put_stream_header(unsigned char* at, uint32_t id, uint16_t format_attribute
 
 // Year 14 bits, month 4, day 5, hour 5, minute 6, second 6, most significant byte first. Days and dates are converted
 // in the proleptic Gregorian calendar with years that begin in March.
-void put_mtf_date(unsigned char* at, long long time) {
-  std::memset(at, 0, 5);
-  long long days = time / 86400;
-  long long rest = time % 86400;
-  if (rest < 0) {
-    rest += 86400;
-    --days;
-  }
-  if (days < -719162 || days > 5300000)
-    return;
-  days += 719468;
-  const long long era = days / 146097;
-  const long long day_of_era = days - era * 146097;
-  const long long year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-  const long long day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-  const long long march_month = (5 * day_of_year + 2) / 153;
-  const long long day = day_of_year - (153 * march_month + 2) / 5 + 1;
-  const long long month = march_month < 10 ? march_month + 3 : march_month - 9;
-  const long long year = year_of_era + era * 400 + (month <= 2 ? 1 : 0);
-  if (year < 1 || year > 0x3FFF)
-    return;
-  const uint64_t packed = static_cast<uint64_t>(year) << 26 | static_cast<uint64_t>(month) << 22 |
-                          static_cast<uint64_t>(day) << 17 | static_cast<uint64_t>(rest / 3600) << 12 |
-                          static_cast<uint64_t>(rest / 60 % 60) << 6 | static_cast<uint64_t>(rest % 60);
-  for (int i = 0; i < 5; ++i)
-    at[i] = static_cast<unsigned char>(packed >> (8 * (4 - i)));
-}
-
-long long get_mtf_date(const unsigned char* at) {
-  uint64_t packed = 0;
-  for (int i = 0; i < 5; ++i)
-    packed = packed << 8 | at[i];
-  if (packed == 0)
-    return -1;
-  long long year = static_cast<long long>(packed >> 26);
-  const long long month = static_cast<long long>(packed >> 22 & 15);
-  const long long day = static_cast<long long>(packed >> 17 & 31);
-  if (month <= 2)
-    --year;
-  const long long era = (year >= 0 ? year : year - 399) / 400;
-  const long long year_of_era = year - era * 400;
-  const long long day_of_year = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
-  const long long day_of_era = year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year;
-  const long long days = era * 146097 + day_of_era - 719468;
-  return days * 86400 + static_cast<long long>(packed >> 12 & 31) * 3600 +
-         static_cast<long long>(packed >> 6 & 63) * 60 + static_cast<long long>(packed & 63);
-}
-
 namespace {
 
 void append_unit(std::string& out, uint32_t unit) {

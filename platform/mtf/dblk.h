@@ -74,11 +74,6 @@ struct Stream_Header {
 };
 void put_stream_header(unsigned char* at, uint32_t id, uint16_t format_attributes, uint64_t length);
 
-/// MTF's 5-byte date and time, UTC. All zero for what a 14-bit year cannot carry.
-void put_mtf_date(unsigned char* at, long long time);
-/// Seconds since the epoch; -1 for all zero.
-long long get_mtf_date(const unsigned char* at);
-
 /// Appends `text` as UTF-16LE. False, with what came before the bad byte appended, when it is not strict UTF-8.
 bool append_utf16(std::string_view text, std::string& out);
 /// UTF-16LE bytes as UTF-8; U+FFFD for half surrogates.

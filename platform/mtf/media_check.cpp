@@ -1,6 +1,7 @@
 #include "platform/mtf/media_check.h"
 
 #include "platform/mtf/medium_walker.h"
+#include "sdk/mtf/cat_blk.h"
 
 #include <algorithm>
 #include <new>
@@ -72,18 +73,18 @@ std::string fields(const Dblk_Header& header, const unsigned char* block) {
   case TAPE:
     return " family " + std::to_string(get32(block + 52)) + " name " + name(68) + " description " + name(72) +
            " software " + name(80) + " FLB " + std::to_string(get16(block + 84)) + " date " +
-           std::to_string(get_mtf_date(block + 88));
+           std::to_string(MTF::mtf_date_time_to_time(block + 88));
   case SSET:
     return " set " + std::to_string(get16(block + 62)) + " attributes " + std::to_string(get32(block + 52)) + " name " +
            name(64) + " description " + name(68) + " user " + name(76) + " date " +
-           std::to_string(get_mtf_date(block + 88));
+           std::to_string(MTF::mtf_date_time_to_time(block + 88));
   case VOLB:
     return " device " + name(56) + " volume " + name(60) + " machine " + name(64);
   case DIRB:
     return " id " + std::to_string(get32(block + 76)) + " name " + name(80);
   case FILE_:
     return " directory " + std::to_string(get32(block + 76)) + " id " + std::to_string(get32(block + 80)) + " size " +
-           std::to_string(header.displayable) + " modified " + std::to_string(get_mtf_date(block + 56)) + " name " +
+           std::to_string(header.displayable) + " modified " + std::to_string(MTF::mtf_date_time_to_time(block + 56)) + " name " +
            name(84);
   case SFMB:
     return " entries " + std::to_string(get32(block + 56)) + " of " + std::to_string(get32(block + 52));

@@ -1,6 +1,7 @@
 #include "platform/mtf/medium_blocks.h"
 
 #include "platform/mtf/dblk_name.h"
+#include "sdk/mtf/cat_blk.h"
 
 #include <xxhash.h>
 
@@ -46,7 +47,7 @@ void make_tape(std::string& out, const Medium_Identity& identity) {
   put16(block.at(64), FLB / 512);
   put16(block.at(84), FLB);
   put16(block.at(86), VENDOR);
-  put_mtf_date(block.at(88), identity.write_date);
+  MTF::time_to_mtf_date_time(identity.write_date, block.at(88));
   block.at(93)[0] = 1;
   block.string(68, text_field(identity.media_name, NAME_UNITS));
   block.string(72, text_field(identity.description, NAME_UNITS));
@@ -75,7 +76,7 @@ void make_set_start(std::string& out, const Medium_Identity& identity) {
   put16(block.at(60), VENDOR);
   put16(block.at(62), 1);
   put64(block.at(80), SSET_OFFSET / FLB);
-  put_mtf_date(block.at(88), identity.write_date);
+  MTF::time_to_mtf_date_time(identity.write_date, block.at(88));
   block.at(93)[0] = 1;
   block.string(64, text_field(identity.set_name, NAME_UNITS));
   block.string(68, text_field(identity.description, NAME_UNITS));
@@ -89,7 +90,7 @@ void make_set_start(std::string& out, const Medium_Identity& identity) {
 void make_volume(std::string& out, const Medium_Identity& identity, uint32_t control_id) {
   Dblk_Builder block(out, VOLB, VOLB_FIXED, STRINGS_UTF16);
   put32(block.at(52), VOLB_NAME_OS_SPECIFIC);
-  put_mtf_date(block.at(68), identity.write_date);
+  MTF::time_to_mtf_date_time(identity.write_date, block.at(68));
   block.string(56, text_field(identity.device.empty() ? "OBS" : identity.device, SHORT_UNITS));
   block.string(60, text_field(identity.set_name, SHORT_UNITS));
   block.string(64, text_field(identity.machine, SHORT_UNITS));
@@ -174,7 +175,7 @@ void make_set_end(std::string& out, const Medium_Identity& identity, const Mediu
   put32(block.at(52), set_attributes(identity));
   put64(block.at(60), place);
   put16(block.at(78), 1);
-  put_mtf_date(block.at(80), identity.write_date);
+  MTF::time_to_mtf_date_time(identity.write_date, block.at(80));
   block.finish(0, control_id);
   append_block_check(out);
   unsigned char fixed[24] = {};

@@ -2,6 +2,7 @@
 
 #include "platform/mtf/dblk.h"
 #include "platform/mtf/dblk_name.h"
+#include "sdk/mtf/cat_blk.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -130,17 +131,17 @@ TEST(plain_medium, an_independent_reader_gets_every_content_and_every_name_that_
 
 TEST(dblk, dates_are_packed_as_the_format_has_them) {
   unsigned char date[5];
-  put_mtf_date(date, 852062850);
+  MTF::time_to_mtf_date_time(852062850, date);
   EXPECT_EQ(std::string(date, date + 5), "\x1F\x33\x3F\x41\xDE");
   for (const long long time :
        {0ll, 1ll, -1ll, 951782399ll, 951782400ll, 4102444800ll, 253402300799ll, -62135596800ll}) {
-    put_mtf_date(date, time);
-    EXPECT_EQ(get_mtf_date(date), time);
+    MTF::time_to_mtf_date_time(time, date);
+    EXPECT_EQ(MTF::mtf_date_time_to_time(date), time);
   }
-  put_mtf_date(date, 1ll << 60);
-  EXPECT_EQ(get_mtf_date(date), -1);
-  put_mtf_date(date, -(1ll << 60));
-  EXPECT_EQ(get_mtf_date(date), -1);
+  MTF::time_to_mtf_date_time(1ll << 60, date);
+  EXPECT_EQ(MTF::mtf_date_time_to_time(date), -1);
+  MTF::time_to_mtf_date_time(-(1ll << 60), date);
+  EXPECT_EQ(MTF::mtf_date_time_to_time(date), -1);
 }
 
 TEST(dblk, names_that_cannot_stand_get_substitutes_of_their_own) {

@@ -1,6 +1,7 @@
 #include "platform/mtf/object_stream.h"
 
 #include "platform/mtf/dblk_name.h"
+#include "sdk/mtf/cat_blk.h"
 
 #include <xxhash.h>
 
@@ -28,9 +29,9 @@ void append_object_head(std::string& out, const Object_Head& head) {
       file_name_field(std::string_view(head.path).substr(slash == std::string::npos ? 0 : slash + 1));
   Dblk_Builder block(out, FILE_, FILE_FIXED, STRINGS_UTF16);
   put64(block.at(12), head.size);
-  put_mtf_date(block.at(56), head.mtime);
-  put_mtf_date(block.at(61), head.mtime);
-  put_mtf_date(block.at(71), head.mtime);
+  MTF::time_to_mtf_date_time(head.mtime, block.at(56));
+  MTF::time_to_mtf_date_time(head.mtime, block.at(61));
+  MTF::time_to_mtf_date_time(head.mtime, block.at(71));
   block.string(84, name.utf16);
   block.finish(0, 0);
 

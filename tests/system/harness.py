@@ -79,8 +79,10 @@ class Test_Server:
 
     def stop(self):
         self.process.stdin.close()   # it ends when its input does
-        self.process.wait(timeout=30)
+        status = self.process.wait(timeout=30)
         self.process.stdout.close()
+        if status != 0:
+            raise RuntimeError("the test server ended with %d" % status)
 
 
 class Result:

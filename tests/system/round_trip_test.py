@@ -100,6 +100,21 @@ class Round_Trip(harness.Scenario):
         keys = [item["Key"] for item in client.list_objects(Bucket="select-target")["Contents"]]
         self.assertEqual(["a/1", "a/2", "c"], keys)
 
+    def test_sources_that_go_back_up_and_overlap_are_exact(self):
+        self.add_account(self.server)
+        self.add_pool()
+        client = self.server.client()
+        for bucket in ("overlap", "overlap-target"):
+            client.create_bucket(Bucket=bucket)
+        for key in ("x/f", "x/y/1", "x/y/z/2", "top"):
+            client.put_object(Bucket="overlap", Key=key, Body=key.encode())
+        outcome = self.agent("backup", "work", "/overlap/x/y/", "/overlap/x/f", "/overlap/x/y/z/", "/overlap/top",
+                             "--pool", "disk", "--json").json
+        self.assertEqual((4, 4), (outcome["listed"], outcome["saved"]))
+        self.agent("restore", outcome["set"], "--map", "overlap=overlap-target")
+        for key in ("x/f", "x/y/1", "x/y/z/2", "top"):
+            self.assertEqual(key.encode(), client.get_object(Bucket="overlap-target", Key=key)["Body"].read())
+
     def test_rules_leave_out_what_they_exclude(self):
         self.add_account(self.server)
         self.add_pool()
@@ -111,6 +126,12 @@ class Round_Trip(harness.Scenario):
                              "cache/", "--json").json
         self.assertEqual((4, 2, 2), (outcome["listed"], outcome["saved"], outcome["excluded"]))
         self.assert_account_adds_up(outcome)
+        shown = self.agent("backup", "work", "/rules/", "--pool", "disk", "--exclude", "*.tmp", "--exclude", "cache/",
+                           "--dry-run").stdout
+        self.assertIn("/rules/sub/keep.txt", shown)
+        self.assertNotIn("drop.tmp", shown)
+        self.assertIn("2 objects", shown)
+        self.assertEqual(1, len(self.agent("sets", "--json").json["sets"]))
         listed = self.agent("ls", outcome["set"], "--recursive").stdout
         self.assertIn("/rules/sub/keep.txt", listed)
         self.assertNotIn("drop.tmp", listed)

@@ -1,0 +1,7 @@
+#pragma once
+
+#include "agent/context.h"
+
+/// Lists what a backup of the selection would take in, without reading or writing anything: a line per object and a
+/// sum, or, where JSON is wanted, one object with the sums. Asks the module, page by page.
+void dry_run(Context& context, const Account& account, const Selection& selection);
