@@ -78,6 +78,12 @@ class Test_Server:
     def client(self):
         return make_client(self)
 
+    def ask(self, *words):
+        """The server's answer to one of its questions (the head of testing/s3_test_server/main.cpp)."""
+        self.process.stdin.write(" ".join(words) + "\n")
+        self.process.stdin.flush()
+        return self.process.stdout.readline().rstrip("\n")
+
     def stop(self):
         """Idempotent."""
         self.process.stdin.close()   # it ends when its input does
@@ -110,9 +116,10 @@ class Scenario(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
         self.state = os.path.join(self.folder, "state")
         self.pool = os.path.join(self.folder, "pool")
+        self.program = AGENT
 
     def command(self, *arguments):
-        return [AGENT, "--state", self.state, *arguments]
+        return [self.program, "--state", self.state, *arguments]
 
     def agent(self, *arguments, expect=0, input=None):
         """Runs the program and checks its exit code; None accepts any."""

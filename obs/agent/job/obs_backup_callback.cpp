@@ -53,18 +53,16 @@ int OBS_File_Reader::open(const char* path) {
     report_no_path();
     return -1;
   }
-  path_ = path;
-  offset_ = 0;
-  obj_.reset(new (std::nothrow) S3_Object);
-  if (!obj_) {
+  try {
+    path_ = path;
+    offset_ = 0;
+    obj_ = std::make_unique<S3_Object>();
+    if (open_i() && fits())
+      return 0;
+  } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-    return 1;
   }
-  if (!open_i())
-    return 1;
-  if (fits())
-    return 0;
-  close();
+  conn_ = HTTP_Connection_var();
   return 1;
 }
 
@@ -104,8 +102,13 @@ bool OBS_File_Reader::open_i() {
 }
 
 int OBS_File_Reader::read(MTF::Buffer& buffer) {
-  if (!is_open() && !open_i())
+  try {
+    if (!is_open() && !open_i())
+      return 1;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return 1;
+  }
   const size_t count = conn_->recv(buffer.base(), buffer.size(), nullptr);
   if (count == HTTP_Connection::RECV_FAILED)
     return 1;
@@ -152,14 +155,23 @@ bool OBS_Backup_Callback::lstat(const char* path, MTF::Callback_Stat& stat) {
   }
   stat.reset();
   stat.nlink = 1;
-  if (OBS_Path(path, false).is_prefix())
-    stat.mode = DIRECTORY_MODE;
+  try {
+    if (OBS_Path(path, false).is_prefix())
+      stat.mode = DIRECTORY_MODE;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
   return true;
 }
 
-int OBS_Backup_Callback::readlink(const char*, char*, size_t) { return -1; }
+int OBS_Backup_Callback::readlink(const char*, char*, size_t) {
+  return -1;
+}
 
-int OBS_Backup_Callback::read_dirs(const char*, std::list<std::string>&) { return 0; }
+int OBS_Backup_Callback::read_dirs(const char*, std::list<std::string>&) {
+  return 0;
+}
 
 MTF::IFile_Reader_var OBS_Backup_Callback::make_file_reader() {
   try {
@@ -170,9 +182,9 @@ MTF::IFile_Reader_var OBS_Backup_Callback::make_file_reader() {
   }
 }
 
-MTF::ISrc_Lister_var OBS_Backup_Callback::make_source_lister(const std::list<std::string>* sources,
-                                                             unsigned short seq, MTF::Event_Handler* handler,
-                                                             const MTF::IFilter* filter, int threads) {
+MTF::ISrc_Lister_var OBS_Backup_Callback::make_source_lister(const std::list<std::string>* sources, unsigned short seq,
+                                                             MTF::Event_Handler* handler, const MTF::IFilter* filter,
+                                                             int threads) {
   cache_limit_ = std::clamp(cache_limit_, MIN_CACHE_LIMIT, MAX_CACHE_LIMIT);
 
   try {

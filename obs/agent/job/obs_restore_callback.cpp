@@ -14,6 +14,15 @@ OBS_Restore_Callback::~OBS_Restore_Callback() = default;
 OBS_Restore_Callback_Factory::~OBS_Restore_Callback_Factory() = default;
 
 MTF::Error_Code OBS_File_Writer::open(const char* path, ACE_UINT64 size) {
+  try {
+    return open_i(path, size);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return MTF::E_SKIP;
+  }
+}
+
+MTF::Error_Code OBS_File_Writer::open_i(const char* path, ACE_UINT64 size) {
   const OBS_Path source(path, false);
   if (!source)
     return MTF::E_SKIP;
@@ -68,14 +77,19 @@ bool OBS_Restore_Callback::connect(const URI& uri, const S3_Client_Options& opts
 }
 
 bool OBS_Restore_Callback::unlink(const char* path) {
-  const OBS_Path source(path, false);
-  if (!source)
+  try {
+    const OBS_Path source(path, false);
+    if (!source)
+      return false;
+    const Buckets_Mapper::mapper_t& mapping = mapper_.mapper(source.bucket_);
+    if (mapping.bucket.empty())
+      return true;
+    const Remote_Object target(source, mapping);
+    return clt_.del(target.bucket, target.key);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return false;
-  const Buckets_Mapper::mapper_t& mapping = mapper_.mapper(source.bucket_);
-  if (mapping.bucket.empty())
-    return true;
-  const Remote_Object target(source, mapping);
-  return clt_.del(target.bucket, target.key);
+  }
 }
 
 MTF::IFile_Writer_var OBS_Restore_Callback::make_file_writer() {

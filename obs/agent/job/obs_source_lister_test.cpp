@@ -1,0 +1,171 @@
+#include "obs/agent/job/obs_source_lister.h"
+
+#include "testing/module/fake_clock.h"
+#include "testing/module/fake_event_handler.h"
+#include "testing/module/fake_s3.h"
+#include "testing/module/log_sink.h"
+
+#include <gtest/gtest.h>
+
+using namespace module_testing;
+
+namespace {
+
+typedef std::vector<std::string> Texts;
+
+struct source_lister : testing::Test {
+  /// All blocks until the lister ends.
+  Texts list(std::list<std::string> srcs) {
+    OBS_Source_Lister lister(service, 7, std::move(srcs), events, filter);
+    Texts blocks;
+    MTF::Cat_Blk blk;
+    while (lister.next(blk)) {
+      EXPECT_TRUE(blk.valid());
+      blocks.push_back(block_text(blk));
+    }
+    EXPECT_FALSE(lister.next(blk));
+    return blocks;
+  }
+
+  Log_Sink log;
+  Fake_Clock clock;
+  Fake_Store store;
+  std::shared_ptr<Fake_Store_Service> service = std::make_shared<Fake_Store_Service>(store);
+  Fake_Event_Handler handler;
+  MTF::Event_Handler* events = &handler;
+  const MTF::IFilter* filter = nullptr;
+};
+
+struct Without_D : MTF::IFilter {
+  bool is_included(const char* path, bool is_dir) const override {
+    asked.push_back(path);
+    return !(is_dir && std::string(path) == "/b/d/");
+  }
+  mutable Texts asked;
+};
+
+TEST_F(source_lister, bucket_and_single_object_come_in_order_with_their_folders) {
+  store.put("b1", "a.txt");
+  store.put("b1", "d/e.txt");
+  store.put("b2", "x/y.txt");
+  EXPECT_EQ(
+      (Texts{"VOL", "DIR b1/", "FILE a.txt", "DIR b1/d/", "FILE e.txt", "DIR b2/", "DIR b2/x/", "FILE y.txt", "FEND"}),
+      list({"/b1/", "/b2/x/y.txt"}));
+}
+
+TEST_F(source_lister, walk_is_depth_first_in_listing_order_over_pages) {
+  for (const char* key : {"a!/1", "a/2", "a/b/3", "a/b/4", "c"})
+    store.put("b", key);
+  store.page_size = [](const std::string&, const std::string&) { return 1u; };
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FILE c", "DIR b/a!/", "FILE 1", "DIR b/a/", "FILE 2", "DIR b/a/b/", "FILE 3",
+                   "FILE 4", "FEND"}),
+            list({"/b/"}));
+}
+
+TEST_F(source_lister, no_entries_give_a_volume_and_no_end) {
+  EXPECT_EQ((Texts{"VOL"}), list({}));
+  EXPECT_EQ(2u, log.count(LM_ERROR, "No source entries to list.\n"));
+}
+
+TEST_F(source_lister, missing_service_is_an_emergency) {
+  service.reset();
+  EXPECT_EQ(Texts(), list({"/b/"}));
+  EXPECT_EQ(2u, log.count("svr_ is NULL:\n"));
+}
+
+TEST_F(source_lister, walked_entry_has_its_folders_even_when_empty) {
+  store.make_bucket("b");
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "DIR b/p/q/", "FEND"}), list({"/b/p/q/"}));
+}
+
+TEST_F(source_lister, entries_in_one_folder_repeat_no_folder) {
+  store.put("b", "p/1");
+  store.put("b", "p/2");
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "FILE 1", "FILE 2", "FEND"}), list({"/b/p/1", "/b/p/2"}));
+}
+
+TEST_F(source_lister, entry_that_makes_no_sense_is_named_and_left_out) {
+  store.put("b", "1");
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FILE 1", "FEND"}), list({"/", "/b/1"}));
+  EXPECT_EQ(1u, log.count(LM_ERROR, "Invalid source entry '/' to list.\n"));
+}
+
+TEST_F(source_lister, folder_object_is_left_out_and_named_when_it_has_content) {
+  store.put("b", "p/", 0);
+  store.put("b", "q/", 5);
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "DIR b/q/", "FEND"}), list({"/b/p/", "/b/q/"}));
+  EXPECT_EQ(1u, log.count(LM_ERROR, "The key 'q/' ending with / is not supported, size: 5.\n"));
+  EXPECT_EQ(1u, log.count(LM_ERROR, ""));
+}
+
+TEST_F(source_lister, excluded_prefix_is_not_walked) {
+  for (const char* key : {"d/1", "e/2"})
+    store.put("b", key);
+  Without_D without;
+  filter = &without;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/e/", "FILE 2", "FEND"}), list({"/b/"}));
+  EXPECT_EQ((Texts{"/b/d/", "/b/e/", "/b/e/2"}), without.asked);
+}
+
+TEST_F(source_lister, final_failure_is_not_repeated_and_costs_the_prefix_only) {
+  store.put("b", "p/1");
+  store.put("c", "2");
+  int requests = 0;
+  store.on_list = [&](const std::string& bucket, const std::string&, const std::string&) {
+    requests += bucket == "b";
+    return bucket == "b" ? final_failure() : S3_Error();
+  };
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "DIR c/", "FILE 2", "FEND"}), list({"/b/p/", "/c/"}));
+  EXPECT_EQ(1, requests);
+  EXPECT_EQ(1u, handler.skipped_dirs());
+  EXPECT_EQ((Texts{"{\"errno\":13,\"message\":\"AccessDenied: no\",\"name\":\"/b/p/\",\"type\":\"directory\"}"}),
+            handler.errors);
+  EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to list object from 'b' with prefix 'p/', error: AccessDenied: no.\n"));
+}
+
+TEST_F(source_lister, retriable_failure_is_repeated_three_times) {
+  store.make_bucket("b");
+  int requests = 0;
+  store.on_list = [&](const std::string&, const std::string&, const std::string&) {
+    ++requests;
+    return retriable_failure();
+  };
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FEND"}), list({"/b/"}));
+  EXPECT_EQ(4, requests);
+  EXPECT_EQ(3u, clock.sleeps().size());
+  for (const char* attempt : {"Retry(1) ", "Retry(2) ", "Retry(3) "})
+    EXPECT_EQ(1u, log.count(LM_INFO, std::string(attempt) + "obs/agent/job/obs_source_lister.cpp:"));
+  EXPECT_EQ(1u, handler.skipped_dirs());
+}
+
+TEST_F(source_lister, single_object_that_is_not_there_is_passed_over) {
+  store.make_bucket("b");
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FEND"}), list({"/b/gone"}));
+  EXPECT_TRUE(handler.errors.empty());
+  EXPECT_EQ(0u, handler.skipped_files());
+}
+
+TEST_F(source_lister, single_object_that_cannot_be_asked_for_is_reported) {
+  store.on_head = [](const std::string&, const std::string&) { return final_failure(); };
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FEND"}), list({"/b/k"}));
+  EXPECT_EQ(1u, handler.skipped_files());
+  EXPECT_EQ((Texts{"{\"errno\":13,\"message\":\"AccessDenied: no\",\"name\":\"/b/k\",\"type\":\"file\"}"}),
+            handler.errors);
+}
+
+TEST_F(source_lister, failures_need_no_event_handler) {
+  events = nullptr;
+  store.on_list = [](const std::string&, const std::string&, const std::string&) { return final_failure(); };
+  store.on_head = [](const std::string&, const std::string&) { return final_failure(); };
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FEND"}), list({"/b/", "/b/k"}));
+}
+
+TEST_F(source_lister, single_object_is_not_asked_of_the_filter) {
+  store.put("b", "k");
+  Without_D without;
+  filter = &without;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FILE k", "FEND"}), list({"/b/k"}));
+  EXPECT_TRUE(without.asked.empty());
+}
+
+} // namespace

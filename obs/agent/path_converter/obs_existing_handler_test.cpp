@@ -1,0 +1,115 @@
+#include "obs/agent/path_converter/obs_existing_handler.h"
+
+#include "testing/module/fake_s3.h"
+#include "testing/module/fake_s3_service.h"
+#include "testing/module/log_sink.h"
+
+#include <gtest/gtest.h>
+
+MODULE_TESTING_DEFINE_SERVICE_HOOK()
+
+using namespace module_testing;
+
+namespace {
+
+constexpr time_t TIME = 1700000000;
+
+struct Fixed_Converter : MTF_FS::IPath_Converter {
+  explicit Fixed_Converter(MTF::Error_Code result) : result(result) {}
+  MTF::Error_Code convert(std::string& path, time_t, bool) const override {
+    path += "2";
+    return result;
+  }
+  MTF::Error_Code result;
+};
+
+struct existing_handler : testing::Test {
+  existing_handler() { store.put("b", "k", 1, TIME); }
+
+  MTF::Error_Code convert(OBS_PATH_CONVERTER_TYPE type, std::string path, time_t mtime = TIME, bool is_dir = false,
+                          const MTF_FS::IPath_Converter_var& pre = MTF_FS::IPath_Converter_var()) {
+    const OBS_Existing_Handler handler(pre, entry, mapper, type);
+    const std::string before = path;
+    const MTF::Error_Code result = handler.convert(path, mtime, is_dir);
+    if (pre.null()) {
+      EXPECT_EQ(before, path);
+    }
+    return result;
+  }
+
+  Log_Sink log;
+  Fake_Store store;
+  std::shared_ptr<Fake_Store_Service> service = std::make_shared<Fake_Store_Service>(store);
+  Service_Hook hook{service};
+  Buckets_Mapper mapper;
+  json_spirit::Object entry{{"access_key", "a"}, {"secret_key", "s"}, {"scheme", "http"}, {"endpoint", "h"}};
+};
+
+TEST_F(existing_handler, policies_without_protection_ask_nothing) {
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_NONE, "/b/k"));
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_OVERWRITE, "/b/k"));
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_OVERWRITE, "/"));
+  EXPECT_TRUE(service->heads.empty());
+}
+
+TEST_F(existing_handler, folders_pass_under_every_policy) {
+  for (OBS_PATH_CONVERTER_TYPE type :
+       {OBS_PCT_NONE, OBS_PCT_EXISTING_OVERWRITE, OBS_PCT_EXISTING_SKIP, OBS_PCT_EXISTING_NEWEST})
+    EXPECT_EQ(MTF::E_OK, convert(type, "/b/k", TIME, true));
+  EXPECT_TRUE(service->heads.empty());
+}
+
+TEST_F(existing_handler, skip_leaves_out_what_is_there_only) {
+  EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_SKIP, "/b/k", TIME + 1));
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_SKIP, "/b/other"));
+  EXPECT_EQ((std::vector<std::string>{"b|k", "b|other"}), service->heads);
+}
+
+TEST_F(existing_handler, newest_wants_a_strictly_newer_file) {
+  EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_NEWEST, "/b/k", TIME - 1));
+  EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_NEWEST, "/b/k", TIME));
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_NEWEST, "/b/k", TIME + 1));
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_NEWEST, "/b/other", 0));
+}
+
+TEST_F(existing_handler, negative_time_counts_as_newer_than_any_object) {
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_NEWEST, "/b/k", -1));
+}
+
+TEST_F(existing_handler, path_that_names_no_bucket_is_left_out) {
+  EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_SKIP, "/"));
+  EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_NEWEST, ""));
+}
+
+TEST_F(existing_handler, object_that_cannot_be_asked_for_counts_as_missing) {
+  store.on_head = [](const std::string&, const std::string&) { return final_failure(); };
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_SKIP, "/b/k"));
+  EXPECT_TRUE(log.empty());
+}
+
+TEST_F(existing_handler, mapped_object_is_the_one_that_counts) {
+  mapper.default_mapper().bucket = "t";
+  mapper.default_mapper().prefix = "p";
+  mapper.default_mapper().add_bucket_prefix = true;
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_SKIP, "/b/k"));
+  store.put("t", "p/b/k");
+  EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_SKIP, "/b/k"));
+  EXPECT_EQ((std::vector<std::string>{"t|p/b/k", "t|p/b/k"}), service->heads);
+}
+
+TEST_F(existing_handler, without_a_service_every_file_passes) {
+  entry.erase("endpoint");
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_SKIP, "/b/k"));
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_NEWEST, "/", 0));
+}
+
+TEST_F(existing_handler, converter_before_it_is_asked_first_and_its_refusal_stands) {
+  const MTF_FS::IPath_Converter_var refusing(new Fixed_Converter(MTF::E_SKIP));
+  EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_SKIP, "/b/other", TIME, false, refusing));
+  EXPECT_TRUE(service->heads.empty());
+  const MTF_FS::IPath_Converter_var passing(new Fixed_Converter(MTF::E_OK));
+  EXPECT_EQ(MTF::E_OK, convert(OBS_PCT_EXISTING_SKIP, "/b/k", TIME, false, passing));
+  EXPECT_EQ((std::vector<std::string>{"b|k2"}), service->heads);
+}
+
+} // namespace
