@@ -1,6 +1,7 @@
 """Sets that no rule keeps go, unless another set's data lie in them."""
 import os
 import shutil
+import subprocess
 import unittest
 
 import harness
@@ -117,6 +118,27 @@ class Forget(harness.Scenario):
         self.assertEqual((2, 0), (answer["kept"], answer["removed"]))
         self.assertIn("a backup is running", self.reasons(answer)[sets[0]])
         self.assertEqual(1, self.forget("--keep-last", "1")["removed"])
+
+    def test_killed_on_the_way_leaves_only_whole_sets(self):
+        for round_number in range(4):
+            self.backup("/bucket/", "--full")
+            for number in range(2):
+                self.client.put_object(Bucket="bucket", Key="x%d" % number, Body=b"x" * (round_number + 1))
+                self.backup("/bucket/")
+        last = self.backup("/bucket/", "--full")["set"]
+        for left in (12, 9, 5):
+            process = subprocess.Popen(self.command("forget", "--keep-last", "1"), stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            while len(self.folders()) > left and process.poll() is None:
+                pass
+            process.kill()
+            process.wait()
+            for one in self.sets():
+                self.agent("verify", one)
+        self.forget("--keep-last", "1")
+        self.assertEqual([last], self.sets())
+        self.backup("/bucket/")
+        self.assertEqual([], self.unfinished())
 
 
 if __name__ == "__main__":
