@@ -20,7 +20,7 @@ constexpr ACE_UINT64 AGENT_OBS_ERROR_FAILED_TO_PROBE_OBS = 0x70000031E0100001;
 constexpr ACE_UINT64 AGENT_OBS_ERROR_NO_OBJECTS_RESTORED = 0x70000031E0200004;
 constexpr ACE_UINT64 AGENT_OBS_WARNING_RESTORE_END_WITH_SKIPPED_OBJECTS = 0x50000031E0200005;
 constexpr ACE_UINT64 NO_FLAGS = 0;
-constexpr unsigned RETRY_INTERVAL = 30;   // seconds between looks while the pool is merging
+constexpr unsigned RETRY_INTERVAL = 30; // seconds between looks while the pool is merging
 constexpr size_t URL_SIZE = 4096;
 
 } // namespace
@@ -30,7 +30,9 @@ OBS_Restore_Executor::OBS_Restore_Executor(Job& job)
 
 OBS_Restore_Executor::~OBS_Restore_Executor() = default;
 
-bool OBS_Restore_Executor::execute_pre_action() { return true; }
+bool OBS_Restore_Executor::execute_pre_action() {
+  return true;
+}
 
 bool OBS_Restore_Executor::execute_post_action() {
   if (called_mtf_restore_)
@@ -43,17 +45,22 @@ bool OBS_Restore_Executor::execute_post_action() {
 bool OBS_Restore_Executor::execute_i(const Job_Run_Options*) {
   CHECK_NULL_RETURN(src_, false);
   CHECK_NULL_RETURN(opts_, false);
-  file_backup::File_DR_Test_Context context;
-  Set set;
-  if (is_dr_test()) {
-    if (!find_dr_test_set(context, set))
+  try {
+    file_backup::File_DR_Test_Context context;
+    Set set;
+    if (is_dr_test()) {
+      if (!find_dr_test_set(context, set))
+        return false;
+      if (!context.update)
+        return true;
+    } else if (!find_set(set)) {
       return false;
-    if (!context.update)
-      return true;
-  } else if (!find_set(set)) {
+    }
+    return wait_for_pool() && run(set, context);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return false;
   }
-  return wait_for_pool() && run(set, context);
 }
 
 bool OBS_Restore_Executor::find_dr_test_set(file_backup::File_DR_Test_Context& context, Set& set) {
@@ -189,8 +196,7 @@ void OBS_Restore_Executor::configure(MTF_Restore& engine, const MTF::IRestore_Ca
   engine.callback_factory(factory);
   if (!tgt_.location().empty())
     engine.target_location(tgt_.location());
-  engine.backup_uri_prefix(set.uri_prefix.empty() ? backup_host_id_ + "/" + backup_minor_resource_id_
-                                                  : set.uri_prefix);
+  engine.backup_uri_prefix(set.uri_prefix.empty() ? backup_host_id_ + "/" + backup_minor_resource_id_ : set.uri_prefix);
   engine.pool_uuid(pool_uuid_);
   engine.definition_uuid(def_->id());
   engine.backup_host_uuid(backup_host_id_);
