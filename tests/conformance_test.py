@@ -70,7 +70,8 @@ def main(build, strict):
             outcome = outcomes.get(test, "not run")
             if outcome != "Passed":
                 wrong.append(f"'{test}': {outcome} in the last run")
-    print("\n".join(wrong))
+    for line in wrong:
+        print(line)
     print(f"{count} behaviours, {len(named)} tests, {'held against the last run' if strict or whole else 'run not asked'}")
     return 1 if wrong else 0
 
