@@ -1,14 +1,12 @@
 """Holds doc/conformance.md against the tests that there are.
 
 Every row of its tables names the tests that hold a behaviour, as ctest names them. Each has to exist in the built test
-programs. Where ctest's log of a whole run is there, each has to have run and passed in it; --ran takes the log whatever
-it covers.
+programs; with --ran each has to have run and passed in ctest's last run too.
 
     conformance_test.py BUILD [--ran]
 """
 import os
 import re
-import subprocess
 import sys
 
 DOCUMENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "doc", "conformance.md")
@@ -26,28 +24,40 @@ def rows(path):
                 yield number, cells
 
 
-def existing_tests(build):
-    listed = subprocess.run(["ctest", "--test-dir", build, "-N"], stdout=subprocess.PIPE, check=True, text=True).stdout
-    return set(re.findall(r"^ +Test +#\d+: (\S+)", listed, re.MULTILINE))
+def existing_tests(folder):
+    """The tests that ctest knows in a build folder. Its own list is not asked for: that would wipe out its log."""
+    path = os.path.join(folder, "CTestTestfile.cmake")
+    if not os.path.exists(path):
+        return set()
+    with open(path, encoding="utf-8") as listing:
+        text = listing.read()
+    # A test program's list is made when the program is built.
+    for include in re.findall(r'^include\("(.*)_include\.cmake"\)', text, re.MULTILINE):
+        if os.path.exists(include + "_tests.cmake"):
+            with open(include + "_tests.cmake", encoding="utf-8") as listing:
+                text += listing.read()
+    found = set(re.findall(r"^add_test\((?:\[=+\[|\"?)([^\s\]\")]+)", text, re.MULTILINE))
+    for below in re.findall(r'^subdirs\("(.*)"\)', text, re.MULTILINE):
+        found |= existing_tests(os.path.join(folder, below))
+    return found
 
 
 def last_run(build):
-    """Outcome by test of ctest's last run, and how many tests that run was to cover."""
+    """Outcome by test of ctest's last run."""
     path = os.path.join(build, "Testing", "Temporary", "LastTest.log")
     if not os.path.exists(path):
-        return {}, 0
+        return {}
     with open(path, encoding="utf-8", errors="replace") as log:
         text = log.read()
-    outcomes, total = {}, 0
+    outcomes = {}
     for part in re.split(r"^(?=\d+/\d+ Testing: )", text, flags=re.MULTILINE)[1:]:
-        head = re.match(r"\d+/(\d+) Testing: (\S+)", part)
-        total = max(total, int(head.group(1)))
+        name = re.match(r"\S+ Testing: (\S+)", part).group(1)
         outcome = re.findall(r"^Test (Passed|Failed)\.", part, re.MULTILINE)
-        outcomes[head.group(2)] = outcome[-1] if outcome else "no outcome"
-    return outcomes, total
+        outcomes[name] = outcome[-1] if outcome else "no outcome"
+    return outcomes
 
 
-def main(build, strict):
+def main(build, ran):
     wrong, named, count = [], set(), 0
     existing = existing_tests(build)
     for number, cells in rows(DOCUMENT):
@@ -62,16 +72,15 @@ def main(build, strict):
     if count == 0:
         wrong.append("the document has no rows")
 
-    outcomes, total = last_run(build)
-    # A run of some of the tests says nothing about the others.
-    whole = total > 0 and total >= len(existing) - 1 and len(outcomes) >= total - 1
-    if strict or whole:
+    if ran:
+        outcomes = last_run(build)
         for test in sorted(named & existing):
             outcome = outcomes.get(test, "not run")
             if outcome != "Passed":
                 wrong.append(f"'{test}': {outcome} in the last run")
-    print("\n".join(wrong))
-    print(f"{count} behaviours, {len(named)} tests, {'held against the last run' if strict or whole else 'run not asked'}")
+    for line in wrong:
+        print(line)
+    print(f"{count} behaviours, {len(named)} tests" + (", held against the last run" if ran else ""))
     return 1 if wrong else 0
 
 

@@ -22,6 +22,14 @@ def symbols(*options):
     return [line.split(None, 2 if "--defined-only" in options else 1)[-1] for line in listed.stdout.splitlines()]
 
 
+def loaded(**settings):
+    """What ldd would say, by the program's own loader: that of another architecture may lie anywhere."""
+    headers = subprocess.run(["readelf", "-l", "-W", harness.AGENT], stdout=subprocess.PIPE, check=True, text=True).stdout
+    loader = re.search(r"program interpreter: (.*)\]", headers).group(1)
+    return subprocess.run([loader, MODULE], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          env=dict(os.environ, LD_TRACE_LOADED_OBJECTS="1", **settings)).stdout
+
+
 class Boundary(harness.Scenario):
     def test_exactly_the_factories_and_the_mapper_are_exported(self):
         exported = set(symbols("--defined-only"))
@@ -43,9 +51,8 @@ class Boundary(harness.Scenario):
         self.assertEqual({"t"}, set(kinds.values()), kinds)
 
     def test_every_symbol_comes_from_one_of_the_allowed_libraries(self):
-        listed = subprocess.run(["ldd", MODULE], stdout=subprocess.PIPE, check=True, text=True).stdout
-        files = {os.path.basename(name): path or name for name, path in re.findall(r"^\s*(\S+) (?:=> (\S+) )?\(", listed,
-                                                                           re.MULTILINE)}
+        files = {os.path.basename(name): path or name
+                 for name, path in re.findall(r"^\s*(\S+) (?:=> (\S+) )?\(", loaded(), re.MULTILINE)}
         needed = [name for name in files if ALLOWED.match(name)]
         self.assertTrue(any(name.startswith("libagent_platform") for name in needed))
         provided = set()
@@ -61,13 +68,7 @@ class Boundary(harness.Scenario):
         self.assertEqual(set(), wanted - provided)
 
     def test_every_symbol_it_needs_is_found(self):
-        # The program's own loader says what ldd would: that of another architecture may lie anywhere.
-        headers = subprocess.run(["readelf", "-l", "-W", harness.AGENT], stdout=subprocess.PIPE, check=True,
-                                 text=True).stdout
-        loader = re.search(r"program interpreter: (.*)\]", headers).group(1)
-        unresolved = subprocess.run([loader, MODULE], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                    env=dict(os.environ, LD_TRACE_LOADED_OBJECTS="1", LD_WARN="1", LD_BIND_NOW="1")
-                                    ).stdout
+        unresolved = loaded(LD_WARN="1", LD_BIND_NOW="1")
         self.assertRegex(unresolved, r"libagent_platform\.so => /")
         self.assertNotIn("undefined symbol", unresolved)
         self.assertNotIn("not found", unresolved)

@@ -123,23 +123,26 @@ bool Async_OBS_Object_Lister::schedule() {
     return false;
   }
 
-  const size_t count = static_cast<size_t>(threads_);
-  std::vector<ACE_thread_t> ids(count, ACE_OS::NULL_thread);
+  workers_.assign(static_cast<size_t>(threads_), ACE_OS::NULL_thread);
   live_workers_ = threads_;
-  worker_grp_ = manager->spawn_n(ids.data(), count, &Async_OBS_Object_Lister::thread_do, this,
+  worker_grp_ = manager->spawn_n(workers_.data(), workers_.size(), &Async_OBS_Object_Lister::thread_do, this,
                                  THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED);
   if (worker_grp_ != -1)
     return true;
   const int error = errno;
   ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to activate worker for object iterator on %s/%s, errno=%d, %m.\n"),
              bucket_.c_str(), root_->name.c_str(), error));
-  // The group of those that did start is not known, so they are joined one by one.
-  finish();
-  for (ACE_thread_t id : ids) {
-    if (!ACE_OS::thr_equal(id, ACE_OS::NULL_thread))
-      manager->join(id);
-  }
   return false;
+}
+
+// One by one: the thread manager's wait for a group leaves the threads that have ended before it unjoined, with their
+// stacks, and after a failed start there is no group at all.
+void Async_OBS_Object_Lister::join_workers() {
+  for (const ACE_thread_t worker : workers_)
+    if (!ACE_OS::thr_equal(worker, ACE_OS::NULL_thread))
+      ACE_Thread_Manager::instance()->join(worker);
+  workers_.clear();
+  worker_grp_ = -1;
 }
 
 void Async_OBS_Object_Lister::finish() {
@@ -156,10 +159,7 @@ void Async_OBS_Object_Lister::reset() {
     ACE_Thread_Manager::instance()->join(stat_thr_);
     stat_thr_ = ACE_OS::NULL_thread;
   }
-  if (worker_grp_ != -1) {
-    ACE_Thread_Manager::instance()->wait_grp(worker_grp_);
-    worker_grp_ = -1;
-  }
+  join_workers();
   bucket_.clear();
   head_prefix_ = nullptr;
   cur_obj_.reset();

@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 class Job;
 
@@ -154,7 +155,8 @@ private:
   const MTF::IFilter* filter_;
 
   ACE_Condition_Thread_Mutex ended_; ///< `end_` was set
-  size_t idle_workers_ = 0;          ///< workers that wait on `has_prefixes_`
+  std::vector<ACE_thread_t> workers_;
+  size_t idle_workers_ = 0; ///< workers that wait on `has_prefixes_`
   int live_workers_ = 0;
   bool broken_off_ = false; ///< the consumer's
   Object_List batch_;       ///< the consumer's: taken from the head, not yet handed out

@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <set>
 
@@ -360,6 +362,25 @@ TEST_F(object_lister, reset_ends_paused_workers_at_once) {
   }
   // Pauses end by themselves after 5 seconds, so 20 rounds of those would take 100.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(50));
+}
+
+size_t memory_mappings() {
+  std::ifstream maps("/proc/self/maps");
+  return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(maps), std::istreambuf_iterator<char>(), '\n'));
+}
+
+TEST_F(object_lister, workers_that_ended_long_before_leave_no_stack_behind) {
+  store.put("b", "p/1");
+  Async_OBS_Object_Lister lister(client, 8, 300, 100, nullptr);
+  const auto round = [&] {
+    ASSERT_TRUE(lister.init("b", "p/"));
+    EXPECT_EQ((Keys{"p/1"}), take_all(lister));
+  };
+  round();
+  const size_t before = memory_mappings();
+  for (int i = 0; i < 100; ++i)
+    round();
+  EXPECT_LT(memory_mappings(), before + 100); // each stack left would be two
 }
 
 TEST_F(object_lister, reset_ends_a_worker_that_waits_to_repeat_a_request) {

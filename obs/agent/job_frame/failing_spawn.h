@@ -7,13 +7,14 @@
 
 namespace module_testing {
 
-inline thread_local bool spawns_fail = false;
+/// Threads that the calling thread may still start; negative: any number.
+inline thread_local int spawns_left = -1;
 
-/// Lets the calling thread start no other while it lives.
+/// Lets the calling thread start no more than `allowed` others while it lives.
 class Failing_Spawn {
 public:
-  Failing_Spawn() { spawns_fail = true; }
-  ~Failing_Spawn() { spawns_fail = false; }
+  explicit Failing_Spawn(int allowed = 0) { spawns_left = allowed; }
+  ~Failing_Spawn() { spawns_left = -1; }
   Failing_Spawn(const Failing_Spawn&) = delete;
   Failing_Spawn& operator=(const Failing_Spawn&) = delete;
 };
@@ -24,8 +25,10 @@ public:
 #define MODULE_TESTING_DEFINE_FAILING_SPAWN()                                                                          \
   extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),         \
                                 void* argument) noexcept {                                                             \
-    if (module_testing::spawns_fail)                                                                                   \
+    if (module_testing::spawns_left == 0)                                                                              \
       return EAGAIN;                                                                                                   \
+    if (module_testing::spawns_left > 0)                                                                               \
+      --module_testing::spawns_left;                                                                                   \
     typedef int (*Create)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);                                 \
     static const Create create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));                         \
     return create(thread, attributes, function, argument);                                                             \
