@@ -89,6 +89,7 @@ void restore(Context& context, const Restore_Arguments& arguments) {
   const Set set = context.set(arguments.set);
   const Account account = target_account(context, set, arguments.to);
 
+  context.module();   // before the first request: from here on an interrupt cancels instead of ending the process
   json_spirit::Array bucket_maps;
   std::set<std::string> targets;
   for (const Bucket_Map& map : maps) {

@@ -36,8 +36,12 @@ private:
 
 } // namespace
 
-Fake_Client_Script& fake_client() { return *script(); }
-void reset_fake_client() { script().reset(new Fake_Client_Script); }
+Fake_Client_Script& fake_client() {
+  return *script();
+}
+void reset_fake_client() {
+  script().reset(new Fake_Client_Script);
+}
 
 } // namespace module_testing
 
@@ -53,9 +57,9 @@ S3_Client::~S3_Client() = default;
 bool S3_Client::connect(const std::string& scheme, const std::string& host, unsigned short port, bool ssl,
                         const char* proxy, const S3_Client_Options& options) {
   fake_client().connections.push_back(scheme + " " + host + " " + std::to_string(port) + (ssl ? " ssl " : " plain ") +
-                                      (proxy ? proxy : "direct") + " " + options.access_key + " " +
-                                      options.secret_key + " " + options.region + " " + options.vendor + " " +
-                                      options.sign_method + " " + std::to_string(options.max_retry_seconds));
+                                      (proxy ? proxy : "direct") + " " + options.access_key + " " + options.secret_key +
+                                      " " + options.region + " " + options.vendor + " " + options.sign_method + " " +
+                                      std::to_string(options.max_retry_seconds));
   return fake_client().connects;
 }
 

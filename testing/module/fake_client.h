@@ -11,14 +11,14 @@ struct Fake_Client_Script {
   bool connects = true;
   bool lists_buckets = true;
   bool uploads = true;
-  bool stores = true;                                ///< what closing an upload answers
-  bool writes = true;                                ///< false: writing fails
-  size_t accepts = static_cast<size_t>(-1);          ///< bytes that one write takes at most
-  std::vector<json_spirit::Value> extra_buckets;     ///< listed before the store's own
+  bool stores = true;                            ///< what closing an upload answers
+  bool writes = true;                            ///< false: writing fails
+  size_t accepts = static_cast<size_t>(-1);      ///< bytes that one write takes at most
+  std::vector<json_spirit::Value> extra_buckets; ///< listed before the store's own
 
-  std::vector<std::string> connections;              ///< "scheme host port ssl access secret region vendor sign"
-  std::vector<std::string> uploaded;                 ///< "bucket|key|size"
-  std::vector<std::string> deleted;                  ///< "bucket|key"
+  std::vector<std::string> connections; ///< "scheme host port ssl access secret region vendor sign"
+  std::vector<std::string> uploaded;    ///< "bucket|key|size"
+  std::vector<std::string> deleted;     ///< "bucket|key"
   int services = 0;
 };
 

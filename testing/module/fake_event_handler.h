@@ -20,7 +20,7 @@ public:
   bool canceling() override { return cancel_after >= 0 && asked++ >= cancel_after; }
 
   std::vector<std::string> errors;
-  int cancel_after = -1;   ///< questions that are answered with no; negative: all
+  int cancel_after = -1; ///< questions that are answered with no; negative: all
   int asked = 0;
 };
 

@@ -221,9 +221,9 @@ public:
   S3_IWriter_ptr upload(const char*, const char*, ACE_UINT64) override { return nullptr; }
 
   std::vector<std::string> asked_buckets;
-  std::vector<std::string> heads;      ///< "bucket|key"
-  std::vector<ACE_UINT64> gets;        ///< offsets
-  std::vector<bool> get_objects;       ///< whether the object's description was asked for
+  std::vector<std::string> heads; ///< "bucket|key"
+  std::vector<ACE_UINT64> gets;   ///< offsets
+  std::vector<bool> get_objects;  ///< whether the object's description was asked for
 
 private:
   bool answer(const S3_Error& error) {
@@ -255,7 +255,11 @@ private:
   Fake_Store& store_;
 };
 
-inline S3_Error retriable_failure() { return S3_Error(EAGAIN, 503, "SlowDown", "slow down", true); }
-inline S3_Error final_failure() { return S3_Error(EACCES, 403, "AccessDenied", "no", false); }
+inline S3_Error retriable_failure() {
+  return S3_Error(EAGAIN, 503, "SlowDown", "slow down", true);
+}
+inline S3_Error final_failure() {
+  return S3_Error(EACCES, 403, "AccessDenied", "no", false);
+}
 
 } // namespace module_testing

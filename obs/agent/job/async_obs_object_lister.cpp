@@ -18,8 +18,8 @@
 
 namespace {
 
-constexpr int STATS_INTERVAL = 30;      // seconds between statistics lines
-constexpr time_t PAUSE_LIMIT = 5;       // seconds; a pause ends earlier when there is reason to
+constexpr int STATS_INTERVAL = 30; // seconds between statistics lines
+constexpr time_t PAUSE_LIMIT = 5;  // seconds; a pause ends earlier when there is reason to
 constexpr unsigned RETRY_SLOT = 1;
 constexpr unsigned RETRY_CAP = 30;
 constexpr unsigned long long NO_HEAD_LIMIT = 1ull << 32;
@@ -27,7 +27,9 @@ constexpr unsigned long long MAX_BATCH = 256;
 
 typedef ACE_Guard<ACE_Thread_Mutex> Guard;
 
-ACE_Time_Value pause_end() { return ACE_OS::gettimeofday() + ACE_Time_Value(PAUSE_LIMIT); }
+ACE_Time_Value pause_end() {
+  return ACE_OS::gettimeofday() + ACE_Time_Value(PAUSE_LIMIT);
+}
 
 bool job_is_canceling() {
   Job* job = Job::current();
@@ -83,7 +85,9 @@ Async_OBS_Object_Lister::Async_OBS_Object_Lister(S3_Client& clt, int threads, in
   ACE_DEBUG((LM_INFO, ACE_TEXT("Async_OBS_Object_Lister with %d threads, cache limits: %Q\n"), threads_, cache_limit_));
 }
 
-Async_OBS_Object_Lister::~Async_OBS_Object_Lister() { reset(); }
+Async_OBS_Object_Lister::~Async_OBS_Object_Lister() {
+  reset();
+}
 
 bool Async_OBS_Object_Lister::init(const std::string& bucket, const std::string& prefix) {
   reset();
@@ -252,9 +256,8 @@ bool Async_OBS_Object_Lister::has_work() const {
 bool Async_OBS_Object_Lister::slow_down(Prefix_Entry* entry) {
   Guard guard(mutex_);
   if (entry != nullptr) {
-    const bool full = entry == head_prefix_
-                          ? cache_limit_ < NO_HEAD_LIMIT && entry->objects.size() > cache_limit_
-                          : read_ahead_full();
+    const bool full = entry == head_prefix_ ? cache_limit_ < NO_HEAD_LIMIT && entry->objects.size() > cache_limit_
+                                            : read_ahead_full();
     if (!full)
       return false;
     entry->running = false;
@@ -305,7 +308,7 @@ bool Async_OBS_Object_Lister::list_objects(std::shared_ptr<S3_Service_Base> svr,
   }
 
   const std::string name = entry->name;
-  give_up(entry);   // from here on the entry may be gone
+  give_up(entry); // from here on the entry may be gone
   if (!end_)
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list all objects in %s/%s, last error: %s.\n"), bucket_.c_str(),
                name.c_str(), error.c_str()));
@@ -420,7 +423,7 @@ void Async_OBS_Object_Lister::list_end(Prefix_Entry* entry, bool failed) {
   if (failed)
     ++stats_.iterated_errors;
   if (prefix_map_.empty())
-    has_prefixes_.broadcast();   // the last prefix: idle workers end
+    has_prefixes_.broadcast(); // the last prefix: idle workers end
 }
 
 bool Async_OBS_Object_Lister::next(Object_Entry& obj) {

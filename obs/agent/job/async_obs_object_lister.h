@@ -25,8 +25,8 @@ struct Object_Entry {
   Object_Entry& operator=(Object_Entry&&) noexcept = default;
 
   std::string key;
-  unsigned long long size = 0;    ///< bytes
-  unsigned long long mtime = 0;   ///< seconds since the epoch
+  unsigned long long size = 0;  ///< bytes
+  unsigned long long mtime = 0; ///< seconds since the epoch
 };
 typedef boost::container::slist<Object_Entry> Object_List;
 
@@ -45,16 +45,16 @@ struct Prefix_Entry {
   /// Appends all objects of `page` and leaves it without any, in constant time.
   void take_objects(Prefix_Entry& page);
 
-  std::string name;             ///< ends with "/", but for a root that is given otherwise
-  std::string marker;           ///< where the next page begins; empty before the first one
-  Object_List objects;          ///< listed and not yet taken by the consumer, in listing order
-  Prefix_List sub_prefixes;     ///< in listing order, in catalog order once this prefix is `done`
-  bool done = false;            ///< fully listed, or given up
-  bool running = false;         ///< a worker lists it now
-  bool head = false;            ///< the consumer takes or has taken its objects
-  Prefix_Entry* parent;         ///< null for the root
-  Object_List::iterator obj_it_;      ///< last of `objects`
-  Prefix_List::iterator prefix_it_;   ///< last of `sub_prefixes`
+  std::string name;                 ///< ends with "/", but for a root that is given otherwise
+  std::string marker;               ///< where the next page begins; empty before the first one
+  Object_List objects;              ///< listed and not yet taken by the consumer, in listing order
+  Prefix_List sub_prefixes;         ///< in listing order, in catalog order once this prefix is `done`
+  bool done = false;                ///< fully listed, or given up
+  bool running = false;             ///< a worker lists it now
+  bool head = false;                ///< the consumer takes or has taken its objects
+  Prefix_Entry* parent;             ///< null for the root
+  Object_List::iterator obj_it_;    ///< last of `objects`
+  Prefix_List::iterator prefix_it_; ///< last of `sub_prefixes`
 };
 
 /// Lists all objects under a prefix of a bucket, recursively, with several threads that run ahead of the consumer, and
@@ -71,14 +71,14 @@ struct Prefix_Entry {
 class Async_OBS_Object_Lister {
 public:
   struct Statistics {
-    std::atomic<unsigned long long> total_objects{0};       ///< accepted since `init`
-    std::atomic<unsigned long long> cached_objects{0};      ///< listed and not handed out
-    std::atomic<unsigned long long> cached_prefixes{0};     ///< accepted and not consumed, the root left out
-    std::atomic<unsigned long long> iterated_prefixes{0};   ///< whose listing has ended, in whatever way
-    std::atomic<unsigned long long> iterated_errors{0};     ///< whose listing ended with an error
-    std::atomic<unsigned long long> requests{0};            ///< successful ones
-    std::atomic<unsigned long long> req_time{0};            ///< milliseconds in these since the last statistics line
-    std::atomic<unsigned long long> req_count{0};           ///< number of these since the last statistics line
+    std::atomic<unsigned long long> total_objects{0};     ///< accepted since `init`
+    std::atomic<unsigned long long> cached_objects{0};    ///< listed and not handed out
+    std::atomic<unsigned long long> cached_prefixes{0};   ///< accepted and not consumed, the root left out
+    std::atomic<unsigned long long> iterated_prefixes{0}; ///< whose listing has ended, in whatever way
+    std::atomic<unsigned long long> iterated_errors{0};   ///< whose listing ended with an error
+    std::atomic<unsigned long long> requests{0};          ///< successful ones
+    std::atomic<unsigned long long> req_time{0};          ///< milliseconds in these since the last statistics line
+    std::atomic<unsigned long long> req_count{0};         ///< number of these since the last statistics line
     time_t next_log_time = 0;
 
     void clear();
@@ -141,23 +141,23 @@ private:
   int threads_;
   unsigned long long cache_limit_;
   std::unique_ptr<Prefix_Entry> root_;
-  Prefix_Entry* head_prefix_ = nullptr;     ///< null when the iteration is over; changed by the consumer only
-  std::unique_ptr<Object_Entry> cur_obj_;   ///< reserved
-  std::map<std::string, Prefix_Entry*> prefix_map_;   ///< prefixes whose listing has not ended, by name
+  Prefix_Entry* head_prefix_ = nullptr;             ///< null when the iteration is over; changed by the consumer only
+  std::unique_ptr<Object_Entry> cur_obj_;           ///< reserved
+  std::map<std::string, Prefix_Entry*> prefix_map_; ///< prefixes whose listing has not ended, by name
   std::atomic<bool> end_{true};
   int worker_grp_ = -1;
   ACE_thread_t stat_thr_;
-  ACE_Thread_Mutex mutex_;   ///< guards the tree, `prefix_map_`, `head_prefix_`, `idle_workers_` and `live_workers_`
-  ACE_Condition_Thread_Mutex has_objects_;    ///< the head gained objects or ended, or all is over
-  ACE_Condition_Thread_Mutex has_prefixes_;   ///< there may be something to list for a paused worker
+  ACE_Thread_Mutex mutex_; ///< guards the tree, `prefix_map_`, `head_prefix_`, `idle_workers_` and `live_workers_`
+  ACE_Condition_Thread_Mutex has_objects_;  ///< the head gained objects or ended, or all is over
+  ACE_Condition_Thread_Mutex has_prefixes_; ///< there may be something to list for a paused worker
   Statistics stats_;
   const MTF::IFilter* filter_;
 
-  ACE_Condition_Thread_Mutex ended_;   ///< `end_` was set
-  size_t idle_workers_ = 0;            ///< workers that wait on `has_prefixes_`
+  ACE_Condition_Thread_Mutex ended_; ///< `end_` was set
+  size_t idle_workers_ = 0;          ///< workers that wait on `has_prefixes_`
   int live_workers_ = 0;
-  bool broken_off_ = false;            ///< the consumer's
-  Object_List batch_;                  ///< the consumer's: taken from the head, not yet handed out
+  bool broken_off_ = false; ///< the consumer's
+  Object_List batch_;       ///< the consumer's: taken from the head, not yet handed out
   const size_t batch_size_;
-  Job* job_ = nullptr;                 ///< that the consumer works for
+  Job* job_ = nullptr; ///< that the consumer works for
 };

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int RETRY_TIMEOUT = 300;   // seconds of waiting after which a listing request is given up
+constexpr int RETRY_TIMEOUT = 300; // seconds of waiting after which a listing request is given up
 
 /// "/bucket/key", as sources and reports name an object.
 std::string join_path(const std::string& bucket, const std::string& key) {
@@ -33,7 +33,9 @@ Async_OBS_Source_Lister::Async_OBS_Source_Lister(S3_Client& clt, unsigned short 
 
 Async_OBS_Source_Lister::~Async_OBS_Source_Lister() = default;
 
-bool Async_OBS_Source_Lister::next(MTF::Cat_Blk&) { return false; }
+bool Async_OBS_Source_Lister::next(MTF::Cat_Blk&) {
+  return false;
+}
 
 int Async_OBS_Source_Lister::generate(Handler handler) {
   CHECK_NULL_RETURN(handler, -1);
@@ -102,17 +104,20 @@ bool Async_OBS_Source_Lister::list_prefix(Async_OBS_Object_Lister& lister, const
   return true;
 }
 
-bool Async_OBS_Source_Lister::is_canceling() const { return evt_handler_ != nullptr && evt_handler_->is_canceling(); }
+bool Async_OBS_Source_Lister::is_canceling() const {
+  return evt_handler_ != nullptr && evt_handler_->is_canceling();
+}
 
-Async_OBS_Source_Lister::Blk_ptr Async_OBS_Source_Lister::make_vol_blk() { return catalog_blocks::make_vol(seq_); }
+Async_OBS_Source_Lister::Blk_ptr Async_OBS_Source_Lister::make_vol_blk() {
+  return catalog_blocks::make_vol(seq_);
+}
 
 Async_OBS_Source_Lister::Blk_ptr Async_OBS_Source_Lister::make_dir_blk(const std::string& path) {
   return catalog_blocks::make_dir(seq_, path);
 }
 
-Async_OBS_Source_Lister::Blk_ptr Async_OBS_Source_Lister::make_file_blk(const std::string& name,
-                                                                        unsigned long long size,
-                                                                        unsigned long long mtime) {
+Async_OBS_Source_Lister::Blk_ptr
+Async_OBS_Source_Lister::make_file_blk(const std::string& name, unsigned long long size, unsigned long long mtime) {
   if (is_debug_enabled())
     ACE_DEBUG((LM_DEBUG, ACE_TEXT("OBS-Lister|FILE|%s.\n"), name.c_str()));
   return catalog_blocks::make_file(seq_, name, size, mtime);

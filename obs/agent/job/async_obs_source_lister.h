@@ -53,7 +53,7 @@ private:
   unsigned short seq_;
   MTF::Event_Handler* evt_handler_;
   const MTF::IFilter* filter_;
-  std::string cur_dir_;     ///< of the last DIR block that was taken: "bucket/a/b/"
+  std::string cur_dir_; ///< of the last DIR block that was taken: "bucket/a/b/"
   int threads_;
   unsigned long long cache_limit_;
 };

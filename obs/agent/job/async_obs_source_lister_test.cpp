@@ -39,7 +39,7 @@ struct async_source_lister : testing::Test {
   Fake_Event_Handler events;
   const MTF::IFilter* filter = nullptr;
   bool service = true;
-  std::string refused;   ///< the handler's answer to this block is false
+  std::string refused; ///< the handler's answer to this block is false
   Texts blocks;
 };
 
@@ -48,9 +48,9 @@ TEST_F(async_source_lister, bucket_and_single_object_come_in_order_with_their_fo
   store.put("b1", "d/e.txt");
   store.put("b2", "x/y.txt");
   EXPECT_EQ(0, generate({"/b1/", "/b2/x/y.txt"}));
-  EXPECT_EQ((Texts{"VOL", "DIR b1/", "FILE a.txt", "DIR b1/d/", "FILE e.txt", "DIR b2/", "DIR b2/x/", "FILE y.txt",
-                   "FEND"}),
-            blocks);
+  EXPECT_EQ(
+      (Texts{"VOL", "DIR b1/", "FILE a.txt", "DIR b1/d/", "FILE e.txt", "DIR b2/", "DIR b2/x/", "FILE y.txt", "FEND"}),
+      blocks);
   EXPECT_TRUE(events.errors.empty());
 }
 
@@ -67,9 +67,9 @@ TEST_F(async_source_lister, keys_are_bytes_and_empty_components_are_folders) {
   for (const char* key : {"/x", "p//y", "p/../z"})
     store.put("b", key);
   EXPECT_EQ(0, generate({"/b/"}));
-  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b//", "FILE x", "DIR b/p/", "DIR b/p//", "FILE y", "DIR b/p/../", "FILE z",
-                   "FEND"}),
-            blocks);
+  EXPECT_EQ(
+      (Texts{"VOL", "DIR b/", "DIR b//", "FILE x", "DIR b/p/", "DIR b/p//", "FILE y", "DIR b/p/../", "FILE z", "FEND"}),
+      blocks);
 }
 
 TEST_F(async_source_lister, consecutive_entries_in_one_folder_repeat_no_folder) {

@@ -25,11 +25,13 @@ namespace {
 constexpr ACE_UINT64 AGENT_OBS_ERROR_FAILED_TO_PROBE_OBS = 0x70000031E0100001;
 constexpr ACE_UINT64 AGENT_OBS_ERROR_NO_OBJECTS_BACKUPED = 0x70000031E0100002;
 constexpr ACE_UINT64 AGENT_OBS_WARNING_BACKUP_END_WITH_SKIPPED_OBJECTS = 0x50000031E0100003;
-constexpr ACE_INT64 LAST_SEQ_OF_CHAIN = 65535;   // a new chain begins behind it
+constexpr ACE_INT64 LAST_SEQ_OF_CHAIN = 65535; // a new chain begins behind it
 constexpr size_t URL_SIZE = 4096;
 constexpr const char* TIME_FORMAT = "%Y-%m-%d %H:%M:%S";
 
-std::string time_text(time_t time) { return POSIX_Time_To_ISO8601(time, TIME_FORMAT).str(); }
+std::string time_text(time_t time) {
+  return POSIX_Time_To_ISO8601(time, TIME_FORMAT).str();
+}
 
 ACE_INT64 optional_int64(const json_spirit::Object& object, const char* key) {
   const json_spirit::Value* value = json_spirit::find(object, key);
@@ -60,7 +62,9 @@ OBS_Backup_Executor::OBS_Backup_Executor(Job& job)
 
 OBS_Backup_Executor::~OBS_Backup_Executor() = default;
 
-bool OBS_Backup_Executor::execute_pre_action() { return true; }
+bool OBS_Backup_Executor::execute_pre_action() {
+  return true;
+}
 
 bool OBS_Backup_Executor::execute_post_action() {
   if (called_mtf_backup_)

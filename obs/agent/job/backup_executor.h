@@ -19,7 +19,7 @@ class MTF_Backup;
 /// Made for one run, on the job's thread.
 class OBS_Backup_Executor : public Job_Executor_T<OBS_Backup_Job_Source, OBS_Backup_Job_Options, Job_Event_Handler> {
 public:
-  static constexpr int RETRY_INTERVAL = 30;   ///< seconds between looks while the pool is merging
+  static constexpr int RETRY_INTERVAL = 30; ///< seconds between looks while the pool is merging
 
   explicit OBS_Backup_Executor(Job& job);
   ~OBS_Backup_Executor() override;
@@ -42,7 +42,7 @@ private:
     ACE_INT64 channels = 0;
   };
   struct Plan {
-    unsigned seq = 0;             ///< of the last set in the chain; 0 for a full backup
+    unsigned seq = 0; ///< of the last set in the chain; 0 for a full backup
     unsigned channels = 1;
   };
 
@@ -62,13 +62,13 @@ private:
   bool run_engine(MTF_Backup& engine, MTF::Event_Handler& handler);
   bool commit(const file_backup::File_Metadata& metadata, const Last_Instance& last);
 
-  std::string host_id_;                ///< the account's uuid
+  std::string host_id_; ///< the account's uuid
   std::string minor_resource_id_;
   std::string minor_resource_name_;
-  std::string location_;               ///< the pool's URI
-  std::string target_id_;              ///< the pool's uuid
+  std::string location_;  ///< the pool's URI
+  std::string target_id_; ///< the pool's uuid
   std::string target_device_id_;
-  std::string pool_type_;              ///< scheme of `location_`
+  std::string pool_type_; ///< scheme of `location_`
   Job_Definition_Subtype type_;
   bool multidevice_;
   std::string encryption_;
@@ -76,6 +76,6 @@ private:
   std::unique_ptr<MTF::IFilter> filter_;
   std::vector<std::string> exclusions_;
   std::vector<std::string> inclusions_;
-  bool called_mtf_backup_;             ///< the engine was started
-  std::string uri_prefix_;             ///< of the set inside the pool
+  bool called_mtf_backup_; ///< the engine was started
+  std::string uri_prefix_; ///< of the set inside the pool
 };

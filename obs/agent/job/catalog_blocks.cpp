@@ -18,7 +18,9 @@ std::unique_ptr<BLK> allocate(unsigned size) {
   return blk;
 }
 
-bool fits(const std::string& name) { return name.size() <= std::numeric_limits<ACE_UINT16>::max(); }
+bool fits(const std::string& name) {
+  return name.size() <= std::numeric_limits<ACE_UINT16>::max();
+}
 
 } // namespace
 

@@ -165,9 +165,13 @@ bool OBS_Backup_Callback::lstat(const char* path, MTF::Callback_Stat& stat) {
   return true;
 }
 
-int OBS_Backup_Callback::readlink(const char*, char*, size_t) { return -1; }
+int OBS_Backup_Callback::readlink(const char*, char*, size_t) {
+  return -1;
+}
 
-int OBS_Backup_Callback::read_dirs(const char*, std::list<std::string>&) { return 0; }
+int OBS_Backup_Callback::read_dirs(const char*, std::list<std::string>&) {
+  return 0;
+}
 
 MTF::IFile_Reader_var OBS_Backup_Callback::make_file_reader() {
   try {
@@ -178,9 +182,9 @@ MTF::IFile_Reader_var OBS_Backup_Callback::make_file_reader() {
   }
 }
 
-MTF::ISrc_Lister_var OBS_Backup_Callback::make_source_lister(const std::list<std::string>* sources,
-                                                             unsigned short seq, MTF::Event_Handler* handler,
-                                                             const MTF::IFilter* filter, int threads) {
+MTF::ISrc_Lister_var OBS_Backup_Callback::make_source_lister(const std::list<std::string>* sources, unsigned short seq,
+                                                             MTF::Event_Handler* handler, const MTF::IFilter* filter,
+                                                             int threads) {
   cache_limit_ = std::clamp(cache_limit_, MIN_CACHE_LIMIT, MAX_CACHE_LIMIT);
 
   try {

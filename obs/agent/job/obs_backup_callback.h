@@ -36,10 +36,10 @@ private:
   bool fits() const;
 
   std::shared_ptr<S3_Service_Base> svr_;
-  size_t offset_ = 0;                 ///< bytes of the object that were delivered
+  size_t offset_ = 0; ///< bytes of the object that were delivered
   std::string path_;
-  HTTP_Connection_var conn_;          ///< null while closed
-  std::unique_ptr<S3_Object> obj_;    ///< from the answer to the object's first request
+  HTTP_Connection_var conn_;       ///< null while closed
+  std::unique_ptr<S3_Object> obj_; ///< from the answer to the object's first request
 };
 
 /// The object-storage side of one backup: a logged-on client, from which readers and the lister are made. The engine

@@ -292,14 +292,15 @@ TEST_F(file_reader, description_of_the_open_object_fills_block_and_stat) {
   EXPECT_EQ(1u, stat.blocks);
   EXPECT_EQ(0u, stat.uid);
   EXPECT_EQ("", stat.owner);
-  for (long long time : {stat.mtime, stat.atime, stat.ctime, blk.access_date(), blk.create_date(),
-                         blk.modification_date()})
+  for (long long time :
+       {stat.mtime, stat.atime, stat.ctime, blk.access_date(), blk.create_date(), blk.modification_date()})
     EXPECT_EQ(1700000001, time);
   EXPECT_EQ(10u, blk.hdr().size());
 }
 
 TEST_F(file_reader, blocks_are_one_more_than_whole_ones) {
-  const std::pair<ACE_UINT64, ACE_UINT64> table[] = {{0, 1}, {511, 1}, {512, 2}, {1024, 3}, {5ull << 40, (5ull << 31) + 1}};
+  const std::pair<ACE_UINT64, ACE_UINT64> table[] = {
+      {0, 1}, {511, 1}, {512, 2}, {1024, 3}, {5ull << 40, (5ull << 31) + 1}};
   for (const auto& row : table) {
     store().put("b", "sized", row.first);
     ASSERT_EQ(0, reader.open("/b/sized"));

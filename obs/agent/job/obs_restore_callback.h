@@ -26,7 +26,7 @@ private:
   MTF::Error_Code open_i(const char* path, ACE_UINT64 size);
 
   S3_Client& clt_;
-  S3_IWriter_ptr writer_;   ///< empty until `open` has succeeded
+  S3_IWriter_ptr writer_; ///< empty until `open` has succeeded
   const Buckets_Mapper& mapper_;
 };
 

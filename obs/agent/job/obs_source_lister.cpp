@@ -14,8 +14,8 @@ namespace {
 constexpr unsigned RETRY_SLOT = 1;
 constexpr unsigned RETRY_CAP = 3;
 constexpr int MAX_ATTEMPTS = 4;
-constexpr unsigned MAX_WAIT = 10;           // seconds of waiting for one page
-constexpr size_t PATH_RESERVE = 1089;       // "/", a bucket name of 63 bytes, "/" and a key of 1024
+constexpr unsigned MAX_WAIT = 10;     // seconds of waiting for one page
+constexpr size_t PATH_RESERVE = 1089; // "/", a bucket name of 63 bytes, "/" and a key of 1024
 
 } // namespace
 
@@ -85,8 +85,8 @@ bool OBS_Source_Lister::add_dir_blk(std::string path) {
 bool OBS_Source_Lister::add_file_blk(const std::string& key, unsigned long long size, unsigned long long mtime) {
   const std::string name = scrt::basename(key, '/');
   if (is_debug_enabled())
-    ACE_DEBUG((LM_DEBUG, ACE_TEXT("OBS-Lister|FILE|%s/%s%s.\n"), cur_bucket_.c_str(), cur_prefix_.c_str(),
-               name.c_str()));
+    ACE_DEBUG(
+        (LM_DEBUG, ACE_TEXT("OBS-Lister|FILE|%s/%s%s.\n"), cur_bucket_.c_str(), cur_prefix_.c_str(), name.c_str()));
   catalog_blocks::Blk_ptr blk = catalog_blocks::make_file(seq_, name, size, mtime);
   if (!blk)
     return false;
@@ -162,8 +162,8 @@ void OBS_Source_Lister::report_prefix() {
                                                        {"errno", svr_->last_error().number()},
                                                        {"message", svr_->error()}});
   }
-  ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list object from '%s' with prefix '%s', error: %s.\n"),
-             cur_bucket_.c_str(), cur_prefix_.c_str(), svr_->error()));
+  ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list object from '%s' with prefix '%s', error: %s.\n"), cur_bucket_.c_str(),
+             cur_prefix_.c_str(), svr_->error()));
 }
 
 bool OBS_Source_Lister::take_objects(const Get_Bucket_Content& content) {
@@ -233,10 +233,9 @@ bool OBS_Source_Lister::walk_object(const std::string& src) {
   if (!svr_->head_object(cur_bucket_.c_str(), cur_prefix_.c_str(), object)) {
     if (evt_handler_ != nullptr) {
       evt_handler_->add_skipped_files(1);
-      evt_handler_->notify_event(MTF::EVENT_ITEM_ERROR, {{"type", "file"},
-                                                         {"name", src},
-                                                         {"errno", svr_->last_error().number()},
-                                                         {"message", svr_->error()}});
+      evt_handler_->notify_event(
+          MTF::EVENT_ITEM_ERROR,
+          {{"type", "file"}, {"name", src}, {"errno", svr_->last_error().number()}, {"message", svr_->error()}});
     }
     return true;
   }

@@ -39,16 +39,16 @@ private:
   bool walk_object(const std::string& src);
 
   std::shared_ptr<S3_Service_Base> svr_;
-  std::string cur_bucket_;            ///< of the entry being walked; empty before the first one
-  std::string cur_prefix_;            ///< its prefix or key; empty for a whole bucket
-  std::string marker_;                ///< where the next page begins; empty for the first one
-  bool end_prefix_ = true;            ///< the next entry has to be taken
-  std::list<std::string> sub_dirs_;   ///< prefixes found below `cur_prefix_`, as source paths
-  std::list<std::string> srcs_;       ///< still to be walked
+  std::string cur_bucket_;          ///< of the entry being walked; empty before the first one
+  std::string cur_prefix_;          ///< its prefix or key; empty for a whole bucket
+  std::string marker_;              ///< where the next page begins; empty for the first one
+  bool end_prefix_ = true;          ///< the next entry has to be taken
+  std::list<std::string> sub_dirs_; ///< prefixes found below `cur_prefix_`, as source paths
+  std::list<std::string> srcs_;     ///< still to be walked
   unsigned short seq_;
   MTF::Event_Handler* evt_handler_;
   const MTF::IFilter* filter_;
-  bool start_vol_ = false;            ///< the volume was handed out
-  bool end_ = false;                  ///< the end was queued
-  std::list<std::unique_ptr<MTF::Cat_Blk>> blocks_;   ///< made and not handed out
+  bool start_vol_ = false;                          ///< the volume was handed out
+  bool end_ = false;                                ///< the end was queued
+  std::list<std::unique_ptr<MTF::Cat_Blk>> blocks_; ///< made and not handed out
 };

@@ -48,9 +48,9 @@ TEST_F(source_lister, bucket_and_single_object_come_in_order_with_their_folders)
   store.put("b1", "a.txt");
   store.put("b1", "d/e.txt");
   store.put("b2", "x/y.txt");
-  EXPECT_EQ((Texts{"VOL", "DIR b1/", "FILE a.txt", "DIR b1/d/", "FILE e.txt", "DIR b2/", "DIR b2/x/", "FILE y.txt",
-                   "FEND"}),
-            list({"/b1/", "/b2/x/y.txt"}));
+  EXPECT_EQ(
+      (Texts{"VOL", "DIR b1/", "FILE a.txt", "DIR b1/d/", "FILE e.txt", "DIR b2/", "DIR b2/x/", "FILE y.txt", "FEND"}),
+      list({"/b1/", "/b2/x/y.txt"}));
 }
 
 TEST_F(source_lister, walk_is_depth_first_in_listing_order_over_pages) {
@@ -118,9 +118,8 @@ TEST_F(source_lister, final_failure_is_not_repeated_and_costs_the_prefix_only) {
   EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "DIR c/", "FILE 2", "FEND"}), list({"/b/p/", "/c/"}));
   EXPECT_EQ(1, requests);
   EXPECT_EQ(1u, handler.skipped_dirs());
-  EXPECT_EQ(
-      (Texts{"{\"errno\":13,\"message\":\"AccessDenied: no\",\"name\":\"/b/p/\",\"type\":\"directory\"}"}),
-      handler.errors);
+  EXPECT_EQ((Texts{"{\"errno\":13,\"message\":\"AccessDenied: no\",\"name\":\"/b/p/\",\"type\":\"directory\"}"}),
+            handler.errors);
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to list object from 'b' with prefix 'p/', error: AccessDenied: no.\n"));
 }
 

@@ -20,7 +20,7 @@ constexpr ACE_UINT64 AGENT_OBS_ERROR_FAILED_TO_PROBE_OBS = 0x70000031E0100001;
 constexpr ACE_UINT64 AGENT_OBS_ERROR_NO_OBJECTS_RESTORED = 0x70000031E0200004;
 constexpr ACE_UINT64 AGENT_OBS_WARNING_RESTORE_END_WITH_SKIPPED_OBJECTS = 0x50000031E0200005;
 constexpr ACE_UINT64 NO_FLAGS = 0;
-constexpr unsigned RETRY_INTERVAL = 30;   // seconds between looks while the pool is merging
+constexpr unsigned RETRY_INTERVAL = 30; // seconds between looks while the pool is merging
 constexpr size_t URL_SIZE = 4096;
 
 } // namespace
@@ -30,7 +30,9 @@ OBS_Restore_Executor::OBS_Restore_Executor(Job& job)
 
 OBS_Restore_Executor::~OBS_Restore_Executor() = default;
 
-bool OBS_Restore_Executor::execute_pre_action() { return true; }
+bool OBS_Restore_Executor::execute_pre_action() {
+  return true;
+}
 
 bool OBS_Restore_Executor::execute_post_action() {
   if (called_mtf_restore_)
@@ -189,8 +191,7 @@ void OBS_Restore_Executor::configure(MTF_Restore& engine, const MTF::IRestore_Ca
   engine.callback_factory(factory);
   if (!tgt_.location().empty())
     engine.target_location(tgt_.location());
-  engine.backup_uri_prefix(set.uri_prefix.empty() ? backup_host_id_ + "/" + backup_minor_resource_id_
-                                                  : set.uri_prefix);
+  engine.backup_uri_prefix(set.uri_prefix.empty() ? backup_host_id_ + "/" + backup_minor_resource_id_ : set.uri_prefix);
   engine.pool_uuid(pool_uuid_);
   engine.definition_uuid(def_->id());
   engine.backup_host_uuid(backup_host_id_);

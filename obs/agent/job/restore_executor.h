@@ -30,7 +30,7 @@ private:
   /// The set to restore.
   struct Set {
     std::string incarnation;
-    unsigned channels = 0;        ///< of the backup
+    unsigned channels = 0; ///< of the backup
     std::string uri_prefix;
   };
 
@@ -50,5 +50,5 @@ private:
   std::string backup_minor_resource_id_;
   ACE_INT64 backup_seq_;
   Action_Handler_var action_handler_;
-  bool called_mtf_restore_;       ///< the engine was started
+  bool called_mtf_restore_; ///< the engine was started
 };

@@ -5,6 +5,7 @@
 #include "obs/agent/job/obs_job_creator.h"
 #include "obs/agent/job/obs_restore_callback.h"
 #include "testing/module/failing_allocator.h"
+#include "testing/module/fake_client.h"
 #include "testing/module/log_sink.h"
 
 #include <gtest/gtest.h>
@@ -21,6 +22,7 @@ namespace {
 template <typename MAKE>
 int fail_each_allocation(MAKE make) {
   module_testing::Log_Sink log;
+  module_testing::reset_fake_client();
   for (int nth = 1; nth < 2000; ++nth) {
     errno = 0;
     bool made = false;

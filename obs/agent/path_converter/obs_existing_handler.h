@@ -24,8 +24,8 @@ public:
   MTF::Error_Code convert_i(std::string& path, time_t mtime, bool is_dir) const;
 
 private:
-  S3_Service_var svr_;   ///< empty when it could not be made
+  S3_Service_var svr_; ///< empty when it could not be made
   const Buckets_Mapper& mapper_;
   OBS_PATH_CONVERTER_TYPE type_;
-  mutable ACE_Thread_Mutex lock_;   ///< guards `svr_`
+  mutable ACE_Thread_Mutex lock_; ///< guards `svr_`
 };

@@ -53,8 +53,8 @@ TEST_F(existing_handler, policies_without_protection_ask_nothing) {
 }
 
 TEST_F(existing_handler, folders_pass_under_every_policy) {
-  for (OBS_PATH_CONVERTER_TYPE type : {OBS_PCT_NONE, OBS_PCT_EXISTING_OVERWRITE, OBS_PCT_EXISTING_SKIP,
-                                       OBS_PCT_EXISTING_NEWEST})
+  for (OBS_PATH_CONVERTER_TYPE type :
+       {OBS_PCT_NONE, OBS_PCT_EXISTING_OVERWRITE, OBS_PCT_EXISTING_SKIP, OBS_PCT_EXISTING_NEWEST})
     EXPECT_EQ(MTF::E_OK, convert(type, "/b/k", TIME, true));
   EXPECT_TRUE(service->heads.empty());
 }
