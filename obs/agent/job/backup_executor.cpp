@@ -77,17 +77,14 @@ bool OBS_Backup_Executor::execute_post_action() {
 bool OBS_Backup_Executor::execute_i(const Job_Run_Options*) {
   CHECK_NULL_RETURN(src_, false);
   CHECK_NULL_RETURN(opts_, false);
-  const std::shared_ptr<Job_Mutex> mutex = Job_Mutex::get(minor_resource_id_);
-  ACE_Guard<Job_Mutex> guard(*mutex);
-  if (!guard.locked())
-    return false;
-
-  if (!get_pool_info() || !wait_for_merge())
-    return false;
-
-  Last_Instance last;
-  Plan plan;
   try {
+    const std::shared_ptr<Job_Mutex> mutex = Job_Mutex::get(minor_resource_id_);
+    ACE_Guard<Job_Mutex> guard(*mutex);
+    if (!guard.locked() || !get_pool_info() || !wait_for_merge())
+      return false;
+
+    Last_Instance last;
+    Plan plan;
     if (!get_last_instance(last))
       return false;
     decide_kind(last, plan);

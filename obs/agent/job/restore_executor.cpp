@@ -45,17 +45,22 @@ bool OBS_Restore_Executor::execute_post_action() {
 bool OBS_Restore_Executor::execute_i(const Job_Run_Options*) {
   CHECK_NULL_RETURN(src_, false);
   CHECK_NULL_RETURN(opts_, false);
-  file_backup::File_DR_Test_Context context;
-  Set set;
-  if (is_dr_test()) {
-    if (!find_dr_test_set(context, set))
+  try {
+    file_backup::File_DR_Test_Context context;
+    Set set;
+    if (is_dr_test()) {
+      if (!find_dr_test_set(context, set))
+        return false;
+      if (!context.update)
+        return true;
+    } else if (!find_set(set)) {
       return false;
-    if (!context.update)
-      return true;
-  } else if (!find_set(set)) {
+    }
+    return wait_for_pool() && run(set, context);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return false;
   }
-  return wait_for_pool() && run(set, context);
 }
 
 bool OBS_Restore_Executor::find_dr_test_set(file_backup::File_DR_Test_Context& context, Set& set) {

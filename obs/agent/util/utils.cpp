@@ -10,7 +10,9 @@
 
 #include <ace/Log_Msg.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <new>
 
 namespace {
 
@@ -109,6 +111,9 @@ std::shared_ptr<S3_Service_Base> make_client(const json_spirit::Object& entry) {
     options.vendor = text_or_empty(entry, "vendor");
     options.sign_method = text_or_empty(entry, "sign_method");
     return make_s3_service(options);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return nullptr;
   } catch (const std::exception& error) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid entry info: %s.\n"), error.what()));
     return nullptr;
