@@ -203,7 +203,7 @@ TEST_F(default_job, rollback_without_a_thread_fails) {
 
 TEST_F(default_job, rollback_without_a_thread_does_not_keep_the_job) {
   struct Watched : Plain_Job {
-    explicit Watched(bool& gone) : Plain_Job(definition()), gone(gone) {}
+    explicit Watched(bool& flag) : Plain_Job(frame_testing::definition()), gone(flag) {}
     ~Watched() override { gone = true; }
     bool& gone;
   };
