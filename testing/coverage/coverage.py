@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Runs the module's own tests and says how much of obs/agent they reach.
 
-The build tree is one of the preset "coverage", with the test programs obs_*_test in it. gcovr reads what gcov counted.
-Branches that only an exception takes are left out (almost every call has one), and so are those that the compiler
-makes where the source has none. Lines that are not reached are printed; doc/coverage.md says why for each of them, by
+The build tree is one of the preset "coverage", with the test programs obs_*_test in it. Branches that only an
+exception takes are left out (almost every call has one), and so are those of lines without a statement, as the
+destructors behind a closing brace. What a template's instances reach counts together. Lines that are not reached are printed; doc/coverage.md says why for each of them, by
 the line's text, and a line that has no reason there is marked.
 
 Exit status: 0; 1 when a share is below its aim; 2 when a test fails.
@@ -12,7 +12,6 @@ Exit status: 0; 1 when a share is below its aim; 2 when a test fails.
 import argparse
 import collections
 import json
-import os
 import pathlib
 import re
 import subprocess
@@ -41,20 +40,40 @@ def run_tests(build):
         sys.exit(f"coverage: no test programs in {build / 'bin'}")
     for program in programs:
         print(f"running {program.name}", flush=True)
-        if subprocess.run([str(program), "--gtest_brief=1"], cwd=build / MODULE, stdin=subprocess.DEVNULL).returncode != 0:
-            print(f"coverage: {program.name} fails", file=sys.stderr)
+        done = subprocess.run([str(program)], cwd=build / MODULE, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, errors="replace")
+        if done.returncode != 0:
+            print(f"{done.stdout}\ncoverage: {program.name} fails", file=sys.stderr)
             sys.exit(2)
 
 
 def read_counts(build, gcov):
-    done = subprocess.run(
-        ["/usr/bin/gcovr", "--root", str(ROOT), "--object-directory", str(build / MODULE), "--gcov-executable", gcov,
-         "--filter", re.escape(MODULE) + "/", "--exclude", TEST_CODE, "--exclude-throw-branches",
-         "--exclude-unreachable-branches", "-j", str(os.cpu_count()), "--json", "-", str(build / MODULE)],
-        cwd=ROOT, capture_output=True, text=True)
-    if done.returncode != 0:
-        sys.exit(f"coverage: gcovr fails: {done.stderr}")
-    return json.loads(done.stdout)["files"]
+    """{file: ({line: count}, {line: {place of a branch: count}})} of the module's files."""
+    counts = {}
+    notes = sorted(str(path) for path in (build / MODULE).rglob("*.gcno"))
+    for at in range(0, len(notes), 8):
+        done = subprocess.run([gcov, "--json-format", "--stdout", "--branch-probabilities", *notes[at:at + 8]],
+                              cwd=build, capture_output=True, text=True)
+        if done.returncode != 0:
+            sys.exit(f"coverage: gcov fails: {done.stderr}")
+        for report in done.stdout.splitlines():
+            for file in json.loads(report)["files"]:
+                # Objects name their sources relative to the project.
+                name = file["file"].removeprefix(f"{ROOT}/")
+                if name.startswith(MODULE + "/") and not re.fullmatch(TEST_CODE, name):
+                    add_counts(file, *counts.setdefault(name, ({}, {})))
+    return counts
+
+
+def add_counts(file, lines, branches):
+    for line in file["lines"]:
+        number = line["line_number"]
+        lines[number] = lines.get(number, 0) + line["count"]
+        taken = branches.setdefault(number, {})
+        # The instances of a template come as so many records of one line.
+        for place, branch in enumerate(line["branches"]):
+            if not branch["throw"]:
+                taken[place] = taken.get(place, 0) + branch["count"]
 
 
 def read_reasons():
@@ -64,10 +83,6 @@ def read_reasons():
         for row in re.finditer(r"^\| `(.+?)` \| `(.+)` \| \S.* \|$", REASONS.read_text(), re.M):
             reasons[row[1]].add(row[2].replace(r"\|", "|"))
     return reasons
-
-
-def counted_lines(file):
-    return [line for line in file["lines"] if not line.get("gcovr/noncode") and not line.get("gcovr/excluded")]
 
 
 def main():
@@ -84,24 +99,24 @@ def main():
     reasons = read_reasons()
     used = collections.defaultdict(set)
     rows, unreached, untaken, unexplained = [], [], [], 0
-    for file in read_counts(build, arguments.gcov):
-        lines = counted_lines(file)
-        branches = [(line["line_number"], branch) for line in lines for branch in line["branches"]]
-        text = (ROOT / file["file"]).read_text().splitlines()
-        name = file["file"].removeprefix(MODULE + "/")
-        rows.append((name, Share(sum(line["count"] > 0 for line in lines), len(lines)),
-                     Share(sum(branch["count"] > 0 for _, branch in branches), len(branches))))
-        for line in lines:
-            if line["count"] > 0:
-                continue
-            source = text[line["line_number"] - 1].strip()
+    for path, (lines, branches) in read_counts(build, arguments.gcov).items():
+        text = (ROOT / path).read_text().splitlines()
+        name = path.removeprefix(MODULE + "/")
+        ways = [(number, count) for number, taken in branches.items() if text[number - 1].strip(" \t{};()")
+                for count in taken.values()]
+        rows.append((name, Share(sum(count > 0 for count in lines.values()), len(lines)),
+                     Share(sum(count > 0 for _, count in ways), len(ways))))
+        for number in sorted(number for number, count in lines.items() if count == 0):
+            source = text[number - 1].strip()
             known = source in reasons[name]
             used[name].add(source)
             unexplained += not known
-            unreached.append(f"{name}:{line['line_number']}: {source}{'' if known else '    <- no reason in doc/coverage.md'}")
+            unreached.append(f"{name}:{number}: {source}{'' if known else '    <- no reason in doc/coverage.md'}")
         untaken += [f"{name}:{number}: {text[number - 1].strip()}"
-                    for number in sorted({number for number, branch in branches if branch["count"] == 0})]
+                    for number in sorted({number for number, count in ways if count == 0})]
 
+    if not rows:
+        sys.exit(f"coverage: nothing of {MODULE} was counted in {build}")
     rows.sort()
     total = [Share(sum(row[at].reached for row in rows), sum(row[at].total for row in rows)) for at in (1, 2)]
     print(f"\n{'file':45} {'lines':>17} {'branches':>17}")

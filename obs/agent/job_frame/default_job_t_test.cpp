@@ -201,6 +201,21 @@ TEST_F(default_job, rollback_without_a_thread_fails) {
   EXPECT_EQ("", plan.story());
 }
 
+TEST_F(default_job, rollback_without_a_thread_does_not_keep_the_job) {
+  struct Watched : Plain_Job {
+    explicit Watched(bool& flag) : Plain_Job(frame_testing::definition()), gone(flag) {}
+    ~Watched() override { gone = true; }
+    bool& gone;
+  };
+  bool gone = false;
+  Job_var watched(new Watched(gone), false);
+  const module_testing::Failing_Spawn failing;
+  EXPECT_EQ(-1, watched->rollback());
+  EXPECT_FALSE(gone);
+  watched = Job_var();
+  EXPECT_TRUE(gone);
+}
+
 typedef Default_Job_Creator_T<Controlled_Job, Plain_Job> Creator;
 
 TEST(default_job_creator, type_decides_which_job_is_made) {

@@ -112,6 +112,9 @@ TEST_F(job_executor, failed_precondition_leaves_the_job_idle_without_a_report) {
   EXPECT_EQ(JOB_STATE_IDLE, state());
   EXPECT_EQ(1234567, job->activity().start_time);
   EXPECT_EQ(1234567, job->activity().last_run_time);
+  if (is_debug_enabled()) {
+    EXPECT_EQ(1u, log.count(" is idle: 0 objects, 0 bytes.")) << "the host is told";
+  }
 }
 
 TEST_F(job_executor, unmet_condition_leaves_the_job_idle_without_a_report) {
