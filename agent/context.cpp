@@ -1,7 +1,9 @@
 #include "agent/context.h"
 
+#include "agent/job_runner.h"
 #include "platform/crypto/master_key.h"
 #include "platform/file_backup/entry_query_handler.h"
+#include "platform/file_backup/set_catalog.h"
 #include "platform/job/state_folder.h"
 
 #include <ace/Thread_Manager.h>
@@ -53,6 +55,8 @@ Module& Context::module() {
     return *module_;
   Store& database = store();
   std::string error;
+  // From here on threads may run that must not be asked to take signals; commands without jobs end by them as usual.
+  Job_Runner::block_signals();
   module_ = Module::load(module_path, error);
   if (!module_)
     throw Command_Error(error);
@@ -94,11 +98,28 @@ Pool_Entry Context::pool_entry(const std::string& name) {
   return entry;
 }
 
+std::vector<std::string> Context::reconcile() {
+  std::vector<Pool_Entry> pools;
+  std::string error;
+  if (!store().pools(pools, error))
+    throw Command_Error(error);
+  std::vector<std::string> warnings;
+  for (const Pool_Entry& pool : pools)
+    if (!reconcile_sets(store(), pool.uuid, std::string(), error))
+      warnings.push_back("the sets of pool '" + pool.name + "' are listed as they were last known: " + error);
+  return warnings;
+}
+
 Set Context::set(const std::string& id) {
   std::vector<Set> sets;
   std::string error;
   if (!store().sets_by_prefix(id, sets, error))
     throw Command_Error(error);
+  if (sets.empty()) {
+    reconcile();
+    if (!store().sets_by_prefix(id, sets, error))
+      throw Command_Error(error);
+  }
   if (sets.empty())
     throw Command_Error("there is no set '" + id + "'");
   if (sets.size() > 1)

@@ -10,6 +10,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 /// Ends a command with one line on standard error and an exit code. Thrown inside the program only; `main` catches it.
 class Command_Error : public std::runtime_error {
@@ -43,8 +44,12 @@ public:
   /// The channel on which "obs.list" and "obs.test" are served by the module.
   JSON_RPC_Channel& rpc();
 
+  /// Makes the database agree with what lies in the pools, so that sets are known that were made elsewhere or that a
+  /// lost database had forgotten. Returns a line for each pool that could not be read; what is known of it stays.
+  std::vector<std::string> reconcile();
+
   /// The account, pool or set of that name or uuid. Throw Command_Error when there is none, or when the beginning of a
-  /// uuid fits several sets.
+  /// uuid fits several sets. A set that is not known is looked for in the pools.
   Account account(const std::string& name);
   Pool_Entry pool_entry(const std::string& name);
   Set set(const std::string& id);

@@ -1,5 +1,4 @@
 #include "agent/commands/commands.h"
-#include "agent/job_runner.h"
 
 #include <CLI/CLI.hpp>
 
@@ -7,7 +6,6 @@
 #include <exception>
 
 int main(int argc, char** argv) {
-  Job_Runner::block_signals();
   Context context;
   try {
     CLI::App app("Backs buckets of S3-compatible object storage up and restores them.", "obs-agent");
@@ -27,6 +25,11 @@ int main(int argc, char** argv) {
     add_set_commands(app, context);
     add_restore_command(app, context);
     add_run_command(app, context);
+    add_rehearse_command(app, context);
+    add_find_command(app, context);
+    add_diff_command(app, context);
+    add_forget_command(app, context);
+    add_media_commands(app, context);
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

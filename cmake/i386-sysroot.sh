@@ -51,24 +51,31 @@ mirrors=${I386_MIRROR:-$(apt-get update --print-uris 2>/dev/null |
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 signed=; [ ! -f $keyring ] || signed=" signed-by=$keyring"
 
+read_index() {
+  local try m
+  for try in 1 2 3 4 5; do
+    for m in $mirrors; do
+      echo "deb [arch=i386$signed] $m $suite main" >"$apt/sources.list"
+      papt update --error-on=any >>"$work/log" && papt install --print-uris libc6-dev >/dev/null && return
+      rm -rf "$apt/state/lists"; mkdir -p "$apt/state/lists/partial"
+    done
+    say "index not readable (try $try of 5)"; sleep $((try * 5))
+  done
+  tail -n 20 "$work/log" >&2
+  die "the i386 index of $suite/main cannot be read"
+}
+
 say "reading the i386 package index of $suite/main"
 for try in 1 2 3 4 5 x; do
-  [ $try != x ] || { tail -n 20 "$work/log" >&2; die "the i386 index of $suite/main cannot be read"; }
-  for m in $mirrors; do
-    echo "deb [arch=i386$signed] $m $suite main" >"$apt/sources.list"
-    papt update --error-on=any >>"$work/log" && papt install --print-uris libc6-dev >/dev/null && break 2
-    rm -rf "$apt/state/lists"; mkdir -p "$apt/state/lists/partial"
-  done
-  say "index not readable (try $try of 5)"; sleep $((try * 5))
-done
-papt install --print-uris "${PACKAGES[@]}" | awk '$1 ~ /^\047/ {print $2, $3}' >"$work/closure" ||
-  { tail -n 20 "$work/log" >&2; die "the packages cannot be resolved"; }
-count=$(wc -l <"$work/closure"); mb=$(awk '{s += $2} END {printf "%.1f", s / 1e6}' "$work/closure")
-say "downloading $count packages ($mb MB)"
-for try in 1 2 3 x; do
   [ $try != x ] || { tail -n 20 "$work/log" >&2; die "the packages cannot be downloaded"; }
+  # A mirror's index may be out of step with its files for a moment: it is read again before every try.
+  read_index
+  papt install --print-uris "${PACKAGES[@]}" | awk '$1 ~ /^\047/ {print $2, $3}' >"$work/closure" ||
+    { tail -n 20 "$work/log" >&2; die "the packages cannot be resolved"; }
+  count=$(wc -l <"$work/closure"); mb=$(awk '{s += $2} END {printf "%.1f", s / 1e6}' "$work/closure")
+  say "downloading $count packages ($mb MB)"
   papt install --download-only "${PACKAGES[@]}" >>"$work/log" && break
-  sleep $((try * 5))
+  say "downloading failed (try $try of 5)"; sleep $((try * 5))
 done
 
 say "unpacking"

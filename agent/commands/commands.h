@@ -15,3 +15,8 @@ void add_backup_command(CLI::App& app, Context& context);
 void add_set_commands(CLI::App& app, Context& context);
 void add_restore_command(CLI::App& app, Context& context);
 void add_run_command(CLI::App& app, Context& context);
+void add_rehearse_command(CLI::App& app, Context& context);
+void add_media_commands(CLI::App& app, Context& context);
+void add_find_command(CLI::App& app, Context& context);
+void add_diff_command(CLI::App& app, Context& context);
+void add_forget_command(CLI::App& app, Context& context);

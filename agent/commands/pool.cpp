@@ -1,5 +1,6 @@
 #include "agent/commands/commands.h"
 
+#include "platform/file_backup/set_catalog.h"
 #include "sdk/job/job_definition.h"
 
 #include <CLI/CLI.hpp>
@@ -39,7 +40,15 @@ void add(Context& context, const std::string& name, const std::string& url) {
   }
   if (!store.add_pool(entry, error))
     throw Command_Error(error);
-  context.print(pool_json(entry), "pool '" + name + "' added at " + url);
+  if (!reconcile_sets(store, entry.uuid, std::string(), error))
+    throw Command_Error("pool '" + name + "' is added, but its sets cannot be taken up: " + error);
+  std::vector<Set> sets;
+  if (!store.sets(entry.uuid, std::string(), std::string(), false, sets, error))
+    throw Command_Error(error);
+  json_spirit::Object json = pool_json(entry);
+  json["sets"] = static_cast<unsigned long long>(sets.size());
+  context.print(json, "pool '" + name + "' added at " + url +
+                          (sets.empty() ? std::string() : " with " + std::to_string(sets.size()) + " sets"));
 }
 
 void list(Context& context) {

@@ -66,15 +66,30 @@ void create_missing_buckets(const Account& account, const std::set<std::string>&
   }
 }
 
+/// The account that `to` names, else the one that was backed up.
+Account target_account(Context& context, const Set& set, const std::string& to) {
+  if (!to.empty())
+    return context.account(to);
+  Account account;
+  bool found = false;
+  std::string error;
+  if (!context.store().find_account(set.account_uuid, account, found, error))
+    throw Command_Error(error);
+  if (!found)
+    throw Command_Error("the account that set " + set.uuid +
+                        " was made of is not known here: name the one to restore to with --to");
+  return account;
+}
+
 void restore(Context& context, const Restore_Arguments& arguments) {
   std::vector<Bucket_Map> maps;
   for (const std::string& text : arguments.maps)
     maps.push_back(parse_map(text));
   const json_spirit::Array entries = selected_entries(arguments.paths);
   const Set set = context.set(arguments.set);
-  const Account account =
-      arguments.to.empty() ? context.account(set.account_uuid) : context.account(arguments.to);
+  const Account account = target_account(context, set, arguments.to);
 
+  context.module();   // before the first request: from here on an interrupt cancels instead of ending the process
   json_spirit::Array bucket_maps;
   std::set<std::string> targets;
   for (const Bucket_Map& map : maps) {

@@ -2,9 +2,14 @@
 
 #include "agent/definition.h"
 #include "agent/job_runner.h"
+#include "sdk/file_backup/file_backup.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <fstream>
+#include <sstream>
 
 namespace {
 
@@ -24,6 +29,15 @@ void record_activity(Context& context, const std::string& id, const std::string&
     ACE_ERROR((LM_WARNING, ACE_TEXT("The run cannot be recorded: %C\n"), error.c_str()));
 }
 
+/// The set that a rehearsal's next run need not restore any more; empty for any other job.
+std::string rehearsed_set(const Job_Definition& definition) {
+  if (definition.type() != JOB_DEFINITION_RESTORE || definition.subtype() != JOB_DEFINITION_SUBTYPE_DR_TEST)
+    return std::string();
+  file_backup::File_DR_Test_Context context;
+  file_backup::load_dr_test_context(definition.id(), context);
+  return context.uuid;
+}
+
 /// The set that a backup made has the uuid of its activity; it is there when its record is.
 std::string set_of(Context& context, const std::string& activity_id) {
   Set set;
@@ -34,6 +48,21 @@ std::string set_of(Context& context, const std::string& activity_id) {
 
 } // namespace
 
+json_spirit::Object read_definition_file(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file)
+    throw Command_Error("the job definition '" + path + "' cannot be read: " + std::strerror(errno));
+  std::ostringstream text;
+  text << file.rdbuf();
+  json_spirit::Value value;
+  std::string error;
+  if (!json_spirit::read(text.str(), value, &error))
+    throw Command_Error("the job definition '" + path + "' is no JSON: " + error);
+  if (value.type() != json_spirit::obj_type)
+    throw Command_Error("the job definition '" + path + "' is no JSON object");
+  return value.get_obj();
+}
+
 Outcome run_job(Context& context, const json_spirit::Object& json) {
   std::string error;
   const Job_Definition_var definition = make_job_definition(json, context.module(), error);
@@ -41,10 +70,13 @@ Outcome run_job(Context& context, const json_spirit::Object& json) {
     throw Command_Error(error);
 
   const time_t start = std::time(nullptr);
+  const std::string rehearsed = rehearsed_set(*definition);
   std::string activity_id;
   Outcome outcome = Job_Runner(context.module(), context.log(), !context.json).run(definition, &activity_id);
   if (definition->type() == JOB_DEFINITION_BACKUP)
     outcome.set = set_of(context, activity_id);
+  else if (const std::string now = rehearsed_set(*definition); now != rehearsed)
+    outcome.set = now;
   record_activity(context, activity_id, definition->id(),
                   definition->type() == JOB_DEFINITION_BACKUP ? "backup" : "restore", start, outcome);
 

@@ -2,6 +2,9 @@
 
 #include "agent/context.h"
 
+/// Reads a job definition from a file. Throws Command_Error when that is no JSON object.
+json_spirit::Object read_definition_file(const std::string& path);
+
 /// Builds the job of a definition, runs it in the foreground, records its activity, prints its account and leaves the
 /// exit code in the context. Throws Command_Error for a definition that makes no sense.
 Outcome run_job(Context& context, const json_spirit::Object& definition);

@@ -1,9 +1,7 @@
 #include "agent/commands/commands.h"
-#include "agent/commands/paths.h"
+#include "agent/commands/open_set.h"
 
-#include "platform/catalog/catalog_reader.h"
 #include "platform/mtf/verify.h"
-#include "sdk/base/time_format.h"
 
 #include <CLI/CLI.hpp>
 
@@ -32,6 +30,8 @@ json_spirit::Object set_json(const Set& set) {
 
 void list_sets(Context& context, const std::string& account_name) {
   const std::string account_uuid = account_name.empty() ? std::string() : context.account(account_name).uuid;
+  for (const std::string& warning : context.reconcile())
+    std::fprintf(stderr, "obs-agent: %s\n", warning.c_str());
   std::vector<Set> sets;
   std::string error;
   if (!context.store().sets(std::string(), account_uuid, std::string(), false, sets, error))
@@ -48,24 +48,6 @@ void list_sets(Context& context, const std::string& account_name) {
   context.print(json, text);
 }
 
-/// A set's folder in its pool, and its record.
-std::string open_set(Context& context, const Set& set, Pool& pool, Set_Record& record) {
-  pool = context.open_pool(context.pool_entry(set.pool_uuid));
-  const std::string folder = pool.set_folder(set.uri);
-  std::string error;
-  if (!read_set_record(folder, record, error))
-    throw Command_Error("set " + set.uuid + ": " + error);
-  return folder;
-}
-
-json_spirit::Object object_json(const Catalog_Object& object) {
-  json_spirit::Object json;
-  json["file"] = "/" + object.path;
-  json["size"] = object.size;
-  json["mtime"] = POSIX_Time_To_ISO8601(object.mtime).str();
-  return json;
-}
-
 /// Prints entries as they come, so that a large set costs no memory.
 class Ls_Printer {
 public:
@@ -76,25 +58,17 @@ public:
     if (json_)
       std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
     else
-      print_line("                              -  ", "/" + path);
+      print_bytes("                              -  /" + path);
   }
   void object(const Catalog_Object& object) {
     if (json_) {
       std::printf("%s\n", json_spirit::write_utf8(object_json(object)).c_str());
       return;
     }
-    char head[64];
-    std::snprintf(head, sizeof head, "%s %12llu  ", POSIX_Time_To_ISO8601(object.mtime, "%Y-%m-%d %H:%M:%S").c_str(),
-                  object.size);
-    print_line(head, "/" + object.path);
+    print_bytes(object_head(object) + "/" + object.path);
   }
 
 private:
-  static void print_line(const char* head, const std::string& path) {
-    std::fputs(head, stdout);
-    std::fwrite(path.data(), 1, path.size(), stdout);
-    std::fputc('\n', stdout);
-  }
   bool json_;
 };
 
@@ -120,13 +94,8 @@ void ls(Context& context, const std::string& set_id, const std::string& given_pa
   if (!path.empty() && path[0] == '/')
     path.erase(0, 1);
   const Set set = context.set(set_id);
-  Pool pool;
-  Set_Record record;
   std::string error;
-  const std::unique_ptr<Catalog_Reader> catalog = Catalog_Reader::open(open_set(context, set, pool, record), error);
-  if (!catalog)
-    throw Command_Error("set " + set.uuid + ": " + error);
-
+  const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);
   Ls_Printer printer(context.json);
   const bool is_folder = path.empty() || path.back() == '/';
   if (!is_folder) {

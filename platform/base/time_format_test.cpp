@@ -16,6 +16,18 @@ TEST(Time_Format, utc_text_in_both_usual_forms) {
   EXPECT_EQ("1969-12-31T23:59:59Z", POSIX_Time_To_ISO8601(-1).str());
 }
 
+TEST(Time_Format, a_time_that_time_t_cannot_hold_becomes_the_nearest_it_can) {
+  EXPECT_EQ(1700000000, to_time_t(1700000000));
+  EXPECT_EQ(-1, to_time_t(-1));
+  const long long late = 4102358400;
+  if (sizeof(time_t) > 4) {
+    EXPECT_EQ(late, static_cast<long long>(to_time_t(late)));
+  } else {
+    EXPECT_EQ(std::numeric_limits<time_t>::max(), to_time_t(late));
+    EXPECT_EQ(std::numeric_limits<time_t>::min(), to_time_t(-late));
+  }
+}
+
 TEST(Time_Format, local_text_follows_the_machines_zone) {
   const char* before = getenv("TZ");
   const std::string kept = before != nullptr ? before : "";

@@ -314,4 +314,34 @@ TEST_F(file_backup_services, a_rehearsal_is_due_until_its_set_was_rehearsed) {
   EXPECT_EQ(1u, log_.count("makes no sense"));
 }
 
+TEST_F(file_backup_services, set_from_before_the_rehearsed_one_is_not_rehearsed) {
+  ASSERT_TRUE(commit(write_set("a", 1, "2026-01-01 00:00:00")));
+  ASSERT_TRUE(commit(write_set("b", 2, "2026-01-02 00:00:00"), "a"));
+  const std::string pool_uuid = POOL;
+  file_backup::File_DR_Test_Context context;
+  ASSERT_TRUE(file_backup::get_dr_test_seqs(RESOURCE, context, 0, &pool_uuid));
+  EXPECT_EQ("b", context.uuid);
+  ASSERT_TRUE(pool_.remove_set(std::string(ACCOUNT) + "/" + RESOURCE + "/b", error_)) << error_;
+  ASSERT_TRUE(file_backup::get_dr_test_seqs(RESOURCE, context, 0, &pool_uuid));
+  EXPECT_FALSE(context.update);
+  EXPECT_EQ("b", context.uuid);
+
+  // A later number with an earlier time is new: the clock was set back. So is an earlier number with a later time.
+  context.backup_time = 1900000000;
+  context.seq = 0;
+  ASSERT_TRUE(file_backup::get_dr_test_seqs(RESOURCE, context, 0, &pool_uuid));
+  EXPECT_TRUE(context.update);
+  context.uuid = "other";
+  context.backup_time = 0;
+  context.seq = 65535;
+  ASSERT_TRUE(file_backup::get_dr_test_seqs(RESOURCE, context, 0, &pool_uuid));
+  EXPECT_TRUE(context.update);
+  // What was rehearsed of another selection says nothing about this one.
+  context.minor_resource_id = "other";
+  context.uuid = "other";
+  context.backup_time = 1900000000;
+  ASSERT_TRUE(file_backup::get_dr_test_seqs(RESOURCE, context, 0, &pool_uuid));
+  EXPECT_TRUE(context.update);
+}
+
 } // namespace

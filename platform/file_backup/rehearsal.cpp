@@ -15,6 +15,14 @@ ACE_INT64 parse_time(const std::string& text) {
   return end != nullptr && *end == '\0' ? static_cast<ACE_INT64>(::timegm(&parts)) : 0;
 }
 
+/// Whether the newest set is one from before the set that was rehearsed, which was removed since. Both number and time
+/// must say so: numbers begin anew after the last one, and clocks are set back.
+bool is_older(const Set& set, const std::string& minor_resource_id, const std::string& pool,
+              const file_backup::File_DR_Test_Context& rehearsed) {
+  return !rehearsed.uuid.empty() && rehearsed.minor_resource_id == minor_resource_id && rehearsed.pool_uuid == pool &&
+         static_cast<int>(set.seq) < rehearsed.seq && parse_time(set.end_time) < rehearsed.backup_time;
+}
+
 template <typename T>
 void get_number(const json_spirit::Object& json, const char* key, T& value) {
   if (const json_spirit::Value* found = json_spirit::find(json, key))
@@ -76,7 +84,7 @@ bool get_dr_test_seqs(const std::string& minor_resource_id, File_DR_Test_Context
   });
   if (!read)
     return false;
-  context.update = found && set.uuid != context.uuid;
+  context.update = found && set.uuid != context.uuid && !is_older(set, minor_resource_id, pool, context);
   if (!context.update)
     return true;
   context.seq = static_cast<int>(set.seq);

@@ -1,5 +1,7 @@
 #include "platform/mtf/restore_channel.h"
 
+#include "sdk/base/time_format.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <limits>
@@ -40,7 +42,7 @@ void Restore_Channel::restore(const Media_Task& task) {
   if (object.size > std::numeric_limits<size_t>::max())
     return skip(task, "The object is larger than this platform can write.");
   if (!shared_.converter.null()) {
-    const Error_Code policy = shared_.converter->convert(path, static_cast<time_t>(object.mtime), false);
+    const Error_Code policy = shared_.converter->convert(path, to_time_t(object.mtime), false);
     if (policy == E_SKIP)
       return shared_.account->unchanged();
     if (policy != E_OK)

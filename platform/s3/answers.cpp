@@ -1,6 +1,7 @@
 #include "platform/s3/answers.h"
 
 #include "platform/s3/percent_encoding.h"
+#include "sdk/base/time_format.h"
 
 #include <limits>
 
@@ -51,7 +52,7 @@ bool number_at(std::string_view text, size_t at, size_t digits, unsigned& value)
 
 } // namespace
 
-bool parse_iso_time(std::string_view text, time_t& time) {
+bool parse_iso_time(std::string_view text, long long& time) {
   unsigned year, month, day, hour, minute, second;
   if (text.size() < 20 || text.back() != 'Z' || text[4] != '-' || text[7] != '-' || text[10] != 'T' ||
       text[13] != ':' || text[16] != ':' || !number_at(text, 0, 4, year) || !number_at(text, 5, 2, month) ||
@@ -59,10 +60,8 @@ bool parse_iso_time(std::string_view text, time_t& time) {
       !number_at(text, 17, 2, second) || month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 ||
       second > 60)
     return false;
-  const long long seconds =
-      days_from_civil(static_cast<int>(year), month, day) * 86400 + hour * 3600 + minute * 60 + second;
-  time = static_cast<time_t>(seconds);
-  return static_cast<long long>(time) == seconds;
+  time = days_from_civil(static_cast<int>(year), month, day) * 86400 + hour * 3600 + minute * 60 + second;
+  return true;
 }
 
 bool parse_size(std::string_view text, ACE_UINT64& size) {
@@ -122,7 +121,7 @@ void Listing_Reader::element(const Path& path, std::string& text) {
       if (!parse_size(text, object.size))
         refuse("the size of a key is no number");
     } else if (name == "LastModified") {
-      time_t time = 0;
+      long long time = 0;
       if (!parse_iso_time(text, time))
         refuse("the date of a key is none");
       object.mtime = time < 0 ? 0 : static_cast<ACE_UINT64>(time);
@@ -192,8 +191,8 @@ void Buckets_Reader::element(const Path& path, std::string& text) {
     if (name == "Name") {
       bucket.name = std::move(text);
     } else if (name == "CreationDate") {
-      if (!parse_iso_time(text, bucket.ctime))
-        bucket.ctime = 0;
+      long long time = 0;
+      bucket.ctime = parse_iso_time(text, time) ? to_time_t(time) : 0;
     } else if (name == "Location") {
       bucket.location = std::move(text);
     } else if (name == "BucketRegion" || name == "Region") {

@@ -22,7 +22,7 @@ struct Error_Document {
 Error_Document parse_error(std::string_view document);
 
 /// "2009-10-12T17:50:30.000Z"; false for anything else.
-bool parse_iso_time(std::string_view text, time_t& time);
+bool parse_iso_time(std::string_view text, long long& time);
 /// Decimal digits alone, within 64 bits.
 bool parse_size(std::string_view text, ACE_UINT64& size);
 

@@ -228,11 +228,13 @@ TEST(Error_Document, fields_are_read_and_a_broken_end_costs_only_what_follows) {
 }
 
 TEST(Times_And_Sizes, only_whole_values_are_taken) {
-  time_t time = 0;
+  long long time = 0;
   EXPECT_TRUE(s3::parse_iso_time("1970-01-01T00:00:00Z", time));
   EXPECT_EQ(0, time);
   EXPECT_TRUE(s3::parse_iso_time("2024-02-29T23:59:59.123456Z", time));
   EXPECT_EQ(1709251199, time);
+  EXPECT_TRUE(s3::parse_iso_time("2099-12-31T00:00:00Z", time));
+  EXPECT_EQ(4102358400, time) << "wherever time_t ends";
   for (const char* text : {"", "2024", "2024-02-29 23:59:59Z", "2024-13-01T00:00:00Z", "2024-02-29T23:59:59"})
     EXPECT_FALSE(s3::parse_iso_time(text, time)) << text;
   ACE_UINT64 size = 0;

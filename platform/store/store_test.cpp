@@ -1,5 +1,6 @@
 #include "platform/store/sqlite_store.h"
 #include "platform/store/store.h"
+#include "sdk/base/time_format.h"
 
 #include <gtest/gtest.h>
 
@@ -338,10 +339,11 @@ TEST_P(Store_Contract, definitions_are_replaced_by_id) {
 }
 
 TEST_P(Store_Contract, activities_come_newest_first_and_keep_their_place) {
+  const time_t late = to_time_t(5000000001);
   for (const char* id : {"1", "2", "3"}) {
     Activity activity;
     activity.id = id;
-    activity.start = 5000000000;
+    activity.start = late - 1;
     ASSERT_TRUE(store_->put_activity(activity, error_)) << error_;
   }
   Activity ended;
@@ -349,8 +351,8 @@ TEST_P(Store_Contract, activities_come_newest_first_and_keep_their_place) {
   ended.definition_id = "d";
   ended.type = "backup";
   ended.state = "completed";
-  ended.start = 5000000000;
-  ended.end = 5000000001;
+  ended.start = late - 1;
+  ended.end = late;
   ended.outcome = "{\"saved\":1}";
   ASSERT_TRUE(store_->put_activity(ended, error_));
   std::vector<Activity> latest;
@@ -362,7 +364,7 @@ TEST_P(Store_Contract, activities_come_newest_first_and_keep_their_place) {
   ASSERT_TRUE(store_->find_activity("1", read, found_, error_));
   ASSERT_TRUE(found_);
   EXPECT_EQ("completed", read.state);
-  EXPECT_EQ(5000000001, read.end);
+  EXPECT_EQ(late, read.end);
   EXPECT_EQ(ended.outcome, read.outcome);
 }
 

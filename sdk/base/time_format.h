@@ -1,7 +1,14 @@
 #pragma once
 
 #include <ctime>
+#include <limits>
 #include <string>
+
+/// `seconds` since the epoch as the C library's time, or the nearest that it can hold where that has 32 bits.
+constexpr time_t to_time_t(long long seconds) {
+  constexpr long long least = std::numeric_limits<time_t>::min(), most = std::numeric_limits<time_t>::max();
+  return static_cast<time_t>(seconds < least ? least : seconds > most ? most : seconds);
+}
 
 /// A time as text in UTC.
 class POSIX_Time_To_ISO8601 {

@@ -86,7 +86,7 @@ bool get_incarnation(const std::string& pool_uuid, const std::string& minor_reso
 /// Where a rehearsal of disaster recovery stands.
 struct File_DR_Test_Context {
   bool update = false;                 ///< there is a set that was not rehearsed yet
-  int incarnation = 0;
+  int incarnation = 0;                 ///< for hosts that number their chains; 0 here, where `uri` tells the set
   int seq = 0;
   std::string minor_resource_id;
   std::string host_uuid;
@@ -96,9 +96,14 @@ struct File_DR_Test_Context {
   std::string uri;
   ACE_INT64 backup_time = 0;
 };
+/// Fills `context` with what the last rehearsal of that definition left; with nothing when there was none.
 void load_dr_test_context(const std::string& definition_id, File_DR_Test_Context& context);
+/// Sets `update`, and with it the other members to the newest set of the resource in the pool (the context's own when
+/// `pool_uuid` is null or empty), when that set is none that was rehearsed and none from before it. False when the pool
+/// or the agent's database cannot be read within `max_seconds_retry`.
 bool get_dr_test_seqs(const std::string& minor_resource_id, File_DR_Test_Context& context, int max_seconds_retry,
                       const std::string* pool_uuid);
+/// Keeps it for the next rehearsal.
 void save_dr_test_context(const std::string& definition_id, const File_DR_Test_Context& context);
 
 /// The engine's event handler of a backup: keeps the activity's figures current, collects item errors (up to 1000,

@@ -47,7 +47,9 @@ Http_Response upload_part(const Call& call, Upload& upload) {
   Upload::Part part;
   part.md5 = md5(call.request.body);
   part.mtime = call.settings.clock();
-  part.bytes = std::make_shared<const std::string>(std::move(call.request.body));
+  part.size = call.request.body.size();
+  if (!call.settings.throw_away_parts)
+    part.bytes = std::make_shared<const std::string>(std::move(call.request.body));
   Http_Response response;
   response.set("ETag", quoted(to_hex(part.md5)));
   upload.parts[static_cast<std::uint32_t>(*number)] = std::move(part);
@@ -93,13 +95,18 @@ Http_Response complete(const Call& call, const std::string& id, Upload& upload) 
     if (at == upload.parts.end() || to_hex(at->second.md5) != named[i].etag)
       return error_response(400, "InvalidPart", "One or more of the specified parts could not be found.",
                             {{"PartNumber", std::to_string(named[i].number)}});
-    if (i + 1 < named.size() && at->second.bytes->size() < call.settings.min_part_size)
+    if (i + 1 < named.size() && at->second.size < call.settings.min_part_size)
       return error_response(400, "EntityTooSmall", "Your proposed upload is smaller than the minimum allowed size",
                             {{"PartNumber", std::to_string(named[i].number)}});
     digests += at->second.md5;
-    object.size += at->second.bytes->size();
-    object.segments.push_back(at->second.bytes);
+    object.size += at->second.size;
+    if (at->second.bytes)
+      object.segments.push_back(at->second.bytes);
+    else
+      object.thrown_away.push_back({at->second.size, at->second.md5});
   }
+  if (!object.segments.empty() && !object.thrown_away.empty())
+    return error_response(500, "InternalError", "Some parts were kept and others thrown away.");
   object.etag = to_hex(md5(digests)) + "-" + std::to_string(named.size());
   object.mtime = call.settings.clock();
   std::string inner;
@@ -140,7 +147,7 @@ Http_Response list_parts(const Call& call, const std::string& id, const Upload& 
     xml_element(inner, "PartNumber", std::to_string(number));
     xml_element(inner, "LastModified", iso_date(part.mtime));
     xml_element(inner, "ETag", quoted(to_hex(part.md5)));
-    xml_element(inner, "Size", std::to_string(part.bytes->size()));
+    xml_element(inner, "Size", std::to_string(part.size));
     inner += "</Part>";
   }
   return xml_response("ListPartsResult", inner);

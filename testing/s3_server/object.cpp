@@ -74,6 +74,8 @@ Http_Response get(const Call& call) {
   if (call.operation == "GetObject" && (object->storage_class == "GLACIER" || object->storage_class == "DEEP_ARCHIVE"))
     return error_response(403, "InvalidObjectState", "The operation is not valid for the object's storage class",
                           {{"StorageClass", object->storage_class}});
+  if (call.operation == "GetObject" && !object->thrown_away.empty())
+    return error_response(501, "NotImplemented", "The content of this object was thrown away.");
   Http_Response response;
   response.content = object;
   response.length = object->size;

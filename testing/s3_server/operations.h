@@ -14,7 +14,8 @@ namespace s3_testing {
 // Multipart uploads under way.
 struct Upload {
   struct Part {
-    std::shared_ptr<const std::string> bytes;
+    std::shared_ptr<const std::string> bytes; // null: thrown away
+    std::uint64_t size = 0;
     std::string md5; // raw
     std::int64_t mtime = 0;
   };

@@ -39,6 +39,7 @@ struct S3_Server_Settings {
   std::uint64_t min_part_size = 5u << 20;     // of all parts but the last
   std::string region;
   std::optional<std::string> location;        // what GetBucketLocation answers; else the region, us-east-1 as empty
+  bool throw_away_parts = false;              // of multipart uploads: their digests are kept, not their bytes
   std::uint64_t bytes_per_second = 0;         // cap per connection on bodies sent; 0: none
   int latency_milliseconds = 0;               // before each reply
   std::map<std::string, std::string> secrets; // access key -> secret key

@@ -265,5 +265,43 @@ TEST(S3_server_seed, the_same_seed_strikes_the_same_requests) {
   EXPECT_NE(std::string::npos, pattern(5).find('.'));
 }
 
+TEST_F(S3_server, parts_that_are_thrown_away_can_still_be_compared) {
+  server.configure([](S3_Server_Settings& settings) {
+    settings.throw_away_parts = true;
+    settings.min_part_size = 1;
+  });
+  server.put_synthetic("bucket", "like", 100, 7);
+  server.put_synthetic("bucket", "unlike", 100, 8);
+  server.put_synthetic("bucket", "longer", 101, 7);
+  const std::string content = synthetic_bytes(7, 0, 100);
+  const Test_Reply begun = client.call("POST", "/bucket/k?uploads", {}, {}, "?uploads");
+  const std::size_t from = begun.body.find("<UploadId>") + 10;
+  const std::string id = begun.body.substr(from, begun.body.find("</UploadId>") - from);
+  std::string list;
+  const auto part = [&](int number, const std::string& bytes) {
+    const std::string target = "?partNumber=" + std::to_string(number) + "&uploadId=";
+    const Test_Reply stored = client.call("PUT", "/bucket/k" + target + url_encode(id, false), bytes, {}, target + id);
+    list += "<Part><PartNumber>" + std::to_string(number) + "</PartNumber><ETag>" + stored.headers.at("etag") +
+            "</ETag></Part>";
+  };
+  part(1, content.substr(0, 60));
+  part(2, content.substr(60));
+  EXPECT_EQ(200, client
+                     .call("POST", "/bucket/k?uploadId=" + url_encode(id, false),
+                           "<CompleteMultipartUpload>" + list + "</CompleteMultipartUpload>", {}, "?uploadId=" + id)
+                     .status);
+  EXPECT_EQ("100", client.call("HEAD", "/bucket/k").headers.at("content-length"));
+  EXPECT_EQ(501, client.call("GET", "/bucket/k").status);
+  EXPECT_TRUE(server.object("bucket", "k")->segments.empty());
+  const auto compared = [&](const char* key) {
+    return difference(*server.object("bucket", "k"), *server.object("bucket", key));
+  };
+  EXPECT_EQ("", compared("like"));
+  EXPECT_EQ("bytes 0 to 59 differ", compared("unlike"));
+  EXPECT_EQ("sizes 100 and 101 differ", compared("longer"));
+  EXPECT_EQ("", difference(*server.object("bucket", "like"), *server.object("bucket", "like")));
+  EXPECT_EQ("bytes 0 to 99 differ", difference(*server.object("bucket", "unlike"), *server.object("bucket", "like")));
+}
+
 } // namespace
 } // namespace s3_testing

@@ -80,6 +80,50 @@ std::string synthetic_bytes(std::uint64_t seed, std::uint64_t offset, std::size_
   return out;
 }
 
+namespace {
+
+constexpr std::size_t compared_at_once = 1u << 20;
+
+std::string difference_at(std::uint64_t offset, std::uint64_t length) {
+  return "bytes " + std::to_string(offset) + " to " + std::to_string(offset + length - 1) + " differ";
+}
+
+// `digests` belongs to the object that cannot be read.
+std::string difference_by_digests(const std::vector<Object::Thrown_Away>& digests, const Object& other) {
+  std::uint64_t offset = 0;
+  std::string piece;
+  for (const Object::Thrown_Away& part : digests) {
+    other.read(offset, static_cast<std::size_t>(part.size), piece);
+    if (md5(piece) != part.md5)
+      return difference_at(offset, part.size);
+    offset += part.size;
+  }
+  return {};
+}
+
+} // namespace
+
+std::string difference(const Object& a, const Object& b) {
+  if (a.size != b.size)
+    return "sizes " + std::to_string(a.size) + " and " + std::to_string(b.size) + " differ";
+  if (!a.thrown_away.empty() && !b.thrown_away.empty())
+    return a.etag == b.etag ? std::string() : "the digests differ";
+  if (!a.thrown_away.empty())
+    return difference_by_digests(a.thrown_away, b);
+  if (!b.thrown_away.empty())
+    return difference_by_digests(b.thrown_away, a);
+  std::string one, other;
+  for (std::uint64_t offset = 0; offset < a.size;) {
+    const std::size_t length = static_cast<std::size_t>(std::min<std::uint64_t>(a.size - offset, compared_at_once));
+    a.read(offset, length, one);
+    b.read(offset, length, other);
+    if (one != other)
+      return difference_at(offset, length);
+    offset += length;
+  }
+  return {};
+}
+
 Object make_object(std::string bytes) {
   Object object;
   object.size = bytes.size();

@@ -16,7 +16,8 @@
 namespace s3_testing {
 
 // One generation of an object. Immutable once stored: a GET in flight keeps its generation while another replaces it.
-// Content is either kept (`segments`) or synthetic: a function of `seed` and the offset, made while it is sent.
+// Content is either kept (`segments`), or synthetic: a function of `seed` and the offset, made while it is sent; or it
+// was thrown away (`thrown_away`).
 struct Object {
   std::uint64_t size = 0;
   std::int64_t mtime = 0; // seconds since 1970; 0 when stored through S3_Server: the server's clock
@@ -27,6 +28,13 @@ struct Object {
   bool synthetic = false;
   std::uint64_t seed = 0;
   std::vector<std::shared_ptr<const std::string>> segments;
+  // A part whose content was thrown away: what is known of it all the same.
+  struct Thrown_Away {
+    std::uint64_t size = 0;
+    std::string md5; // raw
+  };
+  // Not empty: the whole content is like that, part by part. Such an object can be listed and compared, not read.
+  std::vector<Thrown_Away> thrown_away;
 
   // Replaces `out` by the bytes [offset, offset + length); the range must lie inside the object.
   void read(std::uint64_t offset, std::size_t length, std::string& out) const;
@@ -37,6 +45,9 @@ using Object_Ptr = std::shared_ptr<const Object>;
 
 // The bytes [offset, offset + length) of the endless stream that belongs to `seed`.
 std::string synthetic_bytes(std::uint64_t seed, std::uint64_t offset, std::size_t length);
+
+// Empty where both have the same content, else what differs. Content that was thrown away is compared by its digests.
+std::string difference(const Object& a, const Object& b);
 
 Object make_object(std::string bytes);
 Object make_synthetic_object(std::uint64_t size, std::uint64_t seed);

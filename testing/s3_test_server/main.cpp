@@ -1,5 +1,8 @@
 // The test server as a process of its own, for system tests and benches that drive whole programs against it.
-// Prints "endpoint=", "access_key=", "secret_key=" and "ready", serves until its standard input ends.
+// Prints "endpoint=", "access_key=", "secret_key=" and "ready", serves until its standard input ends. Each line of it is
+// a question, which is answered with one line:
+//     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
+//     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
 
 #include "testing/s3_server/s3_server.h"
 
@@ -7,6 +10,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -35,16 +39,69 @@ bool add_synthetic(s3_testing::S3_Server& server, const std::string& text) {
   return server.add_synthetic(bucket, keys);
 }
 
+/// "bucket,key,size": one key of that size.
+bool add_object(s3_testing::S3_Server& server, const std::string& text) {
+  std::istringstream fields(text);
+  std::string bucket, key, size_text;
+  if (!std::getline(fields, bucket, ',') || !std::getline(fields, key, ',') || !std::getline(fields, size_text))
+    return false;
+  server.create_bucket(bucket);
+  return server.put_synthetic(bucket, key, std::stoull(size_text), key.size());
+}
+
+/// "key,bytes": the first reply with this key's content ends after so many bytes of it.
+bool add_cut(s3_testing::S3_Server& server, const std::string& text) {
+  const std::string::size_type comma = text.rfind(',');
+  if (comma == std::string::npos)
+    return false;
+  server.add_fault(
+      s3_testing::Fault::cut(std::stoull(text.substr(comma + 1))).on("GetObject").key(text.substr(0, comma)).times(1));
+  return true;
+}
+
+std::string answer(const s3_testing::S3_Server& server, const std::string& line) {
+  std::istringstream words(line);
+  std::string question, bucket, key, other_bucket, other_key;
+  words >> question >> bucket >> key >> other_bucket >> other_key;
+  if (question == "difference") {
+    const s3_testing::Object_Ptr one = server.object(bucket, key), other = server.object(other_bucket, other_key);
+    if (!one || !other)
+      return "no such object";
+    const std::string found = s3_testing::difference(*one, *other);
+    return found.empty() ? "none" : found;
+  }
+  if (question == "requests") {
+    std::map<std::string, unsigned> counts;
+    for (const s3_testing::Request_Info& request : server.log())
+      if (request.bucket == bucket && request.key == key)
+        ++counts[request.operation];
+    std::string out;
+    for (const auto& [operation, count] : counts)
+      out += (out.empty() ? "" : " ") + operation + "=" + std::to_string(count);
+    return out;
+  }
+  return "no such question";
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
   std::vector<std::string> synthetic;
+  std::vector<std::string> objects;
+  std::vector<std::string> cuts;
   std::vector<std::string> buckets;
+  bool throw_away = false;
+  bool log = false;
   int latency = 0;
   unsigned long long rate = 0;
   unsigned page_size = 1000;
   CLI::App app("An S3 server for tests, on a free port of 127.0.0.1. It ends when its standard input does.");
   app.add_option("--synthetic", synthetic, "BUCKET,COUNT,SIZE: a bucket of made-up objects")->allow_extra_args(false);
+  app.add_option("--object", objects, "BUCKET,KEY,SIZE: one made-up object")->allow_extra_args(false);
+  app.add_option("--cut", cuts, "KEY,BYTES: the first reply with this key's content ends after so many bytes")
+      ->allow_extra_args(false);
+  app.add_flag("--throw-away", throw_away, "Of objects uploaded in parts, keep the parts' digests only");
+  app.add_flag("--log", log, "Remember every request");
   app.add_option("--bucket", buckets, "An empty bucket")->allow_extra_args(false);
   app.add_option("--latency", latency, "Milliseconds before each reply");
   app.add_option("--rate", rate, "Bytes per second of each connection");
@@ -61,16 +118,28 @@ int main(int argc, char** argv) {
         std::cerr << "s3-test-server: --synthetic " << text << " is not BUCKET,COUNT,SIZE\n";
         return 2;
       }
+    for (const std::string& text : objects)
+      if (!add_object(server, text)) {
+        std::cerr << "s3-test-server: --object " << text << " is not BUCKET,KEY,SIZE\n";
+        return 2;
+      }
+    for (const std::string& text : cuts)
+      if (!add_cut(server, text)) {
+        std::cerr << "s3-test-server: --cut " << text << " is not KEY,BYTES\n";
+        return 2;
+      }
+    server.keep_log(log);
     server.configure([&](s3_testing::S3_Server_Settings& settings) {
       settings.latency_milliseconds = latency;
       settings.bytes_per_second = rate;
       settings.page_size = page_size;
+      settings.throw_away_parts = throw_away;
     });
     std::cout << "endpoint=" << server.url() << "\naccess_key=" << options.access_key
               << "\nsecret_key=" << options.secret_key << "\nready" << std::endl;
     std::string line;
-    while (std::getline(std::cin, line)) {
-    }
+    while (std::getline(std::cin, line))
+      std::cout << answer(server, line) << std::endl;
     return 0;
   } catch (const std::exception& error) {
     std::cerr << "s3-test-server: " << error.what() << "\n";

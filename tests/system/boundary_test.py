@@ -36,9 +36,39 @@ class Boundary(harness.Scenario):
         self.assertTrue(needed)
         self.assertEqual([], [name for name in needed if not ALLOWED.match(name)])
 
+    def test_disposers_are_local(self):
+        listed = subprocess.run(["nm", "-C", MODULE], stdout=subprocess.PIPE, check=True, text=True).stdout
+        kinds = {name: kind for kind, name in re.findall(r" (\w) (_gobble_\w+)\(void\*\)$", listed, re.MULTILINE)}
+        self.assertEqual({"_gobble_" + name[len("_make_"):] for name in FACTORIES}, set(kinds))
+        self.assertEqual({"t"}, set(kinds.values()), kinds)
+
+    def test_every_symbol_comes_from_one_of_the_allowed_libraries(self):
+        listed = subprocess.run(["ldd", MODULE], stdout=subprocess.PIPE, check=True, text=True).stdout
+        files = {os.path.basename(name): path or name for name, path in re.findall(r"^\s*(\S+) (?:=> (\S+) )?\(", listed,
+                                                                           re.MULTILINE)}
+        needed = [name for name in files if ALLOWED.match(name)]
+        self.assertTrue(any(name.startswith("libagent_platform") for name in needed))
+        provided = set()
+        for name in needed:
+            defined = subprocess.run(["nm", "-D", "--defined-only", files[name]], stdout=subprocess.PIPE,
+                                     check=True, text=True).stdout
+            provided.update(line.split()[-1].split("@")[0] for line in defined.splitlines())
+        listed = subprocess.run(["nm", "-D", "--undefined-only", MODULE], stdout=subprocess.PIPE, check=True,
+                                text=True).stdout
+        # Lower case: weak ones, which may stay undefined.
+        wanted = {line.split()[-1].split("@")[0] for line in listed.splitlines() if " U " in line}
+        self.assertTrue(wanted)
+        self.assertEqual(set(), wanted - provided)
+
     def test_every_symbol_it_needs_is_found(self):
-        unresolved = subprocess.run(["ldd", "-r", MODULE], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                    text=True).stdout
+        # The program's own loader says what ldd would: that of another architecture may lie anywhere.
+        headers = subprocess.run(["readelf", "-l", "-W", harness.AGENT], stdout=subprocess.PIPE, check=True,
+                                 text=True).stdout
+        loader = re.search(r"program interpreter: (.*)\]", headers).group(1)
+        unresolved = subprocess.run([loader, MODULE], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                    env=dict(os.environ, LD_TRACE_LOADED_OBJECTS="1", LD_WARN="1", LD_BIND_NOW="1")
+                                    ).stdout
+        self.assertRegex(unresolved, r"libagent_platform\.so => /")
         self.assertNotIn("undefined symbol", unresolved)
         self.assertNotIn("not found", unresolved)
 

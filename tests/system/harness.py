@@ -13,6 +13,14 @@ SERVER = os.path.join(BUILD, "bin", "s3-test-server")
 FIGURES = ["saved", "unchanged", "excluded", "skipped", "failed"]
 
 
+def make_client(server):
+    import boto3
+    from botocore.config import Config
+    return boto3.client("s3", endpoint_url=server.endpoint, aws_access_key_id=server.access_key,
+                        aws_secret_access_key=server.secret_key, region_name="us-east-1",
+                        config=Config(s3={"addressing_style": "path"}, retries={"max_attempts": 3}))
+
+
 class Real_Server:
     """The real S3 server, in a temporary folder."""
 
@@ -39,11 +47,7 @@ class Real_Server:
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def client(self):
-        import boto3
-        from botocore.config import Config
-        return boto3.client("s3", endpoint_url=self.endpoint, aws_access_key_id=self.access_key,
-                            aws_secret_access_key=self.secret_key, region_name="us-east-1",
-                            config=Config(s3={"addressing_style": "path"}, retries={"max_attempts": 3}))
+        return make_client(self)
 
     def tool(self, name, *arguments):
         """Runs one of testing/bucket_tools against this server; its standard output."""
@@ -71,7 +75,17 @@ class Test_Server:
         self.access_key = values["access_key"]
         self.secret_key = values["secret_key"]
 
+    def client(self):
+        return make_client(self)
+
+    def ask(self, *words):
+        """The server's answer to one of its questions (the head of testing/s3_test_server/main.cpp)."""
+        self.process.stdin.write(" ".join(words) + "\n")
+        self.process.stdin.flush()
+        return self.process.stdout.readline().rstrip("\n")
+
     def stop(self):
+        """Idempotent."""
         self.process.stdin.close()   # it ends when its input does
         status = self.process.wait(timeout=30)
         self.process.stdout.close()
@@ -89,6 +103,10 @@ class Result:
     def json(self):
         return json.loads(self.stdout.strip().splitlines()[-1])
 
+    @property
+    def json_lines(self):
+        return [json.loads(line) for line in self.stdout.splitlines()]
+
 
 class Scenario(unittest.TestCase):
     """A test with a temporary folder, a state folder in it, and the program."""
@@ -98,9 +116,10 @@ class Scenario(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
         self.state = os.path.join(self.folder, "state")
         self.pool = os.path.join(self.folder, "pool")
+        self.program = AGENT
 
     def command(self, *arguments):
-        return [AGENT, "--state", self.state, *arguments]
+        return [self.program, "--state", self.state, *arguments]
 
     def agent(self, *arguments, expect=0, input=None):
         """Runs the program and checks its exit code; None accepts any."""
@@ -122,6 +141,29 @@ class Scenario(unittest.TestCase):
 
     def add_pool(self, name="disk"):
         return self.agent("pool", "add", name, "file://" + self.pool)
+
+    def backup(self, *arguments, expect=0):
+        """Backs up with the account "work" into the pool "disk"; the outcome, checked for its sum."""
+        outcome = self.agent("backup", "work", *arguments, "--pool", "disk", "--json", expect=expect).json
+        self.assert_account_adds_up(outcome)
+        return outcome
+
+    def contents(self, server, bucket):
+        """Every object of a bucket: key to bytes."""
+        client = server.client()
+        found = {}
+        for page in client.get_paginator("list_objects").paginate(Bucket=bucket):
+            for item in page.get("Contents", []):
+                found[item["Key"]] = client.get_object(Bucket=bucket, Key=item["Key"])["Body"].read()
+        return found
+
+    def media(self, set_id=""):
+        """The media files of the pool, or of one set."""
+        found = []
+        for folder, _, files in os.walk(self.pool):
+            if not set_id or os.path.basename(folder) == set_id:
+                found += [os.path.join(folder, name) for name in files if name.endswith(".mtf")]
+        return sorted(found)
 
     def assert_account_adds_up(self, outcome):
         self.assertEqual(outcome["listed"], sum(outcome[figure] for figure in FIGURES), outcome)

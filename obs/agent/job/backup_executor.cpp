@@ -2,6 +2,7 @@
 
 #include "obs/agent/job/obs_backup_callback.h"
 #include "obs/agent/job/obs_backup_util.h"
+#include "obs/agent/job_frame/object_creator_impl_t.h"
 #include "obs/agent/util/obs_path.h"
 #include "obs/agent/util/utils.h"
 #include "sdk/base/clock.h"
@@ -16,6 +17,7 @@
 #include <ace/OS_NS_stdio.h>
 
 #include <cerrno>
+#include <memory>
 #include <new>
 
 namespace {
@@ -100,6 +102,9 @@ bool OBS_Backup_Executor::execute_i(const Job_Run_Options*) {
     if (!get_entries(entries, buckets) || !connect(entry, buckets))
       return false;
     return run(last, plan, entries, entry);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
   } catch (const std::exception& e) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Obs entry exception: %s.\n"), e.what()));
     return false;
@@ -210,24 +215,16 @@ MTF::IBackup_Callback_Factory_var OBS_Backup_Executor::make_factory(const json_s
   options.vendor = json_spirit::optional_str(entry, "vendor");
   options.sign_method = json_spirit::optional_str(entry, "sign_method");
 
-  OBS_Backup_Callback_Factory* factory =
-      new (std::nothrow) OBS_Backup_Callback_Factory(url, options, opts_->list_cache_limits_);
-  if (factory == nullptr) {
-    errno = ENOMEM;
-    return MTF::IBackup_Callback_Factory_var();
-  }
-  MTF::IBackup_Callback_Factory_var result(factory);
-  const json_spirit::Array* buckets = configured_buckets(entry);
-  if (buckets != nullptr)
+  std::unique_ptr<OBS_Backup_Callback_Factory> factory =
+      std::make_unique<OBS_Backup_Callback_Factory>(url, options, opts_->list_cache_limits_);
+  if (const json_spirit::Array* const buckets = configured_buckets(entry))
     factory->buckets(*buckets);
-  return result;
+  return adopt<MTF::IBackup_Callback_Factory_var>(std::move(factory));
 }
 
 bool OBS_Backup_Executor::run(const Last_Instance& last, const Plan& plan, const std::vector<std::string>& entries,
                               const json_spirit::Object& entry) {
   const MTF::IBackup_Callback_Factory_var factory = make_factory(entry);
-  if (factory.null())
-    return false;
   job_.set_result("source_entries", json_spirit::Array(entries.begin(), entries.end()));
 
   file_backup::File_Metadata metadata;
@@ -236,12 +233,11 @@ bool OBS_Backup_Executor::run(const Last_Instance& last, const Plan& plan, const
     return false;
   }
 
-  MTF::Event_Handler* handler = new (std::nothrow) file_backup::Backup_Event_Handler(*def_, *act_, evt_handler_, job_);
-  if (handler == nullptr) {
-    errno = ENOMEM;
+  const MTF::Event_Handler_var handler = make_counted<MTF::Event_Handler_var, file_backup::Backup_Event_Handler>(
+      *def_, *act_, evt_handler_, job_);
+  if (handler.null())
     return false;
-  }
-  MTF_Backup engine(MTF::Event_Handler_var(handler), metadata, job_.log_msg_callback());
+  MTF_Backup engine(handler, metadata, job_.log_msg_callback());
   for (const std::string& path : entries)
     engine.add_source(path);
 

@@ -48,10 +48,10 @@ bool OBS_Backup_Job_Options_Parser::handle_number_i(const char* text, unsigned l
     options->compression_level_ = natoi<ACE_INT32>(text, length);
     break;
   case KEY_CHANNELS:
-    options->channels_ = natoi<size_t>(text, length);
+    options->channels_ = natoi<ACE_UINT32>(text, length);
     break;
   case KEY_SCAN_FILE_THREADS:
-    options->scan_file_threads_ = natoi<size_t>(text, length);
+    options->scan_file_threads_ = natoi<ACE_UINT32>(text, length);
     break;
   case KEY_LIST_CACHE_LIMITS:
     // Definitions are written with a limit of 32 bits; a negative one means "as much as there is".

@@ -70,6 +70,14 @@ TEST(backup_job_options_parser, list_cache_limits_is_a_signed_32_bit_number_wide
   EXPECT_EQ(18446744073709551615ull, Backup_Options(R"({"list_cache_limits":-1})").record().list_cache_limits_);
 }
 
+TEST(backup_job_options_parser, channels_and_threads_are_unsigned_32_bit_numbers) {
+  const Backup_Options parsed(R"({"channels":4294967296,"scan_file_threads":18446744073709551616})");
+  ASSERT_TRUE(parsed.accepted);
+  EXPECT_EQ(4294967295u, parsed.record().channels_);
+  EXPECT_EQ(4294967295u, parsed.record().scan_file_threads_);
+  EXPECT_EQ(4294967295u, Backup_Options(R"({"channels":-1})").record().channels_);
+}
+
 TEST(backup_job_options_parser, number_below_the_options_object_is_error_9) {
   expect_error_9(R"({"exclusion":[1]})");
   expect_error_9(R"({"inclusion":[1]})");

@@ -1,6 +1,7 @@
 #include "obs/agent/job/obs_backup_callback.h"
 
 #include "obs/agent/job/async_obs_source_lister.h"
+#include "obs/agent/job_frame/object_creator_impl_t.h"
 #include "obs/agent/util/obs_path.h"
 #include "sdk/base/check.h"
 #include "sdk/base/clock.h"
@@ -52,14 +53,17 @@ int OBS_File_Reader::open(const char* path) {
     report_no_path();
     return -1;
   }
-  path_ = path;
-  offset_ = 0;
-  obj_.reset(new (std::nothrow) S3_Object);
-  if (!obj_) {
+  try {
+    path_ = path;
+    offset_ = 0;
+    obj_ = std::make_unique<S3_Object>();
+    if (open_i() && fits())
+      return 0;
+  } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-    return 1;
   }
-  return open_i() && fits() ? 0 : 1;
+  conn_ = HTTP_Connection_var();
+  return 1;
 }
 
 // Where `size_t` is narrower than the object the position in it could not be kept.
@@ -98,8 +102,13 @@ bool OBS_File_Reader::open_i() {
 }
 
 int OBS_File_Reader::read(MTF::Buffer& buffer) {
-  if (!is_open() && !open_i())
+  try {
+    if (!is_open() && !open_i())
+      return 1;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return 1;
+  }
   const size_t count = conn_->recv(buffer.base(), buffer.size(), nullptr);
   if (count == HTTP_Connection::RECV_FAILED)
     return 1;
@@ -146,8 +155,13 @@ bool OBS_Backup_Callback::lstat(const char* path, MTF::Callback_Stat& stat) {
   }
   stat.reset();
   stat.nlink = 1;
-  if (OBS_Path(path, false).is_prefix())
-    stat.mode = DIRECTORY_MODE;
+  try {
+    if (OBS_Path(path, false).is_prefix())
+      stat.mode = DIRECTORY_MODE;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
   return true;
 }
 
@@ -160,10 +174,12 @@ int OBS_Backup_Callback::read_dirs(const char*, std::list<std::string>&) {
 }
 
 MTF::IFile_Reader_var OBS_Backup_Callback::make_file_reader() {
-  MTF::IFile_Reader* reader = new (std::nothrow) OBS_File_Reader(clt_.make_service());
-  if (reader == nullptr)
+  try {
+    return make_counted<MTF::IFile_Reader_var, OBS_File_Reader>(clt_.make_service());
+  } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-  return MTF::IFile_Reader_var(reader);
+    return no_object<MTF::IFile_Reader_var>;
+  }
 }
 
 MTF::ISrc_Lister_var OBS_Backup_Callback::make_source_lister(const std::list<std::string>* sources, unsigned short seq,
@@ -171,21 +187,22 @@ MTF::ISrc_Lister_var OBS_Backup_Callback::make_source_lister(const std::list<std
                                                              int threads) {
   cache_limit_ = std::clamp(cache_limit_, MIN_CACHE_LIMIT, MAX_CACHE_LIMIT);
 
-  std::list<std::string> srcs;
-  if (sources != nullptr) {
-    for (const std::string& source : *sources) {
-      if (!source.empty() && source != "/")
-        add_source(srcs, source);
+  try {
+    std::list<std::string> srcs;
+    if (sources != nullptr) {
+      for (const std::string& source : *sources) {
+        if (!source.empty() && source != "/")
+          add_source(srcs, source);
+      }
     }
-  }
-  if (srcs.empty())
-    srcs = all_buckets(filter);
-
-  MTF::ISrc_Lister* lister =
-      new (std::nothrow) Async_OBS_Source_Lister(clt_, seq, std::move(srcs), handler, filter, threads, cache_limit_);
-  if (lister == nullptr)
+    if (srcs.empty())
+      srcs = all_buckets(filter);
+    return make_counted<MTF::ISrc_Lister_var, Async_OBS_Source_Lister>(clt_, seq, std::move(srcs), handler, filter,
+                                                                       threads, cache_limit_);
+  } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-  return MTF::ISrc_Lister_var(lister);
+    return no_object<MTF::ISrc_Lister_var>;
+  }
 }
 
 std::list<std::string> OBS_Backup_Callback::all_buckets(const MTF::IFilter* filter) {
@@ -221,17 +238,18 @@ void OBS_Backup_Callback_Factory::buckets(const std::vector<json_spirit::Value>&
 
 MTF::IBackup_Callback_var OBS_Backup_Callback_Factory::make() {
   if (url_.empty() || opts_.access_key.empty() || opts_.secret_key.empty())
-    return MTF::IBackup_Callback_var();
-  URI uri;
-  if (!URI_Parser::parse(url_.c_str(), uri)) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
-    return MTF::IBackup_Callback_var();
-  }
-  OBS_Backup_Callback* callback = new (std::nothrow) OBS_Backup_Callback(buckets_, cache_limit_);
-  if (callback == nullptr) {
+    return no_object<MTF::IBackup_Callback_var>;
+  try {
+    URI uri;
+    if (!URI_Parser::parse(url_.c_str(), uri)) {
+      ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
+      return no_object<MTF::IBackup_Callback_var>;
+    }
+    std::unique_ptr<OBS_Backup_Callback> callback = std::make_unique<OBS_Backup_Callback>(buckets_, cache_limit_);
+    if (callback->connect(uri, opts_))
+      return adopt<MTF::IBackup_Callback_var>(std::move(callback));
+  } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-    return MTF::IBackup_Callback_var();
   }
-  const MTF::IBackup_Callback_var result(callback);
-  return callback->connect(uri, opts_) ? result : MTF::IBackup_Callback_var();
+  return no_object<MTF::IBackup_Callback_var>;
 }

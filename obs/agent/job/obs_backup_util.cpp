@@ -64,12 +64,8 @@ bool try_connect(const json_spirit::Object& entry, std::unordered_set<std::strin
 }
 
 Action_Handler_var make_action_handler(const Job_Definition& def, std::shared_ptr<ACE_Log_Msg_Callback> log) {
-  // An empty pointer of this kind needs memory too: made first, there is one to return whatever happens.
-  Action_Handler_var handler;
   try {
-    std::unique_ptr<Redirect_Script_Handler> script(make_without_throwing<Redirect_Script_Handler>(log));
-    if (!script)
-      return handler;
+    std::unique_ptr<Redirect_Script_Handler> script = std::make_unique<Redirect_Script_Handler>(log);
     if (!def.pre_action().empty()) {
       script->pre_action_script(def.pre_action());
       script->redirect_pre_action_stdout(def.redirect_pre_action_stdout());
@@ -81,10 +77,9 @@ Action_Handler_var make_action_handler(const Job_Definition& def, std::shared_pt
       script->ignore_post_action_failure(def.ignore_post_action_failure());
       script->run_post_action_always(def.run_post_action_always());
     }
-    handler.reset(script.get());
-    script.release();
+    return adopt<Action_Handler_var>(std::move(script));
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
+    return no_object<Action_Handler_var>;
   }
-  return handler;
 }

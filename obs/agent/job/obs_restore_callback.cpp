@@ -2,6 +2,7 @@
 
 #include "obs/agent/job/buckets_mapper.h"
 #include "obs/agent/job/remote_object.h"
+#include "obs/agent/job_frame/object_creator_impl_t.h"
 #include "obs/agent/util/obs_path.h"
 #include "sdk/base/check.h"
 
@@ -13,6 +14,15 @@ OBS_Restore_Callback::~OBS_Restore_Callback() = default;
 OBS_Restore_Callback_Factory::~OBS_Restore_Callback_Factory() = default;
 
 MTF::Error_Code OBS_File_Writer::open(const char* path, ACE_UINT64 size) {
+  try {
+    return open_i(path, size);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return MTF::E_SKIP;
+  }
+}
+
+MTF::Error_Code OBS_File_Writer::open_i(const char* path, ACE_UINT64 size) {
   const OBS_Path source(path, false);
   if (!source)
     return MTF::E_SKIP;
@@ -67,36 +77,39 @@ bool OBS_Restore_Callback::connect(const URI& uri, const S3_Client_Options& opts
 }
 
 bool OBS_Restore_Callback::unlink(const char* path) {
-  const OBS_Path source(path, false);
-  if (!source)
+  try {
+    const OBS_Path source(path, false);
+    if (!source)
+      return false;
+    const Buckets_Mapper::mapper_t& mapping = mapper_.mapper(source.bucket_);
+    if (mapping.bucket.empty())
+      return true;
+    const Remote_Object target(source, mapping);
+    return clt_.del(target.bucket, target.key);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
     return false;
-  const Buckets_Mapper::mapper_t& mapping = mapper_.mapper(source.bucket_);
-  if (mapping.bucket.empty())
-    return true;
-  const Remote_Object target(source, mapping);
-  return clt_.del(target.bucket, target.key);
+  }
 }
 
 MTF::IFile_Writer_var OBS_Restore_Callback::make_file_writer() {
-  MTF::IFile_Writer* writer = new (std::nothrow) OBS_File_Writer(clt_, mapper_);
-  if (writer == nullptr)
-    errno = ENOMEM;
-  return MTF::IFile_Writer_var(writer);
+  return make_counted<MTF::IFile_Writer_var, OBS_File_Writer>(clt_, mapper_);
 }
 
 MTF::IRestore_Callback_var OBS_Restore_Callback_Factory::make() {
   if (url_.empty() || opts_.access_key.empty() || opts_.secret_key.empty())
-    return MTF::IRestore_Callback_var();
-  URI uri;
-  if (!URI_Parser::parse(url_.c_str(), uri)) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
-    return MTF::IRestore_Callback_var();
-  }
-  OBS_Restore_Callback* callback = new (std::nothrow) OBS_Restore_Callback(mapper_);
-  if (callback == nullptr) {
+    return no_object<MTF::IRestore_Callback_var>;
+  try {
+    URI uri;
+    if (!URI_Parser::parse(url_.c_str(), uri)) {
+      ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
+      return no_object<MTF::IRestore_Callback_var>;
+    }
+    std::unique_ptr<OBS_Restore_Callback> callback = std::make_unique<OBS_Restore_Callback>(mapper_);
+    if (callback->connect(uri, opts_))
+      return adopt<MTF::IRestore_Callback_var>(std::move(callback));
+  } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-    return MTF::IRestore_Callback_var();
   }
-  const MTF::IRestore_Callback_var result(callback);
-  return callback->connect(uri, opts_) ? result : MTF::IRestore_Callback_var();
+  return no_object<MTF::IRestore_Callback_var>;
 }

@@ -23,6 +23,8 @@ public:
   MTF::Error_Code close() override;
 
 private:
+  MTF::Error_Code open_i(const char* path, ACE_UINT64 size);
+
   S3_Client& clt_;
   S3_IWriter_ptr writer_; ///< empty until `open` has succeeded
   const Buckets_Mapper& mapper_;

@@ -2,6 +2,7 @@
 
 #include "obs/agent/job/obs_backup_util.h"
 #include "obs/agent/job/obs_restore_callback.h"
+#include "obs/agent/job_frame/object_creator_impl_t.h"
 #include "obs/agent/path_converter/obs_existing_handler.h"
 #include "obs/agent/util/utils.h"
 #include "sdk/base/clock.h"
@@ -110,12 +111,11 @@ bool OBS_Restore_Executor::wait_for_pool() {
 }
 
 bool OBS_Restore_Executor::run(const Set& set, const file_backup::File_DR_Test_Context& context) {
-  MTF::Event_Handler* handler = new (std::nothrow) file_backup::Restore_Event_Handler(*def_, *act_, evt_handler_, job_);
-  if (handler == nullptr) {
-    errno = ENOMEM;
+  const MTF::Event_Handler_var handler = make_counted<MTF::Event_Handler_var, file_backup::Restore_Event_Handler>(
+      *def_, *act_, evt_handler_, job_);
+  if (handler.null())
     return false;
-  }
-  MTF_Restore engine(MTF::Event_Handler_var(handler), job_.log_msg_callback());
+  MTF_Restore engine(handler, job_.log_msg_callback());
 
   json_spirit::Object entry;
   if (!get_entry_info(def_->host_id(), entry, def_->max_seconds_retry())) {
@@ -125,13 +125,11 @@ bool OBS_Restore_Executor::run(const Set& set, const file_backup::File_DR_Test_C
   if (!connect(entry))
     return false;
 
-  MTF_FS::IPath_Converter* converter =
-      new (std::nothrow) OBS_Existing_Handler(MTF_FS::IPath_Converter_var(), entry, opts_->mapper_, opts_->existing_);
-  if (converter == nullptr) {
-    errno = ENOMEM;
+  const MTF_FS::IPath_Converter_var converter = make_counted<MTF_FS::IPath_Converter_var, OBS_Existing_Handler>(
+      no_object<MTF_FS::IPath_Converter_var>, entry, opts_->mapper_, opts_->existing_);
+  if (converter.null())
     return false;
-  }
-  engine.path_converter(MTF_FS::IPath_Converter_var(converter));
+  engine.path_converter(converter);
 
   const MTF::IRestore_Callback_Factory_var factory = make_factory(entry);
   if (factory.null())
@@ -179,15 +177,13 @@ MTF::IRestore_Callback_Factory_var OBS_Restore_Executor::make_factory(const json
     options.vendor = json_spirit::optional_str(entry, "vendor");
     options.sign_method = json_spirit::optional_str(entry, "sign_method");
 
-    MTF::IRestore_Callback_Factory* factory =
-        new (std::nothrow) OBS_Restore_Callback_Factory(url, options, opts_->mapper_);
-    if (factory == nullptr)
-      errno = ENOMEM;
-    return MTF::IRestore_Callback_Factory_var(factory);
+    return make_counted<MTF::IRestore_Callback_Factory_var, OBS_Restore_Callback_Factory>(url, options, opts_->mapper_);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
   } catch (const std::exception& e) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Obs entry exception: %s.\n"), e.what()));
-    return MTF::IRestore_Callback_Factory_var();
   }
+  return no_object<MTF::IRestore_Callback_Factory_var>;
 }
 
 void OBS_Restore_Executor::configure(MTF_Restore& engine, const MTF::IRestore_Callback_Factory_var& factory,

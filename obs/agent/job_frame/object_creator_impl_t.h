@@ -24,6 +24,21 @@ POINTER adopt(std::unique_ptr<T> object) {
   return pointer;
 }
 
+/// An empty pointer that is there already: even a new one would need memory.
+template <typename POINTER>
+inline const POINTER no_object;
+
+/// A new T in a reference-counted pointer, or an empty one with `errno` ENOMEM when memory is short for either of them.
+template <typename POINTER, typename T, typename... ARGS>
+POINTER make_counted(ARGS&&... args) noexcept {
+  try {
+    return adopt<POINTER>(std::make_unique<T>(static_cast<ARGS&&>(args)...));
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return no_object<POINTER>;
+  }
+}
+
 /// Makes a PRODUCT whenever the host asks BASE, an Object_Creator_T, for an object. Keeps no state; any thread.
 template <typename BASE, typename PRODUCT>
 class Object_Creator_Impl_T;

@@ -115,7 +115,7 @@ int Listing::list_objects(const OBS_Path& path, const json_spirit::Object& param
   for (const std::string& prefix : content.common_prefixes)
     add_dir(without_prefix(prefix));
   for (const S3_Object& object : content.objects) {
-    const POSIX_Time_To_ISO8601 mtime(static_cast<time_t>(object.mtime), "%Y-%m-%d %H:%M:%S");
+    const POSIX_Time_To_ISO8601 mtime(to_time_t(static_cast<long long>(object.mtime)), "%Y-%m-%d %H:%M:%S");
     items_.emplace_back(
         json_spirit::Object{{"file", without_prefix(object.name)}, {"size", object.size}, {"mtime", mtime.str()}});
   }

@@ -1,0 +1,145 @@
+#include "agent/commands/commands.h"
+#include "agent/commands/open_set.h"
+
+#include "platform/file_backup/glob_filter.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+
+namespace {
+
+struct Find_Arguments {
+  std::string glob;
+  std::string set;
+  std::string account;
+};
+
+std::string hex(const unsigned char* bytes, size_t size) {
+  static const char digits[] = "0123456789abcdef";
+  std::string text;
+  for (size_t i = 0; i < size; ++i) {
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
+/// A glob and the part of a catalog that it can match in.
+class Search {
+public:
+  explicit Search(const std::string& glob) {
+    std::string error;
+    if (!rule_.compile(glob, error))
+      throw Command_Error("'" + glob + "' is no pattern: " + error, EXIT_USAGE);
+    if (glob[0] != '/')
+      return;
+    // Only what lies below the folders before the first wildcard can match.
+    const size_t wild = glob.find_first_of("*?");
+    exact_ = wild == std::string::npos && glob.back() != '/';
+    const size_t slash = glob.rfind('/', wild);
+    root_ = exact_ ? glob.substr(1) : glob.substr(1, slash == std::string::npos ? 0 : slash);
+  }
+
+  /// Tells `found` every match in hand-out order. Throws Command_Error.
+  void run(Catalog_Reader& catalog, const std::function<void(const Catalog_Object&)>& found) const {
+    std::string error;
+    if (exact_) {
+      Catalog_Object object;
+      if (catalog.find(root_, object, error))
+        found(object);
+      else if (!error.empty())
+        throw Command_Error(error);
+      return;
+    }
+    std::string path;
+    const bool walked = catalog.walk(
+        root_,
+        [&](const Catalog_Object& object) {
+          path.assign(1, '/').append(object.path);
+          if (rule_.match(path.data(), path.size()) == Glob_Rule::MATCH)
+            found(object);
+          return true;
+        },
+        error);
+    if (!walked)
+      throw Command_Error(error);
+  }
+
+private:
+  Glob_Rule rule_;
+  bool exact_ = false;   ///< the glob is one object's path, `root_`
+  std::string root_;     ///< folder to walk, as the catalog names it
+};
+
+void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
+  if (!context.json) {
+    print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path +
+                (object.flags & catalog::FLAG_UNSEEN ? "  (not listed in this run)" : ""));
+    return;
+  }
+  json_spirit::Object line = object_json(object);
+  line["set"] = set.uuid;
+  line["set_time"] = set.end_time;
+  line["stored_in"] = stored_in;
+  line["sha256"] = hex(object.sha256, sizeof object.sha256);
+  if (object.flags & catalog::FLAG_UNSEEN)
+    line["unseen"] = true;
+  print_bytes(json_spirit::write_utf8(line));
+}
+
+std::vector<Set> sets_to_search(Context& context, const Find_Arguments& arguments) {
+  if (!arguments.set.empty())
+    return {context.set(arguments.set)};
+  const std::string account = arguments.account.empty() ? std::string() : context.account(arguments.account).uuid;
+  for (const std::string& warning : context.reconcile())
+    std::fprintf(stderr, "obs-agent: %s\n", warning.c_str());
+  std::vector<Set> sets;
+  std::string error;
+  if (!context.store().sets(std::string(), account, std::string(), false, sets, error))
+    throw Command_Error(error);
+  return sets;
+}
+
+void find(Context& context, const Find_Arguments& arguments) {
+  const Search search(arguments.glob);
+  unsigned long long matches = 0;
+  std::string failed;
+  for (const Set& set : sets_to_search(context, arguments)) {
+    // One set that cannot be read does not hide what the others hold.
+    try {
+      const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);
+      search.run(*catalog, [&](const Catalog_Object& object) {
+        ++matches;
+        const std::string& holder =
+            object.set < catalog->sets().size() ? catalog->sets()[object.set].uuid : catalog->set_uuid();
+        print_match(context, set, holder, object);
+      });
+    } catch (const Command_Error& error) {
+      if (!failed.empty())
+        std::fprintf(stderr, "obs-agent: %s\n", failed.c_str());
+      failed = error.what();
+    }
+  }
+  if (!failed.empty())
+    throw Command_Error(failed);
+  if (matches == 0)
+    throw Command_Error("nothing matches '" + arguments.glob + "'");
+}
+
+} // namespace
+
+void add_find_command(CLI::App& app, Context& context) {
+  auto arguments = std::make_shared<Find_Arguments>();
+  CLI::App* command = app.add_subcommand("find", "Find objects in sets: when they were there, and which versions are held");
+  command->add_option("glob", arguments->glob, "Path with *, ? and **; without a leading / it matches at any depth")
+      ->required()
+      ->type_name("GLOB");
+  CLI::Option* set = command->add_option("--set", arguments->set, "In this set only")->type_name("SET");
+  command->add_option("--account", arguments->account, "In the sets of this account only")
+      ->type_name("ACCOUNT")
+      ->excludes(set);
+  command->callback([&context, arguments] { find(context, *arguments); });
+}

@@ -1,0 +1,322 @@
+#include "agent/commands/commands.h"
+#include "agent/retention.h"
+
+#include "platform/catalog/catalog_reader.h"
+#include "platform/file_backup/set_catalog.h"
+#include "platform/pool/set_lock.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
+
+namespace {
+
+struct Forget_Arguments {
+  std::string account;
+  std::string pool;
+  std::string selection;
+  Retention_Rules rules;
+  std::string within;
+  bool dry_run = false;
+};
+
+/// A set in its pool, with what decides about it.
+struct Candidate {
+  Set_Record record;
+  std::vector<std::string> needs;     ///< other sets that its catalog points into
+  bool readable = true;               ///< the catalog is
+  std::vector<std::string> reasons;   ///< why it stays; empty: it goes
+};
+
+long long seconds_of(const std::string& text) {
+  struct tm parts = {};
+  const char* const end = ::strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
+  return end != nullptr && *end == '\0' ? static_cast<long long>(::timegm(&parts)) : -1;
+}
+
+/// The folder "HOST/RESOURCE" of a set.
+std::string place_of(const std::string& uri) {
+  return uri.substr(0, uri.rfind('/'));
+}
+
+/// All sets of one pool. Whoever points into a set may lie anywhere in it, so all are looked at, whichever are asked
+/// about.
+class Pool_Forgetter {
+public:
+  Pool_Forgetter(Context& context, const Pool_Entry& entry, const Forget_Arguments& arguments)
+      : context_(context), entry_(entry), arguments_(arguments), pool_(context.open_pool(entry)) {}
+
+  /// Decides about all sets of the pool and, unless it is a dry run, removes what goes. Throws Command_Error when
+  /// nothing could be decided. What cannot be removed is told in `problems`.
+  void run(const std::string& account_uuid) {
+    std::vector<std::string> groups = matching_places(account_uuid);
+    // No backup may begin in these places until it is done: it might point into a set that goes.
+    if (!arguments_.dry_run)
+      lock(groups);
+    // Before the sets are read: a run that ends in between has its set among them.
+    for (const std::string& place : groups)
+      if (is_busy(place))
+        busy_.insert(place);
+    read_sets();
+    for (const std::string& place : groups)
+      apply_rules(place);
+    keep_needed();
+    for (const std::string& place : groups)
+      finish(place);
+  }
+
+  json_spirit::Array groups;
+  std::string text;
+  std::vector<std::string> problems;
+  unsigned long long kept = 0, removed = 0, freed = 0;
+
+private:
+  std::vector<std::string> matching_places(const std::string& account_uuid) {
+    std::set<std::string> places;
+    for (const Set_Record& record : records())
+      if ((account_uuid.empty() || record.host_uuid == account_uuid) &&
+          (arguments_.selection.empty() || record.minor_resource_name == arguments_.selection ||
+           record.minor_resource_id == arguments_.selection))
+        places.insert(place_of(record.uri));
+    return std::vector<std::string>(places.begin(), places.end());
+  }
+
+  std::vector<Set_Record> records() {
+    std::vector<std::string> bad;
+    std::vector<Set_Record> found = pool_.sets(std::string(), bad);
+    if (!bad.empty())
+      throw Command_Error("pool '" + entry_.name + "': nothing is forgotten while a set's record cannot be read, since " +
+                          "its data may lie in others: " + bad.front());
+    return found;
+  }
+
+  void lock(const std::vector<std::string>& places) {
+    for (const std::string& place : places) {
+      std::string error;
+      locks_.emplace_back();
+      if (!locks_.back().acquire(pool_.set_folder(place), true, error))
+        throw Command_Error("pool '" + entry_.name + "': " + error);
+    }
+  }
+
+  void read_sets() {
+    for (Set_Record& record : records()) {
+      Candidate one;
+      std::string error;
+      const auto catalog = Catalog_Reader::open(pool_.set_folder(record.uri), error);
+      one.readable = catalog != nullptr;
+      if (catalog)
+        for (const Catalog_Set& set : catalog->sets())
+          if (set.uuid != record.uuid)
+            one.needs.push_back(set.uuid);
+      one.record = std::move(record);
+      sets_.push_back(std::move(one));
+    }
+  }
+
+  /// A run that is under way may point into any set of its place.
+  bool is_busy(const std::string& place) const {
+    const std::string folder = pool_.set_folder(place);
+    std::error_code code;
+    for (std::filesystem::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
+      struct stat status;
+      const std::string path = it->path().string();
+      if (::stat((path + "/" + Set_Lock::FILE_NAME).c_str(), &status) != 0)
+        continue;
+      Set_Lock probe;
+      std::string error;
+      bool busy = false;
+      if (!probe.acquire(path, false, error, &busy) && busy)
+        return true;
+    }
+    return false;
+  }
+
+  void apply_rules(const std::string& place) {
+    std::vector<Candidate*> group;
+    std::vector<Retention_Set> sets;
+    for (Candidate& one : sets_)
+      if (place_of(one.record.uri) == place) {
+        group.push_back(&one);
+        Retention_Set set;
+        set.uuid = one.record.uuid;
+        set.time = seconds_of(one.record.start_time);
+        sets.push_back(set);
+      }
+    apply_retention(arguments_.rules, sets);
+    const bool busy = busy_.count(place) != 0;
+    const bool damaged = std::any_of(group.begin(), group.end(), [](const Candidate* one) { return !one->readable; });
+    for (size_t i = 0; i < group.size(); ++i) {
+      decided_.insert(group[i]->record.uuid);
+      group[i]->reasons = sets[i].reasons;
+      if (sets[i].time < 0)
+        group[i]->reasons.push_back("its time cannot be read");
+      if (busy)
+        group[i]->reasons.push_back("a backup is running");
+      if (damaged && group[i]->readable)
+        group[i]->reasons.push_back("a catalog beside it cannot be read");
+      else if (damaged)
+        group[i]->reasons.push_back("its catalog cannot be read");
+    }
+  }
+
+  /// Catalogs are complete: what one points into it names, and no further step is needed.
+  void keep_needed() {
+    std::map<std::string, std::vector<std::string>> needed;
+    for (const Candidate& one : sets_)
+      if (!one.reasons.empty() || decided_.count(one.record.uuid) == 0)
+        for (const std::string& uuid : one.needs)
+          needed[uuid].push_back("needed by " + one.record.uuid);
+    for (Candidate& one : sets_)
+      if (const auto found = needed.find(one.record.uuid); found != needed.end())
+        one.reasons.insert(one.reasons.end(), found->second.begin(), found->second.end());
+  }
+
+  void finish(const std::string& place) {
+    json_spirit::Array stay, go;
+    const Candidate* first = nullptr;
+    std::string lines;
+    // Newest first: should the work be cut short, no set is left whose data were removed before it.
+    for (auto one = sets_.rbegin(); one != sets_.rend(); ++one) {
+      if (place_of(one->record.uri) != place)
+        continue;
+      first = &*one;
+      json_spirit::Object json;
+      json["set"] = one->record.uuid;
+      json["time"] = one->record.start_time;
+      json["type"] = one->record.type;
+      json["storage_size"] = one->record.backup_set_storage_size;
+      const std::string line = one->record.uuid + "  " + one->record.start_time + "  " + one->record.type;
+      if (!one->reasons.empty()) {
+        json_spirit::Array reasons;
+        std::string names;
+        for (const std::string& reason : one->reasons) {
+          reasons.push_back(reason);
+          names += (names.empty() ? "" : ", ") + reason;
+        }
+        json["reasons"] = reasons;
+        stay.push_back(json);
+        ++kept;
+        lines += "  keep    " + line + "  (" + names + ")\n";
+      } else if (remove(one->record)) {
+        go.push_back(json);
+        ++removed;
+        freed += one->record.backup_set_storage_size;
+        lines += (arguments_.dry_run ? "  would remove " : "  removed ") + line + "\n";
+      }
+    }
+    if (first == nullptr)
+      return;
+    json_spirit::Object group;
+    group["pool"] = entry_.uuid;
+    group["account"] = first->record.host_uuid;
+    group["selection"] = first->record.minor_resource_id;
+    group["name"] = first->record.minor_resource_name;
+    group["kept"] = stay;
+    group["removed"] = go;
+    groups.push_back(group);
+    text += "pool " + entry_.name + ", " + first->record.minor_resource_name + "\n" + lines;
+  }
+
+  /// The record goes first: from then on the set is none. A row without a set is mended by the next look at the pool.
+  bool remove(const Set_Record& record) {
+    if (arguments_.dry_run)
+      return true;
+    std::string error;
+    if (!pool_.remove_set(record.uri, error)) {
+      problems.push_back("set " + record.uuid + ": " + error);
+      return false;
+    }
+    Set row;
+    bool found = false;
+    if (!context_.store().find_set(record.uuid, row, found, error) ||
+        (found && !context_.store().remove_set(record.uuid, error)))
+      problems.push_back("set " + record.uuid + " is removed, but not from the database: " + error);
+    return true;
+  }
+
+  Context& context_;
+  const Pool_Entry entry_;
+  const Forget_Arguments& arguments_;
+  Pool pool_;
+  std::vector<Set_Lock> locks_;
+  std::set<std::string> busy_;         ///< places where a run is under way
+  std::vector<Candidate> sets_;        ///< oldest first
+  std::set<std::string> decided_;      ///< uuids of the sets that the rules were applied to
+};
+
+void forget(Context& context, Forget_Arguments arguments) {
+  if (!arguments.within.empty() && !parse_retention_time(arguments.within, arguments.rules.within))
+    throw Command_Error("--keep-within '" + arguments.within + "' is no time: 36h, 30d, 8w, 6m or 2y", EXIT_USAGE);
+  if (!arguments.rules.any())
+    throw Command_Error("no rule says what to keep: give --keep-last or another --keep- option", EXIT_USAGE);
+  const std::string account = arguments.account.empty() ? std::string() : context.account(arguments.account).uuid;
+  std::vector<Pool_Entry> pools;
+  std::string error;
+  if (!arguments.pool.empty())
+    pools.push_back(context.pool_entry(arguments.pool));
+  else if (!context.store().pools(pools, error))
+    throw Command_Error(error);
+
+  json_spirit::Array groups;
+  std::string text;
+  std::vector<std::string> problems;
+  unsigned long long kept = 0, removed = 0, freed = 0;
+  for (const Pool_Entry& entry : pools) {
+    try {
+      Pool_Forgetter pool(context, entry, arguments);
+      pool.run(account);
+      groups.insert(groups.end(), pool.groups.begin(), pool.groups.end());
+      text += pool.text;
+      problems.insert(problems.end(), pool.problems.begin(), pool.problems.end());
+      kept += pool.kept;
+      removed += pool.removed;
+      freed += pool.freed;
+    } catch (const Command_Error& failed) {
+      problems.push_back(failed.what());
+    }
+  }
+  json_spirit::Object json;
+  json["dry_run"] = arguments.dry_run;
+  json["groups"] = groups;
+  json["kept"] = kept;
+  json["removed"] = removed;
+  json["freed"] = freed;
+  context.print(json, text + std::to_string(kept) + " sets kept, " + std::to_string(removed) +
+                          (arguments.dry_run ? " would be removed, " : " removed, ") + human_bytes(freed) +
+                          (arguments.dry_run ? " would be freed" : " freed"));
+  for (const std::string& problem : problems)
+    std::fprintf(stderr, "obs-agent: %s\n", problem.c_str());
+  if (!problems.empty())
+    context.exit_code = EXIT_FAILED;
+}
+
+} // namespace
+
+void add_forget_command(CLI::App& app, Context& context) {
+  auto arguments = std::make_shared<Forget_Arguments>();
+  Retention_Rules& rules = arguments->rules;
+  CLI::App* command = app.add_subcommand("forget", "Remove sets that no rule keeps and that no other set needs");
+  command->add_option("account", arguments->account, "Sets of this account only")->type_name("ACCOUNT");
+  command->add_option("--pool", arguments->pool, "Sets in this pool only")->type_name("POOL");
+  command->add_option("--name", arguments->selection, "Sets of this selection only")->type_name("SELECTION");
+  command->add_option("--keep-last", rules.last, "Keep the newest N of each selection")->type_name("N");
+  command->add_option("--keep-hourly", rules.hourly, "Keep one for each of the last N hours that have any")
+      ->type_name("N");
+  command->add_option("--keep-daily", rules.daily, "The same for days")->type_name("N");
+  command->add_option("--keep-weekly", rules.weekly, "The same for weeks")->type_name("N");
+  command->add_option("--keep-monthly", rules.monthly, "The same for months")->type_name("N");
+  command->add_option("--keep-yearly", rules.yearly, "The same for years")->type_name("N");
+  command->add_option("--keep-within", arguments->within, "Keep all that are this much older than the newest: 36h, 30d, 1y6m")
+      ->type_name("TIME");
+  command->add_flag("--dry-run", arguments->dry_run, "Only say what would be removed");
+  command->callback([&context, arguments] { forget(context, *arguments); });
+}

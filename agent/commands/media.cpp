@@ -1,0 +1,89 @@
+#include "agent/commands/commands.h"
+#include "agent/commands/open_set.h"
+
+#include "platform/mtf/media_check.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+void print_json_line(const json_spirit::Object& json) {
+  print_bytes(json_spirit::write_utf8(json));
+}
+
+/// Problems are printed as they are found: a medium may have any number of them.
+bool check_one(const std::string& file, bool json) {
+  const auto found = [&](const Media_Problem& problem) {
+    if (json) {
+      json_spirit::Object line;
+      line["medium"] = file;
+      line["offset"] = problem.offset;
+      line["length"] = problem.length;
+      if (!problem.object.empty())
+        line["object"] = "/" + problem.object;
+      line["message"] = problem.message;
+      print_json_line(line);
+    } else {
+      print_bytes(file + ": at " + std::to_string(problem.offset) +
+                  (problem.object.empty() ? std::string() : ", '/" + problem.object + "'") + ": " + problem.message);
+    }
+    return true;
+  };
+  Media_Figures figures;
+  std::string error;
+  const bool read = check_medium(file, found, figures, error);
+  const bool clean = read && figures.problems == 0;
+  if (json) {
+    json_spirit::Object line;
+    line["medium"] = file;
+    line["clean"] = clean;
+    line["size"] = figures.size;
+    line["objects"] = figures.objects;
+    line["bytes"] = figures.bytes;
+    line["problems"] = figures.problems;
+    if (!read)
+      line["failure"] = error;
+    print_json_line(line);
+  } else if (read) {
+    print_bytes(file + ": " + std::to_string(figures.objects) + " whole objects of " + human_bytes(figures.bytes) + ", " +
+                (clean ? std::string("clean") : std::to_string(figures.problems) + " problems"));
+  }
+  if (!read)
+    std::fprintf(stderr, "obs-agent: medium '%s' cannot be checked: %s\n", file.c_str(), error.c_str());
+  return clean;
+}
+
+void check(Context& context, const std::vector<std::string>& files) {
+  for (const std::string& file : files)
+    if (!check_one(file, context.json))
+      context.exit_code = EXIT_FAILED;
+}
+
+void dump(const std::string& file) {
+  const auto line = [](const std::string& text) {
+    print_bytes(text);
+    return std::ferror(stdout) == 0;
+  };
+  std::string error;
+  if (!dump_medium(file, line, error))
+    throw Command_Error("medium '" + file + "' cannot be read: " + error);
+}
+
+} // namespace
+
+void add_media_commands(CLI::App& app, Context& context) {
+  CLI::App* media = app.add_subcommand("media", "Look into single media files");
+  media->require_subcommand(1);
+  auto files = std::make_shared<std::vector<std::string>>();
+  CLI::App* check_command = media->add_subcommand("check", "Hold media against their format, contents included");
+  check_command->add_option("file", *files, "Medium")->required()->type_name("FILE");
+  check_command->callback([&context, files] { check(context, *files); });
+
+  auto file = std::make_shared<std::string>();
+  CLI::App* dump_command = media->add_subcommand("dump", "Describe a medium block by block");
+  dump_command->add_option("file", *file, "Medium")->required()->type_name("FILE");
+  dump_command->callback([file] { dump(*file); });
+}

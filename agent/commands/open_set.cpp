@@ -1,0 +1,44 @@
+#include "agent/commands/open_set.h"
+
+#include "sdk/base/time_format.h"
+
+#include <cstdio>
+
+std::string open_set(Context& context, const Set& set, Pool& pool, Set_Record& record) {
+  pool = context.open_pool(context.pool_entry(set.pool_uuid));
+  const std::string folder = pool.set_folder(set.uri);
+  std::string error;
+  if (!read_set_record(folder, record, error))
+    throw Command_Error("set " + set.uuid + ": " + error);
+  return folder;
+}
+
+std::unique_ptr<Catalog_Reader> open_catalog(Context& context, const Set& set) {
+  Pool pool;
+  Set_Record record;
+  std::string error;
+  std::unique_ptr<Catalog_Reader> catalog = Catalog_Reader::open(open_set(context, set, pool, record), error);
+  if (!catalog)
+    throw Command_Error("set " + set.uuid + ": " + error);
+  return catalog;
+}
+
+json_spirit::Object object_json(const Catalog_Object& object) {
+  json_spirit::Object json;
+  json["file"] = "/" + object.path;
+  json["size"] = object.size;
+  json["mtime"] = POSIX_Time_To_ISO8601(object.mtime).str();
+  return json;
+}
+
+std::string object_head(const Catalog_Object& object) {
+  char head[64];
+  std::snprintf(head, sizeof head, "%s %12llu  ", POSIX_Time_To_ISO8601(object.mtime, "%Y-%m-%d %H:%M:%S").c_str(),
+                object.size);
+  return head;
+}
+
+void print_bytes(const std::string& line) {
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fputc('\n', stdout);
+}

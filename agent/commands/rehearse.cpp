@@ -1,0 +1,45 @@
+#include "agent/commands/commands.h"
+#include "agent/commands/run_job.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+
+namespace {
+
+std::string text_member(const json_spirit::Object& json, const char* key) {
+  const json_spirit::Value* value = json_spirit::find(json, key);
+  return value != nullptr && value->type() == json_spirit::str_type ? value->get_str() : std::string();
+}
+
+/// What is missing in a definition of a rehearsal is filled in; what contradicts one is refused.
+json_spirit::Object rehearsal_of(json_spirit::Object definition) {
+  if (json_spirit::find(definition, "type") == nullptr)
+    definition["type"] = "restore";
+  if (text_member(definition, "type") != "restore")
+    throw Command_Error("job definition: a rehearsal's \"type\" must be \"restore\"");
+  if (json_spirit::find(definition, "subtype") == nullptr)
+    definition["subtype"] = "dr_test";
+  if (text_member(definition, "subtype") != "dr_test")
+    throw Command_Error("job definition: a rehearsal's \"subtype\" must be \"dr_test\"");
+  // What was rehearsed is kept by this id: without one every rehearsal would be the first.
+  if (text_member(definition, "id").empty())
+    throw Command_Error("job definition: \"id\" must be a uuid that stays the same from rehearsal to rehearsal");
+  const auto source = definition.find("source");
+  // A rehearsal finds the set itself.
+  if (source != definition.end() && source->second.type() == json_spirit::obj_type)
+    source->second.get_obj().emplace("seq", 0);
+  return definition;
+}
+
+} // namespace
+
+void add_rehearse_command(CLI::App& app, Context& context) {
+  auto path = std::make_shared<std::string>();
+  CLI::App* command =
+      app.add_subcommand("rehearse", "Rehearse disaster recovery: restore the newest set unless that was done already");
+  command->add_option("definition", *path, "File with the definition of the restore")
+      ->required()
+      ->type_name("DEFINITION.json");
+  command->callback([&context, path] { run_job(context, rehearsal_of(read_definition_file(*path))); });
+}

@@ -1,0 +1,123 @@
+"""Sets that no rule keeps go, unless another set's data lie in them."""
+import os
+import shutil
+import unittest
+
+import harness
+
+
+class Forget(harness.Scenario):
+    def setUp(self):
+        super().setUp()
+        self.server = harness.Test_Server("--synthetic", "bucket,40,100", "--bucket", "other", "--bucket", "target")
+        self.addCleanup(self.server.stop)
+        self.client = self.server.client()
+        self.client.put_object(Bucket="other", Key="k", Body=b"k")
+        self.add_account(self.server)
+        self.add_pool()
+
+    def sets(self):
+        return [row["set"] for row in self.agent("sets", "--json").json["sets"]]
+
+    def folders(self):
+        """Names of the set folders in the pool."""
+        return sorted(os.path.basename(folder) for folder, _, files in os.walk(self.pool) if "set.json" in files)
+
+    def forget(self, *arguments, expect=0):
+        return self.agent("forget", *arguments, "--json", expect=expect).json
+
+    def reasons(self, answer):
+        return {item["set"]: item["reasons"] for group in answer["groups"] for item in group["kept"]}
+
+    def test_base_that_is_needed_stays_and_says_for_whom(self):
+        base = self.backup("/bucket/")["set"]
+        self.client.put_object(Bucket="bucket", Key="x1", Body=b"1")
+        middle = self.backup("/bucket/")["set"]
+        self.client.put_object(Bucket="bucket", Key="x1", Body=b"22")
+        last = self.backup("/bucket/")["set"]
+
+        dry = self.forget("--keep-last", "1", "--dry-run")
+        self.assertEqual((2, 1, True), (dry["kept"], dry["removed"], dry["dry_run"]))
+        self.assertEqual([base, middle, last], self.sets())
+        self.assertEqual(sorted([base, middle, last]), self.folders())
+
+        answer = self.forget("--keep-last", "1")
+        self.assertEqual({base: ["needed by " + last], last: ["last"]}, self.reasons(answer))
+        self.assertEqual([middle], [item["set"] for item in answer["groups"][0]["removed"]])
+        self.assertEqual([base, last], self.sets())
+        self.assertEqual(sorted([base, last]), self.folders())
+        # What stays is whole, and the chain goes on.
+        self.agent("verify", last)
+        self.agent("restore", last, "--map", "bucket=target")
+        self.assertEqual(self.contents(self.server, "bucket"), self.contents(self.server, "target"))
+        following = self.backup("/bucket/")
+        self.assertEqual((0, 41), (following["saved"], following["unchanged"]))
+        self.agent("verify", following["set"])
+
+    def test_set_that_another_is_removed_for_may_go_with_it(self):
+        old = [self.backup("/bucket/")["set"], self.backup("/bucket/")["set"]]
+        full = self.backup("/bucket/", "--full")["set"]
+        answer = self.forget("--keep-last", "1")
+        self.assertEqual((1, 2), (answer["kept"], answer["removed"]))
+        self.assertGreater(answer["freed"], 0)
+        self.assertEqual([full], self.sets())
+        self.assertEqual([full], self.folders())
+        for one in old:
+            self.agent("restore", one, expect=1)
+        self.agent("verify", full)
+
+    def test_rules_work_on_each_selection_by_itself(self):
+        first = self.backup("/bucket/", "--full")["set"]
+        self.backup("/other/", "--full")
+        second = self.backup("/bucket/", "--full")["set"]
+        last = self.backup("/other/", "--full")["set"]
+        self.assertEqual(1, self.forget("--keep-last", "1", "--name", "/other/")["removed"])
+        self.assertEqual([first, second, last], self.sets())
+        self.assertEqual([], self.forget("--keep-last", "1", "--name", "nothing")["groups"])
+        self.assertEqual(0, self.forget("--keep-daily", "7", "--keep-within", "1d")["removed"])
+        self.assertEqual([first, second, last], self.sets())
+        self.assertEqual(1, self.forget("work", "--pool", "disk", "--keep-yearly", "1")["removed"])
+        self.assertEqual([second, last], self.sets())
+
+    def test_without_a_rule_nothing_is_forgotten(self):
+        self.backup("/bucket/")
+        for arguments in ([], ["--keep-last", "0"], ["--keep-within", "soon"], ["--keep-last", "-1"]):
+            self.agent("forget", *arguments, expect=2)
+        self.assertEqual(1, len(self.sets()))
+
+    def test_nothing_is_forgotten_beside_what_cannot_be_read(self):
+        sets = [self.backup("/bucket/", "--full")["set"] for _ in range(3)]
+        for folder, _, files in os.walk(self.pool):
+            if os.path.basename(folder) == sets[2]:
+                shutil.copy(os.path.join(folder, "catalog.db"), os.path.join(self.folder, "catalog.db"))
+                with open(os.path.join(folder, "catalog.db"), "wb") as file:
+                    file.write(b"no catalog")
+                broken = folder
+        answer = self.forget("--keep-last", "1")
+        self.assertEqual((3, 0), (answer["kept"], answer["removed"]))
+        self.assertIn("a catalog beside it cannot be read", self.reasons(answer)[sets[0]])
+        shutil.copy(os.path.join(self.folder, "catalog.db"), os.path.join(broken, "catalog.db"))
+
+        with open(os.path.join(broken, "set.json"), "r+") as file:
+            file.truncate(20)
+        result = self.agent("forget", "--keep-last", "1", expect=1)
+        self.assertIn("record", result.stderr)
+        self.assertEqual(3, len(self.folders()))
+
+    def test_running_backup_keeps_its_bases(self):
+        import fcntl
+        sets = [self.backup("/bucket/", "--full")["set"] for _ in range(2)]
+        place = next(os.path.dirname(folder) for folder, _, files in os.walk(self.pool) if "set.json" in files)
+        # As a run holds it while it writes.
+        under_way = os.path.join(place, "under-way")
+        os.mkdir(under_way)
+        with open(os.path.join(under_way, ".lock"), "w") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            answer = self.forget("--keep-last", "1")
+        self.assertEqual((2, 0), (answer["kept"], answer["removed"]))
+        self.assertIn("a backup is running", self.reasons(answer)[sets[0]])
+        self.assertEqual(1, self.forget("--keep-last", "1")["removed"])
+
+
+if __name__ == "__main__":
+    harness.main()
