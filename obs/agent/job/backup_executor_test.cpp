@@ -35,15 +35,16 @@ struct backup_executor : module_testing::Executor_Fixture {
   }
 
   bool run() {
-    executor.reset(new Open_Executor(make_job(source, options)));
+    executor.reset(new Open_Executor(make_job(source.release(), options.release())));
     return executor->execute_i(nullptr);
   }
   bool engine_called(const std::string& call) { return platform().called("engine." + call); }
   /// Whether the steps from there on were not reached.
   bool engine_made() { return engine_called("make(true)"); }
 
-  OBS_Backup_Job_Source* source = new OBS_Backup_Job_Source;    // the definition's, once it is made
-  OBS_Backup_Job_Options* options = new OBS_Backup_Job_Options; // likewise
+  // The definition's, once it is made.
+  std::unique_ptr<OBS_Backup_Job_Source> source = std::make_unique<OBS_Backup_Job_Source>();
+  std::unique_ptr<OBS_Backup_Job_Options> options = std::make_unique<OBS_Backup_Job_Options>();
   std::unique_ptr<Open_Executor> executor;
 };
 
@@ -157,9 +158,9 @@ TEST_F(backup_executor, full_or_incremental_is_decided_from_the_last_set) {
     platform().calls.clear();
     platform().last_record = row.record;
     settings.subtype = row.subtype;
-    source = new OBS_Backup_Job_Source;
+    source = std::make_unique<OBS_Backup_Job_Source>();
     source->minor_resource_id_ = "resource";
-    options = new OBS_Backup_Job_Options;
+    options = std::make_unique<OBS_Backup_Job_Options>();
     options->channels_ = row.channels_option;
     ASSERT_TRUE(run());
     EXPECT_TRUE(engine_called(std::string("channel_num(") + row.channels + ")"));
@@ -387,8 +388,7 @@ TEST_F(backup_executor, catalog_that_is_not_committed_is_an_alert) {
 }
 
 TEST_F(backup_executor, missing_options_fail) {
-  delete options;
-  options = nullptr;
+  options.reset();
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(", opts_ is NULL:\n"));
 }

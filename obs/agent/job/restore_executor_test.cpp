@@ -46,13 +46,14 @@ struct restore_executor : module_testing::Executor_Fixture {
     context.uri = "dr-prefix";
   }
   bool run() {
-    executor.reset(new Open_Executor(make_job(source, options)));
+    executor.reset(new Open_Executor(make_job(source.release(), options.release())));
     return executor->execute_i(nullptr);
   }
   bool engine_called(const std::string& call) { return platform().called("engine." + call); }
 
-  OBS_Restore_Job_Source* source = new OBS_Restore_Job_Source;    // the definition's, once it is made
-  OBS_Restore_Job_Options* options = new OBS_Restore_Job_Options; // likewise
+  // The definition's, once it is made.
+  std::unique_ptr<OBS_Restore_Job_Source> source = std::make_unique<OBS_Restore_Job_Source>();
+  std::unique_ptr<OBS_Restore_Job_Options> options = std::make_unique<OBS_Restore_Job_Options>();
   std::unique_ptr<Open_Executor> executor;
 };
 
