@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 using namespace module_testing;
 
 namespace {
@@ -299,8 +301,10 @@ TEST_F(file_reader, description_of_the_open_object_fills_block_and_stat) {
 }
 
 TEST_F(file_reader, blocks_are_one_more_than_whole_ones) {
-  const std::pair<ACE_UINT64, ACE_UINT64> table[] = {
-      {0, 1}, {511, 1}, {512, 2}, {1024, 3}, {5ull << 40, (5ull << 31) + 1}};
+  std::vector<std::pair<ACE_UINT64, ACE_UINT64>> table = {{0, 1}, {511, 1}, {512, 2}, {1024, 3}};
+  // A 32-bit reader refuses what its position cannot reach.
+  if (sizeof(size_t) > 4)
+    table.push_back({5ull << 40, (5ull << 31) + 1});
   for (const auto& row : table) {
     store().put("b", "sized", row.first);
     ASSERT_EQ(0, reader.open("/b/sized"));
