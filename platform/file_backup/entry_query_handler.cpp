@@ -75,5 +75,5 @@ int Entry_Query_Handler::handle_object(JSON_RPC_Channel_var channel, JSON_RPC_Ob
                                json_spirit::Value());
   }
   register_endpoint(account);
-  return channel->send(JSON_RPC_Object_var(new JSON_RPC_Response(request.id(), entry_record(account))));
+  return channel->send(count_references(std::make_unique<JSON_RPC_Response>(request.id(), entry_record(account))));
 }

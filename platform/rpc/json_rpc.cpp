@@ -24,7 +24,7 @@ JSON_RPC_Channel::~JSON_RPC_Channel() = default;
 
 int JSON_RPC_Channel::send_error(int code, const json_spirit::Value& id, const std::string& message,
                                  const json_spirit::Value& data) {
-  return send(JSON_RPC_Object_var(new JSON_RPC_Error_Response(id, code, message, data)));
+  return send(count_references(std::make_unique<JSON_RPC_Error_Response>(id, code, message, data)));
 }
 
 namespace {

@@ -123,13 +123,13 @@ int In_Process_JSON_RPC_Channel::send(JSON_RPC_Object_var) {
 int In_Process_JSON_RPC_Channel::request(const JSON_RPC_Request& request, JSON_RPC_Object_var& reply) {
   JSON_RPC_Handler* handler = impl_->handler(request.method());
   if (handler == nullptr) {
-    reply = JSON_RPC_Object_var(new JSON_RPC_Error_Response(
+    reply = count_references(std::make_unique<JSON_RPC_Error_Response>(
         request.id(), METHOD_NOT_FOUND, "Method '" + request.method() + "' not found", json_spirit::Value()));
     return 0;
   }
 
   const std::shared_ptr<Reply_Channel> channel = std::make_shared<Reply_Channel>(*this);
-  const JSON_RPC_Object_var object(new JSON_RPC_Request(request));
+  const JSON_RPC_Object_var object = count_references(std::make_unique<JSON_RPC_Request>(request));
   try {
     handler->handle_object(channel, object);
   } catch (const std::exception& e) {

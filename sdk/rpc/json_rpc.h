@@ -17,6 +17,13 @@ public:
 };
 typedef ACE_Refcounted_Auto_Ptr<JSON_RPC_Object, ACE_Recursive_Thread_Mutex> JSON_RPC_Object_var;
 
+/// Takes a message over. Throws std::bad_alloc when memory is short; the message is then deleted.
+inline JSON_RPC_Object_var count_references(std::unique_ptr<JSON_RPC_Object> message) {
+  JSON_RPC_Object_var counted(message.get());
+  message.release();
+  return counted;
+}
+
 class JSON_RPC_Request : public JSON_RPC_Object {
 public:
   JSON_RPC_Request() = default;

@@ -21,7 +21,7 @@ public:
     asked.push_back(json_spirit::write(request.params()));
     if (refuse)
       return channel->send_error(-1, request.id(), "no such entry", json_spirit::Value());
-    return channel->send(JSON_RPC_Object_var(new JSON_RPC_Response(request.id(), entry)));
+    return channel->send(count_references(std::make_unique<JSON_RPC_Response>(request.id(), entry)));
   }
 
   json_spirit::Object entry{{"access_key", "ak"}, {"secret_key", "sk"}, {"scheme", "http"}, {"endpoint", "s3.test"}};
