@@ -32,7 +32,7 @@ bool Media_Feed::record_of(unsigned set, Set_Record& record, std::string& uri, s
     uri = one.uri;
     std::string why;
     bool missing = false;
-    if (!read_set_record(pool_.set_folder(uri), record, why, &missing))
+    if (!read_stored_record(pool_.set_folder(uri), record, why, &missing))
       error = missing ? "the set " + one.uuid + " (" + uri + ") that holds its data is missing" : why;
     else if (record.uuid != one.uuid)
       error = "in " + uri + " lies another set (" + record.uuid + " instead of " + one.uuid + ")";
