@@ -20,6 +20,25 @@ std::string medium_name(unsigned channel) {
 Media_Feed::Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog)
     : pool_(pool), record_(record), catalog_(catalog) {}
 
+bool Media_Feed::hold(std::string& error) {
+  for (const Catalog_Set& set : catalog_.sets()) {
+    Set_Guard guard;
+    switch (guard.share(pool_.set_folder(set.index == 0 ? record_.uri : set.uri), error)) {
+    case Set_Guard::HELD:
+      guards_.push_back(std::move(guard));
+      break;
+    case Set_Guard::MISSING:
+      if (set.index != 0)
+        break;
+      return false;
+    default:
+      return false;
+    }
+  }
+  error.clear();
+  return true;
+}
+
 bool Media_Feed::record_of(unsigned set, Set_Record& record, std::string& uri, std::string& error) {
   if (set == 0) {
     record = record_;
