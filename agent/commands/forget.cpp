@@ -3,6 +3,8 @@
 
 #include "platform/catalog/catalog_reader.h"
 #include "platform/file_backup/set_catalog.h"
+#include "platform/mtf/partial_sets.h"
+#include "platform/pool/set_guard.h"
 #include "platform/pool/set_lock.h"
 
 #include <CLI/CLI.hpp>
@@ -34,6 +36,7 @@ struct Candidate {
   std::vector<std::string> needs;   ///< other sets that its catalog points into
   bool readable = true;             ///< the catalog is
   std::vector<std::string> reasons; ///< why it stays; empty: it goes
+  Set_Guard guard;                  ///< held on what goes
 };
 
 long long seconds_of(const std::string& text) {
@@ -57,6 +60,8 @@ public:
   /// Decides about all sets of the pool and, unless it is a dry run, removes what goes. Throws Command_Error when
   /// nothing could be decided. What cannot be removed is told in `problems`.
   void run(const std::string& account_uuid) {
+    if (!arguments_.dry_run)
+      context_.lock_pool(pool_);
     std::vector<std::string> groups = matching_places(account_uuid);
     // No backup may begin in these places until it is done: it might point into a set that goes.
     if (!arguments_.dry_run)
@@ -69,8 +74,12 @@ public:
     for (const std::string& place : groups)
       apply_rules(place);
     keep_needed();
+    if (!arguments_.dry_run)
+      keep_read();
     for (const std::string& place : groups)
       finish(place);
+    if (!arguments_.dry_run)
+      reclaim(groups);
   }
 
   json_spirit::Array groups;
@@ -181,6 +190,35 @@ private:
         one.reasons.insert(one.reasons.end(), found->second.begin(), found->second.end());
   }
 
+  /// A set that somebody is reading stays, with all that it needs; what goes takes no new readers from here on.
+  void keep_read() {
+    for (bool settled = false; !settled;) {
+      settled = true;
+      for (Candidate& one : sets_) {
+        std::string error;
+        if (!one.reasons.empty() || decided_.count(one.record.uuid) == 0 || one.guard.held() ||
+            one.guard.own(pool_.set_folder(one.record.uri), error) == Set_Guard::HELD)
+          continue;
+        one.reasons.push_back("it is being read");
+        for (Candidate& other : sets_)
+          if (std::count(one.needs.begin(), one.needs.end(), other.record.uuid) != 0) {
+            other.reasons.push_back("needed by " + one.record.uuid);
+            other.guard.release();
+          }
+        settled = false;
+      }
+    }
+  }
+
+  /// What unfinished runs left and only removed sets pointed into goes with them.
+  void reclaim(const std::vector<std::string>& places) {
+    for (const std::string& place : places) {
+      std::string error;
+      if (!orphans_.empty() && !reclaim_partial_sets(pool_, place, &orphans_, error))
+        problems.push_back("what an unfinished run left stays: " + error);
+    }
+  }
+
   void finish(const std::string& place) {
     json_spirit::Array stay, go;
     const Candidate* first = nullptr;
@@ -232,6 +270,9 @@ private:
     if (arguments_.dry_run)
       return true;
     std::string error;
+    for (const Candidate& one : sets_)
+      if (one.record.uuid == record.uuid)
+        orphans_.insert(one.needs.begin(), one.needs.end());
     if (!pool_.remove_set(record.uri, error)) {
       problems.push_back("set " + record.uuid + ": " + error);
       return false;
@@ -251,6 +292,7 @@ private:
   std::vector<Set_Lock> locks_;
   std::set<std::string> busy_;    ///< places where a run is under way
   std::vector<Candidate> sets_;   ///< oldest first
+  std::set<std::string> orphans_; ///< what removed sets pointed into
   std::set<std::string> decided_; ///< uuids of the sets that the rules were applied to
 };
 
@@ -260,6 +302,8 @@ void forget(Context& context, Forget_Arguments arguments) {
   if (!arguments.rules.any())
     throw Command_Error("no rule says what to keep: give --keep-last or another --keep- option", EXIT_USAGE);
   const std::string account = arguments.account.empty() ? std::string() : context.account(arguments.account).uuid;
+  if (!arguments.dry_run)
+    context.lock_state();
   std::vector<Pool_Entry> pools;
   std::string error;
   if (!arguments.pool.empty())

@@ -1,4 +1,5 @@
 #include "platform/file_backup/set_catalog.h"
+#include "platform/mtf/partial_sets.h"
 #include "sdk/file_backup/file_backup.h"
 
 #include <ace/Log_Msg.h>
@@ -113,7 +114,13 @@ bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string&
     return false;
   Set row = set_from_record(record, pool_uuid);
   row.state = online ? Set::STATE_ONLINE : "offline";
-  return store->put_set(row, error);
+  if (!store->put_set(row, error))
+    return false;
+  // What unfinished runs left and this set does not point into is of no use any more.
+  std::string why;
+  if (!reclaim_partial_sets(pool, record.uri.substr(0, record.uri.rfind('/')), nullptr, why))
+    ACE_ERROR((LM_WARNING, ACE_TEXT("What an unfinished run left stays until the next one: %C.\n"), why.c_str()));
+  return true;
 }
 
 } // namespace

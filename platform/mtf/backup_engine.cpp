@@ -6,8 +6,11 @@
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
+#include "platform/mtf/partial_sets.h"
 #include "sdk/base/clock.h"
 #include "sdk/job/job.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
@@ -35,20 +38,33 @@ double seconds_between(const ACE_Time_Value& from, const ACE_Time_Value& to) {
   return static_cast<double>(span.sec()) + static_cast<double>(span.usec()) / 1e6;
 }
 
+/// "HOST/RESOURCE" of a prefix that may go on.
+std::string place_of(const std::string& prefix) {
+  const size_t host = prefix.find('/');
+  return host == std::string::npos ? prefix : prefix.substr(0, prefix.find('/', host + 1));
+}
+
+bool is_taken(const Pool& pool, const std::string& uri) {
+  Set_Record record;
+  std::string error;
+  bool missing = false;
+  return read_stored_record(pool.set_folder(uri), record, error, &missing) || !missing;
+}
+
 /// The set's folder: as told when that is a new one, else a new one beside it.
 std::string set_uri(const Pool& pool, const std::string& prefix, const std::string& uuid) {
   std::string uri = prefix;
   const bool open = uri.empty() || uri.back() == '/';
   while (!uri.empty() && uri.back() == '/')
     uri.pop_back();
-  Set_Record record;
-  std::string error;
-  bool missing = false;
   if (open || std::count(uri.begin(), uri.end(), '/') == 1)
-    return uri.empty() ? uuid : uri + "/" + uuid;
-  if (read_set_record(pool.set_folder(uri), record, error, &missing) || !missing)
-    return uri.substr(0, uri.rfind('/') + 1) + uuid;
-  return uri;
+    uri = uri.empty() ? uuid : uri + "/" + uuid;
+  else if (is_taken(pool, uri))
+    uri = uri.substr(0, uri.rfind('/') + 1) + uuid;
+  std::string free = uri;
+  for (unsigned i = 1; is_taken(pool, free); ++i)
+    free = uri + "-" + std::to_string(i);
+  return free;
 }
 
 } // namespace
@@ -60,6 +76,7 @@ struct Backup_Engine::Impl {
         queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {}
 
   bool prepare(const std::string& location, const std::string& pool_uuid);
+  void take_up_unfinished();
   bool make_media();
   bool write_objects();
   bool complete();
@@ -78,7 +95,9 @@ struct Backup_Engine::Impl {
   std::shared_ptr<S3_Ledger> ledger;
 
   Pool pool;
+  std::shared_ptr<Process_Lock> pool_lock;
   Set_Lock lock;
+  std::string place; ///< "HOST/RESOURCE"
   std::string uri;
   bool made_folder = false;
   unsigned family = 0;
@@ -86,6 +105,7 @@ struct Backup_Engine::Impl {
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
   std::unique_ptr<Backup_Base> base; ///< null: every object is stored
+  std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
   std::unique_ptr<Listing_Events> events;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
@@ -144,13 +164,14 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     fail(E_GET_POOL_INFO, error);
     return false;
   }
+  pool_lock = pool.lock(error);
+  if (!pool_lock) {
+    fail(E_OPEN_MEDIUM, error);
+    return false;
+  }
+  place = place_of(order.uri_prefix);
+  take_up_unfinished();
   uri = set_uri(pool, order.uri_prefix, order.uuid);
-  std::string unremoved;
-  const unsigned removed = pool.remove_unfinished(uri.substr(0, uri.rfind('/')), unremoved);
-  if (removed != 0)
-    engine_log(log, LM_INFO, "Removed " + std::to_string(removed) + " unfinished sets of earlier runs.");
-  if (!unremoved.empty())
-    engine_log(log, LM_WARNING, "An unfinished set stays: " + unremoved + ".");
   if (!pool.make_set_folder(uri, lock, error)) {
     fail(E_OPEN_MEDIUM, error);
     return false;
@@ -163,11 +184,31 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
   }
   account.catalog(catalog.get());
   if (order.incremental && order.base_seq != 0) {
-    base = Backup_Base::open(pool, uri.substr(0, uri.rfind('/')), order.base_seq, error);
+    base = Backup_Base::open(pool, place, order.base_seq, error);
     if (!base)
       engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
   }
+  std::vector<std::string> problems;
+  partial = Partial_Sets::open(pool, place, base ? base->end_index() : 1, problems);
+  for (const std::string& problem : problems)
+    engine_log(log, LM_WARNING, "What an unfinished run has stored cannot be used: " + problem + ".");
+  if (partial->empty())
+    partial.reset();
   return make_media();
+}
+
+/// What earlier runs left becomes something to go on with.
+void Backup_Engine::Impl::take_up_unfinished() {
+  Salvage_Report report;
+  salvage_unfinished(pool, place, report);
+  if (report.salvaged != 0)
+    engine_log(log, LM_INFO,
+               "The run goes on with " + std::to_string(report.objects) + " objects (" + std::to_string(report.bytes) +
+                   " bytes) that unfinished runs have stored.");
+  if (report.removed != 0)
+    engine_log(log, LM_INFO, "Removed " + std::to_string(report.removed) + " unfinished sets without any whole object.");
+  for (const std::string& problem : report.problems)
+    engine_log(log, LM_WARNING, "An unfinished set stays: " + problem + ".");
 }
 
 bool Backup_Engine::Impl::make_media() {
@@ -207,7 +248,7 @@ void Backup_Engine::Impl::start(const std::string& name, std::function<void()> b
 }
 
 void Backup_Engine::Impl::list() {
-  Backup_Listing listing(queue, *catalog, account, base.get());
+  Backup_Listing listing(queue, *catalog, account, base.get(), partial.get());
   const int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
     const bool taken = block && listing.take(*block);
     if (!taken)
@@ -313,9 +354,16 @@ void Backup_Engine::Impl::discard() {
   account.catalog(nullptr);
   channels.clear();
   catalog.reset();
+  // What a full disk or a service that went away has ended is gone on with; what was refused or cancelled is not.
+  const bool worth = account.saved_objects() > account.continued_objects() &&
+                     (code == E_WRITE_MEDIUM || code == E_LIST_SOURCE || code == E_FAILED);
   std::string error;
-  if (made_folder && !pool.remove_set(uri, error))
+  if (made_folder && worth) {
+    ::unlink((pool.set_folder(uri) + "/" + catalog::FILE_NAME).c_str());
+    engine_log(log, LM_INFO, "What is stored so far stays for the next run of the same source.");
+  } else if (made_folder && !pool.remove_set(uri, error)) {
     engine_log(log, LM_WARNING, "The unfinished set stays until the next run: " + error + ".");
+  }
   lock.release();
 }
 

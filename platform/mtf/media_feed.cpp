@@ -20,6 +20,25 @@ std::string medium_name(unsigned channel) {
 Media_Feed::Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog)
     : pool_(pool), record_(record), catalog_(catalog) {}
 
+bool Media_Feed::hold(std::string& error) {
+  for (const Catalog_Set& set : catalog_.sets()) {
+    Set_Guard guard;
+    switch (guard.share(pool_.set_folder(set.index == 0 ? record_.uri : set.uri), error)) {
+    case Set_Guard::HELD:
+      guards_.push_back(std::move(guard));
+      break;
+    case Set_Guard::MISSING:
+      if (set.index != 0)
+        break;
+      return false;
+    default:
+      return false;
+    }
+  }
+  error.clear();
+  return true;
+}
+
 bool Media_Feed::record_of(unsigned set, Set_Record& record, std::string& uri, std::string& error) {
   if (set == 0) {
     record = record_;
@@ -32,7 +51,7 @@ bool Media_Feed::record_of(unsigned set, Set_Record& record, std::string& uri, s
     uri = one.uri;
     std::string why;
     bool missing = false;
-    if (!read_set_record(pool_.set_folder(uri), record, why, &missing))
+    if (!read_stored_record(pool_.set_folder(uri), record, why, &missing))
       error = missing ? "the set " + one.uuid + " (" + uri + ") that holds its data is missing" : why;
     else if (record.uuid != one.uuid)
       error = "in " + uri + " lies another set (" + record.uuid + " instead of " + one.uuid + ")";

@@ -3,6 +3,7 @@
 #include "platform/catalog/catalog_reader.h"
 #include "platform/mtf/medium_reader.h"
 #include "platform/pool/pool.h"
+#include "platform/pool/set_guard.h"
 
 #include <condition_variable>
 #include <deque>
@@ -28,6 +29,9 @@ public:
   /// All three outlive the feed. The catalog is used by the thread in `run` alone.
   Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog);
 
+  /// Shares the sets that the catalog points into with other readers, so that none of them is removed while the feed
+  /// lives. False with the reason when one is just being removed. Sets that are missing are found when they are read.
+  bool hold(std::string& error);
   /// Feeds the selected objects; returns when all were taken or the feed was stopped. False with the reason when the
   /// catalog cannot be read.
   bool run(const Catalog_Selection& selection, std::string& error);
@@ -48,6 +52,7 @@ private:
   const Pool& pool_;
   const Set_Record& record_;
   Catalog_Reader& catalog_;
+  std::vector<Set_Guard> guards_;
   std::vector<std::string> findings_;
   mutable std::mutex mutex_; ///< guards what follows
   std::condition_variable room_;

@@ -82,6 +82,38 @@ bool find_family(const Medium_Source& source, unsigned& family) {
 
 } // namespace
 
+bool read_medium_set(const std::string& path, Medium_Set& set, std::string& error) {
+  try {
+    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);
+    if (!source)
+      return false;
+    Medium_Window window(*source, FLB);
+    Dblk_Header header;
+    Medium_Stream stream;
+    Medium_Self self;
+    std::string ignored;
+    unsigned long long streams = 0;
+    if (read_block(window, VOLB_OFFSET, header, ignored) && header.type == VOLB &&
+        descriptor_holds(window, VOLB_OFFSET, header, streams, ignored) &&
+        read_stream(window, streams, stream, ignored) && stream.header.id == OBSI && stream.header.length <= FLB) {
+      const size_t length = static_cast<size_t>(stream.header.length);
+      const unsigned char* const data = window.at(stream.data(), length);
+      if (data != nullptr && self.parse(data, length)) {
+        set.uuid = self.set_uuid;
+        set.name = self.set_name;
+        set.family = self.family;
+        set.incremental = self.incremental;
+        set.write_date = self.write_date;
+        return true;
+      }
+    }
+    error = path + " does not say which set it belongs to: its volume block is damaged";
+  } catch (const std::bad_alloc&) {
+    error = "no memory to read " + path;
+  }
+  return false;
+}
+
 std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsigned family, std::string& error) {
   try {
     const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);

@@ -38,6 +38,17 @@ struct Medium_Finding {
   std::string message;           ///< for DAMAGE
 };
 
+/// What a medium says about the set that it belongs to.
+struct Medium_Set {
+  std::string uuid;
+  std::string name;
+  unsigned family = 0;
+  bool incremental = false;
+  long long write_date = 0; ///< seconds since the epoch
+};
+/// Reads it from the start of a medium. False with the reason.
+bool read_medium_set(const std::string& path, Medium_Set& set, std::string& error);
+
 /// Reads a medium. `object` may be called from several threads on one reader; each object's reader has its own place.
 class Medium_Reader {
 public:

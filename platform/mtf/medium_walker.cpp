@@ -328,6 +328,12 @@ bool Medium_Walker::walk(std::string& error) {
     if (block()) {
       in_step_ = true;
       at_ = next_;
+      if (filemarks_.size() < 2 && at_ >= 5 * FLB) {
+        data_end_.offset = at_;
+        data_end_.control_id = control_id_;
+        data_end_.totals = totals_;
+      }
+      data_end_.finished = ended_;
       continue;
     }
     if (window_.failed()) {

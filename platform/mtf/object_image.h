@@ -11,6 +11,13 @@ struct Object_Head {
   unsigned long long size = 0;         ///< bytes of the content
   long long mtime = 0;                 ///< seconds since the epoch
   unsigned seq = 0;                    ///< the set's sequence number
+  unsigned flags = 0;                  ///< see Object_Flag
+};
+
+enum Object_Flag : unsigned {
+  /// By the service's own clock the object was modified less than two seconds before it was read: another one of the
+  /// same size may have the same date.
+  OBJECT_FRESH = 1
 };
 
 struct Codec_Options {

@@ -38,6 +38,7 @@ void append_object_head(std::string& out, const Object_Head& head) {
   append_stream_header(out, OBSH, 0, HEAD_FIXED + head.path.size() + CHECK);
   unsigned char fixed[HEAD_FIXED] = {};
   put16(fixed, STREAM_VERSION);
+  put16(fixed + 2, static_cast<uint16_t>(head.flags));
   put32(fixed + 4, static_cast<uint32_t>(head.path.size()));
   put64(fixed + 8, head.ordinal);
   put64(fixed + 16, head.size);
@@ -78,6 +79,7 @@ bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head
   head.size = get64(data + 16);
   head.mtime = static_cast<long long>(get64(data + 24));
   head.seq = get32(data + 32);
+  head.flags = get16(data + 2);
   check = get64(data + HEAD_BLOCK_CHECK);
   head.path.assign(reinterpret_cast<const char*>(data) + HEAD_FIXED, size - HEAD_FIXED - CHECK);
   return true;

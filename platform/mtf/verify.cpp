@@ -101,6 +101,8 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
   }
   report.objects = catalog->counts().objects;
   Media_Feed feed(pool, record, *catalog);
+  if (!feed.hold(report.failure))
+    return false;
   feed.inspect_own_media();
   Verification verification(options, feed, report);
   Engine_Threads threads;

@@ -168,11 +168,16 @@ class Scenario(unittest.TestCase):
     def assert_account_adds_up(self, outcome):
         self.assertEqual(outcome["listed"], sum(outcome[figure] for figure in FIGURES), outcome)
 
+    def partial(self):
+        """Folders of the pool that hold what unfinished runs left and finished sets point into."""
+        return [folder for folder, _, files in os.walk(self.pool) if "partial.json" in files]
+
     def unfinished(self):
-        """Folders of the pool that look like sets but have no record."""
+        """Folders of the pool that look like sets but have no record, be it that of a partial set."""
         found = []
         for folder, _, files in os.walk(self.pool):
-            if any(name.endswith(".mtf") or name == "catalog.db" for name in files) and "set.json" not in files:
+            if any(name.endswith(".mtf") or name == "catalog.db" for name in files) \
+                    and "set.json" not in files and "partial.json" not in files:
                 found.append(folder)
         return found
 
