@@ -96,6 +96,8 @@ void Answer_Reader::end(const Path& path, std::string& text) {
     error_.endpoint = std::move(text);
   else if (is(path, "RequestId"))
     error_.request_id = std::move(text);
+  else if (is(path, "StorageClass"))
+    error_.storage_class = std::move(text);
 }
 
 Listing_Reader::Listing_Reader(Get_Bucket_Content& content) : Answer_Reader("ListBucketResult"), content_(content) {

@@ -16,6 +16,7 @@ struct Error_Document {
   std::string region;
   std::string endpoint;
   std::string request_id;
+  std::string storage_class; ///< of an object that must be thawed
 };
 
 /// Reads as much of an error document as there is; a broken one gives what came before the break.

@@ -58,6 +58,7 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
     const Error_Document document = parse_error(connection->refuse(MAX_ERROR_DOCUMENT));
     outcome.retry_after = retry_after(outcome.head);
     outcome.error = map_answer(outcome.head.status, document, http.method + ' ' + http.url);
+    outcome.storage_class = document.storage_class;
     if (may_follow) {
       if (const std::optional<Address> to = redirected(address, request.bucket, outcome.head, document)) {
         may_follow = false;

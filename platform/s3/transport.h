@@ -16,6 +16,7 @@ struct Outcome {
   unsigned retry_after = 0; ///< seconds that the service asked for; 0: none
   HTTP_Head head;
   std::string body; ///< of a small answer
+  std::string storage_class; ///< that an error document names as the reason
 
   bool ok() const { return error.number() == 0; }
 };

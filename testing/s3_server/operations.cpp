@@ -33,7 +33,10 @@ std::string operation_on_object(const Http_Request& request) {
   const std::string& method = request.method;
   const bool upload = request.has_parameter("uploadId");
   if (method == "POST")
-    return request.has_parameter("uploads") ? "CreateMultipartUpload" : upload ? "CompleteMultipartUpload" : "";
+    return request.has_parameter("uploads")   ? "CreateMultipartUpload"
+           : upload                           ? "CompleteMultipartUpload"
+           : request.has_parameter("restore") ? "RestoreObject"
+                                              : "";
   if (method == "PUT")
     return upload ? "UploadPart" : "PutObject";
   if (method == "DELETE")
@@ -46,7 +49,7 @@ std::string operation_on_object(const Http_Request& request) {
 // Parts of the protocol that must not be mistaken for a plain request.
 const char* unserved_feature(const Http_Request& request) {
   for (const char* name : {"acl", "cors", "delete", "lifecycle", "logging", "notification", "policy", "requestPayment",
-                           "restore", "select", "tagging", "torrent", "versionId", "versioning", "versions", "website",
+                           "select", "tagging", "torrent", "versionId", "versioning", "versions", "website",
                            "attributes", "encryption", "object-lock", "legal-hold", "retention"})
     if (request.has_parameter(name))
       return name;

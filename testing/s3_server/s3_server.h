@@ -39,6 +39,8 @@ struct S3_Server_Settings {
   std::uint64_t min_part_size = 5u << 20;     // of all parts but the last
   std::string region;
   std::optional<std::string> location;        // what GetBucketLocation answers; else the region, us-east-1 as empty
+  bool honour_if_match = true;                // false: ignored on GET, as some services and caches do
+  bool etags = true;                          // false: GET and HEAD name none
   bool throw_away_parts = false;              // of multipart uploads: their digests are kept, not their bytes
   std::uint64_t bytes_per_second = 0;         // cap per connection on bodies sent; 0: none
   int latency_milliseconds = 0;               // before each reply
@@ -75,6 +77,8 @@ public:
   void add_fault(Fault fault);
   void clear_faults();
   std::uint64_t faults_struck() const;
+  // Objects that faults replaced while they were read.
+  std::uint64_t objects_changed() const;
   // Stalled replies (without a time of their own) end: their connections are closed.
   void release_stalls();
 
@@ -102,7 +106,7 @@ public:
   std::size_t open_uploads() const;
 
   // Requests seen, by operation: ListBuckets, GetBucketLocation, ListObjects, ListObjectsV2, HeadBucket, CreateBucket,
-  // DeleteBucket, GetObject, HeadObject, PutObject, DeleteObject, CreateMultipartUpload, UploadPart,
+  // DeleteBucket, GetObject, HeadObject, PutObject, DeleteObject, RestoreObject, CreateMultipartUpload, UploadPart,
   // CompleteMultipartUpload, AbortMultipartUpload, ListMultipartUploads, ListParts; "Malformed" for what was
   // none. The empty name counts all.
   std::uint64_t count(const std::string& operation = {}) const;
