@@ -50,5 +50,8 @@ struct HTTP_Settings {
   unsigned connect_timeout = 10; ///< seconds
   unsigned idle_timeout = 60;    ///< seconds without a byte in either direction
   std::string ca_file;           ///< PEM; empty: the system's
+  std::string client_cert;       ///< PEM; empty: none
+  std::string client_key;        ///< PEM; empty: in the certificate's file
   std::string proxy;             ///< URL; empty: none, whatever the environment says
+  std::string user_agent;        ///< empty: none is sent
 };

@@ -51,6 +51,20 @@ public:
   /// Decodes what the service encoded and settles where the next page begins. `param` is what was asked for. False when
   /// the page does not lead on; `error_code` is then "ListingDoesNotAdvance".
   bool complete(const Get_Bucket_Parameter& param);
+  /// Keys are encoded whatever the page says. Before `complete`.
+  void assume_encoded() { encoded_ = true; }
+  /// The page says that its keys are encoded.
+  bool says_encoded() const { return encoded_; }
+
+  /// A version 2 page is asked for; it may begin again with what ends with the marker where `repeats` says so.
+  void version_2(bool repeats) {
+    version_2_ = true;
+    repeats_ = repeats;
+  }
+  /// What a version 2 page names to go on; empty where it names nothing.
+  const std::string& token() const { return token_; }
+  /// The page counts its keys, as only those of version 2 do.
+  bool counts_keys() const { return counts_keys_; }
 
 protected:
   void begin(const Path& path) override;
@@ -59,6 +73,10 @@ protected:
 private:
   Get_Bucket_Content& content_;
   bool encoded_ = false;
+  bool version_2_ = false;
+  bool repeats_ = false;
+  bool counts_keys_ = false;
+  std::string token_;
 };
 
 /// The account's buckets.

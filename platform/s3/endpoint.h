@@ -7,10 +7,12 @@
 #include "sdk/s3/s3_types.h"
 
 #include <atomic>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace s3 {
 
@@ -20,6 +22,9 @@ class Endpoint {
 public:
   /// Null, after a log line, for options that make no sense. `proxy` may be null.
   static std::shared_ptr<Endpoint> make(const S3_Service_Options& options, const char* proxy);
+  /// The same with these settings instead of those that are registered. The vendor's preset fills in what they leave.
+  static std::shared_ptr<Endpoint> make(const S3_Service_Options& options, const char* proxy,
+                                        Endpoint_Settings settings);
 
   /// Where requests for `bucket` go: the address given, or the one learned.
   Address address(const std::string& bucket) const;
@@ -33,7 +38,22 @@ public:
   /// The signing key for `address` at `when`; made once a day and region.
   V4_Key v4_key(const Address& address, time_t when) const;
 
+  /// How listings are asked for; "auto" comes as what was learned so far, else as it was tried first.
+  bool lists_v2() const { return lists_v2_.load(std::memory_order_relaxed); }
+  bool encodes_listings() const { return encodes_listings_.load(std::memory_order_relaxed); }
+  /// The service refuses to be asked as it was; false where the settings leave no choice.
+  bool learn_list_version(bool v2);
+  bool learn_listing_encoding(bool encoded);
+  /// Keys are taken as encoded whether or not the page says so.
+  bool always_encoded() const { return settings_.url_encoding == Endpoint_Settings::ENCODING_ON; }
+
+  /// The token under which a version 2 listing goes on behind `marker`; empty where none is known (any more): the
+  /// listing then begins anew behind that key. `listing` names bucket, prefix and delimiter.
+  std::string continuation(const std::string& listing, const std::string& marker) const;
+  void learn_continuation(const std::string& listing, const std::string& marker, const std::string& token);
+
   const Credentials& credentials() const { return credentials_; }
+  const Endpoint_Settings& settings() const { return settings_; }
   const std::shared_ptr<HTTP_Channel_Pool>& pool() const { return pool_; }
   /// Never null; one of its own where no job's was given.
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
@@ -44,16 +64,20 @@ private:
   Endpoint() = default;
 
   Address base_;
-  Endpoint_Settings::Addressing addressing_ = Endpoint_Settings::ADDRESSING_AUTO;
+  Endpoint_Settings settings_;
   Credentials credentials_;
   std::shared_ptr<HTTP_Channel_Pool> pool_;
   std::shared_ptr<S3_Ledger> ledger_;
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;
   std::atomic<long long> clock_offset_{0};
+  std::atomic<bool> lists_v2_{false};
+  std::atomic<bool> encodes_listings_{true};
   std::atomic<bool> any_learned_{false}; ///< spares the lock on the common road
   mutable std::mutex mutex_;             ///< guards what follows
   std::map<std::string, Address> learned_;
+  std::map<std::pair<std::string, std::string>, std::string> continuations_; ///< by listing and marker
+  std::deque<std::pair<std::string, std::string>> continuations_age_;        ///< oldest first
   mutable V4_Key key_;
 };
 

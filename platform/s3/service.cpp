@@ -55,7 +55,7 @@ S3_Error changed_error(const std::string& what) {
 
 } // namespace
 
-Service::Service(std::shared_ptr<Endpoint> endpoint) : endpoint_(std::move(endpoint)), transport_(endpoint_) {}
+Service::Service(std::shared_ptr<Endpoint> endpoint) : endpoint_(std::move(endpoint)), transport_(endpoint_), listing_(transport_) {}
 
 Service::~Service() = default;
 
@@ -98,43 +98,14 @@ bool Service::get_service(const Get_Service_Parameter& param, Get_Service_Conten
   return report(std::move(outcome));
 }
 
-Outcome Service::list(const Request& request, const Get_Bucket_Parameter& param, Get_Bucket_Content& content) {
-  Listing_Reader reader(content);
-  if (mends_pages_)
-    reader.mend();
-  Outcome outcome = transport_.ask(request, reader);
-  if (outcome.ok() && !reader.complete(param))
-    outcome.error = S3_Error(EPROTO, outcome.head.status, "ListingDoesNotAdvance",
-                             "the listing comes to the same place again (" + transport_.describe(request) + ")", false);
-  return outcome;
-}
-
 bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, Get_Bucket_Content& content) {
   content = Get_Bucket_Content();
   if (!named(bucket))
     return false;
-  Request request{"GET", bucket, "", {}, {}, false, {}};
-  if (!param.prefix().empty())
-    request.query.emplace_back("prefix", param.prefix());
-  if (!param.marker().empty())
-    request.query.emplace_back("marker", param.marker());
-  if (!param.delimiter().empty())
-    request.query.emplace_back("delimiter", param.delimiter());
-  if (param.max_keys() >= 0)
-    request.query.emplace_back("max-keys", std::to_string(param.max_keys()));
-  request.query.emplace_back("encoding-type", "url");
-
-  Outcome outcome = list(request, param, content);
-  // Services that do not encode keys break their own page with a control character in one of them.
-  if (outcome.error.code() == "MalformedAnswer" && !mends_pages_) {
-    mends_pages_ = true;
-    outcome = list(request, param, content);
-    mends_pages_ = outcome.ok();
-  }
+  Outcome outcome = listing_.page(bucket, param, content);
   S3_Ledger& ledger = *endpoint_->ledger();
-  const std::string path = '/' + request.bucket + '/' + param.prefix();
+  const std::string path = std::string("/") + bucket + '/' + param.prefix();
   if (!outcome.ok()) {
-    content = Get_Bucket_Content();
     ledger.listing_failed(path, outcome.error.text());
     return report(std::move(outcome));
   }
@@ -147,7 +118,7 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
   if (!param.delimiter().empty())
     for (const S3_Object& object : content.objects)
       if (object.name == param.prefix())
-        ledger.folder_object('/' + request.bucket + '/' + object.name, object.size);
+        ledger.folder_object(std::string("/") + bucket + '/' + object.name, object.size);
   return report(std::move(outcome));
 }
 
