@@ -1,5 +1,6 @@
 #pragma once
 
+#include "sdk/mtf/file_attributes.h"
 #include "sdk/mtf/mtf_backup.h"
 
 #include <string>
@@ -11,6 +12,7 @@ struct Object_Head {
   unsigned long long size = 0;         ///< bytes of the content
   long long mtime = 0;                 ///< seconds since the epoch
   unsigned seq = 0;                    ///< the set's sequence number
+  MTF::File_Attributes attributes;     ///< what else belongs to it; empty: nothing is known
 };
 
 struct Codec_Options {
