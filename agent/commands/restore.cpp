@@ -24,6 +24,9 @@ struct Restore_Arguments {
   unsigned concurrent = 16;
   bool create_bucket = false;
   bool dry_run = false;
+  bool no_acl = false;
+  bool drop_tags = false;
+  std::string storage_class;
 };
 
 /// The set's objects that paths and globs select; nothing selects all. A glob costs memory for each of its matches.
@@ -128,6 +131,10 @@ void restore(Context& context, const Restore_Arguments& arguments) {
   options["channels"] = arguments.concurrent;
   options["existing"] = arguments.existing;
   options["bucket_maps"] = bucket_maps;
+  options["no_acl"] = arguments.no_acl;
+  options["drop_tags"] = arguments.drop_tags;
+  if (!arguments.storage_class.empty())
+    options["storage_class"] = arguments.storage_class;
 
   json_spirit::Object definition;
   definition["type"] = "restore";
@@ -165,5 +172,9 @@ void add_restore_command(CLI::App& app, Context& context) {
       ->allow_extra_args(false);
   command->add_flag("--dry-run", arguments->dry_run,
                     "Write nothing: list what would be written where, and which objects would collide");
+  command->add_flag("--no-acl", arguments->no_acl, "Give no access lists");
+  command->add_flag("--drop-tags", arguments->drop_tags, "Give no tags");
+  command->add_option("--storage-class", arguments->storage_class, "Storage class for all objects; each one's own unless told")
+      ->type_name("CLASS");
   command->callback([&context, arguments] { restore(context, *arguments); });
 }

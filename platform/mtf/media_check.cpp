@@ -109,6 +109,14 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
     return " ordinal " + std::to_string(head.ordinal) + " size " + std::to_string(head.size) + " mtime " +
            std::to_string(head.mtime) + " seq " + std::to_string(head.seq) + " path " + quoted(head.path);
   }
+  if (stream.header.id == OBSA) {
+    // The ordinal is the head's, which has been shown already.
+    Object_Head head;
+    head.ordinal = size < ATTRIBUTES_FIXED ? 0 : get64(data + 16);
+    if (!parse_attributes(data, size, head, reason))
+      return " (" + reason + ")";
+    return " common " + quoted(head.attributes.common) + " own " + quoted(head.attributes.own);
+  }
   if (stream.header.id == OBSZ) {
     Frame frame;
     if (size < FRAME_HEADER || !frame.parse(data, reason))

@@ -194,12 +194,29 @@ bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& s
   return parse_object_head(data, length, start.head, check, error);
 }
 
+/// Goes over the attributes stream, which stands where the content was looked for. Damage inside it costs the
+/// attributes only.
+bool skip_attributes(Medium_Window& window, Object_Start& start, std::string& error) {
+  start.attributes = start.content;
+  const uint64_t length = start.attributes.header.length;
+  const unsigned char* const data =
+      length > MAX_ATTRIBUTES_STREAM ? nullptr : window.at(start.attributes.data(), static_cast<size_t>(length));
+  if (data == nullptr)
+    start.attributes_problem = length > MAX_ATTRIBUTES_STREAM ? "the attributes stream is too long" : window.error();
+  else if (parse_attributes(data, static_cast<size_t>(length), start.head, error))
+    start.attributes_problem.clear();
+  else
+    start.attributes_problem = error;
+  return read_stream(window, start.attributes.next(), start.content, error);
+}
+
 } // namespace
 
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error) {
   Dblk_Header header;
   Medium_Stream stream;
   uint64_t check = 0;
+  start = Object_Start();
   start.block_holds = read_block(window, offset, header, error);
   if (start.block_holds && header.type != FILE_) {
     error = "a block " + four_text(header.type) + " stands where an object was looked for";
@@ -221,8 +238,9 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
       return false;
     }
   }
-  const unsigned long long next = stream.next();
-  if (!read_stream(window, next, start.content, error))
+  if (!read_stream(window, stream.next(), start.content, error))
+    return false;
+  if (start.content.header.id == OBSA && !skip_attributes(window, start, error))
     return false;
   if (start.content.header.id != STAN && start.content.header.id != OBSZ) {
     error = "a stream " + four_text(start.content.header.id) + " stands where the content belongs";

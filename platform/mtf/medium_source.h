@@ -70,6 +70,8 @@ std::string name_in_block(const unsigned char* block, size_t size, unsigned fiel
 /// What stands in front of an object's content.
 struct Object_Start {
   Object_Head head;
+  Medium_Stream attributes; ///< OBSA; its offset is 0 where the object has none
+  std::string attributes_problem; ///< why they cannot be read; empty: they can, or there are none
   Medium_Stream content;   ///< STAN, or the first OBSZ
   bool block_holds = true; ///< the FILE block matches the check in the head stream
 };

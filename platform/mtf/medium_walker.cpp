@@ -239,6 +239,11 @@ bool Medium_Walker::object() {
   Object_Digest digest;
   Dblk_Header header;
   std::string ignored;
+  if (!start.attributes_problem.empty())
+    damage(start.attributes.offset, start.content.offset - start.attributes.offset,
+           start.attributes_problem + "; its content is not affected");
+  if (start.attributes.offset != 0)
+    check_zero(start.attributes.data() + start.attributes.header.length, start.content.offset);
   if (!start.block_holds)
     damage(at_, FLB, "its FILE block is damaged; its content is not affected");
   if (!object_streams(start, digest))
@@ -255,7 +260,7 @@ bool Medium_Walker::object() {
     // Between the head stream and the content.
     const unsigned long long head_end =
         at_ + header.first_event + STREAM_HEADER + HEAD_FIXED + head_.path.size() + CHECK;
-    check_zero(head_end, start.content.offset);
+    check_zero(head_end, start.attributes.offset != 0 ? start.attributes.offset : start.content.offset);
   } else {
     ++control_id_;
     ++file_id_;

@@ -201,6 +201,7 @@ bool File_Medium_Writer::begin_object(const Object_Head& head, const Codec_Optio
   append_object_head(scratch_, head);
   place_object(bytes_at(scratch_, 0), place);
   pad_to(scratch_, STREAM_ALIGNMENT);
+  append_attributes(scratch_, head);
   open_ = true;
   if (!put(scratch_))
     return false;

@@ -46,9 +46,10 @@ bool Object_Image::encode(const Object_Head& head, const char* data, const Codec
 
     head_ = head;
     bytes_.clear();
-    bytes_.reserve(2 * FLB + head.path.size() + size + CHECK * digest.chunks().size() + 512);
+    bytes_.reserve(2 * FLB + head.path.size() + head.attributes.common.size() + head.attributes.own.size() + size + CHECK * digest.chunks().size() + 512);
     append_object_head(bytes_, head);
     pad_to(bytes_, STREAM_ALIGNMENT);
+    append_attributes(bytes_, head);
     const size_t content = bytes_.size();
     if (!append_frames(bytes_, head, data, codec, digest.chunks())) {
       bytes_.resize(content);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "sdk/mtf/file_attributes.h"
 #include "sdk/mtf/mtf_backup.h"
 
 #include <string>
@@ -12,6 +13,7 @@ struct Object_Head {
   long long mtime = 0;                 ///< seconds since the epoch
   unsigned seq = 0;                    ///< the set's sequence number
   unsigned flags = 0;                  ///< see Object_Flag
+  MTF::File_Attributes attributes;     ///< what else belongs to it; empty: nothing is known
 };
 
 enum Object_Flag : unsigned {

@@ -85,6 +85,48 @@ bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head
   return true;
 }
 
+// 0 version 2 | 2 zero 2 | 4 size of the common text 4 | 8 size of the own text 4 | 12 zero 4 | 16 ordinal 8
+// 24 common text | own text | XXH3-64 of all before
+void append_attributes(std::string& out, const Object_Head& head) {
+  const std::string& common = head.attributes.common;
+  const std::string& own = head.attributes.own;
+  if (head.attributes.empty() || common.size() + own.size() > MAX_ATTRIBUTES_STREAM - ATTRIBUTES_FIXED - CHECK)
+    return;
+  std::string data(ATTRIBUTES_FIXED, '\0');
+  unsigned char* const at = bytes_at(data, 0);
+  put16(at, STREAM_VERSION);
+  put32(at + 4, static_cast<uint32_t>(common.size()));
+  put32(at + 8, static_cast<uint32_t>(own.size()));
+  put64(at + 16, head.ordinal);
+  data += common;
+  data += own;
+  const size_t covered = data.size();
+  data.append(CHECK, '\0');
+  put_check(bytes_at(data, 0), covered);
+  append_stream(out, OBSA, data);
+  pad_to(out, STREAM_ALIGNMENT);
+}
+
+bool parse_attributes(const unsigned char* data, size_t size, Object_Head& head, std::string& error) {
+  if (size < ATTRIBUTES_FIXED + CHECK || !check_holds(data, size - CHECK)) {
+    error = "the attributes stream does not match its check";
+    return false;
+  }
+  if (get16(data) != STREAM_VERSION) {
+    error = "the attributes stream has the unknown version " + std::to_string(get16(data));
+    return false;
+  }
+  const uint64_t common = get32(data + 4), own = get32(data + 8);
+  if (common + own != size - ATTRIBUTES_FIXED - CHECK || get64(data + 16) != head.ordinal) {
+    error = "the attributes stream contradicts itself, or belongs to another object";
+    return false;
+  }
+  const char* const text = reinterpret_cast<const char*>(data) + ATTRIBUTES_FIXED;
+  head.attributes.common.assign(text, static_cast<size_t>(common));
+  head.attributes.own.assign(text + common, static_cast<size_t>(own));
+  return true;
+}
+
 void Frame::put(unsigned char* at) const {
   at[0] = STREAM_VERSION;
   at[1] = method;

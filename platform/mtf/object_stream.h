@@ -10,7 +10,7 @@
 
 struct XXH3_state_s;
 
-// The private streams of a FILE block: head (OBSH), frames (OBSZ) and digest (OBSD). Layouts in doc/format/medium.md.
+// The private streams of a FILE block: head (OBSH), attributes (OBSA), frames (OBSZ) and digest (OBSD). Layouts in doc/format/medium.md.
 
 /// Bytes of content that one check covers, and that one frame holds at most.
 constexpr unsigned CHUNK = 1024 * 1024;
@@ -21,6 +21,9 @@ constexpr unsigned HEAD_BLOCK_CHECK = 40; ///< where the check of the descriptor
 constexpr unsigned CHECK = 8;             ///< XXH3-64
 constexpr unsigned FRAME_HEADER = 40;
 constexpr unsigned DIGEST_FIXED = 64; ///< before the chunk checks
+constexpr unsigned ATTRIBUTES_FIXED = 24; ///< before the texts
+/// Of the attributes stream: far above what services keep of an object.
+constexpr uint64_t MAX_ATTRIBUTES_STREAM = 4ull * 1024 * 1024;
 /// What readers elsewhere keep of one stream at most.
 constexpr uint64_t MAX_PRIVATE_STREAM = 64ull * 1024 * 1024;
 
@@ -43,6 +46,13 @@ void place_object(unsigned char* block, const Object_Place& place);
 /// Reads the data of a head stream. False, with the reason, when its check does not hold or it contradicts itself.
 bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head, uint64_t& block_check,
                        std::string& error);
+
+/// Appends the attributes stream where there is something to tell; `out` begins at a multiple of 4 of the medium and ends
+/// at one afterwards. What is too long for the stream is left out.
+void append_attributes(std::string& out, const Object_Head& head);
+/// Reads the data of an attributes stream into `head`, whose ordinal is known. False, with the reason, when its check
+/// does not hold, it contradicts itself or belongs to another object.
+bool parse_attributes(const unsigned char* data, size_t size, Object_Head& head, std::string& error);
 
 enum Frame_Method : unsigned char { FRAME_STORED = 0, FRAME_ZSTD = 1, FRAME_LZO1X = 2 };
 

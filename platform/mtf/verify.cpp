@@ -69,13 +69,18 @@ private:
     ++report_.checked;
     report_.bytes += bytes;
     report_.stored += reading.stored();
-    if (good) {
+    std::string problem = reading.error();
+    if (good)
+      problem = reading.attributes_problem();
+    if (good && problem.empty() && reading.attributes().common != task.object.attributes.common)
+      problem = "its attributes on the medium are not those of the catalog";
+    if (good && problem.empty()) {
       ++report_.good;
       return;
     }
     ++report_.damaged;
     if (report_.damages.size() < Verify_Report::MAX_DAMAGES)
-      report_.damages.push_back({task.object.path, reading.error()});
+      report_.damages.push_back({task.object.path, problem});
   }
 
   const Verify_Options& options_;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/http/channel_pool.h"
+#include "platform/s3/attribute_memory.h"
 #include "platform/s3/endpoint_settings.h"
 #include "platform/s3/ledger.h"
 #include "platform/s3/request_builder.h"
@@ -57,6 +58,8 @@ public:
   const std::shared_ptr<HTTP_Channel_Pool>& pool() const { return pool_; }
   /// Never null; one of its own where no job's was given.
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
+  /// What the service was found to do with objects' attributes.
+  Attribute_Memory& attributes() { return attributes_; }
   unsigned long long part_size() const { return part_size_; }
   int max_retry_seconds() const { return max_retry_seconds_; }
 
@@ -70,6 +73,7 @@ private:
   std::shared_ptr<S3_Ledger> ledger_;
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;
+  Attribute_Memory attributes_;
   std::atomic<long long> clock_offset_{0};
   std::atomic<bool> lists_v2_{false};
   std::atomic<bool> encodes_listings_{true};

@@ -1,5 +1,6 @@
 #include "platform/s3/service.h"
 
+#include "platform/s3/attribute_headers.h"
 #include "platform/s3/storage_class.h"
 #include "platform/s3/upload.h"
 
@@ -111,10 +112,10 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
   }
   ledger.listing_succeeded(path);
   ledger.listed_keys.fetch_add(content.objects.size(), std::memory_order_relaxed);
-  const std::string host = endpoint_->address(request.bucket).host;
+  const std::string host = endpoint_->address(bucket).host;
   for (const S3_Object& object : content.objects)
     if (needs_thaw(object.storage_class, host))
-      ledger.objects.archived('/' + request.bucket + '/' + object.name, object.storage_class);
+      ledger.objects.archived(std::string("/") + bucket + '/' + object.name, object.storage_class);
   if (!param.delimiter().empty())
     for (const S3_Object& object : content.objects)
       if (object.name == param.prefix())
@@ -234,6 +235,17 @@ S3_Error Service::archived(const Request& request, const std::string& storage_cl
   return S3_Error(EPERM, error.status(), "InvalidObjectState", text, false);
 }
 
+/// Keeps what the first answer about an object told.
+void Service::remember(const char* bucket, const char* key, const HTTP_Head& head, ACE_UINT64 size) {
+  generation_ = Generation{bucket, key, head.value("etag"), size};
+  attributes_ = read_attributes(head);
+  attributes_.size = size;
+  if (attributes_.tag_count >= 0)
+    endpoint_->attributes().tags_counted(bucket);
+  else if (endpoint_->attributes().counts_tags(bucket))
+    attributes_.tag_count = 0;
+}
+
 HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) {
   if (object) {
     *object = S3_Object();
@@ -260,13 +272,22 @@ HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE
     }
   } else {
     generation_ = Generation();
+    attributes_ = Object_Attributes();
     const std::string storage_class = notes.take_archived(path);
     // What was thawed is still listed in its class: who asks for thawing wants it to be tried.
     if (!storage_class.empty() && notes.policy() != Archived_Policy::REQUEST)
       return no_object(path, archived(request, storage_class, S3_Error()), Curl_Connection_ref());
+    if (endpoint_->attributes().asks_checksums())
+      request.headers.emplace_back("x-amz-checksum-mode", "ENABLED");
   }
   Outcome outcome;
-  const Curl_Connection_ref connection = transport_.open(request, outcome);
+  Curl_Connection_ref connection = transport_.open(request, outcome);
+  if (offset == 0 && outcome.error.status() == 501 && endpoint_->attributes().asks_checksums()) {
+    // A service that knows no such header and says so: its objects have no checksums to tell.
+    request.headers.pop_back();
+    endpoint_->attributes().ask_no_checksums();
+    connection = transport_.open(request, outcome);
+  }
   if (!outcome.ok()) {
     if (outcome.error.code() == "InvalidObjectState")
       outcome.error = archived(request, outcome.storage_class, outcome.error);
@@ -280,7 +301,7 @@ HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE
     return no_object(path, S3_Error(last_error()), connection);
   }
   if (offset == 0)
-    generation_ = Generation{bucket, key, outcome.head.value("etag"), size};
+    remember(bucket, key, outcome.head, size);
   if (object)
     fill(*object, key, outcome.head, size);
   notes.granted(path);
@@ -301,7 +322,7 @@ S3_IWriter_ptr Service::upload(const char* bucket, const char* key, ACE_UINT64 s
   if (!named(bucket, key))
     return nullptr;
   S3_Error error;
-  S3_IWriter_ptr writer = make_upload(endpoint_, bucket, key, size, 0, error);
+  S3_IWriter_ptr writer = make_upload(endpoint_, bucket, key, size, 0, nullptr, error);
   set_error(error);
   return writer;
 }

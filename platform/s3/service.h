@@ -1,12 +1,14 @@
 #pragma once
 
 #include "platform/s3/listing.h"
+#include "platform/s3/transport.h"
+#include "sdk/s3/object_attributes.h"
 #include "sdk/s3/s3_service.h"
 
 namespace s3 {
 
 /// A service over HTTP.
-class Service final : public S3_Service_Base {
+class Service final : public S3_Service_Base, public S3_Attribute_Service {
 public:
   explicit Service(std::shared_ptr<Endpoint> endpoint);
   ~Service() override;
@@ -20,6 +22,13 @@ public:
   HTTP_Connection_var get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) override;
   bool del_object(const char* bucket, const char* key) override;
   S3_IWriter_ptr upload(const char* bucket, const char* key, ACE_UINT64 size) override;
+
+  const Object_Attributes& attributes() const override { return attributes_; }
+  bool get_tags(const char* bucket, const char* key, Object_Attributes& attributes) override;
+  bool get_acl(const char* bucket, const char* key, Object_Attributes& attributes) override;
+  bool get_parts(const char* bucket, const char* key, Object_Attributes& attributes) override;
+  S3_IWriter_ptr upload(const char* bucket, const char* key, ACE_UINT64 size,
+                        const Object_Attributes& attributes) override;
 
   /// Seconds that the service asked to wait when it refused the last request; 0: none.
   unsigned retry_after() const { return retry_after_; }
@@ -36,6 +45,7 @@ private:
   bool report(Outcome outcome);
   HTTP_Connection_var no_object(const std::string& path, const S3_Error& error, Curl_Connection_ref connection);
   S3_Error archived(const Request& request, const std::string& storage_class, const S3_Error& error);
+  void remember(const char* bucket, const char* key, const HTTP_Head& head, ACE_UINT64 size);
   bool named(const char* bucket);
   bool named(const char* bucket, const char* key);
   bool fits(const HTTP_Head& head, ACE_UINT64 offset, const Generation* generation, const std::string& what,
@@ -45,6 +55,7 @@ private:
   Transport transport_;
   Listing listing_; ///< on transport_
   Generation generation_;
+  Object_Attributes attributes_; ///< of the object asked for last
   unsigned retry_after_ = 0;
 };
 
