@@ -10,9 +10,9 @@ std::unique_ptr<Catalog_Staging> Catalog_Staging::make(std::string& error) {
       staging->db_.execute("PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; PRAGMA cache_size=-8192;"
                            "CREATE TABLE objects(ordinal INTEGER PRIMARY KEY, path BLOB, size INTEGER, mtime INTEGER,"
                            "place INTEGER, channel INTEGER, position INTEGER, stored INTEGER, sha256 BLOB,"
-                           "flags INTEGER); BEGIN",
+                           "flags INTEGER, common BLOB, own BLOB); BEGIN",
                            error) &&
-      staging->add_.prepare(staging->db_.get(), "INSERT OR IGNORE INTO objects VALUES(?,?,?,?,?,?,?,?,?,?)", error) &&
+      staging->add_.prepare(staging->db_.get(), "INSERT OR IGNORE INTO objects VALUES(?,?,?,?,?,?,?,?,?,?,?,?)", error) &&
       staging->read_.prepare(staging->db_.get(), "SELECT * FROM objects ORDER BY ordinal", error))
     return staging;
   return nullptr;
@@ -22,6 +22,7 @@ bool Catalog_Staging::add(const Catalog_Object& o) {
   add_.bind(1, o.ordinal).bind_blob(2, o.path).bind(3, o.size).bind_signed(4, o.mtime).bind(5, o.set);
   add_.bind(6, o.channel).bind(7, o.offset).bind(8, o.stored).bind(10, o.flags);
   add_.bind_blob(9, std::string_view(reinterpret_cast<const char*>(o.sha256), sizeof o.sha256));
+  add_.bind_blob(11, o.attributes.common).bind_blob(12, o.attributes.own);
   if (!add_.run()) {
     error_ = "cannot keep track of the objects: " + add_.error();
     return false;
@@ -51,6 +52,8 @@ bool Catalog_Staging::write(Catalog_Writer& catalog) {
     const std::string_view digest = read_.blob(8);
     std::memcpy(o.sha256, digest.data(), std::min(digest.size(), sizeof o.sha256));
     o.flags = static_cast<unsigned>(read_.number(9));
+    o.attributes.common = read_.blob(10);
+    o.attributes.own = read_.blob(11);
 
     const size_t slash = o.path.rfind('/');
     const std::string folder = slash == std::string::npos ? std::string() : o.path.substr(0, slash + 1);

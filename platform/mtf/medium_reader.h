@@ -37,6 +37,7 @@ struct Medium_Finding {
   unsigned long long length = 0;
   Object_Head head;              ///< for OBJECT
   unsigned char sha256[32] = {}; ///< for OBJECT: as stored
+  bool attributes_lost = false;  ///< for OBJECT: its attributes are damaged, its content is not
   std::string message;           ///< for DAMAGE
 };
 

@@ -62,7 +62,8 @@ bool salvage_medium(const std::string& path, const std::function<bool(const Medi
       return false;
     bool taken = true;
     const Medium_Walker::Found found = [&](const Medium_Finding& finding) {
-      if (finding.kind != Medium_Finding::OBJECT)
+      // Only what is whole spares a request: an object without its attributes is read again.
+      if (finding.kind != Medium_Finding::OBJECT || finding.attributes_lost)
         return true;
       ++medium.objects;
       return taken = object(finding);

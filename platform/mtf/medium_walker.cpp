@@ -273,6 +273,7 @@ bool Medium_Walker::object() {
   finding.offset = at_;
   finding.length = next_ - at_;
   finding.head = head_;
+  finding.attributes_lost = !start.attributes_problem.empty();
   std::memcpy(finding.sha256, digest.sha256, sizeof finding.sha256);
   tell(finding);
   return true;

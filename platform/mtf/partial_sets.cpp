@@ -109,6 +109,7 @@ Catalog_Object found_object(const Medium_Finding& finding, unsigned channel) {
   object.offset = finding.offset;
   object.stored = finding.length;
   std::memcpy(object.sha256, finding.sha256, sizeof object.sha256);
+  object.attributes = finding.head.attributes;
   object.flags = (finding.head.flags & OBJECT_FRESH) != 0 ? catalog::FLAG_FRESH : 0;
   return object;
 }
