@@ -19,6 +19,7 @@ struct Backup_Shared {
   MTF::IBackup_Callback_var callback;
   Backup_Queue* queue = nullptr;
   Run_Account* account = nullptr;
+  std::shared_ptr<S3_Ledger> ledger; ///< may be null
   Catalog_Writer* catalog = nullptr;
   /// Ends the run for the reason given. Any thread; the first one counts.
   std::function<void(MTF::Error_Code, const std::string&)> fail;
@@ -50,6 +51,8 @@ private:
   bool enter_folder(const Backup_Item& item);
   bool record(const Backup_Item& item, const Stored_Object& stored);
   void account(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading);
+  /// Takes over what the answer that the open object comes from said about it.
+  void take_status(Backup_Item& item, const Object_Reading& reading);
   Object_Head head_of(const Backup_Item& item) const;
   bool medium_failed();
   void throttle(unsigned long long bytes);

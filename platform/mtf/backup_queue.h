@@ -25,6 +25,7 @@ struct Backup_Item {
   unsigned long long ordinal = 0;
   unsigned long long size = 0; ///< as listed, then as the answer said
   long long mtime = 0;
+  bool fresh = false; ///< by the service's clock it was modified just before it was read
   State state = READING;
   size_t reserved = 0;          ///< bytes of the budget that it holds
   MTF::IFile_Reader_var reader; ///< STREAM: already open on it; null: to be opened
