@@ -112,12 +112,13 @@ void Backup_Channel::write() {
     if (!going)
       return;
   }
-  if (shared_.queue->stopped())
-    return;
-  if (medium_->finish())
-    finished_ = true;
-  else
-    medium_failed();
+  // The first medium waits for the catalog, of which it gets a copy.
+  if (!shared_.queue->stopped() && number_ != 0)
+    finish();
+}
+
+bool Backup_Channel::finish(const Set_Copy* copy) {
+  return medium_->finish(copy) || medium_failed();
 }
 
 bool Backup_Channel::medium_failed() {

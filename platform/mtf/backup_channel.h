@@ -36,8 +36,9 @@ public:
   void read();
   void write();
 
-  /// For the time after all threads have ended: whether the medium was finished, and how large it is.
-  bool finished() const { return finished_; }
+  /// For the time after all threads have ended. Ends the medium; false, the run having failed, when that cannot be done.
+  bool finish(const Set_Copy* copy = nullptr);
+  /// How large it is.
   unsigned long long size() const { return medium_->size(); }
   /// Closes the medium's file.
   void release() { medium_.reset(); }
@@ -63,5 +64,4 @@ private:
   std::shared_ptr<const std::string> folder_; ///< of the object written last
   unsigned long long throttled_ = 0;          ///< bytes since `throttle_start_`
   double throttle_start_ = 0;
-  bool finished_ = false;
 };
