@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
     add_diff_command(app, context);
     add_forget_command(app, context);
     add_media_commands(app, context);
+    add_catalog_commands(app, context);
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

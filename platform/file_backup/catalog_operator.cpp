@@ -12,9 +12,6 @@
 
 namespace {
 
-/// The last number of a chain: a set with it starts a new chain in any case.
-constexpr unsigned LAST_SEQ = 65535;
-
 bool read_media(const json_spirit::Array& json, std::vector<Set_Record::Medium>& media) {
   try {
     for (const json_spirit::Value& value : json) {
@@ -81,20 +78,14 @@ Set_Record make_record(const file_backup::File_Backup_Set& set) {
   return record;
 }
 
-/// Whoever restores names a set by its number, so the first set of a new chain does not take the number of a set that
-/// another chain holds: it goes on behind them all.
+/// Most often the run has asked for its number already, and it stands on the media.
 bool choose_seq(Store& store, const std::string& pool_uuid, Set_Record& record, std::string& error) {
+  unsigned seq = 0;
   if (!record.bases.empty())
     return true;
-  std::vector<Set> others;
-  if (!store.sets(pool_uuid, std::string(), record.minor_resource_id, true, others, error))
+  if (!first_seq(store, pool_uuid, record.minor_resource_id, record.uuid, seq, error))
     return false;
-  unsigned last = 0;
-  for (const Set& other : others)
-    if (other.uuid != record.uuid)
-      last = std::max(last, other.seq);
-  if (last >= record.seq && last + 1 < LAST_SEQ)
-    record.seq = last + 1;
+  record.seq = std::max(record.seq, seq);
   return true;
 }
 

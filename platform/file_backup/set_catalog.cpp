@@ -2,9 +2,13 @@
 
 #include <ace/Log_Msg.h>
 
+#include <algorithm>
 #include <map>
 
 namespace {
+
+/// The last number of a chain: a set with it starts a new chain in any case.
+constexpr unsigned LAST_SEQ = 65535;
 
 unsigned long long figure(const json_spirit::Object& figures, const char* name) {
   const json_spirit::Value* value = json_spirit::find(figures, name);
@@ -57,6 +61,19 @@ Set set_from_record(const Set_Record& record, const std::string& pool_uuid) {
   set.backup_set_storage_size = record.backup_set_storage_size;
   set.objects = figure(record.figures, "saved") + figure(record.figures, "unchanged");
   return set;
+}
+
+bool first_seq(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
+               const std::string& uuid, unsigned& seq, std::string& error) {
+  std::vector<Set> others;
+  if (!store.sets(pool_uuid, std::string(), minor_resource_id, true, others, error))
+    return false;
+  unsigned last = 0;
+  for (const Set& other : others)
+    if (other.uuid != uuid)
+      last = std::max(last, other.seq);
+  seq = last + 1 < LAST_SEQ ? last + 1 : 1;
+  return true;
 }
 
 bool open_known_pool(Store& store, const std::string& pool_uuid, Pool& pool, std::string& error) {

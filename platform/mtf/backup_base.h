@@ -23,6 +23,7 @@ public:
                                            std::string& error);
 
   const std::string& uuid() const { return record_.uuid; }
+  const std::string& incarnation() const { return record_.incarnation; }
   /// The first number that the new catalog's list of sets has free behind those of the base.
   unsigned end_index() const;
 

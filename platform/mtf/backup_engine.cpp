@@ -7,7 +7,9 @@
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/partial_sets.h"
+#include "platform/mtf/set_copy.h"
 #include "sdk/base/clock.h"
+#include "sdk/base/time_format.h"
 #include "sdk/job/job.h"
 
 #include <unistd.h>
@@ -73,18 +75,22 @@ struct Backup_Engine::Impl {
   Impl(Backup_Order o, Event_Handler_var h, Metadata& m, std::shared_ptr<ACE_Log_Msg_Callback> l)
       : order(std::move(o)), handler(h), metadata(m), log(std::move(l)), job(Job::current()),
         ledger(job != nullptr ? job->ledger() : nullptr), account(h),
-        queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {}
+        queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {
+    if (order.seq == 0)
+      order.seq = order.base_seq + 1;
+  }
 
   bool prepare(const std::string& location, const std::string& pool_uuid);
   void take_up_unfinished();
   bool make_media();
   bool write_objects();
+  std::string copied_record();
   bool complete();
   void list();
   void fail(Error_Code code, const std::string& text);
   void start(const std::string& name, std::function<void()> body);
   void supervise(bool tell);
-  void conclude(const ACE_Time_Value& begun, bool kept);
+  void conclude(bool kept);
   void discard();
 
   Backup_Order order;
@@ -110,6 +116,7 @@ struct Backup_Engine::Impl {
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
   ISrc_Lister_var lister;
+  const ACE_Time_Value begun = Clock::instance().monotonic();
   unsigned long long set_bytes = 0; ///< on media and in the catalog
 
   Engine_Threads threads;
@@ -178,7 +185,7 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
   }
   made_folder = true;
   catalog = Catalog_Writer::create(pool.set_folder(uri), error);
-  if (!catalog || !catalog->add_set({0, order.uuid, uri, order.base_seq + 1})) {
+  if (!catalog || !catalog->add_set({0, order.uuid, uri, order.seq})) {
     fail(E_OPEN_MEDIUM, catalog ? catalog->error() : error);
     return false;
   }
@@ -291,7 +298,7 @@ bool Backup_Engine::Impl::write_objects() {
     return false;
   }
   events = std::make_unique<Listing_Events>(handler, account, *catalog);
-  lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.base_seq + 1), events.get(),
+  lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.seq), events.get(),
                                         order.filter, static_cast<int>(order.scan_threads));
   if (lister.null()) {
     fail(E_LIST_SOURCE, "The source's lister cannot be made.");
@@ -299,7 +306,7 @@ bool Backup_Engine::Impl::write_objects() {
   }
   shared.limits = order.limits;
   shared.codec = order.codec;
-  shared.seq = order.base_seq + 1;
+  shared.seq = order.seq;
   shared.rate_limit = order.io.channel_rate_limit;
   shared.callback = callback;
   shared.queue = &queue;
@@ -325,6 +332,34 @@ bool Backup_Engine::Impl::write_objects() {
   return code == E_OK;
 }
 
+/// What is known of the set's record before it is written: all but the sizes of the media.
+std::string Backup_Engine::Impl::copied_record() {
+  Set_Record record;
+  record.uuid = order.uuid;
+  record.uri = uri;
+  record.host_uuid = metadata.host_uuid;
+  record.minor_resource_id = metadata.minor_resource_id;
+  record.minor_resource_name = metadata.minor_resource_name;
+  record.resource_uuid = metadata.resource_uuid;
+  record.definition_uuid = metadata.definition_uuid;
+  record.name = metadata.name;
+  record.agent = metadata.agent;
+  record.host = metadata.host;
+  record.type = metadata.type;
+  record.incarnation = base ? base->incarnation() : order.uuid;
+  if (base)
+    record.bases.push_back(base->uuid());
+  record.seq = order.seq;
+  record.channels = static_cast<unsigned>(channels.size());
+  record.start_time = metadata.start_time;
+  record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
+  record.source_size = record.backup_set_size = account.saved_bytes();
+  record.encryption = metadata.encryption;
+  record.figures =
+      account.figures(ledger.get(), true, true, seconds_between(begun, Clock::instance().monotonic()));
+  return json_spirit::write(record.to_json());
+}
+
 bool Backup_Engine::Impl::complete() {
   if (account.saved_objects() + account.unchanged_objects() == 0 && account.problems() != 0) {
     fail(E_NO_FILES_BACKUPED, "No object could be backed up.");
@@ -335,6 +370,9 @@ bool Backup_Engine::Impl::complete() {
     fail(E_WRITE_MEDIUM, catalog->error());
     return false;
   }
+  const Set_Copy copy{copied_record(), pool.set_folder(uri) + "/" + catalog::FILE_NAME};
+  if (!channels[0]->finish(&copy))
+    return false;
   metadata.media.clear();
   for (unsigned i = 0; i < channels.size(); ++i) {
     json_spirit::Object medium;
@@ -344,7 +382,7 @@ bool Backup_Engine::Impl::complete() {
     metadata.media.push_back(std::move(medium));
     set_bytes += channels[i]->size();
   }
-  metadata.seq = order.base_seq + 1;
+  metadata.seq = order.seq;
   metadata.channels = static_cast<unsigned>(channels.size());
   metadata.set_uri = uri;
   metadata.base_uuid = base ? base->uuid() : std::string();
@@ -368,7 +406,7 @@ void Backup_Engine::Impl::discard() {
   lock.release();
 }
 
-void Backup_Engine::Impl::conclude(const ACE_Time_Value& begun, bool kept) {
+void Backup_Engine::Impl::conclude(bool kept) {
   const bool whole = code == E_OK || code == E_NO_FILES_BACKUPED;
   json_spirit::Object figures =
       account.figures(ledger.get(), whole, kept, seconds_between(begun, Clock::instance().monotonic()));
@@ -385,7 +423,6 @@ void Backup_Engine::Impl::conclude(const ACE_Time_Value& begun, bool kept) {
 
 bool Backup_Engine::run(const std::string& location, const std::string& pool_uuid) {
   Impl& i = *impl_;
-  const ACE_Time_Value begun = Clock::instance().monotonic();
   bool done = false;
   try {
     done = i.prepare(location, pool_uuid) && i.write_objects();
@@ -405,7 +442,7 @@ bool Backup_Engine::run(const std::string& location, const std::string& pool_uui
     i.discard();
   i.channels.clear();
   i.catalog.reset();
-  i.conclude(begun, done);
+  i.conclude(done);
   return done;
 }
 
@@ -413,6 +450,6 @@ bool Backup_Engine::refuse(Error_Code code, const std::string& error) {
   impl_->fail(code, error);
   if (!impl_->order.actions.null())
     impl_->order.actions->execute_post_action(false, "");
-  impl_->conclude(Clock::instance().monotonic(), false);
+  impl_->conclude(false);
   return false;
 }

@@ -43,6 +43,8 @@ constexpr uint32_t OBSA = four("OBSA"); ///< attributes of an object (FILE)
 constexpr uint32_t OBSZ = four("OBSZ"); ///< one frame of an object's content (FILE)
 constexpr uint32_t OBSD = four("OBSD"); ///< digest of an object's content (FILE)
 constexpr uint32_t OBST = four("OBST"); ///< totals of the set (ESET)
+constexpr uint32_t OBSR = four("OBSR"); ///< copy of the set's record (ESET)
+constexpr uint32_t OBSL = four("OBSL"); ///< one chunk of the copy of its catalog (ESET)
 
 // Ends of the fixed parts, where strings begin.
 constexpr unsigned TAPE_FIXED = 94;

@@ -1,6 +1,7 @@
 #include "platform/mtf/medium_walker.h"
 
 #include "platform/mtf/medium_object.h"
+#include "platform/mtf/set_copy.h"
 
 #include <algorithm>
 #include <cstring>
@@ -150,6 +151,8 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
                    std::to_string(totals.bytes) + " bytes; found were " + std::to_string(totals_.objects) + " with " +
                    std::to_string(totals_.bytes));
     }
+    if (good && (stream.header.id == OBSR || stream.header.id == OBSL))
+      good = set_copy_holds(window_, stream, reason_);
     if (!good) {
       reason_ = "the stream " + four_text(stream.header.id) + " does not match its check";
       return false;
