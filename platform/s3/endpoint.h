@@ -37,6 +37,13 @@ public:
   const std::shared_ptr<HTTP_Channel_Pool>& pool() const { return pool_; }
   /// Never null; one of its own where no job's was given.
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
+  /// With `most` 1 once the service has answered a request for a part with the whole.
+  Range_Settings ranges() const {
+    Range_Settings ranges = ranges_;
+    ranges.most = no_ranges_.load(std::memory_order_relaxed) ? 1 : ranges.most;
+    return ranges;
+  }
+  void learn_no_ranges() { no_ranges_.store(true, std::memory_order_relaxed); }
   unsigned long long part_size() const { return part_size_; }
   int max_retry_seconds() const { return max_retry_seconds_; }
 
@@ -50,6 +57,8 @@ private:
   std::shared_ptr<S3_Ledger> ledger_;
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;
+  Range_Settings ranges_;
+  std::atomic<bool> no_ranges_{false};
   std::atomic<long long> clock_offset_{0};
   std::atomic<bool> any_learned_{false}; ///< spares the lock on the common road
   mutable std::mutex mutex_;             ///< guards what follows

@@ -89,7 +89,7 @@ Http_Response get(const Call& call) {
   Http_Response response;
   response.content = object;
   response.length = object->size;
-  if (const std::string* text = call.request.header("range")) {
+  if (const std::string* text = call.request.header("range"); text && call.settings.ranges) {
     Range range;
     if (!parse_range(*text, object->size, range))
       return error_response(400, "InvalidArgument", "The Range header is malformed.", {{"Range", *text}});

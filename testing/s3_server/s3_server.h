@@ -40,6 +40,7 @@ struct S3_Server_Settings {
   std::string region;
   std::optional<std::string> location;        // what GetBucketLocation answers; else the region, us-east-1 as empty
   bool honour_if_match = true;                // false: ignored on GET, as some services and caches do
+  bool ranges = true;                         // false: a GET's Range is ignored
   bool etags = true;                          // false: GET and HEAD name none
   bool throw_away_parts = false;              // of multipart uploads: their digests are kept, not their bytes
   std::uint64_t bytes_per_second = 0;         // cap per connection on bodies sent; 0: none
