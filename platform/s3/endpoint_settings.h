@@ -3,11 +3,12 @@
 #include <cstddef>
 #include <string>
 
-/// How large objects are read.
+/// How large objects are read and written.
 struct Range_Settings {
   unsigned long long threshold = 64ull << 20; ///< bytes left to read from which several streams may be used
   size_t size = 4u << 20;                     ///< bytes asked for by one request then
   unsigned most = 8;                          ///< streams of one object; 1: never more
+  unsigned parts = 4;                         ///< of one upload sent beside the one that is being filled; 0: none
 };
 
 /// How an endpoint wants to be reached beyond what a job's entry says. Kept by endpoint, because the entry's own

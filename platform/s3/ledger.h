@@ -35,7 +35,7 @@ public:
   /// Of the parts of large objects that are read ahead of their turn.
   Byte_Budget range_memory{64u << 20};
   /// Of the parts of large objects that wait to be sent.
-  Byte_Budget part_memory{128u << 20};
+  Byte_Budget part_memory{64u << 20};
 
   /// Called by the service for each such key of a page.
   void folder_object(const std::string& path, unsigned long long size);

@@ -43,6 +43,7 @@ public:
   void stop_on(const std::atomic<bool>* flag) { stop_ = flag; }
 
   Endpoint& endpoint() { return *endpoint_; }
+  const std::shared_ptr<Endpoint>& shared_endpoint() const { return endpoint_; }
   /// "GET http://host/bucket/key" for messages.
   std::string describe(const Request& request) const;
 
