@@ -73,6 +73,9 @@ std::shared_ptr<Endpoint> Endpoint::make(const S3_Service_Options& options, cons
   endpoint->lists_v2_ = settings.list_version == Endpoint_Settings::LIST_V2;
   endpoint->encodes_listings_ = settings.url_encoding != Endpoint_Settings::ENCODING_OFF;
   endpoint->part_size_ = std::max(settings.part_size, 1ull);
+  endpoint->ranges_ = settings.ranges;
+  endpoint->ranges_.size = std::max<size_t>(endpoint->ranges_.size, 1);
+  endpoint->ranges_.most = std::max(endpoint->ranges_.most, 1u);
   HTTP_Settings http;
   http.connect_timeout = std::max(settings.connect_timeout, 1u);
   http.idle_timeout = std::max(settings.idle_timeout, 1u);

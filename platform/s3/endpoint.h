@@ -60,6 +60,13 @@ public:
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
   /// What the service was found to do with objects' attributes.
   Attribute_Memory& attributes() { return attributes_; }
+  /// With `most` 1 once the service has answered a request for a part with the whole.
+  Range_Settings ranges() const {
+    Range_Settings ranges = ranges_;
+    ranges.most = no_ranges_.load(std::memory_order_relaxed) ? 1 : ranges.most;
+    return ranges;
+  }
+  void learn_no_ranges() { no_ranges_.store(true, std::memory_order_relaxed); }
   unsigned long long part_size() const { return part_size_; }
   int max_retry_seconds() const { return max_retry_seconds_; }
 
@@ -74,6 +81,8 @@ private:
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;
   Attribute_Memory attributes_;
+  Range_Settings ranges_;
+  std::atomic<bool> no_ranges_{false};
   std::atomic<long long> clock_offset_{0};
   std::atomic<bool> lists_v2_{false};
   std::atomic<bool> encodes_listings_{true};

@@ -1,6 +1,7 @@
 #include "platform/s3/service.h"
 
 #include "platform/s3/attribute_headers.h"
+#include "platform/s3/ranged_connection.h"
 #include "platform/s3/storage_class.h"
 #include "platform/s3/upload.h"
 
@@ -317,6 +318,12 @@ HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE
     fill(*object, key, outcome.head, size);
   notes.granted(path);
   set_error(S3_Error());
+  const Range_Settings ranges = endpoint_->ranges();
+  const std::string& etag = outcome.head.value("etag");
+  if (ranges.most > 1 && size - offset >= ranges.threshold && !etag.empty() && etag.compare(0, 2, "W/") != 0)
+    if (HTTP_Connection* const ranged =
+            new (std::nothrow) Ranged_Connection(endpoint_, {bucket, key, etag, size}, offset, connection))
+      return HTTP_Connection_var(ranged);
   return HTTP_Connection_var(connection.get());
 }
 

@@ -41,6 +41,7 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
     }
     if (despite_cancel_)
       connection->finish_despite_cancel(TIDY_UP_SECONDS);
+    connection->stop_on(stop_);
     const time_t now = endpoint_->now();
     const HTTP_Request http = build(request, address, endpoint_->credentials(), endpoint_->v4_key(address, now), now);
     endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
