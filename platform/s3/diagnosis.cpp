@@ -86,6 +86,18 @@ bool may_be_signature(const S3_Error& error) {
   return false;
 }
 
+/// Keys are any bytes; what is told of them is text.
+std::string shown(const std::string& key) {
+  std::string text;
+  for (const char c : key) {
+    if (c > ' ' && c < 0x7f)
+      text.push_back(c);
+    else
+      text += c == ' ' ? " " : percent_encode(std::string_view(&c, 1), false);
+  }
+  return text;
+}
+
 class Diagnoser {
 public:
   explicit Diagnoser(const Diagnosis_Options& options)
@@ -544,7 +556,7 @@ void Diagnoser::page() {
   if (!outcome.ok() && outcome.error.code() != "MalformedAnswer")
     return failed(fault_of(outcome), where(outcome));
   if (outcome.ok() && !next.objects.empty() && next.objects.front().name <= last)
-    return failed("paging.does-not-advance", "the second page begins with '" + next.objects.front().name + "' again");
+    return failed("paging.does-not-advance", "the second page begins with '" + shown(next.objects.front().name) + "' again");
   add("paging", Check::PASSED, "", tried, "the second page goes on behind the first");
 }
 
@@ -604,7 +616,7 @@ void Diagnoser::read() {
   };
   Outcome outcome;
   ask(outcome);
-  const std::string tried = "read the first byte of '" + object->name + "'";
+  const std::string tried = "read the first byte of '" + shown(object->name) + "'";
   if (!outcome.ok()) {
     if (outcome.error.code() == "InvalidObjectState") {
       for (const char* name : {"range", "if-match"})
