@@ -1,4 +1,5 @@
 #include "agent/commands/commands.h"
+#include "agent/commands/diagnosis.h"
 #include "agent/entry.h"
 
 #include "platform/crypto/secret.h"
@@ -87,18 +88,6 @@ void add(Context& context, const Account_Arguments& arguments) {
   context.print(json, "account '" + account.name + "' added");
 }
 
-/// What a test of the account found out where a setting says "auto".
-json_spirit::Object found_json(const Account& account) {
-  json_spirit::Object found;
-  if (!account.found_addressing.empty())
-    found["addressing"] = account.found_addressing;
-  if (!account.found_list_version.empty())
-    found["list_version"] = account.found_list_version;
-  if (!account.found_url_encoding.empty())
-    found["url_encoding"] = account.found_url_encoding;
-  return found;
-}
-
 json_spirit::Object account_json(const Account& account) {
   json_spirit::Object json;
   json["uuid"] = account.uuid;
@@ -146,37 +135,6 @@ void list(Context& context) {
 void show(Context& context, const std::string& name) {
   const json_spirit::Object json = account_json(context.account(name));
   context.print(json, json_spirit::write_formatted(json));
-}
-
-void test(Context& context, const std::string& name) {
-  const Account account = context.account(name);
-  JSON_RPC_Channel& rpc = context.rpc();
-  json_spirit::Object params = account_attributes(account);
-  json_spirit::Array buckets;
-  for (const std::string& bucket : account.buckets)
-    buckets.push_back(bucket);
-  params["buckets"] = buckets;
-
-  JSON_RPC_Request request("obs.test", params, 1);
-  JSON_RPC_Object_var reply;
-  if (rpc.request(request, reply) != 0)
-    throw Command_Error("the module does not answer");
-  if (reply->type() != JSON_RPC_Object::TYPE_RESPONSE) {
-    const auto* refused = dynamic_cast<const JSON_RPC_Error_Response*>(reply.get());
-    throw Command_Error("account '" + name + "': " + (refused ? refused->message() : "no answer"));
-  }
-  const json_spirit::Object result = dynamic_cast<JSON_RPC_Response&>(*reply).result().get_obj();
-  const bool available = result.at("available").get_bool();
-  std::string text = "account '" + name + "' is " + (available ? "available" : "not available");
-  if (!available)
-    text += ": " + json_spirit::optional_str(result, "message");
-  if (const json_spirit::Value* found = json_spirit::find(result, "buckets"))
-    for (const json_spirit::Value& bucket : found->get_array())
-      text += "\n  " + json_spirit::optional_str(bucket.get_obj(), "name") + "  " +
-              json_spirit::optional_str(bucket.get_obj(), "ctime") + "  " +
-              json_spirit::optional_str(bucket.get_obj(), "location");
-  context.print(result, text);
-  context.exit_code = available ? EXIT_COMPLETED : EXIT_FAILED;
 }
 
 void remove(Context& context, const std::string& name) {
@@ -298,6 +256,6 @@ void add_account_commands(CLI::App& app, Context& context) {
     one->callback([&context, name, work] { work(context, *name); });
   };
   named("show", "Show an account; its secret key is never shown", show);
-  named("test", "Test whether an account can be reached", test);
+  named("test", "Look at an account step by step: what works, what does not, and what to do", test_account);
   named("remove", "Forget an account", remove);
 }

@@ -44,6 +44,7 @@ HTTP_Channel_ptr HTTP_Channel_Pool::make() const {
   // A request that is given up does not wait for the resolver's answer, which may be half a minute away.
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(settings_.connect_timeout));
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT, static_cast<long>(settings_.total_timeout));
   curl_easy_setopt(easy, CURLOPT_PROXY, settings_.proxy.c_str());
   curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   if (!settings_.ca_file.empty()) {

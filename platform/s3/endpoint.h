@@ -19,7 +19,7 @@ namespace s3 {
 
 /// What all services of one client share: where the service is, the keys, the live connections, and what was learned
 /// about it on the way. Any thread.
-class Endpoint {
+class Endpoint : public std::enable_shared_from_this<Endpoint> {
 public:
   /// Null, after a log line, for options that make no sense. `proxy` may be null.
   static std::shared_ptr<Endpoint> make(const S3_Service_Options& options, const char* proxy);
