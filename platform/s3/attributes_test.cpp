@@ -652,6 +652,15 @@ TEST_F(Attributes_Test, hostile_tag_and_grant_documents_are_refused_or_bounded) 
   server.add_fault(Fault::garbage_body().on("GetObjectTagging").times(1));
   EXPECT_FALSE(attributed.get_tags("bucket", "k", a));
   EXPECT_EQ("MalformedAnswer", s->last_error().code());
+  store(s, "tagged", "x", full_for_server());
+  server.add_fault(Fault::truncated_body(200).on("GetObjectTagging").times(1));
+  EXPECT_FALSE(attributed.get_tags("bucket", "tagged", a));
+  EXPECT_TRUE(a.tags.empty()) << "half of an answer is none";
+  Object_Attributes odd = full_for_server();
+  odd.tags = {{"control", "\x7F\x01"}, {"markup", "<&\"]]>"}};
+  EXPECT_EQ(std::vector<std::string>(), store(s, "odd", "x", odd));
+  EXPECT_TRUE(attributed.get_tags("bucket", "odd", a));
+  EXPECT_EQ(odd.tags, a.tags);
   server.add_fault(Fault::error(403, "AccessDenied").on("GetObjectAcl"));
   EXPECT_FALSE(attributed.get_acl("bucket", "k", a));
   EXPECT_EQ("AccessDenied", s->last_error().code());
