@@ -166,15 +166,16 @@ void add_restore_command(CLI::App& app, Context& context) {
   command->add_option("--concurrent", arguments->concurrent, "Objects written at the same time")
       ->check(CLI::Range(1, 1024))
       ->capture_default_str();
+  command->add_flag("--no-acl", arguments->no_acl, "Give no access lists");
+  command->add_flag("--drop-tags", arguments->drop_tags, "Give no tags");
+  command
+      ->add_option("--storage-class", arguments->storage_class, "Storage class for all objects; each one's own unless told")
+      ->type_name("CLASS");
   command->add_flag("--create-bucket", arguments->create_bucket, "Create target buckets that do not exist");
   command->add_option("--glob", arguments->globs, "Also the objects whose path matches: *, ? and **, as for find")
       ->type_name("GLOB")
       ->allow_extra_args(false);
   command->add_flag("--dry-run", arguments->dry_run,
                     "Write nothing: list what would be written where, and which objects would collide");
-  command->add_flag("--no-acl", arguments->no_acl, "Give no access lists");
-  command->add_flag("--drop-tags", arguments->drop_tags, "Give no tags");
-  command->add_option("--storage-class", arguments->storage_class, "Storage class for all objects; each one's own unless told")
-      ->type_name("CLASS");
   command->callback([&context, arguments] { restore(context, *arguments); });
 }

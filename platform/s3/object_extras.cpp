@@ -112,6 +112,9 @@ Outcome Object_Extras::get_tags(Object_Attributes& attributes) {
     // Some services know no empty list (radosgw answers NoSuchTagSet for an object that never had one).
     if (outcome.error.code() == "NoSuchTagSet" || outcome.error.code() == "NoSuchTagSetError")
       outcome.error = S3_Error();
+    // Half of an answer is none.
+    if (!outcome.ok())
+      attributes.tags.clear();
     return outcome;
   });
 }
@@ -122,7 +125,12 @@ Outcome Object_Extras::get_acl(Object_Attributes& attributes) {
     attributes.owner.clear();
     attributes.grants.clear();
     Acl_Reader reader(attributes);
-    return transport_.ask(get, reader);
+    Outcome outcome = transport_.ask(get, reader);
+    if (!outcome.ok()) {
+      attributes.owner.clear();
+      attributes.grants.clear();
+    }
+    return outcome;
   });
 }
 

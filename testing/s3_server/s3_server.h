@@ -21,6 +21,14 @@ enum class Addressing { any, path_only, virtual_only };
 enum class Key_Encoding { as_asked, ignored, keys_only, refused, unsaid };
 enum class Expect_Reply { send_continue, ignore, refuse };
 
+// How a header of a PUT, or of the start of a multipart upload, is refused.
+struct Header_Refusal {
+  int status = 400;
+  std::string code;
+  std::string message;
+  std::string value; // only this one; empty: any
+};
+
 struct S3_Server_Options {
   bool tls = false;
   std::string tls_names = "DNS:localhost,DNS:*.localhost,IP:127.0.0.1"; // whom the certificate is for
@@ -50,6 +58,12 @@ struct S3_Server_Settings {
   std::string region;
   std::optional<std::string> location;        // what GetBucketLocation answers; else the region, us-east-1 as empty
   bool etags = true;                          // false: GET and HEAD name none
+  bool object_attributes = true;              // false: tags and access lists are answered with 501
+  bool counts_tags = true;                    // GET and HEAD tell x-amz-tagging-count where there are some
+  bool forgets_multipart_tags = false;        // those given at the start of a multipart upload, as radosgw 16 does
+  bool tells_parts = true;                    // false: partNumber of GET and HEAD is ignored
+  bool object_lock = true;                    // false: the buckets have no object lock
+  std::map<std::string, Header_Refusal> refused_headers; // by the beginning of their names, in lower case
   bool throw_away_parts = false;              // of multipart uploads: their digests are kept, not their bytes
   std::uint64_t bytes_per_second = 0;         // cap per connection on bodies sent; 0: none
   int latency_milliseconds = 0;               // before each reply
