@@ -67,19 +67,30 @@ void Restore_Channel::restore(const Media_Task& task) {
   if (outcome == Read_Outcome::DAMAGED || outcome == Read_Outcome::FAILED)
     return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
   const unsigned long long before = reading.stored();
-  if (write(task, path, reading, filled, outcome))
+  if (replace(task, path, reading, filled, outcome))
     shared_.account->saved(object.size, object.size);
   shared_.account->read(reading.stored() - before);
 }
 
 /// Puts an object whose first `first` bytes are in the buffer in place of what is there.
-bool Restore_Channel::write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
-                            Read_Outcome outcome) {
-  const Catalog_Object& object = task.object;
+bool Restore_Channel::replace(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
+                              Read_Outcome outcome) {
   if (!callback_->unlink(path.c_str())) {
     skip(task, "The existing target could not be removed.");
     return false;
   }
+  struct Passage {
+    explicit Passage(Write_Gate& g) : gate(g) { gate.enter(); }
+    ~Passage() { gate.leave(); }
+    Write_Gate& gate;
+  };
+  const Passage passage(shared_.writing);
+  return write(task, path, reading, first, outcome);
+}
+
+bool Restore_Channel::write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
+                            Read_Outcome outcome) {
+  const Catalog_Object& object = task.object;
   // Every way out but the last lets go of an open writer, which gives the target up.
   IFile_Writer_var writer = callback_->make_file_writer();
   if (writer.null()) {
