@@ -1,6 +1,8 @@
 #include "obs/agent/job/async_obs_source_lister.h"
 #include "sdk/mtf/cat_blk.h"
 
+#include <ace/Log_Msg.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -11,6 +13,8 @@ int main(int argc, char** argv) {
     std::fputs("usage: bench-lister PORT BUCKET THREADS\n", stderr);
     return 2;
   }
+  // As the program has it: a line per object is for debugging only.
+  ACE_LOG_MSG->priority_mask(LM_ERROR | LM_CRITICAL | LM_EMERGENCY, ACE_Log_Msg::PROCESS);
   S3_Client client;
   S3_Client_Options options("bench", "bench-secret", 60);
   if (!client.connect("http", "127.0.0.1", static_cast<unsigned short>(std::atoi(argv[1])), false, nullptr, options)) {

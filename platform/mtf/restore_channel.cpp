@@ -69,7 +69,7 @@ void Restore_Channel::restore(const Media_Task& task) {
     return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
   const unsigned long long before = reading.stored();
   std::vector<std::string> not_given;
-  if (write(task, path, reading, filled, outcome, not_given)) {
+  if (replace(task, path, reading, filled, outcome, not_given)) {
     shared_.account->saved(object.size, object.size);
     if (!not_given.empty())
       shared_.account->incomplete(object.path, "The object is restored without all that belongs to it", not_given);
@@ -78,13 +78,24 @@ void Restore_Channel::restore(const Media_Task& task) {
 }
 
 /// Puts an object whose first `first` bytes are in the buffer in place of what is there.
-bool Restore_Channel::write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
-                            Read_Outcome outcome, std::vector<std::string>& not_given) {
-  const Catalog_Object& object = task.object;
+bool Restore_Channel::replace(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
+                              Read_Outcome outcome, std::vector<std::string>& not_given) {
   if (!callback_->unlink(path.c_str())) {
     skip(task, "The existing target could not be removed.");
     return false;
   }
+  struct Passage {
+    explicit Passage(Write_Gate& g) : gate(g) { gate.enter(); }
+    ~Passage() { gate.leave(); }
+    Write_Gate& gate;
+  };
+  const Passage passage(shared_.writing);
+  return write(task, path, reading, first, outcome, not_given);
+}
+
+bool Restore_Channel::write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
+                            Read_Outcome outcome, std::vector<std::string>& not_given) {
+  const Catalog_Object& object = task.object;
   // Every way out but the last lets go of an open writer, which gives the target up.
   IFile_Writer_var writer = callback_->make_file_writer();
   if (writer.null()) {

@@ -4,9 +4,33 @@
 #include "platform/mtf/run_account.h"
 #include "sdk/mtf/restore_callback.h"
 
+#include <condition_variable>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
+
+/// Lets a number of threads pass at the same time. Any thread.
+class Write_Gate {
+public:
+  /// Before the first thread comes.
+  void open(unsigned count) { left_ = count; }
+  void enter() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    freed_.wait(lock, [this] { return left_ != 0; });
+    --left_;
+  }
+  void leave() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++left_;
+    freed_.notify_one();
+  }
+
+private:
+  std::mutex mutex_; ///< guards `left_`
+  std::condition_variable freed_;
+  unsigned left_ = 1;
+};
 
 /// What all channels of a restore share. Outlives them.
 struct Restore_Shared {
@@ -15,6 +39,9 @@ struct Restore_Shared {
   Run_Account* account = nullptr;
   size_t whole_object = 0;                 ///< objects up to this size are verified whole before anything is touched
   std::function<bool()> wait_while_paused; ///< false once the run has to end
+  /// Of the channels only so many write: while these wait for their service, as many others read and verify the next
+  /// objects and clear the way for them, which is a request of its own.
+  Write_Gate writing;
 };
 
 /// One channel of a restore: takes objects from the feed, verifies them and hands them to its callback's writers.
@@ -27,6 +54,8 @@ public:
 
 private:
   void restore(const Media_Task& task);
+  bool replace(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
+               Read_Outcome outcome, std::vector<std::string>& not_given);
   bool write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
              Read_Outcome outcome, std::vector<std::string>& not_given);
   void skip(const Media_Task& task, const std::string& message);

@@ -249,7 +249,8 @@ bool Restore_Engine::Impl::restore_objects() {
     return false;
   }
   const unsigned wanted = order.concurrent == 0 ? DEFAULT_CONCURRENT : std::min(order.concurrent, MAX_CONCURRENT);
-  const unsigned count = static_cast<unsigned>(std::clamp<unsigned long long>(selected, 1, wanted));
+  const unsigned count = static_cast<unsigned>(std::clamp<unsigned long long>(selected, 1, 2 * wanted));
+  shared.writing.open(wanted);
   shared.converter = order.converter;
   shared.feed = feed.get();
   shared.account = &account;

@@ -11,6 +11,7 @@
 #include <set>
 #include <thread>
 
+
 namespace fs = std::filesystem;
 using namespace MTF;
 
@@ -25,11 +26,20 @@ struct Fake_Target {
   std::atomic<int> callbacks{-1};            ///< how many may still be made; negative: any number
   std::atomic<unsigned> made{0};
   std::function<void()> on_open;
+  unsigned writers = 0; ///< that are there now
+  unsigned most_writers = 0;
 };
 
 class Fake_Writer : public File_Writer_Base {
 public:
-  explicit Fake_Writer(Fake_Target& target) : target_(target) {}
+  explicit Fake_Writer(Fake_Target& target) : target_(target) {
+    const std::lock_guard<std::mutex> guard(target_.mutex);
+    target_.most_writers = std::max(target_.most_writers, ++target_.writers);
+  }
+  ~Fake_Writer() override {
+    const std::lock_guard<std::mutex> guard(target_.mutex);
+    --target_.writers;
+  }
   Error_Code open(const char* path, ACE_UINT64 size) override {
     if (target_.on_open)
       target_.on_open();
@@ -236,7 +246,26 @@ TEST_F(Restore, everything_comes_back_byte_for_byte) {
   expect_restored(all());
   EXPECT_EQ(153u, events_->figure("saved"));
   EXPECT_EQ(153u, events_->figure("listed"));
-  EXPECT_EQ(4u, target_.made);
+  // As many again clear the way for the next objects.
+  EXPECT_EQ(8u, target_.made);
+}
+
+TEST_F(Restore, writers_are_as_many_as_asked_for_while_others_clear_the_way) {
+  fill(100, 1000);
+  back_up();
+  order_.concurrent = 2;
+  // The first writer waits until objects were removed by channels that may not write yet.
+  target_.on_open = [&] {
+    std::unique_lock<std::mutex> lock(target_.mutex);
+    while (target_.unlinked.size() < 4) {
+      lock.unlock();
+      std::this_thread::yield();
+      lock.lock();
+    }
+  };
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_restored(all());
+  EXPECT_EQ(2u, target_.most_writers);
 }
 
 TEST_F(Restore, objects_larger_than_the_budget_are_streamed) {
