@@ -37,6 +37,17 @@ void Attribute_Memory::refuses_anyhow(const std::string& bucket, const std::stri
   refused(bucket, ANYHOW, code, code);
 }
 
+bool Attribute_Memory::keeps(const std::string& bucket, unsigned kind, const std::string& header) const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return kept_.count(place(bucket, kind, header)) != 0;
+}
+
+void Attribute_Memory::kept(const std::string& bucket, unsigned kind, const std::string& header) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (kept_.size() < MAX_KNOWN)
+    kept_.insert(place(bucket, kind, header));
+}
+
 bool Attribute_Memory::counts_tags(const std::string& bucket) const {
   const std::lock_guard<std::mutex> guard(mutex_);
   return counting_buckets_.count(bucket) != 0;

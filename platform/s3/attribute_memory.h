@@ -19,6 +19,10 @@ public:
   bool refused_anyhow(const std::string& bucket, const std::string& code) const;
   void refuses_anyhow(const std::string& bucket, const std::string& code);
 
+  /// Whether the kind, once taken in `bucket`, was found to be kept there; of headers, that one of them.
+  bool keeps(const std::string& bucket, unsigned kind, const std::string& header) const;
+  void kept(const std::string& bucket, unsigned kind, const std::string& header);
+
   /// Whether an answer has ever named the number of an object's tags in `bucket`: an object whose answer does not has
   /// none then.
   bool counts_tags(const std::string& bucket) const;
@@ -35,6 +39,7 @@ private:
   mutable std::mutex mutex_; ///< guards what follows
   std::map<std::string, std::string> refusals_;
   std::set<std::string> counting_buckets_;
+  std::set<std::string> kept_;
   std::atomic<bool> asks_checksums_{true};
   std::atomic<bool> tells_parts_{true};
 };

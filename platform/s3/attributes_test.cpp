@@ -266,12 +266,12 @@ TEST(part_plan, layout_that_was_not_told_is_the_one_that_tools_make) {
 TEST(part_plan, object_stored_at_once_goes_at_once_where_memory_holds_it) {
   Object_Attributes a;
   a.etag = "0123456789abcdef0123456789abcdef";
-  EXPECT_FALSE(Part_Plan(100 << 20, 16 << 20, &a).multipart());
-  EXPECT_TRUE(Part_Plan(300 << 20, 16 << 20, &a).multipart());
-  EXPECT_EQ("", Part_Plan(300 << 20, 16 << 20, &a).refused()) << "it never had parts";
+  EXPECT_FALSE(Part_Plan(64 << 20, 16 << 20, &a).multipart());
+  EXPECT_TRUE(Part_Plan(65 << 20, 16 << 20, &a).multipart());
+  EXPECT_EQ("", Part_Plan(65 << 20, 16 << 20, &a).refused()) << "it never had parts";
   a.etag = "opaque";
-  EXPECT_TRUE(Part_Plan(100 << 20, 16 << 20, &a).multipart());
-  EXPECT_TRUE(Part_Plan(100 << 20, 16 << 20, nullptr).multipart());
+  EXPECT_TRUE(Part_Plan(30 << 20, 16 << 20, &a).multipart());
+  EXPECT_TRUE(Part_Plan(30 << 20, 16 << 20, nullptr).multipart());
   EXPECT_FALSE(Part_Plan(16 << 20, 16 << 20, nullptr).multipart());
 }
 
@@ -621,6 +621,33 @@ TEST_F(Attributes_Test, busy_service_is_no_refusal) {
   EXPECT_EQ(1, writer->write("x", 1));
   EXPECT_FALSE(writer->close());
   EXPECT_EQ(1u, server.count());
+}
+
+TEST_F(Attributes_Test, what_a_target_takes_and_forgets_is_named) {
+  server.configure([](S3_Server_Settings& s) { s.forgotten_headers = {"x-amz-storage-class", "x-amz-object-lock-",
+                                                                      "cache-control", "x-amz-meta-utf-8"}; });
+  for (const size_t size : {700u, 3500u}) {
+    const S3_Service_var s = service();
+    for (int i = 0; i < 3; ++i) {
+      const std::vector<std::string> refused = store(s, "k", std::string(size, 'x'), full_for_server());
+      const std::string all = testing::PrintToString(refused);
+      for (const char* what : {"the storage class 'COLD'", "the object lock", "the user metadata (4)"})
+        EXPECT_NE(std::string::npos, all.find(what)) << size << ": " << all;
+      EXPECT_NE(std::string::npos, all.find("the header cache-control (the service took it and does not keep it)"))
+          << all;
+      EXPECT_EQ(std::string::npos, all.find("tags")) << all;
+    }
+  }
+}
+
+TEST_F(Attributes_Test, target_that_keeps_what_it_takes_is_looked_at_once) {
+  const S3_Service_var s = service();
+  EXPECT_EQ(std::vector<std::string>(), store(s, "first", "x", full_for_server()));
+  EXPECT_EQ(1u, server.count("HeadObject"));
+  server.reset_counts();
+  for (int i = 0; i < 20; ++i)
+    EXPECT_EQ(std::vector<std::string>(), store(s, "k" + std::to_string(i), "x", full_for_server()));
+  EXPECT_EQ(20u, server.count());
 }
 
 TEST_F(Attributes_Test, checksums_come_with_the_get_and_go_with_the_put) {

@@ -81,6 +81,16 @@ void append_run(std::vector<Part_Run>& runs, unsigned long long size) {
     runs.push_back({1, size});
 }
 
+/// Of the headers that a request with these kinds carried; the redirect is a kind of its own.
+std::vector<std::string> header_names(const Object_Attributes& attributes, unsigned kinds) {
+  std::vector<std::string> names;
+  if (kinds & KIND_HEADERS)
+    for (const auto& header : attributes.headers)
+      if (header.first != "x-amz-website-redirect-location")
+        names.push_back(header.first);
+  return names;
+}
+
 std::string with_reason(const Object_Attributes& attributes, Attribute_Kind kind, const S3_Error& error) {
   return describe(attributes, kind) + " (" + error.text() + ")";
 }
@@ -248,6 +258,73 @@ void Object_Extras::give(const Object_Attributes& attributes, unsigned given, bo
     const Outcome outcome = give_tags(attributes);
     if (!outcome.ok())
       refused.push_back(with_reason(attributes, KIND_TAGS, outcome.error));
+    given &= ~unsigned(KIND_TAGS);
+  }
+  // What a canned list or a checksum says is not told by HEAD.
+  given &= ~unsigned(KIND_ACL | KIND_CHECKSUM);
+  if (!multipart)
+    given = unproved(attributes, given);
+  if (given != 0)
+    look(attributes, given, refused);
+}
+
+/// Those of the `given` kinds that the target has not been found to keep yet.
+unsigned Object_Extras::unproved(const Object_Attributes& attributes, unsigned given) const {
+  const Attribute_Memory& memory = transport_.endpoint().attributes();
+  unsigned left = 0;
+  for (unsigned kind = 1; kind != KIND_END; kind <<= 1)
+    if ((given & kind) && kind != KIND_HEADERS && !memory.keeps(bucket_, kind, std::string()))
+      left |= kind;
+  for (const std::string& name : header_names(attributes, given))
+    if (!memory.keeps(bucket_, KIND_HEADERS, name))
+      left |= KIND_HEADERS;
+  return left;
+}
+
+/// Services that know an attribute's name no better than any other header's take it and forget it without a word.
+void Object_Extras::look(const Object_Attributes& attributes, unsigned kinds, std::vector<std::string>& refused) {
+  const Request head{"HEAD", bucket_, key_, {}, {}, false, {}};
+  const Outcome outcome = retried(max_retry_seconds_, [&] { return transport_.ask(head); });
+  if (!outcome.ok()) {
+    // The object is there, for its upload was answered; whoever may not look knows no more than that.
+    return;
+  }
+  const Object_Attributes now = read_attributes(outcome.head);
+  Attribute_Memory& memory = transport_.endpoint().attributes();
+  const auto settle = [&](Attribute_Kind kind, bool kept) {
+    if (!(kinds & kind))
+      return;
+    if (kept)
+      memory.kept(bucket_, kind, std::string());
+    else
+      refused.push_back(describe(attributes, kind) + " (the service took it and does not keep it)");
+  };
+  // Names alone: services write some values in ways of their own (encoded words, blanks, "_" as "-" in radosgw).
+  const auto has_all = [](const Object_Attributes::Named& wanted, const Object_Attributes::Named& found) {
+    return found.size() >= wanted.size();
+  };
+  settle(KIND_LOCK, now.lock_mode == attributes.lock_mode && now.legal_hold == attributes.legal_hold);
+  settle(KIND_STORAGE_CLASS, now.storage_class == attributes.storage_class);
+  settle(KIND_METADATA, has_all(attributes.metadata, now.metadata));
+  const auto redirects = [](const Object_Attributes& one) {
+    return (kinds_of(one) & KIND_REDIRECT) != 0;
+  };
+  settle(KIND_REDIRECT, redirects(now));
+  for (const std::string& name : header_names(attributes, kinds)) {
+    bool found = false;
+    for (const auto& header : now.headers)
+      found = found || header.first == name;
+    if (found)
+      memory.kept(bucket_, KIND_HEADERS, name);
+    else
+      refused.push_back("the header " + name + " (the service took it and does not keep it)");
+  }
+  if ((kinds & KIND_TAGS) && now.tag_count < 0) {
+    Object_Attributes asked;
+    if (get_tags(asked).ok())
+      settle(KIND_TAGS, has_all(attributes.tags, asked.tags));
+  } else {
+    settle(KIND_TAGS, now.tag_count >= static_cast<long long>(attributes.tags.size()));
   }
 }
 

@@ -22,8 +22,9 @@ public:
   Outcome get_parts(Object_Attributes& attributes);
 
   /// Gives the stored object what its upload, which carried the `given` kinds, could not: an access list that no canned
-  /// one says, and tags that services forget when they come with a multipart upload. Adds to `refused` what the target
-  /// does not take.
+  /// one says, and tags that services forget when they come with a multipart upload. Looks whether what was given is
+  /// there, as often as needed to know the target: after each multipart upload, and until each kind was found kept once
+  /// in a bucket. Adds to `refused` what the target does not take or does not keep.
   void give(const Object_Attributes& attributes, unsigned given, bool multipart, std::vector<std::string>& refused);
 
 private:
@@ -32,9 +33,11 @@ private:
   Outcome get_part_size(unsigned long long number, const Object_Attributes& attributes, unsigned long long& size,
                         bool& told);
   Outcome give_acl(const Object_Attributes& attributes);
+  unsigned unproved(const Object_Attributes& attributes, unsigned given) const;
+  void look(const Object_Attributes& attributes, unsigned kinds, std::vector<std::string>& refused);
   Outcome give_tags(const Object_Attributes& attributes);
 
-  Transport& transport_;
+  Transport& transport_; ///< of whoever reads or writes the object
   const std::string bucket_;
   const std::string key_;
   const int max_retry_seconds_;

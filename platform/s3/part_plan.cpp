@@ -70,7 +70,7 @@ bool Part_Plan::take_layout(unsigned long long size, unsigned long long wanted, 
     // Only an ETag that is a digest of the content comes out the same when the content is sent at once.
     const bool digest = attributes.etag.size() == 32 &&
                         attributes.etag.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-    if (!digest || size <= wanted || size > LARGEST_PART)
+    if (!digest || size <= wanted || size > LARGEST_AT_ONCE)
       return false;
     runs_.assign(1, {1, size});
     largest_ = size;

@@ -11,6 +11,8 @@ namespace s3 {
 
 /// Parts above this size are not held in memory: such an object gets a layout of ours.
 constexpr unsigned long long LARGEST_PART = 256ull << 20;
+/// Objects above this size are not sent at once: one request of that length is long to repeat.
+constexpr unsigned long long LARGEST_AT_ONCE = 64ull << 20;
 
 /// How an object is sent: at once, or in which parts.
 class Part_Plan {

@@ -173,6 +173,12 @@ void take_attributes(const Call& call, Object& object) {
     parse_tags(*tags, object.tags);
   if (const std::string* acl = call.request.header("x-amz-acl"))
     object.grants = canned_grants(*acl);
+  for (const std::string& name : call.settings.forgotten_headers) {
+    for (auto at = object.headers.begin(); at != object.headers.end();)
+      at = begins_with(at->first, name) ? object.headers.erase(at) : std::next(at);
+    if (begins_with("x-amz-storage-class", name))
+      object.storage_class = "STANDARD";
+  }
 }
 
 void tell_attributes(const Call& call, const Object& object, Http_Response& response) {

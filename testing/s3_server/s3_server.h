@@ -63,6 +63,7 @@ struct S3_Server_Settings {
   bool forgets_multipart_tags = false;        // those given at the start of a multipart upload, as radosgw 16 does
   bool tells_parts = true;                    // false: partNumber of GET and HEAD is ignored
   bool object_lock = true;                    // false: the buckets have no object lock
+  std::vector<std::string> forgotten_headers; // taken and not kept; by the beginning of their names
   std::map<std::string, Header_Refusal> refused_headers; // by the beginning of their names, in lower case
   bool throw_away_parts = false;              // of multipart uploads: their digests are kept, not their bytes
   std::uint64_t bytes_per_second = 0;         // cap per connection on bodies sent; 0: none

@@ -155,7 +155,12 @@ void OBS_File_Reader::attributes(MTF::File_Attributes& attributes, std::vector<s
     attributes.own = object.own_text();
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
-    problems.push_back("its attributes (no memory)");
+    attributes = MTF::File_Attributes();
+    try {
+      problems.emplace_back("its attributes (no memory)");
+    } catch (const std::bad_alloc&) {
+      // Not even for that: the engine will hardly get far without memory.
+    }
   }
 }
 

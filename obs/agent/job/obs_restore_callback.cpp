@@ -43,7 +43,12 @@ MTF::Error_Code OBS_File_Writer::open_i(const char* path, ACE_UINT64 size) {
 }
 
 void OBS_File_Writer::attributes(const MTF::File_Attributes& attributes) {
-  attributes_ = attributes;
+  try {
+    attributes_ = attributes;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    attributes_ = MTF::File_Attributes();
+  }
 }
 
 S3_IWriter_ptr OBS_File_Writer::upload(const std::string& bucket, const std::string& key, size_t length) {
@@ -101,8 +106,15 @@ MTF::Error_Code OBS_File_Writer::close() {
   const S3_IWriter_ptr writer = std::move(writer_);
   if (!writer->close())
     return MTF::E_SKIP;
-  if (const auto* const report = dynamic_cast<const S3_Attribute_Report*>(writer.get()))
-    refused_.insert(refused_.end(), report->refused().begin(), report->refused().end());
+  const auto* const report = dynamic_cast<const S3_Attribute_Report*>(writer.get());
+  try {
+    if (report != nullptr)
+      refused_.insert(refused_.end(), report->refused().begin(), report->refused().end());
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    // What the object went without cannot be told: better one that is written again than one that only seems whole.
+    return MTF::E_SKIP;
+  }
   return MTF::E_OK;
 }
 
