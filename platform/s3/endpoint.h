@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/http/channel_pool.h"
+#include "platform/s3/answers.h"
 #include "platform/s3/endpoint_settings.h"
 #include "platform/s3/ledger.h"
 #include "platform/s3/request_builder.h"
@@ -43,6 +44,8 @@ public:
     ranges.most = no_ranges_.load(std::memory_order_relaxed) ? 1 : ranges.most;
     return ranges;
   }
+  Prefix_Form prefix_form() const { return prefix_form_.load(std::memory_order_relaxed); }
+  void learn_prefix_form(Prefix_Form form) { prefix_form_.store(form, std::memory_order_relaxed); }
   void learn_no_ranges() { no_ranges_.store(true, std::memory_order_relaxed); }
   unsigned long long part_size() const { return part_size_; }
   int max_retry_seconds() const { return max_retry_seconds_; }
@@ -59,6 +62,7 @@ private:
   int max_retry_seconds_ = 0;
   Range_Settings ranges_;
   std::atomic<bool> no_ranges_{false};
+  std::atomic<Prefix_Form> prefix_form_{Prefix_Form::UNKNOWN};
   std::atomic<long long> clock_offset_{0};
   std::atomic<bool> any_learned_{false}; ///< spares the lock on the common road
   mutable std::mutex mutex_;             ///< guards what follows
