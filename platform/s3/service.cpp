@@ -234,11 +234,15 @@ bool Service::head_object(const char* bucket, const char* key, S3_Object& object
   Outcome outcome = transport_.ask(Request{"HEAD", bucket, key, {}, {}, false, {}});
   ACE_UINT64 size = 0;
   if (outcome.ok()) {
-    if (parse_size(outcome.head.value("content-length"), size))
+    if (parse_size(outcome.head.value("content-length"), size)) {
       fill(object, key, outcome.head, size);
-    else
+      const bool thawed = outcome.head.value("x-amz-restore").find("ongoing-request=\"false\"") != std::string::npos;
+      if (!thawed && needs_thaw(object.storage_class, endpoint_->address(bucket).host))
+        endpoint_->ledger()->objects.archived(std::string("/") + bucket + '/' + key, object.storage_class);
+    } else {
       outcome.error = S3_Error(EPROTO, outcome.head.status, "MissingContentLength",
                                "the answer names no length (HEAD of '" + object.name + "')", false);
+    }
   } else if (outcome.error.status() == 404) {
     outcome.error = S3_Error();
   }
