@@ -177,6 +177,13 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
     return report(std::move(outcome));
   }
   ledger.listing_succeeded(path);
+  // Whoever lists goes on with a C string, and would come to another prefix.
+  std::erase_if(content.common_prefixes, [&](const std::string& prefix) {
+    if (prefix.find('\0') == std::string::npos)
+      return false;
+    ledger.listing_failed('/' + request.bucket + '/' + prefix, "Keys with a NUL byte are not supported.");
+    return true;
+  });
   ledger.listed_keys.fetch_add(content.objects.size(), std::memory_order_relaxed);
   const std::string host = endpoint_->address(request.bucket).host;
   for (const S3_Object& object : content.objects)
