@@ -44,6 +44,9 @@ private:
   Error_Document error_;
 };
 
+/// How common prefixes come on pages whose keys are encoded.
+enum class Prefix_Form { UNKNOWN, ENCODED, PLAIN };
+
 /// A page of a bucket's keys, straight into its records. Keys come as bytes once `complete` has answered true.
 class Listing_Reader : public Answer_Reader {
 public:
@@ -65,6 +68,11 @@ public:
   const std::string& token() const { return token_; }
   /// The page counts its keys, as only those of version 2 do.
   bool counts_keys() const { return counts_keys_; }
+  /// Whether the service encodes common prefixes where it encodes keys; some say that they do and do not. Before
+  /// `complete`.
+  void prefix_form(Prefix_Form form) { prefix_form_ = form; }
+  /// What the page itself tells about that. `doubtful` becomes the prefixes, as they came, that are others decoded.
+  Prefix_Form find_prefix_form(std::vector<std::string>& doubtful) const;
 
 protected:
   void begin(const Path& path) override;
@@ -77,6 +85,7 @@ private:
   bool repeats_ = false;
   bool counts_keys_ = false;
   std::string token_;
+  Prefix_Form prefix_form_ = Prefix_Form::UNKNOWN;
 };
 
 /// The account's buckets.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/http/channel_pool.h"
+#include "platform/s3/answers.h"
 #include "platform/s3/attribute_memory.h"
 #include "platform/s3/endpoint_settings.h"
 #include "platform/s3/ledger.h"
@@ -66,6 +67,8 @@ public:
     ranges.most = no_ranges_.load(std::memory_order_relaxed) ? 1 : ranges.most;
     return ranges;
   }
+  Prefix_Form prefix_form() const { return prefix_form_.load(std::memory_order_relaxed); }
+  void learn_prefix_form(Prefix_Form form) { prefix_form_.store(form, std::memory_order_relaxed); }
   void learn_no_ranges() { no_ranges_.store(true, std::memory_order_relaxed); }
   unsigned long long part_size() const { return part_size_; }
   int max_retry_seconds() const { return max_retry_seconds_; }
@@ -83,6 +86,7 @@ private:
   Attribute_Memory attributes_;
   Range_Settings ranges_;
   std::atomic<bool> no_ranges_{false};
+  std::atomic<Prefix_Form> prefix_form_{Prefix_Form::UNKNOWN};
   std::atomic<long long> clock_offset_{0};
   std::atomic<bool> lists_v2_{false};
   std::atomic<bool> encodes_listings_{true};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iostream>
 #include <set>
 
 using s3_testing::Fault;
@@ -169,6 +170,30 @@ TEST_F(Ranged_Connection_Test, body_from_the_middle_is_read_over_several_streams
   const HTTP_Connection_var connection = open(100001);
   EXPECT_EQ(synthetic_bytes(5, 100001, SIZE - 100001), drain(*connection.get(), 50000));
   EXPECT_GT(ranged_requests(), 10u);
+}
+
+/// Over a minute long and a matter of the machine: run by hand (--gtest_also_run_disabled_tests).
+TEST_F(Ranged_Connection_Test, DISABLED_eight_ranges_bring_six_times_what_one_stream_brings) {
+  constexpr ACE_UINT64 LARGE = 600u << 20;
+  server.put_synthetic("bucket", "large", LARGE, 6);
+  server.configure([](s3_testing::S3_Server_Settings& s) { s.bytes_per_second = 20000000; });
+  double seconds[2];
+  for (const unsigned most : {1u, 8u}) {
+    settings.ranges = Range_Settings();
+    settings.ranges.most = most;
+    const auto began = std::chrono::steady_clock::now();
+    const HTTP_Connection_var connection = service()->get_object("bucket", "large", 0, nullptr);
+    std::string buffer(256 << 10, '\0');
+    ACE_UINT64 got = 0;
+    for (size_t piece; (piece = connection->recv(&buffer[0], buffer.size(), nullptr)) > 0;)
+      got += piece;
+    ASSERT_EQ(LARGE, got);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    seconds[most == 8] = took.count();
+    std::cout << most << " streams: " << LARGE / took.count() / 1e6 << " MB/s, peak of the memory for ranges "
+              << (ledger->range_memory.peak() >> 20) << " MiB\n";
+  }
+  EXPECT_GE(seconds[0] / seconds[1], 6);
 }
 
 } // namespace
