@@ -13,7 +13,8 @@ namespace s3 {
 namespace {
 
 constexpr size_t MAX_ERROR_DOCUMENT = 64 * 1024;
-constexpr size_t PIECE = 64 * 1024;
+/// Freeing more at once has the allocator tidy up each time.
+constexpr size_t PIECE = 32 * 1024;
 /// A service may ask for a longer wait than this; no restore should sleep through it.
 constexpr unsigned MAX_RETRY_AFTER = 60;
 constexpr unsigned TIDY_UP_SECONDS = 5;
