@@ -31,6 +31,11 @@ Catalog_Statement& Catalog_Statement::bind_null(int place) {
   return *this;
 }
 
+Catalog_Statement& Catalog_Statement::bind_lasting_blob(int place, std::string_view bytes) {
+  sqlite3_bind_blob64(statement_.get(), place, bytes.empty() ? "" : bytes.data(), bytes.size(), SQLITE_STATIC);
+  return *this;
+}
+
 Catalog_Statement& Catalog_Statement::bind_text(int place, std::string_view text) {
   sqlite3_bind_text64(statement_.get(), place, text.empty() ? "" : text.data(), text.size(), SQLITE_TRANSIENT,
                       SQLITE_UTF8);

@@ -18,6 +18,8 @@ public:
   /// The bytes are copied.
   Catalog_Statement& bind_blob(int place, std::string_view bytes);
   Catalog_Statement& bind_null(int place);
+  /// The bytes must last until the statement has run.
+  Catalog_Statement& bind_lasting_blob(int place, std::string_view bytes);
   Catalog_Statement& bind_text(int place, std::string_view text);
   /// SQLITE_ROW, SQLITE_DONE or an error.
   int step();

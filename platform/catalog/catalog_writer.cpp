@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <variant>
+#include <vector>
 
 #include <xxhash.h>
 
@@ -26,6 +26,8 @@ constexpr size_t QUEUE_LIMIT = 4096;
 /// Texts of attributes whose ids are at hand.
 constexpr size_t KNOWN_ATTRIBUTES = 1024;
 constexpr size_t KNOWN_ATTRIBUTES_BYTES = 1u << 20;
+/// Rows for which the database's thread is woken; fewer wait for others, or for the end.
+constexpr size_t WORTH_WAKING = 512;
 
 const char* const SCHEMA = R"(
 CREATE TABLE meta(name TEXT PRIMARY KEY, value) WITHOUT ROWID;
@@ -146,7 +148,7 @@ private:
     if (failed_)
       return false;
     queue_.push_back(std::move(row));
-    if (queue_.size() == 1)
+    if (queue_.size() == WORTH_WAKING)
       rows_.notify_one();
     return true;
   }
@@ -171,11 +173,11 @@ private:
 
   void run() {
     pthread_setname_np(pthread_self(), "Catalog");
-    std::deque<Row> batch;
+    std::vector<Row> batch;
     for (;;) {
       {
         std::unique_lock<std::mutex> lock(mutex_);
-        rows_.wait(lock, [this] { return !queue_.empty() || closing_; });
+        rows_.wait(lock, [this] { return queue_.size() >= WORTH_WAKING || closing_; });
         if (queue_.empty() || failed_)
           return;
         batch.swap(queue_);
@@ -195,15 +197,15 @@ private:
     unsigned long long attributes = 0;
     if (!o.attributes.common.empty() && (attributes = attributes_id(o.attributes.common)) == 0)
       return false;
-    object_.bind(1, o.ordinal).bind_blob(2, name_of(o.path)).bind(3, o.size).bind_signed(4, o.mtime).bind(5, o.set);
+    object_.bind(1, o.ordinal).bind_lasting_blob(2, name_of(o.path)).bind(3, o.size).bind_signed(4, o.mtime).bind(5, o.set);
     object_.bind(6, o.channel).bind(7, o.offset).bind(8, o.stored).bind(10, o.flags);
-    object_.bind_blob(9, std::string_view(reinterpret_cast<const char*>(o.sha256), sizeof o.sha256));
+    object_.bind_lasting_blob(9, std::string_view(reinterpret_cast<const char*>(o.sha256), sizeof o.sha256));
     if (attributes != 0)
       object_.bind(11, attributes);
     else
       object_.bind_null(11);
     if (!o.attributes.own.empty())
-      object_.bind_blob(12, o.attributes.own);
+      object_.bind_lasting_blob(12, o.attributes.own);
     else
       object_.bind_null(12);
     ++counts_.objects;
@@ -321,7 +323,7 @@ private:
   mutable std::mutex mutex_; ///< guards the queue, `closing_` and `error_`
   std::condition_variable rows_;
   std::condition_variable room_;
-  std::deque<Row> queue_;
+  std::vector<Row> queue_;
   bool closing_ = false;
   std::string error_;
   std::atomic<bool> failed_{false};

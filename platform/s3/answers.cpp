@@ -28,6 +28,8 @@ bool starts_with(const std::string& text, const std::string& start) {
 /// Some services say that they encode and then encode keys but not prefixes. What cannot have been encoded, or leads
 /// out of the listed prefix only when decoded, is taken as it stands.
 void decode(std::string& text, const std::string& prefix) {
+  if (text.find('%') == std::string::npos && text.find('+') == std::string::npos)
+    return;
   std::string bytes;
   if (percent_decode(text, true, bytes) && (starts_with(bytes, prefix) || !starts_with(text, prefix)))
     text = std::move(bytes);

@@ -38,9 +38,13 @@ std::string percent_encode(std::string_view bytes, bool keep_slash) {
 }
 
 bool percent_decode(std::string_view text, bool plus_is_space, std::string& out) {
-  out.clear();
+  // Most of a listing's keys have nothing to decode.
+  size_t plain = 0;
+  while (plain < text.size() && text[plain] > ' ' && text[plain] < 0x7f && text[plain] != '%' && text[plain] != '+')
+    ++plain;
   out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
+  out.assign(text, 0, plain);
+  for (size_t i = plain; i < text.size(); ++i) {
     const char c = text[i];
     if (c == '%') {
       const int high = i + 2 < text.size() ? hex_value(text[i + 1]) : -1;

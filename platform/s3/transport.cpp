@@ -8,12 +8,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 
 namespace s3 {
 namespace {
 
 constexpr size_t MAX_ERROR_DOCUMENT = 64 * 1024;
-constexpr size_t PIECE = 64 * 1024;
+constexpr size_t PIECE = 32 * 1024;
 /// A service may ask for a longer wait than this; no restore should sleep through it.
 constexpr unsigned MAX_RETRY_AFTER = 60;
 constexpr unsigned TIDY_UP_SECONDS = 5;
@@ -99,9 +100,10 @@ Outcome Transport::ask(const Request& request, Answer_Reader& reader) {
   const Curl_Connection_ref connection = open(request, outcome);
   if (!connection || !outcome.ok())
     return outcome;
-  std::string piece(PIECE, '\0');
+  // Kept: a listing thread asks again and again, and freeing this much has the allocator tidy up each time.
+  thread_local const std::unique_ptr<char[]> piece(new char[PIECE]);
   size_t got;
-  while ((got = connection->read(&piece[0], piece.size())) > 0 && reader.feed(piece.data(), got)) {
+  while ((got = connection->read(piece.get(), PIECE)) > 0 && reader.feed(piece.get(), got)) {
   }
   const HTTP_Failure& failure = connection->failure();
   if (failure.code || failure.cancelled)

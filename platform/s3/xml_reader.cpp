@@ -12,6 +12,12 @@ constexpr size_t MAX_DEPTH = 16;
 constexpr size_t MAX_TEXT = 64 * 1024;
 /// A page of 1,000 keys is below 4 MiB.
 constexpr size_t MAX_DOCUMENT = 64u << 20;
+/// Of an element that came in parts and may be plain.
+constexpr size_t MAX_HELD = 16 * 1024;
+
+bool is_blank(char c) {
+  return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
 
 std::string_view local_name(const char* name) {
   const std::string_view text(name);
@@ -49,13 +55,13 @@ bool XML_Reader::feed(const char* data, size_t size) {
     return false;
   }
   // A service that is long about its answer sends blanks meanwhile, some even before the document.
-  while (!begun_ && size > 0 && (*data == ' ' || *data == '\n' || *data == '\r' || *data == '\t')) {
+  while (!begun_ && size > 0 && is_blank(*data)) {
     ++data;
     --size;
   }
   begun_ = begun_ || size > 0;
   if (!mends_) {
-    parse(data, size);
+    take(data, size);
   } else {
     std::string mended;
     mended.reserve(size + size / 4);
@@ -65,7 +71,75 @@ bool XML_Reader::feed(const char* data, size_t size) {
   return !failed();
 }
 
+/// Plain elements below the root are told of at once, everything else goes to the parser, which does not miss them.
+/// Only right behind the end of such an element it is certain that what follows is no comment's or attribute's text.
+void XML_Reader::take(const char* data, size_t size) {
+  std::string joined;
+  if (!held_.empty()) {
+    joined.swap(held_);
+    joined.append(data, size);
+    data = joined.data();
+    size = joined.size();
+  }
+  while (size > 0 && !failed()) {
+    if (between_) {
+      size_t blank = 0;
+      while (blank < size && is_blank(data[blank]))
+        ++blank;
+      size_t used = 0;
+      const XML_Skimmer::Result result = skimmer_.element(data + blank, size - blank, used);
+      if (result == XML_Skimmer::WHOLE) {
+        tell(skimmer_.tags());
+        data += blank + used;
+        size -= blank + used;
+        continue;
+      }
+      if (result == XML_Skimmer::PARTIAL && size < MAX_HELD) {
+        held_.assign(data, size);
+        return;
+      }
+      between_ = false;
+    }
+    // Up to the end of the next end tag, so that the parser stops where elements may follow.
+    size_t piece = size;
+    if (skims_) {
+      const std::string_view rest(data, size);
+      const size_t tag = rest.find("</");
+      const size_t end = tag == std::string_view::npos ? tag : rest.find('>', tag);
+      piece = end == std::string_view::npos ? size : end + 1;
+    }
+    parse(data, piece);
+    between_ = skims_ && depth_ == 1 && end_at_ == parsed_;
+    data += piece;
+    size -= piece;
+  }
+}
+
+void XML_Reader::tell(const std::vector<XML_Skimmer::Tag>& tags) {
+  try {
+    for (const XML_Skimmer::Tag& tag : tags) {
+      if (tag.start) {
+        path_.emplace_back(tag.name);
+        begin(path_);
+      } else {
+        if (tag.escaped)
+          XML_Skimmer::unescape(tag.text, text_);
+        else
+          text_.assign(tag.text);
+        end(path_, text_);
+        path_.pop_back();
+      }
+      if (failed())
+        return;
+    }
+    text_.clear();
+  } catch (...) {
+    refuse("no memory for the document");
+  }
+}
+
 void XML_Reader::parse(const char* data, size_t size) {
+  parsed_ += size;
   while (size > 0 && !failed()) {
     const int piece = static_cast<int>(std::min<size_t>(size, 1u << 20));
     if (XML_Parse(parser_.get(), data, piece, XML_FALSE) != XML_STATUS_OK && !failed())
@@ -76,6 +150,8 @@ void XML_Reader::parse(const char* data, size_t size) {
 }
 
 bool XML_Reader::finish() {
+  if (!failed() && !held_.empty())
+    parse(held_.data(), held_.size());
   if (!failed() && XML_Parse(parser_.get(), nullptr, 0, XML_TRUE) != XML_STATUS_OK && !failed())
     problem_ = XML_ErrorString(XML_GetErrorCode(parser_.get()));
   return !failed();
@@ -134,6 +210,8 @@ void XML_Reader::on_end(void* data, const char*) {
     self->end(self->path_, self->text_);
     self->text_.clear();
     --self->depth_;
+    self->end_at_ = static_cast<size_t>(XML_GetCurrentByteIndex(self->parser_.get())) +
+                    static_cast<size_t>(XML_GetCurrentByteCount(self->parser_.get()));
     if (!self->path_.empty())
       self->path_.pop_back();
     if (self->failed())

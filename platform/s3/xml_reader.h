@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/s3/xml_mender.h"
+#include "platform/s3/xml_skimmer.h"
 
 #include <cstddef>
 #include <memory>
@@ -23,6 +24,8 @@ public:
 
   /// Reads characters and bytes that XML does not allow, too. Before the first `feed`.
   void mend() { mends_ = true; }
+  /// Sends everything through the XML parser, plain elements too; for comparing. Before the first `feed`.
+  void parse_everything() { skims_ = false; }
   /// False when the document is refused; `problem` says why, and what follows is ignored.
   bool feed(const char* data, size_t size);
   /// True when the document was whole.
@@ -59,7 +62,9 @@ private:
   static void on_text(void* self, const char* text, int size);
   static void on_doctype(void* self, const char*, const char*, const char*, int);
   void stop(const char* why);
+  void take(const char* data, size_t size);
   void parse(const char* data, size_t size);
+  void tell(const std::vector<XML_Skimmer::Tag>& tags);
 
   std::unique_ptr<XML_ParserStruct, Parser_Free> parser_;
   std::string problem_;
@@ -71,6 +76,12 @@ private:
   bool begun_ = false;
   bool mends_ = false;
   XML_Mender mender_;
+  bool skims_ = true;
+  XML_Skimmer skimmer_;
+  bool between_ = false;     ///< all that was parsed ends with the end of one of the root's children
+  size_t parsed_ = 0;        ///< bytes that the parser has had
+  size_t end_at_ = 0;        ///< where among these the last element ended
+  std::string held_;         ///< the beginning of an element that may be plain
 };
 
 } // namespace s3
