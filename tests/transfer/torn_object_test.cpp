@@ -137,6 +137,7 @@ TEST_F(Torn_Object, object_that_is_replaced_while_several_streams_read_it_is_rea
   constexpr std::uint64_t SIZE = 6u << 20;
   settings.ranges.threshold = 1 << 20;
   settings.ranges.size = 64 << 10;
+  settings.ranges.first = 4;
   order.limits.stream_buffer = 100000;
   server.configure([](s3_testing::S3_Server_Settings& s) { s.bytes_per_second = 4 << 20; });
   for (const unsigned nth : {1u, 4u, 12u, 30u}) {
