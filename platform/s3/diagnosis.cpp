@@ -211,6 +211,7 @@ private:
   bool no_time_ = false;
   long long clock_offset_ = 0;
   std::vector<Host_Address> addresses_;
+  bool wants_certificate_ = false;
   std::string bucket_; ///< empty: none that can be looked at
   bool denied_ = false; ///< the account's buckets may not be listed
   bool list_v2_ = false;
@@ -237,7 +238,9 @@ bool Diagnoser::reach() {
     return true;
   }
   const TLS_Files files{settings_.ca_file, settings_.client_cert, settings_.client_key};
-  return add("tls", try_tls(socket, service_.host, files, step()));
+  const Finding finding = try_tls(socket, service_.host, files, step());
+  wants_certificate_ = finding.wants_certificate;
+  return add("tls", finding);
 }
 
 void Diagnoser::look_at_clock(const Outcome& outcome) {
@@ -275,8 +278,9 @@ bool Diagnoser::talk() {
                        fault.compare(0, 5, "name.") != 0;
   if (!talks || !reached) {
     std::string named = fault;
-    if (service_.ssl && reached && (fault == "http.closed" || first.error.message().find("certificate") != std::string::npos))
-      named = first.error.message().find("ertificate") != std::string::npos ? "tls.client-certificate" : fault;
+    // A service that goes without a certificate just hangs up, or says why too late.
+    if (wants_certificate_ && fault != "http.busy" && fault != "http.server-error")
+      named = "tls.client-certificate";
     else if (!service_.ssl && settings_.proxy.empty() && fault != "http.busy" && fault != "http.server-error" &&
              left() > LEAST) {
       Probe_Socket socket;

@@ -40,8 +40,8 @@ struct Patient {
     if (options.tls)
       account.settings.ca_file = server.ca_file();
   }
-  void raw(const std::string& answer) {
-    other = std::make_unique<Raw_Server>(answer);
+  void raw(const std::string& answer, bool hang_up = false) {
+    other = std::make_unique<Raw_Server>(answer, hang_up);
     account.service.port = other->port();
   }
   /// The bucket may stand before "localhost", which resolves to this machine whatever stands there.
@@ -128,7 +128,7 @@ const Case CASES[] = {
        p.raw("HTTP/1.1 400 Bad Request\r\n\r\n");
      }},
     {"tls_broken_off", Check::FAILED, "tls", "tls.closed", over_tls,
-     [](Patient& p) { p.server.add_fault(Fault::refuse_connection()); }},
+     [](Patient& p) { p.raw("", true); }},
     {"silent_tls", Check::FAILED, "tls", "tls.silent", over_tls, [](Patient& p) { p.raw(""); }},
     {"tls_wanted", Check::FAILED, "http", "http.wants-tls", over_tls,
      [](Patient& p) { p.account.service.ssl = false; }},

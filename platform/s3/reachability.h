@@ -14,6 +14,7 @@ struct Finding {
   std::string fault; ///< "connect.refused"; see diagnosis_faults.h
   std::string tried;
   std::string found;
+  bool wants_certificate = false; ///< TLS: the service asked for a client's certificate that it was not given
 };
 
 /// One address of a host.

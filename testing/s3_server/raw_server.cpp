@@ -11,7 +11,7 @@
 
 namespace s3_testing {
 
-Raw_Server::Raw_Server(std::string answer) : answer_(std::move(answer)) {
+Raw_Server::Raw_Server(std::string answer, bool hang_up) : answer_(std::move(answer)), hang_up_(hang_up) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -52,7 +52,7 @@ void Raw_Server::serve() {
       char room[16 * 1024];
       if (::recv(waits[at].fd, room, sizeof room, 0) <= 0) {
         end_of(at);
-      } else if (!answer_.empty()) {
+      } else if (hang_up_ || !answer_.empty()) {
         std::size_t sent = 0;
         while (sent < answer_.size()) {
           const ssize_t count = ::send(waits[at].fd, answer_.data() + sent, answer_.size() - sent, MSG_NOSIGNAL);
