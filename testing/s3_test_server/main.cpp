@@ -2,6 +2,7 @@
 // Prints "endpoint=", "access_key=", "secret_key=" and "ready", serves until its standard input ends. Each line of it is
 // a question, which is answered with one line:
 //     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
+//     sequence                            the operations of all requests, with --log: "ListBuckets ListObjects ..."
 //     stalled                             "yes" once a reply stalls, "no" after 20 seconds without
 //     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
 
@@ -79,6 +80,12 @@ std::string answer(const s3_testing::S3_Server& server, const std::string& line)
       return "no such object";
     const std::string found = s3_testing::difference(*one, *other);
     return found.empty() ? "none" : found;
+  }
+  if (question == "sequence") {
+    std::string out;
+    for (const s3_testing::Request_Info& request : server.log())
+      out += (out.empty() ? "" : " ") + request.operation;
+    return out;
   }
   if (question == "stalled")
     return server.wait_for_stalls(1, 20) ? "yes" : "no";
