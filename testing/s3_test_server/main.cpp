@@ -2,6 +2,7 @@
 // Prints "endpoint=", "access_key=", "secret_key=" and "ready", serves until its standard input ends. Each line of it is
 // a question, which is answered with one line:
 //     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
+//     concurrent                          most requests that were in work at one time
 //     sequence                            the operations of all requests, with --log: "ListBuckets ListObjects ..."
 //     stalled                             "yes" once a reply stalls, "no" after 20 seconds without
 //     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
@@ -87,6 +88,8 @@ std::string answer(const s3_testing::S3_Server& server, const std::string& line)
       out += (out.empty() ? "" : " ") + request.operation;
     return out;
   }
+  if (question == "concurrent")
+    return std::to_string(server.max_concurrent());
   if (question == "stalled")
     return server.wait_for_stalls(1, 20) ? "yes" : "no";
   if (question == "requests") {

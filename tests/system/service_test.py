@@ -110,12 +110,24 @@ class Service(harness.Scenario):
                 self.assertLess(time.monotonic() - began, 2)
 
     def test_service_that_admits_few_requests_loses_no_object(self):
-        server = self.serve("--synthetic", "bucket,400,10", "--admit", "100", "--bucket", "target")
+        server = self.serve("--synthetic", "bucket,200,10", "--admit", "100", "--bucket", "target")
         self.add_account(server)
         self.add_pool()
         outcome = self.backup("/bucket/", "--readers", "16")
-        self.assertEqual((400, 0), (outcome["saved"], outcome["failed"]))
-        self.agent("restore", outcome["set"], "--account", "work", "--map", "bucket=target")
+        self.assertEqual((200, 0), (outcome["saved"], outcome["failed"]))
+        restored = self.agent("restore", outcome["set"], "--map", "bucket=target", "--json").json
+        self.assertEqual(0, restored["failed"], restored)
+
+    def test_restore_is_as_parallel_as_backup(self):
+        source = self.serve("--synthetic", "bucket,200,1000", "--latency", "30")
+        self.add_account(source)
+        self.add_pool()
+        outcome = self.backup("/bucket/")
+        target = self.serve("--bucket", "target", "--latency", "30")
+        self.add_account(target, name="other")
+        self.agent("restore", outcome["set"], "--to", "other", "--map", "bucket=target")
+        self.assertGreaterEqual(int(source.ask("concurrent")), 8)
+        self.assertGreaterEqual(int(target.ask("concurrent")), 8)
 
 
 if __name__ == "__main__":
