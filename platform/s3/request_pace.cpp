@@ -163,8 +163,8 @@ void Request_Pace::feel_up() {
   if (phase_ == SEEKING)
     last_step_ = SEEKING_STEP;
   else if (phase_ == CLOSING_IN || quiet_ >= LONG_QUIET || (quiet_ >= QUIET && calm_ >= QUIET_REQUESTS))
-    last_step_ = std::min(LONGEST_STEP, (phase_ == CLOSING_IN ? CLOSING_STEP : FIRST_STEP) *
-                                            std::pow(2, std::min(steps_++, 16u)));
+    last_step_ = std::min(LONGEST_STEP,
+                          (phase_ == CLOSING_IN ? CLOSING_STEP : FIRST_STEP) * std::pow(2, std::min(steps_++, 16u)));
   else
     return;
   rate_ *= 1 + last_step_;

@@ -41,22 +41,22 @@ private:
   unsigned in_flight_ = 0;
   double limit_ = 0;
   double rate_ = 0;
-  double next_at_ = 0;            ///< when the next request may begin, by the rate
-  unsigned long generation_ = 0;  ///< grows with every cut: what was sent before it says nothing new
+  double next_at_ = 0;           ///< when the next request may begin, by the rate
+  unsigned long generation_ = 0; ///< grows with every cut: what was sent before it says nothing new
 
-  double epoch_ = -1;             ///< when the present epoch began; negative: not yet
-  double rate_before_ = 0;        ///< at the beginning of the epoch
-  unsigned taken_ = 0;            ///< in this epoch
+  double epoch_ = -1;      ///< when the present epoch began; negative: not yet
+  double rate_before_ = 0; ///< at the beginning of the epoch
+  unsigned taken_ = 0;     ///< in this epoch
   unsigned refused_ = 0;
   unsigned cuts_ = 0;
-  unsigned quiet_ = 0;            ///< epochs without a refusal, one after the other
-  unsigned calm_ = 0;             ///< requests without one
-  unsigned steps_ = 0;            ///< up since the last one
+  unsigned quiet_ = 0; ///< epochs without a refusal, one after the other
+  unsigned calm_ = 0;  ///< requests without one
+  unsigned steps_ = 0; ///< up since the last one
   Phase phase_ = SEEKING;
   double last_step_ = 0;
-  double credit_ = 0;             ///< refusals that are taken as they come
-  std::deque<double> sustained_;  ///< taken per second in the last epochs
-  std::deque<double> taken_at_;   ///< the last ones taken, while there is no rate yet
+  double credit_ = 0;            ///< refusals that are taken as they come
+  std::deque<double> sustained_; ///< taken per second in the last epochs
+  std::deque<double> taken_at_;  ///< the last ones taken, while there is no rate yet
 };
 
 } // namespace s3

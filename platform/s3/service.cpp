@@ -39,7 +39,8 @@ S3_Error named_missing(const S3_Error& error, const char* code) {
 
 } // namespace
 
-Service::Service(std::shared_ptr<Endpoint> endpoint) : endpoint_(std::move(endpoint)), transport_(endpoint_), listing_(transport_) {}
+Service::Service(std::shared_ptr<Endpoint> endpoint)
+    : endpoint_(std::move(endpoint)), transport_(endpoint_), listing_(transport_) {}
 
 Service::~Service() = default;
 

@@ -112,7 +112,8 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
     }
     if (may_set_clock) {
       const time_t server = curl_getdate(outcome.head.value("date").c_str(), nullptr);
-      if (server > 0 && blames_clock(outcome.head, document, static_cast<long long>(server) - static_cast<long long>(now))) {
+      if (server > 0 &&
+          blames_clock(outcome.head, document, static_cast<long long>(server) - static_cast<long long>(now))) {
         may_set_clock = false;
         endpoint_->learn_clock(static_cast<long long>(server) - static_cast<long long>(Clock::instance().now()));
         continue;

@@ -40,7 +40,8 @@ TEST_F(Waiting_Test, retry_after_in_seconds_closes_the_endpoint_for_everybody) {
 
 TEST_F(Waiting_Test, retry_after_as_a_date_counts_by_the_service_s_own_clock) {
   const time_t theirs = clock.now() + 500000;
-  server.configure([theirs](S3_Server_Settings& s) { s.clock = [theirs] { return static_cast<std::int64_t>(theirs); }; });
+  server.configure(
+      [theirs](S3_Server_Settings& s) { s.clock = [theirs] { return static_cast<std::int64_t>(theirs); }; });
   server.add_fault(Fault::error(503, "SlowDown").reply_header("Retry-After", s3::http_date(theirs + 11)).times(1));
   const std::shared_ptr<s3::Endpoint> one = endpoint();
   one->learn_clock(500000);
@@ -136,7 +137,8 @@ TEST_F(Waiting_Test, who_waits_at_a_closed_gate_gives_up_when_the_job_is_cancell
 
 TEST_F(Waiting_Test, clock_is_learned_where_it_may_be_what_is_refused) {
   const time_t theirs = clock.now() + 7200;
-  server.configure([theirs](S3_Server_Settings& s) { s.clock = [theirs] { return static_cast<std::int64_t>(theirs); }; });
+  server.configure(
+      [theirs](S3_Server_Settings& s) { s.clock = [theirs] { return static_cast<std::int64_t>(theirs); }; });
   const std::shared_ptr<s3::Endpoint> one = endpoint();
   EXPECT_TRUE(get(one).ok()) << "RequestTimeTooSkewed";
   EXPECT_EQ(2u, server.count("GetObject"));

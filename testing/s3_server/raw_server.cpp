@@ -17,9 +17,8 @@ Raw_Server::Raw_Server(std::string answer, bool hang_up) : answer_(std::move(ans
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener_ < 0 || ::pipe(wake_) != 0 ||
-      ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(listener_, 16) != 0 ||
-      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+  if (listener_ < 0 || ::pipe(wake_) != 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
     throw std::runtime_error("listening on 127.0.0.1");
   port_ = ntohs(address.sin_port);
   thread_ = std::thread([this] { serve(); });
