@@ -55,8 +55,7 @@ std::string whole_path(const char* what, const std::string& file) {
 /// What of the arguments needs a look before it is stored.
 void complete(Account& account, const Account_Arguments& arguments) {
   std::string error;
-  if (!arguments.endpoint.empty() &&
-      !split_endpoint_url(arguments.endpoint, account.scheme, account.endpoint, error))
+  if (!arguments.endpoint.empty() && !split_endpoint_url(arguments.endpoint, account.scheme, account.endpoint, error))
     throw Command_Error("endpoint '" + arguments.endpoint + "': " + error);
   if (!account.vendor.empty() && !vendor_preset(account.vendor)) {
     std::string names;
@@ -184,7 +183,8 @@ void add_options(CLI::App& command, Account_Arguments& arguments, bool required)
       ->type_name("URL");
   command.add_option("--connect-timeout", account.connect_timeout, "Seconds to connect in; 0: 10")
       ->check(CLI::Range(0, 3600));
-  command.add_option("--idle-timeout", account.idle_timeout, "Seconds without a byte after which a transfer ends; 0: 60")
+  command
+      .add_option("--idle-timeout", account.idle_timeout, "Seconds without a byte after which a transfer ends; 0: 60")
       ->check(CLI::Range(0, 3600));
   command.add_option("--user-agent", account.user_agent, "Name to go by; none: none is sent");
   command.add_option("--bucket", account.buckets, "A bucket that jobs may use; none: all of the account")

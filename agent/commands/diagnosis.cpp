@@ -11,8 +11,7 @@ namespace {
 s3::Diagnosis look_at(const Account& account) {
   s3::Diagnosis_Options options;
   options.service = account_service_options(account);
-  options.settings =
-      Endpoint_Settings::get(options.service.host, options.service.port, options.service.access_key);
+  options.settings = Endpoint_Settings::get(options.service.host, options.service.port, options.service.access_key);
   // What an earlier look found out may not hold any more.
   options.settings.addressing = Endpoint_Settings::read_addressing(account.addressing);
   options.settings.list_version = Endpoint_Settings::read_list_version(account.list_version);

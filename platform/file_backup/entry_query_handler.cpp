@@ -44,8 +44,10 @@ bool register_endpoint(const Account& account) {
   };
   const Endpoint_Settings defaults;
   settings.addressing = Endpoint_Settings::read_addressing(chosen(account.addressing, account.found_addressing));
-  settings.list_version = Endpoint_Settings::read_list_version(chosen(account.list_version, account.found_list_version));
-  settings.url_encoding = Endpoint_Settings::read_url_encoding(chosen(account.url_encoding, account.found_url_encoding));
+  settings.list_version =
+      Endpoint_Settings::read_list_version(chosen(account.list_version, account.found_list_version));
+  settings.url_encoding =
+      Endpoint_Settings::read_url_encoding(chosen(account.url_encoding, account.found_url_encoding));
   settings.payload_signing = Endpoint_Settings::read_payload_signing(account.payload_signing);
   settings.ca_file = account.ca_file;
   settings.client_cert = account.client_cert;

@@ -78,9 +78,9 @@ std::string fault_of(const Outcome& outcome) {
 
 /// The service does not like how the request was signed, or did not understand it.
 bool may_be_signature(const S3_Error& error) {
-  for (const char* code : {"SignatureDoesNotMatch", "InvalidRequest", "InvalidArgument", "AccessDenied",
-                           "NotImplemented", "BadRequest", "Unauthorized", "AuthorizationHeaderMalformed",
-                           "InvalidSecurity"})
+  for (const char* code :
+       {"SignatureDoesNotMatch", "InvalidRequest", "InvalidArgument", "AccessDenied", "NotImplemented", "BadRequest",
+        "Unauthorized", "AuthorizationHeaderMalformed", "InvalidSecurity"})
     if (error.code() == code)
       return true;
   return false;
@@ -121,8 +121,8 @@ public:
         read();
       }
     }
-    for (const char* name : {"name", "connect", "tls", "http", "clock", "credentials", "signature", "addressing", "region",
-                             "listing", "paging", "encoding", "range", "if-match"})
+    for (const char* name : {"name", "connect", "tls", "http", "clock", "credentials", "signature", "addressing",
+                             "region", "listing", "paging", "encoding", "range", "if-match"})
       order(name);
     return std::move(diagnosis_);
   }
@@ -146,8 +146,11 @@ private:
   }
   bool add(const char* name, const Finding& finding) {
     const bool noted = finding.fault == "tls.expires-soon";
-    add(name, finding.fault.empty() ? Check::PASSED : noted ? Check::NOTED : Check::FAILED, finding.fault, finding.tried,
-        finding.found);
+    add(name,
+        finding.fault.empty() ? Check::PASSED
+        : noted               ? Check::NOTED
+                              : Check::FAILED,
+        finding.fault, finding.tried, finding.found);
     return finding.fault.empty() || noted;
   }
   /// Puts the check of that name behind those that stand in order already; one that was not made is skipped.
@@ -211,7 +214,8 @@ private:
   bool no_time_ = false;
   long long clock_offset_ = 0;
   std::vector<Host_Address> addresses_;
-  std::string bucket_; ///< empty: none that can be looked at
+  bool wants_certificate_ = false;
+  std::string bucket_;  ///< empty: none that can be looked at
   bool denied_ = false; ///< the account's buckets may not be listed
   bool list_v2_ = false;
   Get_Bucket_Content sample_;
@@ -227,7 +231,8 @@ bool Diagnoser::reach() {
     host = proxy.host();
     port = proxy.port();
   }
-  if (!add("name", look_up(host, port, options_.resolver ? options_.resolver : Resolver(resolve_host), step(), addresses_)))
+  if (!add("name",
+           look_up(host, port, options_.resolver ? options_.resolver : Resolver(resolve_host), step(), addresses_)))
     return false;
   Probe_Socket socket;
   if (!add("connect", try_connect(addresses_, port, step(), socket)))
@@ -237,7 +242,9 @@ bool Diagnoser::reach() {
     return true;
   }
   const TLS_Files files{settings_.ca_file, settings_.client_cert, settings_.client_key};
-  return add("tls", try_tls(socket, service_.host, files, step()));
+  const Finding finding = try_tls(socket, service_.host, files, step());
+  wants_certificate_ = finding.wants_certificate;
+  return add("tls", finding);
 }
 
 void Diagnoser::look_at_clock(const Outcome& outcome) {
@@ -271,12 +278,13 @@ bool Diagnoser::talk() {
   const std::string tried = "list the account's buckets";
   const std::string fault = first.ok() ? "" : fault_of(first);
   const bool talks = fault.compare(0, 5, "http.") != 0 || fault == "http.failed";
-  const bool reached = fault.compare(0, 4, "tls.") != 0 && fault.compare(0, 8, "connect.") != 0 &&
-                       fault.compare(0, 5, "name.") != 0;
+  const bool reached =
+      fault.compare(0, 4, "tls.") != 0 && fault.compare(0, 8, "connect.") != 0 && fault.compare(0, 5, "name.") != 0;
   if (!talks || !reached) {
     std::string named = fault;
-    if (service_.ssl && reached && (fault == "http.closed" || first.error.message().find("certificate") != std::string::npos))
-      named = first.error.message().find("ertificate") != std::string::npos ? "tls.client-certificate" : fault;
+    // A service that goes without a certificate just hangs up, or says why too late.
+    if (wants_certificate_ && fault != "http.busy" && fault != "http.server-error")
+      named = "tls.client-certificate";
     else if (!service_.ssl && settings_.proxy.empty() && fault != "http.busy" && fault != "http.server-error" &&
              left() > LEAST) {
       Probe_Socket socket;
@@ -288,7 +296,8 @@ bool Diagnoser::talk() {
     return false;
   }
   if (!first.ok() && first.error.status() != 0 && first.head.value("server").empty() &&
-      first.head.value("x-amz-request-id").empty() && first.head.value("content-type").find("html") != std::string::npos) {
+      first.head.value("x-amz-request-id").empty() &&
+      first.head.value("content-type").find("html") != std::string::npos) {
     add("http", Check::FAILED, "http.not-s3", tried, where(first));
     return false;
   }
@@ -324,12 +333,12 @@ bool Diagnoser::settle_signature(const Outcome& first, const std::string& tried)
     return transport.ask(Request{"GET", bucket_, "", {{"max-keys", "1"}}, {}, false, {}}, reader);
   };
   if (may_be_signature(first.error)) {
-    const std::shared_ptr<Endpoint> other = client([&](S3_Service_Options& service, Settings&) {
-      service.sign_method = v2 ? "v4" : "v2";
-    });
+    const std::shared_ptr<Endpoint> other =
+        client([&](S3_Service_Options& service, Settings&) { service.sign_method = v2 ? "v4" : "v2"; });
     if (other && ask(*other).ok()) {
       // AccessDenied alone does not tell: the same keys may be good for the bucket by either method.
-      const std::shared_ptr<Endpoint> same = first.error.code() == "AccessDenied" && !bucket_.empty() ? client() : nullptr;
+      const std::shared_ptr<Endpoint> same =
+          first.error.code() == "AccessDenied" && !bucket_.empty() ? client() : nullptr;
       if (!same || !ask(*same).ok()) {
         add("credentials", Check::PASSED, "", tried, std::string("taken when signed by ") + (v2 ? "v4" : "v2"));
         add("signature", Check::FAILED, v2 ? "signature.v4-only" : "signature.v2-only", std::string("sign by ") + mine,
@@ -349,7 +358,8 @@ bool Diagnoser::settle_signature(const Outcome& first, const std::string& tried)
     add("clock", Check::FAILED, fault, tried, where(first));
     return false;
   }
-  denied_ = fault == "credentials.denied" || first.error.number() == ENOTSUP || first.error.code() == "MethodNotAllowed";
+  denied_ =
+      fault == "credentials.denied" || first.error.number() == ENOTSUP || first.error.code() == "MethodNotAllowed";
   if (denied_ && !bucket_.empty()) {
     add("credentials", Check::NOTED, "credentials.no-list", tried, where(first));
     add("signature", Check::PASSED, "", std::string("sign by ") + mine, "not complained about");
@@ -504,9 +514,16 @@ bool Diagnoser::list() {
   list_v2_ = works[first_v2] ? first_v2 : !first_v2;
   if (!asked)
     diagnosis_.list_version = list_v2_ ? "2" : "1";
-  const std::string fault = works[0] && works[1] ? "" : works[1] ? "listing.v2-only" : ignored ? "listing.v2-ignored" : "listing.v1-only";
+  const std::string fault = works[0] && works[1] ? ""
+                            : works[1]           ? "listing.v2-only"
+                            : ignored            ? "listing.v2-ignored"
+                                                 : "listing.v1-only";
   const bool failed = asked && !works[first_v2];
-  Check& check = add("listing", failed ? Check::FAILED : fault.empty() ? Check::PASSED : Check::NOTED, fault, tried,
+  Check& check = add("listing",
+                     failed          ? Check::FAILED
+                     : fault.empty() ? Check::PASSED
+                                     : Check::NOTED,
+                     fault, tried,
                      fault.empty() ? "both are served"
                      : ignored     ? "a listing of version 2 is answered as one of version 1"
                                    : where(outcomes[works[0]]));
@@ -556,7 +573,8 @@ void Diagnoser::page() {
   if (!outcome.ok() && outcome.error.code() != "MalformedAnswer")
     return failed(fault_of(outcome), where(outcome));
   if (outcome.ok() && !next.objects.empty() && next.objects.front().name <= last)
-    return failed("paging.does-not-advance", "the second page begins with '" + shown(next.objects.front().name) + "' again");
+    return failed("paging.does-not-advance",
+                  "the second page begins with '" + shown(next.objects.front().name) + "' again");
   add("paging", Check::PASSED, "", tried, "the second page goes on behind the first");
 }
 
@@ -625,8 +643,11 @@ void Diagnoser::read() {
     }
     const bool denied = outcome.error.number() == EACCES;
     const std::string fault = fault_of(outcome);
-    add("range", Check::FAILED, denied ? "credentials.no-read" : fault == "http.failed" ? "range.failed" : fault, tried,
-        where(outcome));
+    add("range", Check::FAILED,
+        denied                   ? "credentials.no-read"
+        : fault == "http.failed" ? "range.failed"
+                                 : fault,
+        tried, where(outcome));
     return;
   }
   const bool ranged = outcome.head.status == 206 && outcome.head.value("content-length") == "1";

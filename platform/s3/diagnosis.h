@@ -18,8 +18,8 @@ struct Check {
     FAILED, ///< work with the account will fail
     SKIPPED ///< could not be looked at; `found` says why
   };
-  /// "name", "connect", "tls", "http", "clock", "credentials", "signature", "addressing", "region", "listing", "paging",
-  /// "encoding", "range", "if-match".
+  /// "name", "connect", "tls", "http", "clock", "credentials", "signature", "addressing", "region", "listing",
+  /// "paging", "encoding", "range", "if-match".
   std::string name;
   State state = SKIPPED;
   std::string fault; ///< "tls.expired"; empty where nothing is wrong
@@ -52,13 +52,13 @@ const char* advice_for(const std::string& fault);
 struct Diagnosis_Options {
   S3_Service_Options service;
   Endpoint_Settings settings;
-  std::vector<std::string> buckets; ///< those to look at, the first one closely; none: what the account lists
-  Resolver resolver;                ///< none: the system's
+  std::vector<std::string> buckets;      ///< those to look at, the first one closely; none: what the account lists
+  Resolver resolver;                     ///< none: the system's
   std::chrono::milliseconds limit{4500}; ///< for all of it
 };
 
-/// Looks at an account step by step, each on what was learned before, and changes nothing at the service. It ends within
-/// the limit: what there was no time for is skipped. Any thread.
+/// Looks at an account step by step, each on what was learned before, and changes nothing at the service. It ends
+/// within the limit: what there was no time for is skipped. Any thread.
 Diagnosis diagnose(const Diagnosis_Options& options);
 
 } // namespace s3

@@ -109,7 +109,8 @@ const Check* Diagnosis::failure() const {
 
 bool Diagnosis::unreachable() const {
   const Check* const failed = failure();
-  return failed && (failed->name == "name" || failed->name == "connect" || failed->name == "tls" || failed->name == "http");
+  return failed &&
+         (failed->name == "name" || failed->name == "connect" || failed->name == "tls" || failed->name == "http");
 }
 
 } // namespace s3

@@ -40,8 +40,8 @@ struct Patient {
     if (options.tls)
       account.settings.ca_file = server.ca_file();
   }
-  void raw(const std::string& answer) {
-    other = std::make_unique<Raw_Server>(answer);
+  void raw(const std::string& answer, bool hang_up = false) {
+    other = std::make_unique<Raw_Server>(answer, hang_up);
     account.service.port = other->port();
   }
   /// The bucket may stand before "localhost", which resolves to this machine whatever stands there.
@@ -81,13 +81,18 @@ const Case CASES[] = {
     {"unknown_name", Check::FAILED, "name", "name.unknown", plain,
      [](Patient& p) {
        p.account.service.host = "no.such.host";
-       p.account.resolver = [](const std::string&, unsigned short, std::vector<s3::Host_Address>&) { return EAI_NONAME; };
+       p.account.resolver = [](const std::string&, unsigned short, std::vector<s3::Host_Address>&) {
+         return EAI_NONAME;
+       };
      }},
     {"name_servers_down", Check::FAILED, "name", "name.no-answer", plain,
      [](Patient& p) {
-       p.account.resolver = [](const std::string&, unsigned short, std::vector<s3::Host_Address>&) { return EAI_AGAIN; };
+       p.account.resolver = [](const std::string&, unsigned short, std::vector<s3::Host_Address>&) {
+         return EAI_AGAIN;
+       };
      }},
-    {"nobody_listens", Check::FAILED, "connect", "connect.refused", plain, [](Patient& p) { p.server.stop_listening(); }},
+    {"nobody_listens", Check::FAILED, "connect", "connect.refused", plain,
+     [](Patient& p) { p.server.stop_listening(); }},
     {"certificate_expired", Check::FAILED, "tls", "tls.expired",
      [] {
        S3_Server_Options options = over_tls();
@@ -127,8 +132,7 @@ const Case CASES[] = {
        p.account.service.ssl = true;
        p.raw("HTTP/1.1 400 Bad Request\r\n\r\n");
      }},
-    {"tls_broken_off", Check::FAILED, "tls", "tls.closed", over_tls,
-     [](Patient& p) { p.server.add_fault(Fault::refuse_connection()); }},
+    {"tls_broken_off", Check::FAILED, "tls", "tls.closed", over_tls, [](Patient& p) { p.raw("", true); }},
     {"silent_tls", Check::FAILED, "tls", "tls.silent", over_tls, [](Patient& p) { p.raw(""); }},
     {"tls_wanted", Check::FAILED, "http", "http.wants-tls", over_tls,
      [](Patient& p) { p.account.service.ssl = false; }},

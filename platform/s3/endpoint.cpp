@@ -66,6 +66,7 @@ std::shared_ptr<Endpoint> Endpoint::make(const S3_Service_Options& options, cons
   endpoint->credentials_.access_key = options.access_key;
   endpoint->credentials_.secret_key = options.secret_key;
   endpoint->credentials_.token = options.sts_token;
+  endpoint->gate_ = Request_Gate::of(options.host, endpoint->base_.port, options.access_key);
   endpoint->max_retry_seconds_ = options.max_retry_seconds;
   endpoint->ledger_ = options.ledger ? options.ledger : std::make_shared<S3_Ledger>();
 

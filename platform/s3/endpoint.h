@@ -6,6 +6,7 @@
 #include "platform/s3/endpoint_settings.h"
 #include "platform/s3/ledger.h"
 #include "platform/s3/request_builder.h"
+#include "platform/s3/request_gate.h"
 #include "sdk/s3/s3_types.h"
 
 #include <atomic>
@@ -57,6 +58,8 @@ public:
   const Credentials& credentials() const { return credentials_; }
   const Endpoint_Settings& settings() const { return settings_; }
   const std::shared_ptr<HTTP_Channel_Pool>& pool() const { return pool_; }
+  /// Never null; shared with all clients of this endpoint.
+  Request_Gate& gate() { return *gate_; }
   /// Never null; one of its own where no job's was given.
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
   /// What the service was found to do with objects' attributes.
@@ -80,6 +83,7 @@ private:
   Endpoint_Settings settings_;
   Credentials credentials_;
   std::shared_ptr<HTTP_Channel_Pool> pool_;
+  std::shared_ptr<Request_Gate> gate_;
   std::shared_ptr<S3_Ledger> ledger_;
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;

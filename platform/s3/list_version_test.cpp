@@ -1,5 +1,5 @@
-#include "platform/s3/client_fixture.h"
 #include "platform/s3/answers.h"
+#include "platform/s3/client_fixture.h"
 
 #include <algorithm>
 

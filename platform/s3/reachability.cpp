@@ -86,8 +86,8 @@ int resolve_host(const std::string& host, unsigned short port, std::vector<Host_
   return addresses.empty() ? EAI_NONAME : 0;
 }
 
-Finding look_up(const std::string& host, unsigned short port, const Resolver& resolver,
-                std::chrono::milliseconds limit, std::vector<Host_Address>& addresses) {
+Finding look_up(const std::string& host, unsigned short port, const Resolver& resolver, std::chrono::milliseconds limit,
+                std::vector<Host_Address>& addresses) {
   Finding finding;
   finding.tried = "look up " + host;
   // The system's resolver cannot be stopped: its thread keeps what it needs and is left to itself.
@@ -144,7 +144,9 @@ Finding try_connect(const std::vector<Host_Address>& addresses, unsigned short p
     }
   }
   finding.found = std::strerror(failure);
-  finding.fault = failure == ECONNREFUSED ? "connect.refused" : failure == ETIMEDOUT ? "connect.timeout" : "connect.failed";
+  finding.fault = failure == ECONNREFUSED ? "connect.refused"
+                  : failure == ETIMEDOUT  ? "connect.timeout"
+                                          : "connect.failed";
   return finding;
 }
 

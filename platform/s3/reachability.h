@@ -14,6 +14,7 @@ struct Finding {
   std::string fault; ///< "connect.refused"; see diagnosis_faults.h
   std::string tried;
   std::string found;
+  bool wants_certificate = false; ///< TLS: the service asked for a client's certificate that it was not given
 };
 
 /// One address of a host.
@@ -30,8 +31,8 @@ typedef std::function<int(const std::string& host, unsigned short port, std::vec
 int resolve_host(const std::string& host, unsigned short port, std::vector<Host_Address>& addresses);
 
 /// Looks the host up, for `limit` at the most; the look-up itself may go on behind the caller's back.
-Finding look_up(const std::string& host, unsigned short port, const Resolver& resolver,
-                std::chrono::milliseconds limit, std::vector<Host_Address>& addresses);
+Finding look_up(const std::string& host, unsigned short port, const Resolver& resolver, std::chrono::milliseconds limit,
+                std::vector<Host_Address>& addresses);
 
 /// A connected socket, closed with its owner.
 class Probe_Socket {

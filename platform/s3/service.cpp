@@ -65,7 +65,8 @@ S3_Error changed_error(const std::string& what) {
 
 } // namespace
 
-Service::Service(std::shared_ptr<Endpoint> endpoint) : endpoint_(std::move(endpoint)), transport_(endpoint_), listing_(transport_) {}
+Service::Service(std::shared_ptr<Endpoint> endpoint)
+    : endpoint_(std::move(endpoint)), transport_(endpoint_), listing_(transport_) {}
 
 Service::~Service() = default;
 

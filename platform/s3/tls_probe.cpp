@@ -105,7 +105,8 @@ int shake_hands(SSL* ssl, int fd, Steady::time_point end, bool& timed_out) {
       return 1;
     const int why = SSL_get_error(ssl, result);
     if (why != SSL_ERROR_WANT_READ && why != SSL_ERROR_WANT_WRITE)
-      return why == SSL_ERROR_SSL ? -1 : 0;
+      return why == SSL_ERROR_SSL && ERR_GET_REASON(ERR_peek_last_error()) != SSL_R_UNEXPECTED_EOF_WHILE_READING ? -1
+                                                                                                                 : 0;
     pollfd wait = {fd, static_cast<short>(why == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT), 0};
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Steady::now()).count();
     const int ready = left > 0 ? ::poll(&wait, 1, static_cast<int>(left)) : 0;
@@ -125,6 +126,12 @@ Ssl_ptr make_session(SSL_CTX* context, int fd, const std::string& host) {
   if (!is_address(host))
     SSL_set_tlsext_host_name(ssl.get(), host.c_str());
   return ssl;
+}
+
+/// Called where the service asks for a certificate and none is set.
+int on_certificate_wanted(SSL* ssl, X509**, EVP_PKEY**) {
+  *static_cast<bool*>(SSL_get_app_data(ssl)) = true;
+  return 0;
 }
 
 } // namespace
@@ -162,6 +169,8 @@ Finding try_tls(const Probe_Socket& socket, const std::string& host, const TLS_F
   const Ssl_ptr ssl = make_session(context.get(), socket.get(), host);
   if (!ssl)
     return failed("tls.failed", "no memory");
+  SSL_CTX_set_client_cert_cb(context.get(), on_certificate_wanted);
+  SSL_set_app_data(ssl.get(), &finding.wants_certificate);
   // The handshake goes on whatever is wrong with the certificate, so that all of it can be told.
   SSL_set_verify(ssl.get(), SSL_VERIFY_NONE, nullptr);
   X509_VERIFY_PARAM* const rules = SSL_get0_param(ssl.get());
@@ -181,9 +190,9 @@ Finding try_tls(const Probe_Socket& socket, const std::string& host, const TLS_F
     const int code = ERR_GET_REASON(error);
     const bool other_protocol =
         code == SSL_R_WRONG_VERSION_NUMBER || code == SSL_R_HTTP_REQUEST || code == SSL_R_PACKET_LENGTH_TOO_LONG;
-    return failed(other_protocol                              ? "tls.not-tls"
+    return failed(other_protocol                                                                     ? "tls.not-tls"
                   : code == SSL_R_UNSUPPORTED_PROTOCOL || code == SSL_R_TLSV1_ALERT_PROTOCOL_VERSION ? "tls.too-old"
-                                                              : "tls.failed",
+                                                                                                     : "tls.failed",
                   reason ? reason : "the handshake failed");
   }
   const X509_ptr certificate(SSL_get1_peer_certificate(ssl.get()));

@@ -24,7 +24,8 @@ const std::vector<Vendor_Preset>& vendor_presets() {
   static const std::vector<Vendor_Preset> presets{
       {"aws", VIRTUAL, V2, ENCODED, "v4", "buckets are bound to regions; a hint at the right one is followed",
        PROVIDERS "AWS.yaml; aws-sdk-js#1001"},
-      {"ceph", PATH, V1, ANY_ENCODING, "v4", "url-encodes keys and prefixes but not the marker; goes on from the last key",
+      {"ceph", PATH, V1, ANY_ENCODING, "v4",
+       "url-encodes keys and prefixes but not the marker; goes on from the last key",
        PROVIDERS "Ceph.yaml (V1, path style); own runs against radosgw 16: encoding works"},
       {"ceph-old", PATH, V1, PLAIN, "v2", "before version 10: no V4 signatures",
        PROVIDERS "Other.yaml: other-v2-signature, pre Jewel/v10"},
@@ -39,12 +40,11 @@ const std::vector<Vendor_Preset>& vendor_presets() {
       {"netease", ANY_ADDRESSING, V1, PLAIN, "v4", "the ETag of an object sent in parts is not the usual one",
        PROVIDERS "Netease.yaml"},
       {"other", PATH, V1, PLAIN, "v4", "what the most services understand", PROVIDERS "Other.yaml"},
-      {"scality", PATH, ANY_VERSION, ANY_ENCODING, "v4", "virtual-host style needs wildcard names, which are often missing",
-       PROVIDERS "Scality.yaml"},
+      {"scality", PATH, ANY_VERSION, ANY_ENCODING, "v4",
+       "virtual-host style needs wildcard names, which are often missing", PROVIDERS "Scality.yaml"},
       {"seaweedfs", PATH, V1, PLAIN, "v4", "the ETag of an object sent in parts is not the usual one",
        PROVIDERS "SeaweedFS.yaml"},
-      {"storj", ANY_ADDRESSING, ANY_VERSION, ANY_ENCODING, "v4", "wants parts of 64 MiB",
-       PROVIDERS "Storj.yaml"},
+      {"storj", ANY_ADDRESSING, ANY_VERSION, ANY_ENCODING, "v4", "wants parts of 64 MiB", PROVIDERS "Storj.yaml"},
   };
   return presets;
 }

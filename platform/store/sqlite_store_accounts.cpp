@@ -96,7 +96,9 @@ bool SQLite_Store::add_account(const Account& account, std::string& error) {
     error = taken("account", account.name);
     return false;
   }
-  return write_account("INSERT INTO accounts(" ACCOUNT_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)", account, error) &&
+  return write_account("INSERT INTO accounts(" ACCOUNT_COLUMNS
+                       ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)",
+                       account, error) &&
          transaction.commit(error);
 }
 

@@ -11,15 +11,14 @@
 
 namespace s3_testing {
 
-Raw_Server::Raw_Server(std::string answer) : answer_(std::move(answer)) {
+Raw_Server::Raw_Server(std::string answer, bool hang_up) : answer_(std::move(answer)), hang_up_(hang_up) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener_ < 0 || ::pipe(wake_) != 0 ||
-      ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(listener_, 16) != 0 ||
-      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+  if (listener_ < 0 || ::pipe(wake_) != 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
     throw std::runtime_error("listening on 127.0.0.1");
   port_ = ntohs(address.sin_port);
   thread_ = std::thread([this] { serve(); });
@@ -52,7 +51,7 @@ void Raw_Server::serve() {
       char room[16 * 1024];
       if (::recv(waits[at].fd, room, sizeof room, 0) <= 0) {
         end_of(at);
-      } else if (!answer_.empty()) {
+      } else if (hang_up_ || !answer_.empty()) {
         std::size_t sent = 0;
         while (sent < answer_.size()) {
           const ssize_t count = ::send(waits[at].fd, answer_.data() + sent, answer_.size() - sent, MSG_NOSIGNAL);
