@@ -97,6 +97,10 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
   reader.number("max_seconds_retry", settings.max_seconds_retry);
   reader.number("readers", settings.readers);
   reader.number("rate_limit", settings.rate_limit);
+  reader.text("archived", settings.archived);
+  if (settings.archived != "" && settings.archived != "skip" && settings.archived != "fail" &&
+      settings.archived != "request")
+    reader.wrong("archived", "\"skip\", \"fail\" or \"request\"");
 
   settings.type = type == "backup" ? JOB_DEFINITION_BACKUP : type == "restore" ? JOB_DEFINITION_RESTORE : JOB_DEFINITION_NONE;
   if (settings.type == JOB_DEFINITION_NONE)

@@ -13,6 +13,7 @@
 ///       "redirect_post_action_stdin", "ignore_pre_action_failure", "ignore_post_action_failure",
 ///       "run_post_action_always": booleans,
 ///       "max_seconds_retry", "readers", "rate_limit": numbers,
+///       "archived": "skip" | "fail" | "request",
 ///       "source": { ... }, "options": { ... } as the module's parsers read them }
 ///
 /// Builds the definition with the module's parsers. Null with a message that names the member that is wrong.

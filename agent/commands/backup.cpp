@@ -24,6 +24,7 @@ struct Backup_Arguments {
   unsigned scan_threads = 8;
   std::string compression = "none";
   int compression_level = 1;
+  std::string archived = "skip";
   std::vector<std::string> exclusions;
   std::vector<std::string> inclusions;
   bool tags = false;
@@ -109,6 +110,7 @@ void backup(Context& context, Backup_Arguments arguments) {
   definition["agent"] = "obs-agent";
   definition["host_id"] = account.uuid;
   definition["readers"] = arguments.readers;
+  definition["archived"] = arguments.archived;
   definition["target"] = target;
   definition["source"] = source;
   definition["options"] = options;
@@ -141,6 +143,11 @@ void add_backup_command(CLI::App& app, Context& context) {
       ->capture_default_str();
   command->add_option("--compression-level", arguments->compression_level, "1 (fast) to 19 (small), for zstd")
       ->check(CLI::Range(1, 19))
+      ->capture_default_str();
+  command->add_option("--archived", arguments->archived,
+                      "Objects that must be thawed before they can be read: skip, fail, or request (ask the service to "
+                      "thaw them, skip them this time)")
+      ->check(CLI::IsMember({"skip", "fail", "request"}))
       ->capture_default_str();
   command->add_option("--exclude", arguments->exclusions, "Leave out what matches; may be repeated")
       ->type_name("RULE")

@@ -43,6 +43,10 @@ void Curl_Connection::finish_despite_cancel(unsigned seconds) {
   idle_timeout_ = std::min(idle_timeout_, seconds);
 }
 
+bool Curl_Connection::cancelled() const {
+  return (stop_ && *stop_) || (cancellable_ && current_job_cancelled());
+}
+
 bool Curl_Connection::prepare(const HTTP_Request& request) {
   CURL* easy = channel_->easy.get();
   bool enough = true;
@@ -81,7 +85,7 @@ bool Curl_Connection::prepare(const HTTP_Request& request) {
 
 bool Curl_Connection::send(const HTTP_Request& request) {
   state_ = FAILED;
-  if (cancellable_ && current_job_cancelled()) {
+  if (cancelled()) {
     failure_.cancelled = true;
     return false;
   }
@@ -181,7 +185,7 @@ void Curl_Connection::drive(Duration idle, Until until) {
     perform();
     if (!channel_ || until())
       return;
-    if (cancellable_ && current_job_cancelled()) {
+    if (cancelled()) {
       failure_.cancelled = true;
       fail(CURLE_ABORTED_BY_CALLBACK, "cancelled");
       return;

@@ -19,6 +19,9 @@ public:
   /// Requests of this connection are finished even while the job is being cancelled; `seconds` then bounds every wait.
   void finish_despite_cancel(unsigned seconds);
 
+  /// Every wait ends, as if the job were cancelled, once `flag` is true. It must outlive the transfer.
+  void stop_on(const std::atomic<bool>* flag) { stop_ = flag; }
+
   /// Sends the request, once per object, and waits for the answer's head. True when one came, whatever its status; else
   /// `failure` says why not and the state is FAILED. The request's body must stay valid until the answer is read,
   /// closed, or this object is gone.
@@ -56,6 +59,7 @@ private:
   size_t take_buffered(char* buffer, size_t size);
   void fail(int code, const std::string& text);
   void detach();
+  bool cancelled() const;
   size_t buffered() const { return buffer_.size() - buffer_at_; }
 
   std::shared_ptr<HTTP_Channel_Pool> pool_;
@@ -70,6 +74,7 @@ private:
   bool uploading_ = false;
   bool paused_ = false;
   bool cancellable_ = true;
+  const std::atomic<bool>* stop_ = nullptr; ///< null: none
   unsigned idle_timeout_;           ///< seconds
   unsigned long long progress_ = 0; ///< grows with every byte in either direction
   std::string buffer_;              ///< received, not yet asked for, from buffer_at_ on

@@ -91,8 +91,10 @@ struct Job::Impl {
 // A new job has one reference, which a creator hands on with a pointer that adopts it.
 Job::Job(Job_Definition_var definition)
     : definition_(definition), ledger_(std::make_shared<S3_Ledger>()), impl_(new Impl) {
-  if (!definition_.null())
-    uuid_string_to_binary(definition_->uid(), activity_.uid);
+  if (definition_.null())
+    return;
+  uuid_string_to_binary(definition_->uid(), activity_.uid);
+  ledger_->objects.policy(archived_policy_from_string(definition_->archived()).value_or(Archived_Policy::SKIP));
 }
 
 Job::~Job() = default;

@@ -5,13 +5,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 using namespace MTF;
 
 namespace {
 
-/// A reader whose source was replaced under it can only begin anew; one that fails twice is given up.
-constexpr unsigned ATTEMPTS = 2;
+/// An object that was replaced under its reader is read again from its start this often, then it is changing.
+constexpr unsigned MAX_CHANGES = 3;
+/// One whose reading failed for another reason.
+constexpr unsigned MAX_FAILURES = 1;
 /// What a reader's buffer may keep between two objects.
 constexpr size_t KEPT_BUFFER = 128u << 10;
 
@@ -33,11 +36,37 @@ Object_Head Backup_Channel::head_of(const Backup_Item& item) const {
   return head;
 }
 
-void Backup_Channel::account(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading) {
-  if (outcome == Reading_Outcome::SKIPPED)
-    shared_.account->skipped(item.path(), reading.message());
-  else if (outcome == Reading_Outcome::FAILED)
-    shared_.account->failed(item.path(), reading.number(), reading.message());
+/// After an outcome that is not DONE. Where the object is not to be read again it is accounted for.
+bool Backup_Channel::read_again(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading,
+                                Tries& tries) {
+  const std::string path = item.path();
+  std::optional<S3_Error> reason;
+  if (shared_.ledger)
+    reason = shared_.ledger->objects.take_refusal("/" + path);
+  std::string message = reading.message();
+  if (reason)
+    message += " " + reason->text();
+  const bool stopped = shared_.queue->stopped();
+
+  if (outcome == Reading_Outcome::SKIPPED) {
+    if (reason && reason->code() == "InvalidObjectState" &&
+        shared_.ledger->objects.policy() == Archived_Policy::FAIL)
+      shared_.account->failed(path, reason->number(), reason->message());
+    else
+      shared_.account->skipped(path, message);
+    return false;
+  }
+  if (reading.changed() || (reason && reason->number() == ESTALE)) {
+    if (tries.changes++ < MAX_CHANGES && !stopped)
+      return true;
+    shared_.account->skipped(path, "The object is changing: it was replaced while it was read, " +
+                                       std::to_string(tries.changes) + " times. " + message);
+    return false;
+  }
+  if (tries.failures++ < MAX_FAILURES && !stopped && reading.number() != ENOMEM)
+    return true;
+  shared_.account->failed(path, reading.number(), message);
+  return false;
 }
 
 void Backup_Channel::read() {
@@ -62,11 +91,12 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
     return Reading_Outcome::SKIPPED;
   }
   const std::string path = item.path();
-  for (unsigned attempt = 1;; ++attempt) {
+  Tries tries;
+  for (;;) {
     if (reader.null())
       reader = shared_.callback->make_file_reader();
     Object_Reading reading(reader, shared_.limits);
-    Reading_Outcome outcome = reading.open(path);
+    Reading_Outcome outcome = reading.open(path, item.size, item.mtime);
     if (outcome == Reading_Outcome::DONE) {
       const unsigned long long listed = item.size;
       item.size = reading.size();
@@ -89,10 +119,8 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
       shared_.account->failed(path, ENOMEM, error);
       return Reading_Outcome::FAILED;
     }
-    if (outcome == Reading_Outcome::FAILED && attempt < ATTEMPTS && !reader.null() && !shared_.queue->stopped())
-      continue;
-    account(item, outcome, reading);
-    return outcome;
+    if (!read_again(item, outcome, reading, tries))
+      return outcome;
   }
 }
 
@@ -169,8 +197,9 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
   const std::string path = item.path();
   IFile_Reader_var reader = item.reader;
   item.reader = IFile_Reader_var();
-  for (unsigned attempt = 1;; ++attempt) {
-    const bool open = attempt == 1 && !reader.null();
+  bool open = !reader.null();
+  Tries tries;
+  for (;; open = false) {
     if (reader.null())
       reader = shared_.callback->make_file_reader();
     Object_Reading reading(reader, shared_.limits);
@@ -178,7 +207,7 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
     if (open) {
       reading.adopt(item.size, item.mtime);
     } else {
-      outcome = reading.open(path);
+      outcome = reading.open(path, item.size, item.mtime);
       if (outcome == Reading_Outcome::DONE) {
         item.size = reading.size();
         item.mtime = reading.mtime();
@@ -198,10 +227,8 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
       return record(item, stored);
     if (outcome == Reading_Outcome::ABANDONED)
       return shared_.queue->stopped() ? false : medium_failed();
-    if (outcome == Reading_Outcome::FAILED && attempt < ATTEMPTS && !reader.null() && !shared_.queue->stopped())
-      continue;
-    account(item, outcome, reading);
-    return true;
+    if (!read_again(item, outcome, reading, tries))
+      return true;
   }
 }
 

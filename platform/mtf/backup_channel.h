@@ -20,6 +20,7 @@ struct Backup_Shared {
   Backup_Queue* queue = nullptr;
   Run_Account* account = nullptr;
   Catalog_Writer* catalog = nullptr;
+  std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
   /// Ends the run for the reason given. Any thread; the first one counts.
   std::function<void(MTF::Error_Code, const std::string&)> fail;
 };
@@ -42,6 +43,12 @@ public:
   void release() { medium_.reset(); }
 
 private:
+  /// Why one object had to be read again from its start so far.
+  struct Tries {
+    unsigned changes = 0; ///< it was replaced while it was read
+    unsigned failures = 0;
+  };
+
   Reading_Outcome fetch(Backup_Item& item, MTF::IFile_Reader_var& reader, std::vector<char>& buffer);
   bool append(Backup_Item& item);
   bool stream(Backup_Item& item, std::vector<char>& buffer);
@@ -49,7 +56,7 @@ private:
                               Stored_Object& stored);
   bool enter_folder(const Backup_Item& item);
   bool record(const Backup_Item& item, const Stored_Object& stored);
-  void account(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading);
+  bool read_again(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading, Tries& tries);
   Object_Head head_of(const Backup_Item& item) const;
   bool medium_failed();
   void throttle(unsigned long long bytes);

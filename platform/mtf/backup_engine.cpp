@@ -263,6 +263,7 @@ bool Backup_Engine::Impl::write_objects() {
   shared.callback = callback;
   shared.queue = &queue;
   shared.account = &account;
+  shared.ledger = ledger;
   shared.catalog = catalog.get();
   shared.fail = [this](Error_Code why, const std::string& text) { fail(why, text); };
 

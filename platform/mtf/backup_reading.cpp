@@ -5,21 +5,25 @@
 
 using namespace MTF;
 
+namespace {
+
+/// Requests for one object whose size does not settle.
+constexpr unsigned MAX_LOOKS = 4;
+
+} // namespace
+
 Reading_Outcome Object_Reading::fail(int number, const std::string& message) {
   number_ = number;
   message_ = message;
   return Reading_Outcome::FAILED;
 }
 
-Reading_Outcome Object_Reading::open(const std::string& path) {
-  if (reader_.null()) {
-    return fail(ENOMEM, "No reader could be made for the object.");
-  }
+Reading_Outcome Object_Reading::look(const std::string& path) {
   bytes_ = 0;
   opened_ = true;
   if (reader_->open(("/" + path).c_str()) != 0) {
     close();
-    message_ = "The object could not be opened: it is gone, or may not be read.";
+    message_ = "The object could not be opened.";
     return Reading_Outcome::SKIPPED;
   }
   File_Blk block;
@@ -40,6 +44,30 @@ void Object_Reading::attributes(File_Attributes& attributes, std::vector<std::st
   problems.clear();
   if (auto* const source = dynamic_cast<IFile_Attributes_Source*>(reader_.get()))
     source->attributes(attributes, problems);
+}
+
+Reading_Outcome Object_Reading::open(const std::string& path, unsigned long long listed_size, long long listed_mtime) {
+  if (reader_.null()) {
+    return fail(ENOMEM, "No reader could be made for the object.");
+  }
+  Reading_Outcome outcome = look(path);
+  for (unsigned looks = 1; outcome == Reading_Outcome::DONE && size_ != listed_size; ++looks) {
+    const unsigned long long first = size_;
+    close();
+    if (looks == MAX_LOOKS) {
+      changed_ = true;
+      return fail(ESTALE, "The object's size changes from one answer to the next.");
+    }
+    outcome = look(path);
+    if (outcome != Reading_Outcome::DONE || size_ != first)
+      continue;
+    if (mtime_ != listed_mtime)
+      break;
+    close();
+    return fail(EIO, "The service contradicts itself: " + std::to_string(listed_size) + " bytes in the listing, " +
+                         std::to_string(first) + " when it is read, under the same date.");
+  }
+  return outcome;
 }
 
 void Object_Reading::adopt(unsigned long long size, long long mtime) {
@@ -76,9 +104,18 @@ Object_Reading::Piece Object_Reading::read_piece(char* buffer, size_t size, size
   return BROKEN;
 }
 
+/// A reader that lost its source before the first byte has opened it anew, and then another generation may have come.
 Reading_Outcome Object_Reading::finish() {
+  File_Blk block;
+  Callback_Stat stat;
+  unsigned long long size = 0;
+  const bool same = reader_->is_open() && reader_->handle_file_blk(block, size, stat) && size == size_ &&
+                    stat.mtime == mtime_;
   close();
-  return Reading_Outcome::DONE;
+  if (same)
+    return Reading_Outcome::DONE;
+  changed_ = true;
+  return fail(ESTALE, "The object was replaced while it was read.");
 }
 
 Reading_Outcome Object_Reading::read_whole(char* buffer) {

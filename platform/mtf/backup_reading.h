@@ -26,8 +26,10 @@ public:
   Object_Reading(const Object_Reading&) = delete;
   Object_Reading& operator=(const Object_Reading&) = delete;
 
-  /// Opens `path` ("bucket/key") and asks for its status. DONE, SKIPPED or FAILED.
-  Reading_Outcome open(const std::string& path);
+  /// Opens `path` ("bucket/key") and asks for its status. DONE, SKIPPED or FAILED. An answer that gives another size
+  /// than `listed_size` counts only when a second one agrees with it, and never under the date that was listed: the
+  /// object was replaced since, or the answer's length is wrong.
+  Reading_Outcome open(const std::string& path, unsigned long long listed_size, long long listed_mtime);
   /// Takes up an object that another reading has opened and let go.
   void adopt(unsigned long long size, long long mtime);
   /// Gives the open reader away; this reading is over.
@@ -47,8 +49,10 @@ public:
   unsigned long long bytes() const { return bytes_; } ///< that came, wanted or not
   int number() const { return number_; }              ///< an errno value; 0: none
   const std::string& message() const { return message_; }
+  bool changed() const { return changed_; } ///< FAILED, because what stood at the end was not what was opened
 
 private:
+  Reading_Outcome look(const std::string& path);
   enum Piece { SOME, END, BROKEN };
   Piece read_piece(char* buffer, size_t size, size_t& used);
   Reading_Outcome finish();
@@ -57,6 +61,7 @@ private:
   MTF::IFile_Reader_var reader_;
   const Backup_Limits& limits_;
   bool opened_ = false;
+  bool changed_ = false;
   unsigned long long size_ = 0;
   long long mtime_ = 0;
   unsigned long long bytes_ = 0;

@@ -15,7 +15,7 @@
 struct Fake_Object {
   std::string data;
   long long mtime = 1700000000;
-  unsigned long long listed_size = ~0ull; ///< what the listing says; ~0: the truth
+  unsigned long long listed_size = ~0ull; ///< what the listing says, under an older date; ~0: the truth
   bool gone = false;                      ///< cannot be opened
   bool no_status = false;
   long long announced = -1;  ///< what the answer's head says; -1: the truth
@@ -162,7 +162,8 @@ public:
       auto block = std::make_unique<MTF::Cat_File_Blk_T<MTF::File_Blk, MTF_CAT_DIRB_BLK, MTF_CAT_FILE_BLK>>();
       const std::string name = path.substr(parent.size());
       block->alloc_buffer(block->buffer_need(static_cast<unsigned>(name.size())));
-      block->set(seq_, name, object.mtime, object.listed_size == ~0ull ? object.data.size() : object.listed_size, 0, 0);
+      const long long mtime = object.listed_size == ~0ull ? object.mtime : object.mtime - 60;
+      block->set(seq_, name, mtime, object.listed_size == ~0ull ? object.data.size() : object.listed_size, 0, 0);
       if (!handler(std::move(block)))
         return refused();
     }

@@ -3,6 +3,7 @@
 #include "platform/s3/percent_encoding.h"
 #include "sdk/base/time_format.h"
 
+#include <cctype>
 #include <limits>
 
 namespace s3 {
@@ -29,6 +30,16 @@ void decode(std::string& text, const std::string& prefix) {
   std::string bytes;
   if (percent_decode(text, true, bytes) && (starts_with(bytes, prefix) || !starts_with(text, prefix)))
     text = std::move(bytes);
+}
+
+/// True when a letter or a digit is written as an escape. `text` can be decoded.
+bool has_escaped_letter(const std::string& text) {
+  for (size_t at = text.find('%'); at != std::string::npos; at = text.find('%', at + 3)) {
+    const int byte = std::stoi(text.substr(at + 1, 2), nullptr, 16);
+    if (byte < 0x80 && std::isalnum(byte))
+      return true;
+  }
+  return false;
 }
 
 /// Days since the epoch of a date of the Gregorian calendar.
@@ -96,6 +107,8 @@ void Answer_Reader::end(const Path& path, std::string& text) {
     error_.endpoint = std::move(text);
   else if (is(path, "RequestId"))
     error_.request_id = std::move(text);
+  else if (is(path, "StorageClass"))
+    error_.storage_class = std::move(text);
 }
 
 Listing_Reader::Listing_Reader(Get_Bucket_Content& content) : Answer_Reader("ListBucketResult"), content_(content) {
@@ -147,6 +160,21 @@ void Listing_Reader::element(const Path& path, std::string& text) {
   }
 }
 
+Prefix_Form Listing_Reader::find_prefix_form(std::vector<std::string>& doubtful) const {
+  doubtful.clear();
+  if (!encoded_)
+    return Prefix_Form::PLAIN;
+  for (const std::string& prefix : content_.common_prefixes) {
+    std::string bytes;
+    // What no encoder would have left, or made.
+    if (!percent_decode(prefix, true, bytes) || has_escaped_letter(prefix))
+      return Prefix_Form::PLAIN;
+    if (bytes != prefix)
+      doubtful.push_back(prefix);
+  }
+  return Prefix_Form::UNKNOWN;
+}
+
 bool Listing_Reader::complete(const Get_Bucket_Parameter& param) {
   std::string last;
   for (S3_Object& object : content_.objects) {
@@ -156,7 +184,7 @@ bool Listing_Reader::complete(const Get_Bucket_Parameter& param) {
       last = object.name;
   }
   for (std::string& prefix : content_.common_prefixes) {
-    if (encoded_)
+    if (encoded_ && prefix_form_ != Prefix_Form::PLAIN)
       decode(prefix, param.prefix());
     if (prefix > last)
       last = prefix;

@@ -16,6 +16,7 @@ struct Error_Document {
   std::string region;
   std::string endpoint;
   std::string request_id;
+  std::string storage_class; ///< of an object that must be thawed
 };
 
 /// Reads as much of an error document as there is; a broken one gives what came before the break.
@@ -43,6 +44,9 @@ private:
   Error_Document error_;
 };
 
+/// How common prefixes come on pages whose keys are encoded.
+enum class Prefix_Form { UNKNOWN, ENCODED, PLAIN };
+
 /// A page of a bucket's keys, straight into its records. Keys come as bytes once `complete` has answered true.
 class Listing_Reader : public Answer_Reader {
 public:
@@ -50,6 +54,12 @@ public:
   /// Decodes what the service encoded and settles where the next page begins. `param` is what was asked for. False when
   /// the page does not lead on; `error_code` is then "ListingDoesNotAdvance".
   bool complete(const Get_Bucket_Parameter& param);
+  /// Whether the service encodes common prefixes where it encodes keys; some say that they do and do not. Before
+  /// `complete`.
+  void prefix_form(Prefix_Form form) { prefix_form_ = form; }
+  /// What the page itself tells about that. `doubtful` becomes the prefixes, as they came, that are others decoded.
+  bool encoded() const { return encoded_; }
+  Prefix_Form find_prefix_form(std::vector<std::string>& doubtful) const;
 
 protected:
   void begin(const Path& path) override;
@@ -58,6 +68,7 @@ protected:
 private:
   Get_Bucket_Content& content_;
   bool encoded_ = false;
+  Prefix_Form prefix_form_ = Prefix_Form::UNKNOWN;
 };
 
 /// The account's buckets.

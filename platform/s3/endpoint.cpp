@@ -59,6 +59,9 @@ std::shared_ptr<Endpoint> Endpoint::make(const S3_Service_Options& options, cons
   const Endpoint_Settings settings = Endpoint_Settings::get(options.host, options.port, options.access_key);
   endpoint->addressing_ = settings.addressing;
   endpoint->part_size_ = std::max(settings.part_size, 1ull);
+  endpoint->ranges_ = settings.ranges;
+  endpoint->ranges_.size = std::max<size_t>(endpoint->ranges_.size, 1);
+  endpoint->ranges_.most = std::max(endpoint->ranges_.most, 1u);
   HTTP_Settings http;
   http.connect_timeout = std::max(settings.connect_timeout, 1u);
   http.idle_timeout = std::max(settings.idle_timeout, 1u);

@@ -2,6 +2,7 @@
 
 #include "platform/http/channel_pool.h"
 #include "platform/s3/attribute_memory.h"
+#include "platform/s3/answers.h"
 #include "platform/s3/endpoint_settings.h"
 #include "platform/s3/ledger.h"
 #include "platform/s3/request_builder.h"
@@ -40,6 +41,15 @@ public:
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
   /// What the service was found to do with objects' attributes.
   Attribute_Memory& attributes() { return attributes_; }
+  /// With `most` 1 once the service has answered a request for a part with the whole.
+  Range_Settings ranges() const {
+    Range_Settings ranges = ranges_;
+    ranges.most = no_ranges_.load(std::memory_order_relaxed) ? 1 : ranges.most;
+    return ranges;
+  }
+  Prefix_Form prefix_form() const { return prefix_form_.load(std::memory_order_relaxed); }
+  void learn_prefix_form(Prefix_Form form) { prefix_form_.store(form, std::memory_order_relaxed); }
+  void learn_no_ranges() { no_ranges_.store(true, std::memory_order_relaxed); }
   unsigned long long part_size() const { return part_size_; }
   int max_retry_seconds() const { return max_retry_seconds_; }
 
@@ -54,6 +64,9 @@ private:
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;
   Attribute_Memory attributes_;
+  Range_Settings ranges_;
+  std::atomic<bool> no_ranges_{false};
+  std::atomic<Prefix_Form> prefix_form_{Prefix_Form::UNKNOWN};
   std::atomic<long long> clock_offset_{0};
   std::atomic<bool> any_learned_{false}; ///< spares the lock on the common road
   mutable std::mutex mutex_;             ///< guards what follows

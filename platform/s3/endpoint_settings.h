@@ -1,6 +1,15 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+
+/// How large objects are read and written.
+struct Range_Settings {
+  unsigned long long threshold = 64ull << 20; ///< bytes left to read from which several streams may be used
+  size_t size = 4u << 20;                     ///< bytes asked for by one request then
+  unsigned most = 8;                          ///< streams of one object; 1: never more
+  unsigned parts = 4;                         ///< of one upload sent beside the one that is being filled; 0: none
+};
 
 /// How an endpoint wants to be reached beyond what a job's entry says. Kept by endpoint, because the entry's own
 /// attributes are all that a resource hands on; whoever loads an account registers it here before jobs run.
@@ -12,6 +21,8 @@ struct Endpoint_Settings {
   unsigned connect_timeout = 10;             ///< seconds
   unsigned idle_timeout = 60;                ///< seconds without a byte
   unsigned long long part_size = 16ull << 20;      ///< bytes of a multipart part; objects above it go in parts
+
+  Range_Settings ranges;
 
   /// Registers the settings of host:port for one access key. Any thread.
   static void set(const std::string& host, unsigned short port, const std::string& access_key,

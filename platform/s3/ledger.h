@@ -1,5 +1,8 @@
 #pragma once
 
+#include "platform/s3/byte_budget.h"
+#include "platform/s3/object_notes.h"
+
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -26,6 +29,13 @@ public:
   std::atomic<unsigned long long> head_objects{0};    ///< single objects asked for by name
   std::atomic<unsigned long long> bytes_read{0};      ///< of object bodies
   std::atomic<unsigned long long> bytes_written{0};
+  std::atomic<unsigned long long> thaw_requests{0};   ///< archived objects that the service was asked to thaw
+
+  Object_Notes objects;
+  /// Of the parts of large objects that are read ahead of their turn.
+  Byte_Budget range_memory{64u << 20};
+  /// Of the parts of large objects that wait to be sent.
+  Byte_Budget part_memory{64u << 20};
 
   /// Called by the service for each such key of a page.
   void folder_object(const std::string& path, unsigned long long size);

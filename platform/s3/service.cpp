@@ -1,6 +1,9 @@
 #include "platform/s3/service.h"
 
 #include "platform/s3/attribute_headers.h"
+#include "platform/s3/percent_encoding.h"
+#include "platform/s3/ranged_connection.h"
+#include "platform/s3/storage_class.h"
 #include "platform/s3/upload.h"
 
 #include <ace/Log_Msg.h>
@@ -36,6 +39,55 @@ S3_Error named_missing(const S3_Error& error, const char* code) {
   return error.status() == 404 && error.code() == "NotFound"
              ? S3_Error(error.number(), error.status(), code, error.message(), error.retriable())
              : error;
+}
+
+/// Asks once, for a copy that lasts a week. A service that is at it already is as good as one that begins.
+Outcome request_thaw(Transport& transport, const std::string& bucket, const std::string& key) {
+  Request post{"POST", bucket, key, {{"restore", ""}}, {{"content-type", "application/xml"}}, true, {}};
+  post.body = "<RestoreRequest xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><Days>7</Days>"
+              "<GlacierJobParameters><Tier>Standard</Tier></GlacierJobParameters></RestoreRequest>";
+  Outcome outcome = transport.ask(post);
+  if (outcome.error.code() == "RestoreAlreadyInProgress")
+    outcome.error = S3_Error();
+  return outcome;
+}
+
+/// Common prefixes of a page that are asked for to find out how they are written.
+constexpr size_t MAX_DOUBTS = 4;
+
+/// True when keys begin with `prefix`.
+bool is_prefix(Transport& transport, const std::string& bucket, const std::string& prefix) {
+  Get_Bucket_Content content;
+  Listing_Reader reader(content);
+  const Outcome outcome =
+      transport.ask(Request{"GET", bucket, "", {{"prefix", prefix}, {"max-keys", "1"}}, {}, false, {}}, reader);
+  return outcome.ok() && !content.objects.empty();
+}
+
+/// Whether the common prefixes of a page are to be decoded: as the service was found to do, else as the page tells,
+/// else as the service says when it is asked for the keys below one of them. A page that leaves it open is decoded.
+Prefix_Form settle_prefix_form(Transport& transport, const Listing_Reader& reader, const std::string& bucket) {
+  Endpoint& endpoint = transport.endpoint();
+  if (endpoint.prefix_form() != Prefix_Form::UNKNOWN)
+    return endpoint.prefix_form();
+  std::vector<std::string> doubtful;
+  Prefix_Form form = reader.find_prefix_form(doubtful);
+  // Where there are keys below both, another one may tell.
+  for (size_t i = 0; i < doubtful.size() && i < MAX_DOUBTS && form == Prefix_Form::UNKNOWN; ++i) {
+    std::string bytes;
+    if (!percent_decode(doubtful[i], true, bytes))
+      continue;
+    const bool encoded = is_prefix(transport, bucket, bytes);
+    if (encoded != is_prefix(transport, bucket, doubtful[i]))
+      form = encoded ? Prefix_Form::ENCODED : Prefix_Form::PLAIN;
+  }
+  if (form != Prefix_Form::UNKNOWN && reader.encoded())
+    endpoint.learn_prefix_form(form);
+  return form;
+}
+
+S3_Error changed_error(const std::string& what) {
+  return S3_Error(ESTALE, 412, "PreconditionFailed", "the object was replaced while it was read (" + what + ")", false);
 }
 
 } // namespace
@@ -88,6 +140,8 @@ Outcome Service::list(const Request& request, const Get_Bucket_Parameter& param,
   if (mends_pages_)
     reader.mend();
   Outcome outcome = transport_.ask(request, reader);
+  if (outcome.ok() && !content.common_prefixes.empty())
+    reader.prefix_form(settle_prefix_form(transport_, reader, request.bucket));
   if (outcome.ok() && !reader.complete(param))
     outcome.error = S3_Error(EPROTO, outcome.head.status, "ListingDoesNotAdvance",
                              "the listing comes to the same place again (" + transport_.describe(request) + ")", false);
@@ -125,6 +179,10 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
   }
   ledger.listing_succeeded(path);
   ledger.listed_keys.fetch_add(content.objects.size(), std::memory_order_relaxed);
+  const std::string host = endpoint_->address(request.bucket).host;
+  for (const S3_Object& object : content.objects)
+    if (needs_thaw(object.storage_class, host))
+      ledger.objects.archived('/' + request.bucket + '/' + object.name, object.storage_class);
   if (!param.delimiter().empty())
     for (const S3_Object& object : content.objects)
       if (object.name == param.prefix())
@@ -209,10 +267,9 @@ bool Service::fits(const HTTP_Head& head, ACE_UINT64 offset, const Generation* g
                        "the answer is not the rest from byte " + std::to_string(offset) + " (" + what + ")", false));
     return false;
   }
-  const std::string& etag = head.value("etag");
-  if (generation && (size != generation->size || (!etag.empty() && etag != generation->etag))) {
-    set_error(S3_Error(ESTALE, head.status, "PreconditionFailed",
-                       "the object was replaced while it was read (" + what + ")", false));
+  // A service that does not know If-Match, or a cache before it, answers with what there is now.
+  if (generation && (size != generation->size || head.value("etag") != generation->etag)) {
+    set_error(changed_error(what));
     return false;
   }
   return true;
@@ -229,29 +286,64 @@ void Service::remember(const char* bucket, const char* key, const HTTP_Head& hea
     attributes_.tag_count = 0;
 }
 
+/// A request that gives no object: the reason is kept for whoever asked through a reader.
+HTTP_Connection_var Service::no_object(const std::string& path, const S3_Error& error, Curl_Connection_ref connection) {
+  if (!connection) {
+    connection = Curl_Connection_ref(new (std::nothrow) Curl_Connection(endpoint_->pool(), nullptr));
+    if (connection)
+      connection->refuse(0);
+  }
+  set_error(error);
+  if (!path.empty())
+    endpoint_->ledger()->objects.refused(path, error);
+  return HTTP_Connection_var(connection.get());
+}
+
+/// What is said of an object that must be thawed first; asks the service to thaw it where the job wants that.
+S3_Error Service::archived(const Request& request, const std::string& storage_class, const S3_Error& error) {
+  std::string text = "the object lies in an archive" + (storage_class.empty() ? "" : " (" + storage_class + ")") +
+                     " and must be thawed before it can be read";
+  if (endpoint_->ledger()->objects.policy() == Archived_Policy::REQUEST) {
+    const Outcome outcome = request_thaw(transport_, request.bucket, request.key);
+    if (outcome.ok())
+      endpoint_->ledger()->thaw_requests.fetch_add(1, std::memory_order_relaxed);
+    text += outcome.ok() ? "; the service was asked to thaw it"
+                         : "; the service refuses to thaw it: " + outcome.error.text();
+  }
+  return S3_Error(EPERM, error.status(), "InvalidObjectState", text, false);
+}
+
 HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) {
   if (object) {
     *object = S3_Object();
     object->name = key ? key : "";
   }
-  if (!named(bucket, key)) {
-    Curl_Connection* refused = new (std::nothrow) Curl_Connection(endpoint_->pool(), nullptr);
-    HTTP_Connection_var none(refused);
-    if (refused)
-      refused->refuse(0);
-    return none;
-  }
+  if (!named(bucket, key))
+    return no_object(std::string(), S3_Error(last_error()), Curl_Connection_ref());
   Request request{"GET", bucket, key, {}, {}, false, {}};
+  const std::string path = '/' + request.bucket + '/' + request.key;
+  Object_Notes& notes = endpoint_->ledger()->objects;
   const Generation* generation = nullptr;
   if (offset > 0) {
     request.headers.emplace_back("range", "bytes=" + std::to_string(offset) + '-');
-    if (!generation_.etag.empty() && generation_.key == key && generation_.bucket == bucket) {
+    if (generation_.key == key && generation_.bucket == bucket) {
+      // Without a tag nothing tells the rest of one generation from that of another: it must be read from its start.
+      if (generation_.etag.empty())
+        return no_object(path,
+                         S3_Error(ESTALE, 0, "NoETag", "the service gives no ETag to go on by (" + path + ")", false),
+                         Curl_Connection_ref());
       generation = &generation_;
-      request.headers.emplace_back("if-match", generation_.etag);
+      // A weak tag never satisfies If-Match; the answer's own is compared all the same.
+      if (generation_.etag.compare(0, 2, "W/") != 0)
+        request.headers.emplace_back("if-match", generation_.etag);
     }
   } else {
     generation_ = Generation();
     attributes_ = Object_Attributes();
+    const std::string storage_class = notes.take_archived(path);
+    // What was thawed is still listed in its class: who asks for thawing wants it to be tried.
+    if (!storage_class.empty() && notes.policy() != Archived_Policy::REQUEST)
+      return no_object(path, archived(request, storage_class, S3_Error()), Curl_Connection_ref());
     if (endpoint_->attributes().asks_checksums())
       request.headers.emplace_back("x-amz-checksum-mode", "ENABLED");
   }
@@ -263,22 +355,31 @@ HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE
     endpoint_->attributes().ask_no_checksums();
     connection = transport_.open(request, outcome);
   }
-  const HTTP_Connection_var answer(connection.get());
   if (!outcome.ok()) {
-    set_error(named_missing(outcome.error, "NoSuchKey"));
-    return answer;
+    if (outcome.error.code() == "InvalidObjectState")
+      outcome.error = archived(request, outcome.storage_class, outcome.error);
+    else if (outcome.error.status() == 412 && generation)
+      outcome.error = changed_error(transport_.describe(request));
+    return no_object(path, named_missing(outcome.error, "NoSuchKey"), connection);
   }
   ACE_UINT64 size = 0;
   if (!fits(outcome.head, offset, generation, transport_.describe(request), size)) {
     connection->refuse(0);
-    return answer;
+    return no_object(path, S3_Error(last_error()), connection);
   }
   if (offset == 0)
     remember(bucket, key, outcome.head, size);
   if (object)
     fill(*object, key, outcome.head, size);
+  notes.granted(path);
   set_error(S3_Error());
-  return answer;
+  const Range_Settings ranges = endpoint_->ranges();
+  const std::string& etag = outcome.head.value("etag");
+  if (ranges.most > 1 && size - offset >= ranges.threshold && !etag.empty() && etag.compare(0, 2, "W/") != 0)
+    if (HTTP_Connection* const ranged =
+            new (std::nothrow) Ranged_Connection(endpoint_, {bucket, key, etag, size}, offset, connection))
+      return HTTP_Connection_var(ranged);
+  return HTTP_Connection_var(connection.get());
 }
 
 bool Service::del_object(const char* bucket, const char* key) {

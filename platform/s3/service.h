@@ -42,6 +42,8 @@ private:
 
   bool report(Outcome outcome);
   void remember(const char* bucket, const char* key, const HTTP_Head& head, ACE_UINT64 size);
+  HTTP_Connection_var no_object(const std::string& path, const S3_Error& error, Curl_Connection_ref connection);
+  S3_Error archived(const Request& request, const std::string& storage_class, const S3_Error& error);
   Outcome list(const Request& request, const Get_Bucket_Parameter& param, Get_Bucket_Content& content);
   bool named(const char* bucket);
   bool named(const char* bucket, const char* key);

@@ -41,6 +41,7 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
     }
     if (despite_cancel_)
       connection->finish_despite_cancel(TIDY_UP_SECONDS);
+    connection->stop_on(stop_);
     const time_t now = endpoint_->now();
     const HTTP_Request http = build(request, address, endpoint_->credentials(), endpoint_->v4_key(address, now), now);
     endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
@@ -58,6 +59,7 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
     const Error_Document document = parse_error(connection->refuse(MAX_ERROR_DOCUMENT));
     outcome.retry_after = retry_after(outcome.head);
     outcome.error = map_answer(outcome.head.status, document, http.method + ' ' + http.url);
+    outcome.storage_class = document.storage_class;
     if (may_follow) {
       if (const std::optional<Address> to = redirected(address, request.bucket, outcome.head, document)) {
         may_follow = false;

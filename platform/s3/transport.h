@@ -4,6 +4,7 @@
 #include "platform/s3/endpoint.h"
 #include "platform/s3/error_map.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,6 +17,7 @@ struct Outcome {
   unsigned retry_after = 0; ///< seconds that the service asked for; 0: none
   HTTP_Head head;
   std::string body; ///< of a small answer
+  std::string storage_class; ///< that an error document names as the reason
 
   bool ok() const { return error.number() == 0; }
 };
@@ -37,13 +39,18 @@ public:
   /// Waits end early from now on, but not because the job is being cancelled: for tidying up.
   void finish_despite_cancel() { despite_cancel_ = true; }
 
+  /// Waits of the requests that follow end early once `flag` is true; null: none. It must outlive their connections.
+  void stop_on(const std::atomic<bool>* flag) { stop_ = flag; }
+
   Endpoint& endpoint() { return *endpoint_; }
+  const std::shared_ptr<Endpoint>& shared_endpoint() const { return endpoint_; }
   /// "GET http://host/bucket/key" for messages.
   std::string describe(const Request& request) const;
 
 private:
   std::shared_ptr<Endpoint> endpoint_;
   bool despite_cancel_ = false;
+  const std::atomic<bool>* stop_ = nullptr;
 };
 
 /// Calls `attempt` until it succeeds, fails for good, or the waits have added up to `max_seconds` (-1: no bound).

@@ -4,6 +4,7 @@
 #include "platform/s3/digest.h"
 #include "platform/s3/object_extras.h"
 #include "platform/s3/part_plan.h"
+#include "platform/s3/part_sender.h"
 #include "platform/s3/transport.h"
 #include "sdk/base/clock.h"
 
@@ -48,8 +49,10 @@ public:
         return -1;
       const ACE_UINT64 room = std::min<ACE_UINT64>(size_ - written_, piece_ - buffer_.size());
       const size_t taken = static_cast<size_t>(std::min<ACE_UINT64>(std::min<ACE_UINT64>(length, room), INT_MAX));
-      if (buffer_.capacity() == 0)
-        buffer_.reserve(static_cast<size_t>(std::min<ACE_UINT64>(size_, piece_)));
+      // A part that was sent off took its memory along.
+      const size_t whole = static_cast<size_t>(std::min<ACE_UINT64>(size_ - written_, piece_));
+      if (buffer_.empty() && buffer_.capacity() < whole)
+        buffer_.reserve(whole);
       buffer_.append(data, taken);
       written_ += taken;
       return static_cast<int>(taken);
@@ -89,12 +92,6 @@ protected:
   /// Gives the stored object what its upload could not carry.
   void give_extras(bool multipart) {
     Object_Extras(transport_, bucket_, key_, max_retry_seconds_).give(attributes_, given_, multipart, refused_);
-  }
-
-  /// Services want a digest of what an object lock shall protect (AWS refuses the request without one).
-  void digest_locked(Request& put, unsigned kinds) const {
-    if (kinds & KIND_LOCK)
-      put.headers.emplace_back("content-md5", to_base64(md5(put.body)));
   }
 
   Request request(const char* method) const { return Request{method, bucket_, key_, {}, {}, false, {}}; }
@@ -137,7 +134,9 @@ protected:
     Request put = request("PUT");
     put.has_body = true;
     put.body = buffer_;
-    digest_locked(put, kinds_of(attributes_));
+    // Services want a digest of what an object lock shall protect (AWS refuses the request without one).
+    if (kinds_of(attributes_) & KIND_LOCK)
+      put.headers.emplace_back("content-md5", to_base64(md5(buffer_)));
     const Outcome outcome = send_attributed(put, false, [&](const Request& attributed) {
       return retried(max_retry_seconds_, [&] { return transport_.ask(attributed); });
     });
@@ -154,6 +153,7 @@ public:
   using Upload::Upload;
 
   ~Multipart_Upload() override {
+    sender_.stop();
     try {
       transport_.finish_despite_cancel();
       abort();
@@ -185,21 +185,11 @@ public:
 
 protected:
   bool flush() override {
-    Request put = request("PUT");
-    put.query.emplace_back("partNumber", std::to_string(etags_.size() + 1));
-    put.query.emplace_back("uploadId", upload_id_);
-    put.has_body = true;
-    put.body = buffer_;
-    digest_locked(put, given_);
-    const Outcome outcome = retried(max_retry_seconds_, [&] { return transport_.ask(put); });
-    if (!outcome.ok())
-      return give_up(outcome.error);
-    const std::string& etag = outcome.head.value("etag");
-    if (etag.empty())
-      return give_up(S3_Error(EPROTO, outcome.head.status, "MissingETag", "a part was stored without an ETag", false));
-    etags_.push_back(etag);
-    sent(buffer_.size());
-    buffer_.clear();
+    Name_Values headers;
+    if (given_ & KIND_LOCK)
+      headers.emplace_back("content-md5", to_base64(md5(buffer_)));
+    if (!sender_.send(upload_id_, buffer_, headers))
+      return give_up(sender_.error());
     piece_ = static_cast<size_t>(plan_.next());
     return true;
   }
@@ -207,9 +197,12 @@ protected:
   bool finish() override {
     if (!flush())
       return false;
+    if (!sender_.finish())
+      return give_up(sender_.error());
+    const std::vector<std::string>& etags = sender_.etags();
     std::string body("<CompleteMultipartUpload>");
-    for (size_t i = 0; i < etags_.size(); ++i)
-      body += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + xml_escaped(etags_[i]) +
+    for (size_t i = 0; i < etags.size(); ++i)
+      body += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + xml_escaped(etags[i]) +
               "</ETag></Part>";
     body += "</CompleteMultipartUpload>";
     Request post = request("POST");
@@ -236,7 +229,7 @@ private:
   bool is_stored() {
     const Outcome outcome = transport_.ask(request("HEAD"));
     ACE_UINT64 size = 0;
-    const std::string end = '-' + std::to_string(etags_.size()) + '"';
+    const std::string end = '-' + std::to_string(sender_.etags().size()) + '"';
     const std::string& etag = outcome.head.value("etag");
     return outcome.ok() && parse_size(outcome.head.value("content-length"), size) && size == size_ &&
            etag.size() > end.size() && etag.compare(etag.size() - end.size(), end.size(), end) == 0;
@@ -257,7 +250,7 @@ private:
   }
 
   std::string upload_id_;
-  std::vector<std::string> etags_;
+  Part_Sender sender_{transport_.shared_endpoint(), bucket_, key_, max_retry_seconds_};
 };
 
 } // namespace

@@ -3,11 +3,33 @@
 #include "platform/s3/upload.h"
 #include "platform/s3/part_plan.h"
 
+#include <ace/Log_Msg.h>
+#include <ace/Log_Msg_Callback.h>
+#include <ace/Log_Record.h>
+
 #include <cerrno>
 
 namespace {
 
 using s3_testing::Fault;
+
+/// What is logged while it lives.
+class Log_Lines : public ACE_Log_Msg_Callback {
+public:
+  Log_Lines() : before_(ACE_Log_Msg::instance()->msg_callback(this)) {
+    ACE_Log_Msg::instance()->set_flags(ACE_Log_Msg::MSG_CALLBACK);
+  }
+  ~Log_Lines() override {
+    ACE_Log_Msg::instance()->msg_callback(before_);
+    ACE_Log_Msg::instance()->clr_flags(ACE_Log_Msg::MSG_CALLBACK);
+  }
+  void log(ACE_Log_Record& record) override { text_ += record.msg_data(); }
+  const std::string& text() const { return text_; }
+
+private:
+  ACE_Log_Msg_Callback* before_;
+  std::string text_;
+};
 
 class Upload_Test : public Client_Test {
 protected:
@@ -46,7 +68,43 @@ TEST_F(Upload_Test, sizes_around_the_part_size_arrive) {
   EXPECT_EQ(2u + 2 + 2 + 3 + 11, server.count("UploadPart"));
   EXPECT_EQ(0u, server.open_uploads());
   EXPECT_EQ(0u + 1 + 999 + 1000 + 1001 + 1999 + 2000 + 2001 + 10500, ledger->bytes_written.load());
+  EXPECT_LE(server.connections_opened(), 1u + settings.ranges.parts);
+}
+
+TEST_F(Upload_Test, parts_are_sent_side_by_side_in_bounded_memory) {
+  settings.part_size = 10000;
+  settings.ranges.parts = 3;
+  const std::string data = s3_testing::synthetic_bytes(9, 0, 305000);
+  // Four requests for parts can only be in work at the same time when none waits for another.
+  server.add_fault(Fault::delay(300).on("UploadPart"));
+  EXPECT_TRUE(store(service()->upload("bucket", "key", data.size()), data));
+  EXPECT_EQ(data, server.get("bucket", "key").value_or("none"));
+  EXPECT_EQ(4u, server.max_concurrent());
+  EXPECT_EQ(30000u, ledger->part_memory.peak());
+  EXPECT_EQ(0u, ledger->part_memory.used());
+}
+
+TEST_F(Upload_Test, without_memory_one_part_is_sent_after_the_other) {
+  ASSERT_TRUE(ledger->part_memory.take(64u << 20));
+  const std::string data = s3_testing::synthetic_bytes(9, 0, 30500);
+  EXPECT_TRUE(store(service()->upload("bucket", "key", data.size()), data));
+  EXPECT_EQ(data, server.get("bucket", "key").value_or("none"));
+  EXPECT_EQ(1u, server.max_concurrent());
   EXPECT_EQ(1u, server.connections_opened());
+  ledger->part_memory.give_back(64u << 20);
+}
+
+TEST_F(Upload_Test, every_part_is_repeated_by_itself) {
+  server.add_fault(Fault::error(500, "InternalError").on("UploadPart").probability(0.3));
+  server.add_fault(Fault::cut_upload(300).on("UploadPart").probability(0.1));
+  const std::string data = s3_testing::synthetic_bytes(9, 0, 100000);
+  S3_Client client;
+  ASSERT_TRUE(connect(client, -1));
+  EXPECT_TRUE(store(client.upload("bucket", "key", data.size()), data));
+  EXPECT_EQ(data, server.get("bucket", "key").value_or("none"));
+  EXPECT_EQ(data.size(), ledger->bytes_written);
+  EXPECT_GT(clock.sleeps(), 10u);
+  EXPECT_EQ(0u, server.open_uploads());
 }
 
 TEST_F(Upload_Test, no_byte_is_taken_beyond_the_declared_size) {
@@ -167,9 +225,13 @@ TEST_F(Upload_Test, failed_part_ends_the_upload_and_leaves_nothing) {
   server.add_fault(Fault::error(403, "AccessDenied").on("UploadPart").from_nth(3));
   {
     const S3_IWriter_ptr writer = service()->upload("bucket", "key", 5000);
-    EXPECT_FALSE(write_all(*writer, std::string(5000, 'x')));
+    Log_Lines log;
+    // The failure shows with one of the parts behind, or at the end.
+    EXPECT_FALSE(write_all(*writer, std::string(5000, 'x')) && writer->close());
     EXPECT_GT(0, writer->write("x", 1));
     EXPECT_FALSE(writer->close());
+    EXPECT_NE(std::string::npos, log.text().find("AccessDenied: part ")) << log.text();
+    EXPECT_NE(std::string::npos, log.text().find(", 1000 bytes from ")) << log.text();
   }
   EXPECT_EQ(0u, server.open_uploads());
   EXPECT_FALSE(server.get("bucket", "key"));

@@ -30,6 +30,7 @@ public:
     ACE_UINT64 resumption_buffer_size = 0;
     ACE_UINT64 rate_limit = 0;         ///< bytes per second of the whole job; 0: none
     unsigned readers = 0;              ///< objects read at the same time over the whole run; 0: the default
+    std::string archived;              ///< objects that must be thawed first: "skip" (also empty), "fail", "request"
     bool server_side_dedup = false;
     Job_Target target;
   };
@@ -59,6 +60,7 @@ public:
   ACE_UINT64 rate_limit() const { return settings_.rate_limit; }
   bool server_side_dedup() const { return settings_.server_side_dedup; }
   unsigned readers() const { return settings_.readers; }
+  const std::string& archived() const { return settings_.archived; }
   const Job_Target& target() const { return settings_.target; }
 
   std::vector<std::shared_ptr<Job_Schedule>> schedules;   ///< members may be null

@@ -256,6 +256,7 @@ void S3_Server::Impl::replace_object(const Exchange& exchange, const Fault& faul
   next.content_type = old->content_type;
   next.headers = old->headers;
   store.put(exchange.target.bucket, exchange.target.key, std::move(next));
+  ++objects_changed;
 }
 
 bool S3_Server::Impl::send(Connection& connection, Exchange& exchange, Http_Response& response) {

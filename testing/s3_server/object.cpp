@@ -6,9 +6,10 @@
 namespace s3_testing {
 namespace {
 
-void set_object_headers(const Object& object, Http_Response& response) {
+void set_object_headers(const Object& object, bool etags, Http_Response& response) {
   response.set("Last-Modified", http_date(object.mtime));
-  response.set("ETag", quoted(object.etag));
+  if (etags)
+    response.set("ETag", quoted(object.etag));
   response.set("Accept-Ranges", "bytes");
   response.set("Content-Type", object.content_type);
   if (object.storage_class != "STANDARD")
@@ -29,6 +30,15 @@ bool names_etag(const std::string& list, const std::string& etag) {
       return false;
     rest.remove_prefix(comma + 1);
   }
+}
+
+bool is_archived(const Object& object) {
+  return object.storage_class == "GLACIER" || object.storage_class == "DEEP_ARCHIVE";
+}
+
+bool has_thawed_copy(const Object& object) {
+  const auto found = object.headers.find("x-amz-restore");
+  return found != object.headers.end() && found->second.find("ongoing-request=\"false\"") != std::string::npos;
 }
 
 struct Range {
@@ -62,7 +72,7 @@ Http_Response get(const Call& call) {
   const Object_Ptr object = call.store.find(call.bucket, call.key);
   if (!object)
     return no_such_key(call.key);
-  if (const std::string* match = call.request.header("if-match"); match && !names_etag(*match, object->etag))
+  if (const std::string* match = call.request.header("if-match"); match && call.settings.honour_if_match && !names_etag(*match, object->etag))
     return error_response(412, "PreconditionFailed", "At least one of the pre-conditions you specified did not hold",
                           {{"Condition", "If-Match"}});
   if (const std::string* none = call.request.header("if-none-match"); none && names_etag(*none, object->etag)) {
@@ -71,7 +81,7 @@ Http_Response get(const Call& call) {
     response.set("ETag", quoted(object->etag));
     return response;
   }
-  if (call.operation == "GetObject" && (object->storage_class == "GLACIER" || object->storage_class == "DEEP_ARCHIVE"))
+  if (call.operation == "GetObject" && is_archived(*object) && !has_thawed_copy(*object))
     return error_response(403, "InvalidObjectState", "The operation is not valid for the object's storage class",
                           {{"StorageClass", object->storage_class}});
   if (call.operation == "GetObject" && !object->thrown_away.empty())
@@ -82,7 +92,7 @@ Http_Response get(const Call& call) {
   if (serve_part(call, *object, response)) {
     if (!response.error_code.empty())
       return response;
-  } else if (const std::string* text = call.request.header("range")) {
+  } else if (const std::string* text = call.request.header("range"); text && call.settings.ranges) {
     Range range;
     if (!parse_range(*text, object->size, range))
       return error_response(400, "InvalidArgument", "The Range header is malformed.", {{"Range", *text}});
@@ -100,7 +110,7 @@ Http_Response get(const Call& call) {
                                       std::to_string(range.first + range.length - 1) + "/" +
                                       std::to_string(object->size));
   }
-  set_object_headers(*object, response);
+  set_object_headers(*object, call.settings.etags, response);
   tell_attributes(call, *object, response);
   return response;
 }
@@ -125,6 +135,27 @@ Http_Response put(const Call& call) {
   return response;
 }
 
+// Begins to thaw; the copy is there when a test says so.
+Http_Response thaw(const Call& call) {
+  const Object_Ptr object = call.store.find(call.bucket, call.key);
+  if (!object)
+    return no_such_key(call.key);
+  if (!is_archived(*object))
+    return error_response(403, "InvalidObjectState", "Restore is not allowed for the object's current storage class");
+  if (call.request.body.find("<Days>") == std::string::npos)
+    return error_response(400, "MalformedXML", "The request names no number of days.");
+  Http_Response response;
+  if (has_thawed_copy(*object))
+    return response;
+  if (object->headers.count("x-amz-restore") != 0)
+    return error_response(409, "RestoreAlreadyInProgress", "Object restore is already in progress");
+  Object next = *object;
+  next.headers["x-amz-restore"] = "ongoing-request=\"true\"";
+  call.store.put(call.bucket, call.key, std::move(next));
+  response.status = 202;
+  return response;
+}
+
 } // namespace
 
 Http_Response serve_object(const Call& call) {
@@ -132,6 +163,8 @@ Http_Response serve_object(const Call& call) {
     return no_such_bucket(call.bucket);
   if (call.operation == "PutObject")
     return put(call);
+  if (call.operation == "RestoreObject")
+    return thaw(call);
   if (call.operation == "DeleteObject") {
     call.store.remove(call.bucket, call.key);
     Http_Response response;

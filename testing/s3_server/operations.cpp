@@ -37,7 +37,10 @@ std::string operation_on_object(const Http_Request& request) {
       return method == "GET" ? std::string("GetObject") + name
                              : method == "PUT" ? std::string("PutObject") + name : std::string();
   if (method == "POST")
-    return request.has_parameter("uploads") ? "CreateMultipartUpload" : upload ? "CompleteMultipartUpload" : "";
+    return request.has_parameter("uploads")   ? "CreateMultipartUpload"
+           : upload                           ? "CompleteMultipartUpload"
+           : request.has_parameter("restore") ? "RestoreObject"
+                                              : "";
   if (method == "PUT")
     return upload ? "UploadPart" : "PutObject";
   if (method == "DELETE")
@@ -50,7 +53,7 @@ std::string operation_on_object(const Http_Request& request) {
 // Parts of the protocol that must not be mistaken for a plain request.
 const char* unserved_feature(const Http_Request& request) {
   for (const char* name : {"cors", "delete", "lifecycle", "logging", "notification", "policy", "requestPayment",
-                           "restore", "select", "torrent", "versionId", "versioning", "versions", "website",
+                           "select", "torrent", "versionId", "versioning", "versions", "website",
                            "attributes", "encryption", "object-lock", "legal-hold", "retention"})
     if (request.has_parameter(name))
       return name;

@@ -54,6 +54,9 @@ struct S3_Server_Settings {
   bool object_lock = true;                    // false: the buckets have no object lock
   std::vector<std::string> forgotten_headers; // taken and not kept; by the beginning of their names
   std::map<std::string, Header_Refusal> refused_headers; // by the beginning of their names, in lower case
+  bool honour_if_match = true;                // false: ignored on GET, as some services and caches do
+  bool ranges = true;                         // false: a GET's Range is ignored
+  bool etags = true;                          // false: GET and HEAD name none
   bool throw_away_parts = false;              // of multipart uploads: their digests are kept, not their bytes
   std::uint64_t bytes_per_second = 0;         // cap per connection on bodies sent; 0: none
   int latency_milliseconds = 0;               // before each reply
@@ -90,6 +93,8 @@ public:
   void add_fault(Fault fault);
   void clear_faults();
   std::uint64_t faults_struck() const;
+  // Objects that faults replaced while they were read.
+  std::uint64_t objects_changed() const;
   // Stalled replies (without a time of their own) end: their connections are closed.
   void release_stalls();
 
@@ -117,7 +122,7 @@ public:
   std::size_t open_uploads() const;
 
   // Requests seen, by operation: ListBuckets, GetBucketLocation, ListObjects, ListObjectsV2, HeadBucket, CreateBucket,
-  // DeleteBucket, GetObject, HeadObject, PutObject, DeleteObject, CreateMultipartUpload, UploadPart,
+  // DeleteBucket, GetObject, HeadObject, PutObject, DeleteObject, RestoreObject, CreateMultipartUpload, UploadPart,
   // CompleteMultipartUpload, AbortMultipartUpload, ListMultipartUploads, ListParts; "Malformed" for what was
   // none. The empty name counts all.
   std::uint64_t count(const std::string& operation = {}) const;

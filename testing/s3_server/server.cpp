@@ -213,6 +213,8 @@ void S3_Server::add_fault(Fault fault) { impl_->faults.add(std::move(fault)); }
 void S3_Server::clear_faults() { impl_->faults.clear(); }
 std::uint64_t S3_Server::faults_struck() const { return impl_->faults.struck(); }
 
+std::uint64_t S3_Server::objects_changed() const { return impl_->objects_changed; }
+
 void S3_Server::release_stalls() {
   std::lock_guard guard(impl_->lock);
   ++impl_->stall_release;

@@ -46,6 +46,7 @@ public:
   bool logging = false;
   std::vector<Request_Info> log;
   std::atomic<std::uint64_t> body_bytes{0};
+  std::atomic<std::uint64_t> objects_changed{0};
 
 private:
   struct Peer {

@@ -23,7 +23,8 @@ struct Object {
   std::int64_t mtime = 0; // seconds since 1970; 0 when stored through S3_Server: the server's clock
   std::string etag;       // without quotes; empty when stored through S3_Server: MD5, or made up for synthetic content
   std::string content_type = "binary/octet-stream";
-  std::string storage_class = "STANDARD"; // GLACIER and DEEP_ARCHIVE answer GET with 403 InvalidObjectState
+  std::string storage_class = "STANDARD"; // GLACIER and DEEP_ARCHIVE answer GET with 403 InvalidObjectState,
+                                          // unless "x-amz-restore" in `headers` names a copy that is there
   std::map<std::string, std::string> headers; // "x-amz-meta-*", "cache-control" and the like; names in lower case
   std::map<std::string, std::string> tags;
   std::map<std::string, std::string> checksums; // header names; told where x-amz-checksum-mode asks

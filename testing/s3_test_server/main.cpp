@@ -2,6 +2,7 @@
 // Prints "endpoint=", "access_key=", "secret_key=" and "ready", serves until its standard input ends. Each line of it is
 // a question, which is answered with one line:
 //     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
+//     uploads                             how many multipart uploads were begun and neither completed nor aborted
 //     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
 
 #include "testing/s3_server/s3_server.h"
@@ -70,6 +71,8 @@ std::string answer(const s3_testing::S3_Server& server, const std::string& line)
     const std::string found = s3_testing::difference(*one, *other);
     return found.empty() ? "none" : found;
   }
+  if (question == "uploads")
+    return std::to_string(server.open_uploads());
   if (question == "requests") {
     std::map<std::string, unsigned> counts;
     for (const s3_testing::Request_Info& request : server.log())

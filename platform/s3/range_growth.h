@@ -1,0 +1,33 @@
+#pragma once
+
+namespace s3 {
+
+/// Decides over how many streams one object is read: begins with one, and doubles as long as whoever reads has to wait
+/// and the last step brought more bytes per second. A step that did not is taken back, and the next one tried a good
+/// while later. A value; time is passed in.
+class Range_Growth {
+public:
+  explicit Range_Growth(unsigned most) : most_(most) {}
+
+  unsigned streams() const { return streams_; }
+  /// Tells how things stand: the time, the bytes that have come so far, and for how long the reader has waited for them
+  /// so far, both in seconds. True when the number of streams is another one now.
+  bool update(double now, unsigned long long received, double waited);
+
+private:
+  void begin(double now, unsigned long long received, double waited);
+
+  const unsigned most_;
+  unsigned streams_ = 1;
+  unsigned before_ = 1;    ///< while `trying_`: what to go back to
+  double rate_before_ = 0; ///< bytes per second with that
+  bool trying_ = false;
+  bool begun_ = false;
+  double not_before_ = 0; ///< the next step
+  // The window under way.
+  double since_ = 0;
+  unsigned long long received_ = 0;
+  double waited_ = 0;
+};
+
+} // namespace s3
