@@ -61,6 +61,7 @@ std::shared_ptr<Endpoint> Endpoint::make(const S3_Service_Options& options, cons
   endpoint->part_size_ = std::max(settings.part_size, 1ull);
   endpoint->ranges_ = settings.ranges;
   endpoint->ranges_.size = std::max<size_t>(endpoint->ranges_.size, 1);
+  endpoint->ranges_.first = std::max(endpoint->ranges_.first, 1u);
   endpoint->ranges_.most = std::max(endpoint->ranges_.most, 1u);
   HTTP_Settings http;
   http.connect_timeout = std::max(settings.connect_timeout, 1u);

@@ -7,6 +7,7 @@
 struct Range_Settings {
   unsigned long long threshold = 64ull << 20; ///< bytes left to read from which several streams may be used
   size_t size = 4u << 20;                     ///< bytes asked for by one request then
+  unsigned first = 1;                         ///< streams to begin with; more are tried while that is too slow
   unsigned most = 8;                          ///< streams of one object; 1: never more
   unsigned parts = 4;                         ///< of one upload sent beside the one that is being filled; 0: none
 };

@@ -2,12 +2,12 @@
 
 namespace s3 {
 
-/// Decides over how many streams one object is read: begins with one, and doubles as long as whoever reads has to wait
+/// Decides over how many streams one object is read: begins with few, usually one, and doubles as long as whoever reads has to wait
 /// and the last step brought more bytes per second. A step that did not is taken back, and the next one tried a good
 /// while later. A value; time is passed in.
 class Range_Growth {
 public:
-  explicit Range_Growth(unsigned most) : most_(most) {}
+  Range_Growth(unsigned first, unsigned most) : most_(most), streams_(first < most ? first : most) {}
 
   unsigned streams() const { return streams_; }
   /// Tells how things stand: the time, the bytes that have come so far, and for how long the reader has waited for them
@@ -18,7 +18,7 @@ private:
   void begin(double now, unsigned long long received, double waited);
 
   const unsigned most_;
-  unsigned streams_ = 1;
+  unsigned streams_;
   unsigned before_ = 1;    ///< while `trying_`: what to go back to
   double rate_before_ = 0; ///< bytes per second with that
   bool trying_ = false;

@@ -7,7 +7,7 @@ namespace {
 /// A service whose every stream brings `per_stream` bytes a second, over a link of `link`; the reader takes `reader`.
 struct Line {
   double per_stream, link, reader;
-  s3::Range_Growth growth{8};
+  s3::Range_Growth growth{1, 8};
   double now = 0, received = 0, waited = 0;
 
   void run(double seconds) {
@@ -47,6 +47,11 @@ TEST(range_growth, growth_ends_where_the_link_is_full) {
   EXPECT_EQ(4u, line.growth.streams());
   line.run(5);
   EXPECT_EQ(4u, line.growth.streams());
+}
+
+TEST(range_growth, more_streams_may_be_begun_with) {
+  EXPECT_EQ(4u, s3::Range_Growth(4, 8).streams());
+  EXPECT_EQ(8u, s3::Range_Growth(9, 8).streams());
 }
 
 TEST(range_growth, reader_that_never_waits_needs_no_more_than_one_stream) {

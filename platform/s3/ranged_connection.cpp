@@ -39,7 +39,7 @@ Ranged_Connection::Piece::~Piece() {
 Ranged_Connection::Ranged_Connection(std::shared_ptr<Endpoint> endpoint, Ranged_Object object, ACE_UINT64 offset,
                                      Curl_Connection_ref stream)
     : endpoint_(std::move(endpoint)), object_(std::move(object)), position_(offset), stream_(stream),
-      stream_end_(object_.size), growth_(endpoint_->ranges().most), planned_(offset) {}
+      stream_end_(object_.size), growth_(endpoint_->ranges().first, endpoint_->ranges().most), planned_(offset) {}
 
 Ranged_Connection::~Ranged_Connection() {
   close();

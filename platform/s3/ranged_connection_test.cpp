@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iostream>
 #include <set>
 
 using s3_testing::Fault;
@@ -30,15 +31,16 @@ protected:
   std::string read_all(unsigned* reopened = nullptr) {
     std::string all;
     HTTP_Connection_var connection = open();
-    for (unsigned again = 0; again < 100; ++again) {
-      all += drain(*connection.get(), 100000);
+    for (unsigned again = 0; again < 1000; ++again) {
+      if (connection->state() != HTTP_Connection::FAILED)
+        all += drain(*connection.get(), 100000);
+      else if (!service_->last_error().retriable())
+        return all;
       if (reopened)
         *reopened = again;
-      if (connection->state() != HTTP_Connection::CLOSED)
+      if (connection->state() == HTTP_Connection::BODY_READ)
         return all;
       connection = open(all.size());
-      if (connection->state() == HTTP_Connection::FAILED)
-        return all;
     }
     return all;
   }
@@ -60,7 +62,14 @@ protected:
   S3_Service_var service_;
 };
 
-TEST_F(Ranged_Connection_Test, slow_streams_are_joined_and_the_bytes_come_in_order) {
+TEST_F(Ranged_Connection_Test, slow_stream_is_joined_by_others) {
+  EXPECT_EQ(synthetic_bytes(5, 0, SIZE), read_all());
+  EXPECT_GE(server.max_concurrent(), 2u);
+  EXPECT_GT(ranged_requests(), 2u);
+}
+
+TEST_F(Ranged_Connection_Test, ranges_are_asked_for_side_by_side_and_the_bytes_come_in_order) {
+  settings.ranges.first = 8;
   const HTTP_Connection_var connection = open();
   EXPECT_EQ(HTTP_Connection::HEADERS_READ, connection->state());
   EXPECT_EQ(synthetic_bytes(5, 0, SIZE), drain(*connection.get(), 77777));
@@ -74,17 +83,19 @@ TEST_F(Ranged_Connection_Test, slow_streams_are_joined_and_the_bytes_come_in_ord
       }));
     }
   EXPECT_GT(ledger->range_memory.peak(), 0u);
-  EXPECT_LE(ledger->range_memory.peak(), 2u * 8 * settings.ranges.size);
+  // Two for each stream, and what a stream has just finished with.
+  EXPECT_LE(ledger->range_memory.peak(), 3u * 8 * settings.ranges.size);
   EXPECT_EQ(0u, ledger->range_memory.used());
 }
 
 TEST_F(Ranged_Connection_Test, connections_are_used_again_for_the_next_ranges) {
+  settings.ranges.first = 8;
   EXPECT_EQ(synthetic_bytes(5, 0, SIZE), read_all());
   EXPECT_LE(server.connections_opened(), 9u);
 }
 
-TEST_F(Ranged_Connection_Test, fast_stream_stays_alone) {
-  server.configure([](s3_testing::S3_Server_Settings& s) { s.bytes_per_second = 0; });
+TEST_F(Ranged_Connection_Test, stream_stays_alone_where_no_more_are_allowed) {
+  settings.ranges.most = 1;
   EXPECT_EQ(synthetic_bytes(5, 0, SIZE), read_all());
   EXPECT_EQ(1u, server.count("GetObject"));
 }
@@ -103,6 +114,7 @@ TEST_F(Ranged_Connection_Test, without_memory_one_stream_carries_everything) {
 }
 
 TEST_F(Ranged_Connection_Test, little_memory_bounds_the_streams) {
+  settings.ranges.first = 8;
   const size_t others = (64u << 20) - 3 * settings.ranges.size;
   ASSERT_TRUE(ledger->range_memory.take(others));
   EXPECT_EQ(synthetic_bytes(5, 0, SIZE), read_all());
@@ -114,6 +126,7 @@ TEST_F(Ranged_Connection_Test, little_memory_bounds_the_streams) {
 }
 
 TEST_F(Ranged_Connection_Test, broken_ranges_are_taken_up_and_nothing_is_missing_or_twice) {
+  settings.ranges.first = 8;
   server.add_fault(Fault::cut(30000).on("GetObject").probability(0.2));
   server.add_fault(Fault::no_reply().on("GetObject").from_nth(3).probability(0.05));
   EXPECT_EQ(synthetic_bytes(5, 0, SIZE), read_all());
@@ -121,6 +134,7 @@ TEST_F(Ranged_Connection_Test, broken_ranges_are_taken_up_and_nothing_is_missing
 }
 
 TEST_F(Ranged_Connection_Test, refused_ranges_fall_back_to_the_stream_there_is) {
+  settings.ranges.first = 4;
   server.add_fault(Fault::error(503, "SlowDown").on("GetObject").when([](const s3_testing::Request_Info& request) {
     return !range_of(request).empty();
   }));
@@ -131,6 +145,7 @@ TEST_F(Ranged_Connection_Test, refused_ranges_fall_back_to_the_stream_there_is) 
 }
 
 TEST_F(Ranged_Connection_Test, replaced_object_breaks_off_and_is_not_gone_on_with) {
+  settings.ranges.first = 4;
   server.add_fault(Fault::change_object(30000, false).on("GetObject").from_nth(8).times(1));
   const std::string all = read_all();
   EXPECT_LT(all.size(), SIZE);
@@ -139,6 +154,7 @@ TEST_F(Ranged_Connection_Test, replaced_object_breaks_off_and_is_not_gone_on_wit
 }
 
 TEST_F(Ranged_Connection_Test, service_that_ignores_ranges_is_asked_for_the_whole_from_then_on) {
+  settings.ranges.first = 4;
   server.configure([](s3_testing::S3_Server_Settings& s) { s.ranges = false; });
   settings.ranges.size = 1 << 20;
   EXPECT_EQ(synthetic_bytes(5, 0, SIZE), read_all());
@@ -148,6 +164,7 @@ TEST_F(Ranged_Connection_Test, service_that_ignores_ranges_is_asked_for_the_whol
 }
 
 TEST_F(Ranged_Connection_Test, reader_that_goes_away_ends_the_threads_at_once) {
+  settings.ranges.first = 4;
   settings.idle_timeout = 60;
   constexpr size_t FAR = 3 << 20;
   server.add_fault(Fault::stall(1000).on("GetObject").when([](const s3_testing::Request_Info& request) {
@@ -165,10 +182,35 @@ TEST_F(Ranged_Connection_Test, reader_that_goes_away_ends_the_threads_at_once) {
 }
 
 TEST_F(Ranged_Connection_Test, body_from_the_middle_is_read_over_several_streams_too) {
+  settings.ranges.first = 4;
   open();
   const HTTP_Connection_var connection = open(100001);
   EXPECT_EQ(synthetic_bytes(5, 100001, SIZE - 100001), drain(*connection.get(), 50000));
   EXPECT_GT(ranged_requests(), 10u);
+}
+
+/// Over a minute long and a matter of the machine: run by hand (--gtest_also_run_disabled_tests).
+TEST_F(Ranged_Connection_Test, DISABLED_eight_ranges_bring_six_times_what_one_stream_brings) {
+  constexpr ACE_UINT64 LARGE = 600u << 20;
+  server.put_synthetic("bucket", "large", LARGE, 6);
+  server.configure([](s3_testing::S3_Server_Settings& s) { s.bytes_per_second = 20000000; });
+  double seconds[2];
+  for (const unsigned most : {1u, 8u}) {
+    settings.ranges = Range_Settings();
+    settings.ranges.most = most;
+    const auto began = std::chrono::steady_clock::now();
+    const HTTP_Connection_var connection = service()->get_object("bucket", "large", 0, nullptr);
+    std::string buffer(256 << 10, '\0');
+    ACE_UINT64 got = 0;
+    for (size_t piece; (piece = connection->recv(&buffer[0], buffer.size(), nullptr)) > 0;)
+      got += piece;
+    ASSERT_EQ(LARGE, got);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    seconds[most == 8] = took.count();
+    std::cout << most << " streams: " << LARGE / took.count() / 1e6 << " MB/s, peak of the memory for ranges "
+              << (ledger->range_memory.peak() >> 20) << " MiB\n";
+  }
+  EXPECT_GE(seconds[0] / seconds[1], 6);
 }
 
 } // namespace

@@ -178,6 +178,13 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
     return report(std::move(outcome));
   }
   ledger.listing_succeeded(path);
+  // Whoever lists goes on with a C string, and would come to another prefix.
+  std::erase_if(content.common_prefixes, [&](const std::string& prefix) {
+    if (prefix.find('\0') == std::string::npos)
+      return false;
+    ledger.listing_failed('/' + request.bucket + '/' + prefix, "Keys with a NUL byte are not supported.");
+    return true;
+  });
   ledger.listed_keys.fetch_add(content.objects.size(), std::memory_order_relaxed);
   const std::string host = endpoint_->address(request.bucket).host;
   for (const S3_Object& object : content.objects)
@@ -235,11 +242,15 @@ bool Service::head_object(const char* bucket, const char* key, S3_Object& object
   Outcome outcome = transport_.ask(Request{"HEAD", bucket, key, {}, {}, false, {}});
   ACE_UINT64 size = 0;
   if (outcome.ok()) {
-    if (parse_size(outcome.head.value("content-length"), size))
+    if (parse_size(outcome.head.value("content-length"), size)) {
       fill(object, key, outcome.head, size);
-    else
+      const bool thawed = outcome.head.value("x-amz-restore").find("ongoing-request=\"false\"") != std::string::npos;
+      if (!thawed && needs_thaw(object.storage_class, endpoint_->address(bucket).host))
+        endpoint_->ledger()->objects.archived(std::string("/") + bucket + '/' + key, object.storage_class);
+    } else {
       outcome.error = S3_Error(EPROTO, outcome.head.status, "MissingContentLength",
                                "the answer names no length (HEAD of '" + object.name + "')", false);
+    }
   } else if (outcome.error.status() == 404) {
     outcome.error = S3_Error();
   }

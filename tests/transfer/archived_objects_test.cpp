@@ -100,6 +100,22 @@ TEST_F(Archived_Objects, service_is_asked_once_to_thaw_them_and_what_is_thawed_i
   EXPECT_EQ("cold", content(catalog()["bucket/a"]));
 }
 
+TEST_F(Archived_Objects, object_that_is_asked_for_by_name_is_seen_from_its_head) {
+  put("a", "GLACIER");
+  put("b", "GLACIER");
+  s3_testing::Object thawed = *server.object("bucket", "b");
+  thawed.headers["x-amz-restore"] = "ongoing-request=\"false\", expiry-date=\"Fri, 21 Dec 2029 00:00:00 GMT\"";
+  server.put("bucket", "b", thawed);
+  order.sources = {"/bucket/a", "/bucket/b"};
+  server.keep_log(true);
+  ASSERT_TRUE(backup()) << failure;
+  EXPECT_EQ(1u, figure("saved"));
+  EXPECT_EQ(1u, figure("skipped"));
+  EXPECT_EQ(0u, requests("a", "GetObject"));
+  EXPECT_NE(std::string::npos, reason("/bucket/a").find("archive (GLACIER)"));
+  EXPECT_EQ("cold", content(catalog()["bucket/b"]));
+}
+
 TEST_F(Archived_Objects, unchanged_ones_are_not_read_and_not_skipped) {
   put("a", "STANDARD");
   order.base_seq = 0;

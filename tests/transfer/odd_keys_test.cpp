@@ -226,6 +226,19 @@ TEST_F(Odd_Keys, control_characters_on_an_unencoded_page_are_had_all_the_same) {
   round_trip({"a", "b/c", "d e", "100%", "x+y", "a%20b", "z/&/<w>", "bad\x01key", "b/bad\x02key", "c\x1f/d"});
 }
 
+TEST_F(Odd_Keys, key_with_a_zero_byte_costs_only_itself) {
+  using namespace std::string_literals;
+  put({"a", "a\0b"s, "b/\0"s, "b/c", "d\0/e"s, "f"});
+  ASSERT_TRUE(backup()) << failure;
+  EXPECT_EQ(3u, figure("saved"));
+  EXPECT_EQ(2u, figure("skipped"));
+  const auto objects = catalog();
+  for (const char* key : {"a", "b/c", "f"})
+    EXPECT_EQ(1u, objects.count(std::string("bucket/") + key)) << key;
+  for (const std::string& name : {"/bucket/a\0b"s, "/bucket/b/\0"s, "/bucket/d\0/"s})
+    EXPECT_TRUE(events->named(name)) << testing::PrintToString(name);
+}
+
 TEST_F(Odd_Keys, key_that_cannot_be_read_costs_only_itself) {
   put({"a", "b/locked", "b/other", "c"});
   server.add_fault(Fault::error(403, "AccessDenied").on("GetObject").key("b/locked"));
