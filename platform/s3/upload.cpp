@@ -94,12 +94,6 @@ protected:
     Object_Extras(transport_, bucket_, key_, max_retry_seconds_).give(attributes_, given_, multipart, refused_);
   }
 
-  /// Services want a digest of what an object lock shall protect (AWS refuses the request without one).
-  void digest_locked(Request& put, unsigned kinds) const {
-    if (kinds & KIND_LOCK)
-      put.headers.emplace_back("content-md5", to_base64(md5(put.body)));
-  }
-
   Request request(const char* method) const { return Request{method, bucket_, key_, {}, {}, false, {}}; }
 
   /// Always false. Says why, for the caller has no other way to tell.
@@ -140,7 +134,9 @@ protected:
     Request put = request("PUT");
     put.has_body = true;
     put.body = buffer_;
-    digest_locked(put, kinds_of(attributes_));
+    // Services want a digest of what an object lock shall protect (AWS refuses the request without one).
+    if (kinds_of(attributes_) & KIND_LOCK)
+      put.headers.emplace_back("content-md5", to_base64(md5(buffer_)));
     const Outcome outcome = send_attributed(put, false, [&](const Request& attributed) {
       return retried(max_retry_seconds_, [&] { return transport_.ask(attributed); });
     });
@@ -189,10 +185,10 @@ public:
 
 protected:
   bool flush() override {
-    Request locked = request("PUT");
-    locked.body = buffer_;
-    digest_locked(locked, given_);
-    if (!sender_.send(upload_id_, buffer_, locked.headers))
+    Name_Values headers;
+    if (given_ & KIND_LOCK)
+      headers.emplace_back("content-md5", to_base64(md5(buffer_)));
+    if (!sender_.send(upload_id_, buffer_, headers))
       return give_up(sender_.error());
     piece_ = static_cast<size_t>(plan_.next());
     return true;
