@@ -67,7 +67,8 @@ long long Catalog_Statement::signed_number(int column) const {
 std::string_view Catalog_Statement::blob(int column) const {
   const void* bytes = sqlite3_column_blob(statement_.get(), column);
   const int size = sqlite3_column_bytes(statement_.get(), column);
-  return bytes == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(bytes), size_t(size));
+  // An empty value has no address, and a view without one is not for everybody (memcpy).
+  return bytes == nullptr ? std::string_view("", 0) : std::string_view(static_cast<const char*>(bytes), size_t(size));
 }
 
 std::string Catalog_Statement::error() const {

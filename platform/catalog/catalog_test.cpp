@@ -399,6 +399,28 @@ TEST_F(Catalog, second_catalog_in_a_folder_is_refused) {
   EXPECT_NE(std::string::npos, error_.find("exists")) << error_;
 }
 
+TEST_F(Catalog, damaged_values_read_as_empty_ones) {
+  write(TREE);
+  Catalog_Db db;
+  ASSERT_TRUE(db.open(folder_ + "/catalog.db", SQLITE_OPEN_READWRITE, error_));
+  ASSERT_TRUE(db.execute("UPDATE objects SET sha256=x'', size='many' WHERE ordinal=1;"
+                         "UPDATE objects SET sha256=zeroblob(5) WHERE ordinal=2",
+                         error_));
+  Catalog_Statement statement;
+  ASSERT_TRUE(statement.prepare(db.get(), "SELECT sha256 FROM objects WHERE ordinal=1", error_));
+  ASSERT_EQ(SQLITE_ROW, statement.step());
+  EXPECT_NE(nullptr, statement.blob(0).data());
+  EXPECT_EQ(0u, statement.blob(0).size());
+  statement = Catalog_Statement();
+  ASSERT_TRUE(db.close(error_));
+  Catalog_Object o;
+  const unsigned char zeros[32] = {};
+  for (const size_t i : {0, 1}) {
+    ASSERT_TRUE(open()->find(TREE[i], o, error_)) << error_;
+    EXPECT_EQ(0, std::memcmp(zeros, o.sha256, 32));
+  }
+}
+
 TEST_F(Catalog, foreign_newer_and_missing_files_are_refused_by_reason) {
   EXPECT_FALSE(Catalog_Reader::open(folder_, error_));
   EXPECT_NE(std::string::npos, error_.find("No such file")) << error_;

@@ -6,9 +6,52 @@
 
 #include <ace/Guard_T.h>
 
+/// A service for one request. Where all are lent another one is made, and where that fails one is waited for.
+class OBS_Existing_Handler::Loan {
+public:
+  explicit Loan(const OBS_Existing_Handler& handler) : handler_(handler) {
+    {
+      const ACE_Guard<ACE_Thread_Mutex> guard(handler_.lock_);
+      if (take())
+        return;
+    }
+    S3_Service_var another = make_client(handler_.entry_);
+    const ACE_Guard<ACE_Thread_Mutex> guard(handler_.lock_);
+    if (another) {
+      handler_.idle_.reserve(handler_.services_ + 1);
+      ++handler_.services_;
+      service_ = std::move(another);
+      return;
+    }
+    while (!take())
+      handler_.returned_.wait();
+  }
+  ~Loan() {
+    const ACE_Guard<ACE_Thread_Mutex> guard(handler_.lock_);
+    handler_.idle_.push_back(std::move(service_));
+    handler_.returned_.signal();
+  }
+  Loan(const Loan&) = delete;
+  Loan& operator=(const Loan&) = delete;
+  S3_Service_Base& service() const { return *service_; }
+
+private:
+  bool take() {
+    if (handler_.idle_.empty())
+      return false;
+    service_ = std::move(handler_.idle_.back());
+    handler_.idle_.pop_back();
+    return true;
+  }
+
+  const OBS_Existing_Handler& handler_;
+  S3_Service_var service_;
+};
+
 OBS_Existing_Handler::OBS_Existing_Handler(const MTF_FS::IPath_Converter_var& pre, const json_spirit::Object& entry,
                                            const Buckets_Mapper& mapper, OBS_PATH_CONVERTER_TYPE type)
-    : Chain_Path_Converter(pre), svr_(make_client(entry)), mapper_(mapper), type_(type) {}
+    : Chain_Path_Converter(pre), svr_(make_client(entry)), mapper_(mapper), type_(type), entry_(entry),
+      returned_(lock_), idle_(1, svr_), services_(1) {}
 
 OBS_Existing_Handler::~OBS_Existing_Handler() = default;
 
@@ -21,11 +64,8 @@ MTF::Error_Code OBS_Existing_Handler::convert_i(std::string& path, time_t mtime,
     return MTF::E_SKIP;
   const Remote_Object target(source, mapper_.mapper(source.bucket_));
   S3_Object object;
-  {
-    const ACE_Guard<ACE_Thread_Mutex> guard(lock_);
-    if (!svr_->head_object(target.bucket.c_str(), target.key.c_str(), object) || !object.exists)
-      return MTF::E_OK;
-  }
+  if (!Loan(*this).service().head_object(target.bucket.c_str(), target.key.c_str(), object) || !object.exists)
+    return MTF::E_OK;
   switch (type_) {
   case OBS_PCT_EXISTING_SKIP:
     return MTF::E_SKIP;

@@ -5,12 +5,16 @@
 #include "sdk/mtf/restore_callback.h"
 #include "sdk/s3/s3_service.h"
 
+#include <ace/Condition_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
+
+#include <vector>
 
 /// Applies a restore's policy for objects that are there already: looks at the object that a file would be written to
 /// and tells whether to go on or to leave the file out. Never changes the path. The mapper outlives it.
 ///
-/// `convert` may be called from any thread: the one service behind it serves one request at a time.
+/// `convert` may be called from any thread; as many requests as threads may be under way, each with a service of its
+/// own.
 class OBS_Existing_Handler : public MTF_FS::Chain_Path_Converter<OBS_Existing_Handler> {
 public:
   /// `pre`, which may be empty, is asked first. `entry`: the account that is restored to; when no service can be made
@@ -24,8 +28,14 @@ public:
   MTF::Error_Code convert_i(std::string& path, time_t mtime, bool is_dir) const;
 
 private:
+  class Loan;
+
   S3_Service_var svr_; ///< empty when it could not be made
   const Buckets_Mapper& mapper_;
   OBS_PATH_CONVERTER_TYPE type_;
-  mutable ACE_Thread_Mutex lock_; ///< guards `svr_`
+  json_spirit::Object entry_;
+  mutable ACE_Thread_Mutex lock_; ///< guards what follows
+  mutable ACE_Condition_Thread_Mutex returned_;
+  mutable std::vector<S3_Service_var> idle_; ///< has room for all that there are
+  mutable size_t services_ = 0;              ///< idle and lent
 };

@@ -6,6 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 MODULE_TESTING_DEFINE_SERVICE_HOOK()
 
 using namespace module_testing;
@@ -95,6 +100,32 @@ TEST_F(existing_handler, mapped_object_is_the_one_that_counts) {
   store.put("t", "p/b/k");
   EXPECT_EQ(MTF::E_SKIP, convert(OBS_PCT_EXISTING_SKIP, "/b/k"));
   EXPECT_EQ((std::vector<std::string>{"t|p/b/k", "t|p/b/k"}), service->heads);
+}
+
+TEST_F(existing_handler, threads_do_not_wait_for_one_another) {
+  constexpr int THREADS = 4;
+  service_maker() = [this](const S3_Service_Options&) { return std::make_shared<Fake_Store_Service>(store); };
+  const OBS_Existing_Handler handler(MTF_FS::IPath_Converter_var(), entry, mapper, OBS_PCT_EXISTING_SKIP);
+  std::mutex mutex;
+  std::condition_variable all;
+  int asking = 0;
+  // Nobody gets an answer before all have asked.
+  store.on_head = [&](const std::string&, const std::string&) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (++asking == THREADS)
+      all.notify_all();
+    EXPECT_TRUE(all.wait_for(lock, std::chrono::seconds(60), [&] { return asking >= THREADS; }));
+    return S3_Error();
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < THREADS; ++i)
+    threads.emplace_back([&] {
+      std::string path = "/b/k";
+      EXPECT_EQ(MTF::E_SKIP, handler.convert(path, TIME, false));
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(THREADS, asking);
 }
 
 TEST_F(existing_handler, without_a_service_every_file_passes) {
