@@ -70,6 +70,8 @@ public:
   bool open(const Media_Task& task);
   /// As Object_Reader's, with the catalog's digest and size checked before END.
   Read_Outcome read(char* buffer, size_t size, size_t& got);
+  /// What stands on the medium before the content; while the object is open.
+  const Object_Head& head() const { return reader_->head(); }
   unsigned long long stored() const { return reader_ ? reader_->stored() : 0; }
   const std::string& error() const { return error_; }
 

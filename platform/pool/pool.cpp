@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 
 namespace fs = std::filesystem;
 
@@ -205,6 +206,16 @@ bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std
 }
 
 std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::string>& errors) const {
+  return read_sets(prefix, false, errors);
+}
+
+std::vector<Set_Record> Pool::replaced_sets(const std::string& prefix) const {
+  std::vector<std::string> ignored;
+  return read_sets(prefix, true, ignored);
+}
+
+std::vector<Set_Record> Pool::read_sets(const std::string& prefix, bool replaced,
+                                        std::vector<std::string>& errors) const {
   std::vector<Set_Record> found;
   for (const std::string& uri : set_uris(folder_, prefix)) {
     Set_Record record;
@@ -218,6 +229,12 @@ std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::s
       errors.push_back(error);
     }
   }
+  std::set<std::string> gone;
+  for (const Set_Record& record : found)
+    gone.insert(record.replaces.begin(), record.replaces.end());
+  found.erase(std::remove_if(found.begin(), found.end(),
+                             [&](const Set_Record& record) { return (gone.count(record.uuid) != 0) != replaced; }),
+              found.end());
   std::stable_sort(found.begin(), found.end(), [](const Set_Record& a, const Set_Record& b) {
     return a.start_time != b.start_time ? a.start_time < b.start_time : a.seq < b.seq;
   });
