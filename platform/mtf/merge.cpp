@@ -418,6 +418,17 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
   return done && sync_folder(folder, error);
 }
 
+/// What is called ".tmp" in a set's folder is nobody's any more: whoever made it has lost the pool.
+void remove_temporary(const std::string& folder) {
+  std::error_code code;
+  std::vector<fs::path> found;
+  for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code))
+    if (it->path().extension() == ".tmp")
+      found.push_back(it->path());
+  for (const fs::path& path : found)
+    fs::remove_all(path, code);
+}
+
 } // namespace
 
 bool merge_sets(const Pool& pool, const std::vector<Set_Record>& sets, const Merge_Options& options,
@@ -427,6 +438,8 @@ bool merge_sets(const Pool& pool, const std::vector<Set_Record>& sets, const Mer
 }
 
 bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::string>& busy, std::string& error) {
+  if (!pool.finish_removals(place, error))
+    return false;
   for (const std::string& uri : pool.unfinished(place)) {
     Set_Lock lock;
     std::error_code code;
@@ -443,14 +456,14 @@ bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::
     error = bad.front();
     return false;
   }
+  for (const Set_Record& set : sets)
+    remove_temporary(pool.set_folder(set.uri));
   for (const Set_Record& merged : sets) {
     if (merged.replaces.empty())
       continue;
     ::unlink((pool.set_folder(merged.uri) + "/" + MERGE_MARK).c_str());
     const std::set<std::string> replaced(merged.replaces.begin(), merged.replaces.end());
     for (const Set_Record& other : sets) {
-      std::error_code code;
-      fs::remove_all(pool.set_folder(other.uri) + "/" + WORK_FOLDER, code);
       if (other.uuid == merged.uuid)
         continue;
       const auto catalog = Catalog_Reader::open(pool.set_folder(other.uri), error);

@@ -51,8 +51,10 @@ public:
   bool lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error) const;
   /// Removes those that no living process has locked. Returns how many; `error` says what could not be removed.
   unsigned remove_unfinished(const std::string& prefix, std::string& error) const;
-  /// Removes a set or partial set: its record first, then its files.
+  /// Removes a set, a partial set or an unfinished one: at once as far as anybody looks for it, then its files.
   bool remove_set(const std::string& uri, std::string& error) const;
+  /// Ends removals at "HOST/RESOURCE" that were cut short. The caller has locked the pool.
+  bool finish_removals(const std::string& prefix, std::string& error) const;
 
 private:
   std::vector<Set_Record> read_sets(const std::string& prefix, bool replaced, std::vector<std::string>& errors) const;
