@@ -79,11 +79,18 @@ class Kill_Points(harness.Scenario):
         self.took[kind] = time.monotonic() - start
         return False
 
+    def verify(self, set_id):
+        result = self.agent("verify", set_id, expect=None)
+        if result.returncode != 0:
+            for step in self.history[-25:]:
+                print(*step, flush=True)
+            self.fail(result.stdout)
+
     def look_at_everything(self):
         outcome = self.backup("/bucket/")
         self.assertEqual(0, outcome["skipped"] + outcome["failed"])
         for set_id in self.sets():
-            self.agent("verify", set_id)
+            self.verify(set_id)
         for key in self.client.list_objects(Bucket="target").get("Contents", []):
             self.client.delete_object(Bucket="target", Key=key["Key"])
         self.agent("restore", outcome["set"], "--map", "bucket=target")
@@ -109,10 +116,7 @@ class Kill_Points(harness.Scenario):
             kills[kind] = kills.get(kind, 0) + 1
             sets = self.sets()
             self.assertTrue(sets, "all sets are gone")
-            one = self.chance.choice(sets)
-            if self.agent("verify", one, expect=None).returncode != 0:
-                for line in self.history[-25:]: print(line)
-                self.agent("verify", one)
+            self.verify(self.chance.choice(sets))
             if sum(kills.values()) % SETTLE_EVERY == 0:
                 self.look_at_everything()
         print("killed:", kills, flush=True)
