@@ -2,6 +2,7 @@
 
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/catalog_rebuild.h"
+#include "platform/mtf/merge.h"
 
 #include <CLI/CLI.hpp>
 
@@ -78,6 +79,10 @@ void rebuild(Context& context, const std::string& name) {
   std::string error;
   if (!rebuild_catalog(place.pool, place.uri, report, error))
     throw Command_Error("the catalog of '" + name + "' cannot be rebuilt: " + error);
+  // A copy from before a merge points into sets that this has replaced.
+  std::vector<std::string> busy;
+  if (!finish_merges(place.pool, place.uri.substr(0, place.uri.rfind('/')), busy, error))
+    report.problems.push_back("merges beside it cannot be ended: " + error);
   if (!context.store().put_set(set_from_record(report.record, place.entry.uuid), error))
     throw Command_Error("the catalog is rebuilt, but the set cannot be taken up: " + error);
 

@@ -65,8 +65,11 @@ void find(Context& context, const Find_Arguments& arguments) {
       const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);
       search.run(*catalog, [&](const Catalog_Object& object) {
         ++matches;
-        const std::string& holder =
-            object.set < catalog->sets().size() ? catalog->sets()[object.set].uuid : catalog->set_uuid();
+        // Numbers may be missing in the list.
+        std::string holder;
+        for (const Catalog_Set& one : catalog->sets())
+          if (one.index == object.set)
+            holder = one.uuid;
         print_match(context, set, holder, object);
       });
     } catch (const Command_Error& error) {

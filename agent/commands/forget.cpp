@@ -3,6 +3,7 @@
 
 #include "platform/catalog/catalog_reader.h"
 #include "platform/file_backup/set_catalog.h"
+#include "platform/mtf/merge.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/pool/set_guard.h"
 #include "platform/pool/set_lock.h"
@@ -70,6 +71,8 @@ public:
     for (const std::string& place : groups)
       if (is_busy(place))
         busy_.insert(place);
+    if (!arguments_.dry_run)
+      end_merges(groups);
     read_sets();
     for (const std::string& place : groups)
       apply_rules(place);
@@ -114,6 +117,17 @@ private:
       locks_.emplace_back();
       if (!locks_.back().acquire(pool_.set_folder(place), true, error))
         throw Command_Error("pool '" + entry_.name + "': " + error);
+    }
+  }
+
+  void end_merges(const std::vector<std::string>& places) {
+    for (const std::string& place : places) {
+      std::string error;
+      std::vector<std::string> busy;
+      if (!finish_merges(pool_, place, busy, error))
+        problems.push_back("a merge that was cut short cannot be ended: " + error);
+      for (const Set_Record& record : pool_.replaced_sets(place))
+        replaced_.insert(record.uuid);
     }
   }
 
@@ -171,6 +185,10 @@ private:
         group[i]->reasons.push_back("its time cannot be read");
       if (busy)
         group[i]->reasons.push_back("a backup is running");
+      // Without it, what it replaces would be sets again.
+      for (const std::string& uuid : group[i]->record.replaces)
+        if (replaced_.count(uuid) != 0)
+          group[i]->reasons.push_back("set " + uuid + ", which it replaces, is being read");
       if (damaged && group[i]->readable)
         group[i]->reasons.push_back("a catalog beside it cannot be read");
       else if (damaged)
@@ -292,6 +310,7 @@ private:
   std::vector<Set_Lock> locks_;
   std::set<std::string> busy_;    ///< places where a run is under way
   std::vector<Candidate> sets_;   ///< oldest first
+  std::set<std::string> replaced_; ///< by merged sets, and not dropped yet
   std::set<std::string> orphans_; ///< what removed sets pointed into
   std::set<std::string> decided_; ///< uuids of the sets that the rules were applied to
 };

@@ -6,6 +6,7 @@
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
+#include "platform/mtf/merge.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
 #include "sdk/base/clock.h"
@@ -206,6 +207,10 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
 
 /// What earlier runs left becomes something to go on with.
 void Backup_Engine::Impl::take_up_unfinished() {
+  std::vector<std::string> busy;
+  std::string error;
+  if (!finish_merges(pool, place, busy, error))
+    engine_log(log, LM_WARNING, "A merge that was cut short cannot be ended: " + error + ".");
   Salvage_Report report;
   salvage_unfinished(pool, place, report);
   if (report.salvaged != 0)

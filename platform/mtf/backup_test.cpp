@@ -501,6 +501,7 @@ TEST_F(Continuation, every_unfinished_run_brings_the_next_one_further) {
 
 TEST_F(Continuation, changed_and_damaged_objects_are_read_again) {
   fill(100, 2000, 53);
+  order_.channels = 1;
   leave("killed", 1);
   source_.objects["b/d000/o00003"].mtime += 1;
   source_.objects["b/d000/o00004"].data += "x";

@@ -27,10 +27,18 @@ bool Media_Feed::hold(std::string& error) {
     case Set_Guard::HELD:
       guards_.push_back(std::move(guard));
       break;
-    case Set_Guard::MISSING:
-      if (set.index != 0)
+    case Set_Guard::MISSING: {
+      if (set.index == 0)
+        return false;
+      // Unless a merge has just moved its data, that is damage, which is told object by object.
+      std::string why;
+      const auto now = Catalog_Reader::open(pool_.set_folder(record_.uri), why);
+      if (!now || std::any_of(now->sets().begin(), now->sets().end(),
+                              [&](const Catalog_Set& one) { return one.uuid == set.uuid; }))
         break;
+      error = "the data of set " + record_.uuid + " have just been moved by a merge: try again";
       return false;
+    }
     default:
       return false;
     }

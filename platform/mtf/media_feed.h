@@ -74,6 +74,8 @@ public:
   const MTF::File_Attributes& attributes() const;
   /// Why they are not those stored beside it; empty where they are.
   const std::string& attributes_problem() const { return reader_->attributes_problem(); }
+  /// What stands on the medium before the content; while the object is open.
+  const Object_Head& head() const { return reader_->head(); }
   unsigned long long stored() const { return reader_ ? reader_->stored() : 0; }
   const std::string& error() const { return error_; }
 

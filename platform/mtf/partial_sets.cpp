@@ -11,7 +11,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -27,6 +31,20 @@ bool exists(const std::string& path) {
 
 std::string time_text(long long time) {
   return POSIX_Time_To_ISO8601(to_time_t(time), "%Y-%m-%d %H:%M:%S").str();
+}
+
+/// The unfinished catalog, and whatever else the run was about to write.
+void remove_all_but_media(const std::string& folder, const Set_Record& record) {
+  std::error_code code;
+  std::vector<fs::path> others;
+  for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
+    const std::string name = it->path().filename().string();
+    if (name != Set_Lock::FILE_NAME && std::none_of(record.media.begin(), record.media.end(),
+                                                    [&](const Set_Record::Medium& one) { return one.name == name; }))
+      others.push_back(it->path());
+  }
+  for (const fs::path& path : others)
+    fs::remove_all(path, code);
 }
 
 /// Makes a partial set of one unfinished folder. False when there is nothing to make it of.
@@ -85,8 +103,7 @@ bool make_partial(const Pool& pool, const std::string& uri, Set_Record& record, 
   record.source_size = record.backup_set_size = staging->bytes();
   record.figures["saved"] = staging->objects();
 
-  for (const char* const suffix : {"", "-journal", "-wal", "-shm"})
-    ::unlink((folder + "/" + catalog::FILE_NAME + suffix).c_str());
+  remove_all_but_media(folder, record);
   const auto catalog = Catalog_Writer::create(folder, error);
   if (!catalog)
     return false;

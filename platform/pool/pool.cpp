@@ -9,12 +9,15 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr const char* POOL_FILE = "pool.json";
+/// What the names of sets that are being removed begin with.
+constexpr const char* REMOVED = ".removed-";
 constexpr int POOL_FORMAT = 1;
 constexpr size_t MAX_POOL_FILE = 1u << 20;
 /// HOST/RESOURCE/ACTIVITY
@@ -205,6 +208,16 @@ bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std
 }
 
 std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::string>& errors) const {
+  return read_sets(prefix, false, errors);
+}
+
+std::vector<Set_Record> Pool::replaced_sets(const std::string& prefix) const {
+  std::vector<std::string> ignored;
+  return read_sets(prefix, true, ignored);
+}
+
+std::vector<Set_Record> Pool::read_sets(const std::string& prefix, bool replaced,
+                                        std::vector<std::string>& errors) const {
   std::vector<Set_Record> found;
   for (const std::string& uri : set_uris(folder_, prefix)) {
     Set_Record record;
@@ -218,6 +231,12 @@ std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::s
       errors.push_back(error);
     }
   }
+  std::set<std::string> gone;
+  for (const Set_Record& record : found)
+    gone.insert(record.replaces.begin(), record.replaces.end());
+  found.erase(std::remove_if(found.begin(), found.end(),
+                             [&](const Set_Record& record) { return (gone.count(record.uuid) != 0) != replaced; }),
+              found.end());
   std::stable_sort(found.begin(), found.end(), [](const Set_Record& a, const Set_Record& b) {
     return a.start_time != b.start_time ? a.start_time < b.start_time : a.seq < b.seq;
   });
@@ -325,16 +344,28 @@ bool Pool::remove_set(const std::string& uri, std::string& error) const {
     error = "'" + uri + "' is no set";
     return false;
   }
-  const std::string path = set_folder(uri);
-  for (const char* const name : {Set_Record::FILE_NAME, Set_Record::PARTIAL_FILE_NAME}) {
-    const std::string record = path + "/" + name;
-    if (::unlink(record.c_str()) != 0 && errno != ENOENT) {
-      error = "cannot remove " + record + ": " + std::strerror(errno);
-      return false;
-    }
-  }
-  std::string ignored;
-  if (exists(path) && !sync_folder(path, error))
+  const std::string path = set_folder(uri), place = set_folder(parent_of(uri));
+  const std::string aside = place + "/" + REMOVED + uri.substr(parent_of(uri).size() + 1);
+  // In one step it is no set any more, nor what an unfinished run left; what a crash leaves of it goes later.
+  if (!exists(path))
+    return true;
+  if (exists(aside) && !remove_tree(aside, error))
     return false;
-  return remove_tree(path, error);
+  if (::rename(path.c_str(), aside.c_str()) != 0) {
+    error = "cannot remove " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  return sync_folder(place, error) && remove_tree(aside, error);
+}
+
+bool Pool::finish_removals(const std::string& prefix, std::string& error) const {
+  bool done = true;
+  std::error_code code;
+  std::vector<std::string> left;
+  for (fs::directory_iterator it(set_folder(prefix), code), end; !code && it != end; it.increment(code))
+    if (it->path().filename().string().compare(0, std::strlen(REMOVED), REMOVED) == 0)
+      left.push_back(it->path().string());
+  for (const std::string& path : left)
+    done = remove_tree(path, error) && done;
+  return done;
 }

@@ -32,6 +32,9 @@ public:
   /// Records of all sets below `prefix` ("" for all, "HOST", "HOST/RESOURCE"), oldest first. Folders without a record
   /// are no sets; unreadable records are named in `errors`.
   std::vector<Set_Record> sets(const std::string& prefix, std::vector<std::string>& errors) const;
+  /// Records of the sets there that a merged set has replaced and that are not dropped yet: they are none of the pool's
+  /// sets any more.
+  std::vector<Set_Record> replaced_sets(const std::string& prefix) const;
   /// Records of the partial sets there, newest first.
   std::vector<Set_Record> partial_sets(const std::string& prefix, std::vector<std::string>& errors) const;
   /// Locks the pool against other processes that would change it. Null with a message that names who has it.
@@ -48,10 +51,13 @@ public:
   bool lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error) const;
   /// Removes those that no living process has locked. Returns how many; `error` says what could not be removed.
   unsigned remove_unfinished(const std::string& prefix, std::string& error) const;
-  /// Removes a set or partial set: its record first, then its files.
+  /// Removes a set, a partial set or an unfinished one: at once as far as anybody looks for it, then its files.
   bool remove_set(const std::string& uri, std::string& error) const;
+  /// Ends removals at "HOST/RESOURCE" that were cut short. The caller has locked the pool.
+  bool finish_removals(const std::string& prefix, std::string& error) const;
 
 private:
+  std::vector<Set_Record> read_sets(const std::string& prefix, bool replaced, std::vector<std::string>& errors) const;
   bool make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string& error) const;
 
   std::string uuid_;
