@@ -37,13 +37,14 @@ void fill(const Catalog_Statement& row, std::string_view folder, Catalog_Object&
 
 class Catalog_Reader_Impl : public Catalog_Reader {
 public:
-  explicit Catalog_Reader_Impl(const std::string& folder) : path_(folder + "/" + catalog::FILE_NAME) {}
+  Catalog_Reader_Impl(const std::string& folder, const Set_Cipher_ptr& cipher)
+      : path_(folder + "/" + catalog::FILE_NAME), cipher_(cipher) {}
 
   bool open(std::string& error) {
     std::string why;
     if (::access(path_.c_str(), R_OK) != 0)
       why = std::strerror(errno);
-    else if (db_.open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, why) &&
+    else if (db_.open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, why, cipher_) &&
              db_.execute("PRAGMA temp_store=FILE; PRAGMA cache_size=-4096", why) && check(why) && load(why) &&
              prepare(why))
       return true;
@@ -470,11 +471,12 @@ private:
         done = done && one.bind(1, object.ordinal).bind(2, object.ordinal).run();
     }
     if (!done && error.empty())
-      error = std::string("cannot select from catalog: ") + sqlite3_errmsg(db_.get());
+      error = std::string("cannot select from catalog: ") + catalog_error(db_.get());
     return db_.execute("COMMIT", error) && done;
   }
 
   const std::string path_;
+  const Set_Cipher_ptr cipher_;
   Catalog_Db db_;
   Catalog_Statement folder_id_, children_, visits_, range_, named_, visit_of_, scan_;
   std::string entered_; ///< folder of `match`
@@ -488,8 +490,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<Catalog_Reader> Catalog_Reader::open(const std::string& folder, std::string& error) {
-  std::unique_ptr<Catalog_Reader_Impl> reader(new Catalog_Reader_Impl(folder));
+std::unique_ptr<Catalog_Reader> Catalog_Reader::open(const std::string& folder, std::string& error,
+                                                     const Set_Cipher_ptr& cipher) {
+  std::unique_ptr<Catalog_Reader_Impl> reader(new Catalog_Reader_Impl(folder, cipher));
   if (!reader->open(error))
     return nullptr;
   return reader;

@@ -6,6 +6,7 @@
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
+#include "platform/pool/set_keys.h"
 #include "sdk/base/clock.h"
 #include "sdk/job/job.h"
 
@@ -156,7 +157,11 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     return false;
   }
   made_folder = true;
-  catalog = Catalog_Writer::create(pool.set_folder(uri), error);
+  if (!make_set_cipher(pool, order.uuid, order.codec.cipher, error)) {
+    fail(E_GET_POOL_INFO, error);
+    return false;
+  }
+  catalog = Catalog_Writer::create(pool.set_folder(uri), error, order.codec.cipher);
   if (!catalog || !catalog->add_set({0, order.uuid, uri, order.base_seq + 1})) {
     fail(E_OPEN_MEDIUM, catalog ? catalog->error() : error);
     return false;
@@ -191,6 +196,7 @@ bool Backup_Engine::Impl::make_media() {
     identity.machine = metadata.host;
     identity.incremental = base != nullptr;
     identity.write_date = Clock::instance().now();
+    identity.cipher = order.codec.cipher;
     auto medium = Medium_Writer::create(pool.set_folder(uri) + "/" + medium_name(i), identity, error);
     if (!medium) {
       fail(E_OPEN_MEDIUM, error);
@@ -305,6 +311,7 @@ bool Backup_Engine::Impl::complete() {
   metadata.seq = order.base_seq + 1;
   metadata.channels = static_cast<unsigned>(channels.size());
   metadata.set_uri = uri;
+  metadata.data_key = order.codec.cipher ? order.codec.cipher->wrapped() : std::string();
   metadata.base_uuid = base ? base->uuid() : std::string();
   return true;
 }

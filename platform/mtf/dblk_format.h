@@ -42,6 +42,8 @@ constexpr uint32_t OBSH = four("OBSH"); ///< head of an object (FILE)
 constexpr uint32_t OBSZ = four("OBSZ"); ///< one frame of an object's content (FILE)
 constexpr uint32_t OBSD = four("OBSD"); ///< digest of an object's content (FILE)
 constexpr uint32_t OBST = four("OBST"); ///< totals of the set (ESET)
+constexpr uint32_t OBSK = four("OBSK"); ///< wrapped data key of an encrypted set (VOLB, ESET)
+constexpr uint32_t OBSX = four("OBSX"); ///< one encrypted frame of an object's content (FILE)
 
 // Ends of the fixed parts, where strings begin.
 constexpr unsigned TAPE_FIXED = 94;
@@ -58,6 +60,7 @@ constexpr unsigned char STRINGS_UTF16 = 2;
 
 constexpr uint16_t STREAM_VARIABLE = 2;
 constexpr uint16_t STREAM_VARIABLE_END = 4;
+constexpr uint16_t STREAM_ENCRYPTED = 8;
 
 /// Bytes that a name may take, so that the block with the header of its first stream, and for a directory the whole
 /// check stream too, ends inside the first FLB.

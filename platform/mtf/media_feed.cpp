@@ -1,5 +1,7 @@
 #include "platform/mtf/media_feed.h"
 
+#include "platform/pool/set_keys.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -54,7 +56,10 @@ std::shared_ptr<Medium_Reader> Media_Feed::open(unsigned set, unsigned channel, 
   for (const Set_Record::Medium& medium : record.media)
     if (medium.name == name)
       family = medium.family;
-  return Medium_Reader::open(pool_.set_folder(uri) + "/" + name, family, error);
+  Set_Cipher_ptr cipher;
+  if (!open_set_cipher(pool_, record, cipher, error))
+    return nullptr;
+  return Medium_Reader::open(pool_.set_folder(uri) + "/" + name, family, error, cipher);
 }
 
 void Media_Feed::inspect_own_media() {

@@ -1,5 +1,7 @@
 #include "platform/mtf/medium_source.h"
 
+#include "platform/mtf/sealed_stream.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -14,8 +16,10 @@ Medium_Source::~Medium_Source() {
     ::close(fd_);
 }
 
-std::shared_ptr<Medium_Source> Medium_Source::open(const std::string& path, std::string& error) {
+std::shared_ptr<Medium_Source> Medium_Source::open(const std::string& path, std::string& error,
+                                                   const Set_Cipher_ptr& cipher) {
   auto source = std::make_shared<Medium_Source>();
+  source->cipher_ = cipher;
   source->path_ = path;
   source->fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat status;
@@ -177,8 +181,8 @@ std::string name_in_block(const unsigned char* block, size_t size, unsigned fiel
 namespace {
 
 /// Reads the head stream that should begin at `offset`.
-bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& start, uint64_t& check,
-               Medium_Stream& stream, std::string& error) {
+bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& start, Medium_Stream& stream,
+               std::string& error) {
   if (!read_stream(window, offset, stream, error))
     return false;
   if (stream.header.id != OBSH || stream.header.length > 64 * 1024) {
@@ -191,7 +195,13 @@ bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& s
     error = window.error();
     return false;
   }
-  return parse_object_head(data, length, start.head, check, error);
+  start.head_end = stream.data() + length;
+  if (!parse_object_head(data, length, window.source().cipher(), start.head, start.stream, error))
+    return false;
+  if (start.stream.sealed || window.source().cipher() == nullptr)
+    return true;
+  error = "the object is not encrypted, and its set is: it was not written with it";
+  return false;
 }
 
 } // namespace
@@ -199,23 +209,22 @@ bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& s
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error) {
   Dblk_Header header;
   Medium_Stream stream;
-  uint64_t check = 0;
   start.block_holds = read_block(window, offset, header, error);
   if (start.block_holds && header.type != FILE_) {
     error = "a block " + four_text(header.type) + " stands where an object was looked for";
     return false;
   }
   if (start.block_holds) {
-    if (!read_head(window, offset + header.first_event, start, check, stream, error))
+    if (!read_head(window, offset + header.first_event, start, stream, error))
       return false;
     const unsigned char* block = window.at(offset, header.first_event);
-    start.block_holds = block != nullptr && block_check(block, header.first_event) == check;
+    start.block_holds = block != nullptr && block_check(block, header.first_event) == start.stream.block_check;
   } else {
     // The block does not tell where its streams begin: the first whole head stream inside the FLB is this object's.
     const std::string reason = error;
     bool found = false;
     for (unsigned at = FILE_FIXED; at <= MAX_FIRST_EVENT && !found; at += STREAM_ALIGNMENT)
-      found = read_head(window, offset + at, start, check, stream, error);
+      found = read_head(window, offset + at, start, stream, error);
     if (!found) {
       error = reason;
       return false;
@@ -224,7 +233,8 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
   const unsigned long long next = stream.next();
   if (!read_stream(window, next, start.content, error))
     return false;
-  if (start.content.header.id != STAN && start.content.header.id != OBSZ) {
+  const uint32_t content = start.content.header.id;
+  if (start.stream.sealed ? content != OBSX : content != STAN && content != OBSZ) {
     error = "a stream " + four_text(start.content.header.id) + " stands where the content belongs";
     return false;
   }
@@ -236,8 +246,8 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
   return true;
 }
 
-bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Head& head, Object_Digest& digest,
-                     unsigned long long& end, std::string& error) {
+bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Start& start, Object_End& end,
+                     std::string& error) {
   Medium_Stream stream;
   if (!read_stream(window, offset, stream, error))
     return false;
@@ -251,16 +261,27 @@ bool read_object_end(Medium_Window& window, unsigned long long offset, const Obj
     error = window.error();
     return false;
   }
-  if (!digest.parse(data, length, error))
-    return false;
-  if (digest.size != head.size || digest.ordinal != head.ordinal) {
-    error = "the digest stream belongs to another object";
-    return false;
+  end.digest_end = stream.data() + length;
+  const std::string_view bytes(reinterpret_cast<const char*>(data), length);
+  if (start.stream.sealed && !start.stream.opened) {
+    end.digest = Object_Digest();
+    if (!sealed_stream_holds(bytes, error))
+      return false;
+  } else {
+    std::string plain;
+    std::string_view opened;
+    if (!open_private_stream(OBSD, start.stream.sealed ? &start.stream.seal : nullptr, bytes, plain, opened, error) ||
+        !end.digest.parse(bytes_of(opened), opened.size(), error))
+      return false;
+    if (end.digest.size != start.head.size || end.digest.ordinal != start.head.ordinal) {
+      error = "the digest stream belongs to another object";
+      return false;
+    }
   }
   if (!read_stream(window, stream.next(), stream, error))
     return false;
-  end = stream.data() + stream.header.length;
-  if (stream.header.id != SPAD || end % FLB != 0 || stream.header.length >= FLB) {
+  end.end = stream.data() + stream.header.length;
+  if (stream.header.id != SPAD || end.end % FLB != 0 || stream.header.length >= FLB) {
     error = "the object does not end with padding to a block boundary";
     return false;
   }

@@ -1,5 +1,6 @@
 #include "platform/mtf/verify.h"
 
+#include "platform/catalog/open_catalog.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
 
@@ -90,7 +91,7 @@ private:
 bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options& options, Verify_Report& report) {
   report = Verify_Report();
   std::string error;
-  auto catalog = Catalog_Reader::open(pool.set_folder(record.uri), error);
+  auto catalog = open_set_catalog(pool, record, error);
   if (!catalog) {
     report.failure = error;
     return false;
