@@ -1,6 +1,7 @@
 add_compile_options(-Wall -Wextra -Werror -fno-gnu-unique)
-# Log lines name a source by its path inside the project.
-add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
+# Log lines name a source by its path inside the project, also where a compiler cache passes relative paths on.
+file(RELATIVE_PATH _source_dir "${CMAKE_BINARY_DIR}" "${CMAKE_SOURCE_DIR}")
+add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=" "-ffile-prefix-map=${_source_dir}=")
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   get_directory_property(_opts COMPILE_OPTIONS)
   list(REMOVE_ITEM _opts -fno-gnu-unique)

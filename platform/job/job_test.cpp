@@ -10,11 +10,37 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 namespace {
 
-/// A job whose work is a function, run on a thread that nobody joins, as a resource's jobs do it.
+/// The threads of all jobs: no test waits for them, but the program joins each before it ends.
+class Job_Threads : public ::testing::Environment {
+public:
+  void add(std::thread thread) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    threads_.push_back(std::move(thread));
+  }
+  void TearDown() override {
+    for (std::thread& thread : threads_)
+      thread.join();
+    threads_.clear();
+  }
+
+private:
+  std::mutex mutex_;
+  std::vector<std::thread> threads_;
+};
+
+Job_Threads& job_threads() {
+  static auto* const threads = new Job_Threads; // the test framework's own
+  return *threads;
+}
+[[maybe_unused]] const auto* const registered = ::testing::AddGlobalTestEnvironment(&job_threads());
+
+/// A job whose work is a function, run on a thread for which the job does not wait, as a resource's jobs do it.
 class Work_Job : public Job {
 public:
   explicit Work_Job(std::function<void(Work_Job&)> work, std::promise<void>* gone = nullptr)
@@ -34,11 +60,11 @@ public:
   int start_i(const Job_Run_Options*) override {
     if (refuse)
       return -1;
-    std::thread([this] {
+    job_threads().add(std::thread([this] {
       set_job_thread();
       work_(*this);
       complete();
-    }).detach();
+    }));
     return 0;
   }
   int stop_i(const Job_Run_Options*) override { return state_i(JOB_STATE_CANCELING); }

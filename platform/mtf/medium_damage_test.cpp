@@ -22,6 +22,13 @@ void set_byte(const std::string& path, size_t at, char value) {
   file.put(value);
 }
 
+// Every byte; under a sanitizer, which takes a hundred times as long, every 37th: no block's fields repeat at that distance.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t STRIDE = 37;
+#else
+constexpr size_t STRIDE = 1;
+#endif
+
 class damaged_medium : public ::testing::TestWithParam<MTF_Compression> {};
 
 // Damage to an object costs that object at most; anything else costs none. Nothing is ever handed out that differs.
@@ -32,9 +39,9 @@ TEST_P(damaged_medium, a_flipped_bit_in_any_byte_is_found_and_the_rest_stays_rea
   const auto places = write_medium(path, objects, {GetParam(), 1}, Way::IMAGE);
   const std::string good = load(path);
   std::string error;
-  for (size_t at = 0; at < good.size(); ++at) {
+  for (size_t at = 0; at < good.size(); at += STRIDE) {
     if (at != 0)
-      set_byte(path, at - 1, good[at - 1]);
+      set_byte(path, at - STRIDE, good[at - STRIDE]);
     set_byte(path, at, static_cast<char>(good[at] ^ 1 << at % 8));
     const auto problems = problems_of(path);
     ASSERT_FALSE(problems.empty()) << "byte " << at;

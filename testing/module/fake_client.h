@@ -2,6 +2,8 @@
 
 #include "testing/module/fake_s3.h"
 
+#include <atomic>
+
 namespace module_testing {
 
 /// What the clients that a callback holds do in a test program with fake_client.cpp: they work on a store, and keep
@@ -19,7 +21,7 @@ struct Fake_Client_Script {
   std::vector<std::string> connections; ///< "scheme host port ssl access secret region vendor sign"
   std::vector<std::string> uploaded;    ///< "bucket|key|size"
   std::vector<std::string> deleted;     ///< "bucket|key"
-  int services = 0;
+  std::atomic<int> services = 0; ///< made so far; the listers' threads each make one
 };
 
 Fake_Client_Script& fake_client();
