@@ -1,7 +1,6 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
-
-#include "platform/file_backup/glob_filter.h"
+#include "agent/commands/search.h"
 
 #include <CLI/CLI.hpp>
 
@@ -26,53 +25,6 @@ std::string hex(const unsigned char* bytes, size_t size) {
   }
   return text;
 }
-
-/// A glob and the part of a catalog that it can match in.
-class Search {
-public:
-  explicit Search(const std::string& glob) {
-    std::string error;
-    if (!rule_.compile(glob, error))
-      throw Command_Error("'" + glob + "' is no pattern: " + error, EXIT_USAGE);
-    if (glob[0] != '/')
-      return;
-    // Only what lies below the folders before the first wildcard can match.
-    const size_t wild = glob.find_first_of("*?");
-    exact_ = wild == std::string::npos && glob.back() != '/';
-    const size_t slash = glob.rfind('/', wild);
-    root_ = exact_ ? glob.substr(1) : glob.substr(1, slash == std::string::npos ? 0 : slash);
-  }
-
-  /// Tells `found` every match in hand-out order. Throws Command_Error.
-  void run(Catalog_Reader& catalog, const std::function<void(const Catalog_Object&)>& found) const {
-    std::string error;
-    if (exact_) {
-      Catalog_Object object;
-      if (catalog.find(root_, object, error))
-        found(object);
-      else if (!error.empty())
-        throw Command_Error(error);
-      return;
-    }
-    std::string path;
-    const bool walked = catalog.walk(
-        root_,
-        [&](const Catalog_Object& object) {
-          path.assign(1, '/').append(object.path);
-          if (rule_.match(path.data(), path.size()) == Glob_Rule::MATCH)
-            found(object);
-          return true;
-        },
-        error);
-    if (!walked)
-      throw Command_Error(error);
-  }
-
-private:
-  Glob_Rule rule_;
-  bool exact_ = false; ///< the glob is one object's path, `root_`
-  std::string root_;   ///< folder to walk, as the catalog names it
-};
 
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
   if (!context.json) {

@@ -1,6 +1,9 @@
 #include "agent/commands/commands.h"
+#include "agent/commands/open_set.h"
 #include "agent/commands/paths.h"
+#include "agent/commands/restore_dry_run.h"
 #include "agent/commands/run_job.h"
+#include "agent/commands/search.h"
 #include "agent/entry.h"
 
 #include "sdk/job/job_definition.h"
@@ -8,55 +11,59 @@
 #include <CLI/CLI.hpp>
 
 #include <memory>
-#include <set>
 
 namespace {
 
 struct Restore_Arguments {
   std::string set;
   std::vector<std::string> paths;
+  std::vector<std::string> globs;
   std::string to;
   std::vector<std::string> maps;
   std::string existing = "overwrite";
   unsigned concurrent = 16;
   bool create_bucket = false;
+  bool dry_run = false;
 };
 
-struct Bucket_Map {
-  std::string source;
-  std::string target;
-  std::string prefix;
-};
-
-/// Reads "SOURCE=TARGET" or "SOURCE=TARGET/PREFIX"; "*" stands for every bucket without a map of its own.
-Bucket_Map parse_map(const std::string& text) {
-  const std::string::size_type equals = text.find('=');
-  Bucket_Map map;
-  if (equals != std::string::npos) {
-    map.source = text.substr(0, equals);
-    map.target = text.substr(equals + 1);
-    const std::string::size_type slash = map.target.find('/');
-    if (slash != std::string::npos) {
-      map.prefix = map.target.substr(slash + 1);
-      map.target.erase(slash);
-    }
+/// The set's objects that paths and globs select; nothing selects all. A glob costs memory for each of its matches.
+Catalog_Selection selection_of(const Restore_Arguments& arguments, Catalog_Reader& catalog) {
+  Catalog_Selection selection;
+  for (const std::string& path : checked_paths(arguments.paths))
+    (path.back() == '/' ? selection.folders : selection.objects).push_back(path.substr(1));
+  for (const std::string& glob : arguments.globs) {
+    bool found = false;
+    Search(glob).run(catalog, [&](const Catalog_Object& object) {
+      selection.objects.push_back(object.path);
+      found = true;
+    });
+    if (!found)
+      throw Command_Error("nothing in the set matches '" + glob + "'");
   }
-  if (map.source.empty() || map.target.empty() || map.source.find('/') != std::string::npos)
-    throw Command_Error("--map '" + text + "' is not of the form SOURCE=TARGET or SOURCE=TARGET/PREFIX", EXIT_USAGE);
-  return map;
+  return selection;
 }
 
-json_spirit::Array selected_entries(const std::vector<std::string>& paths) {
+json_spirit::Array entries_of(const Catalog_Selection& selection) {
   json_spirit::Array entries;
-  for (const std::string& path : checked_paths(paths)) {
-    json_spirit::Object entry;
-    entry[path.back() == '/' ? "dir" : "file"] = path;
-    entries.push_back(entry);
-  }
+  for (const std::string& folder : selection.folders)
+    entries.push_back(json_spirit::Object{{"dir", "/" + folder}});
+  for (const std::string& object : selection.objects)
+    entries.push_back(json_spirit::Object{{"file", "/" + object}});
   return entries;
 }
 
-void create_missing_buckets(const Account& account, const std::set<std::string>& buckets) {
+/// A set in which two objects would be written to one key is not restored: the second would replace the first.
+void refuse_collisions(Restore_Plan& plan) {
+  plan.find_collisions();
+  if (plan.collision_count() == 0)
+    return;
+  const Collision& first = plan.collisions().front();
+  throw Command_Error("nothing is restored, because the mapping sends two objects to one key " +
+                      std::to_string(plan.collision_count()) + " times: '/" + first.first + "' and '/" + first.second +
+                      "' both to '/" + first.target + "' (--dry-run names them all)");
+}
+
+void create_missing_buckets(const Account& account, const std::vector<std::string>& buckets) {
   S3_Service_var service = make_account_service(account);
   for (const std::string& bucket : buckets) {
     if (service->bucket_exists(bucket.c_str()))
@@ -82,26 +89,30 @@ Account target_account(Context& context, const Set& set, const std::string& to) 
 }
 
 void restore(Context& context, const Restore_Arguments& arguments) {
-  std::vector<Bucket_Map> maps;
+  Bucket_Maps maps;
   for (const std::string& text : arguments.maps)
-    maps.push_back(parse_map(text));
-  const json_spirit::Array entries = selected_entries(arguments.paths);
+    maps.add(text);
+  checked_paths(arguments.paths);
   const Set set = context.set(arguments.set);
   const Account account = target_account(context, set, arguments.to);
+  const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);
+  const Catalog_Selection selection = selection_of(arguments, *catalog);
+  Restore_Plan plan(*catalog, selection, maps);
+  if (arguments.dry_run)
+    return restore_dry_run(context, account, *catalog, selection, plan);
 
   context.module();   // before the first request: from here on an interrupt cancels instead of ending the process
+  refuse_collisions(plan);
   json_spirit::Array bucket_maps;
-  std::set<std::string> targets;
-  for (const Bucket_Map& map : maps) {
+  for (const Bucket_Maps::Map& map : maps.maps()) {
     json_spirit::Object item;
     item["source"] = map.source;
     item["target"] = map.target;
     item["prefix"] = map.prefix;
     bucket_maps.push_back(item);
-    targets.insert(map.target);
   }
   if (arguments.create_bucket)
-    create_missing_buckets(account, targets);
+    create_missing_buckets(account, plan.target_buckets());
 
   json_spirit::Object source;
   source["id"] = set.account_uuid;
@@ -110,8 +121,8 @@ void restore(Context& context, const Restore_Arguments& arguments) {
   source["backup_minor_resource_id"] = set.minor_resource_id;
   source["pool_uuid"] = set.pool_uuid;
   source["seq"] = set.seq;
-  if (!entries.empty())
-    source["entries"] = entries;
+  if (!selection.everything())
+    source["entries"] = entries_of(selection);
 
   json_spirit::Object options;
   options["channels"] = arguments.concurrent;
@@ -148,6 +159,11 @@ void add_restore_command(CLI::App& app, Context& context) {
   command->add_option("--concurrent", arguments->concurrent, "Objects written at the same time")
       ->check(CLI::Range(1, 1024))
       ->capture_default_str();
-  command->add_flag("--create-bucket", arguments->create_bucket, "Create the buckets of --map that do not exist");
+  command->add_flag("--create-bucket", arguments->create_bucket, "Create target buckets that do not exist");
+  command->add_option("--glob", arguments->globs, "Also the objects whose path matches: *, ? and **, as for find")
+      ->type_name("GLOB")
+      ->allow_extra_args(false);
+  command->add_flag("--dry-run", arguments->dry_run,
+                    "Write nothing: list what would be written where, and which objects would collide");
   command->callback([&context, arguments] { restore(context, *arguments); });
 }
