@@ -71,7 +71,11 @@ bool Catalog_Db::open(const std::string& path, int flags, std::string& error, co
   const int result = sqlite3_open_v2(path.c_str(), &db, flags, vfs_ ? vfs_->name() : nullptr);
   db_.reset(db);
   if (result != SQLITE_OK) {
-    error = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
+    // SQLite reads the file's head at once; a connection that could not has no file to ask.
+    if (vfs_ && !vfs_->reason().empty())
+      error = vfs_->reason();
+    else
+      error = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
     db_.reset();
     return false;
   }

@@ -256,6 +256,20 @@ public:
     return true;
   }
 
+  bool check_pages(std::string& error) override {
+    Catalog_Statement statement;
+    if (!statement.prepare(db_.get(), "PRAGMA quick_check(1)", error))
+      return false;
+    const int step = statement.step();
+    std::string result(step == SQLITE_ROW ? statement.blob(0) : std::string_view());
+    if (step == SQLITE_ROW && result == "ok")
+      return true;
+    const std::string below = catalog_layer_reason(db_.get());
+    error = "the catalog " + path_ + " is damaged: " +
+            (!below.empty() ? below : step == SQLITE_ROW ? result : statement.error());
+    return false;
+  }
+
   bool problems(const std::function<bool(const Catalog_Problem&)>& told, std::string& error) override {
     Catalog_Statement rows;
     if (!rows.prepare(db_.get(), "SELECT kind,path,number,message FROM problems ORDER BY id", error))

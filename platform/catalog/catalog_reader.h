@@ -68,5 +68,7 @@ public:
   /// How many objects `selection` holds and their bytes. Members of the selection that match nothing go to `unmatched`.
   virtual bool count(const Catalog_Selection& selection, unsigned long long& objects, unsigned long long& bytes,
                      std::vector<std::string>& unmatched, std::string& error) = 0;
+  /// Reads every page and looks whether the database holds together. False with the reason.
+  virtual bool check_pages(std::string& error) = 0;
   virtual bool problems(const std::function<bool(const Catalog_Problem&)>& problem, std::string& error) = 0;
 };

@@ -374,10 +374,13 @@ std::unique_ptr<Catalog_Vfs> Catalog_Vfs::make(const Set_Cipher_ptr& cipher, std
   return layer;
 }
 
-std::string catalog_error(sqlite3* db) {
+std::string catalog_layer_reason(sqlite3* db) {
   const Catalog_Vfs* layer = nullptr;
-  if (db != nullptr && sqlite3_file_control(db, "main", FCNTL_LAYER, &layer) == SQLITE_OK && layer != nullptr &&
-      !layer->reason().empty())
-    return layer->reason();
-  return sqlite3_errmsg(db);
+  const bool has = db != nullptr && sqlite3_file_control(db, "main", FCNTL_LAYER, &layer) == SQLITE_OK;
+  return has && layer != nullptr ? layer->reason() : std::string();
+}
+
+std::string catalog_error(sqlite3* db) {
+  const std::string below = catalog_layer_reason(db);
+  return below.empty() ? sqlite3_errmsg(db) : below;
 }

@@ -27,6 +27,8 @@ public:
   virtual const std::string& reason() const = 0;
 };
 
+/// Why the layer of a connection could not read or write a page; empty when it could, or there is none.
+std::string catalog_layer_reason(sqlite3* db);
 /// The message of the last failure on a connection: the layer's where it has one, which tells damage from a wrong key,
 /// else SQLite's.
 std::string catalog_error(sqlite3* db);
