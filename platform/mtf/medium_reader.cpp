@@ -34,7 +34,7 @@ public:
     }
   }
 
-  bool complete(std::string& error) override {
+  bool complete(std::string& error) const override {
     Medium_Window window(*source_, 3 * FLB);
     const unsigned long long size = source_->size();
     Dblk_Header header;

@@ -67,6 +67,6 @@ public:
   /// checked. False when the medium cannot be read at all.
   virtual bool walk(bool content, const std::function<bool(const Medium_Finding&)>& found, std::string& error) = 0;
   /// Whether the medium ends as a finished one does.
-  virtual bool complete(std::string& error) = 0;
+  virtual bool complete(std::string& error) const = 0;
   virtual unsigned long long size() const = 0;
 };
