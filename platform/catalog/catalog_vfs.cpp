@@ -134,23 +134,22 @@ bool Page_File::open_page(sqlite3_int64 number, const unsigned char* raw, unsign
 }
 
 int Page_File::read(unsigned char* out, int size, sqlite3_int64 offset) {
-  sqlite3_int64 length = 0;
-  const int sized = real_->pMethods->xFileSize(real_, &length);
-  if (sized != SQLITE_OK)
-    return sized;
   unsigned char raw[PAGE];
   unsigned char plain[PAGE];
   while (size > 0) {
     const sqlite3_int64 begin = offset / PAGE * PAGE;
     const int from = static_cast<int>(offset - begin);
     const int piece = std::min(size, PAGE - from);
-    if (begin >= length) {
+    const int got = real_->pMethods->xRead(real_, raw, PAGE, begin);
+    if (got == SQLITE_IOERR_SHORT_READ) {
+      sqlite3_int64 length = 0;
+      if (real_->pMethods->xFileSize(real_, &length) != SQLITE_OK)
+        return SQLITE_IOERR_READ;
+      if (begin < length)
+        return layer_.fail(SQLITE_IOERR_READ, "it is cut off at " + std::to_string(length) + " bytes");
       std::memset(out, 0, static_cast<size_t>(size));
       return SQLITE_IOERR_SHORT_READ;
     }
-    if (length - begin < PAGE)
-      return layer_.fail(SQLITE_IOERR_READ, "it is cut off at " + std::to_string(length) + " bytes");
-    const int got = real_->pMethods->xRead(real_, raw, PAGE, begin);
     if (got != SQLITE_OK)
       return got;
     // What SQLite leaves free reads as it would in a file of its own: it is part of no record.
