@@ -190,8 +190,11 @@ class Encrypted:
         self.fill()
         self.add_encrypted()
         self.backup("/%s/" % self.bucket, "--channels", "1")
-        shutil.rmtree(self.state)
         medium, = self.media()
+        opened = self.agent("media", "dump", medium, "--pool", "disk").stdout
+        self.assertIn('path "%s/secretname empty"' % self.bucket, opened)
+        self.assertTrue(self.agent("media", "check", medium, "--pool", "disk", "--json").json["clean"])
+        shutil.rmtree(self.state)
         checked = self.agent("media", "check", medium, "--json").json
         self.assertEqual((True, 43), (checked["clean"], checked["objects"]))
         dump = self.agent("media", "dump", medium).stdout
