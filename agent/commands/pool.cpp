@@ -151,6 +151,21 @@ void show(Context& context, const std::string& name) {
     context.exit_code = EXIT_COMPLETED_WITH_ERRORS;
 }
 
+/// The key of a pool that is known here, when the kept one is lost with its master key.
+void unlock(Context& context, const Pool_Arguments& arguments) {
+  const Pool_Entry entry = context.pool_entry(arguments.name);
+  const Pool pool = context.open_pool(entry);
+  Secret_Key key;
+  std::string error;
+  if (!pool.encrypted())
+    throw Command_Error("pool '" + entry.name + "' is not encrypted");
+  if (!pool.unlock(take_secret(arguments, false), key, error))
+    throw Command_Error("pool '" + entry.name + "' cannot be opened: " + error);
+  if (!keep_pool_key(context.store(), pool.uuid(), key, error))
+    throw Command_Error("the pool's key cannot be kept: " + error);
+  context.print(pool_json(entry), "pool '" + entry.name + "' can be used");
+}
+
 void rekey(Context& context, const Pool_Arguments& arguments) {
   const Pool_Entry entry = context.pool_entry(arguments.name);
   Pool pool = context.open_pool(entry);
@@ -187,6 +202,12 @@ void add_pool_commands(CLI::App& app, Context& context) {
   add_command->add_flag("--encrypt", arguments->encrypt, "Encrypt what a new pool holds: contents, names and sizes");
   add_secret(add_command);
   add_command->callback([&context, arguments] { add(context, *arguments); });
+
+  CLI::App* unlock_command =
+      pool->add_subcommand("unlock", "Give the key of an encrypted pool again, when the one that is kept cannot be used");
+  unlock_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
+  add_secret(unlock_command);
+  unlock_command->callback([&context, arguments] { unlock(context, *arguments); });
 
   CLI::App* rekey_command =
       pool->add_subcommand("rekey", "Give an encrypted pool another passphrase or key file; what it holds stays as it is");

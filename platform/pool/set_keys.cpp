@@ -34,12 +34,11 @@ bool from_store(const Pool& pool, Secret_Key& key, std::string& error) {
   if (store != nullptr && !store->find_note(NOTE_KIND, pool.uuid(), sealed, found, error))
     return false;
   if (!found) {
-    error = "the key of the encrypted pool in " + pool.folder() + " is not known here: add the pool with its passphrase " +
-            "or key file";
+    error = "the key of the encrypted pool in " + pool.folder() + " is not known here: give it with \"pool unlock\"";
     return false;
   }
   if (!open_secret(sealed, text, error)) {
-    error = "the key of the pool in " + pool.folder() + " cannot be used: " + error;
+    error = "the key of the pool in " + pool.folder() + " cannot be used (" + error + "): give it with \"pool unlock\"";
     return false;
   }
   const bool good = from_hex(text, data) && data.size() == Secret_Key::SIZE;
@@ -83,7 +82,7 @@ bool find_pool_key(const Pool& pool, Secret_Key& key, std::string& error) {
   if (to_hex(reinterpret_cast<const unsigned char*>(key_check(key).data()), 8) == pool.key_check())
     return true;
   error = "the key that is kept for the pool in " + pool.folder() +
-          " is not its own: add the pool again with its passphrase or key file";
+          " is not its own: give it with \"pool unlock\"";
   return false;
 }
 

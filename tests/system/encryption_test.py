@@ -231,6 +231,17 @@ class Encrypted:
         self.assertIn("is not encrypted", self.agent("verify", plain, "--json", expect=1).json["message"])
         self.agent("ls", encrypted)
 
+    def test_key_can_be_given_again_when_the_master_key_is_lost(self):
+        self.put("secretname", b"1")
+        self.add_encrypted()
+        first = self.backup("/%s/" % self.bucket)["set"]
+        os.unlink(os.path.join(self.state, "master.key"))
+        self.assertIn("pool unlock", self.agent("ls", first, expect=1).stderr)
+        wrong = self.agent("pool", "unlock", "disk", "--passphrase-file", self.other, expect=1)
+        self.assertIn("the passphrase is not the pool's", wrong.stderr)
+        self.agent("pool", "unlock", "disk", "--passphrase-file", self.passphrase)
+        self.agent("ls", first)
+
     def test_kept_key_of_another_pool_is_told_from_damage(self):
         self.put("secretname", b"1")
         self.add_encrypted()
