@@ -26,6 +26,8 @@ struct Backup_Arguments {
   int compression_level = 1;
   std::vector<std::string> exclusions;
   std::vector<std::string> inclusions;
+  bool tags = false;
+  bool acl = false;
 };
 
 /// The name of a selection that the operator did not name: the same paths and rules give the same one, so that the next
@@ -92,6 +94,8 @@ void backup(Context& context, Backup_Arguments arguments) {
   options["compression_level"] = arguments.compression_level;
   options["channels"] = arguments.channels;
   options["scan_file_threads"] = arguments.scan_threads;
+  options["tags"] = arguments.tags;
+  options["acl"] = arguments.acl;
 
   json_spirit::Object target;
   target["id"] = pool.uuid;
@@ -144,6 +148,8 @@ void add_backup_command(CLI::App& app, Context& context) {
   command->add_option("--include", arguments->inclusions, "Take in what matches; may be repeated")
       ->type_name("RULE")
       ->allow_extra_args(false);
+  command->add_flag("--tags", arguments->tags, "Ask for each object's tags (a request each, where it may have some)");
+  command->add_flag("--acl", arguments->acl, "Ask for each object's access list (a request each)");
   command->add_flag("--dry-run", arguments->dry_run, "List what would be backed up; read and write nothing");
   command->callback([&context, arguments] { backup(context, *arguments); });
 }

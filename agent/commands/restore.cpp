@@ -23,6 +23,9 @@ struct Restore_Arguments {
   std::string existing = "overwrite";
   unsigned concurrent = 16;
   bool create_bucket = false;
+  bool no_acl = false;
+  bool drop_tags = false;
+  std::string storage_class;
   bool dry_run = false;
 };
 
@@ -128,6 +131,10 @@ void restore(Context& context, const Restore_Arguments& arguments) {
   options["channels"] = arguments.concurrent;
   options["existing"] = arguments.existing;
   options["bucket_maps"] = bucket_maps;
+  options["no_acl"] = arguments.no_acl;
+  options["drop_tags"] = arguments.drop_tags;
+  if (!arguments.storage_class.empty())
+    options["storage_class"] = arguments.storage_class;
 
   json_spirit::Object definition;
   definition["type"] = "restore";
@@ -159,6 +166,10 @@ void add_restore_command(CLI::App& app, Context& context) {
   command->add_option("--concurrent", arguments->concurrent, "Objects written at the same time")
       ->check(CLI::Range(1, 1024))
       ->capture_default_str();
+  command->add_flag("--no-acl", arguments->no_acl, "Give no access lists");
+  command->add_flag("--drop-tags", arguments->drop_tags, "Give no tags");
+  command->add_option("--storage-class", arguments->storage_class, "Storage class for all objects; each one's own unless told")
+      ->type_name("CLASS");
   command->add_flag("--create-bucket", arguments->create_bucket, "Create target buckets that do not exist");
   command->add_option("--glob", arguments->globs, "Also the objects whose path matches: *, ? and **, as for find")
       ->type_name("GLOB")

@@ -1,6 +1,8 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
 
+#include "sdk/s3/object_attributes.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -46,28 +48,65 @@ void list_sets(Context& context, const std::string& account_name) {
   context.print(json, text);
 }
 
+/// Characters of `attributes_head`.
+constexpr size_t ATTRIBUTES_WIDTH = 46;
+
+/// Content type, storage class and number of tags, in columns.
+std::string attributes_head(const Catalog_Object& object) {
+  Object_Attributes attributes;
+  std::string ignored, type = "-";
+  attributes.parse(object.attributes.common, std::string(), ignored);
+  for (const auto& header : attributes.headers)
+    if (header.first == "content-type")
+      type = header.second.substr(0, header.second.find(';'));
+  // What others wrote shall not move the terminal's cursor.
+  for (char& c : type)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+      c = '?';
+  char head[128];
+  std::snprintf(head, sizeof head, "%-26.26s %-11.11s %2zu tag%s  ", type.c_str(),
+                attributes.storage_class.empty() ? "-" : attributes.storage_class.c_str(), attributes.tags.size(),
+                attributes.tags.size() == 1 ? " " : "s");
+  return head;
+}
+
+/// The attributes as the catalog has them.
+void add_attributes(const Catalog_Object& object, json_spirit::Object& entry) {
+  json_spirit::Object all;
+  for (const std::string* text : {&object.attributes.common, &object.attributes.own}) {
+    json_spirit::Value value;
+    if (!text->empty() && json_spirit::read(*text, value) && value.type() == json_spirit::obj_type)
+      all.insert(value.get_obj().begin(), value.get_obj().end());
+  }
+  entry["attributes"] = std::move(all);
+}
+
 /// Prints entries as they come, so that a large set costs no memory.
 class Ls_Printer {
 public:
-  explicit Ls_Printer(bool json) : json_(json) {}
+  Ls_Printer(bool json, bool all) : json_(json), long_(all) {}
   void folder(const std::string& path) {
     json_spirit::Object entry;
     entry["dir"] = "/" + path;
     if (json_)
       std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
     else
-      print_bytes("                              -  /" + path);
+      print_bytes("                              -  " + std::string(long_ ? ATTRIBUTES_WIDTH : 0, ' ') + "/" + path);
   }
   void object(const Catalog_Object& object) {
     if (json_) {
-      std::printf("%s\n", json_spirit::write_utf8(object_json(object)).c_str());
+      json_spirit::Object entry = object_json(object);
+      if (long_)
+        add_attributes(object, entry);
+      std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
       return;
     }
-    print_bytes(object_head(object) + "/" + object.path);
+    print_bytes(object_head(object) + (long_ ? attributes_head(object) : std::string()) + "/" + object.path);
   }
 
 private:
   bool json_;
+  bool long_;
 };
 
 void list_folder(Catalog_Reader& catalog, const std::string& path, Ls_Printer& printer) {
@@ -86,7 +125,7 @@ void list_folder(Catalog_Reader& catalog, const std::string& path, Ls_Printer& p
   } while (page.truncated);
 }
 
-void ls(Context& context, const std::string& set_id, const std::string& given_path, bool recursive) {
+void ls(Context& context, const std::string& set_id, const std::string& given_path, bool recursive, bool all) {
   // The catalog knows paths without their leading "/".
   std::string path = given_path;
   if (!path.empty() && path[0] == '/')
@@ -94,7 +133,7 @@ void ls(Context& context, const std::string& set_id, const std::string& given_pa
   const Set set = context.set(set_id);
   std::string error;
   const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);
-  Ls_Printer printer(context.json);
+  Ls_Printer printer(context.json, all);
   const bool is_folder = path.empty() || path.back() == '/';
   if (!is_folder) {
     Catalog_Object object;
@@ -135,5 +174,7 @@ void add_set_commands(CLI::App& app, Context& context) {
   list->add_option("set", *set, "Set, or the beginning of its uuid")->required()->type_name("SET");
   list->add_option("path", *path, "/bucket/folder/ or /bucket/key; none: the buckets")->type_name("PATH");
   list->add_flag("-r,--recursive", *recursive, "Everything below");
-  list->callback([&context, set, path, recursive] { ls(context, *set, *path, *recursive); });
+  auto all = std::make_shared<bool>(false);
+  list->add_flag("-l,--long", *all, "Content type, storage class and number of tags too; with --json all attributes");
+  list->callback([&context, set, path, recursive, all] { ls(context, *set, *path, *recursive, *all); });
 }

@@ -37,6 +37,7 @@ json_spirit::Object damage_json(const Verify_Damage& damage) {
   json_spirit::Object json;
   json["name"] = "/" + damage.path;
   json["size"] = damage.size;
+  json["lost"] = damage.lost;
   json["set"] = damage.set;
   json["medium"] = damage.medium;
   json["message"] = damage.message;
@@ -71,6 +72,7 @@ json_spirit::Object report_json(const Set& set, const Verify_Options& options, c
   json["checked"] = report.checked;
   json["good"] = report.good;
   json["damaged"] = report.damaged;
+  json["lost"] = report.lost;
   json["lost_bytes"] = report.lost_bytes;
   json["bytes"] = report.bytes;
   json["damages"] = damages;
@@ -92,7 +94,7 @@ std::string report_text(const Verify_Options& options, const Verify_Report& repo
   if (report.damaged != 0)
     for (const Verify_Report::Place& place : report.places)
       text += (place.own ? place.medium : "set " + place.set + ", " + place.medium) + ": " +
-              std::to_string(place.damaged) + " of " + std::to_string(place.objects) + " objects lost" +
+              std::to_string(place.damaged) + " of " + std::to_string(place.objects) + " objects damaged" +
               (place.error.empty() ? std::string() : ": " + place.error) + "\n";
   text += std::to_string(report.good) + " of " + std::to_string(report.checked) + " objects are good, " +
           human_bytes(report.bytes) + " read back";
@@ -100,8 +102,8 @@ std::string report_text(const Verify_Options& options, const Verify_Report& repo
     text += " (a sample of the " + std::to_string(report.objects) + " objects, with --seed " +
             std::to_string(options.seed) + ")";
   text += "\n";
-  if (report.damaged != 0)
-    text += "a restore would lack " + std::to_string(report.damaged) + " objects with " +
+  if (report.lost != 0)
+    text += "a restore would lack " + std::to_string(report.lost) + " objects with " +
             human_bytes(report.lost_bytes) + "\n";
   if (!report.failure.empty())
     text += "the set cannot be verified: " + report.failure + "\n";

@@ -26,6 +26,11 @@ Catalog_Statement& Catalog_Statement::bind_blob(int place, std::string_view byte
   return *this;
 }
 
+Catalog_Statement& Catalog_Statement::bind_null(int place) {
+  sqlite3_bind_null(statement_.get(), place);
+  return *this;
+}
+
 Catalog_Statement& Catalog_Statement::bind_text(int place, std::string_view text) {
   sqlite3_bind_text64(statement_.get(), place, text.empty() ? "" : text.data(), text.size(), SQLITE_TRANSIENT,
                       SQLITE_UTF8);

@@ -19,6 +19,7 @@ public:
   Catalog_Statement& bind_signed(int place, long long value);
   /// The bytes are copied.
   Catalog_Statement& bind_blob(int place, std::string_view bytes);
+  Catalog_Statement& bind_null(int place);
   Catalog_Statement& bind_text(int place, std::string_view text);
   /// SQLITE_ROW, SQLITE_DONE or an error.
   int step();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "sdk/mtf/file_attributes.h"
+
 #include <cstdint>
 #include <string>
 
@@ -12,7 +14,9 @@ constexpr const char* FILE_NAME = "catalog.db";
 /// "OBSC" as SQLite's application id.
 constexpr int APPLICATION_ID = 0x4F425343;
 /// SQLite's user version. A reader takes its own and older ones.
-constexpr int FORMAT_VERSION = 1;
+constexpr int FORMAT_VERSION = 2;
+/// Until then objects had no attributes.
+constexpr int ATTRIBUTES_SINCE = 2;
 
 /// The object's prefix could not be listed in this run: its entry was carried over from the set before.
 constexpr unsigned FLAG_UNSEEN = 1;
@@ -31,6 +35,7 @@ struct Catalog_Object {
   unsigned long long stored = 0;  ///< bytes that it takes on the medium
   unsigned char sha256[32] = {};  ///< of the content
   unsigned flags = 0;
+  MTF::File_Attributes attributes; ///< what else belongs to it
 };
 
 /// A set whose media a catalog points into.

@@ -8,31 +8,20 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 namespace {
 
-#define OBJECT_COLUMNS "o.ordinal,o.name,o.size,o.mtime,o.place,o.channel,o.position,o.stored,o.sha256,o.flags"
+constexpr const char* OBJECT_COLUMNS =
+    "o.ordinal,o.name,o.size,o.mtime,o.place,o.channel,o.position,o.stored,o.sha256,o.flags";
+/// Texts of attributes that are at hand.
+constexpr size_t KNOWN_ATTRIBUTES = 256;
 
 /// The smallest path that lies behind everything below the folder `path`.
 std::string end_of(const std::string& path) {
   std::string end = path;
   end.back() = '/' + 1;
   return end;
-}
-
-void fill(const Catalog_Statement& row, std::string_view folder, Catalog_Object& object) {
-  object.ordinal = row.number(0);
-  object.path.assign(folder).append(row.blob(1));
-  object.size = row.number(2);
-  object.mtime = row.signed_number(3);
-  object.set = static_cast<unsigned>(row.number(4));
-  object.channel = static_cast<unsigned>(row.number(5));
-  object.offset = row.number(6);
-  object.stored = row.number(7);
-  const std::string_view digest = row.blob(8);
-  std::memset(object.sha256, 0, sizeof object.sha256);
-  std::memcpy(object.sha256, digest.data(), std::min(digest.size(), sizeof object.sha256));
-  object.flags = static_cast<unsigned>(row.number(9));
 }
 
 class Catalog_Reader_Impl : public Catalog_Reader {
@@ -187,7 +176,7 @@ public:
                                      : "SELECT v.first,v.last,f.path FROM folders f JOIN visits v ON v.folder=f.id "
                                        "WHERE f.path>=?1 AND f.path<?2 ORDER BY v.first",
                         error) ||
-        !objects.prepare(db_.get(), "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ?", error))
+        !objects.prepare(db_.get(), objects_query(" FROM objects o WHERE o.ordinal BETWEEN ? AND ?").c_str(), error))
       return false;
     if (!path.empty())
       visits.bind_blob(1, path).bind_blob(2, end_of(path));
@@ -216,9 +205,9 @@ public:
       return false;
     if (!objects.prepare(db_.get(),
                          selection.everything()
-                             ? "SELECT " OBJECT_COLUMNS " FROM objects o ORDER BY o.place,o.channel,o.position"
-                             : "SELECT " OBJECT_COLUMNS " FROM temp.selected s CROSS JOIN objects o "
-                               "ON o.ordinal BETWEEN s.first AND s.last ORDER BY o.place,o.channel,o.position",
+                             ? objects_query(" FROM objects o ORDER BY o.place,o.channel,o.position", false).c_str()
+                             : objects_query(" FROM temp.selected s CROSS JOIN objects o "
+                               "ON o.ordinal BETWEEN s.first AND s.last ORDER BY o.place,o.channel,o.position", false).c_str(),
                          error))
       return false;
     Visit visit;
@@ -294,6 +283,48 @@ private:
     std::string folder;
   };
 
+  void fill(const Catalog_Statement& row, std::string_view folder, Catalog_Object& object) {
+    object.ordinal = row.number(0);
+    object.path.assign(folder).append(row.blob(1));
+    object.size = row.number(2);
+    object.mtime = row.signed_number(3);
+    object.set = static_cast<unsigned>(row.number(4));
+    object.channel = static_cast<unsigned>(row.number(5));
+    object.offset = row.number(6);
+    object.stored = row.number(7);
+    const std::string_view digest = row.blob(8);
+    std::memset(object.sha256, 0, sizeof object.sha256);
+    std::memcpy(object.sha256, digest.data(), std::min(digest.size(), sizeof object.sha256));
+    object.flags = static_cast<unsigned>(row.number(9));
+    object.attributes.common = attributes(row.number(10));
+    object.attributes.own.assign(row.blob(11));
+  }
+
+  /// The text of that id; empty for 0.
+  const std::string& attributes(unsigned long long id) {
+    static const std::string none;
+    if (id == 0)
+      return none;
+    const auto known = texts_.find(id);
+    if (known != texts_.end())
+      return known->second;
+    if (texts_.size() >= KNOWN_ATTRIBUTES)
+      texts_.clear();
+    Catalog_Reset reset(text_);
+    std::string& text = texts_[id];
+    if (text_.bind(1, id).step() == SQLITE_ROW)
+      text.assign(text_.blob(0));
+    return text;
+  }
+
+  /// "SELECT" with the columns that `fill` reads. `own`: with what only one object has, which no sort should carry.
+  std::string objects_query(const char* rest, bool own = true) const {
+    const char* const columns = version_ < catalog::ATTRIBUTES_SINCE ? ",NULL,NULL"
+                                : own                                ? ",o.attributes,o.own"
+                                                                     : ",o.attributes,NULL";
+    return std::string("SELECT ") + OBJECT_COLUMNS + columns + rest;
+  }
+
   static bool failed(const Catalog_Statement& statement, std::string& error) {
     error = "cannot read catalog: " + statement.error();
     return false;
@@ -317,10 +348,12 @@ private:
       error = "it was never finished";
     else if (id != catalog::APPLICATION_ID)
       error = "it is no catalog";
-    else if (version > catalog::FORMAT_VERSION)
+    else if (version > unsigned(catalog::FORMAT_VERSION))
       error = "its format " + std::to_string(version) + " is newer than this program's";
-    else
+    else {
+      version_ = static_cast<int>(version);
       return true;
+    }
     return false;
   }
 
@@ -356,18 +389,21 @@ private:
   }
 
   bool prepare(std::string& error) {
+    if (version_ >= catalog::ATTRIBUTES_SINCE &&
+        !text_.prepare(db_.get(), "SELECT text FROM attributes WHERE id=?", error))
+      return false;
     return folder_id_.prepare(db_.get(), "SELECT id FROM folders WHERE path=?", error) &&
            children_.prepare(db_.get(), "SELECT path FROM folders WHERE parent=? AND path>=? ORDER BY path", error) &&
            visits_.prepare(
                db_.get(), "SELECT first,last,ascending FROM visits WHERE folder=? AND last>=? ORDER BY first", error) &&
            range_.prepare(db_.get(),
-                          "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ? ORDER BY o.ordinal",
+                          objects_query(" FROM objects o WHERE o.ordinal BETWEEN ? AND ? ORDER BY o.ordinal").c_str(),
                           error) &&
            scan_.prepare(db_.get(),
-                         "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ? ORDER BY o.ordinal",
+                         objects_query(" FROM objects o WHERE o.ordinal BETWEEN ? AND ? ORDER BY o.ordinal").c_str(),
                          error) &&
            named_.prepare(db_.get(),
-                          "SELECT " OBJECT_COLUMNS " FROM objects o WHERE o.ordinal BETWEEN ? AND ? AND o.name=?",
+                          objects_query(" FROM objects o WHERE o.ordinal BETWEEN ? AND ? AND o.name=?").c_str(),
                           error) &&
            visit_of_.prepare(db_.get(),
                              "SELECT v.first,v.last,f.path FROM visits v JOIN folders f ON f.id=v.folder "
@@ -498,6 +534,9 @@ private:
   bool folder_there_ = false;
   bool scanning_ = false;
   int row_ = SQLITE_DONE; ///< state of `scan_`
+  int version_ = 0;
+  Catalog_Statement text_;
+  std::unordered_map<unsigned long long, std::string> texts_; ///< of attributes, by id
   Catalog_Counts counts_;
   std::vector<Catalog_Set> sets_;
 };

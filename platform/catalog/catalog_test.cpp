@@ -295,6 +295,104 @@ TEST_F(Catalog, unfinished_catalog_is_refused) {
   EXPECT_NE(std::string::npos, error_.find("catalog")) << error_;
 }
 
+TEST_F(Catalog, attributes_come_back_wherever_an_object_is_told_and_alike_ones_are_kept_once) {
+  const unsigned count = 20000;
+  {
+    auto writer = Catalog_Writer::create(folder_, error_);
+    ASSERT_TRUE(writer);
+    writer->add_set({0, "own", "u", 0});
+    writer->add_visit({"b/", 1, count, true});
+    for (unsigned i = 1; i <= count; ++i) {
+      Catalog_Object o = object(i, "b/" + std::to_string(100000 + i));
+      if (i % 2 == 0)
+        o.attributes.common = "{\"headers\":{\"content-type\":\"" + std::string(200, char('a' + i % 5)) + "\"}}";
+      if (i % 4000 == 0)
+        o.attributes.own = std::string("{\"etag\":\"\xFF") + std::to_string(i) + "\"}";
+      ASSERT_TRUE(writer->add_object(o));
+    }
+    ASSERT_TRUE(writer->finish()) << writer->error();
+  }
+  Catalog_Db db;
+  Catalog_Statement texts;
+  ASSERT_TRUE(db.open(folder_ + "/catalog.db", SQLITE_OPEN_READONLY, error_));
+  ASSERT_TRUE(texts.prepare(db.get(), "SELECT count(*) FROM attributes", error_)) << error_;
+  ASSERT_EQ(SQLITE_ROW, texts.step());
+  EXPECT_EQ(5u, texts.number(0));
+  // Two million bytes of headers were told.
+  EXPECT_GT(count * 110u, fs::file_size(folder_ + "/catalog.db"));
+
+  auto reader = open();
+  const auto check = [](const Catalog_Object& o, bool own = true) {
+    const unsigned i = static_cast<unsigned>(o.ordinal);
+    EXPECT_EQ(i % 2 == 0 ? 231u : 0u, o.attributes.common.size()) << i;
+    if (i % 2 == 0) {
+      EXPECT_EQ(char('a' + i % 5), o.attributes.common[100]);
+    }
+    EXPECT_EQ(own && i % 4000 == 0 ? std::string("{\"etag\":\"\xFF") + std::to_string(i) + "\"}" : "", o.attributes.own);
+    return !testing::Test::HasFailure();
+  };
+  unsigned walked = 0;
+  ASSERT_TRUE(reader->walk("", [&](const Catalog_Object& o) { return ++walked, check(o); }, error_));
+  EXPECT_EQ(count, walked);
+  walked = 0;
+  ASSERT_TRUE(reader->walk_media({}, [&](const Catalog_Object& o) { return ++walked, check(o, false); }, error_));
+  EXPECT_EQ(count, walked);
+  Catalog_Object o;
+  ASSERT_TRUE(reader->find("b/104000", o, error_));
+  check(o);
+  ASSERT_TRUE(reader->enter("b/", error_));
+  ASSERT_TRUE(reader->match("108000", o, error_));
+  check(o);
+  ASSERT_TRUE(reader->match("108001", o, error_));
+  check(o);
+  Catalog_Page page;
+  ASSERT_TRUE(reader->list("b/", "", 10, page, error_));
+  for (const Catalog_Object& one : page.objects)
+    check(one);
+}
+
+TEST_F(Catalog, attributes_all_different_are_all_kept) {
+  const unsigned count = 5000;
+  auto writer = Catalog_Writer::create(folder_, error_);
+  ASSERT_TRUE(writer);
+  writer->add_set({0, "own", "u", 0});
+  writer->add_visit({"b/", 1, count, true});
+  for (unsigned i = 1; i <= count; ++i) {
+    Catalog_Object o = object(i, "b/" + std::to_string(100000 + i));
+    o.attributes.common = "text " + std::to_string(i / 2);
+    ASSERT_TRUE(writer->add_object(o));
+  }
+  ASSERT_TRUE(writer->finish()) << writer->error();
+  ASSERT_TRUE(open()->walk(
+      "",
+      [](const Catalog_Object& o) {
+        EXPECT_EQ("text " + std::to_string(o.ordinal / 2), o.attributes.common);
+        return true;
+      },
+      error_));
+}
+
+// As a program without attributes wrote it.
+TEST_F(Catalog, catalog_of_the_first_version_is_read) {
+  write(TREE);
+  Catalog_Db db;
+  ASSERT_TRUE(db.open(folder_ + "/catalog.db", SQLITE_OPEN_READWRITE, error_));
+  ASSERT_TRUE(db.execute("DROP TABLE attributes; ALTER TABLE objects DROP COLUMN own;"
+                         "ALTER TABLE objects DROP COLUMN attributes; PRAGMA user_version=1",
+                         error_))
+      << error_;
+  ASSERT_TRUE(db.close(error_));
+  auto reader = open();
+  ASSERT_TRUE(reader) << error_;
+  EXPECT_EQ(TREE.size(), walked(*reader, "").size());
+  Catalog_Object o;
+  unsigned told = 0;
+  ASSERT_TRUE(reader->find(TREE.front(), o, error_)) << error_;
+  EXPECT_TRUE(o.attributes.empty());
+  ASSERT_TRUE(reader->walk_media({}, [&](const Catalog_Object&) { return ++told, true; }, error_));
+  EXPECT_EQ(TREE.size(), told);
+}
+
 TEST_F(Catalog, second_catalog_in_a_folder_is_refused) {
   write(TREE);
   EXPECT_FALSE(Catalog_Writer::create(folder_, error_));

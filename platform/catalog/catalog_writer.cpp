@@ -13,12 +13,19 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <variant>
+
+#include <xxhash.h>
 
 namespace {
 
-/// Rows that may wait for the database. A row is a few hundred bytes, and a path at most some thousand.
+/// Rows that may wait for the database. A row is a few hundred bytes; a path, and what services keep beside an object,
+/// are at most some thousand each.
 constexpr size_t QUEUE_LIMIT = 4096;
+/// Texts of attributes whose ids are at hand.
+constexpr size_t KNOWN_ATTRIBUTES = 1024;
+constexpr size_t KNOWN_ATTRIBUTES_BYTES = 1u << 20;
 
 const char* const SCHEMA = R"(
 CREATE TABLE meta(name TEXT PRIMARY KEY, value) WITHOUT ROWID;
@@ -28,7 +35,10 @@ CREATE TABLE visits(first INTEGER PRIMARY KEY, last INTEGER NOT NULL, folder INT
                     ascending INTEGER NOT NULL);
 CREATE TABLE objects(ordinal INTEGER PRIMARY KEY, name BLOB NOT NULL, size INTEGER NOT NULL, mtime INTEGER NOT NULL,
                      place INTEGER NOT NULL, channel INTEGER NOT NULL, position INTEGER NOT NULL,
-                     stored INTEGER NOT NULL, sha256 BLOB NOT NULL, flags INTEGER NOT NULL);
+                     stored INTEGER NOT NULL, sha256 BLOB NOT NULL, flags INTEGER NOT NULL, attributes INTEGER,
+                     own BLOB);
+CREATE TABLE attributes(id INTEGER PRIMARY KEY, digest INTEGER NOT NULL, text BLOB NOT NULL);
+CREATE INDEX attributes_digest ON attributes(digest);
 CREATE TABLE problems(id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, path BLOB NOT NULL, number INTEGER NOT NULL,
                       message TEXT NOT NULL);
 )";
@@ -120,7 +130,9 @@ public:
 
 private:
   bool prepare(std::string& error) {
-    return object_.prepare(db_.get(), "INSERT INTO objects VALUES(?,?,?,?,?,?,?,?,?,?)", error) &&
+    return object_.prepare(db_.get(), "INSERT INTO objects VALUES(?,?,?,?,?,?,?,?,?,?,?,?)", error) &&
+           attributes_id_.prepare(db_.get(), "SELECT id FROM attributes WHERE digest=? AND text=?", error) &&
+           add_attributes_.prepare(db_.get(), "INSERT INTO attributes(digest,text) VALUES(?,?)", error) &&
            folder_id_.prepare(db_.get(), "SELECT id FROM folders WHERE path=?", error) &&
            add_folder_.prepare(db_.get(), "INSERT INTO folders(parent,path) VALUES(?,?)", error) &&
            visit_.prepare(db_.get(), "INSERT INTO visits VALUES(?,?,?,?)", error) &&
@@ -181,9 +193,20 @@ private:
   }
 
   bool write(const Catalog_Object& o) {
+    unsigned long long attributes = 0;
+    if (!o.attributes.common.empty() && (attributes = attributes_id(o.attributes.common)) == 0)
+      return false;
     object_.bind(1, o.ordinal).bind_blob(2, name_of(o.path)).bind(3, o.size).bind_signed(4, o.mtime).bind(5, o.set);
     object_.bind(6, o.channel).bind(7, o.offset).bind(8, o.stored).bind(10, o.flags);
     object_.bind_blob(9, std::string_view(reinterpret_cast<const char*>(o.sha256), sizeof o.sha256));
+    if (attributes != 0)
+      object_.bind(11, attributes);
+    else
+      object_.bind_null(11);
+    if (!o.attributes.own.empty())
+      object_.bind_blob(12, o.attributes.own);
+    else
+      object_.bind_null(12);
     ++counts_.objects;
     counts_.bytes += o.size;
     if (o.set == 0)
@@ -206,6 +229,33 @@ private:
 
   bool write(const Catalog_Set& s) {
     return set_.bind(1, s.index).bind_text(2, s.uuid).bind_text(3, s.uri).bind(4, s.seq).run();
+  }
+
+  /// The id of the text, kept once however many objects have it; 0 on failure. What was looked up last is at hand, and
+  /// the table that is forgotten when it is full keeps memory bounded where every object has a text of its own.
+  unsigned long long attributes_id(const std::string& text) {
+    const auto known = known_attributes_.find(text);
+    if (known != known_attributes_.end())
+      return known->second;
+    const unsigned long long digest = XXH3_64bits(text.data(), text.size());
+    unsigned long long id = 0;
+    int found;
+    {
+      Catalog_Reset reset(attributes_id_);
+      found = attributes_id_.bind(1, digest).bind_blob(2, text).step();
+      if (found == SQLITE_ROW)
+        id = attributes_id_.number(0);
+    }
+    if (found == SQLITE_DONE && add_attributes_.bind(1, digest).bind_blob(2, text).run())
+      id = static_cast<unsigned long long>(sqlite3_last_insert_rowid(db_.get()));
+    known_bytes_ += text.size();
+    if (known_attributes_.size() >= KNOWN_ATTRIBUTES || known_bytes_ > KNOWN_ATTRIBUTES_BYTES) {
+      known_attributes_.clear();
+      known_bytes_ = text.size();
+    }
+    if (id != 0)
+      known_attributes_.emplace(text, id);
+    return id;
   }
 
   /// The id of the folder, made with those above it when it is new; 0 on failure.
@@ -253,7 +303,8 @@ private:
                             "; PRAGMA user_version=" + std::to_string(catalog::FORMAT_VERSION) + "; COMMIT";
     if (!db_.execute(end.c_str(), error))
       return false;
-    for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &set_, &meta_})
+    for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &set_, &meta_,
+                                         &attributes_id_, &add_attributes_})
       *statement = Catalog_Statement();
     return db_.close(error) && sync_path(path_, O_RDWR, error) && sync_path(folder_, O_RDONLY | O_DIRECTORY, error);
   }
@@ -262,7 +313,9 @@ private:
   const std::string path_;
   const Set_Cipher_ptr cipher_;
   Catalog_Db db_;
-  Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, set_, meta_;
+  Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, set_, meta_, attributes_id_, add_attributes_;
+  std::unordered_map<std::string, unsigned long long> known_attributes_;
+  size_t known_bytes_ = 0;
   std::string last_folder_;
   unsigned long long last_id_ = 0;
   Catalog_Counts counts_;

@@ -29,6 +29,7 @@ Object_Head Backup_Channel::head_of(const Backup_Item& item) const {
   head.size = item.size;
   head.mtime = item.mtime;
   head.seq = shared_.seq;
+  head.attributes = item.attributes;
   return head;
 }
 
@@ -70,6 +71,7 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
       const unsigned long long listed = item.size;
       item.size = reading.size();
       item.mtime = reading.mtime();
+      reading.attributes(item.attributes, item.not_had);
       if (item.size > shared_.limits.small_object ||
           (item.size > listed && !shared_.queue->reserve(item, 2 * static_cast<size_t>(item.size - listed)))) {
         item.reader = reading.let_go();
@@ -146,11 +148,14 @@ bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored
   object.offset = stored.offset;
   object.stored = stored.stored;
   std::memcpy(object.sha256, stored.sha256, sizeof object.sha256);
+  object.attributes = item.attributes;
   if (!shared_.catalog->add_object(object)) {
     shared_.fail(E_WRITE_MEDIUM, shared_.catalog->error());
     return false;
   }
   shared_.account->saved(item.size, stored.stored);
+  if (!item.not_had.empty())
+    shared_.account->incomplete(object.path, "The object is saved without all that belongs to it", item.not_had);
   throttle(item.size);
   return true;
 }
@@ -177,6 +182,7 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
       if (outcome == Reading_Outcome::DONE) {
         item.size = reading.size();
         item.mtime = reading.mtime();
+        reading.attributes(item.attributes, item.not_had);
       }
     }
     if (outcome == Reading_Outcome::DONE && item.size > shared_.limits.largest_object) {

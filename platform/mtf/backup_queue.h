@@ -25,6 +25,8 @@ struct Backup_Item {
   unsigned long long ordinal = 0;
   unsigned long long size = 0; ///< as listed, then as the answer said
   long long mtime = 0;
+  MTF::File_Attributes attributes;        ///< what else belongs to it
+  std::vector<std::string> not_had;       ///< of that, a text each
   State state = READING;
   size_t reserved = 0;          ///< bytes of the budget that it holds
   MTF::IFile_Reader_var reader; ///< STREAM: already open on it; null: to be opened

@@ -35,6 +35,13 @@ Reading_Outcome Object_Reading::open(const std::string& path) {
   return Reading_Outcome::DONE;
 }
 
+void Object_Reading::attributes(File_Attributes& attributes, std::vector<std::string>& problems) {
+  attributes = File_Attributes();
+  problems.clear();
+  if (auto* const source = dynamic_cast<IFile_Attributes_Source*>(reader_.get()))
+    source->attributes(attributes, problems);
+}
+
 void Object_Reading::adopt(unsigned long long size, long long mtime) {
   size_ = size;
   mtime_ = mtime;

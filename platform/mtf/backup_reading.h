@@ -2,9 +2,11 @@
 
 #include "platform/mtf/backup_limits.h"
 #include "sdk/mtf/backup_callback.h"
+#include "sdk/mtf/file_attributes.h"
 
 #include <functional>
 #include <string>
+#include <vector>
 
 /// How reading one object of the source ended.
 enum class Reading_Outcome {
@@ -31,6 +33,9 @@ public:
   /// Gives the open reader away; this reading is over.
   MTF::IFile_Reader_var let_go();
 
+  /// What else belongs to the open object, where its reader can tell; `problems` gets a text for each thing that could
+  /// not be had.
+  void attributes(MTF::File_Attributes& attributes, std::vector<std::string>& problems);
   /// Fills `buffer`, which has room for one byte more than the object's size.
   Reading_Outcome read_whole(char* buffer);
   /// Reads through `buffer` of `size` bytes; `take` gets each piece and returns false to stop.

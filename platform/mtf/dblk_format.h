@@ -39,6 +39,7 @@ constexpr uint32_t OBSC = four("OBSC"); ///< check of the descriptor block (all 
 constexpr uint32_t OBSI = four("OBSI"); ///< identity of the set (VOLB)
 constexpr uint32_t OBSN = four("OBSN"); ///< exact path of a directory (DIRB)
 constexpr uint32_t OBSH = four("OBSH"); ///< head of an object (FILE)
+constexpr uint32_t OBSA = four("OBSA"); ///< attributes of an object (FILE)
 constexpr uint32_t OBSZ = four("OBSZ"); ///< one frame of an object's content (FILE)
 constexpr uint32_t OBSD = four("OBSD"); ///< digest of an object's content (FILE)
 constexpr uint32_t OBST = four("OBST"); ///< totals of the set (ESET)

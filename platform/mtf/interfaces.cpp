@@ -1,4 +1,5 @@
 #include "sdk/mtf/backup_callback.h"
+#include "sdk/mtf/file_attributes.h"
 #include "sdk/mtf/filter.h"
 #include "sdk/mtf/metadata.h"
 #include "sdk/mtf/restore_callback.h"
@@ -14,6 +15,10 @@ bool is_included(const char* path, bool is_dir, const IFilter* filter) {
 }
 
 IFile_Reader::~IFile_Reader() = default;
+
+IFile_Attributes_Source::~IFile_Attributes_Source() = default;
+
+IFile_Attributes_Sink::~IFile_Attributes_Sink() = default;
 
 ISrc_Lister::~ISrc_Lister() = default;
 

@@ -123,6 +123,14 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     return sealed_stream_holds(bytes, reason) ? " encrypted" : " (" + reason + ")";
   }
+  if (stream.header.id == OBSA) {
+    // The ordinal is the head's, which has been shown already.
+    Object_Head head;
+    head.ordinal = size < ATTRIBUTES_FIXED ? 0 : get64(data + 16);
+    if (!parse_attributes(data, size, head, reason))
+      return " (" + reason + ")";
+    return " common " + quoted(head.attributes.common) + " own " + quoted(head.attributes.own);
+  }
   if (stream.header.id == OBSD) {
     Object_Digest digest;
     if (!digest.parse(data, size, reason))

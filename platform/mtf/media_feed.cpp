@@ -168,6 +168,10 @@ bool Stored_Reading::open(const Media_Task& task) {
   return false;
 }
 
+const MTF::File_Attributes& Stored_Reading::attributes() const {
+  return reader_->attributes_problem().empty() ? reader_->head().attributes : object_->attributes;
+}
+
 Read_Outcome Stored_Reading::read(char* buffer, size_t size, size_t& got) {
   got = 0;
   Read_Outcome outcome = reader_->read(buffer, size, got);

@@ -12,6 +12,7 @@ public:
   /// Reads what stands before the content. False with the reason: there is no object at `offset`.
   bool open(unsigned long long offset, std::string& error);
   const Object_Head& head() const override { return start_.head; }
+  const std::string& attributes_problem() const override { return start_.attributes_problem; }
   Read_Outcome read(char* buffer, size_t size, size_t& got) override;
   const unsigned char* sha256() const override { return last_.digest.sha256; }
   unsigned long long stored() const override { return stored_; }

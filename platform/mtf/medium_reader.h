@@ -19,6 +19,8 @@ class Object_Reader {
 public:
   virtual ~Object_Reader() = default;
   virtual const Object_Head& head() const = 0;
+  /// Why the attributes in the head are missing although they were stored; empty where they are not.
+  virtual const std::string& attributes_problem() const = 0;
   /// Hands out up to `size` bytes of the content; `got` is their number. END comes with or after the last bytes.
   virtual Read_Outcome read(char* buffer, size_t size, size_t& got) = 0;
   /// The digest stored with the object; valid after END.

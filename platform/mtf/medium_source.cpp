@@ -204,11 +204,37 @@ bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& s
   return false;
 }
 
+/// Goes over the attributes stream, which stands where the content was looked for. Damage inside it costs the
+/// attributes only.
+bool skip_attributes(Medium_Window& window, Object_Start& start, std::string& error) {
+  start.attributes = start.content;
+  const uint64_t length = start.attributes.header.length;
+  const unsigned char* const data = length > MAX_ATTRIBUTES_STREAM + SEALED_OVERHEAD
+                                        ? nullptr
+                                        : window.at(start.attributes.data(), static_cast<size_t>(length));
+  const std::string_view bytes(reinterpret_cast<const char*>(data), data == nullptr ? 0 : static_cast<size_t>(length));
+  std::string plain;
+  std::string_view opened;
+  start.attributes_problem.clear();
+  if (data == nullptr)
+    start.attributes_problem =
+        length > MAX_ATTRIBUTES_STREAM + SEALED_OVERHEAD ? "the attributes stream is too long" : window.error();
+  else if (start.stream.sealed && !start.stream.opened) {
+    if (!sealed_stream_holds(bytes, error))
+      start.attributes_problem = error;
+  } else if (!open_private_stream(OBSA, start.stream.sealed ? &start.stream.seal : nullptr, bytes, plain, opened,
+                                  error) ||
+             !parse_attributes(bytes_of(opened), opened.size(), start.head, error))
+    start.attributes_problem = error;
+  return read_stream(window, start.attributes.next(), start.content, error);
+}
+
 } // namespace
 
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error) {
   Dblk_Header header;
   Medium_Stream stream;
+  start = Object_Start();
   start.block_holds = read_block(window, offset, header, error);
   if (start.block_holds && header.type != FILE_) {
     error = "a block " + four_text(header.type) + " stands where an object was looked for";
@@ -230,9 +256,14 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
       return false;
     }
   }
-  const unsigned long long next = stream.next();
-  if (!read_stream(window, next, start.content, error))
+  if (!read_stream(window, stream.next(), start.content, error))
     return false;
+  if (start.content.header.id == OBSA) {
+    if (!skip_attributes(window, start, error))
+      return false;
+  } else if (start.stream.attributes) {
+    start.attributes_problem = "the attributes stream was taken out";
+  }
   const uint32_t content = start.content.header.id;
   if (start.stream.sealed ? content != OBSX : content != STAN && content != OBSZ) {
     error = "a stream " + four_text(start.content.header.id) + " stands where the content belongs";

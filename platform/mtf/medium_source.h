@@ -75,6 +75,8 @@ struct Object_Start {
   Object_Head head;
   Head_Stream stream;
   unsigned long long head_end = 0; ///< behind the head stream's data
+  Medium_Stream attributes;        ///< OBSA; its offset is 0 where the object has none
+  std::string attributes_problem;  ///< why they cannot be read; empty: they can, or there are none
   Medium_Stream content;           ///< STAN, or the first OBSZ or OBSX
   bool block_holds = true; ///< the FILE block matches the check in the head stream
 };

@@ -262,6 +262,12 @@ bool Medium_Walker::object() {
   Object_End end;
   Dblk_Header header;
   std::string ignored;
+  if (!start.attributes_problem.empty())
+    damage(start.attributes.offset == 0 ? start.content.offset : start.attributes.offset,
+           start.attributes.offset == 0 ? 0 : start.content.offset - start.attributes.offset,
+           start.attributes_problem + "; its content is not affected");
+  if (start.attributes.offset != 0)
+    check_zero(start.attributes.data() + start.attributes.header.length, start.content.offset);
   if (!start.block_holds)
     damage(at_, FLB, "its FILE block is damaged; its content is not affected");
   if (!object_streams(start, end))
@@ -276,7 +282,7 @@ bool Medium_Walker::object() {
     directory_id_ = directory;
     numbered(header);
     // Between the head stream and the content.
-    check_zero(start.head_end, start.content.offset);
+    check_zero(start.head_end, start.attributes.offset != 0 ? start.attributes.offset : start.content.offset);
   } else {
     ++control_id_;
     ++file_id_;

@@ -219,6 +219,7 @@ bool File_Medium_Writer::begin_object(const Object_Head& head, const Codec_Optio
   append_object_head(scratch_, head, codec.cipher ? &object_.seal : nullptr);
   place_object(bytes_at(scratch_, 0), place);
   pad_to(scratch_, STREAM_ALIGNMENT);
+  append_attributes(scratch_, head, codec.cipher ? &object_.seal : nullptr);
   open_ = true;
   if (!put(scratch_))
     return false;

@@ -34,6 +34,7 @@ bool append_sealed(std::string& out, const Object_Head& head, const char* data, 
     return false;
   append_object_head(out, head, &seal);
   pad_to(out, STREAM_ALIGNMENT);
+  append_attributes(out, head, &seal);
   Sealed_Frames frames(codec, head.size, seal);
   const size_t size = static_cast<size_t>(head.size);
   size_t at = 0;
@@ -68,7 +69,8 @@ bool Object_Image::encode(const Object_Head& head, const char* data, const Codec
 
     head_ = head;
     bytes_.clear();
-    bytes_.reserve(2 * FLB + head.path.size() + size + CHECK * digest.chunks().size() + 512);
+    bytes_.reserve(2 * FLB + head.path.size() + head.attributes.common.size() + head.attributes.own.size() + size +
+                   CHECK * digest.chunks().size() + 512);
     cipher_ = codec.cipher;
     if (cipher_) {
       if (!append_sealed(bytes_, head, data, codec, sha256_, digest.chunks())) {
@@ -79,6 +81,7 @@ bool Object_Image::encode(const Object_Head& head, const char* data, const Codec
     } else {
       append_object_head(bytes_, head);
       pad_to(bytes_, STREAM_ALIGNMENT);
+      append_attributes(bytes_, head);
       const size_t content = bytes_.size();
       if (!append_frames(bytes_, head, data, codec, digest.chunks())) {
         bytes_.resize(content);

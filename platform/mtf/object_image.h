@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/crypto/set_cipher.h"
+#include "sdk/mtf/file_attributes.h"
 #include "sdk/mtf/mtf_backup.h"
 
 #include <string>
@@ -12,6 +13,7 @@ struct Object_Head {
   unsigned long long size = 0;         ///< bytes of the content
   long long mtime = 0;                 ///< seconds since the epoch
   unsigned seq = 0;                    ///< the set's sequence number
+  MTF::File_Attributes attributes;     ///< what else belongs to it; empty: nothing is known
 };
 
 struct Codec_Options {

@@ -25,6 +25,13 @@ bool check_holds(const unsigned char* data, size_t covered) {
   return get64(data + covered) == XXH3_64bits(data, covered);
 }
 
+constexpr uint32_t SEALED_HEAD_ATTRIBUTES = 1;
+
+bool has_attributes(const Object_Head& head) {
+  return !head.attributes.empty() && head.attributes.common.size() + head.attributes.own.size() <=
+                                         MAX_ATTRIBUTES_STREAM - ATTRIBUTES_FIXED - CHECK;
+}
+
 /// What the FILE block of an encrypted object, and a reader without the key, call it.
 std::string substitute_name(uint64_t ordinal) {
   return "object-" + std::to_string(ordinal);
@@ -50,6 +57,7 @@ void append_sealed_head(std::string& out, const Object_Head& head, const Object_
   put64(plain + 8, static_cast<uint64_t>(head.mtime));
   put32(plain + 16, head.seq);
   put32(plain + 20, CHUNK);
+  put32(plain + 24, has_attributes(head) ? SEALED_HEAD_ATTRIBUTES : 0);
   std::copy(head.path.begin(), head.path.end(), plain + SEALED_HEAD_FIXED);
   // The block's check comes later, with the place, and is no part of what is sealed.
   if (!seal.seal(OBSH, 0, std::string_view(out.data() + begin, HEAD_BLOCK_CHECK), plain, size, plain, plain + size))
@@ -87,6 +95,7 @@ bool parse_sealed_head(const unsigned char* data, size_t size, const Set_Cipher*
   head.mtime = static_cast<long long>(get64(at + 8));
   head.seq = get32(at + 16);
   head.path.assign(plain, SEALED_HEAD_FIXED);
+  stream.attributes = (get32(at + 24) & SEALED_HEAD_ATTRIBUTES) != 0;
   stream.opened = true;
   return true;
 }
@@ -135,7 +144,7 @@ void place_object(unsigned char* block, const Object_Place& place) {
 
 bool parse_object_head(const unsigned char* data, size_t size, const Set_Cipher* cipher, Object_Head& head,
                        Head_Stream& stream, std::string& error) {
-  stream.sealed = stream.opened = false;
+  stream.sealed = stream.opened = stream.attributes = false;
   if (size < HEAD_FIXED + CHECK || !check_holds(data, size - CHECK)) {
     error = "the head stream does not match its check";
     return false;
@@ -156,6 +165,48 @@ bool parse_object_head(const unsigned char* data, size_t size, const Set_Cipher*
   head.mtime = static_cast<long long>(get64(data + 24));
   head.seq = get32(data + 32);
   head.path.assign(reinterpret_cast<const char*>(data) + HEAD_FIXED, size - HEAD_FIXED - CHECK);
+  return true;
+}
+
+// 0 version 2 | 2 zero 2 | 4 size of the common text 4 | 8 size of the own text 4 | 12 zero 4 | 16 ordinal 8
+// 24 common text | own text | XXH3-64 of all before
+void append_attributes(std::string& out, const Object_Head& head, const Object_Seal* seal) {
+  const std::string& common = head.attributes.common;
+  const std::string& own = head.attributes.own;
+  if (!has_attributes(head))
+    return;
+  std::string data(ATTRIBUTES_FIXED, '\0');
+  unsigned char* const at = bytes_at(data, 0);
+  put16(at, STREAM_VERSION);
+  put32(at + 4, static_cast<uint32_t>(common.size()));
+  put32(at + 8, static_cast<uint32_t>(own.size()));
+  put64(at + 16, head.ordinal);
+  data += common;
+  data += own;
+  const size_t covered = data.size();
+  data.append(CHECK, '\0');
+  put_check(bytes_at(data, 0), covered);
+  append_private_stream(out, OBSA, seal, data);
+  pad_to(out, STREAM_ALIGNMENT);
+}
+
+bool parse_attributes(const unsigned char* data, size_t size, Object_Head& head, std::string& error) {
+  if (size < ATTRIBUTES_FIXED + CHECK || !check_holds(data, size - CHECK)) {
+    error = "the attributes stream does not match its check";
+    return false;
+  }
+  if (get16(data) != STREAM_VERSION) {
+    error = "the attributes stream has the unknown version " + std::to_string(get16(data));
+    return false;
+  }
+  const uint64_t common = get32(data + 4), own = get32(data + 8);
+  if (common + own != size - ATTRIBUTES_FIXED - CHECK || get64(data + 16) != head.ordinal) {
+    error = "the attributes stream contradicts itself, or belongs to another object";
+    return false;
+  }
+  const char* const text = reinterpret_cast<const char*>(data) + ATTRIBUTES_FIXED;
+  head.attributes.common.assign(text, static_cast<size_t>(common));
+  head.attributes.own.assign(text + common, static_cast<size_t>(own));
   return true;
 }
 

@@ -1,6 +1,7 @@
 #include "platform/mtf/restore_channel.h"
 
 #include "sdk/base/time_format.h"
+#include "sdk/mtf/file_attributes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -67,14 +68,18 @@ void Restore_Channel::restore(const Media_Task& task) {
   if (outcome == Read_Outcome::DAMAGED || outcome == Read_Outcome::FAILED)
     return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
   const unsigned long long before = reading.stored();
-  if (write(task, path, reading, filled, outcome))
+  std::vector<std::string> not_given;
+  if (write(task, path, reading, filled, outcome, not_given)) {
     shared_.account->saved(object.size, object.size);
+    if (!not_given.empty())
+      shared_.account->incomplete(object.path, "The object is restored without all that belongs to it", not_given);
+  }
   shared_.account->read(reading.stored() - before);
 }
 
 /// Puts an object whose first `first` bytes are in the buffer in place of what is there.
 bool Restore_Channel::write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
-                            Read_Outcome outcome) {
+                            Read_Outcome outcome, std::vector<std::string>& not_given) {
   const Catalog_Object& object = task.object;
   if (!callback_->unlink(path.c_str())) {
     skip(task, "The existing target could not be removed.");
@@ -85,6 +90,12 @@ bool Restore_Channel::write(const Media_Task& task, const std::string& path, Sto
   if (writer.null()) {
     fail(task, "No writer could be made for the object.");
     return false;
+  }
+  auto* const sink = dynamic_cast<IFile_Attributes_Sink*>(writer.get());
+  if (sink != nullptr) {
+    sink->attributes(reading.attributes());
+    if (!reading.attributes_problem().empty())
+      not_given.push_back(reading.attributes_problem());
   }
   Error_Code result = writer->open(path.c_str(), object.size);
   size_t size = first;
@@ -116,8 +127,11 @@ bool Restore_Channel::write(const Media_Task& task, const std::string& path, Sto
     result = writer->sync();
   if (result == E_OK)
     result = writer->close();
-  if (result == E_OK)
+  if (result == E_OK) {
+    if (sink != nullptr)
+      not_given.insert(not_given.end(), sink->refused().begin(), sink->refused().end());
     return true;
+  }
   if (result == E_SKIP)
     skip(task, "The object could not be written to its target.");
   else

@@ -28,7 +28,7 @@ public:
 private:
   void restore(const Media_Task& task);
   bool write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
-             Read_Outcome outcome);
+             Read_Outcome outcome, std::vector<std::string>& not_given);
   void skip(const Media_Task& task, const std::string& message);
   void fail(const Media_Task& task, const std::string& message);
 

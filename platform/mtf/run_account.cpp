@@ -58,6 +58,18 @@ void Run_Account::problem(Catalog_Problem::Kind kind, const char* type, const st
   tell(type, "/" + path, code, message);
 }
 
+void Run_Account::incomplete(const std::string& path, const std::string& message,
+                             const std::vector<std::string>& missing) {
+  ++incomplete_;
+  std::string text = message + ":";
+  for (const std::string& one : missing)
+    text += (&one == &missing.front() ? " " : "; ") + one;
+  text += ".";
+  note("file", "/" + path, Value(), text);
+  if (!handler_.null())
+    tell("file", "/" + path, Value(), text);
+}
+
 void Run_Account::absent(const std::string& path) {
   ++problems_;
   const bool folder = path.empty() || path.back() == '/';
@@ -126,6 +138,7 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool whole, bool kept, doub
   result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + not_reached + lost;
   result["failed"] = failed_.load();
   result["deleted"] = deleted_;
+  result["incomplete"] = kept ? incomplete_.load() : 0ull;
   result["bytes_read"] = bytes_read_.load();
   result["bytes_stored"] = stored_.load();
   result["requests"] = ledger != nullptr ? ledger->requests.load() : 0ull;

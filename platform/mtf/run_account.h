@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 /// The account of one run: what became of every object that was listed, so that
 ///
@@ -27,6 +28,8 @@ public:
   void read(unsigned long long bytes) { bytes_read_ += bytes; }
   void skipped(const std::string& path, const std::string& message);
   void failed(const std::string& path, int number, const std::string& message);
+  /// An object that counts as saved, but not with all that belongs to it; `missing` has a text for each thing.
+  void incomplete(const std::string& path, const std::string& message, const std::vector<std::string>& missing);
   /// The lister could not hand out one object; it has told the event handler itself.
   void lister_skipped(unsigned long long count) {
     lister_skipped_ += count;
@@ -75,6 +78,7 @@ private:
   std::atomic<unsigned long long> lister_skipped_{0};
   std::atomic<unsigned long long> bytes_read_{0};
   std::atomic<unsigned long long> problems_{0};
+  std::atomic<unsigned long long> incomplete_{0};
   unsigned long long deleted_ = 0; ///< of the base and listed no more
   unsigned long long listed_ = 0;  ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long empty_folders_ = 0;

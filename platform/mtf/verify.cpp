@@ -168,19 +168,25 @@ private:
     ++report_.checked;
     report_.bytes += bytes;
     report_.stored += reading.stored();
-    if (good) {
+    std::string problem = reading.error();
+    if (good)
+      problem = reading.attributes_problem();
+    if (good && problem.empty() && reading.attributes().common != task.object.attributes.common)
+      problem = "its attributes on the medium are not those of the catalog";
+    if (good && problem.empty()) {
       ++report_.good;
       ++place.good;
       return;
     }
     ++report_.damaged;
     ++place.damaged;
-    report_.lost_bytes += task.object.size;
+    report_.lost += good ? 0 : 1;
+    report_.lost_bytes += good ? 0 : task.object.size;
     if (!task.medium)
       place.error = task.error;
-    if (task.object.set == 0 && damaged_.size() < MAX_DAMAGED_PLACES)
+    if (!good && task.object.set == 0 && damaged_.size() < MAX_DAMAGED_PLACES)
       damaged_.insert({task.object.channel, task.object.offset});
-    const Verify_Damage damage = {task.object.path, task.object.size, place.set, place.medium, reading.error()};
+    const Verify_Damage damage = {!good, task.object.path, task.object.size, place.set, place.medium, problem};
     if (report_.damages.size() < Verify_Report::MAX_DAMAGES)
       report_.damages.push_back(damage);
     if (options_.found)

@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-/// An object that a restore would not bring back.
+/// An object that a restore would not bring back, or not with all that belongs to it.
 struct Verify_Damage {
+  bool lost = true; ///< its content is; else its attributes are damaged
   std::string path; ///< "bucket/key"
   unsigned long long size = 0;
   std::string set;    ///< uuid of the set whose media hold its data
@@ -47,7 +48,8 @@ struct Verify_Report {
   unsigned long long checked = 0;    ///< read back to their end, good or damaged
   unsigned long long passed = 0;     ///< not read, as the sample left them out
   unsigned long long good = 0;
-  unsigned long long damaged = 0;    ///< damaged, or on a medium or in a set that is missing: what a restore would lack
+  unsigned long long damaged = 0;    ///< damaged, or on a medium or in a set that is missing
+  unsigned long long lost = 0;       ///< of these, what a restore would lack
   unsigned long long lost_bytes = 0; ///< of their contents
   unsigned long long bytes = 0;      ///< of content checked
   unsigned long long stored = 0;     ///< bytes of media read for it

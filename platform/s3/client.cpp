@@ -101,7 +101,7 @@ S3_IWriter_ptr S3_Client::upload(const std::string& bucket, const std::string& k
     return nullptr;
   S3_Error error;
   const int bound = endpoint->max_retry_seconds();
-  S3_IWriter_ptr writer = s3::make_upload(std::move(endpoint), bucket, key, size, bound, error);
+  S3_IWriter_ptr writer = s3::make_upload(std::move(endpoint), bucket, key, size, bound, nullptr, error);
   if (!writer)
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to begin to store object '%C' in bucket '%C', error: %C.\n"), key.c_str(),
                bucket.c_str(), error.text().c_str()));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/http/channel_pool.h"
+#include "platform/s3/attribute_memory.h"
 #include "platform/s3/endpoint_settings.h"
 #include "platform/s3/ledger.h"
 #include "platform/s3/request_builder.h"
@@ -37,6 +38,8 @@ public:
   const std::shared_ptr<HTTP_Channel_Pool>& pool() const { return pool_; }
   /// Never null; one of its own where no job's was given.
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
+  /// What the service was found to do with objects' attributes.
+  Attribute_Memory& attributes() { return attributes_; }
   unsigned long long part_size() const { return part_size_; }
   int max_retry_seconds() const { return max_retry_seconds_; }
 
@@ -50,6 +53,7 @@ private:
   std::shared_ptr<S3_Ledger> ledger_;
   unsigned long long part_size_ = 0;
   int max_retry_seconds_ = 0;
+  Attribute_Memory attributes_;
   std::atomic<long long> clock_offset_{0};
   std::atomic<bool> any_learned_{false}; ///< spares the lock on the common road
   mutable std::mutex mutex_;             ///< guards what follows

@@ -91,7 +91,10 @@ HTTP_Request build(const Request& request, const Address& address, const Credent
   if (credentials.method == SIGN_V2) {
     http.headers.emplace_back("date", http_date(when));
     // Nothing else covers the body.
-    if (request.has_body && !request.body.empty())
+    bool digested = false;
+    for (const auto& header : request.headers)
+      digested = digested || header.first == "content-md5";
+    if (request.has_body && !request.body.empty() && !digested)
       http.headers.emplace_back("content-md5", to_base64(md5(request.body)));
     const Signable signable{request.method, path, &request.query, &http.headers, {}};
     http.headers.emplace_back("authorization", sign_v2(signable, in_host ? request.bucket : std::string_view(),

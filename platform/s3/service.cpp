@@ -1,5 +1,6 @@
 #include "platform/s3/service.h"
 
+#include "platform/s3/attribute_headers.h"
 #include "platform/s3/upload.h"
 
 #include <ace/Log_Msg.h>
@@ -217,6 +218,17 @@ bool Service::fits(const HTTP_Head& head, ACE_UINT64 offset, const Generation* g
   return true;
 }
 
+/// Keeps what the first answer about an object told.
+void Service::remember(const char* bucket, const char* key, const HTTP_Head& head, ACE_UINT64 size) {
+  generation_ = Generation{bucket, key, head.value("etag"), size};
+  attributes_ = read_attributes(head);
+  attributes_.size = size;
+  if (attributes_.tag_count >= 0)
+    endpoint_->attributes().tags_counted(bucket);
+  else if (endpoint_->attributes().counts_tags(bucket))
+    attributes_.tag_count = 0;
+}
+
 HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) {
   if (object) {
     *object = S3_Object();
@@ -239,9 +251,18 @@ HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE
     }
   } else {
     generation_ = Generation();
+    attributes_ = Object_Attributes();
+    if (endpoint_->attributes().asks_checksums())
+      request.headers.emplace_back("x-amz-checksum-mode", "ENABLED");
   }
   Outcome outcome;
-  const Curl_Connection_ref connection = transport_.open(request, outcome);
+  Curl_Connection_ref connection = transport_.open(request, outcome);
+  if (offset == 0 && outcome.error.status() == 501 && endpoint_->attributes().asks_checksums()) {
+    // A service that knows no such header and says so: its objects have no checksums to tell.
+    request.headers.pop_back();
+    endpoint_->attributes().ask_no_checksums();
+    connection = transport_.open(request, outcome);
+  }
   const HTTP_Connection_var answer(connection.get());
   if (!outcome.ok()) {
     set_error(named_missing(outcome.error, "NoSuchKey"));
@@ -253,7 +274,7 @@ HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE
     return answer;
   }
   if (offset == 0)
-    generation_ = Generation{bucket, key, outcome.head.value("etag"), size};
+    remember(bucket, key, outcome.head, size);
   if (object)
     fill(*object, key, outcome.head, size);
   set_error(S3_Error());
@@ -273,7 +294,7 @@ S3_IWriter_ptr Service::upload(const char* bucket, const char* key, ACE_UINT64 s
   if (!named(bucket, key))
     return nullptr;
   S3_Error error;
-  S3_IWriter_ptr writer = make_upload(endpoint_, bucket, key, size, 0, error);
+  S3_IWriter_ptr writer = make_upload(endpoint_, bucket, key, size, 0, nullptr, error);
   set_error(error);
   return writer;
 }

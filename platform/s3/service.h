@@ -1,12 +1,12 @@
 #pragma once
 
 #include "platform/s3/transport.h"
-#include "sdk/s3/s3_service.h"
+#include "sdk/s3/object_attributes.h"
 
 namespace s3 {
 
 /// A service over HTTP.
-class Service final : public S3_Service_Base {
+class Service final : public S3_Service_Base, public S3_Attribute_Service {
 public:
   explicit Service(std::shared_ptr<Endpoint> endpoint);
   ~Service() override;
@@ -21,6 +21,13 @@ public:
   bool del_object(const char* bucket, const char* key) override;
   S3_IWriter_ptr upload(const char* bucket, const char* key, ACE_UINT64 size) override;
 
+  const Object_Attributes& attributes() const override { return attributes_; }
+  bool get_tags(const char* bucket, const char* key, Object_Attributes& attributes) override;
+  bool get_acl(const char* bucket, const char* key, Object_Attributes& attributes) override;
+  bool get_parts(const char* bucket, const char* key, Object_Attributes& attributes) override;
+  S3_IWriter_ptr upload(const char* bucket, const char* key, ACE_UINT64 size,
+                        const Object_Attributes& attributes) override;
+
   /// Seconds that the service asked to wait when it refused the last request; 0: none.
   unsigned retry_after() const { return retry_after_; }
 
@@ -34,6 +41,7 @@ private:
   };
 
   bool report(Outcome outcome);
+  void remember(const char* bucket, const char* key, const HTTP_Head& head, ACE_UINT64 size);
   Outcome list(const Request& request, const Get_Bucket_Parameter& param, Get_Bucket_Content& content);
   bool named(const char* bucket);
   bool named(const char* bucket, const char* key);
@@ -43,6 +51,7 @@ private:
   std::shared_ptr<Endpoint> endpoint_;
   Transport transport_;
   Generation generation_;
+  Object_Attributes attributes_; ///< of the object asked for last
   unsigned retry_after_ = 0;
   bool mends_pages_ = false; ///< the service has put on a page what XML does not allow
 };

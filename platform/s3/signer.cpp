@@ -30,6 +30,12 @@ std::string trimmed(const std::string& value) {
   return out;
 }
 
+/// Without blanks at the ends; V2 leaves those inside as they are.
+std::string without_ends(const std::string& value) {
+  const size_t first = value.find_first_not_of(' ');
+  return first == std::string::npos ? std::string() : value.substr(first, value.find_last_not_of(' ') - first + 1);
+}
+
 /// The parameters that name a part of the resource, and so are signed by V2.
 bool is_v2_subresource(const std::string& name) {
   static const std::array<const char*, 26> names = {"accelerate",
@@ -157,9 +163,9 @@ std::string sign_v2(const Signable& request, std::string_view bucket, const std:
       const size_t line = amz.rfind('\n', amz.size() < 2 ? 0 : amz.size() - 2);
       const size_t at = line == std::string::npos ? 0 : line + 1;
       if (amz.compare(at, start.size(), start) == 0)
-        amz.replace(amz.size() - 1, 1, "," + trimmed(value) + "\n");
+        amz.replace(amz.size() - 1, 1, "," + without_ends(value) + "\n");
       else
-        amz += start + trimmed(value) + '\n';
+        amz += start + without_ends(value) + '\n';
     }
   }
   if (amz.find("x-amz-date:") != std::string::npos)

@@ -1,6 +1,11 @@
 #include "platform/s3/upload.h"
 
+#include "platform/s3/attribute_refusal.h"
+#include "platform/s3/digest.h"
+#include "platform/s3/object_extras.h"
+#include "platform/s3/part_plan.h"
 #include "platform/s3/transport.h"
+#include "sdk/base/clock.h"
 
 #include <ace/Log_Msg.h>
 
@@ -13,16 +18,27 @@
 namespace s3 {
 namespace {
 
-constexpr unsigned long long MAX_PARTS = 10000;
-constexpr unsigned long long MEBIBYTE = 1ull << 20;
-
-/// What both kinds of upload share: the declared size, and the piece that is being filled.
-class Upload : public S3_IWriter {
+/// What both kinds of upload share: the declared size, the piece that is being filled, and the object's attributes.
+class Upload : public S3_IWriter, public S3_Attribute_Report {
 public:
   Upload(std::shared_ptr<Endpoint> endpoint, const std::string& bucket, const std::string& key, ACE_UINT64 size,
-         size_t piece, int max_retry_seconds)
-      : transport_(std::move(endpoint)), bucket_(bucket), key_(key), size_(size), piece_(piece),
-        max_retry_seconds_(max_retry_seconds) {}
+         const Part_Plan& plan, const Object_Attributes* attributes, int max_retry_seconds)
+      : transport_(std::move(endpoint)), bucket_(bucket), key_(key), size_(size), plan_(plan),
+        piece_(static_cast<size_t>(plan_.next())), max_retry_seconds_(max_retry_seconds) {
+    if (attributes == nullptr)
+      return;
+    attributes_ = *attributes;
+    make_sendable(attributes_, Clock::instance().now(), refused_);
+    if (!plan.refused().empty())
+      refused_.push_back("the layout of its parts: " + plan.refused());
+  }
+
+  /// Waits for memory where the parts are larger than usual.
+  bool reserve() {
+    return plan_.largest() <= transport_.endpoint().part_size() || share_.take(std::min<ACE_UINT64>(plan_.largest(), size_));
+  }
+
+  const std::vector<std::string>& refused() const override { return refused_; }
 
   int write(const char* data, size_t length) override {
     if (failed_ || closed_ || !data)
@@ -59,6 +75,28 @@ protected:
   /// Sends the last piece and makes the object appear.
   virtual bool finish() = 0;
 
+  /// Sends `base` with the object's attributes.
+  Outcome send_attributed(const Request& base, bool multipart, const Attributed_Request::Attempt& attempt) {
+    Attributed_Request request(attributes_, multipart, transport_.endpoint().attributes());
+    Outcome outcome = request.send(base, attempt);
+    if (outcome.ok()) {
+      refused_.insert(refused_.end(), request.refused().begin(), request.refused().end());
+      given_ = request.given();
+    }
+    return outcome;
+  }
+
+  /// Gives the stored object what its upload could not carry.
+  void give_extras(bool multipart) {
+    Object_Extras(transport_, bucket_, key_, max_retry_seconds_).give(attributes_, given_, multipart, refused_);
+  }
+
+  /// Services want a digest of what an object lock shall protect (AWS refuses the request without one).
+  void digest_locked(Request& put, unsigned kinds) const {
+    if (kinds & KIND_LOCK)
+      put.headers.emplace_back("content-md5", to_base64(md5(put.body)));
+  }
+
   Request request(const char* method) const { return Request{method, bucket_, key_, {}, {}, false, {}}; }
 
   /// Always false. Says why, for the caller has no other way to tell.
@@ -76,12 +114,17 @@ protected:
   const std::string bucket_;
   const std::string key_;
   const ACE_UINT64 size_;
-  const size_t piece_;
+  Part_Plan plan_;
+  size_t piece_; ///< bytes of the part being filled
   const int max_retry_seconds_;
   std::string buffer_;
   ACE_UINT64 written_ = 0;
   bool failed_ = false;
   bool closed_ = false;
+  Object_Attributes attributes_;
+  unsigned given_ = 0; ///< kinds of them
+  std::vector<std::string> refused_;
+  Large_Part_Share share_;
 };
 
 class Single_Upload final : public Upload {
@@ -94,10 +137,14 @@ protected:
     Request put = request("PUT");
     put.has_body = true;
     put.body = buffer_;
-    const Outcome outcome = retried(max_retry_seconds_, [&] { return transport_.ask(put); });
+    digest_locked(put, kinds_of(attributes_));
+    const Outcome outcome = send_attributed(put, false, [&](const Request& attributed) {
+      return retried(max_retry_seconds_, [&] { return transport_.ask(attributed); });
+    });
     if (!outcome.ok())
       return give_up(outcome.error);
     sent(buffer_.size());
+    give_extras(false);
     return true;
   }
 };
@@ -108,6 +155,7 @@ public:
 
   ~Multipart_Upload() override {
     try {
+      transport_.finish_despite_cancel();
       abort();
     } catch (...) {
       // Nothing more can be done for it here; services let unfinished uploads expire.
@@ -118,14 +166,20 @@ public:
     Request post = request("POST");
     post.query.emplace_back("uploads", "");
     post.has_body = true;
-    return retried(max_retry_seconds_, [&] {
-      Text_Reader reader("InitiateMultipartUploadResult", "UploadId");
-      Outcome outcome = transport_.ask(post, reader);
-      upload_id_ = outcome.ok() ? reader.text() : std::string();
-      if (outcome.ok() && upload_id_.empty())
-        outcome.error = S3_Error(EPROTO, outcome.head.status, "MalformedAnswer",
-                                 "the answer names no upload (" + transport_.describe(post) + ")", false);
-      return outcome;
+    return send_attributed(post, true, [&](const Request& attributed) {
+      return retried(max_retry_seconds_, [&] {
+        Text_Reader reader("InitiateMultipartUploadResult", "UploadId");
+        Outcome outcome = transport_.ask(attributed, reader);
+        if (outcome.ok() && reader.text().empty())
+          outcome.error = S3_Error(EPROTO, outcome.head.status, "MalformedAnswer",
+                                   "the answer names no upload (" + transport_.describe(post) + ")", false);
+        if (outcome.ok()) {
+          // One that was begun with fewer attributes.
+          abort();
+          upload_id_ = reader.text();
+        }
+        return outcome;
+      });
     });
   }
 
@@ -136,6 +190,7 @@ protected:
     put.query.emplace_back("uploadId", upload_id_);
     put.has_body = true;
     put.body = buffer_;
+    digest_locked(put, given_);
     const Outcome outcome = retried(max_retry_seconds_, [&] { return transport_.ask(put); });
     if (!outcome.ok())
       return give_up(outcome.error);
@@ -145,6 +200,7 @@ protected:
     etags_.push_back(etag);
     sent(buffer_.size());
     buffer_.clear();
+    piece_ = static_cast<size_t>(plan_.next());
     return true;
   }
 
@@ -171,6 +227,7 @@ protected:
     if (!outcome.ok() && !(attempts > 1 && outcome.error.code() == "NoSuchUpload" && is_stored()))
       return give_up(outcome.error);
     upload_id_.clear();
+    give_extras(true);
     return true;
   }
 
@@ -191,7 +248,6 @@ private:
     Request del = request("DELETE");
     del.query.emplace_back("uploadId", upload_id_);
     upload_id_.clear();
-    transport_.finish_despite_cancel();
     Outcome outcome = transport_.ask(del);
     if (!outcome.ok() && outcome.error.retriable())
       outcome = transport_.ask(del);
@@ -224,38 +280,34 @@ std::string xml_escaped(std::string_view text) {
   return out;
 }
 
-unsigned long long part_size_for(unsigned long long size, unsigned long long wanted) {
-  const unsigned long long least = size / MAX_PARTS + (size % MAX_PARTS != 0);
-  if (least <= wanted)
-    return wanted;
-  return (least + MEBIBYTE - 1) / MEBIBYTE * MEBIBYTE;
-}
-
 S3_IWriter_ptr make_upload(std::shared_ptr<Endpoint> endpoint, const std::string& bucket, const std::string& key,
-                           ACE_UINT64 size, int max_retry_seconds, S3_Error& error) {
+                           ACE_UINT64 size, int max_retry_seconds, const Object_Attributes* attributes,
+                           S3_Error& error) {
   error = S3_Error();
-  const unsigned long long part = part_size_for(size, endpoint->part_size());
-  if (part > std::numeric_limits<size_t>::max() / 2) {
+  const Part_Plan plan(size, endpoint->part_size(), attributes);
+  if (plan.largest() > std::numeric_limits<size_t>::max() / 2) {
     error = S3_Error(EFBIG, 0, "EntityTooLarge", "a part of the object would not fit into memory", false);
     return nullptr;
   }
-  const size_t piece = static_cast<size_t>(part);
-  if (size <= part) {
-    S3_IWriter_ptr writer(new (std::nothrow)
-                              Single_Upload(std::move(endpoint), bucket, key, size, piece, max_retry_seconds));
-    if (!writer)
-      error = S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for an upload", false);
-    return writer;
-  }
-  std::unique_ptr<Multipart_Upload> writer(
-      new (std::nothrow) Multipart_Upload(std::move(endpoint), bucket, key, size, piece, max_retry_seconds));
+  std::unique_ptr<Upload> writer;
+  Multipart_Upload* multipart = nullptr;
+  if (plan.multipart())
+    writer.reset(multipart = new (std::nothrow) Multipart_Upload(std::move(endpoint), bucket, key, size, plan,
+                                                                 attributes, max_retry_seconds));
+  else
+    writer.reset(new (std::nothrow) Single_Upload(std::move(endpoint), bucket, key, size, plan, attributes,
+                                                  max_retry_seconds));
   if (!writer) {
     error = S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for an upload", false);
     return nullptr;
   }
-  const Outcome outcome = writer->begin();
-  error = outcome.error;
-  return outcome.ok() ? S3_IWriter_ptr(std::move(writer)) : nullptr;
+  if (!writer->reserve()) {
+    error = S3_Error(ECANCELED, 0, "Cancelled", "the job is being cancelled", false);
+    return nullptr;
+  }
+  if (multipart != nullptr)
+    error = multipart->begin().error;
+  return error.number() == 0 ? S3_IWriter_ptr(std::move(writer)) : nullptr;
 }
 
 } // namespace s3

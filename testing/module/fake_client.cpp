@@ -65,6 +65,8 @@ bool S3_Client::connect(const std::string& scheme, const std::string& host, unsi
 
 std::shared_ptr<S3_Service_Base> S3_Client::make_service() {
   ++fake_client().services;
+  if (fake_client().makes)
+    return fake_client().makes();
   return std::make_shared<module_testing::Fake_Store_Service>(fake_client().store);
 }
 

@@ -16,6 +16,7 @@ struct Fake_Client_Script {
   bool stores = true;                            ///< what closing an upload answers
   bool writes = true;                            ///< false: writing fails
   size_t accepts = static_cast<size_t>(-1);      ///< bytes that one write takes at most
+  std::function<std::shared_ptr<S3_Service_Base>()> makes; ///< services; null: they work on the store
   std::vector<json_spirit::Value> extra_buckets; ///< listed before the store's own
 
   std::vector<std::string> connections; ///< "scheme host port ssl access secret region vendor sign"

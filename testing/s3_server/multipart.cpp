@@ -27,6 +27,7 @@ Http_Response create(const Call& call) {
   upload.bucket = call.bucket;
   upload.key = call.key;
   upload.like = object_like_request(call.request);
+  take_attributes(call, upload.like);
   upload.started = call.settings.clock();
   std::lock_guard guard(call.uploads.lock);
   // Services use all of base64's alphabet in these; a client that does not encode them fails.
@@ -100,6 +101,7 @@ Http_Response complete(const Call& call, const std::string& id, Upload& upload) 
                             {{"PartNumber", std::to_string(named[i].number)}});
     digests += at->second.md5;
     object.size += at->second.size;
+    object.part_sizes.push_back(at->second.size);
     if (at->second.bytes)
       object.segments.push_back(at->second.bytes);
     else

@@ -79,7 +79,10 @@ Http_Response get(const Call& call) {
   Http_Response response;
   response.content = object;
   response.length = object->size;
-  if (const std::string* text = call.request.header("range")) {
+  if (serve_part(call, *object, response)) {
+    if (!response.error_code.empty())
+      return response;
+  } else if (const std::string* text = call.request.header("range")) {
     Range range;
     if (!parse_range(*text, object->size, range))
       return error_response(400, "InvalidArgument", "The Range header is malformed.", {{"Range", *text}});
@@ -98,6 +101,7 @@ Http_Response get(const Call& call) {
                                       std::to_string(object->size));
   }
   set_object_headers(*object, response);
+  tell_attributes(call, *object, response);
   return response;
 }
 
@@ -109,6 +113,7 @@ Http_Response put(const Call& call) {
       (none && existing && names_etag(*none, existing->etag)))
     return error_response(412, "PreconditionFailed", "At least one of the pre-conditions you specified did not hold");
   Object object = object_like_request(call.request);
+  take_attributes(call, object);
   object.size = call.request.body.size();
   object.etag = to_hex(md5(call.request.body));
   object.segments.push_back(std::make_shared<const std::string>(std::move(call.request.body)));

@@ -32,6 +32,10 @@ std::string operation_on_bucket(const Http_Request& request) {
 std::string operation_on_object(const Http_Request& request) {
   const std::string& method = request.method;
   const bool upload = request.has_parameter("uploadId");
+  for (const auto& [parameter, name] : {std::pair("tagging", "Tagging"), std::pair("acl", "Acl")})
+    if (request.has_parameter(parameter))
+      return method == "GET" ? std::string("GetObject") + name
+                             : method == "PUT" ? std::string("PutObject") + name : std::string();
   if (method == "POST")
     return request.has_parameter("uploads") ? "CreateMultipartUpload" : upload ? "CompleteMultipartUpload" : "";
   if (method == "PUT")
@@ -45,8 +49,8 @@ std::string operation_on_object(const Http_Request& request) {
 
 // Parts of the protocol that must not be mistaken for a plain request.
 const char* unserved_feature(const Http_Request& request) {
-  for (const char* name : {"acl", "cors", "delete", "lifecycle", "logging", "notification", "policy", "requestPayment",
-                           "restore", "select", "tagging", "torrent", "versionId", "versioning", "versions", "website",
+  for (const char* name : {"cors", "delete", "lifecycle", "logging", "notification", "policy", "requestPayment",
+                           "restore", "select", "torrent", "versionId", "versioning", "versions", "website",
                            "attributes", "encryption", "object-lock", "legal-hold", "retention"})
     if (request.has_parameter(name))
       return name;
@@ -78,7 +82,11 @@ Target find_target(const Http_Request& request, const S3_Server_Settings& settin
       return target;
     }
   }
-  if (const char* feature = unserved_feature(request)) {
+  const char* feature = unserved_feature(request);
+  for (const char* name : {"acl", "tagging"})
+    if (request.has_parameter(name) && (target.key.empty() || !settings.object_attributes))
+      feature = name;
+  if (feature) {
     target.refusal = error_response(501, "NotImplemented", std::string("Not served here: ") + feature);
     return target;
   }
@@ -112,12 +120,17 @@ Target find_target(const Http_Request& request, const S3_Server_Settings& settin
 
 Http_Response serve(const Call& call) {
   const std::string& operation = call.operation;
+  if (std::optional<Http_Response> refusal = refused_attributes(call))
+    return std::move(*refusal);
   if (operation == "ListObjects" || operation == "ListObjectsV2")
     return serve_listing(call);
   if (operation.find("Bucket") != std::string::npos)
     return serve_bucket(call);
   if (operation.find("Multipart") != std::string::npos || operation == "UploadPart" || operation == "ListParts")
     return serve_multipart(call);
+  if (operation == "GetObjectTagging" || operation == "PutObjectTagging" || operation == "GetObjectAcl" ||
+      operation == "PutObjectAcl")
+    return serve_attributes(call);
   return serve_object(call);
 }
 

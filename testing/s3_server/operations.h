@@ -64,6 +64,17 @@ Http_Response no_such_bucket(const std::string& bucket);
 Http_Response no_such_key(const std::string& key);
 // The content type and headers that a PUT or the start of a multipart upload gives an object.
 Object object_like_request(const Http_Request& request);
+
+// Attributes of objects: attributes.cpp.
+inline constexpr char owner_id[] = "the-owner";
+// The answer to a request whose attributes are not taken here.
+std::optional<Http_Response> refused_attributes(const Call& call);
+// Keeps what a PUT or the start of a multipart upload gives beside content type and headers; says what GET and HEAD say.
+void take_attributes(const Call& call, Object& object);
+void tell_attributes(const Call& call, const Object& object, Http_Response& response);
+// Whether the request is for one part; `response` is then that.
+bool serve_part(const Call& call, const Object& object, Http_Response& response);
+Http_Response serve_attributes(const Call& call);
 std::string quoted(const std::string& etag);
 
 } // namespace s3_testing

@@ -20,6 +20,14 @@ enum class Addressing { any, path_only, virtual_only };
 enum class Key_Encoding { as_asked, ignored, keys_only };
 enum class Expect_Reply { send_continue, ignore, refuse };
 
+// How a header of a PUT, or of the start of a multipart upload, is refused.
+struct Header_Refusal {
+  int status = 400;
+  std::string code;
+  std::string message;
+  std::string value; // only this one; empty: any
+};
+
 struct S3_Server_Options {
   bool tls = false;
   std::uint64_t seed = 0; // of the faults' randomness; 0: a random one, see S3_Server::seed
@@ -39,6 +47,13 @@ struct S3_Server_Settings {
   std::uint64_t min_part_size = 5u << 20;     // of all parts but the last
   std::string region;
   std::optional<std::string> location;        // what GetBucketLocation answers; else the region, us-east-1 as empty
+  bool object_attributes = true;              // false: tags and access lists are answered with 501
+  bool counts_tags = true;                    // GET and HEAD tell x-amz-tagging-count where there are some
+  bool forgets_multipart_tags = false;        // those given at the start of a multipart upload, as radosgw 16 does
+  bool tells_parts = true;                    // false: partNumber of GET and HEAD is ignored
+  bool object_lock = true;                    // false: the buckets have no object lock
+  std::vector<std::string> forgotten_headers; // taken and not kept; by the beginning of their names
+  std::map<std::string, Header_Refusal> refused_headers; // by the beginning of their names, in lower case
   bool throw_away_parts = false;              // of multipart uploads: their digests are kept, not their bytes
   std::uint64_t bytes_per_second = 0;         // cap per connection on bodies sent; 0: none
   int latency_milliseconds = 0;               // before each reply

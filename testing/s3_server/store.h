@@ -25,6 +25,14 @@ struct Object {
   std::string content_type = "binary/octet-stream";
   std::string storage_class = "STANDARD"; // GLACIER and DEEP_ARCHIVE answer GET with 403 InvalidObjectState
   std::map<std::string, std::string> headers; // "x-amz-meta-*", "cache-control" and the like; names in lower case
+  std::map<std::string, std::string> tags;
+  std::map<std::string, std::string> checksums; // header names; told where x-amz-checksum-mode asks
+  struct Grant {
+    std::string type, grantee, permission;
+    bool operator==(const Grant& other) const = default;
+  };
+  std::vector<Grant> grants;              // empty: private
+  std::vector<std::uint64_t> part_sizes;  // of a multipart upload
   bool synthetic = false;
   std::uint64_t seed = 0;
   std::vector<std::shared_ptr<const std::string>> segments;

@@ -22,14 +22,15 @@ def make_client(server):
 
 
 class Real_Server:
-    """The real S3 server, in a temporary folder."""
+    """The real S3 server, in a temporary folder. `settings` are those of rgw-up.sh: storage_classes="A B"."""
 
-    def __init__(self):
+    def __init__(self, **settings):
         self.folder = tempfile.mkdtemp(prefix="obs-rgw-")
         self.state = os.path.join(self.folder, "server")
         up = os.path.join(ROOT, "testing", "real_server", "rgw-up.sh")
         done = subprocess.run([up, self.state, "0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, env=dict(os.environ, RGW_TLS_PORT="0", RGW_TIMEOUT="180"))
+                              stderr=subprocess.STDOUT, env=dict(os.environ, RGW_TLS_PORT="0", RGW_TIMEOUT="180",
+                                       **{"RGW_" + name.upper(): value for name, value in settings.items()}))
         if done.returncode != 0:
             self.stop()
             raise RuntimeError("the real S3 server does not start:\n" + done.stdout.decode(errors="replace"))

@@ -214,6 +214,7 @@ MTF::IBackup_Callback_Factory_var OBS_Backup_Executor::make_factory(const json_s
 
   std::unique_ptr<OBS_Backup_Callback_Factory> factory =
       std::make_unique<OBS_Backup_Callback_Factory>(url, options, opts_->list_cache_limits_);
+  factory->wishes({opts_->tags_, opts_->acl_});
   if (const json_spirit::Array* const buckets = configured_buckets(entry))
     factory->buckets(*buckets);
   return adopt<MTF::IBackup_Callback_Factory_var>(std::move(factory));

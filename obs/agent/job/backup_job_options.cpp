@@ -22,6 +22,13 @@ void write_number(yajl_gen_t* gen, const char* key, unsigned long long value) {
   yajl_gen_number(gen, text.data(), text.size());
 }
 
+void write_flag(yajl_gen_t* gen, const char* key, bool value) {
+  if (!value)
+    return;
+  yajl_write(gen, key);
+  yajl_gen_bool(gen, 1);
+}
+
 } // namespace
 
 int OBS_Backup_Job_Options::generate(yajl_gen_t* gen) {
@@ -43,6 +50,8 @@ int OBS_Backup_Job_Options::generate(yajl_gen_t* gen) {
   if (scan_file_threads_ != 0)
     write_number(gen, "scan_file_threads", scan_file_threads_);
   write_number(gen, "list_cache_limits", list_cache_limits_);
+  write_flag(gen, "tags", tags_);
+  write_flag(gen, "acl", acl_);
   yajl_gen_map_close(gen);
   return 0;
 }

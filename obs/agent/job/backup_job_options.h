@@ -23,4 +23,6 @@ public:
   std::string cache_dir_;            ///< empty: not given
   size_t scan_file_threads_ = 0;     ///< threads that list; 0: not given
   ACE_UINT64 list_cache_limits_ = 0; ///< entries that a listing may hold ready; 0: not given
+  bool tags_ = false;                ///< ask for the tags of each object
+  bool acl_ = false;                 ///< ask for the access list of each object
 };

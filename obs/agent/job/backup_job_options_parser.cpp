@@ -14,7 +14,9 @@ enum Key : ACE_UINT64 {
   KEY_COMPRESSION_LEVEL = 0x20,
   KEY_CACHE_DIR = 0x40,
   KEY_SCAN_FILE_THREADS = 0x80,
-  KEY_LIST_CACHE_LIMITS = 0x100
+  KEY_LIST_CACHE_LIMITS = 0x100,
+  KEY_TAGS = 0x200,
+  KEY_ACL = 0x400
 };
 
 } // namespace
@@ -28,6 +30,8 @@ const JSON_Key OBS_Backup_Job_Options_Parser::key_table_1[] = {
     {"cache_dir", 9, KEY_CACHE_DIR},
     {"scan_file_threads", 17, KEY_SCAN_FILE_THREADS},
     {"list_cache_limits", 17, KEY_LIST_CACHE_LIMITS},
+    {"tags", 4, KEY_TAGS},
+    {"acl", 3, KEY_ACL},
     {"", 0, 0},
 };
 
@@ -35,6 +39,17 @@ OBS_Backup_Job_Options_Parser::~OBS_Backup_Job_Options_Parser() = default;
 
 bool OBS_Backup_Job_Options_Parser::handle_map_key_i(const char* text, unsigned length) {
   return set_key(level() == 1 ? find_json_key(key_table_1, text, length) : 0);
+}
+
+bool OBS_Backup_Job_Options_Parser::handle_boolean_i(bool value) {
+  OBS_Backup_Job_Options* const options = record();
+  if (level() != 1 || !options)
+    return true;
+  if (top().key == KEY_TAGS)
+    options->tags_ = value;
+  else if (top().key == KEY_ACL)
+    options->acl_ = value;
+  return true;
 }
 
 bool OBS_Backup_Job_Options_Parser::handle_number_i(const char* text, unsigned length) {

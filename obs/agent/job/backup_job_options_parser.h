@@ -9,6 +9,7 @@ public:
   OBS_Backup_Job_Options_Parser() = default;
   ~OBS_Backup_Job_Options_Parser() override;
 
+  bool handle_boolean_i(bool value) override;
   bool handle_number_i(const char* text, unsigned length) override;
   bool handle_string_i(const char* text, unsigned length) override;
   bool handle_map_key_i(const char* text, unsigned length) override;

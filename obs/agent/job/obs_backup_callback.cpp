@@ -144,6 +144,46 @@ bool OBS_File_Reader::handle_file_blk(MTF::File_Blk& blk, unsigned long long& si
   return true;
 }
 
+void OBS_File_Reader::attributes(MTF::File_Attributes& attributes, std::vector<std::string>& problems) {
+  auto* const service = dynamic_cast<S3_Attribute_Service*>(svr_.get());
+  if (service == nullptr)
+    return;
+  try {
+    Object_Attributes object = service->attributes();
+    ask_extras(*service, object, problems);
+    attributes.common = object.common_text();
+    attributes.own = object.own_text();
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    attributes = MTF::File_Attributes();
+    try {
+      problems.emplace_back("its attributes (no memory)");
+    } catch (const std::bad_alloc&) {
+      // Not even for that: the engine will hardly get far without memory.
+    }
+  }
+}
+
+// The answer's body waits meanwhile.
+void OBS_File_Reader::ask_extras(S3_Attribute_Service& service, Object_Attributes& object,
+                                 std::vector<std::string>& problems) {
+  const OBS_Path path(path_, false);
+  const char* const bucket = path.bucket_.c_str();
+  const char* const key = path.object_.c_str();
+  const auto failed = [&](const char* what) {
+    problems.push_back(std::string(what) + " (" + svr_->last_error().text() + ")");
+  };
+  if (object.missing > 0)
+    problems.push_back(std::to_string(object.missing) + " pieces of user metadata (the service cannot tell them)");
+  // Where answers tell how many tags there are, objects without cost no request.
+  if (wishes_.tags && object.tag_count != 0 && !service.get_tags(bucket, key, object))
+    failed("its tags");
+  if (wishes_.acl && !service.get_acl(bucket, key, object))
+    failed("its access list");
+  if (object.part_count() != 0 && !service.get_parts(bucket, key, object))
+    failed("the layout of its parts");
+}
+
 bool OBS_Backup_Callback::connect(const URI& uri, const S3_Client_Options& opts) {
   return clt_.connect(uri.scheme(), uri.host(), uri.port(), uri.is_ssl(), nullptr, opts);
 }
@@ -175,7 +215,7 @@ int OBS_Backup_Callback::read_dirs(const char*, std::list<std::string>&) {
 
 MTF::IFile_Reader_var OBS_Backup_Callback::make_file_reader() {
   try {
-    return make_counted<MTF::IFile_Reader_var, OBS_File_Reader>(clt_.make_service());
+    return make_counted<MTF::IFile_Reader_var, OBS_File_Reader>(clt_.make_service(), wishes_);
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
     return no_object<MTF::IFile_Reader_var>;
@@ -245,7 +285,7 @@ MTF::IBackup_Callback_var OBS_Backup_Callback_Factory::make() {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
       return no_object<MTF::IBackup_Callback_var>;
     }
-    std::unique_ptr<OBS_Backup_Callback> callback = std::make_unique<OBS_Backup_Callback>(buckets_, cache_limit_);
+    std::unique_ptr<OBS_Backup_Callback> callback = std::make_unique<OBS_Backup_Callback>(buckets_, cache_limit_, wishes_);
     if (callback->connect(uri, opts_))
       return adopt<MTF::IBackup_Callback_var>(std::move(callback));
   } catch (const std::bad_alloc&) {

@@ -2,7 +2,8 @@
 
 #include "sdk/base/uri.h"
 #include "sdk/mtf/backup_callback.h"
-#include "sdk/s3/s3_service.h"
+#include "sdk/mtf/file_attributes.h"
+#include "sdk/s3/object_attributes.h"
 
 #include <list>
 #include <memory>
@@ -15,12 +16,19 @@
 /// at.
 void add_source(std::list<std::string>& sources, const std::string& path);
 
+/// What a backup asks about objects beyond what the answer to their GET tells: each costs a request of its own.
+struct Object_Wishes {
+  bool tags = false;
+  bool acl = false;
+};
+
 /// Reads objects for a backup, one after the other. A connection that breaks in the middle of a body is taken up again
 /// by the next `read`, from the byte where it broke. One thread at a time; the client that made its service outlives
 /// it.
-class OBS_File_Reader : public MTF::IFile_Reader {
+class OBS_File_Reader : public MTF::IFile_Reader, public MTF::IFile_Attributes_Source {
 public:
-  explicit OBS_File_Reader(std::shared_ptr<S3_Service_Base> svr) : svr_(std::move(svr)) {}
+  explicit OBS_File_Reader(std::shared_ptr<S3_Service_Base> svr, const Object_Wishes& wishes = {})
+      : svr_(std::move(svr)), wishes_(wishes) {}
   ~OBS_File_Reader() override;
 
   /// Asks for the object `path` ("/bucket/key"). 0; 1, after a debug line, when it cannot be had; -1 without a path.
@@ -30,12 +38,16 @@ public:
   int read(MTF::Buffer& buffer) override;
   int close() override;
   bool handle_file_blk(MTF::File_Blk& blk, unsigned long long& size, MTF::Callback_Stat& stat) override;
+  /// What the answer told, and what was wished for besides. Nothing where the service cannot tell attributes.
+  void attributes(MTF::File_Attributes& attributes, std::vector<std::string>& problems) override;
 
 private:
+  void ask_extras(S3_Attribute_Service& service, Object_Attributes& object, std::vector<std::string>& problems);
   bool open_i();
   bool fits() const;
 
   std::shared_ptr<S3_Service_Base> svr_;
+  const Object_Wishes wishes_;
   size_t offset_ = 0; ///< bytes of the object that were delivered
   std::string path_;
   HTTP_Connection_var conn_;       ///< null while closed
@@ -48,8 +60,9 @@ class OBS_Backup_Callback : public MTF::IBackup_Callback {
 public:
   /// `buckets`: those that the account is confined to; empty: the service is asked. `cache_limit`: entries that the
   /// listing may be ahead.
-  OBS_Backup_Callback(const std::set<std::string>& buckets, unsigned long long cache_limit)
-      : buckets_(buckets), cache_limit_(cache_limit) {}
+  OBS_Backup_Callback(const std::set<std::string>& buckets, unsigned long long cache_limit,
+                      const Object_Wishes& wishes = {})
+      : buckets_(buckets), cache_limit_(cache_limit), wishes_(wishes) {}
   ~OBS_Backup_Callback() override;
 
   bool connect(const URI& uri, const S3_Client_Options& opts);
@@ -74,6 +87,7 @@ private:
   S3_Client clt_;
   const std::set<std::string> buckets_;
   unsigned long long cache_limit_;
+  const Object_Wishes wishes_;
 };
 
 /// Makes the callback of one backup.
@@ -87,6 +101,8 @@ public:
   /// Adds the names among `names` to the buckets that the account is confined to; what is no text is left out.
   void buckets(const std::vector<json_spirit::Value>& names);
   const std::set<std::string>& buckets() const { return buckets_; }
+  /// What the readers ask about each object.
+  void wishes(const Object_Wishes& wishes) { wishes_ = wishes; }
 
   /// A connected callback. Null without a URL or keys (nothing is logged), with a URL that makes no sense, or when the
   /// client does not connect.
@@ -97,4 +113,5 @@ private:
   S3_Client_Options opts_;
   std::set<std::string> buckets_;
   unsigned long long cache_limit_;
+  Object_Wishes wishes_;
 };

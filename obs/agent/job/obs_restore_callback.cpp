@@ -33,13 +33,48 @@ MTF::Error_Code OBS_File_Writer::open_i(const char* path, ACE_UINT64 size) {
   const size_t length = static_cast<size_t>(size);
   writer_.reset();
   if (length == size)
-    writer_ = clt_.upload(target.bucket, target.key, length);
+    writer_ = upload(target.bucket, target.key, length);
   if (!writer_) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to open OBS writer(%s, %s, size: %Q).\n"), mapping.bucket.c_str(),
                target.key.c_str(), size));
     return MTF::E_SKIP;
   }
   return MTF::E_OK;
+}
+
+void OBS_File_Writer::attributes(const MTF::File_Attributes& attributes) {
+  try {
+    attributes_ = attributes;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    attributes_ = MTF::File_Attributes();
+  }
+}
+
+S3_IWriter_ptr OBS_File_Writer::upload(const std::string& bucket, const std::string& key, size_t length) {
+  const MTF::File_Attributes given = std::move(attributes_);
+  attributes_ = MTF::File_Attributes();
+  refused_.clear();
+  if (given.empty() && policy_.storage_class.empty())
+    return clt_.upload(bucket, key, length);
+  const std::shared_ptr<S3_Service_Base> service = clt_.make_service();
+  auto* const attributed = dynamic_cast<S3_Attribute_Service*>(service.get());
+  if (attributed == nullptr)
+    return clt_.upload(bucket, key, length);
+
+  Object_Attributes object;
+  std::string error;
+  if (!object.parse(given.common, given.own, error))
+    refused_.push_back("its attributes (they make no sense: " + error + ")");
+  if (policy_.no_acl) {
+    object.owner.clear();
+    object.grants.clear();
+  }
+  if (policy_.drop_tags)
+    object.tags.clear();
+  if (!policy_.storage_class.empty())
+    object.storage_class = policy_.storage_class == "STANDARD" ? std::string() : policy_.storage_class;
+  return attributed->upload(bucket.c_str(), key.c_str(), length, object);
 }
 
 MTF::Error_Code OBS_File_Writer::write(const char* data, size_t length) {
@@ -69,7 +104,18 @@ MTF::Error_Code OBS_File_Writer::close() {
   CHECK_NULL_RETURN(writer_, MTF::E_SKIP);
   // One try only: what a failed close left of the upload goes with the stream.
   const S3_IWriter_ptr writer = std::move(writer_);
-  return writer->close() ? MTF::E_OK : MTF::E_SKIP;
+  if (!writer->close())
+    return MTF::E_SKIP;
+  const auto* const report = dynamic_cast<const S3_Attribute_Report*>(writer.get());
+  try {
+    if (report != nullptr)
+      refused_.insert(refused_.end(), report->refused().begin(), report->refused().end());
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    // What the object went without cannot be told: better one that is written again than one that only seems whole.
+    return MTF::E_SKIP;
+  }
+  return MTF::E_OK;
 }
 
 bool OBS_Restore_Callback::connect(const URI& uri, const S3_Client_Options& opts) {
@@ -93,7 +139,7 @@ bool OBS_Restore_Callback::unlink(const char* path) {
 }
 
 MTF::IFile_Writer_var OBS_Restore_Callback::make_file_writer() {
-  return make_counted<MTF::IFile_Writer_var, OBS_File_Writer>(clt_, mapper_);
+  return make_counted<MTF::IFile_Writer_var, OBS_File_Writer>(clt_, mapper_, policy_);
 }
 
 MTF::IRestore_Callback_var OBS_Restore_Callback_Factory::make() {
@@ -105,7 +151,7 @@ MTF::IRestore_Callback_var OBS_Restore_Callback_Factory::make() {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
       return no_object<MTF::IRestore_Callback_var>;
     }
-    std::unique_ptr<OBS_Restore_Callback> callback = std::make_unique<OBS_Restore_Callback>(mapper_);
+    std::unique_ptr<OBS_Restore_Callback> callback = std::make_unique<OBS_Restore_Callback>(mapper_, policy_);
     if (callback->connect(uri, opts_))
       return adopt<MTF::IRestore_Callback_var>(std::move(callback));
   } catch (const std::bad_alloc&) {

@@ -182,7 +182,10 @@ MTF::IRestore_Callback_Factory_var OBS_Restore_Executor::make_factory(const json
     options.vendor = json_spirit::optional_str(entry, "vendor");
     options.sign_method = json_spirit::optional_str(entry, "sign_method");
 
-    return make_counted<MTF::IRestore_Callback_Factory_var, OBS_Restore_Callback_Factory>(url, options, opts_->mapper_);
+    std::unique_ptr<OBS_Restore_Callback_Factory> factory =
+        std::make_unique<OBS_Restore_Callback_Factory>(url, options, opts_->mapper_);
+    factory->policy({opts_->no_acl_, opts_->drop_tags_, opts_->storage_class_});
+    return adopt<MTF::IRestore_Callback_Factory_var>(std::move(factory));
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
   } catch (const std::exception& e) {

@@ -66,6 +66,18 @@ int OBS_Restore_Job_Options::generate(yajl_gen_t* gen) {
     yajl_write(gen, "cache_dir");
     yajl_write(gen, cache_dir_);
   }
+  if (no_acl_) {
+    yajl_write(gen, "no_acl");
+    yajl_gen_bool(gen, 1);
+  }
+  if (drop_tags_) {
+    yajl_write(gen, "drop_tags");
+    yajl_gen_bool(gen, 1);
+  }
+  if (!storage_class_.empty()) {
+    yajl_write(gen, "storage_class");
+    yajl_write(gen, storage_class_);
+  }
   yajl_gen_map_close(gen);
   return 0;
 }

@@ -34,4 +34,7 @@ public:
   bool standalone_ = false;
   OBS_PATH_CONVERTER_TYPE existing_ = OBS_PCT_NONE;
   std::string cache_dir_; ///< empty: not given
+  bool no_acl_ = false;   ///< objects get no access lists
+  bool drop_tags_ = false;    ///< nor tags
+  std::string storage_class_; ///< for all objects; empty: each one's own
 };

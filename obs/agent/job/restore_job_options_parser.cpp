@@ -14,14 +14,18 @@ enum Key : ACE_UINT64 {
   KEY_PREFIX = 0x10,
   KEY_STANDALONE = 0x20,
   KEY_EXISTING = 0x40,
-  KEY_CACHE_DIR = 0x80
+  KEY_CACHE_DIR = 0x80,
+  KEY_NO_ACL = 0x100,
+  KEY_DROP_TAGS = 0x200,
+  KEY_STORAGE_CLASS = 0x400
 };
 
 } // namespace
 
 const JSON_Key OBS_Restore_Job_Options_Parser::key_table_1[] = {
     {"channels", 8, KEY_CHANNELS}, {"bucket_maps", 11, KEY_BUCKET_MAPS}, {"standalone", 10, KEY_STANDALONE},
-    {"existing", 8, KEY_EXISTING}, {"cache_dir", 9, KEY_CACHE_DIR},      {"", 0, 0},
+    {"existing", 8, KEY_EXISTING}, {"cache_dir", 9, KEY_CACHE_DIR},      {"no_acl", 6, KEY_NO_ACL},
+    {"drop_tags", 9, KEY_DROP_TAGS}, {"storage_class", 13, KEY_STORAGE_CLASS}, {"", 0, 0},
 };
 
 const JSON_Key OBS_Restore_Job_Options_Parser::key_table_3[] = {
@@ -56,6 +60,10 @@ bool OBS_Restore_Job_Options_Parser::handle_boolean_i(bool value) {
     return refuse(JSON_ERROR_WRONG_VALUE);
   if (record() && top().key == KEY_STANDALONE)
     record()->standalone_ = value;
+  else if (record() && top().key == KEY_NO_ACL)
+    record()->no_acl_ = value;
+  else if (record() && top().key == KEY_DROP_TAGS)
+    record()->drop_tags_ = value;
   return accept();
 }
 
@@ -88,6 +96,8 @@ bool OBS_Restore_Job_Options_Parser::handle_level1_string(const char* text, unsi
       options->existing_ = OBS_Restore_Job_Options::name_to_existing(text, static_cast<int>(length));
     else if (top().key == KEY_CACHE_DIR)
       options->cache_dir_.assign(text, length);
+    else if (top().key == KEY_STORAGE_CLASS)
+      options->storage_class_.assign(text, length);
   }
   return accept();
 }
