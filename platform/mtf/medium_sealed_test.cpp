@@ -217,6 +217,103 @@ TEST(sealed_medium, plain_object_in_an_encrypted_set_is_refused) {
   EXPECT_NE(error.find("not encrypted, and its set is"), std::string::npos) << error;
 }
 
+/// Two small objects with attributes of one length; where they lie.
+std::vector<Stored_Object> write_attributed(const std::string& path, const Codec_Options& codec, Way way) {
+  std::vector<Stored_Object> places;
+  std::string error;
+  ::unlink(path.c_str());
+  Medium_Identity identity = test_identity();
+  identity.cipher = codec.cipher;
+  const auto writer = Medium_Writer::create(path, identity, error);
+  EXPECT_TRUE(writer) << error;
+  for (unsigned i = 0; i < 2; ++i) {
+    const Test_Object object = {"o" + std::to_string(i), "content"};
+    Object_Head head = test_head(object, i + 1);
+    head.attributes = {"secret common text", "secret own text " + std::to_string(i)};
+    places.emplace_back();
+    Object_Image image;
+    if (way == Way::IMAGE)
+      EXPECT_TRUE(image.encode(head, object.content.data(), codec, error) && writer->append(image, places.back()));
+    else
+      EXPECT_TRUE(writer->begin_object(head, codec) && writer->write(object.content.data(), object.content.size()) &&
+                  writer->end_object(places.back()));
+  }
+  EXPECT_TRUE(writer->finish());
+  return places;
+}
+
+/// What stands in front of an object's content, the attributes too.
+Object_Start start_of(const std::string& path, const Stored_Object& place, const Set_Cipher_ptr& cipher) {
+  std::string error;
+  const auto source = Medium_Source::open(path, error, cipher);
+  Medium_Window window(*source, FLB);
+  Object_Start start;
+  EXPECT_TRUE(read_object_start(window, place.offset, start, error)) << error;
+  return start;
+}
+
+TEST(sealed_medium, attributes_come_back_and_cannot_be_read_otherwise) {
+  Scratch_Folder folder;
+  const std::string path = folder.file("medium");
+  for (const Way way : {Way::IMAGE, Way::STREAMED}) {
+    const Codec_Options codec = {MTF_COMPRESSION_NONE, 1, test_cipher()};
+    const auto places = write_attributed(path, codec, way);
+    EXPECT_EQ(load(path).find("secret"), std::string::npos);
+    EXPECT_TRUE(problems_of(path).empty());
+    EXPECT_TRUE(problems_of(path, nullptr, codec.cipher).empty());
+    const Object_Start start = start_of(path, places[1], codec.cipher);
+    EXPECT_EQ(start.attributes_problem, "");
+    EXPECT_EQ(start.head.attributes.common, "secret common text");
+    EXPECT_EQ(start.head.attributes.own, "secret own text 1");
+    EXPECT_EQ(start_of(path, places[1], nullptr).head.attributes.common, "");
+  }
+}
+
+TEST(sealed_medium, attributes_of_another_object_or_taken_out_are_found_and_cost_no_content) {
+  Scratch_Folder folder;
+  const std::string path = folder.file("medium");
+  const Codec_Options codec = {MTF_COMPRESSION_NONE, 1, test_cipher()};
+  const auto places = write_attributed(path, codec, Way::IMAGE);
+  const std::string good = load(path);
+  const Medium_Stream a = start_of(path, places[0], codec.cipher).attributes;
+  const Medium_Stream b = start_of(path, places[1], codec.cipher).attributes;
+  const size_t size = static_cast<size_t>(a.header.length);
+  ASSERT_EQ(size, b.header.length);
+  std::string swapped = good;
+  swapped.replace(static_cast<size_t>(a.data()), size, good, static_cast<size_t>(b.data()), size);
+
+  // Taken out, the rest of the object moves up and the padding grows.
+  std::string taken = good.substr(static_cast<size_t>(places[0].offset), static_cast<size_t>(places[0].stored));
+  const size_t from = static_cast<size_t>(a.offset - places[0].offset);
+  const size_t removed = static_cast<size_t>(a.next() - a.offset);
+  taken.erase(from, removed);
+  size_t spad = taken.rfind("SPAD");
+  ASSERT_NE(spad, std::string::npos);
+  const uint64_t padding = get64(bytes_of(taken) + spad + 8) + removed;
+  ASSERT_LT(padding, FLB) << "the object is to have one block more than this test can move";
+  taken.append(removed, '\0');
+  put_stream_header(bytes_at(taken, spad), SPAD, 0, padding);
+  std::string cut = good;
+  cut.replace(static_cast<size_t>(places[0].offset), taken.size(), taken);
+
+  for (const auto& [bytes, reason] : {std::make_pair(swapped, "not the one that was written with this object"),
+                                      std::make_pair(cut, "was taken out")}) {
+    save(path, bytes);
+    EXPECT_TRUE(problems_of(path).empty());
+    const Object_Start start = start_of(path, places[0], codec.cipher);
+    EXPECT_NE(start.attributes_problem.find(reason), std::string::npos) << start.attributes_problem;
+    const auto problems = problems_of(path, nullptr, codec.cipher);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_NE(problems[0].message.find(reason), std::string::npos) << problems[0].message;
+    std::string error, content;
+    const auto reader = Medium_Reader::open(path, 0, error, codec.cipher);
+    const auto object = reader->object(places[0].offset, error);
+    ASSERT_TRUE(object) << error;
+    EXPECT_EQ(read_all(*object, content), Read_Outcome::END) << object->error();
+    EXPECT_EQ(content, "content");
+  }
+}
+
 /// A medium of objects of one length, and the streams of each.
 class tampered_medium : public ::testing::Test {
 protected:
