@@ -45,6 +45,8 @@ class Encrypted:
         for number in range(40):
             self.put("secretfolder%d/secretname%03d" % (number % 4, number), b"secretcontent " * number)
         self.put("secretname empty", b"")
+        self.client.put_object(Bucket=self.bucket, Key="secretname with attributes", Body=b"secretcontent",
+                               Metadata={"secretname": "secretcontent"}, ContentType="text/secretcontent")
         self.put("secretfolder/" * 30 + "secretname", b"deep secretcontent")
         self.put("secretname large", b"".join(b"secretcontent %08d " % i for i in range(150000)))
 
@@ -87,7 +89,7 @@ class Encrypted:
         self.client.delete_object(Bucket=self.bucket, Key="secretfolder2/secretname002")
         outcome = self.backup("/%s/" % self.bucket)
         second = outcome["set"]
-        self.assertEqual((43, 2, 41, 1), tuple(outcome[key] for key in ("listed", "saved", "unchanged", "deleted")))
+        self.assertEqual((44, 2, 42, 1), tuple(outcome[key] for key in ("listed", "saved", "unchanged", "deleted")))
         after = self.contents(self.server, self.bucket)
         self.assert_nothing_readable()
 
@@ -104,6 +106,8 @@ class Encrypted:
             report = self.agent("verify", one, "--json").json
             self.assertTrue(report["clean"], report)
         self.assert_restores(second, after)
+        self.assertEqual({"secretname": "secretcontent"}, self.client.head_object(
+            Bucket=self.target, Key="secretname with attributes")["Metadata"])
         self.assert_restores(full, before)
         # The selection's name is made from its paths, and is found in the record of the set, where it is sealed.
         kept = self.agent("forget", "work", "--pool", "disk", "--keep-last", "1", "--json").stdout
@@ -196,9 +200,9 @@ class Encrypted:
         self.assertTrue(self.agent("media", "check", medium, "--pool", "disk", "--json").json["clean"])
         shutil.rmtree(self.state)
         checked = self.agent("media", "check", medium, "--json").json
-        self.assertEqual((True, 43), (checked["clean"], checked["objects"]))
+        self.assertEqual((True, 44), (checked["clean"], checked["objects"]))
         dump = self.agent("media", "dump", medium).stdout
-        self.assertEqual(43, len(re.findall(r"OBSH .* encrypted", dump)))
+        self.assertEqual(44, len(re.findall(r"OBSH .* encrypted", dump)))
         self.assertNotIn("????", dump)
         self.assertNotIn("secret", dump)
         with open(medium, "r+b") as file:
