@@ -74,6 +74,24 @@ JSON_RPC_Channel& Context::rpc() {
   return *channel_;
 }
 
+void Context::lock_state() {
+  store();
+  std::string error;
+  std::shared_ptr<Process_Lock> lock =
+      Process_Lock::acquire(state_folder, "the state folder " + state_folder, error);
+  if (!lock)
+    throw Command_Error(error);
+  locks_.push_back(std::move(lock));
+}
+
+void Context::lock_pool(const Pool& pool) {
+  std::string error;
+  std::shared_ptr<Process_Lock> lock = pool.lock(error);
+  if (!lock)
+    throw Command_Error(error);
+  locks_.push_back(std::move(lock));
+}
+
 Account Context::account(const std::string& name) {
   Account account;
   bool found = false;

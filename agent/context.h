@@ -47,6 +47,10 @@ public:
   /// Makes the database agree with what lies in the pools, so that sets are known that were made elsewhere or that a
   /// lost database had forgotten. Returns a line for each pool that could not be read; what is known of it stays.
   std::vector<std::string> reconcile();
+  /// Locks the state folder, or a pool, against other processes that would change it, until the program ends. Commands
+  /// that only read need no lock. Throw Command_Error that names the process which has it.
+  void lock_state();
+  void lock_pool(const Pool& pool);
 
   /// The account, pool or set of that name or uuid. Throw Command_Error when there is none, or when the beginning of a
   /// uuid fits several sets. A set that is not known is looked for in the pools.
@@ -63,6 +67,7 @@ public:
 
 private:
   Agent_Log log_;
+  std::vector<std::shared_ptr<Process_Lock>> locks_;
   std::unique_ptr<Store> store_;
   std::shared_ptr<In_Process_JSON_RPC_Channel> channel_;
   std::unique_ptr<JSON_RPC_Handler> entry_query_;

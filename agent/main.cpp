@@ -30,7 +30,9 @@ int main(int argc, char** argv) {
     add_find_command(app, context);
     add_diff_command(app, context);
     add_forget_command(app, context);
+    add_merge_command(app, context);
     add_media_commands(app, context);
+    add_catalog_commands(app, context);
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

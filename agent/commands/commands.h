@@ -18,6 +18,8 @@ void add_restore_command(CLI::App& app, Context& context);
 void add_run_command(CLI::App& app, Context& context);
 void add_rehearse_command(CLI::App& app, Context& context);
 void add_media_commands(CLI::App& app, Context& context);
+void add_catalog_commands(CLI::App& app, Context& context);
+void add_merge_command(CLI::App& app, Context& context);
 void add_find_command(CLI::App& app, Context& context);
 void add_diff_command(CLI::App& app, Context& context);
 void add_forget_command(CLI::App& app, Context& context);

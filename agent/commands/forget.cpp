@@ -3,6 +3,9 @@
 
 #include "platform/catalog/open_catalog.h"
 #include "platform/file_backup/set_catalog.h"
+#include "platform/mtf/merge.h"
+#include "platform/mtf/partial_sets.h"
+#include "platform/pool/set_guard.h"
 #include "platform/pool/set_lock.h"
 
 #include <CLI/CLI.hpp>
@@ -34,6 +37,7 @@ struct Candidate {
   std::vector<std::string> needs;   ///< other sets that its catalog points into
   bool readable = true;             ///< the catalog is
   std::vector<std::string> reasons; ///< why it stays; empty: it goes
+  Set_Guard guard;                  ///< held on what goes
 };
 
 long long seconds_of(const std::string& text) {
@@ -57,6 +61,8 @@ public:
   /// Decides about all sets of the pool and, unless it is a dry run, removes what goes. Throws Command_Error when
   /// nothing could be decided. What cannot be removed is told in `problems`.
   void run(const std::string& account_uuid) {
+    if (!arguments_.dry_run)
+      context_.lock_pool(pool_);
     std::vector<std::string> groups = matching_places(account_uuid);
     // No backup may begin in these places until it is done: it might point into a set that goes.
     if (!arguments_.dry_run)
@@ -65,12 +71,18 @@ public:
     for (const std::string& place : groups)
       if (is_busy(place))
         busy_.insert(place);
+    if (!arguments_.dry_run)
+      end_merges(groups);
     read_sets();
     for (const std::string& place : groups)
       apply_rules(place);
     keep_needed();
+    if (!arguments_.dry_run)
+      keep_read();
     for (const std::string& place : groups)
       finish(place);
+    if (!arguments_.dry_run)
+      reclaim(groups);
   }
 
   json_spirit::Array groups;
@@ -105,6 +117,17 @@ private:
       locks_.emplace_back();
       if (!locks_.back().acquire(pool_.set_folder(place), true, error))
         throw Command_Error("pool '" + entry_.name + "': " + error);
+    }
+  }
+
+  void end_merges(const std::vector<std::string>& places) {
+    for (const std::string& place : places) {
+      std::string error;
+      std::vector<std::string> busy;
+      if (!finish_merges(pool_, place, busy, error))
+        problems.push_back("a merge that was cut short cannot be ended: " + error);
+      for (const Set_Record& record : pool_.replaced_sets(place))
+        replaced_.insert(record.uuid);
     }
   }
 
@@ -162,6 +185,10 @@ private:
         group[i]->reasons.push_back("its time cannot be read");
       if (busy)
         group[i]->reasons.push_back("a backup is running");
+      // Without it, what it replaces would be sets again.
+      for (const std::string& uuid : group[i]->record.replaces)
+        if (replaced_.count(uuid) != 0)
+          group[i]->reasons.push_back("set " + uuid + ", which it replaces, is being read");
       if (damaged && group[i]->readable)
         group[i]->reasons.push_back("a catalog beside it cannot be read");
       else if (damaged)
@@ -179,6 +206,35 @@ private:
     for (Candidate& one : sets_)
       if (const auto found = needed.find(one.record.uuid); found != needed.end())
         one.reasons.insert(one.reasons.end(), found->second.begin(), found->second.end());
+  }
+
+  /// A set that somebody is reading stays, with all that it needs; what goes takes no new readers from here on.
+  void keep_read() {
+    for (bool settled = false; !settled;) {
+      settled = true;
+      for (Candidate& one : sets_) {
+        std::string error;
+        if (!one.reasons.empty() || decided_.count(one.record.uuid) == 0 || one.guard.held() ||
+            one.guard.own(pool_.set_folder(one.record.uri), error) == Set_Guard::HELD)
+          continue;
+        one.reasons.push_back("it is being read");
+        for (Candidate& other : sets_)
+          if (std::count(one.needs.begin(), one.needs.end(), other.record.uuid) != 0) {
+            other.reasons.push_back("needed by " + one.record.uuid);
+            other.guard.release();
+          }
+        settled = false;
+      }
+    }
+  }
+
+  /// What unfinished runs left and only removed sets pointed into goes with them.
+  void reclaim(const std::vector<std::string>& places) {
+    for (const std::string& place : places) {
+      std::string error;
+      if (!orphans_.empty() && !reclaim_partial_sets(pool_, place, &orphans_, error))
+        problems.push_back("what an unfinished run left stays: " + error);
+    }
   }
 
   void finish(const std::string& place) {
@@ -232,6 +288,9 @@ private:
     if (arguments_.dry_run)
       return true;
     std::string error;
+    for (const Candidate& one : sets_)
+      if (one.record.uuid == record.uuid)
+        orphans_.insert(one.needs.begin(), one.needs.end());
     if (!pool_.remove_set(record.uri, error)) {
       problems.push_back("set " + record.uuid + ": " + error);
       return false;
@@ -251,6 +310,8 @@ private:
   std::vector<Set_Lock> locks_;
   std::set<std::string> busy_;    ///< places where a run is under way
   std::vector<Candidate> sets_;   ///< oldest first
+  std::set<std::string> replaced_; ///< by merged sets, and not dropped yet
+  std::set<std::string> orphans_; ///< what removed sets pointed into
   std::set<std::string> decided_; ///< uuids of the sets that the rules were applied to
 };
 
@@ -260,6 +321,8 @@ void forget(Context& context, Forget_Arguments arguments) {
   if (!arguments.rules.any())
     throw Command_Error("no rule says what to keep: give --keep-last or another --keep- option", EXIT_USAGE);
   const std::string account = arguments.account.empty() ? std::string() : context.account(arguments.account).uuid;
+  if (!arguments.dry_run)
+    context.lock_state();
   std::vector<Pool_Entry> pools;
   std::string error;
   if (!arguments.pool.empty())

@@ -175,6 +175,9 @@ void rekey(Context& context, const Pool_Arguments& arguments) {
     throw Command_Error("pool '" + entry.name + "' is not encrypted");
   if (!find_pool_key(pool, key, error))
     throw Command_Error(error);
+  const auto lock = pool.lock(error);
+  if (!lock)
+    throw Command_Error(error);
   if (!pool.relock(key, take_secret(arguments, true), Scrypt_Cost(), error))
     throw Command_Error("pool '" + entry.name + "' stays as it was: " + error);
   context.print(pool_json(entry), "pool '" + entry.name + "' is now opened with the new " +

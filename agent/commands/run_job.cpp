@@ -69,6 +69,8 @@ Outcome run_job(Context& context, const json_spirit::Object& json) {
   if (definition.null())
     throw Command_Error(error);
 
+  if (definition->type() == JOB_DEFINITION_BACKUP)
+    context.lock_state();
   const time_t start = std::time(nullptr);
   const std::string rehearsed = rehearsed_set(*definition);
   std::string activity_id;

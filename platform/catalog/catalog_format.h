@@ -20,6 +20,9 @@ constexpr int ATTRIBUTES_SINCE = 2;
 
 /// The object's prefix could not be listed in this run: its entry was carried over from the set before.
 constexpr unsigned FLAG_UNSEEN = 1;
+/// By the service's own clock the object was modified less than two seconds before it was read: the next run takes it
+/// for changed, since another one of the same size may have the same date.
+constexpr unsigned FLAG_FRESH = 2;
 
 } // namespace catalog
 

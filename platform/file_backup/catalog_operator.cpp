@@ -1,4 +1,5 @@
 #include "platform/file_backup/set_catalog.h"
+#include "platform/mtf/partial_sets.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/file_backup/file_backup.h"
 
@@ -11,9 +12,6 @@
 #include <cstring>
 
 namespace {
-
-/// The last number of a chain: a set with it starts a new chain in any case.
-constexpr unsigned LAST_SEQ = 65535;
 
 bool read_media(const json_spirit::Array& json, std::vector<Set_Record::Medium>& media) {
   try {
@@ -81,20 +79,14 @@ Set_Record make_record(const file_backup::File_Backup_Set& set) {
   return record;
 }
 
-/// Whoever restores names a set by its number, so the first set of a new chain does not take the number of a set that
-/// another chain holds: it goes on behind them all.
+/// Most often the run has asked for its number already, and it stands on the media.
 bool choose_seq(Store& store, const std::string& pool_uuid, Set_Record& record, std::string& error) {
+  unsigned seq = 0;
   if (!record.bases.empty())
     return true;
-  std::vector<Set> others;
-  if (!store.sets(pool_uuid, std::string(), record.minor_resource_id, true, others, error))
+  if (!first_seq(store, pool_uuid, record.minor_resource_id, record.uuid, seq, error))
     return false;
-  unsigned last = 0;
-  for (const Set& other : others)
-    if (other.uuid != record.uuid)
-      last = std::max(last, other.seq);
-  if (last >= record.seq && last + 1 < LAST_SEQ)
-    record.seq = last + 1;
+  record.seq = std::max(record.seq, seq);
   return true;
 }
 
@@ -117,7 +109,13 @@ bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string&
     return false;
   Set row = set_from_record(record, pool_uuid);
   row.state = online ? Set::STATE_ONLINE : "offline";
-  return store->put_set(row, error);
+  if (!store->put_set(row, error))
+    return false;
+  // What unfinished runs left and this set does not point into is of no use any more.
+  std::string why;
+  if (!reclaim_partial_sets(pool, record.uri.substr(0, record.uri.rfind('/')), nullptr, why))
+    ACE_ERROR((LM_WARNING, ACE_TEXT("What an unfinished run left stays until the next one: %C.\n"), why.c_str()));
+  return true;
 }
 
 } // namespace

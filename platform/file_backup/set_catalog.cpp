@@ -2,9 +2,14 @@
 
 #include <ace/Log_Msg.h>
 
+#include <algorithm>
 #include <map>
+#include <set>
 
 namespace {
+
+/// The last number of a chain: a set with it starts a new chain in any case.
+constexpr unsigned LAST_SEQ = 65535;
 
 unsigned long long figure(const json_spirit::Object& figures, const char* name) {
   const json_spirit::Value* value = json_spirit::find(figures, name);
@@ -59,6 +64,19 @@ Set set_from_record(const Set_Record& record, const std::string& pool_uuid) {
   return set;
 }
 
+bool first_seq(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
+               const std::string& uuid, unsigned& seq, std::string& error) {
+  std::vector<Set> others;
+  if (!store.sets(pool_uuid, std::string(), minor_resource_id, true, others, error))
+    return false;
+  unsigned last = 0;
+  for (const Set& other : others)
+    if (other.uuid != uuid)
+      last = std::max(last, other.seq);
+  seq = last + 1 < LAST_SEQ ? last + 1 : 1;
+  return true;
+}
+
 bool open_known_pool(Store& store, const std::string& pool_uuid, Pool& pool, std::string& error) {
   Pool_Entry entry;
   bool found = false;
@@ -84,11 +102,26 @@ bool reconcile_sets(Store& store, const std::string& pool_uuid, const std::strin
     known[row.uuid] = &row;
 
   std::vector<std::string> bad;
+  std::set<std::string> replaced; // by merged sets
   for (const Set_Record& record : pool.sets(prefix, bad)) {
+    replaced.insert(record.replaces.begin(), record.replaces.end());
     if (!minor_resource_id.empty() && record.minor_resource_id != minor_resource_id)
       continue;
     const Set set = set_from_record(record, pool_uuid);
     const auto row = known.find(set.uuid);
+    if (row == known.end()) {
+      // A merged set takes the place of the set whose moment it is.
+      const auto replaced = std::find_if(known.begin(), known.end(), [&](const auto& one) {
+        return one.second->seq == set.seq && one.second->start_time == set.start_time &&
+               std::find(record.replaces.begin(), record.replaces.end(), one.first) != record.replaces.end();
+      });
+      if (replaced != known.end()) {
+        if (!store.replace_set(replaced->first, set, error))
+          return false;
+        known.erase(replaced);
+        continue;
+      }
+    }
     if ((row == known.end() || !same(*row->second, set)) && !store.put_set(set, error))
       return false;
     if (row != known.end())
@@ -98,6 +131,11 @@ bool reconcile_sets(Store& store, const std::string& pool_uuid, const std::strin
     ACE_ERROR((LM_WARNING, ACE_TEXT("A set's record cannot be read: %C.\n"), message.c_str()));
 
   for (const auto& [uuid, row] : known) {
+    if (replaced.count(uuid) != 0) {
+      if (!store.remove_set(uuid, error))
+        return false;
+      continue;
+    }
     if (row->state == Set::STATE_GONE)
       continue;
     // Only what is surely not there is gone: a folder may be unreadable for a while.

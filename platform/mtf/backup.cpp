@@ -1,5 +1,6 @@
 #include "sdk/mtf/mtf_backup.h"
 
+#include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/backup_engine.h"
 #include "platform/mtf/source_order.h"
 #include "sdk/file_backup/file_backup.h"
@@ -102,6 +103,15 @@ void MTF_Backup::incremental(bool value) {
 bool MTF_Backup::backup(const std::string& target) {
   Impl& i = *impl_;
   i.order.base_seq = i.seq;
+  i.order.seq = 0;
+  if (i.seq == 0) {
+    // Without the database, or where it cannot be read, the set gets its number when it is committed.
+    std::string error;
+    Store* const store = Store::instance();
+    unsigned seq = 0;
+    if (store != nullptr && first_seq(*store, i.pool_uuid, i.minor_resource_id, i.order.uuid, seq, error))
+      i.order.seq = seq;
+  }
   i.order.sources = arrange_sources(std::move(i.order.sources));
   std::string pool_uuid = i.pool_uuid;
   std::string location = target;

@@ -24,7 +24,7 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
     return nullptr;
   for (const Catalog_Set& set : base->catalog_->sets()) {
     Set_Record record;
-    if (!read_set_record(pool.set_folder(set.uri), record, error))
+    if (!read_stored_record(pool.set_folder(set.uri), record, error))
       return nullptr;
     if (record.uuid != set.uuid) {
       error = "in " + set.uri + " lies another set than " + set.uuid;
@@ -45,6 +45,10 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
   return base;
 }
 
+unsigned Backup_Base::end_index() const {
+  return catalog_->sets().back().index + 2;
+}
+
 bool Backup_Base::enter(const std::string& path) {
   return catalog_->enter(path, error_);
 }
@@ -60,7 +64,7 @@ void Backup_Base::renumber(Catalog_Object& object) {
 bool Backup_Base::unchanged(const std::string& name, unsigned long long size, long long mtime, Catalog_Object& object) {
   if (!catalog_->match(name, object, error_) || !show(object.ordinal))
     return false;
-  if (object.size != size || object.mtime != mtime)
+  if (object.size != size || object.mtime != mtime || (object.flags & catalog::FLAG_FRESH) != 0)
     return false;
   object.flags = 0;
   renumber(object);

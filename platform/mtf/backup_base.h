@@ -23,10 +23,14 @@ public:
                                            std::string& error);
 
   const std::string& uuid() const { return record_.uuid; }
+  const std::string& incarnation() const { return record_.incarnation; }
+  /// The first number that the new catalog's list of sets has free behind those of the base.
+  unsigned end_index() const;
 
   /// The listing is in the folder `path` from now on. False on failure.
   bool enter(const std::string& path);
-  /// Whether the base has the object with this size and date. Then `object` says where its data lie, in the new
+  /// Whether the base has the object with this size and date, read long enough after that date that no other one can
+  /// have it. Then `object` says where its data lie, in the new
   /// catalog's numbering of sets. False as well on failure, with `error` set.
   bool unchanged(const std::string& name, unsigned long long size, long long mtime, Catalog_Object& object);
   /// Tells `object` each object below the folder `path` ("" for all; without a "/" at its end one object) that the

@@ -30,7 +30,14 @@ Object_Head Backup_Channel::head_of(const Backup_Item& item) const {
   head.mtime = item.mtime;
   head.seq = shared_.seq;
   head.attributes = item.attributes;
+  head.flags = item.fresh ? unsigned(OBJECT_FRESH) : 0;
   return head;
+}
+
+void Backup_Channel::take_status(Backup_Item& item, const Object_Reading& reading) {
+  item.size = reading.size();
+  item.mtime = reading.mtime();
+  item.fresh = shared_.ledger && shared_.ledger->take_fresh('/' + item.path());
 }
 
 void Backup_Channel::account(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading) {
@@ -69,8 +76,7 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
     Reading_Outcome outcome = reading.open(path);
     if (outcome == Reading_Outcome::DONE) {
       const unsigned long long listed = item.size;
-      item.size = reading.size();
-      item.mtime = reading.mtime();
+      take_status(item, reading);
       reading.attributes(item.attributes, item.not_had);
       if (item.size > shared_.limits.small_object ||
           (item.size > listed && !shared_.queue->reserve(item, 2 * static_cast<size_t>(item.size - listed)))) {
@@ -108,12 +114,13 @@ void Backup_Channel::write() {
     if (!going)
       return;
   }
-  if (shared_.queue->stopped())
-    return;
-  if (medium_->finish())
-    finished_ = true;
-  else
-    medium_failed();
+  // The first medium waits for the catalog, of which it gets a copy.
+  if (!shared_.queue->stopped() && number_ != 0)
+    finish();
+}
+
+bool Backup_Channel::finish(const Set_Copy* copy) {
+  return medium_->finish(copy) || medium_failed();
 }
 
 bool Backup_Channel::medium_failed() {
@@ -144,6 +151,7 @@ bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored
   object.ordinal = item.ordinal;
   object.size = item.size;
   object.mtime = item.mtime;
+  object.flags = item.fresh ? catalog::FLAG_FRESH : 0;
   object.channel = number_;
   object.offset = stored.offset;
   object.stored = stored.stored;
@@ -180,8 +188,7 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
     } else {
       outcome = reading.open(path);
       if (outcome == Reading_Outcome::DONE) {
-        item.size = reading.size();
-        item.mtime = reading.mtime();
+        take_status(item, reading);
         reading.attributes(item.attributes, item.not_had);
       }
     }

@@ -19,6 +19,7 @@ struct Backup_Shared {
   MTF::IBackup_Callback_var callback;
   Backup_Queue* queue = nullptr;
   Run_Account* account = nullptr;
+  std::shared_ptr<S3_Ledger> ledger; ///< may be null
   Catalog_Writer* catalog = nullptr;
   /// Ends the run for the reason given. Any thread; the first one counts.
   std::function<void(MTF::Error_Code, const std::string&)> fail;
@@ -35,8 +36,9 @@ public:
   void read();
   void write();
 
-  /// For the time after all threads have ended: whether the medium was finished, and how large it is.
-  bool finished() const { return finished_; }
+  /// For the time after all threads have ended. Ends the medium; false, the run having failed, when that cannot be done.
+  bool finish(const Set_Copy* copy = nullptr);
+  /// How large it is.
   unsigned long long size() const { return medium_->size(); }
   /// Closes the medium's file.
   void release() { medium_.reset(); }
@@ -50,6 +52,8 @@ private:
   bool enter_folder(const Backup_Item& item);
   bool record(const Backup_Item& item, const Stored_Object& stored);
   void account(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading);
+  /// Takes over what the answer that the open object comes from said about it.
+  void take_status(Backup_Item& item, const Object_Reading& reading);
   Object_Head head_of(const Backup_Item& item) const;
   bool medium_failed();
   void throttle(unsigned long long bytes);
@@ -60,5 +64,4 @@ private:
   std::shared_ptr<const std::string> folder_; ///< of the object written last
   unsigned long long throttled_ = 0;          ///< bytes since `throttle_start_`
   double throttle_start_ = 0;
-  bool finished_ = false;
 };

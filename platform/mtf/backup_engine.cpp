@@ -6,9 +6,15 @@
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
+#include "platform/mtf/merge.h"
+#include "platform/mtf/partial_sets.h"
+#include "platform/mtf/set_copy.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/base/clock.h"
+#include "sdk/base/time_format.h"
 #include "sdk/job/job.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
@@ -36,20 +42,33 @@ double seconds_between(const ACE_Time_Value& from, const ACE_Time_Value& to) {
   return static_cast<double>(span.sec()) + static_cast<double>(span.usec()) / 1e6;
 }
 
+/// "HOST/RESOURCE" of a prefix that may go on.
+std::string place_of(const std::string& prefix) {
+  const size_t host = prefix.find('/');
+  return host == std::string::npos ? prefix : prefix.substr(0, prefix.find('/', host + 1));
+}
+
+bool is_taken(const Pool& pool, const std::string& uri) {
+  Set_Record record;
+  std::string error;
+  bool missing = false;
+  return read_stored_record(pool.set_folder(uri), record, error, &missing) || !missing;
+}
+
 /// The set's folder: as told when that is a new one, else a new one beside it.
 std::string set_uri(const Pool& pool, const std::string& prefix, const std::string& uuid) {
   std::string uri = prefix;
   const bool open = uri.empty() || uri.back() == '/';
   while (!uri.empty() && uri.back() == '/')
     uri.pop_back();
-  Set_Record record;
-  std::string error;
-  bool missing = false;
   if (open || std::count(uri.begin(), uri.end(), '/') == 1)
-    return uri.empty() ? uuid : uri + "/" + uuid;
-  if (read_set_record(pool.set_folder(uri), record, error, &missing) || !missing)
-    return uri.substr(0, uri.rfind('/') + 1) + uuid;
-  return uri;
+    uri = uri.empty() ? uuid : uri + "/" + uuid;
+  else if (is_taken(pool, uri))
+    uri = uri.substr(0, uri.rfind('/') + 1) + uuid;
+  std::string free = uri;
+  for (unsigned i = 1; is_taken(pool, free); ++i)
+    free = uri + "-" + std::to_string(i);
+  return free;
 }
 
 } // namespace
@@ -58,17 +77,22 @@ struct Backup_Engine::Impl {
   Impl(Backup_Order o, Event_Handler_var h, Metadata& m, std::shared_ptr<ACE_Log_Msg_Callback> l)
       : order(std::move(o)), handler(h), metadata(m), log(std::move(l)), job(Job::current()),
         ledger(job != nullptr ? job->ledger() : nullptr), account(h),
-        queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {}
+        queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {
+    if (order.seq == 0)
+      order.seq = order.base_seq + 1;
+  }
 
   bool prepare(const std::string& location, const std::string& pool_uuid);
+  void take_up_unfinished();
   bool make_media();
   bool write_objects();
+  std::string copied_record();
   bool complete();
   void list();
   void fail(Error_Code code, const std::string& text);
   void start(const std::string& name, std::function<void()> body);
   void supervise(bool tell);
-  void conclude(const ACE_Time_Value& begun, bool kept);
+  void conclude(bool kept);
   void discard();
 
   Backup_Order order;
@@ -79,7 +103,9 @@ struct Backup_Engine::Impl {
   std::shared_ptr<S3_Ledger> ledger;
 
   Pool pool;
+  std::shared_ptr<Process_Lock> pool_lock;
   Set_Lock lock;
+  std::string place; ///< "HOST/RESOURCE"
   std::string uri;
   bool made_folder = false;
   unsigned family = 0;
@@ -87,10 +113,12 @@ struct Backup_Engine::Impl {
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
   std::unique_ptr<Backup_Base> base; ///< null: every object is stored
+  std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
   std::unique_ptr<Listing_Events> events;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
   ISrc_Lister_var lister;
+  const ACE_Time_Value begun = Clock::instance().monotonic();
   unsigned long long set_bytes = 0; ///< on media and in the catalog
 
   Engine_Threads threads;
@@ -145,34 +173,59 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     fail(E_GET_POOL_INFO, error);
     return false;
   }
+  pool_lock = pool.lock(error);
+  if (!pool_lock) {
+    fail(E_OPEN_MEDIUM, error);
+    return false;
+  }
+  if (!make_set_cipher(pool, order.uuid, order.codec.cipher, error)) {
+    fail(E_GET_POOL_INFO, error);
+    return false;
+  }
+  place = place_of(order.uri_prefix);
+  take_up_unfinished();
   uri = set_uri(pool, order.uri_prefix, order.uuid);
-  std::string unremoved;
-  const unsigned removed = pool.remove_unfinished(uri.substr(0, uri.rfind('/')), unremoved);
-  if (removed != 0)
-    engine_log(log, LM_INFO, "Removed " + std::to_string(removed) + " unfinished sets of earlier runs.");
-  if (!unremoved.empty())
-    engine_log(log, LM_WARNING, "An unfinished set stays: " + unremoved + ".");
   if (!pool.make_set_folder(uri, lock, error)) {
     fail(E_OPEN_MEDIUM, error);
     return false;
   }
   made_folder = true;
-  if (!make_set_cipher(pool, order.uuid, order.codec.cipher, error)) {
-    fail(E_GET_POOL_INFO, error);
-    return false;
-  }
   catalog = Catalog_Writer::create(pool.set_folder(uri), error, order.codec.cipher);
-  if (!catalog || !catalog->add_set({0, order.uuid, uri, order.base_seq + 1})) {
+  if (!catalog || !catalog->add_set({0, order.uuid, uri, order.seq})) {
     fail(E_OPEN_MEDIUM, catalog ? catalog->error() : error);
     return false;
   }
   account.catalog(catalog.get());
   if (order.incremental && order.base_seq != 0) {
-    base = Backup_Base::open(pool, uri.substr(0, uri.rfind('/')), order.base_seq, error);
+    base = Backup_Base::open(pool, place, order.base_seq, error);
     if (!base)
       engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
   }
+  std::vector<std::string> problems;
+  partial = Partial_Sets::open(pool, place, base ? base->end_index() : 1, problems);
+  for (const std::string& problem : problems)
+    engine_log(log, LM_WARNING, "What an unfinished run has stored cannot be used: " + problem + ".");
+  if (partial->empty())
+    partial.reset();
   return make_media();
+}
+
+/// What earlier runs left becomes something to go on with.
+void Backup_Engine::Impl::take_up_unfinished() {
+  std::vector<std::string> busy;
+  std::string error;
+  if (!finish_merges(pool, place, busy, error))
+    engine_log(log, LM_WARNING, "A merge that was cut short cannot be ended: " + error + ".");
+  Salvage_Report report;
+  salvage_unfinished(pool, place, report);
+  if (report.salvaged != 0)
+    engine_log(log, LM_INFO,
+               "The run goes on with " + std::to_string(report.objects) + " objects (" + std::to_string(report.bytes) +
+                   " bytes) that unfinished runs have stored.");
+  if (report.removed != 0)
+    engine_log(log, LM_INFO, "Removed " + std::to_string(report.removed) + " unfinished sets without any whole object.");
+  for (const std::string& problem : report.problems)
+    engine_log(log, LM_WARNING, "An unfinished set stays: " + problem + ".");
 }
 
 bool Backup_Engine::Impl::make_media() {
@@ -213,7 +266,7 @@ void Backup_Engine::Impl::start(const std::string& name, std::function<void()> b
 }
 
 void Backup_Engine::Impl::list() {
-  Backup_Listing listing(queue, *catalog, account, base.get());
+  Backup_Listing listing(queue, *catalog, account, base.get(), partial.get());
   const int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
     const bool taken = block && listing.take(*block);
     if (!taken)
@@ -256,7 +309,7 @@ bool Backup_Engine::Impl::write_objects() {
     return false;
   }
   events = std::make_unique<Listing_Events>(handler, account, *catalog);
-  lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.base_seq + 1), events.get(),
+  lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.seq), events.get(),
                                         order.filter, static_cast<int>(order.scan_threads));
   if (lister.null()) {
     fail(E_LIST_SOURCE, "The source's lister cannot be made.");
@@ -264,11 +317,12 @@ bool Backup_Engine::Impl::write_objects() {
   }
   shared.limits = order.limits;
   shared.codec = order.codec;
-  shared.seq = order.base_seq + 1;
+  shared.seq = order.seq;
   shared.rate_limit = order.io.channel_rate_limit;
   shared.callback = callback;
   shared.queue = &queue;
   shared.account = &account;
+  shared.ledger = ledger;
   shared.catalog = catalog.get();
   shared.fail = [this](Error_Code why, const std::string& text) { fail(why, text); };
 
@@ -289,6 +343,37 @@ bool Backup_Engine::Impl::write_objects() {
   return code == E_OK;
 }
 
+/// What is known of the set's record before it is written: all but the sizes of the media.
+std::string Backup_Engine::Impl::copied_record() {
+  Set_Record record;
+  record.uuid = order.uuid;
+  record.uri = uri;
+  record.host_uuid = metadata.host_uuid;
+  record.minor_resource_id = metadata.minor_resource_id;
+  record.minor_resource_name = metadata.minor_resource_name;
+  record.resource_uuid = metadata.resource_uuid;
+  record.definition_uuid = metadata.definition_uuid;
+  record.name = metadata.name;
+  record.agent = metadata.agent;
+  record.host = metadata.host;
+  record.type = metadata.type;
+  record.incarnation = base ? base->incarnation() : order.uuid;
+  if (base)
+    record.bases.push_back(base->uuid());
+  record.seq = order.seq;
+  record.channels = static_cast<unsigned>(channels.size());
+  record.start_time = metadata.start_time;
+  record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
+  record.source_size = record.backup_set_size = account.saved_bytes();
+  record.encryption = metadata.encryption;
+  record.figures =
+      account.figures(ledger.get(), true, true, seconds_between(begun, Clock::instance().monotonic()));
+  std::string error;
+  if (!seal_record(order.codec.cipher, record, error))
+    throw std::runtime_error(error);
+  return json_spirit::write(record.to_json());
+}
+
 bool Backup_Engine::Impl::complete() {
   if (account.saved_objects() + account.unchanged_objects() == 0 && account.problems() != 0) {
     fail(E_NO_FILES_BACKUPED, "No object could be backed up.");
@@ -299,6 +384,9 @@ bool Backup_Engine::Impl::complete() {
     fail(E_WRITE_MEDIUM, catalog->error());
     return false;
   }
+  const Set_Copy copy{copied_record(), pool.set_folder(uri) + "/" + catalog::FILE_NAME};
+  if (!channels[0]->finish(&copy))
+    return false;
   metadata.media.clear();
   for (unsigned i = 0; i < channels.size(); ++i) {
     json_spirit::Object medium;
@@ -308,7 +396,7 @@ bool Backup_Engine::Impl::complete() {
     metadata.media.push_back(std::move(medium));
     set_bytes += channels[i]->size();
   }
-  metadata.seq = order.base_seq + 1;
+  metadata.seq = order.seq;
   metadata.channels = static_cast<unsigned>(channels.size());
   metadata.set_uri = uri;
   metadata.data_key = order.codec.cipher ? order.codec.cipher->wrapped() : std::string();
@@ -320,13 +408,20 @@ void Backup_Engine::Impl::discard() {
   account.catalog(nullptr);
   channels.clear();
   catalog.reset();
+  // What a full disk or a service that went away has ended is gone on with; what was refused or cancelled is not.
+  const bool worth = account.saved_objects() > account.continued_objects() &&
+                     (code == E_WRITE_MEDIUM || code == E_LIST_SOURCE || code == E_FAILED);
   std::string error;
-  if (made_folder && !pool.remove_set(uri, error))
+  if (made_folder && worth) {
+    ::unlink((pool.set_folder(uri) + "/" + catalog::FILE_NAME).c_str());
+    engine_log(log, LM_INFO, "What is stored so far stays for the next run of the same source.");
+  } else if (made_folder && !pool.remove_set(uri, error)) {
     engine_log(log, LM_WARNING, "The unfinished set stays until the next run: " + error + ".");
+  }
   lock.release();
 }
 
-void Backup_Engine::Impl::conclude(const ACE_Time_Value& begun, bool kept) {
+void Backup_Engine::Impl::conclude(bool kept) {
   const bool whole = code == E_OK || code == E_NO_FILES_BACKUPED;
   json_spirit::Object figures =
       account.figures(ledger.get(), whole, kept, seconds_between(begun, Clock::instance().monotonic()));
@@ -343,7 +438,6 @@ void Backup_Engine::Impl::conclude(const ACE_Time_Value& begun, bool kept) {
 
 bool Backup_Engine::run(const std::string& location, const std::string& pool_uuid) {
   Impl& i = *impl_;
-  const ACE_Time_Value begun = Clock::instance().monotonic();
   bool done = false;
   try {
     done = i.prepare(location, pool_uuid) && i.write_objects();
@@ -363,7 +457,7 @@ bool Backup_Engine::run(const std::string& location, const std::string& pool_uui
     i.discard();
   i.channels.clear();
   i.catalog.reset();
-  i.conclude(begun, done);
+  i.conclude(done);
   return done;
 }
 
@@ -371,6 +465,6 @@ bool Backup_Engine::refuse(Error_Code code, const std::string& error) {
   impl_->fail(code, error);
   if (!impl_->order.actions.null())
     impl_->order.actions->execute_post_action(false, "");
-  impl_->conclude(Clock::instance().monotonic(), false);
+  impl_->conclude(false);
   return false;
 }

@@ -19,6 +19,7 @@ struct Backup_Order {
   std::string uuid;       ///< of the set
   std::string uri_prefix; ///< "HOST/RESOURCE/ACTIVITY", or one of which only HOST and RESOURCE count
   unsigned base_seq = 0;  ///< of the last set of the chain; 0: none
+  unsigned seq = 0;       ///< number of the new set; 0: the one behind `base_seq`
   bool incremental = false;
   unsigned channels = 1;
   unsigned scan_threads = 8;

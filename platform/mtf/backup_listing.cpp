@@ -100,6 +100,10 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     error_ = base_->error();
     return false;
   }
+  if (visit_.first == 0 && partial_ != nullptr && !partial_->enter(*folder_)) {
+    error_ = partial_->error();
+    return false;
+  }
   visit(item->name);
   Catalog_Object known;
   if (base_ != nullptr && base_->unchanged(item->name, item->size, item->mtime, known)) {
@@ -109,6 +113,15 @@ bool Backup_Listing::object(const Cat_Blk& block) {
   }
   if (base_ != nullptr && !base_->error().empty()) {
     error_ = base_->error();
+    return false;
+  }
+  if (partial_ != nullptr && partial_->find(item->name, item->size, item->mtime, known)) {
+    known.ordinal = ordinal_;
+    account_.continued(known.size);
+    return catalog_.add_object(known);
+  }
+  if (partial_ != nullptr && !partial_->error().empty()) {
+    error_ = partial_->error();
     return false;
   }
   return queue_.push(std::move(item));
@@ -142,6 +155,8 @@ bool Backup_Listing::carry(Catalog_Object& object) {
 }
 
 bool Backup_Listing::compare(const std::vector<std::string>& not_listed, const std::list<std::string>& sources) {
+  if (partial_ != nullptr && !partial_->add_sets(catalog_))
+    return false;
   if (base_ == nullptr)
     return true;
   const auto path_of = [](const std::string& path) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/mtf/backup_base.h"
+#include "platform/mtf/partial_sets.h"
 #include "platform/mtf/backup_queue.h"
 #include "platform/mtf/run_account.h"
 
@@ -38,12 +39,14 @@ private:
 };
 
 /// Turns the lister's blocks into objects for the queue and folders for the catalog, and numbers the objects. What the
-/// base has unchanged goes straight into the catalog. On the lister's thread.
+/// base has unchanged, and what an unfinished run has stored already, goes straight into the catalog. On the lister's
+/// thread.
 class Backup_Listing {
 public:
-  /// `base` may be null.
-  Backup_Listing(Backup_Queue& queue, Catalog_Writer& catalog, Run_Account& account, Backup_Base* base)
-      : queue_(queue), catalog_(catalog), account_(account), base_(base) {}
+  /// `base` and `partial` may be null.
+  Backup_Listing(Backup_Queue& queue, Catalog_Writer& catalog, Run_Account& account, Backup_Base* base,
+                 Partial_Sets* partial)
+      : queue_(queue), catalog_(catalog), account_(account), base_(base), partial_(partial) {}
 
   /// False when the block makes no sense, the run is stopped, or the catalog failed.
   bool take(const MTF::Cat_Blk& block);
@@ -65,6 +68,7 @@ private:
   Catalog_Writer& catalog_;
   Run_Account& account_;
   Backup_Base* const base_;
+  Partial_Sets* const partial_;
   std::shared_ptr<const std::string> folder_;
   Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;

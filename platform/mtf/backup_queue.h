@@ -27,6 +27,7 @@ struct Backup_Item {
   long long mtime = 0;
   MTF::File_Attributes attributes;        ///< what else belongs to it
   std::vector<std::string> not_had;       ///< of that, a text each
+  bool fresh = false; ///< by the service's clock it was modified just before it was read
   State state = READING;
   size_t reserved = 0;          ///< bytes of the budget that it holds
   MTF::IFile_Reader_var reader; ///< STREAM: already open on it; null: to be opened

@@ -2,6 +2,7 @@
 #include "platform/mtf/backup_engine.h"
 #include "platform/mtf/fake_source_test.h"
 #include "platform/mtf/medium_reader.h"
+#include "platform/mtf/partial_sets.h"
 #include "platform/s3/ledger.h"
 #include "sdk/job/job.h"
 
@@ -393,9 +394,176 @@ TEST_F(Backup, listing_that_gives_up_ends_the_run) {
   source_.on_list = [](unsigned n) { return n < 50; };
   EXPECT_FALSE(run());
   EXPECT_EQ(E_LIST_SOURCE, engine_->err_code());
-  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1/set.json")));
   EXPECT_TRUE(events_->adds_up());
   EXPECT_EQ(0u, events_->figure("saved"));
+}
+
+/// What a killed run leaves: media of which the last blocks are missing, a catalog that was never finished, no record.
+class Continuation : public Backup {
+protected:
+  /// Writes the set `uuid` and cuts its media to `part` of their length.
+  void leave(const std::string& uuid, double part) {
+    order_.uuid = uuid;
+    order_.uri_prefix = "host/res/" + uuid;
+    ASSERT_TRUE(run()) << engine_->failure();
+    engine_.reset();
+    for (const auto& entry : fs::directory_iterator(folder())) {
+      const auto size = static_cast<double>(fs::file_size(entry.path()));
+      if (entry.path().extension() == ".mtf")
+        fs::resize_file(entry.path(), static_cast<uintmax_t>(size * part));
+      else if (entry.path().filename() == "catalog.db")
+        fs::resize_file(entry.path(), 4096);
+    }
+  }
+  void next(const std::string& uuid) {
+    order_.uuid = uuid;
+    order_.uri_prefix = "host/res/" + uuid;
+  }
+  unsigned long long partial_sets() {
+    std::vector<std::string> bad;
+    const auto found = pool_.partial_sets("host/res", bad);
+    EXPECT_TRUE(bad.empty());
+    return found.size();
+  }
+  void expect_media_are_valid() {
+    for (const auto& entry : fs::recursive_directory_iterator(root_))
+      if (entry.path().extension() == ".mtf") {
+        auto medium = Medium_Reader::open(entry.path(), 0, error_);
+        ASSERT_TRUE(medium) << error_;
+        EXPECT_TRUE(medium->complete(error_)) << error_;
+        EXPECT_TRUE(medium->walk(
+            true,
+            [&](const Medium_Finding& finding) {
+              EXPECT_NE(Medium_Finding::DAMAGE, finding.kind) << entry.path() << finding.message;
+              return true;
+            },
+            error_));
+      }
+  }
+};
+
+TEST_F(Continuation, what_an_unfinished_run_stored_is_not_read_again) {
+  fill(300, 3000, 51);
+  leave("killed", 0.6);
+  const unsigned before = source_.opened;
+  next("set-2");
+  ASSERT_TRUE(run()) << engine_->failure();
+  const unsigned long long continued = events_->figure("continued");
+  EXPECT_GT(continued, 100u);
+  EXPECT_LT(continued, 300u);
+  EXPECT_EQ(300u, events_->figure("saved"));
+  EXPECT_EQ(0u, events_->figure("unchanged"));
+  EXPECT_EQ(300u, before);
+  EXPECT_EQ(before + 300 - continued, source_.opened);
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_EQ(1u, partial_sets());
+  std::vector<std::string> bad;
+  EXPECT_TRUE(pool_.sets("", bad).empty()) << "a partial set is no set";
+  expect_set_over({"host/res/killed"});
+  expect_media_are_valid();
+  commit();
+  // The next one is compared with the set, and the partial set stays as long as it is pointed into.
+  next("set-3");
+  order_.incremental = true;
+  order_.base_seq = 1;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(300u, events_->figure("unchanged"));
+  EXPECT_EQ(0u, events_->figure("continued"));
+  ASSERT_TRUE(reclaim_partial_sets(pool_, "host/res", nullptr, error_)) << error_;
+  EXPECT_EQ(1u, partial_sets());
+  engine_.reset();
+  ASSERT_TRUE(pool_.remove_set("host/res/set-2", error_));
+  ASSERT_TRUE(reclaim_partial_sets(pool_, "host/res", nullptr, error_)) << error_;
+  EXPECT_EQ(0u, partial_sets());
+}
+
+TEST_F(Continuation, every_unfinished_run_brings_the_next_one_further) {
+  fill(200, 2000, 52);
+  order_.limits.small_object = 900;
+  unsigned long long had = 0;
+  for (const char* uuid : {"one", "two", "three"}) {
+    leave(uuid, 0.5);
+    EXPECT_GE(events_->figure("continued"), had);
+    had = events_->figure("continued");
+  }
+  EXPECT_GT(had, 0u);
+  next("last");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_GT(events_->figure("continued"), had);
+  EXPECT_EQ(200u, events_->figure("saved"));
+  auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  EXPECT_EQ(4u, catalog->sets().size());
+  EXPECT_EQ(200u, catalog->counts().objects);
+  expect_media_are_valid();
+}
+
+TEST_F(Continuation, changed_and_damaged_objects_are_read_again) {
+  fill(100, 2000, 53);
+  order_.channels = 1;
+  leave("killed", 1);
+  source_.objects["b/d000/o00003"].mtime += 1;
+  source_.objects["b/d000/o00004"].data += "x";
+  Catalog_Object damaged;
+  {
+    // One byte of one object's content.
+    const std::string medium = pool_.set_folder("host/res/killed/channel-0000.mtf");
+    auto reader = Medium_Reader::open(medium, 0, error_);
+    ASSERT_TRUE(reader);
+    ASSERT_TRUE(reader->walk(
+        false,
+        [&](const Medium_Finding& finding) {
+          if (finding.kind == Medium_Finding::OBJECT && finding.head.size > 100 && finding.head.ordinal > 10)
+            damaged = found_object(finding, 0);
+          return damaged.ordinal == 0;
+        },
+        error_));
+    ASSERT_NE(0u, damaged.ordinal);
+    std::fstream file(medium, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(damaged.offset + 300));
+    file.put('\x55');
+  }
+  next("set-2");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(97u, events_->figure("continued"));
+  EXPECT_EQ(100u, events_->figure("saved"));
+  auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  Catalog_Object object;
+  ASSERT_TRUE(catalog->find(damaged.path, object, error_));
+  EXPECT_EQ(0u, object.set);
+  expect_set_over({"host/res/killed"});
+}
+
+TEST_F(Continuation, unfinished_incremental_is_gone_on_with_too) {
+  fill(50, 1000, 54);
+  next("full");
+  ASSERT_TRUE(run());
+  commit();
+  fill(120, 1000, 55);
+  for (unsigned i = 0; i < 50; ++i)
+    ++source_.objects[source_.order[i]].mtime;
+  order_.incremental = true;
+  order_.base_seq = 1;
+  leave("killed", 0.7);
+  const unsigned before = source_.opened;
+  next("set-2");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(120u, events_->figure("saved") + events_->figure("unchanged"));
+  EXPECT_GT(events_->figure("continued"), 30u);
+  EXPECT_EQ(before + 120 - events_->figure("continued") - events_->figure("unchanged"), source_.opened);
+  expect_set_over({"host/res/full", "host/res/killed"});
+}
+
+TEST_F(Continuation, unfinished_run_of_another_source_is_left_alone) {
+  fill(20, 100, 56);
+  leave("killed", 1);
+  order_.uuid = "set-2";
+  order_.uri_prefix = "host/other/set-2";
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(0u, events_->figure("continued"));
+  EXPECT_EQ(1u, pool_.unfinished("host/res").size());
 }
 
 TEST_F(Backup, cancel_at_any_point_ends_cleanly) {
@@ -650,8 +818,15 @@ TEST_F(Backup, full_disk_ends_the_run_with_the_files_name_and_no_set) {
     EXPECT_EQ(E_WRITE_MEDIUM, engine_->err_code());
     EXPECT_NE(std::string::npos, engine_->failure().find("channel-0")) << engine_->failure();
     EXPECT_NE(std::string::npos, engine_->failure().find(std::strerror(EFBIG))) << engine_->failure();
-    EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+    EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1/set.json")));
     EXPECT_TRUE(events_->adds_up());
+    // Whole objects that were stored before the disk was full are not read again.
+    const unsigned before = source_.opened;
+    ASSERT_TRUE(run()) << engine_->failure();
+    EXPECT_GT(events_->figure("continued"), 0u);
+    EXPECT_EQ(before + 100 - events_->figure("continued"), source_.opened);
+    engine_.reset();
+    fs::remove_all(pool_.set_folder("host"));
   }
 }
 

@@ -45,6 +45,8 @@ constexpr uint32_t OBSD = four("OBSD"); ///< digest of an object's content (FILE
 constexpr uint32_t OBST = four("OBST"); ///< totals of the set (ESET)
 constexpr uint32_t OBSK = four("OBSK"); ///< wrapped data key of an encrypted set (VOLB, ESET)
 constexpr uint32_t OBSX = four("OBSX"); ///< one encrypted frame of an object's content (FILE)
+constexpr uint32_t OBSR = four("OBSR"); ///< copy of the set's record (ESET)
+constexpr uint32_t OBSL = four("OBSL"); ///< one chunk of the copy of its catalog (ESET)
 
 // Ends of the fixed parts, where strings begin.
 constexpr unsigned TAPE_FIXED = 94;

@@ -2,6 +2,7 @@
 
 #include "platform/mtf/medium_walker.h"
 #include "platform/mtf/sealed_stream.h"
+#include "platform/mtf/set_copy.h"
 #include "sdk/mtf/cat_blk.h"
 
 #include <algorithm>
@@ -152,6 +153,8 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
     std::string path;
     return parse_directory_path(data, size, path) ? " path " + quoted(path) : " (does not match its check)";
   }
+  if (stream.header.id == OBSR || stream.header.id == OBSL)
+    return set_copy_holds(window, stream, reason) ? std::string() : " (" + reason + ")";
   if (stream.header.id == OBST) {
     Medium_Totals totals;
     if (!totals.parse(data, size))

@@ -1,6 +1,6 @@
 #include "platform/mtf/media_feed.h"
 
-#include "platform/pool/set_keys.h"
+#include "platform/catalog/open_catalog.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -22,6 +22,33 @@ std::string medium_name(unsigned channel) {
 Media_Feed::Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog)
     : pool_(pool), record_(record), catalog_(catalog) {}
 
+bool Media_Feed::hold(std::string& error) {
+  for (const Catalog_Set& set : catalog_.sets()) {
+    Set_Guard guard;
+    switch (guard.share(pool_.set_folder(set.index == 0 ? record_.uri : set.uri), error)) {
+    case Set_Guard::HELD:
+      guards_.push_back(std::move(guard));
+      break;
+    case Set_Guard::MISSING: {
+      if (set.index == 0)
+        return false;
+      // Unless a merge has just moved its data, that is damage, which is told object by object.
+      std::string why;
+      const auto now = open_set_catalog(pool_, record_, why);
+      if (!now || std::any_of(now->sets().begin(), now->sets().end(),
+                              [&](const Catalog_Set& one) { return one.uuid == set.uuid; }))
+        break;
+      error = "the data of set " + record_.uuid + " have just been moved by a merge: try again";
+      return false;
+    }
+    default:
+      return false;
+    }
+  }
+  error.clear();
+  return true;
+}
+
 bool Media_Feed::record_of(unsigned set, Set_Record& record, std::string& uri, std::string& error) {
   if (set == 0) {
     record = record_;
@@ -34,7 +61,7 @@ bool Media_Feed::record_of(unsigned set, Set_Record& record, std::string& uri, s
     uri = one.uri;
     std::string why;
     bool missing = false;
-    if (!read_set_record(pool_.set_folder(uri), record, why, &missing))
+    if (!read_stored_record(pool_.set_folder(uri), record, why, &missing))
       error = missing ? "the set " + one.uuid + " (" + uri + ") that holds its data is missing" : why;
     else if (record.uuid != one.uuid)
       error = "in " + uri + " lies another set (" + record.uuid + " instead of " + one.uuid + ")";

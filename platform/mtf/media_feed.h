@@ -3,6 +3,7 @@
 #include "platform/catalog/catalog_reader.h"
 #include "platform/mtf/medium_reader.h"
 #include "platform/pool/pool.h"
+#include "platform/pool/set_guard.h"
 
 #include <condition_variable>
 #include <deque>
@@ -29,6 +30,9 @@ public:
   /// All three outlive the feed. The catalog is used by the thread in `run` alone.
   Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog);
 
+  /// Shares the sets that the catalog points into with other readers, so that none of them is removed while the feed
+  /// lives. False with the reason when one is just being removed. Sets that are missing are found when they are read.
+  bool hold(std::string& error);
   /// Feeds the selected objects; returns when all were taken or the feed was stopped. False with the reason when the
   /// catalog cannot be read.
   bool run(const Catalog_Selection& selection, std::string& error);
@@ -53,6 +57,7 @@ private:
   const Pool& pool_;
   const Set_Record& record_;
   Catalog_Reader& catalog_;
+  std::vector<Set_Guard> guards_;
   std::vector<std::string> findings_;
   bool inspecting_ = false;
   std::function<bool(const Media_Task&)> chosen_;
@@ -76,6 +81,8 @@ public:
   const MTF::File_Attributes& attributes() const;
   /// Why they are not those stored beside it; empty where they are.
   const std::string& attributes_problem() const { return reader_->attributes_problem(); }
+  /// What stands on the medium before the content; while the object is open.
+  const Object_Head& head() const { return reader_->head(); }
   unsigned long long stored() const { return reader_ ? reader_->stored() : 0; }
   const std::string& error() const { return error_; }
 

@@ -196,7 +196,7 @@ bool parse_directory_path(const unsigned char* data, size_t size, std::string& p
 
 // OBST: 0 version 2 | 2 zero 6 | 8 objects 8 | 16 bytes 8 | XXH3-64
 void make_set_end(std::string& out, const Medium_Identity& identity, const Medium_Totals& totals, uint64_t place,
-                  uint32_t control_id) {
+                  uint32_t control_id, bool open) {
   Dblk_Builder block(out, ESET, ESET_FIXED, STRINGS_NONE);
   put32(block.at(52), set_attributes(identity));
   put64(block.at(60), place);
@@ -212,7 +212,10 @@ void make_set_end(std::string& out, const Medium_Identity& identity, const Mediu
   append_checked(data);
   append_stream(out, OBST, data);
   append_set_key(out, identity);
-  append_spad(out, 0);
+  if (open)
+    pad_to(out, STREAM_ALIGNMENT);
+  else
+    append_spad(out, 0);
 }
 
 bool Medium_Totals::parse(const unsigned char* data, size_t size) {

@@ -40,8 +40,9 @@ void make_volume(std::string& out, const Medium_Identity& identity, uint32_t con
 /// `path` has a NUL behind each component; empty for the root.
 void make_directory(std::string& out, const std::string& path, uint32_t directory_id, uint64_t fla,
                     uint32_t control_id);
+/// With `open` the padding is left to the caller, who has further streams to append.
 void make_set_end(std::string& out, const Medium_Identity& identity, const Medium_Totals& totals, uint64_t block,
-                  uint32_t control_id);
+                  uint32_t control_id, bool open = false);
 
 /// Reads the data of an OBSN stream: the directory's exact path.
 bool parse_directory_path(const unsigned char* data, size_t size, std::string& path);

@@ -2,6 +2,7 @@
 
 #include "platform/mtf/medium_object.h"
 #include "platform/mtf/medium_walker.h"
+#include "platform/mtf/set_copy.h"
 
 #include <algorithm>
 #include <new>
@@ -38,13 +39,12 @@ public:
     Medium_Window window(*source_, 3 * FLB);
     const unsigned long long size = source_->size();
     Dblk_Header header;
-    unsigned long long streams = 0;
-    std::string reason = "it is too short";
+    unsigned long long end = 0;
+    std::string reason;
     const auto is = [&](unsigned long long offset, uint32_t type) {
       return read_block(window, offset, header, reason) && header.type == type;
     };
-    if (size % FLB == 0 && size >= 8 * FLB && is(size - 3 * FLB, SFMB) && is(size - FLB, SFMB) &&
-        is(size - 2 * FLB, ESET) && descriptor_holds(window, size - 2 * FLB, header, streams, reason))
+    if (find_set_end(window, size, end, reason) && is(end - FLB, SFMB) && is(size - FLB, SFMB))
       return true;
     error = "the medium " + source_->path() + " does not end as a finished one does: " + reason;
     return false;
@@ -131,7 +131,9 @@ bool read_medium_set(const std::string& path, Medium_Set& set, std::string& erro
     if (read_set_at(window, VOLB_OFFSET, VOLB, set))
       return true;
     set = Medium_Set();
-    if (source->size() > 8 * FLB && read_set_at(window, source->size() - 2 * FLB, ESET, set))
+    unsigned long long end = 0;
+    std::string ignored;
+    if (find_set_end(window, source->size(), end, ignored) && read_set_at(window, end, ESET, set))
       return true;
     error = path + " does not say which set it belongs to: its volume block is damaged";
   } catch (const std::bad_alloc&) {

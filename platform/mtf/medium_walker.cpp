@@ -1,6 +1,7 @@
 #include "platform/mtf/medium_walker.h"
 
 #include "platform/mtf/medium_object.h"
+#include "platform/mtf/set_copy.h"
 
 #include <xxhash.h>
 
@@ -155,6 +156,8 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
                    std::to_string(totals.bytes) + " bytes; found were " + std::to_string(totals_.objects) + " with " +
                    std::to_string(totals_.bytes));
     }
+    if (good && (stream.header.id == OBSR || stream.header.id == OBSL))
+      good = set_copy_holds(window_, stream, reason_);
     if (!good) {
       reason_ = "the stream " + four_text(stream.header.id) + " does not match its check";
       return false;
@@ -357,6 +360,12 @@ bool Medium_Walker::walk(std::string& error) {
     if (block()) {
       in_step_ = true;
       at_ = next_;
+      if (filemarks_.size() < 2 && at_ >= 5 * FLB) {
+        data_end_.offset = at_;
+        data_end_.control_id = control_id_;
+        data_end_.totals = totals_;
+      }
+      data_end_.finished = ended_;
       continue;
     }
     if (window_.failed()) {

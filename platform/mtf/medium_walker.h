@@ -15,6 +15,16 @@ public:
   /// False when the medium cannot be read at all; what is damaged on it is told to `found`.
   bool walk(std::string& error);
 
+  /// Where the last whole directory or object ends, and what an end of the set that is put there must say.
+  struct Data_End {
+    unsigned long long offset = 0; ///< 0: not even the blocks that a medium begins with are whole
+    uint64_t control_id = 0;       ///< of the next block
+    Medium_Totals totals;
+    bool finished = false; ///< the set has its end
+  };
+  /// When `walk` has returned.
+  const Data_End& data_end() const { return data_end_; }
+
 private:
   /// Handles the block at `at_`: sets `next_`, or is false with `reason_` when it does not hold together.
   bool block();
@@ -53,6 +63,7 @@ private:
   bool whole_ = true; ///< no damage so far: the totals must agree
   bool set_ended_ = false;
   bool ended_ = false;
+  Data_End data_end_;
 };
 
 /// Whether descriptor block and check stream at `offset` hold together (any block but FILE and SFMB); `streams` is

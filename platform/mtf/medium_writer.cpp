@@ -4,6 +4,7 @@
 #include "platform/mtf/medium_blocks.h"
 #include "platform/mtf/medium_writer_file.h"
 #include "platform/mtf/sealed_frames.h"
+#include "platform/mtf/set_copy.h"
 
 #include <algorithm>
 #include <cstring>
@@ -23,7 +24,7 @@ public:
   bool write(const char* data, size_t size) override;
   bool end_object(Stored_Object& stored) override;
   bool cancel_object() override;
-  bool finish() override;
+  bool finish(const Set_Copy* copy) override;
   unsigned long long size() const override { return file_.size(); }
   unsigned long long objects() const override { return totals_.objects; }
   const std::string& error() const override { return error_.empty() ? file_.error() : error_; }
@@ -328,7 +329,7 @@ bool File_Medium_Writer::cancel_object() {
   return file_.cut(object_.offset);
 }
 
-bool File_Medium_Writer::finish() {
+bool File_Medium_Writer::finish(const Set_Copy* copy) {
   if (!ready())
     return false;
   if (open_)
@@ -337,8 +338,19 @@ bool File_Medium_Writer::finish() {
   if (!put_filemark() || !next_control_id(id))
     return false;
   scratch_.clear();
-  make_set_end(scratch_, identity_, totals_, file_.size() / FLB, id);
-  if (!put(scratch_) || !put_filemark() || !file_.close())
+  make_set_end(scratch_, identity_, totals_, file_.size() / FLB, id, copy != nullptr);
+  if (!put(scratch_))
+    return false;
+  if (copy != nullptr) {
+    std::string why;
+    if (!write_set_copy(*copy, [this](const std::string& piece) { return put(piece); }, why))
+      return fail(why);
+    scratch_.clear();
+    append_spad(scratch_, file_.size());
+    if (!put(scratch_))
+      return false;
+  }
+  if (!put_filemark() || !file_.close())
     return false;
   finished_ = true;
   return true;

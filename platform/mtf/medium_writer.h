@@ -30,6 +30,8 @@ struct Stored_Object {
   unsigned char sha256[32] = {}; ///< of its content
 };
 
+struct Set_Copy;
+
 /// Writes one medium: a file with one MTF data set, which independent readers can read where objects are stored
 /// plain. Appends in the order of the calls; one thread at a time.
 ///
@@ -58,8 +60,9 @@ public:
   /// true, when no object is open.
   virtual bool cancel_object() = 0;
 
-  /// Ends the data set and makes it durable (fsync). No further call may follow.
-  virtual bool finish() = 0;
+  /// Ends the data set and makes it durable (fsync), with a copy of catalog and record when one is given. No further
+  /// call may follow.
+  virtual bool finish(const Set_Copy* copy = nullptr) = 0;
   /// Bytes of the medium so far.
   virtual unsigned long long size() const = 0;
   virtual unsigned long long objects() const = 0;

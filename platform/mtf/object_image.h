@@ -14,6 +14,13 @@ struct Object_Head {
   long long mtime = 0;                 ///< seconds since the epoch
   unsigned seq = 0;                    ///< the set's sequence number
   MTF::File_Attributes attributes;     ///< what else belongs to it; empty: nothing is known
+  unsigned flags = 0;                  ///< see Object_Flag
+};
+
+enum Object_Flag : unsigned {
+  /// By the service's own clock the object was modified less than two seconds before it was read: another one of the
+  /// same size may have the same date.
+  OBJECT_FRESH = 1
 };
 
 struct Codec_Options {

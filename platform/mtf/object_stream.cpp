@@ -58,6 +58,7 @@ void append_sealed_head(std::string& out, const Object_Head& head, const Object_
   put32(plain + 16, head.seq);
   put32(plain + 20, CHUNK);
   put32(plain + 24, has_attributes(head) ? SEALED_HEAD_ATTRIBUTES : 0);
+  put32(plain + 28, head.flags);
   std::copy(head.path.begin(), head.path.end(), plain + SEALED_HEAD_FIXED);
   // The block's check comes later, with the place, and is no part of what is sealed.
   if (!seal.seal(OBSH, 0, std::string_view(out.data() + begin, HEAD_BLOCK_CHECK), plain, size, plain, plain + size))
@@ -95,6 +96,7 @@ bool parse_sealed_head(const unsigned char* data, size_t size, const Set_Cipher*
   head.mtime = static_cast<long long>(get64(at + 8));
   head.seq = get32(at + 16);
   head.path.assign(plain, SEALED_HEAD_FIXED);
+  head.flags = get32(at + 28);
   stream.attributes = (get32(at + 24) & SEALED_HEAD_ATTRIBUTES) != 0;
   stream.opened = true;
   return true;
@@ -119,6 +121,7 @@ void append_object_head(std::string& out, const Object_Head& head, const Object_
   append_stream_header(out, OBSH, 0, HEAD_FIXED + head.path.size() + CHECK);
   unsigned char fixed[HEAD_FIXED] = {};
   put16(fixed, STREAM_VERSION);
+  put16(fixed + 2, static_cast<uint16_t>(head.flags));
   put32(fixed + 4, static_cast<uint32_t>(head.path.size()));
   put64(fixed + 8, head.ordinal);
   put64(fixed + 16, head.size);
@@ -164,6 +167,7 @@ bool parse_object_head(const unsigned char* data, size_t size, const Set_Cipher*
   head.size = get64(data + 16);
   head.mtime = static_cast<long long>(get64(data + 24));
   head.seq = get32(data + 32);
+  head.flags = get16(data + 2);
   head.path.assign(reinterpret_cast<const char*>(data) + HEAD_FIXED, size - HEAD_FIXED - CHECK);
   return true;
 }

@@ -216,6 +216,11 @@ bool Restore_Engine::Impl::prepare(const std::string& location, const std::strin
     fail(E_NO_SET, error);
     return false;
   }
+  feed = std::make_unique<Media_Feed>(pool, record, *catalog);
+  if (!feed->hold(error)) {
+    fail(E_NO_SET, error);
+    return false;
+  }
   account.selected(selected);
   for (const std::string& path : absent)
     account.absent(path);
@@ -246,7 +251,6 @@ bool Restore_Engine::Impl::restore_objects() {
   }
   const unsigned wanted = order.concurrent == 0 ? DEFAULT_CONCURRENT : std::min(order.concurrent, MAX_CONCURRENT);
   const unsigned count = static_cast<unsigned>(std::clamp<unsigned long long>(selected, 1, wanted));
-  feed = std::make_unique<Media_Feed>(pool, record, *catalog);
   shared.converter = order.converter;
   shared.feed = feed.get();
   shared.account = &account;

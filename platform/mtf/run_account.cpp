@@ -133,6 +133,7 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool whole, bool kept, doub
   Object result;
   result["listed"] = listed;
   result["saved"] = kept ? saved_.load() : 0ull;
+  result["continued"] = kept ? continued_.load() : 0ull;
   result["unchanged"] = kept ? unchanged_.load() : 0ull;
   result["excluded"] = empty_folders_ + (whole ? listed - known : 0);
   result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + not_reached + lost;

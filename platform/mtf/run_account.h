@@ -23,6 +23,12 @@ public:
 
   void handed_out() { ++handed_; }
   void saved(unsigned long long size, unsigned long long stored);
+  /// The object was stored by a run that did not end: this set is the first that holds it.
+  void continued(unsigned long long size) {
+    ++saved_;
+    ++continued_;
+    saved_bytes_ += size;
+  }
   void unchanged() { ++unchanged_; }
   void deleted(unsigned long long count) { deleted_ = count; }
   void read(unsigned long long bytes) { bytes_read_ += bytes; }
@@ -46,6 +52,7 @@ public:
   void catalog(Catalog_Writer* catalog) { catalog_ = catalog; }
 
   unsigned long long saved_objects() const { return saved_; }
+  unsigned long long continued_objects() const { return continued_; } ///< among those saved
   unsigned long long unchanged_objects() const { return unchanged_; }
   unsigned long long saved_bytes() const { return saved_bytes_; }
   unsigned long long stored_bytes() const { return stored_; }
@@ -72,6 +79,7 @@ private:
   std::atomic<unsigned long long> saved_{0};
   std::atomic<unsigned long long> saved_bytes_{0};
   std::atomic<unsigned long long> stored_{0};
+  std::atomic<unsigned long long> continued_{0};
   std::atomic<unsigned long long> unchanged_{0};
   std::atomic<unsigned long long> skipped_{0};
   std::atomic<unsigned long long> failed_{0};

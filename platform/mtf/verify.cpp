@@ -226,6 +226,8 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
   if (!catalog->check_pages(error))
     catalog_findings.push_back(error);
   Media_Feed feed(pool, record, *catalog);
+  if (!feed.hold(report.failure))
+    return false;
   feed.inspect_media();
   const std::vector<Catalog_Set> sets = catalog->sets();
   Verification verification(pool, record, sets, options, feed, report);

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 
 namespace fs = std::filesystem;
 
@@ -126,6 +127,10 @@ std::vector<std::string> set_uris(const std::string& base, std::string prefix) {
 bool exists(const std::string& path) {
   struct stat status;
   return ::lstat(path.c_str(), &status) == 0;
+}
+
+bool has_record(const std::string& folder) {
+  return exists(folder + "/" + Set_Record::FILE_NAME) || exists(folder + "/" + Set_Record::PARTIAL_FILE_NAME);
 }
 
 bool remove_tree(const std::string& path, std::string& error) {
@@ -301,6 +306,16 @@ void read_names(const Pool& pool, Set_Record& record) {
 } // namespace
 
 std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::string>& errors) const {
+  return read_sets(prefix, false, errors);
+}
+
+std::vector<Set_Record> Pool::replaced_sets(const std::string& prefix) const {
+  std::vector<std::string> ignored;
+  return read_sets(prefix, true, ignored);
+}
+
+std::vector<Set_Record> Pool::read_sets(const std::string& prefix, bool replaced,
+                                        std::vector<std::string>& errors) const {
   std::vector<Set_Record> found;
   for (const std::string& uri : set_uris(folder_, prefix)) {
     Set_Record record;
@@ -316,10 +331,40 @@ std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::s
       errors.push_back(error);
     }
   }
+  std::set<std::string> gone;
+  for (const Set_Record& record : found)
+    gone.insert(record.replaces.begin(), record.replaces.end());
+  found.erase(std::remove_if(found.begin(), found.end(),
+                             [&](const Set_Record& record) { return (gone.count(record.uuid) != 0) != replaced; }),
+              found.end());
   std::stable_sort(found.begin(), found.end(), [](const Set_Record& a, const Set_Record& b) {
     return a.start_time != b.start_time ? a.start_time < b.start_time : a.seq < b.seq;
   });
   return found;
+}
+
+std::vector<Set_Record> Pool::partial_sets(const std::string& prefix, std::vector<std::string>& errors) const {
+  std::vector<Set_Record> found;
+  for (const std::string& uri : set_uris(folder_, prefix)) {
+    Set_Record record;
+    std::string error;
+    bool missing = false;
+    if (exists(set_folder(uri) + "/" + Set_Record::FILE_NAME))
+      continue;
+    if (read_partial_record(set_folder(uri), record, error, &missing)) {
+      record.uri = uri;
+      found.push_back(std::move(record));
+    } else if (!missing) {
+      errors.push_back(error);
+    }
+  }
+  std::stable_sort(found.begin(), found.end(),
+                   [](const Set_Record& a, const Set_Record& b) { return a.start_time > b.start_time; });
+  return found;
+}
+
+std::shared_ptr<Process_Lock> Pool::lock(std::string& error) const {
+  return Process_Lock::acquire(folder_, "the pool in " + folder_, error);
 }
 
 bool Pool::make_set_folder(const std::string& uri, std::string& error) const {
@@ -353,31 +398,42 @@ bool Pool::make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string
   return false;
 }
 
+std::vector<std::string> Pool::unfinished(const std::string& prefix) const {
+  std::vector<std::string> found;
+  for (const std::string& uri : set_uris(folder_, prefix))
+    if (!has_record(set_folder(uri)))
+      found.push_back(uri);
+  return found;
+}
+
+bool Pool::lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error) const {
+  const std::string path = set_folder(uri);
+  Set_Lock parent;
+  bool busy = false;
+  error.clear();
+  if (!parent.acquire(set_folder(parent_of(uri)), true, error))
+    return false;
+  if (!lock.acquire(path, false, error, &busy)) {
+    // Gone meanwhile is as good as removed, and a living run's is none of our business.
+    if (busy || !exists(path))
+      error.clear();
+    return false;
+  }
+  // Its run may have committed it just before it let go.
+  if (!has_record(path))
+    return true;
+  lock.release();
+  return false;
+}
+
 unsigned Pool::remove_unfinished(const std::string& prefix, std::string& error) const {
   unsigned removed = 0;
-  for (const std::string& uri : set_uris(folder_, prefix)) {
-    const std::string path = set_folder(uri);
-    if (exists(path + "/" + Set_Record::FILE_NAME))
-      continue;
-    Set_Lock parent, own;
+  for (const std::string& uri : unfinished(prefix)) {
+    Set_Lock lock;
     std::string why;
-    bool busy = false;
-    if (!parent.acquire(set_folder(parent_of(uri)), true, why)) {
-      error = why;
-      continue;
-    }
-    if (!own.acquire(path, false, why, &busy)) {
-      // Gone meanwhile is as good as removed, and a living run's is none of our business.
-      if (!busy && exists(path))
-        error = why;
-      continue;
-    }
-    // Its run may have committed it just before it let go.
-    if (exists(path + "/" + Set_Record::FILE_NAME))
-      continue;
-    if (remove_tree(path, why))
+    if (lock_unfinished(uri, lock, why) && remove_tree(set_folder(uri), why))
       ++removed;
-    else
+    else if (!why.empty())
       error = why;
   }
   return removed;
@@ -389,10 +445,12 @@ bool Pool::remove_set(const std::string& uri, std::string& error) const {
     return false;
   }
   const std::string path = set_folder(uri);
-  const std::string record = path + "/" + Set_Record::FILE_NAME;
-  if (::unlink(record.c_str()) != 0 && errno != ENOENT) {
-    error = "cannot remove " + record + ": " + std::strerror(errno);
-    return false;
+  for (const char* const name : {Set_Record::FILE_NAME, Set_Record::PARTIAL_FILE_NAME}) {
+    const std::string record = path + "/" + name;
+    if (::unlink(record.c_str()) != 0 && errno != ENOENT) {
+      error = "cannot remove " + record + ": " + std::strerror(errno);
+      return false;
+    }
   }
   std::string ignored;
   if (exists(path) && !sync_folder(path, error))

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/pool/pool_key.h"
+#include "platform/pool/process_lock.h"
 #include "platform/pool/set_lock.h"
 #include "platform/pool/set_record.h"
 
@@ -14,6 +15,7 @@
 ///     HOST/RESOURCE/ACTIVITY/set.json        a set exists when this does
 ///     HOST/RESOURCE/ACTIVITY/catalog.db
 ///     HOST/RESOURCE/ACTIVITY/channel-NNNN.mtf
+///     HOST/RESOURCE/ACTIVITY/partial.json    instead of set.json: what an unfinished run left whole
 ///
 /// A value; any thread.
 class Pool {
@@ -43,17 +45,30 @@ public:
   /// are no sets; unreadable records are named in `errors`. Names in records of an encrypted pool are empty when its key
   /// is not known here.
   std::vector<Set_Record> sets(const std::string& prefix, std::vector<std::string>& errors) const;
+  /// Records of the sets there that a merged set has replaced and that are not dropped yet: they are none of the pool's
+  /// sets any more.
+  std::vector<Set_Record> replaced_sets(const std::string& prefix) const;
+  /// Records of the partial sets there, newest first.
+  std::vector<Set_Record> partial_sets(const std::string& prefix, std::vector<std::string>& errors) const;
+  /// Locks the pool against other processes that would change it. Null with a message that names who has it.
+  std::shared_ptr<Process_Lock> lock(std::string& error) const;
   /// Makes the folder of a new set. False with the reason, also when it exists.
   bool make_set_folder(const std::string& uri, std::string& error) const;
   /// The same, and locks it for the calling run before anybody can take it for left over.
   bool make_set_folder(const std::string& uri, Set_Lock& lock, std::string& error) const;
-  /// Removes folders under "HOST/RESOURCE" that hold no record and that no living process has locked: what unfinished
-  /// runs left. Returns how many; `error` says what could not be removed.
+  /// Folders under "HOST/RESOURCE" that hold no record of a set or partial set, as URIs: what unfinished runs left, and
+  /// what runs that are going on have made so far.
+  std::vector<std::string> unfinished(const std::string& prefix) const;
+  /// Locks such a folder. False when a living process has it (`error` empty), when it has become a set meanwhile or is
+  /// gone (the same), or when it cannot be locked.
+  bool lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error) const;
+  /// Removes those that no living process has locked. Returns how many; `error` says what could not be removed.
   unsigned remove_unfinished(const std::string& prefix, std::string& error) const;
-  /// Removes a set: its record first, then its files.
+  /// Removes a set or partial set: its record first, then its files.
   bool remove_set(const std::string& uri, std::string& error) const;
 
 private:
+  std::vector<Set_Record> read_sets(const std::string& prefix, bool replaced, std::vector<std::string>& errors) const;
   bool make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string& error) const;
 
   std::string uuid_;

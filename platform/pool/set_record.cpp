@@ -84,6 +84,8 @@ Object Set_Record::to_json() const {
   json["incarnation"] = incarnation;
   json_spirit::Array base_list(bases.begin(), bases.end());
   json["bases"] = std::move(base_list);
+  if (!replaces.empty())
+    json["replaces"] = json_spirit::Array(replaces.begin(), replaces.end());
   json["seq"] = seq;
   json["channels"] = channels;
   json["start_time"] = start_time;
@@ -145,12 +147,15 @@ bool Set_Record::from_json(const Object& json, Set_Record& record, std::string& 
     get(json, "backup_set_size", read.backup_set_size);
     get(json, "backup_set_storage_size", read.backup_set_storage_size);
     get(json, "encryption", read.encryption);
-    get_with(json, "bases", read.bases, [](const Value& v) {
+    const auto texts = [](const Value& v) {
       std::vector<std::string> list;
       for (const Value& one : v.get_array())
         list.push_back(one.get_str());
       return list;
-    });
+    };
+    get_with(json, "bases", read.bases, texts);
+    if (json_spirit::find(json, "replaces") != nullptr)
+      get_with(json, "replaces", read.replaces, texts);
     get_with(json, "media", read.media, [](const Value& v) {
       std::vector<Medium> list;
       for (const Value& one : v.get_array())
@@ -170,13 +175,11 @@ bool Set_Record::from_json(const Object& json, Set_Record& record, std::string& 
   }
 }
 
-bool write_set_record(const std::string& folder, const Set_Record& record, std::string& error) {
-  return write_durable_file(folder, Set_Record::FILE_NAME, json_spirit::write_formatted(record.to_json()) + "\n",
-                            error);
-}
+namespace {
 
-bool read_set_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing) {
-  const std::string path = folder + "/" + Set_Record::FILE_NAME;
+bool read_record_file(const std::string& folder, const char* name, Set_Record& record, std::string& error,
+                      bool* missing) {
+  const std::string path = folder + "/" + name;
   std::string text;
   bool absent = false;
   const bool there = read_small_file(path, MAX_RECORD, text, error, absent);
@@ -195,5 +198,50 @@ bool read_set_record(const std::string& folder, Set_Record& record, std::string&
     }
   }
   error = "bad set record " + path + ": " + why;
+  return false;
+}
+
+std::string record_text(const Set_Record& record) {
+  return json_spirit::write_formatted(record.to_json()) + "\n";
+}
+
+} // namespace
+
+bool write_set_record(const std::string& folder, const Set_Record& record, std::string& error) {
+  return write_durable_file(folder, Set_Record::FILE_NAME, record_text(record), error);
+}
+
+bool read_set_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing) {
+  return read_record_file(folder, Set_Record::FILE_NAME, record, error, missing);
+}
+
+bool write_partial_record(const std::string& folder, const Set_Record& record, std::string& error) {
+  return write_durable_file(folder, Set_Record::PARTIAL_FILE_NAME, record_text(record), error);
+}
+
+bool read_partial_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing) {
+  return read_record_file(folder, Set_Record::PARTIAL_FILE_NAME, record, error, missing);
+}
+
+bool read_stored_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing) {
+  bool absent = false;
+  if (read_set_record(folder, record, error, &absent)) {
+    if (missing != nullptr)
+      *missing = false;
+    return true;
+  }
+  if (absent) {
+    std::string why;
+    bool none = false;
+    if (read_partial_record(folder, record, why, &none))
+      absent = false;
+    else if (!none)
+      error = why;
+    if (missing != nullptr)
+      *missing = none;
+    return !absent;
+  }
+  if (missing != nullptr)
+    *missing = false;
   return false;
 }

@@ -15,6 +15,9 @@ struct Set_Record {
 
   static constexpr const char* FILE_NAME = "set.json";
   static constexpr int FORMAT_VERSION = 2;
+  /// The record of a partial set: what an unfinished run left whole on media. It is none of the pool's sets, but the
+  /// catalogs of sets may point into it.
+  static constexpr const char* PARTIAL_FILE_NAME = "partial.json";
 
   std::string uuid;
   std::string uri; ///< folder inside the pool, "HOST/RESOURCE/ACTIVITY"
@@ -26,9 +29,10 @@ struct Set_Record {
   std::string name;
   std::string agent;
   std::string host;
-  std::string type; ///< "full", "incremental"
+  std::string type; ///< "full", "incremental"; "partial" where the record is that of a partial set
   std::string incarnation;
   std::vector<std::string> bases;
+  std::vector<std::string> replaces; ///< uuids of the sets whose data a merge has put into this one
   unsigned seq = 0;
   unsigned channels = 0;
   std::string start_time; ///< "%Y-%m-%d %H:%M:%S", UTC
@@ -54,3 +58,8 @@ struct Set_Record {
 bool write_set_record(const std::string& folder, const Set_Record& record, std::string& error);
 /// Reads it. False with the reason; `missing`, when given, tells an absent record from a bad one.
 bool read_set_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing = nullptr);
+/// The same for the record of a partial set.
+bool write_partial_record(const std::string& folder, const Set_Record& record, std::string& error);
+bool read_partial_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing = nullptr);
+/// The record of whatever holds data in `folder`, a set or a partial set.
+bool read_stored_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing = nullptr);

@@ -30,6 +30,21 @@ void S3_Ledger::listing_succeeded(const std::string& path) {
   any_failed_ = !failed_.empty();
 }
 
+void S3_Ledger::read_fresh(const std::string& path) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  fresh_.insert(path);
+  any_fresh_ = true;
+}
+
+bool S3_Ledger::take_fresh(const std::string& path) {
+  if (!any_fresh_)
+    return false;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const bool found = fresh_.erase(path) != 0;
+  any_fresh_ = !fresh_.empty();
+  return found;
+}
+
 unsigned long long S3_Ledger::empty_folder_objects() const {
   const std::lock_guard<std::mutex> guard(mutex_);
   return empty_folders_;

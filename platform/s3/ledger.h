@@ -3,6 +3,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,12 @@ public:
   void listing_failed(const std::string& path, const std::string& message);
   void listing_succeeded(const std::string& path);
 
+  /// Called by the service when an object ("/bucket/key") is read whose date is less than two seconds before the
+  /// answer's own Date: by the service's clock it has just been written, and may be written again with the same date.
+  void read_fresh(const std::string& path);
+  /// Whether that was said of the object since it was asked last.
+  bool take_fresh(const std::string& path);
+
   unsigned long long empty_folder_objects() const;    ///< of size 0
   unsigned long long full_folder_objects() const;     ///< with data
   /// Up to 1000 of them, those with data first.
@@ -46,5 +53,7 @@ private:
   std::vector<Folder_Object> full_;
   std::vector<Folder_Object> empty_;
   std::map<std::string, std::string> failed_;
+  std::set<std::string> fresh_;
   std::atomic<bool> any_failed_{false};               ///< spares the lock on the common road
+  std::atomic<bool> any_fresh_{false};                ///< the same
 };

@@ -48,6 +48,16 @@ TEST(Ledger, failed_listing_is_forgiven_by_a_later_success_of_the_same_prefix) {
   EXPECT_TRUE(ledger.failed_listings().empty());
 }
 
+TEST(Ledger, fresh_object_is_told_once) {
+  S3_Ledger ledger;
+  EXPECT_FALSE(ledger.take_fresh("/b/a"));
+  ledger.read_fresh("/b/a");
+  ledger.read_fresh("/b/a");
+  EXPECT_FALSE(ledger.take_fresh("/b/c"));
+  EXPECT_TRUE(ledger.take_fresh("/b/a"));
+  EXPECT_FALSE(ledger.take_fresh("/b/a"));
+}
+
 TEST(Endpoint, settings_are_kept_by_host_port_and_key) {
   Endpoint_Settings settings;
   settings.ca_file = "/ca.pem";

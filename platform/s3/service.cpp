@@ -10,6 +10,14 @@
 namespace s3 {
 namespace {
 
+/// Whether the answer's own date is less than two seconds behind the object's: with dates of whole seconds, another
+/// object may still get the same one.
+bool is_fresh(const HTTP_Head& head) {
+  const time_t modified = curl_getdate(head.value("last-modified").c_str(), nullptr);
+  const time_t now = curl_getdate(head.value("date").c_str(), nullptr);
+  return modified > 0 && now > 0 && now - modified < 2;
+}
+
 void fill(S3_Object& object, const char* key, const HTTP_Head& head, ACE_UINT64 size) {
   object = S3_Object();
   object.name = key;
@@ -273,8 +281,11 @@ HTTP_Connection_var Service::get_object(const char* bucket, const char* key, ACE
     connection->refuse(0);
     return answer;
   }
-  if (offset == 0)
+  if (offset == 0) {
     remember(bucket, key, outcome.head, size);
+    if (is_fresh(outcome.head))
+      endpoint_->ledger()->read_fresh('/' + request.bucket + '/' + request.key);
+  }
   if (object)
     fill(*object, key, outcome.head, size);
   set_error(S3_Error());

@@ -44,6 +44,7 @@ public:
   bool activities(unsigned limit, std::vector<Activity>& activities, std::string& error) override;
 
   bool put_set(const Set& set, std::string& error) override;
+  bool replace_set(const std::string& old_uuid, const Set& set, std::string& error) override;
   bool set_state(const std::string& uuid, const std::string& state, std::string& error) override;
   bool remove_set(const std::string& uuid, std::string& error) override;
   bool find_set(const std::string& uuid, Set& set, bool& found, std::string& error) override;

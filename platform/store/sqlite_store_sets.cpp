@@ -181,6 +181,23 @@ bool SQLite_Store::put_set(const Set& set, std::string& error) {
          put_items(set.uuid, "base", set.bases, error) && transaction.commit(error);
 }
 
+bool SQLite_Store::replace_set(const std::string& old_uuid, const Set& set, std::string& error) {
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    Store_Transaction transaction(db_);
+    bool there = false;
+    if (!transaction.begin(error) ||
+        !exists("SELECT 1 FROM sets WHERE uuid=? AND ?<>''", set.uuid, set.uuid, there, error))
+      return false;
+    // A row of the new set's own may have come first; one cut short here is completed by the next look at the pool.
+    const char* const change = there ? "DELETE FROM sets WHERE uuid=?1 AND ?2<>''" : "UPDATE sets SET uuid=?2 WHERE uuid=?1";
+    if (!Store_Statement(db_, change).text(old_uuid).text(set.uuid).run(error) ||
+        !Store_Statement(db_, "DELETE FROM items WHERE owner=?").text(old_uuid).run(error) || !transaction.commit(error))
+      return false;
+  }
+  return put_set(set, error);
+}
+
 bool SQLite_Store::set_state(const std::string& uuid, const std::string& state, std::string& error) {
   const std::lock_guard<std::mutex> guard(mutex_);
   if (!Store_Statement(db_, "UPDATE sets SET state=?2 WHERE uuid=?1").text(uuid).text(state).run(error))

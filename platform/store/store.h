@@ -75,6 +75,8 @@ public:
   // Sets.
   /// Adds or replaces the row of a set. The pool must exist.
   virtual bool put_set(const Set& set, std::string& error) = 0;
+  /// Gives the row of the set `old_uuid` to `set`, which took that one's place: it keeps the place in the order.
+  virtual bool replace_set(const std::string& old_uuid, const Set& set, std::string& error) = 0;
   virtual bool set_state(const std::string& uuid, const std::string& state, std::string& error) = 0;
   virtual bool remove_set(const std::string& uuid, std::string& error) = 0;
   /// The set whatever its state.

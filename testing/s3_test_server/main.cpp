@@ -3,12 +3,16 @@
 // a question, which is answered with one line:
 //     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
 //     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
+//     advance SECONDS                     "done", with --stopped-clock: from now on it is so much later
 
 #include "testing/s3_server/s3_server.h"
 
 #include <CLI/CLI.hpp>
 
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -59,6 +63,9 @@ bool add_cut(s3_testing::S3_Server& server, const std::string& text) {
   return true;
 }
 
+/// Seconds by which a stopped clock has been moved on.
+std::atomic<std::int64_t> advanced{0};
+
 std::string answer(const s3_testing::S3_Server& server, const std::string& line) {
   std::istringstream words(line);
   std::string question, bucket, key, other_bucket, other_key;
@@ -69,6 +76,10 @@ std::string answer(const s3_testing::S3_Server& server, const std::string& line)
       return "no such object";
     const std::string found = s3_testing::difference(*one, *other);
     return found.empty() ? "none" : found;
+  }
+  if (question == "advance") {
+    advanced += std::stoll(bucket);
+    return "done";
   }
   if (question == "requests") {
     std::map<std::string, unsigned> counts;
@@ -95,6 +106,8 @@ int main(int argc, char** argv) {
   int latency = 0;
   unsigned long long rate = 0;
   unsigned page_size = 1000;
+  bool stopped_clock = false;
+  long long date_ahead = 0;
   CLI::App app("An S3 server for tests, on a free port of 127.0.0.1. It ends when its standard input does.");
   app.add_option("--synthetic", synthetic, "BUCKET,COUNT,SIZE: a bucket of made-up objects")->allow_extra_args(false);
   app.add_option("--object", objects, "BUCKET,KEY,SIZE: one made-up object")->allow_extra_args(false);
@@ -106,6 +119,8 @@ int main(int argc, char** argv) {
   app.add_option("--latency", latency, "Milliseconds before each reply");
   app.add_option("--rate", rate, "Bytes per second of each connection");
   app.add_option("--page-size", page_size, "Keys of a listing's page at the most");
+  app.add_flag("--stopped-clock", stopped_clock, "Its clock stands still but for the question \"advance\"");
+  app.add_option("--date-ahead", date_ahead, "Seconds that its replies' Date is ahead of the dates of its objects");
   CLI11_PARSE(app, argc, argv);
 
   try {
@@ -134,6 +149,9 @@ int main(int argc, char** argv) {
       settings.bytes_per_second = rate;
       settings.page_size = page_size;
       settings.throw_away_parts = throw_away;
+      settings.date_ahead = date_ahead;
+      if (stopped_clock)
+        settings.clock = [start = static_cast<std::int64_t>(std::time(nullptr))] { return start + advanced; };
     });
     std::cout << "endpoint=" << server.url() << "\naccess_key=" << options.access_key
               << "\nsecret_key=" << options.secret_key << "\nready" << std::endl;

@@ -130,7 +130,14 @@ class Full_Disk(harness.Scenario):
         self.assertEqual("failed", result.json["outcome"])
         self.assert_account_adds_up(result.json)
         self.assertEqual([], self.agent("sets", "--json").json["sets"])
+        # What fitted is not read again when there is room.
+        subprocess.run(["mount", "-o", "remount,size=64m", self.pool], check=True)
+        outcome = self.backup("/bucket/")
+        self.assertEqual((200, 0), (outcome["saved"], outcome["failed"]))
+        self.assertGreater(outcome["continued"], 10)
+        self.assertEqual((200 - outcome["continued"]) * 65536, outcome["bytes_read"])
         self.assertEqual([], self.unfinished())
+        self.agent("verify", outcome["set"])
 
 
 if __name__ == "__main__":

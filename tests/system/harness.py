@@ -4,6 +4,7 @@ import os
 import shutil
 import subprocess
 import tempfile
+import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -50,6 +51,15 @@ class Real_Server:
     def client(self):
         return make_client(self)
 
+    def settle(self):
+        """Waits until, by the server's own clock, nothing that is stored has just been stored."""
+        from email.utils import parsedate_to_datetime
+        client = self.client()
+        now = lambda: parsedate_to_datetime(client.list_buckets()["ResponseMetadata"]["HTTPHeaders"]["date"])
+        start = now()
+        while (now() - start).total_seconds() < 2:
+            time.sleep(0.1)
+
     def tool(self, name, *arguments):
         """Runs one of testing/bucket_tools against this server; its standard output."""
         return subprocess.run(
@@ -62,6 +72,10 @@ class Test_Server:
     """The test server as a process of its own. `arguments` describe its buckets and faults (s3-test-server --help)."""
 
     def __init__(self, *arguments):
+        # Its clock is ahead of the dates of its objects, or what a test has just stored would count as changed at the
+        # next run: tests of that rule stop the clock and move it.
+        if "--stopped-clock" not in arguments:
+            arguments += ("--date-ahead", "10")
         self.process = subprocess.Popen([SERVER, *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         values = {}
         for line in self.process.stdout:
@@ -78,6 +92,9 @@ class Test_Server:
 
     def client(self):
         return make_client(self)
+
+    def settle(self):
+        """Nothing to wait for, see above."""
 
     def ask(self, *words):
         """The server's answer to one of its questions (the head of testing/s3_test_server/main.cpp)."""
@@ -169,11 +186,16 @@ class Scenario(unittest.TestCase):
     def assert_account_adds_up(self, outcome):
         self.assertEqual(outcome["listed"], sum(outcome[figure] for figure in FIGURES), outcome)
 
+    def partial(self):
+        """Folders of the pool that hold what unfinished runs left and finished sets point into."""
+        return [folder for folder, _, files in os.walk(self.pool) if "partial.json" in files]
+
     def unfinished(self):
-        """Folders of the pool that look like sets but have no record."""
+        """Folders of the pool that look like sets but have no record, be it that of a partial set."""
         found = []
         for folder, _, files in os.walk(self.pool):
-            if any(name.endswith(".mtf") or name == "catalog.db" for name in files) and "set.json" not in files:
+            if any(name.endswith(".mtf") or name == "catalog.db" for name in files) \
+                    and "set.json" not in files and "partial.json" not in files:
                 found.append(folder)
         return found
 

@@ -14,6 +14,7 @@ class Incremental:
     def setUp(self):
         super().setUp()
         self.client = self.server.client()
+        self.written = False
         name = "".join(part[0] for part in self._testMethodName.split("_")).lower() + "-"
         self.bucket, self.second, self.target = name + "data", name + "more", name + "target"
         for bucket in (self.bucket, self.second, self.target):
@@ -22,6 +23,7 @@ class Incremental:
         self.add_pool()
 
     def put(self, key, body, bucket=None):
+        self.written = True
         self.client.put_object(Bucket=bucket or self.bucket, Key=key, Body=body)
 
     def delete(self, key):
@@ -38,6 +40,12 @@ class Incremental:
                               "/%s/" % (bucket or self.bucket), "--json").json
         self.assertEqual((len(expected), "completed"), (restored["saved"], restored["outcome"]))
         self.assertEqual(expected, self.contents(self.server, self.target))
+
+    def backup(self, *arguments, **options):
+        if self.written:
+            self.server.settle()
+        self.written = False
+        return super().backup(*arguments, **options)
 
     def figures(self, outcome):
         return {name: outcome[name] for name in ("listed", "saved", "unchanged", "deleted")}
@@ -187,6 +195,57 @@ class Incremental_On_Real_Server(Incremental, harness.Scenario):
     def setUpClass(cls):
         cls.server = harness.Real_Server()
         cls.addClassCleanup(cls.server.stop)
+
+
+class Just_Written(harness.Scenario):
+    """What was modified less than two seconds before it was read counts as changed, by the service's clock alone."""
+
+    def setUp(self):
+        super().setUp()
+        self.server = harness.Test_Server("--stopped-clock", "--bucket", "bucket", "--log")
+        self.addCleanup(self.server.stop)
+        self.client = self.server.client()
+        self.add_account(self.server)
+        self.add_pool()
+
+    def put(self, key, body):
+        self.client.put_object(Bucket="bucket", Key=key, Body=body)
+
+    def counts(self, outcome):
+        return outcome["saved"], outcome["unchanged"]
+
+    def test_overwritten_in_the_same_second_with_the_same_size_is_seen(self):
+        self.put("old", b"o")
+        self.server.ask("advance", "2")
+        self.put("k", b"one")
+        self.assertEqual((2, 0), self.counts(self.backup("/bucket/")))
+        self.put("k", b"two")
+        second = self.backup("/bucket/")
+        self.assertEqual((1, 1), self.counts(second))
+        self.agent("restore", second["set"], "--map", "bucket=restored", "--create-bucket")
+        self.assertEqual({"old": b"o", "k": b"two"}, self.contents(self.server, "restored"))
+
+    def test_read_anew_until_its_second_is_over_and_then_never_again(self):
+        self.put("k", b"one")
+        self.assertEqual((1, 0), self.counts(self.backup("/bucket/")))
+        self.server.ask("advance", "1")
+        self.assertEqual((1, 0), self.counts(self.backup("/bucket/")))
+        self.server.ask("advance", "1")
+        self.assertEqual((1, 0), self.counts(self.backup("/bucket/")))
+        requests = self.server.ask("requests", "bucket", "k")
+        self.assertEqual((0, 1), self.counts(self.backup("/bucket/")))
+        self.assertEqual((0, 1), self.counts(self.backup("/bucket/")))
+        self.assertEqual(requests, self.server.ask("requests", "bucket", "k"))
+
+    def test_clock_of_this_machine_does_not_count(self):
+        # The service lives in another time; only the distance of its own dates matters.
+        for number, seconds in enumerate(("600", "-1200")):
+            self.server.ask("advance", seconds)
+            self.put("k", b"one" + b"." * number)
+            self.assertEqual((1, 0), self.counts(self.backup("/bucket/")))
+            self.server.ask("advance", "2")
+            self.assertEqual((1, 0), self.counts(self.backup("/bucket/")))
+            self.assertEqual((0, 1), self.counts(self.backup("/bucket/")))
 
 
 if __name__ == "__main__":

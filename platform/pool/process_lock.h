@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+/// A folder that one process at a time may change: the agent's state, or a pool. The threads of the process share the
+/// lock, which is held as long as any of them has a share. The kernel lets go of it when the process ends, however
+/// that happens; the file stays and says who held it last.
+class Process_Lock {
+public:
+  static constexpr const char* FILE_NAME = ".lock";
+
+  /// A share of this process' lock on `folder`, which is called `what` in messages ("the pool ..."). Null at once, with
+  /// a message that names the holder, when another process has it. Any thread.
+  static std::shared_ptr<Process_Lock> acquire(const std::string& folder, const std::string& what, std::string& error);
+  ~Process_Lock();
+  Process_Lock(const Process_Lock&) = delete;
+  Process_Lock& operator=(const Process_Lock&) = delete;
+
+private:
+  explicit Process_Lock(int fd) : fd_(fd) {}
+  const int fd_;
+};

@@ -1,0 +1,143 @@
+"""Catalogs and records are lost: the media bring them back."""
+import os
+import shutil
+import sqlite3
+import unittest
+
+import harness
+
+
+class Rebuild(harness.Scenario):
+    def setUp(self):
+        super().setUp()
+        self.server = harness.Test_Server("--synthetic", "bucket,400,700", "--bucket", "target", "--page-size", "50")
+        self.addCleanup(self.server.stop)
+        self.client = self.server.client()
+        self.add_account(self.server)
+        self.add_pool()
+
+    def put(self, key, body):
+        self.client.put_object(Bucket="bucket", Key=key, Body=body)
+
+    def folder_of(self, set_id):
+        return next(folder for folder, _, _ in os.walk(self.pool) if os.path.basename(folder) == set_id)
+
+    def listing(self, set_id):
+        return self.agent("ls", set_id, "--recursive", "--json").stdout
+
+    def chain(self):
+        first = self.backup("/bucket/")["set"]
+        self.put("d0000/e00/object-0000000003", b"changed")
+        self.put("added/a//b", b"added")
+        self.client.delete_object(Bucket="bucket", Key="d0000/e01/object-0000000107")
+        return first, self.backup("/bucket/")["set"]
+
+    def rows(self):
+        return self.agent("sets", "--json").json["sets"]
+
+    def test_lost_catalog_comes_back_as_it_was(self):
+        for set_id in self.chain():
+            path = os.path.join(self.folder_of(set_id), "catalog.db")
+            before = open(path, "rb").read()
+            for damage in (b"", before[:5000], b"no database" * 1000):
+                with open(path, "wb") as file:
+                    file.write(damage)
+                self.agent("verify", set_id, expect=1)
+                answer = self.agent("catalog", "rebuild", set_id, "--json").json
+                self.assertEqual((set_id, True, False, []),
+                                 (answer["set"], answer["exact"], answer["record_made"], answer["problems"]))
+                self.assertEqual(before, open(path, "rb").read())
+            self.agent("verify", set_id)
+        self.assertEqual([], self.unfinished())
+        self.put("last", b"last")
+        self.assertEqual((1, 401), tuple(self.backup("/bucket/")[name] for name in ("saved", "unchanged")))
+
+    def test_numbers_in_record_catalog_and_heads_agree(self):
+        for number in (1, 2, 3):
+            set_id = self.backup("/bucket/", "--full", "--channels", "1")["set"]
+            folder = self.folder_of(set_id)
+            with sqlite3.connect(os.path.join(folder, "catalog.db")) as db:
+                self.assertEqual([(number,)], db.execute("SELECT seq FROM sets").fetchall())
+            self.assertEqual(number, self.rows()[-1]["seq"])
+            self.assertIn(" seq %d " % number, self.agent("media", "dump", self.media(set_id)[0]).stdout)
+            os.remove(os.path.join(folder, "set.json"))
+            self.agent("catalog", "rebuild", set_id)
+            self.assertEqual(number, self.rows()[-1]["seq"])
+
+    def test_set_is_made_again_from_its_media_alone(self):
+        sets = self.chain()
+        rows, listings = self.rows(), [self.listing(set_id) for set_id in sets]
+        folders = [self.folder_of(set_id) for set_id in sets]
+        for folder in folders:
+            os.remove(os.path.join(folder, "catalog.db"))
+            os.remove(os.path.join(folder, "set.json"))
+        # The agent has forgotten them too.
+        shutil.rmtree(self.state)
+        self.add_account(self.server)
+        self.add_pool()
+        self.assertEqual([], self.rows())
+        answer = self.agent("catalog", "rebuild", folders[0], "--json").json
+        self.assertEqual((True, True, 400), (answer["exact"], answer["record_made"], answer["objects"]))
+        self.agent("catalog", "rebuild", sets[1])
+        found = self.rows()
+        for row in rows + found:
+            del row["end_time"]   # the record was written after the media
+        self.assertEqual(rows, found)
+        self.assertEqual(listings, [self.listing(set_id) for set_id in sets])
+        self.agent("verify", sets[1])
+        self.agent("restore", sets[1], "--to", "work", "--map", "bucket=target")
+        self.assertEqual(self.contents(self.server, "bucket"), self.contents(self.server, "target"))
+
+    def test_without_the_copy_the_catalog_is_what_the_media_hold(self):
+        full, incremental = self.chain()
+        before = self.listing(full)
+        for set_id, exact_objects in ((full, 400), (incremental, 2)):
+            folder = self.folder_of(set_id)
+            medium = os.path.join(folder, "channel-0000.mtf")
+            data = bytearray(open(medium, "rb").read())
+            at = data.rindex(b"OBSL")
+            data[at + 200] ^= 1
+            with open(medium, "wb") as file:
+                file.write(data)
+            self.assertIn("OBSL", self.agent("media", "check", medium, expect=None).stdout)
+            os.remove(os.path.join(folder, "catalog.db"))
+            answer = self.agent("catalog", "rebuild", set_id, "--json", expect=3).json
+            self.assertEqual((False, exact_objects), (answer["exact"], answer["objects"]))
+            self.assertTrue(answer["problems"])
+        self.assertEqual(before, self.listing(full))
+        listed = self.agent("ls", incremental, "--recursive").stdout
+        self.assertIn("/bucket/added/a//b", listed)
+        self.assertEqual(2, len(listed.splitlines()))
+
+    def test_catalogs_answer_the_same_after_a_rebuild_from_media(self):
+        full = self.backup("/bucket/", "--channels", "3")["set"]
+        folder = self.folder_of(full)
+        path = os.path.join(folder, "catalog.db")
+
+        def dump():
+            with sqlite3.connect(path) as db:
+                return [db.execute("SELECT o.*, f.path FROM objects o JOIN visits v ON o.ordinal BETWEEN v.first AND "
+                                   "v.last JOIN folders f ON f.id=v.folder ORDER BY o.ordinal").fetchall(),
+                        db.execute("SELECT path FROM folders ORDER BY path").fetchall()]
+
+        before = dump()
+        self.assertEqual(400, len(before[0]))
+        for name in sorted(os.listdir(folder)):
+            if name.endswith(".mtf"):
+                # A medium of a version that wrote no copy.
+                with open(os.path.join(folder, name), "r+b") as file:
+                    data = file.read()
+                    file.seek(0)
+                    file.write(data.replace(b"OBSR", b"OBSx"))
+        os.remove(path)
+        self.assertFalse(self.agent("catalog", "rebuild", full, "--json", expect=3).json["exact"])
+        self.assertEqual(before, dump())
+
+    def test_what_is_no_set_is_refused(self):
+        self.backup("/bucket/")
+        for name in ("none", "/etc", self.pool, "a/b/c"):
+            self.assertIn("'%s'" % name, self.agent("catalog", "rebuild", name, expect=1).stderr)
+
+
+if __name__ == "__main__":
+    harness.main()
