@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
     add_browse_command(app, context);
     add_backup_command(app, context);
     add_set_commands(app, context);
+    add_verify_command(app, context);
     add_restore_command(app, context);
     add_run_command(app, context);
     add_rehearse_command(app, context);

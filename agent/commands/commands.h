@@ -13,6 +13,7 @@ void add_pool_commands(CLI::App& app, Context& context);
 void add_browse_command(CLI::App& app, Context& context);
 void add_backup_command(CLI::App& app, Context& context);
 void add_set_commands(CLI::App& app, Context& context);
+void add_verify_command(CLI::App& app, Context& context);
 void add_restore_command(CLI::App& app, Context& context);
 void add_run_command(CLI::App& app, Context& context);
 void add_rehearse_command(CLI::App& app, Context& context);

@@ -1,7 +1,7 @@
 #include "agent/commands/commands.h"
 #include "agent/retention.h"
 
-#include "platform/catalog/catalog_reader.h"
+#include "platform/catalog/open_catalog.h"
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/merge.h"
 #include "platform/mtf/partial_sets.h"
@@ -135,7 +135,7 @@ private:
     for (Set_Record& record : records()) {
       Candidate one;
       std::string error;
-      const auto catalog = Catalog_Reader::open(pool_.set_folder(record.uri), error);
+      const auto catalog = open_set_catalog(pool_, record, error);
       one.readable = catalog != nullptr;
       if (catalog)
         for (const Catalog_Set& set : catalog->sets())

@@ -1,5 +1,6 @@
 #include "agent/commands/open_set.h"
 
+#include "platform/catalog/open_catalog.h"
 #include "sdk/base/time_format.h"
 
 #include <cstdio>
@@ -10,6 +11,8 @@ std::string open_set(Context& context, const Set& set, Pool& pool, Set_Record& r
   std::string error;
   if (!read_set_record(folder, record, error))
     throw Command_Error("set " + set.uuid + ": " + error);
+  // Where it lies counts, not where it was written.
+  record.uri = set.uri;
   return folder;
 }
 
@@ -17,7 +20,8 @@ std::unique_ptr<Catalog_Reader> open_catalog(Context& context, const Set& set) {
   Pool pool;
   Set_Record record;
   std::string error;
-  std::unique_ptr<Catalog_Reader> catalog = Catalog_Reader::open(open_set(context, set, pool, record), error);
+  open_set(context, set, pool, record);
+  std::unique_ptr<Catalog_Reader> catalog = open_set_catalog(pool, record, error);
   if (!catalog)
     throw Command_Error("set " + set.uuid + ": " + error);
   return catalog;

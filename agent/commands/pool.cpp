@@ -1,6 +1,8 @@
 #include "agent/commands/commands.h"
+#include "agent/prompt.h"
 
 #include "platform/file_backup/set_catalog.h"
+#include "platform/pool/set_keys.h"
 #include "sdk/job/job_definition.h"
 
 #include <CLI/CLI.hpp>
@@ -8,6 +10,42 @@
 #include <memory>
 
 namespace {
+
+struct Pool_Arguments {
+  std::string name;
+  std::string url;
+  bool encrypt = false;
+  std::string passphrase_file;
+  std::string key_file;
+
+  bool secret_given() const { return !passphrase_file.empty() || !key_file.empty(); }
+};
+
+/// The passphrase, asked for twice where it is a new one. Throws Command_Error.
+Pool_Secret ask_passphrase(bool fresh) {
+  const std::string text = prompt_secret("Passphrase of the pool: ");
+  if (text.size() < Pool_Secret::LEAST_PASSPHRASE)
+    throw Command_Error("the passphrase is too short: it must have " + std::to_string(Pool_Secret::LEAST_PASSPHRASE) +
+                        " bytes at least");
+  if (fresh && prompt_secret("The same again: ") != text)
+    throw Command_Error("the two passphrases differ");
+  return Pool_Secret(Pool_Secret::PASSPHRASE, text);
+}
+
+/// What the pool's key is locked with, or is to be. Throws Command_Error.
+Pool_Secret take_secret(const Pool_Arguments& arguments, bool fresh) {
+  if (!arguments.secret_given() && can_prompt())
+    return ask_passphrase(fresh);
+  if (!arguments.secret_given())
+    throw Command_Error("the pool is encrypted: give --passphrase-file or --key-file");
+  const bool passphrase = !arguments.passphrase_file.empty();
+  Pool_Secret secret;
+  std::string error;
+  if (!secret.read(passphrase ? Pool_Secret::PASSPHRASE : Pool_Secret::KEY_FILE,
+                   passphrase ? arguments.passphrase_file : arguments.key_file, error))
+    throw Command_Error(error);
+  return secret;
+}
 
 json_spirit::Object pool_json(const Pool_Entry& entry) {
   json_spirit::Object json;
@@ -18,7 +56,35 @@ json_spirit::Object pool_json(const Pool_Entry& entry) {
   return json;
 }
 
-void add(Context& context, const std::string& name, const std::string& url) {
+/// The pool of a folder that has one already, or a new one. Throws Command_Error.
+Pool take_pool(Context& context, const Pool_Arguments& arguments) {
+  Pool pool;
+  Secret_Key key;
+  std::string error;
+  // A pool that was made elsewhere, or that this agent's database has lost: its sets come back with it.
+  if (Pool::open(arguments.url, std::string(), pool, error)) {
+    if (!pool.encrypted() && (arguments.encrypt || arguments.secret_given()))
+      throw Command_Error("the pool at " + arguments.url + " is there already, and it is not encrypted");
+    if (pool.encrypted() && !pool.unlock(take_secret(arguments, false), key, error))
+      throw Command_Error("the pool at " + arguments.url + " cannot be opened: " + error);
+  } else {
+    if (arguments.secret_given() && !arguments.encrypt)
+      throw Command_Error("there is no pool at " + arguments.url + " yet; a new one is encrypted with --encrypt");
+    const std::string uuid = make_uuid();
+    const bool made = arguments.encrypt
+                          ? Pool::create(arguments.url, uuid, take_secret(arguments, true), Scrypt_Cost(), key, error)
+                          : Pool::create(arguments.url, uuid, error);
+    if (!made || !Pool::open(arguments.url, uuid, pool, error))
+      throw Command_Error(error);
+  }
+  if (pool.encrypted() && !keep_pool_key(context.store(), pool.uuid(), key, error))
+    throw Command_Error("the pool's key cannot be kept: " + error);
+  return pool;
+}
+
+void add(Context& context, const Pool_Arguments& arguments) {
+  const std::string& name = arguments.name;
+  const std::string& url = arguments.url;
   Store& store = context.store();
   Pool_Entry entry;
   bool found = false;
@@ -29,15 +95,9 @@ void add(Context& context, const std::string& name, const std::string& url) {
     throw Command_Error("there is a pool '" + name + "' already");
   entry.name = name;
   entry.url = url;
-  Pool pool;
-  if (Pool::open(url, std::string(), pool, error)) {
-    // A pool that was made elsewhere, or that this agent's database has lost: its sets come back with it.
-    entry.uuid = pool.uuid();
-  } else {
-    entry.uuid = make_uuid();
-    if (!Pool::create(url, entry.uuid, error))
-      throw Command_Error(error);
-  }
+  const Pool pool = take_pool(context, arguments);
+  entry.uuid = pool.uuid();
+  entry.encrypt = pool.encrypted();
   if (!store.add_pool(entry, error))
     throw Command_Error(error);
   if (!reconcile_sets(store, entry.uuid, std::string(), error))
@@ -47,7 +107,7 @@ void add(Context& context, const std::string& name, const std::string& url) {
     throw Command_Error(error);
   json_spirit::Object json = pool_json(entry);
   json["sets"] = static_cast<unsigned long long>(sets.size());
-  context.print(json, "pool '" + name + "' added at " + url +
+  context.print(json, std::string(entry.encrypt ? "encrypted " : "") + "pool '" + name + "' added at " + url +
                           (sets.empty() ? std::string() : " with " + std::to_string(sets.size()) + " sets"));
 }
 
@@ -78,7 +138,7 @@ void show(Context& context, const std::string& name) {
   json_spirit::Object json = pool_json(entry);
   json["sets"] = static_cast<unsigned long long>(sets.size());
   json["storage_size"] = stored;
-  std::string text = entry.name + "  " + entry.url + "  " + entry.uuid + "\n" + std::to_string(sets.size()) +
+  std::string text = entry.name + "  " + entry.url + "  " + entry.uuid + (pool.encrypted() ? "  encrypted" : "") + "\n" + std::to_string(sets.size()) +
                      " sets, " + human_bytes(stored) + " stored\n";
   json_spirit::Array problems;
   for (const std::string& error : errors) {
@@ -91,22 +151,76 @@ void show(Context& context, const std::string& name) {
     context.exit_code = EXIT_COMPLETED_WITH_ERRORS;
 }
 
+/// The key of a pool that is known here, when the kept one is lost with its master key.
+void unlock(Context& context, const Pool_Arguments& arguments) {
+  const Pool_Entry entry = context.pool_entry(arguments.name);
+  const Pool pool = context.open_pool(entry);
+  Secret_Key key;
+  std::string error;
+  if (!pool.encrypted())
+    throw Command_Error("pool '" + entry.name + "' is not encrypted");
+  if (!pool.unlock(take_secret(arguments, false), key, error))
+    throw Command_Error("pool '" + entry.name + "' cannot be opened: " + error);
+  if (!keep_pool_key(context.store(), pool.uuid(), key, error))
+    throw Command_Error("the pool's key cannot be kept: " + error);
+  context.print(pool_json(entry), "pool '" + entry.name + "' can be used");
+}
+
+void rekey(Context& context, const Pool_Arguments& arguments) {
+  const Pool_Entry entry = context.pool_entry(arguments.name);
+  Pool pool = context.open_pool(entry);
+  Secret_Key key;
+  std::string error;
+  if (!pool.encrypted())
+    throw Command_Error("pool '" + entry.name + "' is not encrypted");
+  if (!find_pool_key(pool, key, error))
+    throw Command_Error(error);
+  const auto lock = pool.lock(error);
+  if (!lock)
+    throw Command_Error(error);
+  if (!pool.relock(key, take_secret(arguments, true), Scrypt_Cost(), error))
+    throw Command_Error("pool '" + entry.name + "' stays as it was: " + error);
+  context.print(pool_json(entry), "pool '" + entry.name + "' is now opened with the new " +
+                                      (arguments.key_file.empty() ? "passphrase" : "key file") + " only");
+}
+
 } // namespace
 
 void add_pool_commands(CLI::App& app, Context& context) {
   CLI::App* pool = app.add_subcommand("pool", "Pools that sets are kept in");
   pool->require_subcommand(1);
-  auto name = std::make_shared<std::string>();
-  auto url = std::make_shared<std::string>();
+  auto arguments = std::make_shared<Pool_Arguments>();
+  const auto add_secret = [arguments](CLI::App* command) {
+    CLI::Option* passphrase =
+        command->add_option("--passphrase-file", arguments->passphrase_file, "File with the passphrase; -: standard input")
+            ->type_name("FILE");
+    command->add_option("--key-file", arguments->key_file, "File of 32 bytes or more that is the key; -: standard input")
+        ->type_name("FILE")
+        ->excludes(passphrase);
+  };
 
   CLI::App* add_command = pool->add_subcommand("add", "Make a pool in an empty folder, or take up the one that is there");
-  add_command->add_option("name", *name, "Name to call it by")->required()->type_name("NAME");
-  add_command->add_option("url", *url, "file:///FOLDER")->required()->type_name("URL");
-  add_command->callback([&context, name, url] { add(context, *name, *url); });
+  add_command->add_option("name", arguments->name, "Name to call it by")->required()->type_name("NAME");
+  add_command->add_option("url", arguments->url, "file:///FOLDER")->required()->type_name("URL");
+  add_command->add_flag("--encrypt", arguments->encrypt, "Encrypt what a new pool holds: contents, names and sizes");
+  add_secret(add_command);
+  add_command->callback([&context, arguments] { add(context, *arguments); });
+
+  CLI::App* unlock_command =
+      pool->add_subcommand("unlock", "Give the key of an encrypted pool again, when the one that is kept cannot be used");
+  unlock_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
+  add_secret(unlock_command);
+  unlock_command->callback([&context, arguments] { unlock(context, *arguments); });
+
+  CLI::App* rekey_command =
+      pool->add_subcommand("rekey", "Give an encrypted pool another passphrase or key file; what it holds stays as it is");
+  rekey_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
+  add_secret(rekey_command);
+  rekey_command->callback([&context, arguments] { rekey(context, *arguments); });
 
   pool->add_subcommand("list", "List the pools")->callback([&context] { list(context); });
 
   CLI::App* show_command = pool->add_subcommand("show", "Show a pool and how much it holds");
-  show_command->add_option("name", *name, "Pool")->required()->type_name("NAME");
-  show_command->callback([&context, name] { show(context, *name); });
+  show_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
+  show_command->callback([&context, arguments] { show(context, arguments->name); });
 }

@@ -1,7 +1,6 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
 
-#include "platform/mtf/verify.h"
 #include "sdk/s3/object_attributes.h"
 
 #include <CLI/CLI.hpp>
@@ -160,49 +159,6 @@ void ls(Context& context, const std::string& set_id, const std::string& given_pa
     throw Command_Error(error);
 }
 
-void verify(Context& context, const std::string& set_id, unsigned threads) {
-  const Set set = context.set(set_id);
-  Pool pool;
-  Set_Record record;
-  open_set(context, set, pool, record);
-  Verify_Options options;
-  options.threads = threads;
-  Verify_Report report;
-  const bool clean = verify_set(pool, record, options, report);
-
-  json_spirit::Array damages;
-  std::string text;
-  for (const Verify_Report::Damage& damage : report.damages) {
-    json_spirit::Object item;
-    item["name"] = "/" + damage.path;
-    item["message"] = damage.message;
-    damages.push_back(item);
-    text += "damaged: '/" + damage.path + "': " + damage.message + "\n";
-  }
-  json_spirit::Array media;
-  for (const std::string& message : report.media) {
-    media.push_back(message);
-    text += "medium: " + message + "\n";
-  }
-  json_spirit::Object json;
-  json["set"] = set.uuid;
-  json["clean"] = clean;
-  json["objects"] = report.objects;
-  json["good"] = report.good;
-  json["damaged"] = report.damaged;
-  json["bytes"] = report.bytes;
-  json["damages"] = damages;
-  json["media"] = media;
-  if (!report.failure.empty())
-    json["message"] = report.failure;
-  text += std::to_string(report.good) + " of " + std::to_string(report.objects) + " objects are good, " +
-          human_bytes(report.bytes) + " read back";
-  if (!report.failure.empty())
-    text += "\nthe set cannot be verified: " + report.failure;
-  context.print(json, text);
-  context.exit_code = clean ? EXIT_COMPLETED : EXIT_FAILED;
-}
-
 } // namespace
 
 void add_set_commands(CLI::App& app, Context& context) {
@@ -221,11 +177,4 @@ void add_set_commands(CLI::App& app, Context& context) {
   auto all = std::make_shared<bool>(false);
   list->add_flag("-l,--long", *all, "Content type, storage class and number of tags too; with --json all attributes");
   list->callback([&context, set, path, recursive, all] { ls(context, *set, *path, *recursive, *all); });
-
-  auto threads = std::make_shared<unsigned>(0);
-  CLI::App* check = app.add_subcommand("verify", "Read every stored byte of a set back and check it");
-  check->add_option("set", *set, "Set, or the beginning of its uuid")->required()->type_name("SET");
-  check->add_option("--threads", *threads, "Objects read at the same time; 0: as many as pay")
-      ->check(CLI::Range(0, 256));
-  check->callback([&context, set, threads] { verify(context, *set, *threads); });
 }

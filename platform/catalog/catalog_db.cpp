@@ -3,7 +3,7 @@
 bool Catalog_Statement::prepare(sqlite3* db, const char* sql, std::string& error) {
   sqlite3_stmt* statement = nullptr;
   if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK) {
-    error = sqlite3_errmsg(db);
+    error = catalog_error(db);
     return false;
   }
   statement_.reset(statement);
@@ -72,26 +72,39 @@ std::string_view Catalog_Statement::blob(int column) const {
 }
 
 std::string Catalog_Statement::error() const {
-  return sqlite3_errmsg(sqlite3_db_handle(statement_.get()));
+  return catalog_error(sqlite3_db_handle(statement_.get()));
 }
 
-bool Catalog_Db::open(const std::string& path, int flags, std::string& error) {
+bool Catalog_Db::open(const std::string& path, int flags, std::string& error, const Set_Cipher_ptr& cipher) {
   sqlite3* db = nullptr;
-  const int result = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  if (cipher && (vfs_ = Catalog_Vfs::make(cipher, error)) == nullptr)
+    return false;
+  const int result = sqlite3_open_v2(path.c_str(), &db, flags, vfs_ ? vfs_->name() : nullptr);
   db_.reset(db);
   if (result != SQLITE_OK) {
-    error = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
+    // SQLite reads the file's head at once; a connection that could not has no file to ask.
+    if (vfs_ && !vfs_->reason().empty())
+      error = vfs_->reason();
+    else
+      error = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
     db_.reset();
     return false;
   }
   sqlite3_extended_result_codes(db, 1);
-  return true;
+  int reserved = Catalog_Vfs::RESERVED;
+  if (!vfs_ || (flags & SQLITE_OPEN_READWRITE) == 0)
+    return true;
+  if (sqlite3_file_control(db, "main", SQLITE_FCNTL_RESERVE_BYTES, &reserved) == SQLITE_OK &&
+      execute(("PRAGMA page_size=" + std::to_string(Catalog_Vfs::PAGE)).c_str(), error))
+    return true;
+  error = "SQLite cannot leave room for what encryption adds to a page";
+  return false;
 }
 
 bool Catalog_Db::execute(const char* sql, std::string& error) {
   if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK)
     return true;
-  error = sqlite3_errmsg(db_.get());
+  error = catalog_error(db_.get());
   return false;
 }
 
@@ -100,7 +113,7 @@ bool Catalog_Db::close(std::string& error) {
   if (db == nullptr)
     return true;
   if (sqlite3_close(db) != SQLITE_OK) {
-    error = sqlite3_errmsg(db);
+    error = catalog_error(db);
     return false;
   }
   static_cast<void>(db_.release());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/catalog/catalog_vfs.h"
+
 #include <sqlite3.h>
 
 #include <memory>
@@ -43,8 +45,8 @@ private:
 /// A connection.
 class Catalog_Db {
 public:
-  /// `flags` as sqlite3_open_v2 takes them. False with the reason.
-  bool open(const std::string& path, int flags, std::string& error);
+  /// `flags` as sqlite3_open_v2 takes them. `cipher`: the file is encrypted. False with the reason.
+  bool open(const std::string& path, int flags, std::string& error, const Set_Cipher_ptr& cipher = nullptr);
   bool execute(const char* sql, std::string& error);
   /// Closes it; false with the reason when the last pages could not be written.
   bool close(std::string& error);
@@ -54,6 +56,7 @@ private:
   struct Close {
     void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
   };
+  std::unique_ptr<Catalog_Vfs> vfs_; ///< outlives `db_`
   std::unique_ptr<sqlite3, Close> db_;
 };
 

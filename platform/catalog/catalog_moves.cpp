@@ -62,13 +62,15 @@ bool Catalog_Moves::prepare(std::string& error) {
                          add_.prepare(db_->get(), "INSERT OR IGNORE INTO moved VALUES(?,?,?,?,?,?)", error)));
 }
 
-std::unique_ptr<Catalog_Moves> Catalog_Moves::open(const std::string& folder, std::string& error) {
+std::unique_ptr<Catalog_Moves> Catalog_Moves::open(const std::string& folder, std::string& error,
+                                                   const Set_Cipher_ptr& cipher) {
   std::unique_ptr<Catalog_Moves> moves(new Catalog_Moves);
   moves->own_ = std::make_unique<Catalog_Db>();
   moves->db_ = moves->own_.get();
   error.clear();
   Catalog_Statement there;
-  if (!moves->own_->open(folder + "/" + catalog::FILE_NAME, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, error) ||
+  if (!moves->own_->open(folder + "/" + catalog::FILE_NAME, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, error,
+                          cipher) ||
       !there.prepare(moves->db_->get(), "SELECT count(*) FROM sqlite_master WHERE name='moved_sets'", error))
     return nullptr;
   if (there.step() != SQLITE_ROW) {
@@ -164,8 +166,40 @@ bool Catalog_Moves::add_earlier(const std::string& set, Catalog_Moves& earlier) 
   return error_.empty();
 }
 
-bool copy_catalog(const std::string& from, const std::string& folder, Catalog_Db& db, std::string& error) {
+namespace {
+
+/// Copies page by page through both encryptions.
+bool copy_encrypted(const std::string& from, const std::string& path, Catalog_Db& db, std::string& error,
+                    const Set_Cipher_ptr& from_cipher, const Set_Cipher_ptr& cipher) {
+  const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    error = "cannot make catalog " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  ::close(fd);
+  Catalog_Db source;
+  if (!source.open(from, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, error, from_cipher) ||
+      !db.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, error, cipher) ||
+      !db.execute("PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
+                  "PRAGMA temp_store=FILE; PRAGMA cache_size=-8192",
+                  error))
+    return false;
+  sqlite3_backup* const copy = sqlite3_backup_init(db.get(), "main", source.get(), "main");
+  const int step = copy == nullptr ? SQLITE_ERROR : sqlite3_backup_step(copy, -1);
+  if (sqlite3_backup_finish(copy) == SQLITE_OK && step == SQLITE_DONE)
+    return db.execute("BEGIN", error);
+  const std::string below = catalog_layer_reason(source.get());
+  error = "cannot copy catalog " + from + ": " + (below.empty() ? catalog_error(db.get()) : below);
+  return false;
+}
+
+} // namespace
+
+bool copy_catalog(const std::string& from, const std::string& folder, Catalog_Db& db, std::string& error,
+                  const Set_Cipher_ptr& from_cipher, const Set_Cipher_ptr& cipher) {
   const std::string path = folder + "/" + catalog::FILE_NAME;
+  if (cipher)
+    return copy_encrypted(from + "/" + catalog::FILE_NAME, path, db, error, from_cipher, cipher);
   // Nothing refers to the copy before it is whole and durable, so a torn one costs nothing and needs no journal.
   return copy_file(from + "/" + catalog::FILE_NAME, path, error) &&
          db.open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, error) &&

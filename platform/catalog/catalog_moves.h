@@ -20,7 +20,8 @@ struct Moved_Object {
 class Catalog_Moves {
 public:
   /// Reads those of the catalog in `folder`. Null with the reason; without a reason when it has none.
-  static std::unique_ptr<Catalog_Moves> open(const std::string& folder, std::string& error);
+  static std::unique_ptr<Catalog_Moves> open(const std::string& folder, std::string& error,
+                                             const Set_Cipher_ptr& cipher = nullptr);
   /// Makes the tables, empty, in a catalog that is open for writing, which stays the caller's. Null with the reason.
   static std::unique_ptr<Catalog_Moves> make(Catalog_Db& catalog, std::string& error);
 
@@ -47,8 +48,10 @@ private:
 };
 
 /// Makes a copy of the catalog in the folder `from` as `folder`/catalog.db, which must not exist, for work on it that
-/// `finish_catalog_copy` ends. False with the reason.
-bool copy_catalog(const std::string& from, const std::string& folder, Catalog_Db& db, std::string& error);
+/// `finish_catalog_copy` ends. What `from_cipher` opens is encrypted anew with `cipher`; both are null for plain ones.
+/// False with the reason.
+bool copy_catalog(const std::string& from, const std::string& folder, Catalog_Db& db, std::string& error,
+                  const Set_Cipher_ptr& from_cipher = nullptr, const Set_Cipher_ptr& cipher = nullptr);
 bool finish_catalog_copy(Catalog_Db& db, const std::string& folder, std::string& error);
 
 /// Makes the rows of an open catalog that point into the sets of `moves` point to where their data lie now, in the set

@@ -26,13 +26,14 @@ std::string end_of(const std::string& path) {
 
 class Catalog_Reader_Impl : public Catalog_Reader {
 public:
-  explicit Catalog_Reader_Impl(const std::string& folder) : path_(folder + "/" + catalog::FILE_NAME) {}
+  Catalog_Reader_Impl(const std::string& folder, const Set_Cipher_ptr& cipher)
+      : path_(folder + "/" + catalog::FILE_NAME), cipher_(cipher) {}
 
   bool open(std::string& error) {
     std::string why;
     if (::access(path_.c_str(), R_OK) != 0)
       why = std::strerror(errno);
-    else if (db_.open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, why) &&
+    else if (db_.open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, why, cipher_) &&
              db_.execute("PRAGMA temp_store=FILE; PRAGMA cache_size=-4096", why) && check(why) && load(why) &&
              prepare(why))
       return true;
@@ -242,6 +243,20 @@ public:
     objects = sum.number(0);
     bytes = sum.number(1);
     return true;
+  }
+
+  bool check_pages(std::string& error) override {
+    Catalog_Statement statement;
+    if (!statement.prepare(db_.get(), "PRAGMA quick_check(1)", error))
+      return false;
+    const int step = statement.step();
+    std::string result(step == SQLITE_ROW ? statement.blob(0) : std::string_view());
+    if (step == SQLITE_ROW && result == "ok")
+      return true;
+    const std::string below = catalog_layer_reason(db_.get());
+    error = "the catalog " + path_ + " is damaged: " +
+            (!below.empty() ? below : step == SQLITE_ROW ? result : statement.error());
+    return false;
   }
 
   bool problems(const std::function<bool(const Catalog_Problem&)>& told, std::string& error) override {
@@ -506,11 +521,12 @@ private:
         done = done && one.bind(1, object.ordinal).bind(2, object.ordinal).run();
     }
     if (!done && error.empty())
-      error = std::string("cannot select from catalog: ") + sqlite3_errmsg(db_.get());
+      error = std::string("cannot select from catalog: ") + catalog_error(db_.get());
     return db_.execute("COMMIT", error) && done;
   }
 
   const std::string path_;
+  const Set_Cipher_ptr cipher_;
   Catalog_Db db_;
   Catalog_Statement folder_id_, children_, visits_, range_, named_, visit_of_, scan_;
   std::string entered_; ///< folder of `match`
@@ -527,8 +543,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<Catalog_Reader> Catalog_Reader::open(const std::string& folder, std::string& error) {
-  std::unique_ptr<Catalog_Reader_Impl> reader(new Catalog_Reader_Impl(folder));
+std::unique_ptr<Catalog_Reader> Catalog_Reader::open(const std::string& folder, std::string& error,
+                                                     const Set_Cipher_ptr& cipher) {
+  std::unique_ptr<Catalog_Reader_Impl> reader(new Catalog_Reader_Impl(folder, cipher));
   if (!reader->open(error))
     return nullptr;
   return reader;

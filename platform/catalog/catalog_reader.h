@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/catalog/catalog_format.h"
+#include "platform/crypto/set_cipher.h"
 
 #include <functional>
 #include <memory>
@@ -31,8 +32,9 @@ struct Catalog_Page {
 class Catalog_Reader {
 public:
   /// Opens the catalog in `folder`, the folder of a set. Null with the reason: missing, no catalog, a newer format,
-  /// never finished.
-  static std::unique_ptr<Catalog_Reader> open(const std::string& folder, std::string& error);
+  /// never finished. An encrypted catalog needs its set's cipher; a page that is damaged is told from a wrong key.
+  static std::unique_ptr<Catalog_Reader> open(const std::string& folder, std::string& error,
+                                              const Set_Cipher_ptr& cipher = nullptr);
   virtual ~Catalog_Reader() = default;
 
   virtual const std::string& set_uuid() const = 0;
@@ -66,5 +68,7 @@ public:
   /// How many objects `selection` holds and their bytes. Members of the selection that match nothing go to `unmatched`.
   virtual bool count(const Catalog_Selection& selection, unsigned long long& objects, unsigned long long& bytes,
                      std::vector<std::string>& unmatched, std::string& error) = 0;
+  /// Reads every page and looks whether the database holds together. False with the reason.
+  virtual bool check_pages(std::string& error) = 0;
   virtual bool problems(const std::function<bool(const Catalog_Problem&)>& problem, std::string& error) = 0;
 };

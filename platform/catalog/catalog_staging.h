@@ -11,8 +11,8 @@
 /// their number. One thread.
 class Catalog_Staging {
 public:
-  /// Null with the reason.
-  static std::unique_ptr<Catalog_Staging> make(std::string& error);
+  /// `cipher`: of an encrypted set, whose names shall not get into a temporary file as they are. Null with the reason.
+  static std::unique_ptr<Catalog_Staging> make(std::string& error, const Set_Cipher_ptr& cipher = nullptr);
 
   /// False on failure. Of two objects with one ordinal the first stays.
   bool add(const Catalog_Object& object);

@@ -70,7 +70,8 @@ bool sync_path(const std::string& path, int flags, std::string& error) {
 
 class Catalog_Writer_Impl : public Catalog_Writer {
 public:
-  explicit Catalog_Writer_Impl(const std::string& folder) : folder_(folder), path_(folder + "/" + catalog::FILE_NAME) {}
+  Catalog_Writer_Impl(const std::string& folder, const Set_Cipher_ptr& cipher)
+      : folder_(folder), path_(folder + "/" + catalog::FILE_NAME), cipher_(cipher) {}
 
   ~Catalog_Writer_Impl() override {
     fail("given up");
@@ -87,7 +88,7 @@ public:
     ::close(fd);
     std::string why;
     // Nothing refers to the file before the set's record does, so a torn one costs nothing and needs no journal.
-    if (!db_.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, why) ||
+    if (!db_.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, why, cipher_) ||
         !db_.execute("PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
                      "PRAGMA temp_store=FILE; PRAGMA cache_size=-8192; BEGIN",
                      why) ||
@@ -185,7 +186,7 @@ private:
       }
       for (const Row& row : batch) {
         if (!std::visit([this](const auto& r) { return write(r); }, row)) {
-          fail("cannot write catalog " + path_ + ": " + sqlite3_errmsg(db_.get()));
+          fail("cannot write catalog " + path_ + ": " + catalog_error(db_.get()));
           return;
         }
       }
@@ -293,7 +294,7 @@ private:
     if (!write_meta("objects", counts_.objects) || !write_meta("bytes", counts_.bytes) ||
         !write_meta("stored", counts_.stored) || !write_meta("folders", counts_.folders) ||
         !write_meta("problems", counts_.problems)) {
-      error = sqlite3_errmsg(db_.get());
+      error = catalog_error(db_.get());
       return false;
     }
     // The version says that the catalog is whole: until now it is 0.
@@ -312,6 +313,7 @@ private:
 
   const std::string folder_;
   const std::string path_;
+  const Set_Cipher_ptr cipher_;
   Catalog_Db db_;
   Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, set_, meta_, attributes_id_, add_attributes_;
   std::unordered_map<std::string, unsigned long long> known_attributes_;
@@ -332,8 +334,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<Catalog_Writer> Catalog_Writer::create(const std::string& folder, std::string& error) {
-  std::unique_ptr<Catalog_Writer_Impl> writer(new Catalog_Writer_Impl(folder));
+std::unique_ptr<Catalog_Writer> Catalog_Writer::create(const std::string& folder, std::string& error,
+                                                       const Set_Cipher_ptr& cipher) {
+  std::unique_ptr<Catalog_Writer_Impl> writer(new Catalog_Writer_Impl(folder, cipher));
   if (!writer->open(error))
     return nullptr;
   return writer;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/catalog/catalog_format.h"
+#include "platform/crypto/set_cipher.h"
 
 #include <memory>
 #include <string>
@@ -13,8 +14,9 @@
 /// leaves the unfinished file behind for whoever removes the set's folder.
 class Catalog_Writer {
 public:
-  /// Makes the catalog in `folder`; there must be none. Null with the reason.
-  static std::unique_ptr<Catalog_Writer> create(const std::string& folder, std::string& error);
+  /// Makes the catalog in `folder`; there must be none. Encrypted with a `cipher`. Null with the reason.
+  static std::unique_ptr<Catalog_Writer> create(const std::string& folder, std::string& error,
+                                                const Set_Cipher_ptr& cipher = nullptr);
   virtual ~Catalog_Writer() = default;
 
   /// Any thread; blocks while the queue is full. False once the writer has failed.

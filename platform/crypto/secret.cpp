@@ -1,12 +1,12 @@
 #include "platform/crypto/secret.h"
 
+#include "platform/crypto/base64.h"
 #include "platform/crypto/master_key.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
-#include <climits>
 #include <cstring>
 #include <memory>
 
@@ -25,27 +25,8 @@ typedef std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> Cipher_C
 unsigned char* bytes(std::string& text) { return reinterpret_cast<unsigned char*>(text.data()); }
 const unsigned char* bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
 
-std::string base64(const std::string& data) {
-  std::string text((data.size() + 2) / 3 * 4 + 1, '\0');
-  const int length = EVP_EncodeBlock(bytes(text), bytes(data), static_cast<int>(data.size()));
-  text.resize(static_cast<size_t>(length));
-  return text;
-}
-
-/// Takes exactly what `base64` writes: one text for one value, so that no character can change unnoticed.
-bool from_base64(const std::string& text, std::string& data) {
-  if (text.empty() || text.size() % 4 != 0 || text.size() > INT_MAX)
-    return false;
-  data.assign(text.size() / 4 * 3, '\0');
-  if (EVP_DecodeBlock(bytes(data), bytes(text), static_cast<int>(text.size())) < 0)
-    return false;
-  for (size_t i = text.size(); i > text.size() - 2 && text[i - 1] == '='; --i)
-    data.pop_back();
-  return base64(data) == text;
-}
-
 /// Tells keys apart without saying anything useful about them.
-bool key_check(const Secret_Key& key, std::string& check) {
+bool master_key_check(const Secret_Key& key, std::string& check) {
   static const std::string label = "obs-agent master key check";
   std::string input = label + std::string(reinterpret_cast<const char*>(key.data()), Secret_Key::SIZE);
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -88,12 +69,12 @@ bool seal_secret(const std::string& plain, std::string& sealed, std::string& err
   std::string nonce(NONCE_SIZE, '\0');
   std::string cipher;
   std::string tag;
-  if (!key_check(key, check) || RAND_bytes(bytes(nonce), static_cast<int>(NONCE_SIZE)) != 1 ||
+  if (!master_key_check(key, check) || RAND_bytes(bytes(nonce), static_cast<int>(NONCE_SIZE)) != 1 ||
       !crypt(true, key, PREFIX + check, nonce, plain, cipher, tag)) {
     error = "the secret cannot be sealed: the cryptographic library failed";
     return false;
   }
-  sealed = PREFIX + base64(check + nonce + cipher + tag);
+  sealed = PREFIX + to_base64(check + nonce + cipher + tag);
   return true;
 }
 
@@ -108,7 +89,7 @@ bool open_secret(const std::string& sealed, std::string& plain, std::string& err
   if (!load_master_key(false, key, error))
     return false;
   std::string check;
-  if (!key_check(key, check)) {
+  if (!master_key_check(key, check)) {
     error = "the secret cannot be opened: the cryptographic library failed";
     return false;
   }

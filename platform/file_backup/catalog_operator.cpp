@@ -1,5 +1,6 @@
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/partial_sets.h"
+#include "platform/pool/set_keys.h"
 #include "sdk/file_backup/file_backup.h"
 
 #include <ace/Log_Msg.h>
@@ -99,6 +100,9 @@ bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string&
   Set_Record record = make_record(set);
   Pool pool;
   if (!open_known_pool(*store, pool_uuid, pool, error) || !choose_seq(*store, pool_uuid, record, error))
+    return false;
+  Set_Cipher_ptr cipher;
+  if (!open_set_cipher(pool, record.uuid, set.metadata.data_key, cipher, error) || !seal_record(cipher, record, error))
     return false;
   const std::string folder = pool.set_folder(record.uri);
   if (!media_are_there(folder, record.media, error) || !write_set_record(folder, record, error))

@@ -1,5 +1,7 @@
 #include "platform/mtf/backup_base.h"
 
+#include "platform/catalog/open_catalog.h"
+
 #include <algorithm>
 
 std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
@@ -17,7 +19,7 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
     error = "there is no set " + std::to_string(seq) + " to compare with";
     return nullptr;
   }
-  base->catalog_ = Catalog_Reader::open(pool.set_folder(base->record_.uri), error);
+  base->catalog_ = open_set_catalog(pool, base->record_, error);
   if (!base->catalog_)
     return nullptr;
   for (const Catalog_Set& set : base->catalog_->sets()) {

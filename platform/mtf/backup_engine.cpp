@@ -9,6 +9,7 @@
 #include "platform/mtf/merge.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
+#include "platform/pool/set_keys.h"
 #include "sdk/base/clock.h"
 #include "sdk/base/time_format.h"
 #include "sdk/job/job.h"
@@ -177,6 +178,10 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     fail(E_OPEN_MEDIUM, error);
     return false;
   }
+  if (!make_set_cipher(pool, order.uuid, order.codec.cipher, error)) {
+    fail(E_GET_POOL_INFO, error);
+    return false;
+  }
   place = place_of(order.uri_prefix);
   take_up_unfinished();
   uri = set_uri(pool, order.uri_prefix, order.uuid);
@@ -185,7 +190,7 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     return false;
   }
   made_folder = true;
-  catalog = Catalog_Writer::create(pool.set_folder(uri), error);
+  catalog = Catalog_Writer::create(pool.set_folder(uri), error, order.codec.cipher);
   if (!catalog || !catalog->add_set({0, order.uuid, uri, order.seq})) {
     fail(E_OPEN_MEDIUM, catalog ? catalog->error() : error);
     return false;
@@ -244,6 +249,7 @@ bool Backup_Engine::Impl::make_media() {
     identity.machine = metadata.host;
     identity.incremental = base != nullptr;
     identity.write_date = Clock::instance().now();
+    identity.cipher = order.codec.cipher;
     auto medium = Medium_Writer::create(pool.set_folder(uri) + "/" + medium_name(i), identity, error);
     if (!medium) {
       fail(E_OPEN_MEDIUM, error);
@@ -362,6 +368,9 @@ std::string Backup_Engine::Impl::copied_record() {
   record.encryption = metadata.encryption;
   record.figures =
       account.figures(ledger.get(), true, true, seconds_between(begun, Clock::instance().monotonic()));
+  std::string error;
+  if (!seal_record(order.codec.cipher, record, error))
+    throw std::runtime_error(error);
   return json_spirit::write(record.to_json());
 }
 
@@ -390,6 +399,7 @@ bool Backup_Engine::Impl::complete() {
   metadata.seq = order.seq;
   metadata.channels = static_cast<unsigned>(channels.size());
   metadata.set_uri = uri;
+  metadata.data_key = order.codec.cipher ? order.codec.cipher->wrapped() : std::string();
   metadata.base_uuid = base ? base->uuid() : std::string();
   return true;
 }

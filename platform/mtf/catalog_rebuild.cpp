@@ -7,6 +7,7 @@
 #include "platform/mtf/set_copy.h"
 #include "platform/pool/durable_file.h"
 #include "platform/pool/set_guard.h"
+#include "platform/pool/set_keys.h"
 #include "sdk/base/time_format.h"
 
 #include <fcntl.h>
@@ -35,7 +36,7 @@ struct Found_Medium {
 class Rebuild {
 public:
   Rebuild(const Pool& pool, const std::string& uri, Rebuild_Report& report)
-      : uri_(uri), folder_(pool.set_folder(uri)), work_(folder_ + "/" + WORK_FOLDER), report_(report) {}
+      : pool_(pool), uri_(uri), folder_(pool.set_folder(uri)), work_(folder_ + "/" + WORK_FOLDER), report_(report) {}
   ~Rebuild() {
     std::error_code ignored;
     fs::remove_all(work_, ignored);
@@ -48,7 +49,8 @@ public:
       return false;
     std::error_code code;
     fs::remove_all(work_, code);
-    if (!find_media(error))
+    if (!find_media(error) ||
+        !open_set_cipher(pool_, media_.front().set.uuid, media_.front().set.wrapped_key, cipher_, error))
       return false;
     if (::mkdir(work_.c_str(), 0700) != 0) {
       error = "cannot make folder " + work_ + ": " + std::strerror(errno);
@@ -129,7 +131,7 @@ private:
     }
     ::close(fd);
     if (done) {
-      const auto catalog = Catalog_Reader::open(work_, error);
+      const auto catalog = Catalog_Reader::open(work_, error, cipher_);
       done = catalog != nullptr && catalog->set_uuid() == media_.front().set.uuid;
       if (catalog && !done)
         error = "it is that of the set " + catalog->set_uuid();
@@ -147,12 +149,12 @@ private:
 
   /// Without the copy: what the media hold.
   bool read_media(std::string& error) {
-    const auto staging = Catalog_Staging::make(error);
+    const auto staging = Catalog_Staging::make(error, cipher_);
     if (!staging)
       return false;
     unsigned long long found = 0;
     for (const Found_Medium& medium : media_) {
-      const auto reader = Medium_Reader::open(folder_ + "/" + medium.name, medium.set.family, error);
+      const auto reader = Medium_Reader::open(folder_ + "/" + medium.name, medium.set.family, error, cipher_);
       if (!reader)
         return false;
       const bool walked = reader->walk(
@@ -175,7 +177,7 @@ private:
     }
     if (found != staging->objects())
       problem(std::to_string(found - staging->objects()) + " objects have the ordinal of another one and are left out");
-    const auto catalog = Catalog_Writer::create(work_, error);
+    const auto catalog = Catalog_Writer::create(work_, error, cipher_);
     if (!catalog)
       return false;
     report_.objects = staging->objects();
@@ -199,7 +201,7 @@ private:
         record.type = self.incremental ? "incremental" : "full";
         record.incarnation = self.incremental ? std::string() : self.uuid;
         record.seq = seq_;
-        record.encryption = "none";
+        record.encryption = cipher_ ? "aes-256-gcm" : "none";
         record.source_size = record.backup_set_size = bytes_;
         record.start_time = record.end_time =
             POSIX_Time_To_ISO8601(to_time_t(self.write_date), "%Y-%m-%d %H:%M:%S").str();
@@ -213,6 +215,9 @@ private:
       }
     }
     error.clear();
+    std::string why;
+    if (cipher_ && !record.sealed.empty() && !open_record(*cipher_, record, why))
+      problem(why);
     record.uri = uri_;
     record.figures["rebuilt"] = report_.exact ? "copy" : "media";
     record.channels = std::max<unsigned>(record.channels, media_.back().channel + 1);
@@ -224,7 +229,7 @@ private:
       record.media.push_back({medium.name, code ? 0 : size, medium.set.family});
       record.backup_set_storage_size += code ? 0 : size;
     }
-    return true;
+    return seal_record(cipher_, record, error);
   }
 
   bool install(std::string& error) {
@@ -239,7 +244,9 @@ private:
     return sync_folder(folder_, error) && write_set_record(folder_, report_.record, error);
   }
 
+  const Pool& pool_;
   const std::string uri_, folder_, work_;
+  Set_Cipher_ptr cipher_; ///< of an encrypted set
   Rebuild_Report& report_;
   std::vector<Found_Medium> media_;
   Set_Record from_copy_;

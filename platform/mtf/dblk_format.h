@@ -43,6 +43,8 @@ constexpr uint32_t OBSA = four("OBSA"); ///< attributes of an object (FILE)
 constexpr uint32_t OBSZ = four("OBSZ"); ///< one frame of an object's content (FILE)
 constexpr uint32_t OBSD = four("OBSD"); ///< digest of an object's content (FILE)
 constexpr uint32_t OBST = four("OBST"); ///< totals of the set (ESET)
+constexpr uint32_t OBSK = four("OBSK"); ///< wrapped data key of an encrypted set (VOLB, ESET)
+constexpr uint32_t OBSX = four("OBSX"); ///< one encrypted frame of an object's content (FILE)
 constexpr uint32_t OBSR = four("OBSR"); ///< copy of the set's record (ESET)
 constexpr uint32_t OBSL = four("OBSL"); ///< one chunk of the copy of its catalog (ESET)
 
@@ -61,6 +63,7 @@ constexpr unsigned char STRINGS_UTF16 = 2;
 
 constexpr uint16_t STREAM_VARIABLE = 2;
 constexpr uint16_t STREAM_VARIABLE_END = 4;
+constexpr uint16_t STREAM_ENCRYPTED = 8;
 
 /// Bytes that a name may take, so that the block with the header of its first stream, and for a directory the whole
 /// check stream too, ends inside the first FLB.

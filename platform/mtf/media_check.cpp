@@ -1,6 +1,7 @@
 #include "platform/mtf/media_check.h"
 
 #include "platform/mtf/medium_walker.h"
+#include "platform/mtf/sealed_stream.h"
 #include "platform/mtf/set_copy.h"
 #include "sdk/mtf/cat_blk.h"
 
@@ -10,9 +11,9 @@
 using namespace MTF_Format;
 
 bool check_medium(const std::string& path, const std::function<bool(const Media_Problem&)>& found,
-                  Media_Figures& figures, std::string& error) {
+                  Media_Figures& figures, std::string& error, const Set_Cipher_ptr& cipher) {
   try {
-    const std::unique_ptr<Medium_Reader> reader = Medium_Reader::open(path, 0, error);
+    const std::unique_ptr<Medium_Reader> reader = Medium_Reader::open(path, 0, error, cipher);
     if (!reader)
       return false;
     figures = Media_Figures();
@@ -104,11 +105,24 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
   std::string reason;
   if (stream.header.id == OBSH) {
     Object_Head head;
-    uint64_t check = 0;
-    if (!parse_object_head(data, size, head, check, reason))
+    Head_Stream start;
+    if (!parse_object_head(data, size, window.source().cipher(), head, start, reason))
       return " (" + reason + ")";
+    if (start.sealed && !start.opened)
+      return " ordinal " + std::to_string(head.ordinal) + " encrypted";
     return " ordinal " + std::to_string(head.ordinal) + " size " + std::to_string(head.size) + " mtime " +
            std::to_string(head.mtime) + " seq " + std::to_string(head.seq) + " path " + quoted(head.path);
+  }
+  if (stream.header.id == OBSZ || stream.header.id == OBSX) {
+    Frame frame;
+    if (size < FRAME_HEADER || !frame.parse(data, reason))
+      return " (a damaged frame header)";
+    return " frame " + std::to_string(frame.sequence) + " method " + std::to_string(frame.method) + " plain " +
+           std::to_string(frame.plain) + " stored " + std::to_string(frame.stored);
+  }
+  if ((stream.header.format_attributes & STREAM_ENCRYPTED) != 0) {
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    return sealed_stream_holds(bytes, reason) ? " encrypted" : " (" + reason + ")";
   }
   if (stream.header.id == OBSA) {
     // The ordinal is the head's, which has been shown already.
@@ -117,13 +131,6 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
     if (!parse_attributes(data, size, head, reason))
       return " (" + reason + ")";
     return " common " + quoted(head.attributes.common) + " own " + quoted(head.attributes.own);
-  }
-  if (stream.header.id == OBSZ) {
-    Frame frame;
-    if (size < FRAME_HEADER || !frame.parse(data, reason))
-      return " (a damaged frame header)";
-    return " frame " + std::to_string(frame.sequence) + " method " + std::to_string(frame.method) + " plain " +
-           std::to_string(frame.plain) + " stored " + std::to_string(frame.stored);
   }
   if (stream.header.id == OBSD) {
     Object_Digest digest;
@@ -137,6 +144,10 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
       return " (does not match its check)";
     return " family " + std::to_string(self.family) + (self.incremental ? " incremental" : " full") + " set " +
            quoted(self.set_uuid) + " name " + quoted(self.set_name);
+  }
+  if (stream.header.id == OBSK) {
+    Medium_Key key;
+    return key.parse(data, size) ? " set " + quoted(key.set_uuid) + " key " + key.wrapped : " (does not match its check)";
   }
   if (stream.header.id == OBSN) {
     std::string path;
@@ -155,9 +166,10 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
 
 } // namespace
 
-bool dump_medium(const std::string& path, const std::function<bool(const std::string&)>& line, std::string& error) {
+bool dump_medium(const std::string& path, const std::function<bool(const std::string&)>& line, std::string& error,
+                 const Set_Cipher_ptr& cipher) {
   try {
-    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);
+    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error, cipher);
     if (!source)
       return false;
     Medium_Window window(*source, 64 * 1024);

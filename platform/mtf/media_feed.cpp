@@ -1,5 +1,7 @@
 #include "platform/mtf/media_feed.h"
 
+#include "platform/catalog/open_catalog.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -32,7 +34,7 @@ bool Media_Feed::hold(std::string& error) {
         return false;
       // Unless a merge has just moved its data, that is damage, which is told object by object.
       std::string why;
-      const auto now = Catalog_Reader::open(pool_.set_folder(record_.uri), why);
+      const auto now = open_set_catalog(pool_, record_, why);
       if (!now || std::any_of(now->sets().begin(), now->sets().end(),
                               [&](const Catalog_Set& one) { return one.uuid == set.uuid; }))
         break;
@@ -77,23 +79,37 @@ std::shared_ptr<Medium_Reader> Media_Feed::open(unsigned set, unsigned channel, 
   if (!record_of(set, record, uri, error))
     return nullptr;
   const std::string name = medium_name(channel);
-  unsigned family = 0;
+  Set_Record::Medium known;
   for (const Set_Record::Medium& medium : record.media)
     if (medium.name == name)
-      family = medium.family;
-  return Medium_Reader::open(pool_.set_folder(uri) + "/" + name, family, error);
+      known = medium;
+  Set_Cipher_ptr cipher;
+  if (!open_set_cipher(pool_, record, cipher, error))
+    return nullptr;
+  std::shared_ptr<Medium_Reader> reader =
+      Medium_Reader::open(pool_.set_folder(uri) + "/" + name, known.family, error, cipher);
+  if (reader && inspecting_ && set != 0 && !known.name.empty())
+    inspect(*reader, known, "set " + record.uuid + ", ");
+  return reader;
 }
 
-void Media_Feed::inspect_own_media() {
+void Media_Feed::inspect(const Medium_Reader& reader, const Set_Record::Medium& medium, const std::string& prefix) {
+  std::string error;
+  if (reader.size() != medium.size)
+    findings_.push_back(prefix + medium.name + ": it has " + std::to_string(reader.size()) + " bytes instead of " +
+                        std::to_string(medium.size));
+  else if (!reader.complete(error))
+    findings_.push_back(prefix + medium.name + ": " + error);
+}
+
+void Media_Feed::inspect_media() {
+  inspecting_ = true;
   for (const Set_Record::Medium& medium : record_.media) {
     std::string error;
     auto reader = Medium_Reader::open(pool_.set_folder(record_.uri) + "/" + medium.name, medium.family, error);
-    if (!reader)
-      findings_.push_back(medium.name + ": " + error);
-    else if (reader->size() != medium.size)
-      findings_.push_back(medium.name + ": it has " + std::to_string(reader->size()) + " bytes instead of " +
-                          std::to_string(medium.size));
-    else if (!reader->complete(error))
+    if (reader)
+      inspect(*reader, medium, std::string());
+    else
       findings_.push_back(medium.name + ": " + error);
   }
 }
@@ -115,11 +131,14 @@ bool Media_Feed::run(const Catalog_Selection& selection, std::string& error) {
           if (!medium && std::find(findings_.begin(), findings_.end(), why) == findings_.end())
             findings_.push_back(why);
         }
+        Media_Task task = {object, medium, why};
+        if (chosen_ && !chosen_(task))
+          return true;
         std::unique_lock<std::mutex> lock(mutex_);
         room_.wait(lock, [this] { return stopped_ || tasks_.size() < TASK_LIMIT; });
         if (stopped_)
           return false;
-        tasks_.push_back({object, medium, why});
+        tasks_.push_back(std::move(task));
         arrived_.notify_one();
         return true;
       },

@@ -7,6 +7,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -42,11 +43,15 @@ public:
   bool stopped() const;
   /// What is wrong with whole sets and media, one text each. When `run` has returned.
   const std::vector<std::string>& findings() const { return findings_; }
-  /// Opens the media of the catalog's own set to see whether each is there and ends as it should. Not while `run` runs.
-  void inspect_own_media();
+  /// Looks whether each medium of the catalog's own set is there and ends as it should, and has `run` do the same with
+  /// those of other sets. Not while `run` runs.
+  void inspect_media();
+  /// Has `run` feed only what `chosen` is true for; asked in its thread. Not while it runs.
+  void choose(std::function<bool(const Media_Task&)> chosen) { chosen_ = std::move(chosen); }
 
 private:
   std::shared_ptr<Medium_Reader> open(unsigned set, unsigned channel, std::string& error);
+  void inspect(const Medium_Reader& reader, const Set_Record::Medium& medium, const std::string& prefix);
   bool record_of(unsigned set, Set_Record& record, std::string& uri, std::string& error);
 
   const Pool& pool_;
@@ -54,6 +59,8 @@ private:
   Catalog_Reader& catalog_;
   std::vector<Set_Guard> guards_;
   std::vector<std::string> findings_;
+  bool inspecting_ = false;
+  std::function<bool(const Media_Task&)> chosen_;
   mutable std::mutex mutex_; ///< guards what follows
   std::condition_variable room_;
   std::condition_variable arrived_;

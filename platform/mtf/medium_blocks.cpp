@@ -37,6 +37,22 @@ uint32_t set_attributes(const Medium_Identity& identity) {
   return identity.incremental ? SSET_INCREMENTAL : SSET_NORMAL;
 }
 
+// 0 version 2 | 2 zero 2 | 4 uuid size 2 | 6 key size 2 | uuid | wrapped data key | XXH3-64
+void append_set_key(std::string& out, const Medium_Identity& identity) {
+  if (!identity.cipher)
+    return;
+  const std::string uuid = identity.cipher->set_uuid().substr(0, 64);
+  unsigned char fixed[8] = {};
+  put16(fixed, SELF_VERSION);
+  put16(fixed + 4, static_cast<uint16_t>(uuid.size()));
+  put16(fixed + 6, static_cast<uint16_t>(identity.cipher->wrapped().size()));
+  std::string data(reinterpret_cast<const char*>(fixed), sizeof fixed);
+  data += uuid;
+  data += identity.cipher->wrapped();
+  append_checked(data);
+  append_stream(out, OBSK, data);
+}
+
 } // namespace
 
 void make_tape(std::string& out, const Medium_Identity& identity) {
@@ -111,7 +127,17 @@ void make_volume(std::string& out, const Medium_Identity& identity, uint32_t con
   data += name;
   append_checked(data);
   append_stream(out, OBSI, data);
+  append_set_key(out, identity);
   append_spad(out, 0);
+}
+
+bool Medium_Key::parse(const unsigned char* data, size_t size) {
+  if (!checked(data, size, 8) || get16(data) != SELF_VERSION || size != 16u + get16(data + 4) + get16(data + 6))
+    return false;
+  const char* text = reinterpret_cast<const char*>(data) + 8;
+  set_uuid.assign(text, get16(data + 4));
+  wrapped.assign(text + get16(data + 4), get16(data + 6));
+  return true;
 }
 
 bool Medium_Self::parse(const unsigned char* data, size_t size) {
@@ -185,6 +211,7 @@ void make_set_end(std::string& out, const Medium_Identity& identity, const Mediu
   std::string data(reinterpret_cast<const char*>(fixed), sizeof fixed);
   append_checked(data);
   append_stream(out, OBST, data);
+  append_set_key(out, identity);
   if (open)
     pad_to(out, STREAM_ALIGNMENT);
   else

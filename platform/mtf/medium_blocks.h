@@ -18,6 +18,13 @@ struct Medium_Self {
   bool parse(const unsigned char* data, size_t size);
 };
 
+/// The data key of an encrypted set, as its media keep it (the OBSK stream of volume and end of set).
+struct Medium_Key {
+  std::string set_uuid;
+  std::string wrapped;
+  bool parse(const unsigned char* data, size_t size);
+};
+
 /// What the end of the set says about it (the OBST stream).
 struct Medium_Totals {
   uint64_t objects = 0;

@@ -29,24 +29,32 @@ constexpr size_t STRIDE = 37;
 constexpr size_t STRIDE = 1;
 #endif
 
-class damaged_medium : public ::testing::TestWithParam<MTF_Compression> {};
+struct Storing {
+  MTF_Compression compression;
+  bool encrypted;
+  Codec_Options codec() const { return {compression, 1, encrypted ? test_cipher() : nullptr}; }
+};
+
+class damaged_medium : public ::testing::TestWithParam<Storing> {};
 
 // Damage to an object costs that object at most; anything else costs none. Nothing is ever handed out that differs.
 TEST_P(damaged_medium, a_flipped_bit_in_any_byte_is_found_and_the_rest_stays_readable) {
   Scratch_Folder folder;
   const std::string path = folder.file("medium");
   const auto objects = small_set();
-  const auto places = write_medium(path, objects, {GetParam(), 1}, Way::IMAGE);
+  const Codec_Options codec = GetParam().codec();
+  const auto places = write_medium(path, objects, codec, Way::IMAGE);
   const std::string good = load(path);
   std::string error;
   for (size_t at = 0; at < good.size(); at += STRIDE) {
     if (at != 0)
       set_byte(path, at - STRIDE, good[at - STRIDE]);
     set_byte(path, at, static_cast<char>(good[at] ^ 1 << at % 8));
+    // Where the key is not known, too.
     const auto problems = problems_of(path);
     ASSERT_FALSE(problems.empty()) << "byte " << at;
     EXPECT_LE(problems[0].offset, at) << at;
-    const auto reader = Medium_Reader::open(path, 0, error);
+    const auto reader = Medium_Reader::open(path, 0, error, codec.cipher);
     ASSERT_TRUE(reader) << at << ": " << error;
     std::map<std::string, int> whole;
     std::string named;
@@ -81,7 +89,10 @@ TEST_P(damaged_medium, a_flipped_bit_in_any_byte_is_found_and_the_rest_stays_rea
         }
       }
       if (inside) {
-        EXPECT_NE(named.find(i < 3 ? name : "x\""), std::string::npos) << "byte " << at << ": " << named;
+        // Without its head an encrypted object has but its ordinal.
+        EXPECT_TRUE(named.find(i < 3 ? name : "x\"") != std::string::npos ||
+                    (codec.cipher && named.find("object-" + std::to_string(i + 1)) != std::string::npos))
+            << "byte " << at << ": " << named;
       }
     }
   }
@@ -91,12 +102,13 @@ TEST_P(damaged_medium, a_truncation_anywhere_is_told_as_a_torn_end) {
   Scratch_Folder folder;
   const std::string path = folder.file("medium");
   const auto objects = small_set();
-  const auto places = write_medium(path, objects, {GetParam(), 1}, Way::IMAGE);
+  const Codec_Options codec = GetParam().codec();
+  const auto places = write_medium(path, objects, codec, Way::IMAGE);
   const std::string good = load(path);
   for (size_t size = 0; size < good.size(); size += size % 1024 == 0 ? 1 : size % 1024 == 1 ? 510 : 513) {
     save(path, good.substr(0, size));
     std::string error;
-    const auto reader = Medium_Reader::open(path, 0, error);
+    const auto reader = Medium_Reader::open(path, 0, error, codec.cipher);
     if (!reader) {
       EXPECT_LT(size, 1024u) << error;
       continue;
@@ -122,7 +134,9 @@ TEST_P(damaged_medium, a_truncation_anywhere_is_told_as_a_torn_end) {
 }
 
 INSTANTIATE_TEST_SUITE_P(codecs, damaged_medium,
-                         ::testing::Values(MTF_COMPRESSION_NONE, MTF_COMPRESSION_ZSTD, MTF_COMPRESSION_LZOP));
+                         ::testing::Values(Storing{MTF_COMPRESSION_NONE, false}, Storing{MTF_COMPRESSION_ZSTD, false},
+                                           Storing{MTF_COMPRESSION_LZOP, false}, Storing{MTF_COMPRESSION_NONE, true},
+                                           Storing{MTF_COMPRESSION_ZSTD, true}));
 
 TEST(damaged, a_bad_chunk_of_a_large_object_is_never_handed_out) {
   Scratch_Folder folder;

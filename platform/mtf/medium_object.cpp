@@ -1,6 +1,7 @@
 #include "platform/mtf/medium_object.h"
 
 #include "platform/mtf/codec.h"
+#include "platform/mtf/sealed_frames.h"
 
 #include <xxhash.h>
 
@@ -27,6 +28,10 @@ bool Medium_Object::open(unsigned long long offset, std::string& error) {
     error = source_->path() + " at " + std::to_string(offset) + ": " + error;
     return false;
   }
+  if (start_.stream.sealed && !start_.stream.opened) {
+    error = source_->path() + " at " + std::to_string(offset) + ": the object is encrypted, and its key is not known";
+    return false;
+  }
   frame_ = start_.content;
   if (!digest_.begin()) {
     error = "the SHA-256 digest cannot be set up";
@@ -43,7 +48,7 @@ bool Medium_Object::damaged(const std::string& what) {
 
 bool Medium_Object::check_end(unsigned long long offset) {
   std::string reason;
-  if (!read_object_end(window_, offset, start_.head, end_digest_, end_, reason))
+  if (!read_object_end(window_, offset, start_, last_, reason))
     return damaged(reason);
   have_digest_ = true;
   return true;
@@ -58,7 +63,7 @@ bool Medium_Object::next_plain_chunk() {
   const unsigned char* data = window_.at(start_.content.data() + done_, size);
   if (data == nullptr)
     return damaged(window_.error());
-  if (XXH3_64bits(data, size) != end_digest_.chunks[static_cast<size_t>(chunk_number_)])
+  if (XXH3_64bits(data, size) != last_.digest.chunks[static_cast<size_t>(chunk_number_)])
     return damaged("the content at " + std::to_string(start_.content.data() + done_) + ", " + std::to_string(size) +
                    " bytes from byte " + std::to_string(done_) + " of the object on, does not match its check");
   chunk_ = data;
@@ -66,12 +71,27 @@ bool Medium_Object::next_plain_chunk() {
   return true;
 }
 
+/// Checks what is stored of a frame; `data`, behind its header, becomes what was stored before it was encrypted.
+bool Medium_Object::frame_bytes(const Frame& frame, bool last, const unsigned char*& data, const std::string& where) {
+  if (XXH3_64bits(data, frame.behind()) != frame.stored_check)
+    return damaged(where + "what is stored does not match its check");
+  if (!frame.sealed)
+    return true;
+  if (opened_.size() < frame.stored + 1)
+    opened_.resize(frame.stored + 1);
+  if (!open_sealed_frame(start_.stream.seal, frame, last, data - FRAME_HEADER, opened_.data()))
+    return damaged(where + "it is not the frame that was encrypted for this place of this object");
+  data = opened_.data();
+  return true;
+}
+
 bool Medium_Object::next_frame() {
   const Medium_Stream& stream = frame_;
   const std::string where = "the frame at " + std::to_string(stream.offset) + ": ";
   std::string reason;
-  if (stream.header.id != OBSZ || (stream.header.format_attributes & STREAM_VARIABLE) == 0 ||
-      stream.header.length <= FRAME_HEADER || stream.header.length > FRAME_HEADER + CHUNK)
+  const bool sealed = start_.stream.sealed;
+  if (stream.header.id != (sealed ? OBSX : OBSZ) || (stream.header.format_attributes & STREAM_VARIABLE) == 0 ||
+      stream.header.length <= FRAME_HEADER || stream.header.length > FRAME_HEADER + CHUNK + (sealed ? AEAD_TAG : 0))
     return damaged(where + "no frame of the content");
   const unsigned char* data = window_.at(stream.data(), static_cast<size_t>(stream.header.length));
   if (data == nullptr)
@@ -81,12 +101,12 @@ bool Medium_Object::next_frame() {
     return damaged(where + reason);
   const uint64_t expected = std::min<uint64_t>(CHUNK, start_.head.size - done_);
   const bool last = (stream.header.format_attributes & STREAM_VARIABLE_END) != 0;
-  if (frame.sequence != chunk_number_ || frame.plain != expected ||
-      stream.header.length != FRAME_HEADER + frame.stored || last != (done_ + frame.plain == start_.head.size))
+  if (frame.sealed != sealed || frame.sequence != chunk_number_ || frame.plain != expected ||
+      stream.header.length != FRAME_HEADER + frame.behind() || last != (done_ + frame.plain == start_.head.size))
     return damaged(where + "it belongs to another place");
   data += FRAME_HEADER;
-  if (XXH3_64bits(data, frame.stored) != frame.stored_check)
-    return damaged(where + "what is stored does not match its check");
+  if (!frame_bytes(frame, last, data, where))
+    return false;
   if (frame.method == FRAME_STORED) {
     chunk_ = data;
   } else {
@@ -99,14 +119,14 @@ bool Medium_Object::next_frame() {
       plain_.resize(frame.plain);
     if (!Codec::decompress(frame.method, reinterpret_cast<const char*>(data), frame.stored,
                            reinterpret_cast<char*>(plain_.data()), frame.plain) ||
-        XXH3_64bits(plain_.data(), frame.plain) != frame.plain_check)
+        (!sealed && XXH3_64bits(plain_.data(), frame.plain) != frame.plain_check))
       return damaged(where + "it cannot be decompressed to what was stored");
     chunk_ = plain_.data();
   }
   left_ = frame.plain;
 
   // The next header is read only when this chunk need not stay in the window.
-  if (frame.method == FRAME_STORED) {
+  if (frame.method == FRAME_STORED && !sealed) {
     plain_.assign(chunk_, chunk_ + left_);
     chunk_ = plain_.data();
   }
@@ -130,9 +150,9 @@ bool Medium_Object::next_chunk() {
     return true;
   unsigned char sha256[32];
   digest_.finish(sha256);
-  if (std::memcmp(sha256, end_digest_.sha256, sizeof sha256) != 0 || digest_.chunks() != end_digest_.chunks)
+  if (std::memcmp(sha256, last_.digest.sha256, sizeof sha256) != 0 || digest_.chunks() != last_.digest.chunks)
     return damaged("the content does not match its digest");
-  stored_ = end_ - offset_;
+  stored_ = last_.end - offset_;
   finished_ = true;
   return true;
 }

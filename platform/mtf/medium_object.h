@@ -14,35 +14,36 @@ public:
   const Object_Head& head() const override { return start_.head; }
   const std::string& attributes_problem() const override { return start_.attributes_problem; }
   Read_Outcome read(char* buffer, size_t size, size_t& got) override;
-  const unsigned char* sha256() const override { return end_digest_.sha256; }
+  const unsigned char* sha256() const override { return last_.digest.sha256; }
   unsigned long long stored() const override { return stored_; }
   const std::string& error() const override { return error_; }
   /// Whether the FILE block itself holds; the content can be read either way.
   bool block_holds() const { return start_.block_holds; }
   /// Where the next block begins; valid after END.
-  unsigned long long end() const { return end_; }
+  unsigned long long end() const { return last_.end; }
 
 private:
   bool next_chunk();
   bool next_plain_chunk();
   bool next_frame();
+  bool frame_bytes(const Frame& frame, bool last, const unsigned char*& data, const std::string& where);
   bool damaged(const std::string& what);
   bool check_end(unsigned long long offset);
 
   std::shared_ptr<Medium_Source> source_;
   Medium_Window window_;
   Object_Start start_;
-  Object_Digest end_digest_;
+  Object_End last_;
   Content_Digest digest_;
   unsigned long long offset_ = 0;
-  unsigned long long end_ = 0;
   unsigned long long stored_ = 0;
   unsigned long long done_ = 0; ///< bytes of content that passed their checks
   uint64_t chunk_number_ = 0;
   Medium_Stream frame_;
   const unsigned char* chunk_ = nullptr; ///< what is left to hand out
   size_t left_ = 0;
-  std::vector<unsigned char> plain_; ///< a decompressed chunk
+  std::vector<unsigned char> plain_;  ///< a decompressed chunk
+  std::vector<unsigned char> opened_; ///< a decrypted frame
   bool have_digest_ = false;
   bool finished_ = false;
   Read_Outcome failure_ = Read_Outcome::MORE;

@@ -4,6 +4,7 @@
 #include "platform/mtf/medium_walker.h"
 #include "platform/mtf/set_copy.h"
 
+#include <algorithm>
 #include <new>
 
 using namespace MTF_Format;
@@ -34,7 +35,7 @@ public:
     }
   }
 
-  bool complete(std::string& error) override {
+  bool complete(std::string& error) const override {
     Medium_Window window(*source_, 3 * FLB);
     const unsigned long long size = source_->size();
     Dblk_Header header;
@@ -82,31 +83,58 @@ bool find_family(const Medium_Source& source, unsigned& family) {
 
 } // namespace
 
+namespace {
+
+/// Takes what the block at `offset` says about the set; false where there is no such block, or it is damaged.
+bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type, Medium_Set& set) {
+  Dblk_Header header;
+  Medium_Stream stream;
+  std::string ignored;
+  unsigned long long at = 0;
+  if (!read_block(window, offset, header, ignored) || header.type != type ||
+      !descriptor_holds(window, offset, header, at, ignored))
+    return false;
+  for (; read_stream(window, at, stream, ignored) && stream.header.id != SPAD; at = stream.next()) {
+    const size_t length = static_cast<size_t>(std::min<uint64_t>(stream.header.length, FLB));
+    const unsigned char* const data = window.at(stream.data(), length);
+    Medium_Self self;
+    Medium_Key key;
+    if (data == nullptr)
+      return false;
+    if (stream.header.id == OBSI) {
+      if (!self.parse(data, length))
+        return false;
+      set.uuid = self.set_uuid;
+      set.name = self.set_name;
+      set.family = self.family;
+      set.incremental = self.incremental;
+      set.write_date = self.write_date;
+    } else if (stream.header.id == OBSK) {
+      if (!key.parse(data, length))
+        return false;
+      set.uuid = key.set_uuid;
+      set.wrapped_key = key.wrapped;
+    }
+  }
+  return stream.header.id == SPAD && !set.uuid.empty();
+}
+
+} // namespace
+
 bool read_medium_set(const std::string& path, Medium_Set& set, std::string& error) {
   try {
     const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);
     if (!source)
       return false;
     Medium_Window window(*source, FLB);
-    Dblk_Header header;
-    Medium_Stream stream;
-    Medium_Self self;
+    set = Medium_Set();
+    if (read_set_at(window, VOLB_OFFSET, VOLB, set))
+      return true;
+    set = Medium_Set();
+    unsigned long long end = 0;
     std::string ignored;
-    unsigned long long streams = 0;
-    if (read_block(window, VOLB_OFFSET, header, ignored) && header.type == VOLB &&
-        descriptor_holds(window, VOLB_OFFSET, header, streams, ignored) &&
-        read_stream(window, streams, stream, ignored) && stream.header.id == OBSI && stream.header.length <= FLB) {
-      const size_t length = static_cast<size_t>(stream.header.length);
-      const unsigned char* const data = window.at(stream.data(), length);
-      if (data != nullptr && self.parse(data, length)) {
-        set.uuid = self.set_uuid;
-        set.name = self.set_name;
-        set.family = self.family;
-        set.incremental = self.incremental;
-        set.write_date = self.write_date;
-        return true;
-      }
-    }
+    if (find_set_end(window, source->size(), end, ignored) && read_set_at(window, end, ESET, set))
+      return true;
     error = path + " does not say which set it belongs to: its volume block is damaged";
   } catch (const std::bad_alloc&) {
     error = "no memory to read " + path;
@@ -114,9 +142,10 @@ bool read_medium_set(const std::string& path, Medium_Set& set, std::string& erro
   return false;
 }
 
-std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsigned family, std::string& error) {
+std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsigned family, std::string& error,
+                                                   const Set_Cipher_ptr& cipher) {
   try {
-    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);
+    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error, cipher);
     if (!source)
       return nullptr;
     unsigned found = 0;

@@ -41,22 +41,26 @@ struct Medium_Finding {
   std::string message;           ///< for DAMAGE
 };
 
-/// What a medium says about the set that it belongs to.
+/// What a medium says about the set that it belongs to; needs no key.
 struct Medium_Set {
   std::string uuid;
-  std::string name;
+  std::string name;        ///< empty where the set is encrypted
+  std::string wrapped_key; ///< the set's data key under that of its pool; empty: the set is not encrypted
   unsigned family = 0;
   bool incremental = false;
   long long write_date = 0; ///< seconds since the epoch
 };
-/// Reads it from the start of a medium. False with the reason.
+/// Reads it from the start of a medium, or from its end where the start is damaged (uuid and key only). False with the
+/// reason.
 bool read_medium_set(const std::string& path, Medium_Set& set, std::string& error);
 
 /// Reads a medium. `object` may be called from several threads on one reader; each object's reader has its own place.
 class Medium_Reader {
 public:
-  /// Null with the reason: no such file, not a medium, another family than `family` (0: any).
-  static std::unique_ptr<Medium_Reader> open(const std::string& path, unsigned family, std::string& error);
+  /// Null with the reason: no such file, not a medium, another family than `family` (0: any). Of an encrypted set,
+  /// `cipher` opens the objects; without it the structure can be walked, where objects are known by ordinal.
+  static std::unique_ptr<Medium_Reader> open(const std::string& path, unsigned family, std::string& error,
+                                             const Set_Cipher_ptr& cipher = nullptr);
   virtual ~Medium_Reader() = default;
 
   /// A reader for the object whose FILE block lies at `offset`. Null with the reason when there is none there.
@@ -66,6 +70,6 @@ public:
   /// checked. False when the medium cannot be read at all.
   virtual bool walk(bool content, const std::function<bool(const Medium_Finding&)>& found, std::string& error) = 0;
   /// Whether the medium ends as a finished one does.
-  virtual bool complete(std::string& error) = 0;
+  virtual bool complete(std::string& error) const = 0;
   virtual unsigned long long size() const = 0;
 };

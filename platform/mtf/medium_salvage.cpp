@@ -14,7 +14,7 @@ using namespace MTF_Format;
 namespace {
 
 /// Puts filemark, end of set and filemark behind the last whole block.
-bool end_set(const std::string& path, const Medium_Set& set, const Medium_Walker::Data_End& end,
+bool end_set(const std::string& path, const Medium_Set& set, const Set_Cipher_ptr& cipher, const Medium_Walker::Data_End& end,
              unsigned long long& size, std::string& error) {
   std::vector<uint64_t> filemarks{1};
   std::string bytes, block;
@@ -24,6 +24,7 @@ bool end_set(const std::string& path, const Medium_Set& set, const Medium_Walker
   Medium_Identity identity;
   identity.incremental = set.incremental;
   identity.write_date = set.write_date;
+  identity.cipher = cipher;
   make_set_end(block, identity, end.totals, place + 1, static_cast<uint32_t>(end.control_id));
   bytes += block;
   block.clear();
@@ -51,13 +52,14 @@ bool end_set(const std::string& path, const Medium_Set& set, const Medium_Walker
 
 } // namespace
 
-bool salvage_medium(const std::string& path, const std::function<bool(const Medium_Finding&)>& object,
-                    Salvaged_Medium& medium, std::string& error) {
+bool salvage_medium(const std::string& path, const Set_Cipher_ptr& cipher,
+                    const std::function<bool(const Medium_Finding&)>& object, Salvaged_Medium& medium,
+                    std::string& error) {
   medium = Salvaged_Medium();
   if (!read_medium_set(path, medium.set, error))
     return false;
   try {
-    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);
+    const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error, cipher);
     if (!source)
       return false;
     bool taken = true;
@@ -81,7 +83,7 @@ bool salvage_medium(const std::string& path, const std::function<bool(const Medi
       error = path + " holds no whole block";
       return false;
     }
-    return end.finished || end_set(path, medium.set, end, medium.size, error);
+    return end.finished || end_set(path, medium.set, cipher, end, medium.size, error);
   } catch (const std::bad_alloc&) {
     error = "no memory to read " + path;
     return false;

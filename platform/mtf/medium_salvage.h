@@ -16,5 +16,7 @@ struct Salvaged_Medium {
 /// it stops, and fails). What lies behind the last whole block is cut off, and a set without an end gets one, so that
 /// the medium is a valid one from then on; what is valid already stays as it is. Done again after a crash in between it
 /// comes to the same. False with the reason when nothing can be made of it.
-bool salvage_medium(const std::string& path, const std::function<bool(const Medium_Finding&)>& object,
-                    Salvaged_Medium& medium, std::string& error);
+/// `cipher`: of an encrypted set.
+bool salvage_medium(const std::string& path, const Set_Cipher_ptr& cipher,
+                    const std::function<bool(const Medium_Finding&)>& object, Salvaged_Medium& medium,
+                    std::string& error);

@@ -1,5 +1,7 @@
 #include "platform/mtf/medium_source.h"
 
+#include "platform/mtf/sealed_stream.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -14,8 +16,10 @@ Medium_Source::~Medium_Source() {
     ::close(fd_);
 }
 
-std::shared_ptr<Medium_Source> Medium_Source::open(const std::string& path, std::string& error) {
+std::shared_ptr<Medium_Source> Medium_Source::open(const std::string& path, std::string& error,
+                                                   const Set_Cipher_ptr& cipher) {
   auto source = std::make_shared<Medium_Source>();
+  source->cipher_ = cipher;
   source->path_ = path;
   source->fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat status;
@@ -177,8 +181,8 @@ std::string name_in_block(const unsigned char* block, size_t size, unsigned fiel
 namespace {
 
 /// Reads the head stream that should begin at `offset`.
-bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& start, uint64_t& check,
-               Medium_Stream& stream, std::string& error) {
+bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& start, Medium_Stream& stream,
+               std::string& error) {
   if (!read_stream(window, offset, stream, error))
     return false;
   if (stream.header.id != OBSH || stream.header.length > 64 * 1024) {
@@ -191,7 +195,13 @@ bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& s
     error = window.error();
     return false;
   }
-  return parse_object_head(data, length, start.head, check, error);
+  start.head_end = stream.data() + length;
+  if (!parse_object_head(data, length, window.source().cipher(), start.head, start.stream, error))
+    return false;
+  if (start.stream.sealed || window.source().cipher() == nullptr)
+    return true;
+  error = "the object is not encrypted, and its set is: it was not written with it";
+  return false;
 }
 
 /// Goes over the attributes stream, which stands where the content was looked for. Damage inside it costs the
@@ -199,13 +209,22 @@ bool read_head(Medium_Window& window, unsigned long long offset, Object_Start& s
 bool skip_attributes(Medium_Window& window, Object_Start& start, std::string& error) {
   start.attributes = start.content;
   const uint64_t length = start.attributes.header.length;
-  const unsigned char* const data =
-      length > MAX_ATTRIBUTES_STREAM ? nullptr : window.at(start.attributes.data(), static_cast<size_t>(length));
+  const unsigned char* const data = length > MAX_ATTRIBUTES_STREAM + SEALED_OVERHEAD
+                                        ? nullptr
+                                        : window.at(start.attributes.data(), static_cast<size_t>(length));
+  const std::string_view bytes(reinterpret_cast<const char*>(data), data == nullptr ? 0 : static_cast<size_t>(length));
+  std::string plain;
+  std::string_view opened;
+  start.attributes_problem.clear();
   if (data == nullptr)
-    start.attributes_problem = length > MAX_ATTRIBUTES_STREAM ? "the attributes stream is too long" : window.error();
-  else if (parse_attributes(data, static_cast<size_t>(length), start.head, error))
-    start.attributes_problem.clear();
-  else
+    start.attributes_problem =
+        length > MAX_ATTRIBUTES_STREAM + SEALED_OVERHEAD ? "the attributes stream is too long" : window.error();
+  else if (start.stream.sealed && !start.stream.opened) {
+    if (!sealed_stream_holds(bytes, error))
+      start.attributes_problem = error;
+  } else if (!open_private_stream(OBSA, start.stream.sealed ? &start.stream.seal : nullptr, bytes, plain, opened,
+                                  error) ||
+             !parse_attributes(bytes_of(opened), opened.size(), start.head, error))
     start.attributes_problem = error;
   return read_stream(window, start.attributes.next(), start.content, error);
 }
@@ -215,7 +234,6 @@ bool skip_attributes(Medium_Window& window, Object_Start& start, std::string& er
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error) {
   Dblk_Header header;
   Medium_Stream stream;
-  uint64_t check = 0;
   start = Object_Start();
   start.block_holds = read_block(window, offset, header, error);
   if (start.block_holds && header.type != FILE_) {
@@ -223,16 +241,16 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
     return false;
   }
   if (start.block_holds) {
-    if (!read_head(window, offset + header.first_event, start, check, stream, error))
+    if (!read_head(window, offset + header.first_event, start, stream, error))
       return false;
     const unsigned char* block = window.at(offset, header.first_event);
-    start.block_holds = block != nullptr && block_check(block, header.first_event) == check;
+    start.block_holds = block != nullptr && block_check(block, header.first_event) == start.stream.block_check;
   } else {
     // The block does not tell where its streams begin: the first whole head stream inside the FLB is this object's.
     const std::string reason = error;
     bool found = false;
     for (unsigned at = FILE_FIXED; at <= MAX_FIRST_EVENT && !found; at += STREAM_ALIGNMENT)
-      found = read_head(window, offset + at, start, check, stream, error);
+      found = read_head(window, offset + at, start, stream, error);
     if (!found) {
       error = reason;
       return false;
@@ -240,9 +258,14 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
   }
   if (!read_stream(window, stream.next(), start.content, error))
     return false;
-  if (start.content.header.id == OBSA && !skip_attributes(window, start, error))
-    return false;
-  if (start.content.header.id != STAN && start.content.header.id != OBSZ) {
+  if (start.content.header.id == OBSA) {
+    if (!skip_attributes(window, start, error))
+      return false;
+  } else if (start.stream.attributes) {
+    start.attributes_problem = "the attributes stream was taken out";
+  }
+  const uint32_t content = start.content.header.id;
+  if (start.stream.sealed ? content != OBSX : content != STAN && content != OBSZ) {
     error = "a stream " + four_text(start.content.header.id) + " stands where the content belongs";
     return false;
   }
@@ -254,8 +277,8 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
   return true;
 }
 
-bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Head& head, Object_Digest& digest,
-                     unsigned long long& end, std::string& error) {
+bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Start& start, Object_End& end,
+                     std::string& error) {
   Medium_Stream stream;
   if (!read_stream(window, offset, stream, error))
     return false;
@@ -269,16 +292,27 @@ bool read_object_end(Medium_Window& window, unsigned long long offset, const Obj
     error = window.error();
     return false;
   }
-  if (!digest.parse(data, length, error))
-    return false;
-  if (digest.size != head.size || digest.ordinal != head.ordinal) {
-    error = "the digest stream belongs to another object";
-    return false;
+  end.digest_end = stream.data() + length;
+  const std::string_view bytes(reinterpret_cast<const char*>(data), length);
+  if (start.stream.sealed && !start.stream.opened) {
+    end.digest = Object_Digest();
+    if (!sealed_stream_holds(bytes, error))
+      return false;
+  } else {
+    std::string plain;
+    std::string_view opened;
+    if (!open_private_stream(OBSD, start.stream.sealed ? &start.stream.seal : nullptr, bytes, plain, opened, error) ||
+        !end.digest.parse(bytes_of(opened), opened.size(), error))
+      return false;
+    if (end.digest.size != start.head.size || end.digest.ordinal != start.head.ordinal) {
+      error = "the digest stream belongs to another object";
+      return false;
+    }
   }
   if (!read_stream(window, stream.next(), stream, error))
     return false;
-  end = stream.data() + stream.header.length;
-  if (stream.header.id != SPAD || end % FLB != 0 || stream.header.length >= FLB) {
+  end.end = stream.data() + stream.header.length;
+  if (stream.header.id != SPAD || end.end % FLB != 0 || stream.header.length >= FLB) {
     error = "the object does not end with padding to a block boundary";
     return false;
   }

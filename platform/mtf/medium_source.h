@@ -12,17 +12,20 @@
 class Medium_Source {
 public:
   ~Medium_Source();
-  /// Null with the reason.
-  static std::shared_ptr<Medium_Source> open(const std::string& path, std::string& error);
+  /// Null with the reason. `cipher`: of the set, when it is encrypted and its key is known.
+  static std::shared_ptr<Medium_Source> open(const std::string& path, std::string& error,
+                                             const Set_Cipher_ptr& cipher = nullptr);
   /// Fills `size` bytes from `offset`. False with the reason; what lies behind the end is a failure too.
   bool read(unsigned long long offset, unsigned char* buffer, size_t size, std::string& error) const;
   unsigned long long size() const { return size_; }
   const std::string& path() const { return path_; }
+  const Set_Cipher* cipher() const { return cipher_.get(); }
 
 private:
   int fd_ = -1;
   unsigned long long size_ = 0;
   std::string path_;
+  Set_Cipher_ptr cipher_;
 };
 
 /// A piece of a medium in memory that moves on with what is asked for. One thread.
@@ -70,14 +73,22 @@ std::string name_in_block(const unsigned char* block, size_t size, unsigned fiel
 /// What stands in front of an object's content.
 struct Object_Start {
   Object_Head head;
-  Medium_Stream attributes; ///< OBSA; its offset is 0 where the object has none
-  std::string attributes_problem; ///< why they cannot be read; empty: they can, or there are none
-  Medium_Stream content;   ///< STAN, or the first OBSZ
+  Head_Stream stream;
+  unsigned long long head_end = 0; ///< behind the head stream's data
+  Medium_Stream attributes;        ///< OBSA; its offset is 0 where the object has none
+  std::string attributes_problem;  ///< why they cannot be read; empty: they can, or there are none
+  Medium_Stream content;           ///< STAN, or the first OBSZ or OBSX
   bool block_holds = true; ///< the FILE block matches the check in the head stream
 };
 /// Reads FILE block and head stream. When the block itself is damaged the head stream is looked for behind it.
 /// False with the reason.
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error);
-/// Reads the digest stream at `offset`, compares it with `head`, and finds the end of the object's streams.
-bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Head& head, Object_Digest& digest,
-                     unsigned long long& end, std::string& error);
+/// What stands behind an object's content.
+struct Object_End {
+  Object_Digest digest; ///< empty when the object is encrypted and its key is not known
+  unsigned long long digest_end = 0; ///< behind the digest stream's data
+  unsigned long long end = 0;        ///< where the next block begins
+};
+/// Reads the digest stream at `offset`, compares it with the head, and finds the end of the object's streams.
+bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Start& start, Object_End& end,
+                     std::string& error);

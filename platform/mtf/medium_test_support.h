@@ -89,6 +89,14 @@ inline Medium_Identity test_identity() {
   return identity;
 }
 
+/// The cipher of a set, always another one.
+inline Set_Cipher_ptr test_cipher() {
+  Secret_Key key;
+  std::string error;
+  key.data()[0] = 7;
+  return Set_Cipher::make(key, test_identity().set_uuid, error);
+}
+
 inline Object_Head test_head(const Test_Object& object, unsigned long long ordinal) {
   Object_Head head;
   head.path = "bucket/" + object.key;
@@ -132,7 +140,9 @@ inline std::vector<Stored_Object> write_medium(const std::string& path, const st
   std::vector<Stored_Object> places;
   std::string error;
   ::unlink(path.c_str());
-  const auto writer = Medium_Writer::create(path, test_identity(), error);
+  Medium_Identity identity = test_identity();
+  identity.cipher = codec.cipher;
+  const auto writer = Medium_Writer::create(path, identity, error);
   EXPECT_TRUE(writer) << error;
   if (!writer)
     return places;
@@ -155,7 +165,8 @@ inline Read_Outcome read_all(Object_Reader& reader, std::string& content, size_t
   }
 }
 
-inline std::vector<Media_Problem> problems_of(const std::string& path, Media_Figures* figures = nullptr) {
+inline std::vector<Media_Problem> problems_of(const std::string& path, Media_Figures* figures = nullptr,
+                                              const Set_Cipher_ptr& cipher = nullptr) {
   std::vector<Media_Problem> problems;
   Media_Figures own;
   std::string error;
@@ -165,7 +176,7 @@ inline std::vector<Media_Problem> problems_of(const std::string& path, Media_Fig
         problems.push_back(problem);
         return true;
       },
-      own, error))
+      own, error, cipher))
       << error;
   if (figures != nullptr)
     *figures = own;
@@ -174,9 +185,9 @@ inline std::vector<Media_Problem> problems_of(const std::string& path, Media_Fig
 
 /// Every object comes back as it was, and the strict check finds nothing.
 inline void expect_round_trip(const std::string& path, const std::vector<Test_Object>& objects,
-                              const std::vector<Stored_Object>& places) {
+                              const std::vector<Stored_Object>& places, const Set_Cipher_ptr& cipher = nullptr) {
   std::string error;
-  const auto reader = Medium_Reader::open(path, 0x12345678, error);
+  const auto reader = Medium_Reader::open(path, 0x12345678, error, cipher);
   ASSERT_TRUE(reader) << error;
   EXPECT_TRUE(reader->complete(error)) << error;
   ASSERT_EQ(places.size(), objects.size());
@@ -196,7 +207,7 @@ inline void expect_round_trip(const std::string& path, const std::vector<Test_Ob
               std::string(places[i].sha256, places[i].sha256 + 32));
   }
   Media_Figures figures;
-  for (const Media_Problem& problem : problems_of(path, &figures))
+  for (const Media_Problem& problem : problems_of(path, &figures, cipher))
     ADD_FAILURE() << problem.offset << ": " << problem.message;
   EXPECT_EQ(figures.objects, objects.size());
 }

@@ -3,6 +3,8 @@
 #include "platform/mtf/medium_object.h"
 #include "platform/mtf/set_copy.h"
 
+#include <xxhash.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -137,10 +139,13 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
     const size_t length = static_cast<size_t>(std::min<uint64_t>(stream.header.length, 64 * 1024));
     const unsigned char* data = window_.at(stream.data(), length);
     Medium_Self self;
+    Medium_Key key;
     Medium_Totals totals;
     bool good = data != nullptr;
     if (good && stream.header.id == OBSI)
       good = self.parse(data, length);
+    else if (good && stream.header.id == OBSK)
+      good = key.parse(data, length);
     else if (good && stream.header.id == OBSN)
       good = parse_directory_path(data, length, directory_);
     else if (good && stream.header.id == OBST) {
@@ -167,39 +172,57 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
 }
 
 /// Goes over all streams behind the head without looking at the content.
-bool Medium_Walker::object_streams(const Object_Start& start, Object_Digest& digest) {
+bool Medium_Walker::object_streams(const Object_Start& start, Object_End& end) {
   Medium_Stream stream = start.content;
+  const uint32_t kind = stream.header.id;
+  const bool blind = start.stream.sealed && !start.stream.opened;
   uint32_t sequence = 0;
-  while (stream.header.id == OBSZ) {
+  plain_ = 0;
+  while (kind != STAN) {
     Frame frame;
     const unsigned char* data = stream.header.length < FRAME_HEADER ? nullptr : window_.at(stream.data(), FRAME_HEADER);
     if (data == nullptr || !frame.parse(data, reason_) || frame.sequence != sequence++ ||
-        stream.header.length != FRAME_HEADER + frame.stored) {
+        frame.sealed != (kind == OBSX) || stream.header.length != FRAME_HEADER + frame.behind()) {
       reason_ = "the frame header at " + std::to_string(stream.data()) + " is damaged";
       return false;
     }
+    plain_ += frame.plain;
+    if (blind && content_ && !sealed_content(stream, frame))
+      return false;
     if ((stream.header.format_attributes & STREAM_VARIABLE_END) != 0)
       break;
     check_zero(stream.data() + stream.header.length, stream.next());
     if (!read_stream(window_, stream.next(), stream, reason_))
       return false;
-    if (stream.header.id != OBSZ) {
+    if (stream.header.id != kind) {
       reason_ = "a stream " + four_text(stream.header.id) + " stands where a frame belongs";
       return false;
     }
   }
   check_zero(stream.data() + stream.header.length, stream.next());
-  if (!read_object_end(window_, stream.next(), start.head, digest, next_, reason_))
+  if (!read_object_end(window_, stream.next(), start, end, reason_))
     return false;
-  const unsigned long long digest_end =
-      stream.next() + STREAM_HEADER + DIGEST_FIXED + CHECK * (digest.chunks.size() + 1);
-  const unsigned long long spad = (digest_end + 3) / 4 * 4;
-  check_zero(digest_end, spad);
+  next_ = end.end;
+  const unsigned long long spad = (end.digest_end + 3) / 4 * 4;
+  check_zero(end.digest_end, spad);
   check_zero(spad + STREAM_HEADER, next_);
   return true;
 }
 
-bool Medium_Walker::check_content(const Object_Head& head) {
+/// All that can be said of an encrypted frame without its key: that it is as it was written.
+bool Medium_Walker::sealed_content(const Medium_Stream& stream, const Frame& frame) {
+  const unsigned char* data = window_.at(stream.data(), FRAME_HEADER + frame.behind());
+  if (data != nullptr && XXH3_64bits(data + FRAME_HEADER, frame.behind()) == frame.stored_check)
+    return true;
+  reason_ = data == nullptr ? window_.error()
+                            : "the frame at " + std::to_string(stream.offset) + " does not match its check";
+  return false;
+}
+
+bool Medium_Walker::check_content(const Object_Start& start) {
+  if (start.stream.sealed && !start.stream.opened)
+    return true;
+  const Object_Head& head = start.head;
   Medium_Object reader(source_);
   std::string reason;
   if (!reader.open(at_, reason)) {
@@ -239,17 +262,18 @@ bool Medium_Walker::object() {
   }
   head_ = start.head;
   object_name_ = head_.path;
-  Object_Digest digest;
+  Object_End end;
   Dblk_Header header;
   std::string ignored;
   if (!start.attributes_problem.empty())
-    damage(start.attributes.offset, start.content.offset - start.attributes.offset,
+    damage(start.attributes.offset == 0 ? start.content.offset : start.attributes.offset,
+           start.attributes.offset == 0 ? 0 : start.content.offset - start.attributes.offset,
            start.attributes_problem + "; its content is not affected");
   if (start.attributes.offset != 0)
     check_zero(start.attributes.data() + start.attributes.header.length, start.content.offset);
   if (!start.block_holds)
     damage(at_, FLB, "its FILE block is damaged; its content is not affected");
-  if (!object_streams(start, digest))
+  if (!object_streams(start, end))
     return false;
   if (read_block(window_, at_, header, ignored) && start.block_holds) {
     const unsigned char* block = window_.at(at_, header.first_event);
@@ -261,23 +285,23 @@ bool Medium_Walker::object() {
     directory_id_ = directory;
     numbered(header);
     // Between the head stream and the content.
-    const unsigned long long head_end =
-        at_ + header.first_event + STREAM_HEADER + HEAD_FIXED + head_.path.size() + CHECK;
-    check_zero(head_end, start.attributes.offset != 0 ? start.attributes.offset : start.content.offset);
+    check_zero(start.head_end, start.attributes.offset != 0 ? start.attributes.offset : start.content.offset);
   } else {
     ++control_id_;
     ++file_id_;
   }
   ++totals_.objects;
+  if (start.stream.sealed && !start.stream.opened)
+    head_.size = plain_;
   totals_.bytes += head_.size;
-  if (content_ && !stopped_ && !check_content(head_))
+  if (content_ && !stopped_ && !check_content(start))
     return true;
   Medium_Finding finding;
   finding.offset = at_;
   finding.length = next_ - at_;
   finding.head = head_;
   finding.attributes_lost = !start.attributes_problem.empty();
-  std::memcpy(finding.sha256, digest.sha256, sizeof finding.sha256);
+  std::memcpy(finding.sha256, end.digest.sha256, sizeof finding.sha256);
   tell(finding);
   return true;
 }

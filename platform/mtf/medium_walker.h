@@ -31,8 +31,9 @@ private:
   bool filemark();
   bool descriptor(const Dblk_Header& header);
   bool object();
-  bool object_streams(const Object_Start& start, Object_Digest& digest);
-  bool check_content(const Object_Head& head);
+  bool object_streams(const Object_Start& start, Object_End& end);
+  bool sealed_content(const Medium_Stream& stream, const Frame& frame);
+  bool check_content(const Object_Start& start);
   bool in_order(uint32_t type);
   void numbered(const Dblk_Header& header);
   void check_zero(unsigned long long offset, unsigned long long end);
@@ -52,6 +53,7 @@ private:
   std::string object_name_; ///< of the object at `at_`, as far as it is known
   std::string directory_;
   Object_Head head_;
+  uint64_t plain_ = 0; ///< bytes of content that the frames of the object at `at_` announce
   bool in_step_ = true;     ///< nothing was left out since the last block: numbers must follow
   uint64_t control_id_ = 0; ///< of the next block
   uint64_t directory_id_ = 0;

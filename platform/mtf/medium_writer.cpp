@@ -3,6 +3,7 @@
 #include "platform/mtf/codec.h"
 #include "platform/mtf/medium_blocks.h"
 #include "platform/mtf/medium_writer_file.h"
+#include "platform/mtf/sealed_frames.h"
 #include "platform/mtf/set_copy.h"
 
 #include <algorithm>
@@ -37,6 +38,8 @@ private:
     bool decided = false;        ///< plain or frames: known with the first chunk
     bool plain = false;
     std::unique_ptr<Frame_Writer> frames;
+    Object_Seal seal;                      ///< of an encrypted set
+    std::unique_ptr<Sealed_Frames> sealed; ///< null: not encrypted
   };
 
   bool ready();
@@ -48,6 +51,8 @@ private:
   bool put_directory(const std::string& path);
   bool next_place(Object_Place& place);
   bool put_chunk();
+  bool put_sealed_chunk();
+  bool good_cipher(const Set_Cipher_ptr& cipher);
   bool put_plain_header();
 
   Medium_Writer_File file_;
@@ -97,20 +102,22 @@ bool File_Medium_Writer::put_filemark() {
 
 bool File_Medium_Writer::create(const std::string& path, const Medium_Identity& identity) {
   identity_ = identity;
+  if (identity_.cipher)
+    identity_.set_name = identity_.description = std::string();
   if (!file_.create(path))
     return false;
-  make_tape(scratch_, identity);
+  make_tape(scratch_, identity_);
   if (!put(scratch_) || !put_filemark())
     return false;
   scratch_.clear();
-  make_set_start(scratch_, identity);
+  make_set_start(scratch_, identity_);
   if (!put(scratch_))
     return false;
   uint32_t id = 0;
   scratch_.clear();
   if (!next_control_id(id))
     return false;
-  make_volume(scratch_, identity, id);
+  make_volume(scratch_, identity_, id);
   return put(scratch_) && put_directory(std::string());
 }
 
@@ -129,7 +136,8 @@ bool File_Medium_Writer::set_directory(const std::string& path) {
     return false;
   if (open_)
     return fail("a directory cannot begin inside an object");
-  if (path == directory_)
+  // The folders of an encrypted set are nobody's business: all its objects lie in the root.
+  if (path == directory_ || identity_.cipher)
     return true;
   size_t shared = 0;
   for (size_t i = 0; i < path.size() && i < directory_.size() && path[i] == directory_[i]; ++i)
@@ -157,8 +165,13 @@ bool File_Medium_Writer::next_place(Object_Place& place) {
   return true;
 }
 
+/// What is to be encrypted must never reach a medium otherwise, nor under another set's key.
+bool File_Medium_Writer::good_cipher(const Set_Cipher_ptr& cipher) {
+  return cipher == identity_.cipher || fail("an object came that was not encrypted as its medium is");
+}
+
 bool File_Medium_Writer::append(Object_Image& image, Stored_Object& stored) {
-  if (!ready())
+  if (!ready() || !good_cipher(image.cipher()))
     return false;
   if (open_)
     return fail("an object cannot be appended inside another");
@@ -179,7 +192,7 @@ bool File_Medium_Writer::append(Object_Image& image, Stored_Object& stored) {
 }
 
 bool File_Medium_Writer::begin_object(const Object_Head& head, const Codec_Options& codec) {
-  if (!ready())
+  if (!ready() || !good_cipher(codec.cipher))
     return false;
   std::string missing;
   if (open_)
@@ -190,23 +203,28 @@ bool File_Medium_Writer::begin_object(const Object_Head& head, const Codec_Optio
     return fail("\"" + head.path + "\" is larger than a medium can check");
   if (!digest_.begin())
     return fail("the SHA-256 digest cannot be set up");
+  object_ = Open_Object();
+  if (codec.cipher && !codec.cipher->new_object(head.ordinal, object_.seal))
+    return fail("no key can be made for \"" + head.path + "\": the cryptographic library failed");
   Object_Place place;
   if (!next_place(place))
     return false;
-  object_ = Open_Object();
   object_.head = head;
   object_.offset = file_.size();
-  object_.frames = std::make_unique<Frame_Writer>(codec, head.size);
+  if (codec.cipher)
+    object_.sealed = std::make_unique<Sealed_Frames>(codec, head.size, object_.seal);
+  else
+    object_.frames = std::make_unique<Frame_Writer>(codec, head.size);
   chunk_.clear();
   scratch_.clear();
-  append_object_head(scratch_, head);
+  append_object_head(scratch_, head, codec.cipher ? &object_.seal : nullptr);
   place_object(bytes_at(scratch_, 0), place);
   pad_to(scratch_, STREAM_ALIGNMENT);
-  append_attributes(scratch_, head);
+  append_attributes(scratch_, head, codec.cipher ? &object_.seal : nullptr);
   open_ = true;
   if (!put(scratch_))
     return false;
-  if (!object_.frames->wanted()) {
+  if (object_.frames && !object_.frames->wanted()) {
     object_.decided = object_.plain = true;
     return put_plain_header();
   }
@@ -219,9 +237,18 @@ bool File_Medium_Writer::put_plain_header() {
   return put(scratch_);
 }
 
+bool File_Medium_Writer::put_sealed_chunk() {
+  if (!object_.sealed->append(scratch_, chunk_.data(), chunk_.size()))
+    return fail("\"" + object_.head.path + "\" cannot be encrypted: memory is short or the cryptographic library failed");
+  chunk_.clear();
+  return put(scratch_);
+}
+
 // The first chunk decides, by what it saves, how the whole object is stored.
 bool File_Medium_Writer::put_chunk() {
   scratch_.clear();
+  if (object_.sealed)
+    return put_sealed_chunk();
   if (!object_.frames->append(scratch_, chunk_.data(), chunk_.size(), digest_.chunks().back()))
     return fail("no memory to compress \"" + object_.head.path + "\"");
   if (!object_.decided) {
@@ -271,13 +298,13 @@ bool File_Medium_Writer::end_object(Stored_Object& stored) {
     return false;
   }
   digest_.finish(stored.sha256);
-  if (!chunk_.empty() && !put_chunk())
+  if ((!chunk_.empty() || (object_.sealed && object_.head.size == 0)) && !put_chunk())
     return false;
   scratch_.assign(static_cast<size_t>((STREAM_ALIGNMENT - file_.size() % STREAM_ALIGNMENT) % STREAM_ALIGNMENT), '\0');
   if (!put(scratch_))
     return false;
   scratch_.clear();
-  append_digest(scratch_, object_.head, stored.sha256, digest_.chunks());
+  append_digest(scratch_, object_.head, stored.sha256, digest_.chunks(), object_.sealed ? &object_.seal : nullptr);
   append_spad(scratch_, file_.size());
   if (!put(scratch_))
     return false;

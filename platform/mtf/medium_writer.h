@@ -18,6 +18,8 @@ struct Medium_Identity {
   std::string machine;
   bool incremental = false;
   long long write_date = 0; ///< seconds since the epoch
+  /// Of an encrypted set: its medium tells neither names nor folders, and takes objects of this cipher only.
+  Set_Cipher_ptr cipher;
 };
 
 /// Where an object lies and what was stored of it.

@@ -1,7 +1,7 @@
 #include "platform/mtf/merge.h"
 
 #include "platform/catalog/catalog_moves.h"
-#include "platform/catalog/catalog_reader.h"
+#include "platform/catalog/open_catalog.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/medium_writer.h"
 #include "platform/mtf/partial_sets.h"
@@ -69,7 +69,7 @@ private:
       partial[record.uuid] = std::move(record);
     const std::vector<std::pair<std::string, Set_Record>> given(absorbed_.begin(), absorbed_.end());
     for (const auto& [uuid, record] : given) {
-      const auto catalog = Catalog_Reader::open(pool_.set_folder(record.uri), error);
+      const auto catalog = open_set_catalog(pool_, record, error);
       if (!catalog)
         return false;
       for (const Catalog_Set& set : catalog->sets())
@@ -82,8 +82,10 @@ private:
   bool begin(std::string& error) {
     uri_ = place_ + "/" + options_.uuid;
     folder_ = pool_.set_folder(uri_);
-    if (!pool_.make_set_folder(uri_, lock_, error) || !write_durable_file(folder_, MERGE_MARK, "", error) ||
-        !copy_catalog(pool_.set_folder(newest_.uri), folder_, catalog_, error))
+    Set_Cipher_ptr newest;
+    if (!make_set_cipher(pool_, options_.uuid, cipher_, error) || !open_set_cipher(pool_, newest_, newest, error) ||
+        !pool_.make_set_folder(uri_, lock_, error) || !write_durable_file(folder_, MERGE_MARK, "", error) ||
+        !copy_catalog(pool_.set_folder(newest_.uri), folder_, catalog_, error, newest, cipher_))
       return false;
     moves_ = Catalog_Moves::make(catalog_, error);
     return moves_ && catalog_.execute("CREATE TEMP TABLE live(old INTEGER, channel INTEGER, position INTEGER,"
@@ -94,7 +96,7 @@ private:
 
   /// The rows of one catalog that lie in what goes. Of rows with the same data the first stays.
   bool add_live(const Set_Record& record, bool own, std::string& error) {
-    const auto catalog = Catalog_Reader::open(pool_.set_folder(record.uri), error);
+    const auto catalog = open_set_catalog(pool_, record, error);
     if (!catalog)
       return false;
     std::map<unsigned, unsigned> places; // by index in that catalog
@@ -160,6 +162,7 @@ private:
       identity.machine = newest_.host;
       identity.incremental = newest_.type == "incremental";
       identity.write_date = Clock::instance().now();
+      identity.cipher = cipher_;
       auto medium = Medium_Writer::create(folder_ + "/" + medium_name(i), identity, error);
       if (!medium)
         return false;
@@ -222,7 +225,10 @@ private:
     for (const Set_Record::Medium& medium : record.media)
       if (medium.name == medium_name(channel))
         family = medium.family;
-    return Medium_Reader::open(pool_.set_folder(record.uri) + "/" + medium_name(channel), family, error);
+    Set_Cipher_ptr cipher;
+    if (!open_set_cipher(pool_, record, cipher, error))
+      return nullptr;
+    return Medium_Reader::open(pool_.set_folder(record.uri) + "/" + medium_name(channel), family, error, cipher);
   }
 
   /// Copies one object. Damage is counted; false when the new set cannot be written.
@@ -252,6 +258,7 @@ private:
       head.ordinal = o.ordinal;
       head.seq = newest_.seq;
       Codec_Options codec;
+      codec.cipher = cipher_;
       // What was worth compressing once is so again.
       if (o.stored < o.size)
         codec.compression = MTF_COMPRESSION_ZSTD;
@@ -297,7 +304,10 @@ private:
 
   bool end(std::string& error) {
     for (const auto& [uuid, record] : absorbed_) {
-      const auto earlier = Catalog_Moves::open(pool_.set_folder(record.uri), error);
+      Set_Cipher_ptr cipher;
+      if (!open_set_cipher(pool_, record, cipher, error))
+        return false;
+      const auto earlier = Catalog_Moves::open(pool_.set_folder(record.uri), error, cipher);
       if (!earlier && !error.empty())
         return false;
       if (earlier && !moves_->add_earlier(uuid, *earlier)) {
@@ -332,7 +342,7 @@ private:
 
   /// The merged set is what the newest one was, only that its data lie in it.
   bool make_record(std::string& error) {
-    const auto catalog = Catalog_Reader::open(folder_, error);
+    const auto catalog = Catalog_Reader::open(folder_, error, cipher_);
     if (!catalog)
       return false;
     Set_Record& record = report_.record;
@@ -368,7 +378,7 @@ private:
     record.figures["continued"] = 0;
     record.figures["bytes_read"] = 0;
     record.figures["bytes_stored"] = catalog->counts().stored;
-    return true;
+    return seal_record(cipher_, record, error);
   }
 
   const Pool& pool_;
@@ -382,7 +392,8 @@ private:
   Set_Lock lock_;
   unsigned family_ = 0;
   unsigned long long last_ordinal_ = 0;
-  Catalog_Db catalog_; ///< of the merged set; `moves_` works on it
+  Set_Cipher_ptr cipher_; ///< of the merged set
+  Catalog_Db catalog_;    ///< of the merged set; `moves_` works on it
   std::unique_ptr<Catalog_Moves> moves_;
   std::vector<std::unique_ptr<Medium_Writer>> media_;
   std::vector<std::string> folders_; ///< by medium, of the object written last
@@ -394,7 +405,10 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
   const std::string folder = pool.set_folder(record.uri), work = folder + "/" + WORK_FOLDER;
   std::error_code code;
   fs::remove_all(work, code);
-  const auto moves = Catalog_Moves::open(pool.set_folder(merged.uri), error);
+  Set_Cipher_ptr cipher, merged_cipher;
+  if (!open_set_cipher(pool, record, cipher, error) || !open_set_cipher(pool, merged, merged_cipher, error))
+    return false;
+  const auto moves = Catalog_Moves::open(pool.set_folder(merged.uri), error, merged_cipher);
   if (!moves) {
     if (error.empty())
       error = "the catalog of the merged set " + merged.uuid + " does not say where its data came from";
@@ -405,7 +419,7 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
     error = "cannot make folder " + work + ": " + std::strerror(errno);
   if (done) {
     Catalog_Db db;
-    done = copy_catalog(folder, work, db, error) &&
+    done = copy_catalog(folder, work, db, error, cipher, cipher) &&
            relink_catalog(db, *moves, {0, merged.uuid, merged.uri, merged.seq}, false, error) &&
            finish_catalog_copy(db, work, error);
   }
@@ -466,7 +480,7 @@ bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::
     for (const Set_Record& other : sets) {
       if (other.uuid == merged.uuid)
         continue;
-      const auto catalog = Catalog_Reader::open(pool.set_folder(other.uri), error);
+      const auto catalog = open_set_catalog(pool, other, error);
       if (!catalog)
         return false;
       const bool points = std::any_of(catalog->sets().begin(), catalog->sets().end(),

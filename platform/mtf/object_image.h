@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/crypto/set_cipher.h"
 #include "sdk/mtf/file_attributes.h"
 #include "sdk/mtf/mtf_backup.h"
 
@@ -25,6 +26,7 @@ enum Object_Flag : unsigned {
 struct Codec_Options {
   MTF_Compression compression = MTF_COMPRESSION_NONE;
   int level = 1;
+  Set_Cipher_ptr cipher = nullptr; ///< of an encrypted set; null: nothing is encrypted
 };
 
 /// An object made ready for a medium in memory: its FILE block with all streams, lacking only what depends on the
@@ -37,6 +39,8 @@ public:
 
   const Object_Head& head() const { return head_; }
   const unsigned char* sha256() const { return sha256_; }
+  /// What it was encrypted with; null: it was not.
+  const Set_Cipher_ptr& cipher() const { return cipher_; }
   std::string& bytes() { return bytes_; }
   /// Bytes of memory that the image holds.
   size_t footprint() const { return bytes_.capacity() + sizeof *this; }
@@ -44,5 +48,6 @@ public:
 private:
   Object_Head head_;
   unsigned char sha256_[32] = {};
+  Set_Cipher_ptr cipher_;
   std::string bytes_;
 };

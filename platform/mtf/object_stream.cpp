@@ -1,6 +1,7 @@
 #include "platform/mtf/object_stream.h"
 
 #include "platform/mtf/dblk_name.h"
+#include "platform/mtf/sealed_stream.h"
 #include "sdk/mtf/cat_blk.h"
 
 #include <xxhash.h>
@@ -13,6 +14,9 @@ using namespace MTF_Format;
 namespace {
 
 constexpr unsigned DIGEST_SHA256 = 1;
+constexpr unsigned char METHOD_SEALED = 128;
+constexpr unsigned HEAD_SALT = 16; ///< where the salt of an encrypted object stands
+static_assert(HEAD_SALT + Object_Seal::SALT == HEAD_BLOCK_CHECK);
 
 void put_check(unsigned char* data, size_t covered) {
   put64(data + covered, XXH3_64bits(data, covered));
@@ -21,9 +25,88 @@ bool check_holds(const unsigned char* data, size_t covered) {
   return get64(data + covered) == XXH3_64bits(data, covered);
 }
 
+constexpr uint32_t SEALED_HEAD_ATTRIBUTES = 1;
+
+bool has_attributes(const Object_Head& head) {
+  return !head.attributes.empty() && head.attributes.common.size() + head.attributes.own.size() <=
+                                         MAX_ATTRIBUTES_STREAM - ATTRIBUTES_FIXED - CHECK;
+}
+
+/// What the FILE block of an encrypted object, and a reader without the key, call it.
+std::string substitute_name(uint64_t ordinal) {
+  return "object-" + std::to_string(ordinal);
+}
+
+void append_sealed_head(std::string& out, const Object_Head& head, const Object_Seal& seal) {
+  const Dblk_Name name = file_name_field(substitute_name(head.ordinal));
+  Dblk_Builder block(out, FILE_, FILE_FIXED, STRINGS_UTF16);
+  block.string(84, name.utf16);
+  block.finish(0, 0);
+
+  const size_t size = SEALED_HEAD_FIXED + head.path.size();
+  append_stream_header(out, OBSH, STREAM_ENCRYPTED, HEAD_FIXED + size + AEAD_TAG + CHECK);
+  const size_t begin = out.size();
+  out.append(HEAD_FIXED + size + AEAD_TAG + CHECK, '\0');
+  unsigned char* const at = bytes_at(out, begin);
+  put16(at, SEALED_VERSION);
+  put32(at + 4, static_cast<uint32_t>(size));
+  put64(at + 8, head.ordinal);
+  std::memcpy(at + HEAD_SALT, seal.salt(), Object_Seal::SALT);
+  unsigned char* const plain = at + HEAD_FIXED;
+  put64(plain, head.size);
+  put64(plain + 8, static_cast<uint64_t>(head.mtime));
+  put32(plain + 16, head.seq);
+  put32(plain + 20, CHUNK);
+  put32(plain + 24, has_attributes(head) ? SEALED_HEAD_ATTRIBUTES : 0);
+  put32(plain + 28, head.flags);
+  std::copy(head.path.begin(), head.path.end(), plain + SEALED_HEAD_FIXED);
+  // The block's check comes later, with the place, and is no part of what is sealed.
+  if (!seal.seal(OBSH, 0, std::string_view(out.data() + begin, HEAD_BLOCK_CHECK), plain, size, plain, plain + size))
+    throw std::bad_alloc();
+}
+
+bool parse_sealed_head(const unsigned char* data, size_t size, const Set_Cipher* cipher, Object_Head& head,
+                       Head_Stream& stream, std::string& error) {
+  const size_t least = HEAD_FIXED + SEALED_HEAD_FIXED + AEAD_TAG + CHECK;
+  const size_t sealed = size < least ? 0 : size - HEAD_FIXED - AEAD_TAG - CHECK;
+  if (size < least || get32(data + 4) != sealed || get16(data + 2) != 0) {
+    error = "the head stream contradicts itself";
+    return false;
+  }
+  stream.sealed = true;
+  head = Object_Head();
+  head.ordinal = get64(data + 8);
+  if (cipher == nullptr) {
+    head.path = substitute_name(head.ordinal);
+    return true;
+  }
+  std::string plain(sealed, '\0');
+  if (!cipher->object(head.ordinal, data + HEAD_SALT, stream.seal) ||
+      !stream.seal.open(OBSH, 0, std::string_view(reinterpret_cast<const char*>(data), HEAD_BLOCK_CHECK),
+                        data + HEAD_FIXED, sealed, plain.data(), data + HEAD_FIXED + sealed)) {
+    error = "the head of " + substitute_name(head.ordinal) + " was not written with this set";
+    return false;
+  }
+  const unsigned char* const at = bytes_of(plain);
+  if (get32(at + 20) != CHUNK) {
+    error = "the head stream contradicts itself";
+    return false;
+  }
+  head.size = get64(at);
+  head.mtime = static_cast<long long>(get64(at + 8));
+  head.seq = get32(at + 16);
+  head.path.assign(plain, SEALED_HEAD_FIXED);
+  head.flags = get32(at + 28);
+  stream.attributes = (get32(at + 24) & SEALED_HEAD_ATTRIBUTES) != 0;
+  stream.opened = true;
+  return true;
+}
+
 } // namespace
 
-void append_object_head(std::string& out, const Object_Head& head) {
+void append_object_head(std::string& out, const Object_Head& head, const Object_Seal* seal) {
+  if (seal != nullptr)
+    return append_sealed_head(out, head, *seal);
   const size_t slash = head.path.rfind('/');
   const Dblk_Name name =
       file_name_field(std::string_view(head.path).substr(slash == std::string::npos ? 0 : slash + 1));
@@ -59,14 +142,19 @@ void place_object(unsigned char* block, const Object_Place& place) {
   const unsigned first = get16(block + 8);
   unsigned char* data = block + first + STREAM_HEADER;
   put64(data + HEAD_BLOCK_CHECK, block_check(block, first));
-  put_check(data, HEAD_FIXED + get32(data + 4));
+  put_check(data, HEAD_FIXED + get32(data + 4) + (get16(data) == SEALED_VERSION ? AEAD_TAG : 0));
 }
 
-bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head, uint64_t& check, std::string& error) {
+bool parse_object_head(const unsigned char* data, size_t size, const Set_Cipher* cipher, Object_Head& head,
+                       Head_Stream& stream, std::string& error) {
+  stream.sealed = stream.opened = stream.attributes = false;
   if (size < HEAD_FIXED + CHECK || !check_holds(data, size - CHECK)) {
     error = "the head stream does not match its check";
     return false;
   }
+  stream.block_check = get64(data + HEAD_BLOCK_CHECK);
+  if (get16(data) == SEALED_VERSION)
+    return parse_sealed_head(data, size, cipher, head, stream, error);
   if (get16(data) != STREAM_VERSION) {
     error = "the head stream has the unknown version " + std::to_string(get16(data));
     return false;
@@ -80,17 +168,16 @@ bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head
   head.mtime = static_cast<long long>(get64(data + 24));
   head.seq = get32(data + 32);
   head.flags = get16(data + 2);
-  check = get64(data + HEAD_BLOCK_CHECK);
   head.path.assign(reinterpret_cast<const char*>(data) + HEAD_FIXED, size - HEAD_FIXED - CHECK);
   return true;
 }
 
 // 0 version 2 | 2 zero 2 | 4 size of the common text 4 | 8 size of the own text 4 | 12 zero 4 | 16 ordinal 8
 // 24 common text | own text | XXH3-64 of all before
-void append_attributes(std::string& out, const Object_Head& head) {
+void append_attributes(std::string& out, const Object_Head& head, const Object_Seal* seal) {
   const std::string& common = head.attributes.common;
   const std::string& own = head.attributes.own;
-  if (head.attributes.empty() || common.size() + own.size() > MAX_ATTRIBUTES_STREAM - ATTRIBUTES_FIXED - CHECK)
+  if (!has_attributes(head))
     return;
   std::string data(ATTRIBUTES_FIXED, '\0');
   unsigned char* const at = bytes_at(data, 0);
@@ -103,7 +190,7 @@ void append_attributes(std::string& out, const Object_Head& head) {
   const size_t covered = data.size();
   data.append(CHECK, '\0');
   put_check(bytes_at(data, 0), covered);
-  append_stream(out, OBSA, data);
+  append_private_stream(out, OBSA, seal, data);
   pad_to(out, STREAM_ALIGNMENT);
 }
 
@@ -129,7 +216,7 @@ bool parse_attributes(const unsigned char* data, size_t size, Object_Head& head,
 
 void Frame::put(unsigned char* at) const {
   at[0] = STREAM_VERSION;
-  at[1] = method;
+  at[1] = static_cast<unsigned char>(method | (sealed ? METHOD_SEALED : 0));
   put16(at + 2, 0);
   put32(at + 4, sequence);
   put32(at + 8, plain);
@@ -144,17 +231,22 @@ bool Frame::parse(const unsigned char* at, std::string& error) {
     error = "a frame's header does not match its check";
     return false;
   }
-  if (at[0] != STREAM_VERSION || at[1] > FRAME_LZO1X || get16(at + 2) != 0) {
+  sealed = (at[1] & METHOD_SEALED) != 0;
+  const unsigned kind = at[1] & ~METHOD_SEALED & 0xFFu;
+  if (at[0] != STREAM_VERSION || kind > FRAME_LZO1X || get16(at + 2) != 0) {
     error = "a frame of an unknown kind";
     return false;
   }
-  method = static_cast<Frame_Method>(at[1]);
+  method = static_cast<Frame_Method>(kind);
   sequence = get32(at + 4);
   plain = get32(at + 8);
   stored = get32(at + 12);
   stored_check = get64(at + 16);
   plain_check = get64(at + 24);
-  if (plain == 0 || plain > CHUNK || stored == 0 || stored > plain || (method == FRAME_STORED && stored != plain)) {
+  // Only the one frame of an empty object that is encrypted is empty.
+  const bool empty = sealed && sequence == 0 && method == FRAME_STORED;
+  if ((plain == 0 && !empty) || plain > CHUNK || (stored == 0 && !empty) || stored > plain ||
+      (method == FRAME_STORED && stored != plain) || (sealed && plain_check != 0)) {
     error = "a frame's sizes cannot be";
     return false;
   }
@@ -213,12 +305,10 @@ Content_Digest& thread_digest() {
 // 0 version 2 | 2 kind of digest 2 | 4 chunk size 4 | 8 size 8 | 16 chunks 4 | 20 zero 4 | 24 ordinal 8 | 32 SHA-256
 // 64 chunk checks | XXH3-64 of all before
 void append_digest(std::string& out, const Object_Head& head, const unsigned char sha256[32],
-                   const std::vector<uint64_t>& chunks) {
+                   const std::vector<uint64_t>& chunks, const Object_Seal* seal) {
   const size_t covered = DIGEST_FIXED + CHECK * chunks.size();
-  append_stream_header(out, OBSD, 0, covered + CHECK);
-  const size_t begin = out.size();
-  out.append(covered + CHECK, '\0');
-  unsigned char* at = bytes_at(out, begin);
+  std::string data(covered + CHECK, '\0');
+  unsigned char* at = bytes_at(data, 0);
   put16(at, STREAM_VERSION);
   put16(at + 2, DIGEST_SHA256);
   put32(at + 4, CHUNK);
@@ -229,6 +319,7 @@ void append_digest(std::string& out, const Object_Head& head, const unsigned cha
   for (size_t i = 0; i < chunks.size(); ++i)
     put64(at + DIGEST_FIXED + CHECK * i, chunks[i]);
   put_check(at, covered);
+  append_private_stream(out, OBSD, seal, data);
 }
 
 bool Object_Digest::parse(const unsigned char* data, size_t length, std::string& error) {

@@ -16,7 +16,8 @@ struct XXH3_state_s;
 constexpr unsigned CHUNK = 1024 * 1024;
 
 constexpr unsigned STREAM_VERSION = 1;
-constexpr unsigned HEAD_FIXED = 48;       ///< before the path
+constexpr unsigned HEAD_FIXED = 48;       ///< before the path, or before the encrypted part
+constexpr unsigned SEALED_HEAD_FIXED = 32; ///< of the encrypted part, before the path
 constexpr unsigned HEAD_BLOCK_CHECK = 40; ///< where the check of the descriptor block stands
 constexpr unsigned CHECK = 8;             ///< XXH3-64
 constexpr unsigned FRAME_HEADER = 40;
@@ -31,8 +32,9 @@ inline uint64_t chunk_count(uint64_t size) {
   return size / CHUNK + (size % CHUNK != 0 ? 1 : 0);
 }
 
-/// Appends the FILE block and its head stream to `out`, which is empty. What depends on the place is left zero.
-void append_object_head(std::string& out, const Object_Head& head);
+/// Appends the FILE block and its head stream to `out`, which is empty. What depends on the place is left zero. With a
+/// `seal` the head is encrypted and the block tells the ordinal only. Throws std::bad_alloc.
+void append_object_head(std::string& out, const Object_Head& head, const Object_Seal* seal = nullptr);
 /// Where an object stands in the data set.
 struct Object_Place {
   uint64_t fla = 0;
@@ -43,13 +45,23 @@ struct Object_Place {
 /// Writes the place, and all checks that depend on it, into what append_object_head made.
 void place_object(unsigned char* block, const Object_Place& place);
 
-/// Reads the data of a head stream. False, with the reason, when its check does not hold or it contradicts itself.
-bool parse_object_head(const unsigned char* data, size_t size, Object_Head& head, uint64_t& block_check,
-                       std::string& error);
+/// What stands in a head stream beside the head.
+struct Head_Stream {
+  uint64_t block_check = 0; ///< of the FILE block
+  bool sealed = false;      ///< the object is encrypted
+  bool opened = false;      ///< `seal` opens its streams, and the head is known
+  bool attributes = false;  ///< the head, opened, says that an attributes stream follows
+  Object_Seal seal;
+};
+/// Reads the data of a head stream. Without a cipher, the head of an encrypted object has its ordinal, and a substitute
+/// of that for its path. False, with the reason, when its check does not hold or it contradicts itself, and when it is
+/// no head of this set's.
+bool parse_object_head(const unsigned char* data, size_t size, const Set_Cipher* cipher, Object_Head& head,
+                       Head_Stream& stream, std::string& error);
 
 /// Appends the attributes stream where there is something to tell; `out` begins at a multiple of 4 of the medium and ends
-/// at one afterwards. What is too long for the stream is left out.
-void append_attributes(std::string& out, const Object_Head& head);
+/// at one afterwards. What is too long for the stream is left out. Encrypted with a `seal`.
+void append_attributes(std::string& out, const Object_Head& head, const Object_Seal* seal = nullptr);
 /// Reads the data of an attributes stream into `head`, whose ordinal is known. False, with the reason, when its check
 /// does not hold, it contradicts itself or belongs to another object.
 bool parse_attributes(const unsigned char* data, size_t size, Object_Head& head, std::string& error);
@@ -58,13 +70,16 @@ enum Frame_Method : unsigned char { FRAME_STORED = 0, FRAME_ZSTD = 1, FRAME_LZO1
 
 /// What stands before each frame's bytes.
 struct Frame {
+  bool sealed = false; ///< of an OBSX stream: encrypted, with a tag behind the stored bytes
   Frame_Method method = FRAME_STORED;
   uint32_t sequence = 0; ///< from 0 in each object
   uint32_t plain = 0;    ///< bytes
   uint32_t stored = 0;   ///< bytes
-  uint64_t stored_check = 0;
-  uint64_t plain_check = 0;
+  uint64_t stored_check = 0; ///< of the bytes behind the header
+  uint64_t plain_check = 0;  ///< of an encrypted frame 0: it would tell something about the content
 
+  /// Bytes behind the header.
+  size_t behind() const { return stored + (sealed ? AEAD_TAG : 0); }
   void put(unsigned char* at) const;
   /// Reads 40 bytes. False, with the reason, when the header's check does not hold or its sizes cannot be.
   bool parse(const unsigned char* at, std::string& error);
@@ -110,6 +125,7 @@ struct Object_Digest {
   /// Reads the data of a digest stream; as parse_object_head.
   bool parse(const unsigned char* data, size_t length, std::string& error);
 };
-/// Appends the digest stream; `out` begins at a multiple of 4 of the medium.
+/// Appends the digest stream, encrypted with a `seal`; `out` begins at a multiple of 4 of the medium. Throws
+/// std::bad_alloc.
 void append_digest(std::string& out, const Object_Head& head, const unsigned char sha256[32],
-                   const std::vector<uint64_t>& chunks);
+                   const std::vector<uint64_t>& chunks, const Object_Seal* seal = nullptr);

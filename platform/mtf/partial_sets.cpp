@@ -1,6 +1,7 @@
 #include "platform/mtf/partial_sets.h"
 
 #include "platform/catalog/catalog_staging.h"
+#include "platform/catalog/open_catalog.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/medium_salvage.h"
 #include "platform/pool/durable_file.h"
@@ -47,10 +48,24 @@ void remove_all_but_media(const std::string& folder, const Set_Record& record) {
     fs::remove_all(path, code);
 }
 
+/// The cipher of the set that the media of an unfinished folder belong to. True, with none, where no medium tells.
+bool find_cipher(const Pool& pool, const std::string& folder, Set_Cipher_ptr& cipher, std::string& error) {
+  for (unsigned channel = 0; channel < MAX_GAP; ++channel) {
+    Medium_Set set;
+    std::string ignored;
+    if (exists(folder + "/" + medium_name(channel)) && read_medium_set(folder + "/" + medium_name(channel), set, ignored))
+      return open_set_cipher(pool, set.uuid, set.wrapped_key, cipher, error);
+  }
+  return true;
+}
+
 /// Makes a partial set of one unfinished folder. False when there is nothing to make it of.
 bool make_partial(const Pool& pool, const std::string& uri, Set_Record& record, std::string& error) {
   const std::string folder = pool.set_folder(uri);
-  const std::unique_ptr<Catalog_Staging> staging = Catalog_Staging::make(error);
+  Set_Cipher_ptr cipher;
+  if (!find_cipher(pool, folder, cipher, error))
+    return false;
+  const std::unique_ptr<Catalog_Staging> staging = Catalog_Staging::make(error, cipher);
   if (!staging)
     return false;
   record = Set_Record();
@@ -64,7 +79,8 @@ bool make_partial(const Pool& pool, const std::string& uri, Set_Record& record, 
     Salvaged_Medium medium;
     std::string why;
     const bool whole = salvage_medium(
-        path, [&](const Medium_Finding& finding) { return staging->add(found_object(finding, channel)); }, medium, why);
+        path, cipher, [&](const Medium_Finding& finding) { return staging->add(found_object(finding, channel)); },
+        medium, why);
     if (!staging->error().empty()) {
       error = staging->error();
       return false;
@@ -97,21 +113,21 @@ bool make_partial(const Pool& pool, const std::string& uri, Set_Record& record, 
   record.host_uuid = uri.substr(0, uri.find('/'));
   record.minor_resource_id = uri.substr(record.host_uuid.size() + 1, uri.rfind('/') - record.host_uuid.size() - 1);
   record.type = "partial";
-  record.encryption = "none";
+  record.encryption = cipher ? "aes-256-gcm" : "none";
   record.start_time = time_text(begun);
   record.end_time = time_text(Clock::instance().now());
   record.source_size = record.backup_set_size = staging->bytes();
   record.figures["saved"] = staging->objects();
 
   remove_all_but_media(folder, record);
-  const auto catalog = Catalog_Writer::create(folder, error);
+  const auto catalog = Catalog_Writer::create(folder, error, cipher);
   if (!catalog)
     return false;
   if (!catalog->add_set({0, record.uuid, uri, 0}) || !staging->write(*catalog) || !catalog->finish()) {
     error = staging->error().empty() ? catalog->error() : staging->error();
     return false;
   }
-  return sync_folder(folder, error) && write_partial_record(folder, record, error);
+  return seal_record(cipher, record, error) && sync_folder(folder, error) && write_partial_record(folder, record, error);
 }
 
 } // namespace
@@ -125,8 +141,8 @@ Catalog_Object found_object(const Medium_Finding& finding, unsigned channel) {
   object.channel = channel;
   object.offset = finding.offset;
   object.stored = finding.length;
-  std::memcpy(object.sha256, finding.sha256, sizeof object.sha256);
   object.attributes = finding.head.attributes;
+  std::memcpy(object.sha256, finding.sha256, sizeof object.sha256);
   object.flags = (finding.head.flags & OBJECT_FRESH) != 0 ? catalog::FLAG_FRESH : 0;
   return object;
 }
@@ -162,7 +178,7 @@ bool referenced_sets(const Pool& pool, const std::string& place, std::set<std::s
     return false;
   }
   for (const Set_Record& record : records) {
-    const auto catalog = Catalog_Reader::open(pool.set_folder(record.uri), error);
+    const auto catalog = open_set_catalog(pool, record, error);
     if (!catalog)
       return false;
     for (const Catalog_Set& set : catalog->sets())
@@ -208,7 +224,7 @@ std::unique_ptr<Partial_Sets> Partial_Sets::open(const Pool& pool, const std::st
     if (used.count(record.uuid) != 0)
       continue;
     One one;
-    one.catalog = Catalog_Reader::open(pool.set_folder(record.uri), error);
+    one.catalog = open_set_catalog(pool, record, error);
     if (!one.catalog || one.catalog->set_uuid() != record.uuid) {
       problems.push_back(one.catalog ? "the catalog of the partial set " + record.uuid + " is that of another" : error);
       continue;

@@ -1,5 +1,6 @@
 #include "platform/mtf/restore_engine.h"
 
+#include "platform/catalog/open_catalog.h"
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
@@ -208,7 +209,7 @@ bool Restore_Engine::Impl::prepare(const std::string& location, const std::strin
     fail(E_NO_SET, error);
     return false;
   }
-  catalog = Catalog_Reader::open(pool.set_folder(record.uri), error);
+  catalog = open_set_catalog(pool, record, error);
   unsigned long long bytes = 0;
   std::vector<std::string> absent;
   if (!catalog || !catalog->count(selection, selected, bytes, absent, error)) {

@@ -1,7 +1,11 @@
+#include "platform/catalog/open_catalog.h"
 #include "platform/mtf/backup_engine.h"
 #include "platform/mtf/fake_source_test.h"
+#include "platform/mtf/media_feed.h"
+#include "platform/mtf/medium_source.h"
 #include "platform/mtf/restore_engine.h"
 #include "platform/mtf/verify.h"
+#include "platform/pool/set_keys.h"
 
 #include <gtest/gtest.h>
 
@@ -113,6 +117,14 @@ private:
   Fake_Target& target_;
 };
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t RESTORE_STRIDE = 997;
+constexpr size_t VERIFY_STRIDE = 5003;
+#else
+constexpr size_t RESTORE_STRIDE = 29;
+constexpr size_t VERIFY_STRIDE = 211;
+#endif
+
 class Policy : public MTF_FS::IPath_Converter {
 public:
   explicit Policy(std::function<Error_Code(std::string&, time_t)> rule) : rule_(std::move(rule)) {}
@@ -122,14 +134,24 @@ private:
   std::function<Error_Code(std::string&, time_t)> rule_;
 };
 
-class Restore : public testing::Test {
+/// Plain and encrypted.
+class Restore : public testing::TestWithParam<bool> {
 protected:
   void SetUp() override {
     char name[] = "/tmp/restore_test.XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(name));
     root_ = name;
     url_ = "file://" + root_ + "/pool";
-    ASSERT_TRUE(Pool::create(url_, "pool-uuid", error_)) << error_;
+    if (GetParam()) {
+      Secret_Key key;
+      Scrypt_Cost cheap;
+      cheap.n = 2;
+      const Pool_Secret secret(Pool_Secret::PASSPHRASE, "long enough");
+      ASSERT_TRUE(Pool::create(url_, "encrypted-" + root_, secret, cheap, key, error_)) << error_;
+      hold_pool_key("encrypted-" + root_, key);
+    } else {
+      ASSERT_TRUE(Pool::create(url_, "pool-uuid", error_)) << error_;
+    }
     ASSERT_TRUE(Pool::open(url_, "", pool_, error_)) << error_;
     events_ = new Fake_Events;
     handler_ = Event_Handler_var(events_);
@@ -150,29 +172,37 @@ protected:
     }
   }
 
-  void back_up(size_t small_object = 1u << 20) {
+  void back_up(size_t small_object = 1u << 20) { record_ = made("set-1", 0, small_object, 2); }
+
+  /// Backs up into a new set, incremental behind the set `base` when that is not 0.
+  Set_Record made(const std::string& uuid, unsigned base, size_t small_object, unsigned channels) {
+    Set_Record record;
     Backup_Order order;
-    order.uuid = "set-1";
-    order.uri_prefix = "host/res/set-1";
-    order.channels = 2;
+    order.uuid = uuid;
+    order.uri_prefix = "host/res/" + uuid;
+    order.channels = channels;
+    order.base_seq = base;
+    order.incremental = base != 0;
     order.io.readers = 2;
     order.limits.small_object = small_object;
     order.factory = IBackup_Callback_Factory_var(new Fake_Factory(source_));
     Metadata metadata;
     Backup_Engine engine(order, Event_Handler_var(new Fake_Events), metadata, nullptr);
-    ASSERT_TRUE(engine.run(url_, "")) << engine.failure();
-    record_.uuid = order.uuid;
-    record_.uri = metadata.set_uri;
-    record_.seq = metadata.seq;
-    record_.minor_resource_id = "res";
+    EXPECT_TRUE(engine.run(url_, "")) << engine.failure();
+    record.uuid = order.uuid;
+    record.uri = metadata.set_uri;
+    record.seq = metadata.seq;
+    record.minor_resource_id = "res";
+    record.data_key = metadata.data_key;
     for (const json_spirit::Value& value : metadata.media) {
       Set_Record::Medium medium;
       medium.name = json_spirit::require_str(value.get_obj(), "name");
       medium.size = json_spirit::find(value.get_obj(), "size")->get_uint64();
       medium.family = static_cast<unsigned>(json_spirit::find(value.get_obj(), "family")->get_uint64());
-      record_.media.push_back(medium);
+      record.media.push_back(medium);
     }
-    ASSERT_TRUE(write_set_record(pool_.set_folder(record_.uri), record_, error_)) << error_;
+    EXPECT_TRUE(write_set_record(pool_.set_folder(record.uri), record, error_)) << error_;
+    return record;
   }
 
   /// The first two objects are read at the same time, so by different channels.
@@ -206,19 +236,45 @@ protected:
 
   std::set<std::string> all() const { return {source_.order.begin(), source_.order.end()}; }
 
+  std::string medium_of(const Set_Record& record, unsigned channel) const {
+    return pool_.set_folder(record.uri) + "/" + medium_name(channel);
+  }
+  static std::string load(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  }
+  static void put(const std::string& path, unsigned long long at, char byte) {
+    std::fstream out(path, std::ios::binary | std::ios::in | std::ios::out);
+    out.seekp(static_cast<std::streamoff>(at));
+    out.put(byte);
+  }
+
+  Catalog_Object place(const std::string& path) {
+    auto catalog = open_set_catalog(pool_, record_, error_);
+    Catalog_Object object;
+    EXPECT_TRUE(catalog && catalog->find(path, object, error_)) << path << error_;
+    return object;
+  }
+  /// Where the medium holds a byte of an object's content.
+  unsigned long long content_place(const Catalog_Object& object, unsigned long long byte) {
+    const auto source = Medium_Source::open(medium_of(record_, object.channel), error_);
+    Medium_Window window(*source, 4096);
+    Object_Start start;
+    EXPECT_TRUE(read_object_start(window, object.offset, start, error_)) << error_;
+    if (!start.stream.sealed)
+      return start.content.data() + byte;
+    for (; byte >= ::CHUNK; byte -= ::CHUNK) {
+      const unsigned long long next = start.content.next();
+      EXPECT_TRUE(read_stream(window, next, start.content, error_)) << error_;
+    }
+    return start.content.data() + FRAME_HEADER + byte;
+  }
   /// Turns a bit in the middle of an object's stored content.
   void damage(const std::string& path) {
-    auto catalog = Catalog_Reader::open(pool_.set_folder(record_.uri), error_);
-    Catalog_Object object;
-    ASSERT_TRUE(catalog && catalog->find(path, object, error_)) << path;
-    const std::string medium = pool_.set_folder(record_.uri) + "/" + record_.media[object.channel].name;
-    std::ifstream in(medium, std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const size_t at = bytes.find(source_.objects[path].data, object.offset);
-    ASSERT_NE(std::string::npos, at);
-    std::fstream out(medium, std::ios::binary | std::ios::in | std::ios::out);
-    out.seekp(static_cast<std::streamoff>(at + object.size / 2));
-    out.put(static_cast<char>(bytes[at + object.size / 2] ^ 1));
+    const Catalog_Object object = place(path);
+    const unsigned long long at = content_place(object, object.size / 2);
+    const std::string medium = medium_of(record_, object.channel);
+    put(medium, at, static_cast<char>(load(medium)[static_cast<size_t>(at)] ^ 1));
   }
 
   std::string root_, url_, error_;
@@ -235,7 +291,7 @@ protected:
   unsigned inside_ = 0;
 };
 
-TEST_F(Restore, everything_comes_back_byte_for_byte) {
+TEST_P(Restore, everything_comes_back_byte_for_byte) {
   fill(150, 30000);
   source_.add("b/empty", "");
   source_.add("b//odd/../key ", "odd");
@@ -268,7 +324,7 @@ TEST_F(Restore, writers_are_as_many_as_asked_for_while_others_clear_the_way) {
   EXPECT_EQ(2u, target_.most_writers);
 }
 
-TEST_F(Restore, objects_larger_than_the_budget_are_streamed) {
+TEST_P(Restore, objects_larger_than_the_budget_are_streamed) {
   fill(20, 90000);
   source_.add("b/large", std::string(5000000, 'L'));
   back_up();
@@ -277,7 +333,7 @@ TEST_F(Restore, objects_larger_than_the_budget_are_streamed) {
   expect_restored(all());
 }
 
-TEST_F(Restore, selection_of_folders_and_objects_restores_just_these) {
+TEST_P(Restore, selection_of_folders_and_objects_restores_just_these) {
   fill(60, 100);
   source_.add("b/d1x", "not in d1");
   back_up();
@@ -292,7 +348,7 @@ TEST_F(Restore, selection_of_folders_and_objects_restores_just_these) {
   EXPECT_EQ(21u, events_->figure("listed"));
 }
 
-TEST_F(Restore, selected_root_means_everything) {
+TEST_P(Restore, selected_root_means_everything) {
   fill(10, 100);
   back_up();
   select("dir", "/");
@@ -300,7 +356,7 @@ TEST_F(Restore, selected_root_means_everything) {
   expect_restored(all());
 }
 
-TEST_F(Restore, selection_that_matches_nothing_is_named) {
+TEST_P(Restore, selection_that_matches_nothing_is_named) {
   fill(10, 100);
   back_up();
   select("dir", "/b/d0/");
@@ -320,7 +376,7 @@ TEST_F(Restore, selection_that_matches_nothing_is_named) {
   EXPECT_NE(std::string::npos, engine_->failure().find("5"));
 }
 
-TEST_F(Restore, policy_that_skips_leaves_the_target_as_it_is) {
+TEST_P(Restore, policy_that_skips_leaves_the_target_as_it_is) {
   fill(20, 100);
   back_up();
   order_.converter = MTF_FS::IPath_Converter_var(new Policy([](std::string& path, time_t mtime) {
@@ -339,7 +395,7 @@ TEST_F(Restore, policy_that_skips_leaves_the_target_as_it_is) {
   EXPECT_EQ(E_OK, engine_->err_code());
 }
 
-TEST_F(Restore, converter_may_change_the_path) {
+TEST_P(Restore, converter_may_change_the_path) {
   fill(3, 100);
   back_up();
   order_.converter = MTF_FS::IPath_Converter_var(new Policy([](std::string& path, time_t) {
@@ -350,7 +406,7 @@ TEST_F(Restore, converter_may_change_the_path) {
   EXPECT_EQ(source_.objects["b/d0/o101"].data, target_.objects["/other/b/d0/o101"]);
 }
 
-TEST_F(Restore, damaged_object_never_costs_the_one_that_is_there) {
+TEST_P(Restore, damaged_object_never_costs_the_one_that_is_there) {
   fill(40, 3000);
   source_.add("b/victim", std::string(20000, 'v') + "unique end");
   back_up();
@@ -366,7 +422,7 @@ TEST_F(Restore, damaged_object_never_costs_the_one_that_is_there) {
   EXPECT_EQ(40u, events_->figure("saved"));
 }
 
-TEST_F(Restore, damage_behind_the_first_chunk_never_stores_a_wrong_object) {
+TEST_P(Restore, damage_behind_the_first_chunk_never_stores_a_wrong_object) {
   source_.add("b/good", "good");
   std::string large(3000000, 'x');
   large.replace(0, 6, "unique");
@@ -380,7 +436,59 @@ TEST_F(Restore, damage_behind_the_first_chunk_never_stores_a_wrong_object) {
   EXPECT_TRUE(events_->named("/b/large"));
 }
 
-TEST_F(Restore, targets_that_refuse_are_skipped_by_name_and_the_rest_is_restored) {
+// Larger objects have their first chunk verified before their target is touched, others all of it.
+TEST_P(Restore, no_damage_to_a_medium_costs_an_object_that_is_there_or_puts_a_wrong_one_in_its_place) {
+  const std::string large = std::string(9000, 'l') + std::string(9000, 'm');
+  source_.add("b/a", "content of a");
+  source_.add("b/d/empty", "");
+  source_.add("b/d/more", std::string(900, 'x'));
+  source_.add("b/large", large);
+  record_ = made("set-1", 0, 1u << 20, 1);
+  const std::string medium = medium_of(record_, 0);
+  const std::string good = load(medium);
+  const Catalog_Object place_of_large = place("b/large");
+  order_.concurrent = 1;
+  order_.byte_budget = 1000;
+  for (size_t at = 0; at < good.size(); at += RESTORE_STRIDE) {
+    put(medium, at, static_cast<char>(good[at] ^ 1 << at % 8));
+    for (const std::string& path : source_.order)
+      target_.objects["/" + path] = "the old one";
+    run();
+    for (const std::string& path : source_.order) {
+      const auto found = target_.objects.find("/" + path);
+      const bool inside =
+          at >= place_of_large.offset && at < place_of_large.offset + place_of_large.stored && path == "b/large";
+      ASSERT_TRUE(found != target_.objects.end() || inside) << path << " was lost to damage at " << at;
+      if (found != target_.objects.end()) {
+        EXPECT_TRUE(found->second == "the old one" || found->second == source_.objects[path].data) << path << at;
+      }
+    }
+    put(medium, at, good[at]);
+  }
+  ASSERT_TRUE(run());
+  expect_restored(all());
+}
+
+TEST_P(Restore, no_truncation_of_a_medium_costs_an_object_that_is_there) {
+  fill(12, 3000);
+  record_ = made("set-1", 0, 1u << 20, 1);
+  const std::string medium = medium_of(record_, 0);
+  const std::string good = load(medium);
+  order_.concurrent = 2;
+  for (size_t size = 0; size < good.size(); size += 1024) {
+    fs::resize_file(medium, size);
+    for (const std::string& path : source_.order)
+      target_.objects["/" + path] = "the old one";
+    run();
+    for (const std::string& path : source_.order) {
+      const std::string& now = target_.objects["/" + path];
+      EXPECT_TRUE(now == "the old one" || now == source_.objects[path].data) << path << " " << size;
+    }
+    std::ofstream(medium, std::ios::binary | std::ios::trunc) << good;
+  }
+}
+
+TEST_P(Restore, targets_that_refuse_are_skipped_by_name_and_the_rest_is_restored) {
   fill(20, 100);
   back_up();
   target_.broken = {{"/b/d0/o101", "unlink"},
@@ -398,7 +506,7 @@ TEST_F(Restore, targets_that_refuse_are_skipped_by_name_and_the_rest_is_restored
   EXPECT_EQ(5u, handler_->skipped_files());
 }
 
-TEST_F(Restore, channel_without_a_callback_leaves_its_work_to_the_others) {
+TEST_P(Restore, channel_without_a_callback_leaves_its_work_to_the_others) {
   fill(50, 100);
   back_up();
   target_.callbacks = 1;
@@ -409,7 +517,7 @@ TEST_F(Restore, channel_without_a_callback_leaves_its_work_to_the_others) {
   EXPECT_EQ(E_MAKE_CALLBACK, engine_->err_code());
 }
 
-TEST_F(Restore, cancel_ends_it_and_what_was_not_reached_is_counted) {
+TEST_P(Restore, cancel_ends_it_and_what_was_not_reached_is_counted) {
   fill(100, 100);
   back_up();
   order_.concurrent = 1;
@@ -429,7 +537,7 @@ TEST_F(Restore, cancel_ends_it_and_what_was_not_reached_is_counted) {
   EXPECT_GE(events_->figure("skipped"), 1u);
 }
 
-TEST_F(Restore, set_is_found_by_folder_or_by_its_place_in_the_chain) {
+TEST_P(Restore, set_is_found_by_folder_or_by_its_place_in_the_chain) {
   fill(3, 100);
   back_up();
   for (const char* prefix : {"host/res/set-1", "host/res", "host/res/", "host/res/first-of-the-chain"}) {
@@ -448,7 +556,7 @@ TEST_F(Restore, set_is_found_by_folder_or_by_its_place_in_the_chain) {
   EXPECT_EQ(E_GET_POOL_INFO, engine.err_code());
 }
 
-TEST_F(Restore, medium_that_is_gone_costs_only_its_objects) {
+TEST_P(Restore, medium_that_is_gone_costs_only_its_objects) {
   fill(60, 3000);
   use_both_channels();
   back_up();
@@ -460,7 +568,7 @@ TEST_F(Restore, medium_that_is_gone_costs_only_its_objects) {
   EXPECT_EQ(60u, events_->figure("saved") + events_->figure("failed"));
 }
 
-TEST_F(Restore, verify_passes_a_whole_set) {
+TEST_P(Restore, verify_passes_a_whole_set) {
   fill(50, 3000);
   source_.add("b/empty", "");
   back_up(1000);
@@ -471,7 +579,7 @@ TEST_F(Restore, verify_passes_a_whole_set) {
   EXPECT_TRUE(report.media.empty());
 }
 
-TEST_F(Restore, verify_names_each_damaged_object_and_counts_the_good) {
+TEST_P(Restore, verify_names_each_damaged_object_and_counts_the_good) {
   fill(50, 3000);
   source_.add("b/one", "first unique content");
   source_.add("b/two", "second unique content");
@@ -488,7 +596,7 @@ TEST_F(Restore, verify_names_each_damaged_object_and_counts_the_good) {
   EXPECT_EQ((std::set<std::string>{"b/one", "b/two"}), named);
 }
 
-TEST_F(Restore, verify_tells_missing_and_cut_media_and_catalogs) {
+TEST_P(Restore, verify_tells_missing_and_cut_media_and_catalogs) {
   fill(50, 3000);
   use_both_channels();
   back_up();
@@ -508,7 +616,7 @@ TEST_F(Restore, verify_tells_missing_and_cut_media_and_catalogs) {
   EXPECT_NE(std::string::npos, report.failure.find("catalog.db")) << report.failure;
 }
 
-TEST_F(Restore, verify_ends_when_it_is_cancelled) {
+TEST_P(Restore, verify_ends_when_it_is_cancelled) {
   fill(50, 3000);
   back_up();
   Verify_Options options;
@@ -521,5 +629,143 @@ TEST_F(Restore, verify_ends_when_it_is_cancelled) {
   EXPECT_EQ(10u, report.checked);
   EXPECT_EQ("", report.failure);
 }
+
+TEST_P(Restore, verify_finds_a_flipped_bit_in_every_block_and_a_cut_at_every_boundary) {
+  fill(6, 2000);
+  source_.add("b/empty", "");
+  record_ = made("set-1", 0, 1u << 20, 1);
+  const std::string medium = medium_of(record_, 0);
+  const std::string good = load(medium);
+  Verify_Report report;
+  EXPECT_TRUE(verify_set(pool_, record_, {}, report)) << report.failure;
+  for (size_t at = 0; at < good.size(); at += VERIFY_STRIDE) {
+    put(medium, at, static_cast<char>(good[at] ^ 1 << at % 8));
+    EXPECT_FALSE(verify_set(pool_, record_, {}, report)) << at;
+    EXPECT_LE(report.damaged, 1u) << at;
+    EXPECT_EQ(7u, report.good + report.damaged) << at;
+    EXPECT_TRUE(report.damaged != 0 || !report.media.empty()) << at;
+    put(medium, at, good[at]);
+  }
+  for (size_t size = 0; size < good.size(); size += 1024) {
+    fs::resize_file(medium, size);
+    EXPECT_FALSE(verify_set(pool_, record_, {}, report)) << size;
+    EXPECT_EQ(7u, report.good + report.damaged) << size;
+    std::ofstream(medium, std::ios::binary | std::ios::trunc) << good;
+  }
+  EXPECT_TRUE(verify_set(pool_, record_, {}, report)) << report.failure;
+}
+
+/// The pages of a plain catalog have no checks of their own.
+class Encrypted_Restore : public Restore {};
+
+TEST_P(Encrypted_Restore, verify_finds_damage_to_every_page_of_the_catalog) {
+  fill(30, 200);
+  back_up();
+  const std::string file = pool_.set_folder(record_.uri) + "/catalog.db";
+  const std::string good = load(file);
+  Verify_Report report;
+  for (size_t at = 1000; at < good.size(); at += 4096) {
+    put(file, at, static_cast<char>(good[at] ^ 2));
+    EXPECT_FALSE(verify_set(pool_, record_, {}, report)) << at;
+    const std::string page = "page " + std::to_string(at / 4096 + 1) + " is damaged";
+    std::string told = report.failure;
+    for (const std::string& one : report.media)
+      told += one;
+    EXPECT_NE(std::string::npos, told.find(page)) << at << told;
+    put(file, at, good[at]);
+  }
+  EXPECT_TRUE(verify_set(pool_, record_, {}, report)) << report.failure;
+}
+
+TEST_P(Restore, verify_tells_what_is_lost_with_another_set_and_what_is_not) {
+  fill(40, 500);
+  const Set_Record first = made("set-1", 0, 1u << 20, 1);
+  source_.add("b/d9/new", "new content");
+  source_.add("b/d9/other", "other content");
+  record_ = made("set-2", 1, 1u << 20, 2);
+  Verify_Report report;
+  ASSERT_TRUE(verify_set(pool_, record_, {}, report)) << report.failure;
+  EXPECT_EQ(42u, report.good);
+  unsigned long long bytes = 0;
+  for (const auto& [path, object] : source_.objects)
+    bytes += path.compare(0, 5, "b/d9/") == 0 ? 0 : object.data.size();
+
+  fs::rename(pool_.set_folder(first.uri), root_ + "/away");
+  std::set<std::string> told;
+  Verify_Options options;
+  options.found = [&](const Verify_Damage& damage) {
+    EXPECT_EQ("set-1", damage.set);
+    EXPECT_EQ("channel-0000.mtf", damage.medium);
+    EXPECT_NE(std::string::npos, damage.message.find("set-1")) << damage.message;
+    told.insert(damage.path);
+  };
+  for (const double sample : {100.0, 1.0}) {
+    told.clear();
+    options.sample = sample;
+    EXPECT_FALSE(verify_set(pool_, record_, options, report));
+    EXPECT_EQ(40u, report.damaged) << "known without reading, whatever the sample";
+    EXPECT_EQ(40u, told.size());
+    EXPECT_EQ(0u, told.count("b/d9/new"));
+    EXPECT_EQ(bytes, report.lost_bytes);
+    EXPECT_EQ(1u, report.media.size());
+  }
+  for (const Verify_Report::Place& place : report.places) {
+    EXPECT_EQ(place.own, place.set == "set-2");
+    EXPECT_EQ(place.own, place.error.empty()) << place.error;
+    EXPECT_EQ(place.own ? 0u : 40u, place.damaged);
+  }
+  options.sample = 100;
+  fs::rename(root_ + "/away", pool_.set_folder(first.uri));
+  fs::resize_file(medium_of(first, 0), fs::file_size(medium_of(first, 0)) - 1024);
+  options.found = nullptr;
+  EXPECT_FALSE(verify_set(pool_, record_, options, report));
+  EXPECT_EQ(0u, report.damaged);
+  ASSERT_EQ(1u, report.media.size());
+  EXPECT_NE(std::string::npos, report.media[0].find("set set-1, channel-0000.mtf")) << report.media[0];
+}
+
+TEST_P(Restore, verify_of_a_sample_reads_about_that_part_and_another_one_with_another_seed) {
+  fill(400, 50);
+  back_up();
+  Verify_Options options;
+  options.sample = 25;
+  Verify_Report report;
+  std::set<unsigned long long> amounts;
+  for (options.seed = 0; options.seed < 5; ++options.seed) {
+    ASSERT_TRUE(verify_set(pool_, record_, options, report)) << report.failure;
+    EXPECT_GT(report.checked, 60u);
+    EXPECT_LT(report.checked, 140u);
+    EXPECT_EQ(400u, report.checked + report.passed);
+    EXPECT_EQ(report.checked, report.good);
+    const unsigned long long bytes = report.bytes;
+    ASSERT_TRUE(verify_set(pool_, record_, options, report)) << report.failure;
+    EXPECT_EQ(bytes, report.bytes) << "the same sample again";
+    amounts.insert(bytes);
+  }
+  EXPECT_GT(amounts.size(), 1u);
+}
+
+TEST_P(Restore, object_of_another_place_is_not_taken_for_the_one_looked_for) {
+  source_.add("b/one", std::string(500, '1'));
+  source_.add("b/two", std::string(500, '2'));
+  record_ = made("set-1", 0, 1u << 20, 1);
+  const Catalog_Object one = place("b/one"), two = place("b/two");
+  const std::string medium = medium_of(record_, 0);
+  const std::string bytes = load(medium);
+  ASSERT_EQ(one.stored, two.stored);
+  // Only its head and all behind it are moved: the block before them tells where it lies.
+  for (size_t i = 130; i < one.stored; ++i)
+    put(medium, one.offset + i, bytes[static_cast<size_t>(two.offset) + i]);
+  target_.objects["/b/one"] = "the old one";
+  ASSERT_TRUE(run());
+  EXPECT_EQ("the old one", target_.objects["/b/one"]);
+  EXPECT_EQ(source_.objects["b/two"].data, target_.objects["/b/two"]);
+  EXPECT_TRUE(events_->named("/b/one"));
+}
+
+INSTANTIATE_TEST_SUITE_P(encrypted, Encrypted_Restore, testing::Values(true));
+INSTANTIATE_TEST_SUITE_P(plain_and_encrypted, Restore, testing::Bool(), [](const auto& info) {
+  return std::string(info.param ? "encrypted" : "plain");
+});
 
 } // namespace

@@ -1,31 +1,61 @@
 #include "platform/mtf/verify.h"
 
+#include "platform/catalog/open_catalog.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
 
+#include <algorithm>
 #include <atomic>
+#include <map>
 #include <mutex>
+#include <set>
+#include <utility>
 
 namespace {
 
 constexpr unsigned DEFAULT_THREADS = 4;
 constexpr unsigned MAX_THREADS = 256;
 constexpr size_t BUFFER = 256u << 10;
+/// What is kept of what stands wrong beside objects, and of where damaged objects lie.
+constexpr size_t MAX_FINDINGS = 1000;
+constexpr size_t MAX_DAMAGED_PLACES = 100000;
+constexpr double PARTS = 1e6;
+
+/// A number that depends on both and on nothing else, evenly spread (the finalizer of SplitMix64).
+unsigned long long mixed(unsigned long long seed, unsigned long long ordinal) {
+  unsigned long long x = seed * 0x9E3779B97F4A7C15ull + ordinal;
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+  return x ^ (x >> 31);
+}
 
 class Verification {
 public:
-  Verification(const Verify_Options& options, Media_Feed& feed, Verify_Report& report)
-      : options_(options), feed_(feed), report_(report) {}
+  Verification(const Pool& pool, const Set_Record& record, const std::vector<Catalog_Set>& sets,
+               const Verify_Options& options, Media_Feed& feed, Verify_Report& report)
+      : pool_(pool), record_(record), sets_(sets), options_(options), feed_(feed), report_(report) {}
 
+  /// Whether the object is to be read. The feed's thread.
+  bool choose(const Media_Task& task) {
+    const double part = static_cast<double>(mixed(options_.seed, task.object.ordinal) % static_cast<unsigned>(PARTS));
+    if (!task.medium || part < options_.sample / 100 * PARTS)
+      return true;
+    std::lock_guard<std::mutex> guard(mutex_);
+    ++place_of(task.object).objects;
+    ++report_.passed;
+    return false;
+  }
+
+  /// The work of one thread: first what stands between the objects of some medium, then objects.
   void check() {
+    if (options_.sample >= 100)
+      for (size_t i; (i = next_medium_++) < record_.media.size() && !feed_.stopped();)
+        check_blocks(i);
     std::vector<char> buffer(BUFFER);
     Media_Task task;
     while (feed_.next(task)) {
-      if (options_.canceling && options_.canceling()) {
-        canceled_ = true;
-        feed_.stop();
+      if (is_canceling())
         return;
-      }
       Stored_Reading reading;
       Read_Outcome outcome = reading.open(task) ? Read_Outcome::MORE : Read_Outcome::DAMAGED;
       unsigned long long bytes = 0;
@@ -63,9 +93,78 @@ public:
 
   bool canceled() const { return canceled_; }
 
+  /// Puts the places and what was found beside objects into the report. When all threads have ended.
+  void conclude() {
+    for (const auto& [key, place] : places_)
+      report_.places.push_back(place);
+    for (const Block_Finding& one : findings_)
+      if (damaged_.count({one.medium, one.offset}) == 0)
+        report_.media.push_back(one.text);
+  }
+
 private:
+  struct Block_Finding {
+    unsigned medium;
+    unsigned long long offset;
+    std::string text;
+  };
+
+  bool is_canceling() {
+    if (!options_.canceling || !options_.canceling())
+      return false;
+    canceled_ = true;
+    feed_.stop();
+    return true;
+  }
+
+  /// Whole media that are missing or cut have been told already, and damaged objects are found by reading them.
+  void check_blocks(size_t index) {
+    const Set_Record::Medium& medium = record_.media[index];
+    const std::string file = pool_.set_folder(record_.uri) + "/" + medium.name;
+    Set_Cipher_ptr cipher;
+    std::string error;
+    if (!open_set_cipher(pool_, record_, cipher, error))
+      return;
+    const auto reader = Medium_Reader::open(file, medium.family, error, cipher);
+    if (!reader || reader->size() != medium.size || !reader->complete(error))
+      return;
+    unsigned channel = 0;
+    while (channel < record_.media.size() && medium_name(channel) != medium.name)
+      ++channel;
+    const auto found = [&](const Medium_Finding& finding) {
+      if (finding.kind == Medium_Finding::DAMAGE) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (findings_.size() < MAX_FINDINGS)
+          findings_.push_back({channel, finding.offset, medium.name + ": " + finding.message});
+      }
+      return !feed_.stopped();
+    };
+    if (!reader->walk(false, found, error)) {
+      std::lock_guard<std::mutex> guard(mutex_);
+      findings_.push_back({channel, ~0ull, medium.name + ": " + error});
+    }
+  }
+
+  /// The lock is held.
+  Verify_Report::Place& place_of(const Catalog_Object& object) {
+    const auto [found, made] = places_.emplace(std::make_pair(object.set, object.channel), Verify_Report::Place());
+    Verify_Report::Place& place = found->second;
+    if (!made)
+      return place;
+    place.medium = medium_name(object.channel);
+    place.own = object.set == 0;
+    for (const Catalog_Set& set : sets_)
+      if (set.index == object.set) {
+        place.set = set.uuid;
+        place.uri = object.set == 0 ? record_.uri : set.uri;
+      }
+    return place;
+  }
+
   void settle(const Media_Task& task, bool good, const Stored_Reading& reading, unsigned long long bytes) {
     std::lock_guard<std::mutex> guard(mutex_);
+    Verify_Report::Place& place = place_of(task.object);
+    ++place.objects;
     ++report_.checked;
     report_.bytes += bytes;
     report_.stored += reading.stored();
@@ -76,18 +175,36 @@ private:
       problem = "its attributes on the medium are not those of the catalog";
     if (good && problem.empty()) {
       ++report_.good;
+      ++place.good;
       return;
     }
     ++report_.damaged;
+    ++place.damaged;
+    report_.lost += good ? 0 : 1;
+    report_.lost_bytes += good ? 0 : task.object.size;
+    if (!task.medium)
+      place.error = task.error;
+    if (!good && task.object.set == 0 && damaged_.size() < MAX_DAMAGED_PLACES)
+      damaged_.insert({task.object.channel, task.object.offset});
+    const Verify_Damage damage = {!good, task.object.path, task.object.size, place.set, place.medium, problem};
     if (report_.damages.size() < Verify_Report::MAX_DAMAGES)
-      report_.damages.push_back({task.object.path, problem});
+      report_.damages.push_back(damage);
+    if (options_.found)
+      options_.found(damage);
   }
 
+  const Pool& pool_;
+  const Set_Record& record_;
+  const std::vector<Catalog_Set>& sets_;
   const Verify_Options& options_;
   Media_Feed& feed_;
   std::atomic<bool> canceled_{false};
-  std::mutex mutex_; ///< guards `report_`
+  std::atomic<size_t> next_medium_{0};
+  std::mutex mutex_; ///< guards what follows
   Verify_Report& report_;
+  std::map<std::pair<unsigned, unsigned>, Verify_Report::Place> places_;
+  std::vector<Block_Finding> findings_;
+  std::set<std::pair<unsigned, unsigned long long>> damaged_; ///< medium and offset, of the set's own
 };
 
 } // namespace
@@ -95,7 +212,7 @@ private:
 bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options& options, Verify_Report& report) {
   report = Verify_Report();
   std::string error;
-  auto catalog = Catalog_Reader::open(pool.set_folder(record.uri), error);
+  auto catalog = open_set_catalog(pool, record, error);
   if (!catalog) {
     report.failure = error;
     return false;
@@ -105,11 +222,16 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
     return false;
   }
   report.objects = catalog->counts().objects;
+  std::vector<std::string> catalog_findings;
+  if (!catalog->check_pages(error))
+    catalog_findings.push_back(error);
   Media_Feed feed(pool, record, *catalog);
   if (!feed.hold(report.failure))
     return false;
-  feed.inspect_own_media();
-  Verification verification(options, feed, report);
+  feed.inspect_media();
+  const std::vector<Catalog_Set> sets = catalog->sets();
+  Verification verification(pool, record, sets, options, feed, report);
+  feed.choose([&](const Media_Task& task) { return verification.choose(task); });
   Engine_Threads threads;
   const auto failed = [&](const std::string& why) { verification.fail(why); };
   const unsigned count = options.threads == 0            ? DEFAULT_THREADS
@@ -130,11 +252,13 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
     if (tell)
       verification.tell();
   });
-  report.media = feed.findings();
+  report.media = catalog_findings;
+  report.media.insert(report.media.end(), feed.findings().begin(), feed.findings().end());
+  verification.conclude();
   report.canceled = verification.canceled();
-  if (report.failure.empty() && !report.canceled && report.checked != report.objects)
-    report.failure =
-        "the catalog holds " + std::to_string(report.checked) + " objects instead of " + std::to_string(report.objects);
+  if (report.failure.empty() && !report.canceled && report.checked + report.passed != report.objects)
+    report.failure = "the catalog holds " + std::to_string(report.checked + report.passed) + " objects instead of " +
+                     std::to_string(report.objects);
   verification.tell();
   return report.clean();
 }

@@ -1,6 +1,10 @@
 #include "platform/pool/pool.h"
 
+#include "platform/crypto/aead.h"
+#include "platform/crypto/base64.h"
+#include "platform/crypto/key_wrap.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/set_keys.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,7 +22,9 @@ namespace {
 constexpr const char* POOL_FILE = "pool.json";
 /// What the names of sets that are being removed begin with.
 constexpr const char* REMOVED = ".removed-";
-constexpr int POOL_FORMAT = 1;
+/// A plain pool is of format 1, an encrypted one of format 2.
+constexpr unsigned POOL_FORMAT = 2;
+constexpr const char* ENCRYPTION = "aes-256-gcm";
 constexpr size_t MAX_POOL_FILE = 1u << 20;
 /// HOST/RESOURCE/ACTIVITY
 constexpr unsigned SET_DEPTH = 3;
@@ -144,10 +150,9 @@ std::string parent_of(const std::string& uri) {
 
 } // namespace
 
-bool Pool::create(const std::string& url, const std::string& uuid, std::string& error) {
-  std::string folder;
-  if (!folder_of(url, folder, error))
-    return false;
+namespace {
+
+bool make_pool(const std::string& folder, const json_spirit::Object& json, std::string& error) {
   std::error_code code;
   fs::create_directories(folder, code);
   if (code) {
@@ -159,14 +164,81 @@ bool Pool::create(const std::string& url, const std::string& uuid, std::string& 
         code ? "cannot read pool folder " + folder + ": " + code.message() : "pool folder " + folder + " is not empty";
     return false;
   }
-  json_spirit::Object json;
-  json["uuid"] = uuid;
-  json["format"] = POOL_FORMAT;
-  json["encryption"] = "none";
   if (!write_durable_file(folder, POOL_FILE, json_spirit::write_formatted(json) + "\n", error))
     return false;
   const std::string parent = fs::path(folder).parent_path().string();
   return sync_folder(parent.empty() ? "/" : parent, error);
+}
+
+json_spirit::Object encrypted_pool(const std::string& uuid, const std::string& check,
+                                   const json_spirit::Object& locked) {
+  json_spirit::Object json;
+  json["uuid"] = uuid;
+  json["format"] = POOL_FORMAT;
+  json["encryption"] = ENCRYPTION;
+  json["key_check"] = check;
+  json["key"] = locked;
+  return json;
+}
+
+std::string check_text(const Secret_Key& key) {
+  const std::string check = key_check(key);
+  return to_hex(reinterpret_cast<const unsigned char*>(check.data()), check.size());
+}
+
+} // namespace
+
+bool Pool::create(const std::string& url, const std::string& uuid, std::string& error) {
+  std::string folder;
+  if (!folder_of(url, folder, error))
+    return false;
+  json_spirit::Object json;
+  json["uuid"] = uuid;
+  json["format"] = 1;
+  json["encryption"] = "none";
+  return make_pool(folder, json, error);
+}
+
+bool Pool::create(const std::string& url, const std::string& uuid, const Pool_Secret& secret, const Scrypt_Cost& cost,
+                  Secret_Key& key, std::string& error) {
+  std::string folder;
+  json_spirit::Object locked;
+  if (!folder_of(url, folder, error))
+    return false;
+  if (!random_bytes(key.data(), Secret_Key::SIZE)) {
+    error = "the system has no random numbers";
+    return false;
+  }
+  return lock_pool_key(key, uuid, secret, cost, locked, error) &&
+         make_pool(folder, encrypted_pool(uuid, check_text(key), locked), error);
+}
+
+bool Pool::unlock(const Pool_Secret& secret, Secret_Key& key, std::string& error) const {
+  if (!encrypted_) {
+    error = "the pool in " + folder_ + " is not encrypted";
+    return false;
+  }
+  if (!unlock_pool_key(locked_key_, uuid_, secret, key, error))
+    return false;
+  if (check_text(key) == key_check_)
+    return true;
+  error = "the pool's file in " + folder_ + " is damaged: its key check is that of another key";
+  return false;
+}
+
+bool Pool::relock(const Secret_Key& key, const Pool_Secret& secret, const Scrypt_Cost& cost, std::string& error) {
+  json_spirit::Object locked;
+  if (!encrypted_ || check_text(key) != key_check_) {
+    error = encrypted_ ? "the key is not that of the pool in " + folder_
+                       : "the pool in " + folder_ + " is not encrypted";
+    return false;
+  }
+  if (!lock_pool_key(key, uuid_, secret, cost, locked, error) ||
+      !write_durable_file(folder_, POOL_FILE,
+                          json_spirit::write_formatted(encrypted_pool(uuid_, key_check_, locked)) + "\n", error))
+    return false;
+  locked_key_ = locked;
+  return true;
 }
 
 bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std::string& error) {
@@ -198,14 +270,42 @@ bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std
       error = "the pool in " + folder + " is another one (" + found + " instead of " + uuid + ")";
       return false;
     }
-    pool.uuid_ = found;
-    pool.folder_ = folder;
+    const json_spirit::Value* encryption = json_spirit::find(json, "encryption");
+    const std::string how = encryption == nullptr ? "none" : encryption->get_str();
+    if (how != "none" && how != ENCRYPTION) {
+      error = "the pool in " + folder + " is encrypted in a way that this program does not know: " + how;
+      return false;
+    }
+    Pool opened;
+    opened.uuid_ = found;
+    opened.folder_ = folder;
+    opened.encrypted_ = how != "none";
+    if (opened.encrypted_) {
+      const json_spirit::Value* locked = json_spirit::find(json, "key");
+      if (locked == nullptr)
+        throw json_spirit::Type_Error("\"key\" is missing");
+      opened.key_check_ = json_spirit::require_str(json, "key_check");
+      opened.locked_key_ = locked->get_obj();
+    }
+    pool = std::move(opened);
     return true;
   } catch (const std::exception& e) {
     error = "bad pool file " + path + ": " + e.what();
     return false;
   }
 }
+
+namespace {
+
+/// Without the key the record stays as it is written.
+void read_names(const Pool& pool, Set_Record& record) {
+  Set_Cipher_ptr cipher;
+  std::string ignored;
+  if (open_set_cipher(pool, record, cipher, ignored) && cipher)
+    open_record(*cipher, record, ignored);
+}
+
+} // namespace
 
 std::vector<Set_Record> Pool::sets(const std::string& prefix, std::vector<std::string>& errors) const {
   return read_sets(prefix, false, errors);
@@ -226,6 +326,8 @@ std::vector<Set_Record> Pool::read_sets(const std::string& prefix, bool replaced
     if (read_set_record(set_folder(uri), record, error, &missing)) {
       // Where it lies counts, not where it was written.
       record.uri = uri;
+      if (encrypted_)
+        read_names(*this, record);
       found.push_back(std::move(record));
     } else if (!missing) {
       errors.push_back(error);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/pool/pool_key.h"
 #include "platform/pool/process_lock.h"
 #include "platform/pool/set_lock.h"
 #include "platform/pool/set_record.h"
@@ -10,7 +11,7 @@
 
 /// A pool in a folder of this machine, "file:///DIR":
 ///
-///     pool.json                              uuid, format version, encryption
+///     pool.json                              uuid, format version, encryption, the locked key
 ///     HOST/RESOURCE/ACTIVITY/set.json        a set exists when this does
 ///     HOST/RESOURCE/ACTIVITY/catalog.db
 ///     HOST/RESOURCE/ACTIVITY/channel-NNNN.mtf
@@ -21,16 +22,28 @@ class Pool {
 public:
   /// Makes a pool in an empty or missing folder. False with the reason (not a file URL, not empty, not writable).
   static bool create(const std::string& url, const std::string& uuid, std::string& error);
+  /// The same for an encrypted pool, whose key is made here and locked with `secret`.
+  static bool create(const std::string& url, const std::string& uuid, const Pool_Secret& secret,
+                     const Scrypt_Cost& cost, Secret_Key& key, std::string& error);
   /// Opens one. False with the reason: no pool there, not readable, a newer format, or `uuid` (when not empty) is not
   /// the pool's.
   static bool open(const std::string& url, const std::string& uuid, Pool& pool, std::string& error);
 
   const std::string& uuid() const { return uuid_; }
   const std::string& folder() const { return folder_; }
+  /// Whether what is in it is encrypted. The key then comes from `unlock`, or from find_pool_key.
+  bool encrypted() const { return encrypted_; }
+  /// 16 hexadecimal digits that tell the pool's key from others; empty for a plain pool.
+  const std::string& key_check() const { return key_check_; }
+  /// Unlocks the key of an encrypted pool. False with the reason, which tells a wrong secret from damage.
+  bool unlock(const Pool_Secret& secret, Secret_Key& key, std::string& error) const;
+  /// Locks the pool's key with another secret; the file is as before or as after. What is in the pool stays as it is.
+  bool relock(const Secret_Key& key, const Pool_Secret& secret, const Scrypt_Cost& cost, std::string& error);
   std::string set_folder(const std::string& uri) const { return folder_ + "/" + uri; }
 
   /// Records of all sets below `prefix` ("" for all, "HOST", "HOST/RESOURCE"), oldest first. Folders without a record
-  /// are no sets; unreadable records are named in `errors`.
+  /// are no sets; unreadable records are named in `errors`. Names in records of an encrypted pool are empty when its key
+  /// is not known here.
   std::vector<Set_Record> sets(const std::string& prefix, std::vector<std::string>& errors) const;
   /// Records of the sets there that a merged set has replaced and that are not dropped yet: they are none of the pool's
   /// sets any more.
@@ -62,4 +75,7 @@ private:
 
   std::string uuid_;
   std::string folder_;
+  bool encrypted_ = false;
+  std::string key_check_;
+  json_spirit::Object locked_key_;
 };

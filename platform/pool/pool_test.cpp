@@ -68,7 +68,7 @@ TEST_F(Pools, what_is_no_pool_is_refused_by_reason) {
   make();
   EXPECT_FALSE(Pool::create(url_, "u", error_));
   EXPECT_NE(std::string::npos, error_.find("not empty")) << error_;
-  for (const char* bad : {"", "{", "[]", "{}", R"({"uuid":5,"format":1})", R"({"uuid":"u","format":2})"}) {
+  for (const char* bad : {"", "{", "[]", "{}", R"({"uuid":5,"format":1})", R"({"uuid":"u","format":3})"}) {
     std::ofstream(root_ + "/pool/pool.json") << bad;
     EXPECT_FALSE(Pool::open(url_, "", pool_, error_)) << bad;
     EXPECT_NE(std::string::npos, error_.find("pool")) << error_;
@@ -137,7 +137,7 @@ TEST_F(Pools, bad_record_is_refused_by_member_and_leaves_the_target_alone) {
     EXPECT_FALSE(Set_Record::from_json(good.to_json(), target, error_)) << name;
   }
   json_spirit::Object newer = json;
-  newer["format"] = 2;
+  newer["format"] = 3;
   EXPECT_FALSE(Set_Record::from_json(newer, target, error_));
   EXPECT_NE(std::string::npos, error_.find("newer"));
   bool missing = false;

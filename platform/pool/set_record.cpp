@@ -67,15 +67,17 @@ Set_Record::Medium medium_from(const Value& value) {
 
 Object Set_Record::to_json() const {
   Object json;
-  json["format"] = FORMAT_VERSION;
+  const bool encrypted = !data_key.empty();
+  // What a program of the first version can read is still said to be of it.
+  json["format"] = encrypted ? FORMAT_VERSION : 1;
   json["uuid"] = uuid;
   json["uri"] = uri;
   json["host_uuid"] = host_uuid;
   json["minor_resource_id"] = minor_resource_id;
-  json["minor_resource_name"] = minor_resource_name;
+  json["minor_resource_name"] = encrypted ? std::string() : minor_resource_name;
   json["resource_uuid"] = resource_uuid;
   json["definition_uuid"] = definition_uuid;
-  json["name"] = name;
+  json["name"] = encrypted ? std::string() : name;
   json["agent"] = agent;
   json["host"] = host;
   json["type"] = type;
@@ -101,7 +103,18 @@ Object Set_Record::to_json() const {
     media_list.push_back(std::move(one));
   }
   json["media"] = std::move(media_list);
-  json["figures"] = figures;
+  if (!encrypted) {
+    json["figures"] = figures;
+    return json;
+  }
+  Object numbers;
+  for (const auto& [key, value] : figures)
+    if (value.type() == json_spirit::int_type || value.type() == json_spirit::real_type ||
+        value.type() == json_spirit::bool_type)
+      numbers[key] = value;
+  json["figures"] = std::move(numbers);
+  json["data_key"] = data_key;
+  json["sealed"] = sealed;
   return json;
 }
 
@@ -150,6 +163,10 @@ bool Set_Record::from_json(const Object& json, Set_Record& record, std::string& 
       return list;
     });
     get_with(json, "figures", read.figures, [](const Value& v) { return v.get_obj(); });
+    if (json_spirit::find(json, "data_key") != nullptr) {
+      get(json, "data_key", read.data_key);
+      get(json, "sealed", read.sealed);
+    }
     record = std::move(read);
     return true;
   } catch (const std::exception& e) {

@@ -14,7 +14,7 @@ struct Set_Record {
   };
 
   static constexpr const char* FILE_NAME = "set.json";
-  static constexpr int FORMAT_VERSION = 1;
+  static constexpr int FORMAT_VERSION = 2;
   /// The record of a partial set: what an unfinished run left whole on media. It is none of the pool's sets, but the
   /// catalogs of sets may point into it.
   static constexpr const char* PARTIAL_FILE_NAME = "partial.json";
@@ -41,9 +41,12 @@ struct Set_Record {
   unsigned long long backup_set_size = 0;
   unsigned long long backup_set_storage_size = 0;
   std::string encryption;
+  std::string data_key; ///< of an encrypted set: its data key, wrapped under the pool's; empty otherwise
+  std::string sealed;   ///< of an encrypted set: the members that must not be read, see seal_record
   std::vector<Medium> media;
   json_spirit::Object figures; ///< the run's account
 
+  /// What is written. Of an encrypted set, names and texts stand in `sealed` alone.
   json_spirit::Object to_json() const;
   /// False when something is missing, of the wrong type, or of a newer format; `error` names it. `record` is then
   /// untouched.

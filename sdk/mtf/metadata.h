@@ -38,6 +38,7 @@ public:
   unsigned seq = 0;                    ///< the set's sequence number in its chain
   unsigned channels = 0;
   std::string set_uri;                 ///< folder of the set inside the pool
+  std::string data_key;                ///< of an encrypted set: its key, wrapped under the pool's; else empty
   std::string base_uuid;               ///< set that an incremental was compared with; empty for a full one
   json_spirit::Array media;            ///< one object a medium: "name", "size", "family"
   json_spirit::Object figures;         ///< the run's account, as in EVENT_OUTCOME

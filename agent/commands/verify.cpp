@@ -1,0 +1,153 @@
+#include "agent/commands/commands.h"
+#include "agent/commands/open_set.h"
+
+#include "platform/mtf/verify.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <random>
+
+namespace {
+
+struct Verify_Arguments {
+  std::string set;
+  unsigned threads = 0;
+  std::string sample = "100%";
+  unsigned long long seed = 0;
+  bool seed_given = false;
+};
+
+/// "5%", "0.5%" or "5". Throws Command_Error.
+double percent(const std::string& text) {
+  std::string number = text;
+  if (!number.empty() && number.back() == '%')
+    number.pop_back();
+  char* end = nullptr;
+  const double value = std::strtod(number.c_str(), &end);
+  if (number.empty() || *end != '\0' || !(value > 0) || value > 100)
+    throw Command_Error("'" + text + "' is no part of a set: give more than 0% and at most 100%", EXIT_USAGE);
+  return value;
+}
+
+json_spirit::Object damage_json(const Verify_Damage& damage) {
+  json_spirit::Object json;
+  json["name"] = "/" + damage.path;
+  json["size"] = damage.size;
+  json["lost"] = damage.lost;
+  json["set"] = damage.set;
+  json["medium"] = damage.medium;
+  json["message"] = damage.message;
+  return json;
+}
+
+json_spirit::Object place_json(const Verify_Report::Place& place) {
+  json_spirit::Object json;
+  json["set"] = place.set;
+  json["own"] = place.own;
+  json["medium"] = place.medium;
+  json["objects"] = place.objects;
+  json["good"] = place.good;
+  json["damaged"] = place.damaged;
+  if (!place.error.empty())
+    json["error"] = place.error;
+  return json;
+}
+
+json_spirit::Object report_json(const Set& set, const Verify_Options& options, const Verify_Report& report) {
+  json_spirit::Array damages, media, places;
+  for (const Verify_Damage& damage : report.damages)
+    damages.push_back(damage_json(damage));
+  for (const std::string& message : report.media)
+    media.push_back(message);
+  for (const Verify_Report::Place& place : report.places)
+    places.push_back(place_json(place));
+  json_spirit::Object json;
+  json["set"] = set.uuid;
+  json["clean"] = report.clean();
+  json["objects"] = report.objects;
+  json["checked"] = report.checked;
+  json["good"] = report.good;
+  json["damaged"] = report.damaged;
+  json["lost"] = report.lost;
+  json["lost_bytes"] = report.lost_bytes;
+  json["bytes"] = report.bytes;
+  json["damages"] = damages;
+  json["media"] = media;
+  json["places"] = places;
+  if (options.sample < 100) {
+    json["sample"] = options.sample;
+    json["seed"] = options.seed;
+  }
+  if (!report.failure.empty())
+    json["message"] = report.failure;
+  return json;
+}
+
+std::string report_text(const Verify_Options& options, const Verify_Report& report) {
+  std::string text;
+  for (const std::string& message : report.media)
+    text += "medium: " + message + "\n";
+  if (report.damaged != 0)
+    for (const Verify_Report::Place& place : report.places)
+      text += (place.own ? place.medium : "set " + place.set + ", " + place.medium) + ": " +
+              std::to_string(place.damaged) + " of " + std::to_string(place.objects) + " objects damaged" +
+              (place.error.empty() ? std::string() : ": " + place.error) + "\n";
+  text += std::to_string(report.good) + " of " + std::to_string(report.checked) + " objects are good, " +
+          human_bytes(report.bytes) + " read back";
+  if (options.sample < 100)
+    text += " (a sample of the " + std::to_string(report.objects) + " objects, with --seed " +
+            std::to_string(options.seed) + ")";
+  text += "\n";
+  if (report.lost != 0)
+    text += "a restore would lack " + std::to_string(report.lost) + " objects with " +
+            human_bytes(report.lost_bytes) + "\n";
+  if (!report.failure.empty())
+    text += "the set cannot be verified: " + report.failure + "\n";
+  return text;
+}
+
+void verify(Context& context, const Verify_Arguments& arguments) {
+  Verify_Options options;
+  options.threads = arguments.threads;
+  options.sample = percent(arguments.sample);
+  // Each time other objects, so that repeated samples come to see all.
+  options.seed = arguments.seed_given ? arguments.seed : std::random_device()();
+  const Set set = context.set(arguments.set);
+  Pool pool;
+  Set_Record record;
+  open_set(context, set, pool, record);
+  // A set may have lost any number of objects: each is told when it is found.
+  if (!context.json)
+    options.found = [](const Verify_Damage& damage) {
+      print_bytes("damaged: '/" + damage.path + "': " + damage.message);
+    };
+  else
+    options.found = [](const Verify_Damage& damage) {
+      print_bytes(json_spirit::write_utf8(json_spirit::Value(damage_json(damage))));
+    };
+  Verify_Report report;
+  const bool clean = verify_set(pool, record, options, report);
+  context.print(report_json(set, options, report), report_text(options, report));
+  context.exit_code = clean ? EXIT_COMPLETED : EXIT_FAILED;
+}
+
+} // namespace
+
+void add_verify_command(CLI::App& app, Context& context) {
+  auto arguments = std::make_shared<Verify_Arguments>();
+  CLI::App* check = app.add_subcommand("verify", "Read every stored byte of a set back and check it");
+  check->add_option("set", arguments->set, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  check->add_option("--threads", arguments->threads, "Objects read at the same time; 0: as many as pay")
+      ->check(CLI::Range(0, 256));
+  check->add_option("--sample", arguments->sample, "Read only this part of the objects, chosen by chance")
+      ->type_name("N%");
+  CLI::Option* seed = check->add_option("--seed", arguments->seed, "The sample of an earlier run again");
+  check->callback([&context, arguments, seed] {
+    arguments->seed_given = seed->count() != 0;
+    verify(context, *arguments);
+  });
+}

@@ -1,0 +1,9 @@
+#pragma once
+
+#include <string>
+
+/// Whether somebody sits at a terminal who can be asked.
+bool can_prompt();
+/// Asks for a secret on the terminal, without showing what is typed. Empty when nothing came. Throws Command_Error when
+/// the terminal cannot be used.
+std::string prompt_secret(const std::string& question);
