@@ -15,7 +15,18 @@ json_spirit::Object account_attributes(const Account& account) {
   return attributes;
 }
 
-S3_Service_var make_account_service(const Account& account) {
+json_spirit::Object found_json(const Account& account) {
+  json_spirit::Object found;
+  if (!account.found_addressing.empty())
+    found["addressing"] = account.found_addressing;
+  if (!account.found_list_version.empty())
+    found["list_version"] = account.found_list_version;
+  if (!account.found_url_encoding.empty())
+    found["url_encoding"] = account.found_url_encoding;
+  return found;
+}
+
+S3_Service_Options account_service_options(const Account& account) {
   const json_spirit::Object attributes = account_attributes(account);
   URI uri;
   if (!URI_Parser::parse((account.scheme + "://" + account.endpoint).c_str(), uri))
@@ -30,7 +41,11 @@ S3_Service_var make_account_service(const Account& account) {
   options.region = account.region;
   options.vendor = account.vendor;
   options.sign_method = account.sign_method;
-  S3_Service_var service = make_s3_service(options);
+  return options;
+}
+
+S3_Service_var make_account_service(const Account& account) {
+  S3_Service_var service = make_s3_service(account_service_options(account));
   if (!service)
     throw Command_Error("the attributes of account '" + account.name + "' make no client");
   return service;

@@ -1,7 +1,9 @@
 #include "agent/commands/commands.h"
+#include "agent/commands/diagnosis.h"
 #include "agent/entry.h"
 
 #include "platform/crypto/secret.h"
+#include "platform/s3/vendor_presets.h"
 #include "sdk/job/job_definition.h"
 
 #include <CLI/CLI.hpp>
@@ -16,16 +18,9 @@
 namespace {
 
 struct Account_Arguments {
-  std::string name;
+  Account account;
   std::string endpoint;
-  std::string access_key;
   std::string secret_key_file;
-  std::string region;
-  std::string vendor;
-  std::string sign_method = "v4";
-  std::string addressing = "auto";
-  std::string ca_file;
-  std::vector<std::string> buckets;
 };
 
 /// Reads the secret key from a file, or from standard input for "-"; a line end behind it does not count.
@@ -47,28 +42,44 @@ std::string read_secret(const std::string& path) {
   return secret;
 }
 
-void add(Context& context, const Account_Arguments& arguments) {
-  Account account;
+/// The file's whole path; empty stays empty.
+std::string whole_path(const char* what, const std::string& file) {
+  if (file.empty())
+    return file;
+  const std::unique_ptr<char, void (*)(void*)> path(realpath(file.c_str(), nullptr), std::free);
+  if (!path)
+    throw Command_Error("the " + std::string(what) + " '" + file + "' cannot be read: " + std::strerror(errno));
+  return path.get();
+}
+
+/// What of the arguments needs a look before it is stored.
+void complete(Account& account, const Account_Arguments& arguments) {
   std::string error;
-  if (!split_endpoint_url(arguments.endpoint, account.scheme, account.endpoint, error))
+  if (!arguments.endpoint.empty() && !split_endpoint_url(arguments.endpoint, account.scheme, account.endpoint, error))
     throw Command_Error("endpoint '" + arguments.endpoint + "': " + error);
-  account.uuid = make_uuid();
-  account.name = arguments.name;
-  account.access_key = arguments.access_key;
-  account.region = arguments.region;
-  account.vendor = arguments.vendor;
-  account.sign_method = arguments.sign_method;
-  account.addressing = arguments.addressing;
-  if (!arguments.ca_file.empty()) {
-    std::unique_ptr<char, void (*)(void*)> path(realpath(arguments.ca_file.c_str(), nullptr), std::free);
-    if (!path)
-      throw Command_Error("the CA file '" + arguments.ca_file + "' cannot be read: " + std::strerror(errno));
-    account.ca_file = path.get();
+  if (!account.vendor.empty() && !vendor_preset(account.vendor)) {
+    std::string names;
+    for (const Vendor_Preset& preset : vendor_presets())
+      names += (names.empty() ? "" : ", ") + std::string(preset.name);
+    throw Command_Error("there is no preset for vendor '" + account.vendor + "': give one of " + names + ", or none");
   }
-  account.buckets = arguments.buckets;
-  const std::string secret = read_secret(arguments.secret_key_file);
-  Store& store = context.store();
-  if (!seal_secret(secret, account.secret_key, error) || !store.add_account(account, error))
+  account.ca_file = whole_path("CA file", account.ca_file);
+  account.client_cert = whole_path("client certificate", account.client_cert);
+  account.client_key = whole_path("client key", account.client_key);
+  if (!account.client_key.empty() && account.client_cert.empty())
+    throw Command_Error("a client key needs its certificate: give --client-cert");
+  if (!arguments.secret_key_file.empty() &&
+      !seal_secret(read_secret(arguments.secret_key_file), account.secret_key, error))
+    throw Command_Error(error);
+}
+
+void add(Context& context, const Account_Arguments& arguments) {
+  Store& store = context.store(); // with its key, which seals the secret
+  Account account = arguments.account;
+  account.uuid = make_uuid();
+  complete(account, arguments);
+  std::string error;
+  if (!store.add_account(account, error))
     throw Command_Error(error);
   json_spirit::Object json;
   json["uuid"] = account.uuid;
@@ -87,6 +98,16 @@ json_spirit::Object account_json(const Account& account) {
   json["sign_method"] = account.sign_method;
   json["addressing"] = account.addressing;
   json["ca_file"] = account.ca_file;
+  json["list_version"] = account.list_version;
+  json["url_encoding"] = account.url_encoding;
+  json["payload_signing"] = account.payload_signing;
+  json["client_cert"] = account.client_cert;
+  json["client_key"] = account.client_key;
+  json["proxy"] = account.proxy;
+  json["connect_timeout"] = static_cast<int>(account.connect_timeout);
+  json["idle_timeout"] = static_cast<int>(account.idle_timeout);
+  json["user_agent"] = account.user_agent;
+  json["found"] = found_json(account);
   json_spirit::Array buckets;
   for (const std::string& bucket : account.buckets)
     buckets.push_back(bucket);
@@ -115,43 +136,98 @@ void show(Context& context, const std::string& name) {
   context.print(json, json_spirit::write_formatted(json));
 }
 
-void test(Context& context, const std::string& name) {
-  const Account account = context.account(name);
-  JSON_RPC_Channel& rpc = context.rpc();
-  json_spirit::Object params = account_attributes(account);
-  json_spirit::Array buckets;
-  for (const std::string& bucket : account.buckets)
-    buckets.push_back(bucket);
-  params["buckets"] = buckets;
-
-  JSON_RPC_Request request("obs.test", params, 1);
-  JSON_RPC_Object_var reply;
-  if (rpc.request(request, reply) != 0)
-    throw Command_Error("the module does not answer");
-  if (reply->type() != JSON_RPC_Object::TYPE_RESPONSE) {
-    const auto* refused = dynamic_cast<const JSON_RPC_Error_Response*>(reply.get());
-    throw Command_Error("account '" + name + "': " + (refused ? refused->message() : "no answer"));
-  }
-  const json_spirit::Object result = dynamic_cast<JSON_RPC_Response&>(*reply).result().get_obj();
-  const bool available = result.at("available").get_bool();
-  std::string text = "account '" + name + "' is " + (available ? "available" : "not available");
-  if (!available)
-    text += ": " + json_spirit::optional_str(result, "message");
-  if (const json_spirit::Value* found = json_spirit::find(result, "buckets"))
-    for (const json_spirit::Value& bucket : found->get_array())
-      text += "\n  " + json_spirit::optional_str(bucket.get_obj(), "name") + "  " +
-              json_spirit::optional_str(bucket.get_obj(), "ctime") + "  " +
-              json_spirit::optional_str(bucket.get_obj(), "location");
-  context.print(result, text);
-  context.exit_code = available ? EXIT_COMPLETED : EXIT_FAILED;
-}
-
 void remove(Context& context, const std::string& name) {
   const Account account = context.account(name);
   std::string error;
   if (!context.store().remove_account(account.uuid, error))
     throw Command_Error(error);
   context.print(json_spirit::Object(), "account '" + account.name + "' removed");
+}
+
+/// The options that both adding and changing an account take. `required`: those that an account cannot do without.
+void add_options(CLI::App& command, Account_Arguments& arguments, bool required) {
+  Account& account = arguments.account;
+  command.add_option("--endpoint", arguments.endpoint, "http:// or https:// URL of the service")
+      ->required(required)
+      ->type_name("URL");
+  command.add_option("--access-key", account.access_key, "Access key id")->required(required)->type_name("KEY");
+  command.add_option("--secret-key-file", arguments.secret_key_file, "File with the secret key; -: standard input")
+      ->required(required)
+      ->type_name("FILE");
+  command.add_option("--region", account.region, "Region to sign for");
+  std::string vendors;
+  for (const Vendor_Preset& preset : vendor_presets())
+    vendors += (vendors.empty() ? "" : ", ") + std::string(preset.name);
+  command.add_option("--vendor", account.vendor, "Preset for what the settings leave to auto: " + vendors);
+  command.add_option("--sign-method", account.sign_method, "v4 or v2; none: the vendor's, else v4")
+      ->check(CLI::IsMember({"v4", "v2"}));
+  const auto choice = [&](const char* name, std::string& value, const char* help,
+                          std::initializer_list<const char*> choices) {
+    command.add_option(name, value, help)
+        ->check(CLI::IsMember(std::vector<std::string>(choices.begin(), choices.end())))
+        ->capture_default_str();
+  };
+  choice("--addressing", account.addressing, "Where buckets stand: in the path or before the host's name",
+         {"auto", "path", "virtual"});
+  choice("--list-version", account.list_version, "Version of listings to ask for", {"auto", "1", "2"});
+  choice("--url-encoding", account.url_encoding, "Ask for listings with encoded keys", {"auto", "on", "off"});
+  choice("--payload-signing", account.payload_signing, "Sign bodies; auto: where TLS does not cover them",
+         {"auto", "on", "off"});
+  command.add_option("--ca-file", account.ca_file, "PEM file with the CA that signed the service's certificate")
+      ->type_name("FILE");
+  command.add_option("--client-cert", account.client_cert, "PEM file with the certificate to show to the service")
+      ->type_name("FILE");
+  command.add_option("--client-key", account.client_key, "PEM file with its key, unless it stands in the same file")
+      ->type_name("FILE");
+  command.add_option("--proxy", account.proxy, "Proxy to go through; the environment's is never taken")
+      ->type_name("URL");
+  command.add_option("--connect-timeout", account.connect_timeout, "Seconds to connect in; 0: 10")
+      ->check(CLI::Range(0, 3600));
+  command
+      .add_option("--idle-timeout", account.idle_timeout, "Seconds without a byte after which a transfer ends; 0: 60")
+      ->check(CLI::Range(0, 3600));
+  command.add_option("--user-agent", account.user_agent, "Name to go by; none: none is sent");
+  command.add_option("--bucket", account.buckets, "A bucket that jobs may use; none: all of the account")
+      ->allow_extra_args(false)
+      ->type_name("BUCKET");
+}
+
+/// Takes over what was given on the command line.
+void change(Context& context, const CLI::App& command, const Account_Arguments& arguments) {
+  Account account = context.account(arguments.account.name);
+  const Account& given = arguments.account;
+  const auto take = [&](const char* option, auto Account::*member) {
+    if (command.count(option) > 0)
+      account.*member = given.*member;
+    return command.count(option) > 0;
+  };
+  bool moved = command.count("--endpoint") > 0;
+  take("--access-key", &Account::access_key);
+  take("--region", &Account::region);
+  moved = take("--vendor", &Account::vendor) || moved;
+  moved = take("--sign-method", &Account::sign_method) || moved;
+  moved = take("--addressing", &Account::addressing) || moved;
+  moved = take("--list-version", &Account::list_version) || moved;
+  moved = take("--url-encoding", &Account::url_encoding) || moved;
+  take("--payload-signing", &Account::payload_signing);
+  take("--ca-file", &Account::ca_file);
+  take("--client-cert", &Account::client_cert);
+  take("--client-key", &Account::client_key);
+  take("--proxy", &Account::proxy);
+  take("--connect-timeout", &Account::connect_timeout);
+  take("--idle-timeout", &Account::idle_timeout);
+  take("--user-agent", &Account::user_agent);
+  take("--bucket", &Account::buckets);
+  if (moved) {
+    account.found_addressing.clear();
+    account.found_list_version.clear();
+    account.found_url_encoding.clear();
+  }
+  complete(account, arguments);
+  std::string error;
+  if (!context.store().update_account(account, error))
+    throw Command_Error(error);
+  context.print(account_json(account), "account '" + account.name + "' changed");
 }
 
 } // namespace
@@ -162,28 +238,15 @@ void add_account_commands(CLI::App& app, Context& context) {
 
   auto arguments = std::make_shared<Account_Arguments>();
   CLI::App* command = account->add_subcommand("add", "Add an account");
-  command->add_option("name", arguments->name, "Name to call it by")->required()->type_name("NAME");
-  command->add_option("--endpoint", arguments->endpoint, "http:// or https:// URL of the service")
-      ->required()
-      ->type_name("URL");
-  command->add_option("--access-key", arguments->access_key, "Access key id")->required()->type_name("KEY");
-  command->add_option("--secret-key-file", arguments->secret_key_file, "File with the secret key; -: standard input")
-      ->required()
-      ->type_name("FILE");
-  command->add_option("--region", arguments->region, "Region to sign for");
-  command->add_option("--vendor", arguments->vendor, "Vendor of the service");
-  command->add_option("--sign-method", arguments->sign_method, "v4 or v2")
-      ->check(CLI::IsMember({"v4", "v2"}))
-      ->capture_default_str();
-  command->add_option("--addressing", arguments->addressing, "auto, path or virtual")
-      ->check(CLI::IsMember({"auto", "path", "virtual"}))
-      ->capture_default_str();
-  command->add_option("--ca-file", arguments->ca_file, "PEM file with the CA that signed the service's certificate")
-      ->type_name("FILE");
-  command->add_option("--bucket", arguments->buckets, "A bucket that jobs may use; none: all of the account")
-      ->allow_extra_args(false)
-      ->type_name("BUCKET");
+  command->add_option("name", arguments->account.name, "Name to call it by")->required()->type_name("NAME");
+  add_options(*command, *arguments, true);
   command->callback([&context, arguments] { add(context, *arguments); });
+
+  auto changes = std::make_shared<Account_Arguments>();
+  CLI::App* other = account->add_subcommand("change", "Change an account's settings; the others stay as they are");
+  other->add_option("name", changes->account.name, "Account")->required()->type_name("NAME");
+  add_options(*other, *changes, false);
+  other->callback([&context, changes, other] { change(context, *other, *changes); });
 
   account->add_subcommand("list", "List the accounts")->callback([&context] { list(context); });
   auto name = std::make_shared<std::string>();
@@ -193,6 +256,6 @@ void add_account_commands(CLI::App& app, Context& context) {
     one->callback([&context, name, work] { work(context, *name); });
   };
   named("show", "Show an account; its secret key is never shown", show);
-  named("test", "Test whether an account can be reached", test);
+  named("test", "Look at an account step by step: what works, what does not, and what to do", test_account);
   named("remove", "Forget an account", remove);
 }

@@ -39,10 +39,23 @@ bool register_endpoint(const Account& account) {
     return false;
   }
   Endpoint_Settings settings = Endpoint_Settings::get(uri.host(), uri.port(), account.access_key);
-  settings.addressing = account.addressing == "path"      ? Endpoint_Settings::ADDRESSING_PATH
-                        : account.addressing == "virtual" ? Endpoint_Settings::ADDRESSING_VIRTUAL
-                                                          : Endpoint_Settings::ADDRESSING_AUTO;
+  const auto chosen = [](const std::string& asked, const std::string& found) -> const std::string& {
+    return asked == "auto" ? found : asked;
+  };
+  const Endpoint_Settings defaults;
+  settings.addressing = Endpoint_Settings::read_addressing(chosen(account.addressing, account.found_addressing));
+  settings.list_version =
+      Endpoint_Settings::read_list_version(chosen(account.list_version, account.found_list_version));
+  settings.url_encoding =
+      Endpoint_Settings::read_url_encoding(chosen(account.url_encoding, account.found_url_encoding));
+  settings.payload_signing = Endpoint_Settings::read_payload_signing(account.payload_signing);
   settings.ca_file = account.ca_file;
+  settings.client_cert = account.client_cert;
+  settings.client_key = account.client_key;
+  settings.proxy = account.proxy;
+  settings.connect_timeout = account.connect_timeout ? account.connect_timeout : defaults.connect_timeout;
+  settings.idle_timeout = account.idle_timeout ? account.idle_timeout : defaults.idle_timeout;
+  settings.user_agent = account.user_agent;
   Endpoint_Settings::set(uri.host(), uri.port(), account.access_key, settings);
   return true;
 }

@@ -7,8 +7,8 @@ class Store;
 
 /// Answers "obs.query" {"uuid"} with the account of that uuid: "uuid", "name", "scheme", "endpoint", "access_key",
 /// "secret_key" (sealed), "region", "vendor", "sign_method", "extended_attrs" {"buckets"}. Registers the endpoint's
-/// settings (addressing, CA file) on the way, so that whatever connects for the account finds them. Errors: -32602 for
-/// parameters without a uuid or an unknown one, -32603 when the store cannot be read. Any thread.
+/// settings (addressing, TLS, time-outs and the like) on the way, so that whatever connects for the account finds them.
+/// Errors: -32602 for parameters without a uuid or an unknown one, -32603 when the store cannot be read. Any thread.
 class Entry_Query_Handler : public JSON_RPC_Handler {
 public:
   static constexpr const char* METHOD = "obs.query";

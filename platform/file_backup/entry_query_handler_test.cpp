@@ -65,6 +65,37 @@ TEST_F(entry_query, the_endpoint_s_settings_are_registered) {
   EXPECT_EQ("", Endpoint_Settings::get("s3.example", 9001, "access").ca_file);
 }
 
+TEST_F(entry_query, what_a_test_found_out_fills_in_where_the_account_says_auto) {
+  Account account;
+  bool found = false;
+  std::string error;
+  ASSERT_TRUE(store_->find_account(ACCOUNT, account, found, error));
+  account.addressing = "auto";
+  account.found_addressing = "virtual";
+  account.list_version = "2";
+  account.found_list_version = "1";
+  account.found_url_encoding = "off";
+  account.payload_signing = "off";
+  account.client_cert = "/cert.pem";
+  account.client_key = "/key.pem";
+  account.proxy = "http://proxy";
+  account.connect_timeout = 3;
+  account.user_agent = "name";
+  ASSERT_TRUE(store_->update_account(account, error)) << error;
+  ask(uuid(ACCOUNT));
+  const Endpoint_Settings settings = Endpoint_Settings::get("s3.example", 9000, "access");
+  EXPECT_EQ(Endpoint_Settings::ADDRESSING_VIRTUAL, settings.addressing);
+  EXPECT_EQ(Endpoint_Settings::LIST_V2, settings.list_version) << "what was asked for goes first";
+  EXPECT_EQ(Endpoint_Settings::ENCODING_OFF, settings.url_encoding);
+  EXPECT_EQ(Endpoint_Settings::SIGNING_OFF, settings.payload_signing);
+  EXPECT_EQ("/cert.pem", settings.client_cert);
+  EXPECT_EQ("/key.pem", settings.client_key);
+  EXPECT_EQ("http://proxy", settings.proxy);
+  EXPECT_EQ(3u, settings.connect_timeout);
+  EXPECT_EQ(Endpoint_Settings().idle_timeout, settings.idle_timeout);
+  EXPECT_EQ("name", settings.user_agent);
+}
+
 TEST_F(entry_query, what_is_unknown_or_no_uuid_is_an_error_reply) {
   EXPECT_EQ(-32602, error_of(uuid("unknown")));
   EXPECT_EQ(1u, log_.count("no account 'unknown'"));

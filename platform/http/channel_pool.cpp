@@ -41,13 +41,23 @@ HTTP_Channel_ptr HTTP_Channel_Pool::make() const {
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, RECEIVE_SIZE);
   curl_easy_setopt(easy, CURLOPT_DNS_CACHE_TIMEOUT, 300L);
+  // A request that is given up does not wait for the resolver's answer, which may be half a minute away.
+  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, static_cast<long>(settings_.connect_timeout));
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT, static_cast<long>(settings_.total_timeout));
   curl_easy_setopt(easy, CURLOPT_PROXY, settings_.proxy.c_str());
   curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   if (!settings_.ca_file.empty()) {
     curl_easy_setopt(easy, CURLOPT_CAINFO, settings_.ca_file.c_str());
     curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
   }
+  if (!settings_.client_cert.empty()) {
+    curl_easy_setopt(easy, CURLOPT_SSLCERT, settings_.client_cert.c_str());
+    curl_easy_setopt(easy, CURLOPT_SSLKEY,
+                     (settings_.client_key.empty() ? settings_.client_cert : settings_.client_key).c_str());
+  }
+  if (!settings_.user_agent.empty())
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, settings_.user_agent.c_str());
   return channel;
 }
 

@@ -13,7 +13,7 @@ constexpr size_t BUFFER_LIMIT = 256 * 1024;
 /// An answer's head; the services' own are below 8 KiB.
 constexpr size_t HEAD_LIMIT = 64 * 1024;
 /// How often a waiting request looks whether its job is being cancelled.
-constexpr std::chrono::milliseconds CANCEL_CHECK(500);
+constexpr std::chrono::milliseconds CANCEL_CHECK(250);
 
 std::chrono::steady_clock::duration to_duration(const ACE_Time_Value& time) {
   return std::chrono::seconds(time.sec()) + std::chrono::microseconds(time.usec());

@@ -49,6 +49,10 @@ struct HTTP_Failure {
 struct HTTP_Settings {
   unsigned connect_timeout = 10; ///< seconds
   unsigned idle_timeout = 60;    ///< seconds without a byte in either direction
+  unsigned total_timeout = 0;    ///< seconds for a whole exchange; 0: no bound
   std::string ca_file;           ///< PEM; empty: the system's
+  std::string client_cert;       ///< PEM; empty: none
+  std::string client_key;        ///< PEM; empty: in the certificate's file
   std::string proxy;             ///< URL; empty: none, whatever the environment says
+  std::string user_agent;        ///< empty: none is sent
 };

@@ -3,6 +3,7 @@
 #include "platform/s3/percent_encoding.h"
 #include "sdk/base/time_format.h"
 
+#include <algorithm>
 #include <cctype>
 #include <limits>
 
@@ -152,8 +153,12 @@ void Listing_Reader::element(const Path& path, std::string& text) {
     content_.truncated = text == "true";
   } else if (is(path, "NextMarker")) {
     content_.next_marker = std::move(text);
+  } else if (is(path, "NextContinuationToken")) {
+    token_ = std::move(text);
+  } else if (is(path, "KeyCount")) {
+    counts_keys_ = true;
   } else if (is(path, "EncodingType")) {
-    encoded_ = text == "url";
+    encoded_ = encoded_ || text == "url";
   } else if (is(path, "Contents")) {
     if (content_.objects.back().name.empty())
       refuse("an entry of the page has no key");
@@ -189,9 +194,23 @@ bool Listing_Reader::complete(const Get_Bucket_Parameter& param) {
     if (prefix > last)
       last = prefix;
   }
+  if (repeats_) {
+    const auto passed = [&](const std::string& name) { return name <= param.marker(); };
+    content_.objects.erase(std::remove_if(content_.objects.begin(), content_.objects.end(),
+                                          [&](const S3_Object& object) { return passed(object.name); }),
+                           content_.objects.end());
+    content_.common_prefixes.erase(
+        std::remove_if(content_.common_prefixes.begin(), content_.common_prefixes.end(), passed),
+        content_.common_prefixes.end());
+  }
   if (!content_.truncated) {
     content_.next_marker.clear();
     return true;
+  }
+  if (version_2_) {
+    // An empty page may be followed by others: all is settled by its token.
+    content_.next_marker = last;
+    return last.empty() ? !token_.empty() : last > param.marker();
   }
   std::string decoded;
   if (content_.next_marker.empty() || content_.next_marker == last) {

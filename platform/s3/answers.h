@@ -54,11 +54,24 @@ public:
   /// Decodes what the service encoded and settles where the next page begins. `param` is what was asked for. False when
   /// the page does not lead on; `error_code` is then "ListingDoesNotAdvance".
   bool complete(const Get_Bucket_Parameter& param);
+  /// Keys are encoded whatever the page says. Before `complete`.
+  void assume_encoded() { encoded_ = true; }
+  /// The page says that its keys are encoded.
+  bool says_encoded() const { return encoded_; }
+
+  /// A version 2 page is asked for; it may begin again with what ends with the marker where `repeats` says so.
+  void version_2(bool repeats) {
+    version_2_ = true;
+    repeats_ = repeats;
+  }
+  /// What a version 2 page names to go on; empty where it names nothing.
+  const std::string& token() const { return token_; }
+  /// The page counts its keys, as only those of version 2 do.
+  bool counts_keys() const { return counts_keys_; }
   /// Whether the service encodes common prefixes where it encodes keys; some say that they do and do not. Before
   /// `complete`.
   void prefix_form(Prefix_Form form) { prefix_form_ = form; }
   /// What the page itself tells about that. `doubtful` becomes the prefixes, as they came, that are others decoded.
-  bool encoded() const { return encoded_; }
   Prefix_Form find_prefix_form(std::vector<std::string>& doubtful) const;
 
 protected:
@@ -68,6 +81,10 @@ protected:
 private:
   Get_Bucket_Content& content_;
   bool encoded_ = false;
+  bool version_2_ = false;
+  bool repeats_ = false;
+  bool counts_keys_ = false;
+  std::string token_;
   Prefix_Form prefix_form_ = Prefix_Form::UNKNOWN;
 };
 

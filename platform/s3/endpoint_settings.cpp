@@ -35,6 +35,22 @@ void Endpoint_Settings::set(const std::string& host, unsigned short port, const 
   all.settings[key_of(host, port, access_key)] = settings;
 }
 
+Endpoint_Settings::Addressing Endpoint_Settings::read_addressing(const std::string& text) {
+  return text == "path" ? ADDRESSING_PATH : text == "virtual" ? ADDRESSING_VIRTUAL : ADDRESSING_AUTO;
+}
+
+Endpoint_Settings::List_Version Endpoint_Settings::read_list_version(const std::string& text) {
+  return text == "1" ? LIST_V1 : text == "2" ? LIST_V2 : LIST_AUTO;
+}
+
+Endpoint_Settings::Url_Encoding Endpoint_Settings::read_url_encoding(const std::string& text) {
+  return text == "on" ? ENCODING_ON : text == "off" ? ENCODING_OFF : ENCODING_AUTO;
+}
+
+Endpoint_Settings::Payload_Signing Endpoint_Settings::read_payload_signing(const std::string& text) {
+  return text == "on" ? SIGNING_ON : text == "off" ? SIGNING_OFF : SIGNING_AUTO;
+}
+
 Endpoint_Settings Endpoint_Settings::get(const std::string& host, unsigned short port, const std::string& access_key) {
   Registry& all = registry();
   const std::lock_guard<std::mutex> guard(all.mutex);

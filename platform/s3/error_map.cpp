@@ -28,88 +28,109 @@ constexpr Failure_Row FAILURES[] = {
     {CURLE_SSL_CACERT_BADFILE, "CertificateFileUnreadable", EACCES, false},
     {CURLE_SSL_CERTPROBLEM, "CertificateNotTrusted", EACCES, false},
     {CURLE_URL_MALFORMAT, "InvalidURL", EINVAL, false},
+    {CURLE_PROXY, "ProxyRefused", EPROTO, false},
     {CURLE_UNSUPPORTED_PROTOCOL, "NotHTTP", EPROTO, false},
     {CURLE_WEIRD_SERVER_REPLY, "NotHTTP", EPROTO, false},
     {CURLE_WRITE_ERROR, "AnswerTooLarge", EPROTO, false},
     {CURLE_OUT_OF_MEMORY, "OutOfMemory", ENOMEM, false},
 };
 
+/// What becomes of a request that failed so.
+enum Fate {
+  FINAL,     ///< repeating it does not help
+  RETRIABLE, ///< repeating it may help
+  BUSY       ///< the same, and the service asks for fewer requests
+};
+
 struct Code_Row {
   const char* code;
   int number;
-  bool retriable;
+  Fate fate;
 };
 
 constexpr Code_Row CODES[] = {
-    {"AccessDenied", EACCES, false},
-    {"AccountProblem", EACCES, false},
-    {"AllAccessDisabled", EACCES, false},
-    {"BadDigest", EIO, true},
-    {"BucketAlreadyExists", EEXIST, false},
-    {"BucketAlreadyOwnedByYou", EEXIST, false},
-    {"BucketNotEmpty", ENOTEMPTY, false},
-    {"EntityTooLarge", EFBIG, false},
-    {"ExpiredToken", EACCES, false},
-    {"IncompleteBody", EIO, true},
-    {"InternalError", EIO, true},
-    {"InvalidAccessKeyId", EACCES, false},
-    {"InvalidObjectState", EPERM, false},
-    {"InvalidRange", ERANGE, false},
-    {"KeyTooLongError", ENAMETOOLONG, false},
-    {"MethodNotAllowed", EPERM, false},
-    {"NoSuchBucket", ENOENT, false},
-    {"NoSuchKey", ENOENT, false},
-    {"NoSuchUpload", ENOENT, false},
-    {"NoSuchVersion", ENOENT, false},
-    {"NotImplemented", ENOTSUP, false},
-    {"OperationAborted", EAGAIN, true},
-    {"PreconditionFailed", ESTALE, false},
-    {"QuotaExceeded", ENOSPC, false},
-    {"RequestLimitExceeded", EAGAIN, true},
-    {"RequestTimeTooSkewed", EACCES, false},
-    {"RequestTimeout", ETIMEDOUT, true},
-    {"ServiceUnavailable", EAGAIN, true},
-    {"SignatureDoesNotMatch", EACCES, false},
-    {"SlowDown", EAGAIN, true},
-    {"Throttling", EAGAIN, true},
-    {"ThrottlingException", EAGAIN, true},
-    {"TooManyRequests", EAGAIN, true},
-    {"XAmzContentSHA256Mismatch", EIO, true},
+    {"AccessDenied", EACCES, FINAL},
+    {"AccountProblem", EACCES, FINAL},
+    {"AllAccessDisabled", EACCES, FINAL},
+    {"AuthorizationHeaderMalformed", EACCES, FINAL},
+    {"BadDigest", EIO, RETRIABLE},
+    {"BandwidthLimitExceeded", EAGAIN, BUSY},
+    {"BucketAlreadyExists", EEXIST, FINAL},
+    {"BucketAlreadyOwnedByYou", EEXIST, FINAL},
+    {"BucketNotEmpty", ENOTEMPTY, FINAL},
+    {"EntityTooLarge", EFBIG, FINAL},
+    {"ExpiredToken", EACCES, FINAL},
+    {"IncompleteBody", EIO, RETRIABLE},
+    {"InternalError", EIO, RETRIABLE},
+    {"InternalServerError", EIO, RETRIABLE},
+    {"InvalidAccessKeyId", EACCES, FINAL},
+    {"InvalidBucketName", EINVAL, FINAL},
+    {"InvalidObjectState", EPERM, FINAL},
+    {"InvalidPart", EIO, FINAL},
+    {"InvalidRange", ERANGE, FINAL},
+    {"InvalidSecurity", EACCES, FINAL},
+    {"InvalidToken", EACCES, FINAL},
+    {"KeyTooLongError", ENAMETOOLONG, FINAL},
+    {"MethodNotAllowed", EPERM, FINAL},
+    {"NoSuchBucket", ENOENT, FINAL},
+    {"NoSuchKey", ENOENT, FINAL},
+    {"NoSuchUpload", ENOENT, FINAL},
+    {"NoSuchVersion", ENOENT, FINAL},
+    {"NotImplemented", ENOTSUP, FINAL},
+    {"NotSignedUp", EACCES, FINAL},
+    {"OperationAborted", EAGAIN, RETRIABLE},
+    {"PreconditionFailed", ESTALE, FINAL},
+    {"QuotaExceeded", ENOSPC, FINAL},
+    {"RequestExpired", EACCES, FINAL},
+    {"RequestLimitExceeded", EAGAIN, BUSY},
+    {"RequestTimeTooSkewed", EACCES, FINAL},
+    {"RequestTimeout", ETIMEDOUT, RETRIABLE},
+    {"ServerBusy", EAGAIN, BUSY},
+    {"ServiceUnavailable", EAGAIN, BUSY},
+    {"SignatureDoesNotMatch", EACCES, FINAL},
+    {"SlowDown", EAGAIN, BUSY},
+    {"Throttling", EAGAIN, BUSY},
+    {"ThrottledException", EAGAIN, BUSY},
+    {"ThrottlingException", EAGAIN, BUSY},
+    {"TokenRefreshRequired", EACCES, FINAL},
+    {"TooManyRequests", EAGAIN, BUSY},
+    {"UserSuspended", EACCES, FINAL},
+    {"XAmzContentSHA256Mismatch", EIO, RETRIABLE},
 };
 
 struct Status_Row {
   int status;
   const char* code;
   int number;
-  bool retriable;
+  Fate fate;
 };
 
 constexpr Status_Row STATUSES[] = {
-    {301, "PermanentRedirect", ENXIO, false},
-    {302, "Redirect", ENXIO, false},
-    {307, "TemporaryRedirect", ENXIO, false},
-    {308, "PermanentRedirect", ENXIO, false},
-    {400, "BadRequest", EINVAL, false},
-    {401, "Unauthorized", EACCES, false},
-    {403, "AccessDenied", EACCES, false},
-    {404, "NotFound", ENOENT, false},
-    {405, "MethodNotAllowed", EPERM, false},
-    {408, "RequestTimeout", ETIMEDOUT, true},
-    {409, "Conflict", EEXIST, false},
-    {411, "MissingContentLength", EINVAL, false},
-    {412, "PreconditionFailed", ESTALE, false},
-    {413, "EntityTooLarge", EFBIG, false},
-    {416, "InvalidRange", ERANGE, false},
-    {425, "TooEarly", EAGAIN, true},
-    {429, "TooManyRequests", EAGAIN, true},
-    {500, "InternalError", EIO, true},
-    {501, "NotImplemented", ENOTSUP, false},
-    {502, "BadGateway", EAGAIN, true},
-    {503, "ServiceUnavailable", EAGAIN, true},
-    {504, "GatewayTimeout", ETIMEDOUT, true},
-    {505, "NotHTTP", EPROTO, false},
-    {507, "InsufficientStorage", ENOSPC, false},
-    {509, "BandwidthLimitExceeded", EAGAIN, true},
+    {301, "PermanentRedirect", ENXIO, FINAL},
+    {302, "Redirect", ENXIO, FINAL},
+    {307, "TemporaryRedirect", ENXIO, FINAL},
+    {308, "PermanentRedirect", ENXIO, FINAL},
+    {400, "BadRequest", EINVAL, FINAL},
+    {401, "Unauthorized", EACCES, FINAL},
+    {403, "AccessDenied", EACCES, FINAL},
+    {404, "NotFound", ENOENT, FINAL},
+    {405, "MethodNotAllowed", EPERM, FINAL},
+    {408, "RequestTimeout", ETIMEDOUT, RETRIABLE},
+    {409, "Conflict", EEXIST, FINAL},
+    {411, "MissingContentLength", EINVAL, FINAL},
+    {412, "PreconditionFailed", ESTALE, FINAL},
+    {413, "EntityTooLarge", EFBIG, FINAL},
+    {416, "InvalidRange", ERANGE, FINAL},
+    {425, "TooEarly", EAGAIN, RETRIABLE},
+    {429, "TooManyRequests", EAGAIN, BUSY},
+    {500, "InternalError", EIO, RETRIABLE},
+    {501, "NotImplemented", ENOTSUP, FINAL},
+    {502, "BadGateway", EAGAIN, RETRIABLE},
+    {503, "ServiceUnavailable", EAGAIN, BUSY},
+    {504, "GatewayTimeout", ETIMEDOUT, RETRIABLE},
+    {505, "NotHTTP", EPROTO, FINAL},
+    {507, "InsufficientStorage", ENOSPC, FINAL},
+    {509, "BandwidthLimitExceeded", EAGAIN, BUSY},
 };
 
 } // namespace
@@ -129,6 +150,16 @@ S3_Error map_failure(const HTTP_Failure& failure, const std::string& what) {
   return S3_Error(EIO, 0, "TransportError", message, false);
 }
 
+bool is_busy(const S3_Error& error) {
+  for (const Code_Row& row : CODES)
+    if (row.fate == BUSY && error.code() == row.code)
+      return true;
+  for (const Status_Row& row : STATUSES)
+    if (row.fate == BUSY && error.status() == row.status)
+      return true;
+  return false;
+}
+
 S3_Error map_answer(int status, const Error_Document& document, const std::string& what) {
   std::string code = document.code;
   int number = EIO;
@@ -139,7 +170,7 @@ S3_Error map_answer(int status, const Error_Document& document, const std::strin
       if (code == row.code) {
         number = row.number;
         // Codes that the status overrules: a service that says "busy" is believed.
-        retriable = row.retriable || status == 429 || status == 503;
+        retriable = row.fate != FINAL || status == 429 || status == 503;
         known = true;
         break;
       }
@@ -149,7 +180,7 @@ S3_Error map_answer(int status, const Error_Document& document, const std::strin
         if (code.empty())
           code = row.code;
         number = row.number;
-        retriable = row.retriable;
+        retriable = row.fate != FINAL;
         known = true;
         break;
       }

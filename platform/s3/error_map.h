@@ -15,4 +15,7 @@ S3_Error map_failure(const HTTP_Failure& failure, const std::string& what);
 /// is made from the status.
 S3_Error map_answer(int status, const Error_Document& document, const std::string& what);
 
+/// The service asks for fewer requests.
+bool is_busy(const S3_Error& error);
+
 } // namespace s3

@@ -99,6 +99,22 @@ TEST(Error_Map, answers) {
   }
 }
 
+TEST(Error_Map, a_service_that_asks_for_fewer_requests_is_busy) {
+  for (const int status : {429, 503, 509})
+    EXPECT_TRUE(s3::is_busy(s3::map_answer(status, {}, ""))) << status;
+  for (const char* code : {"SlowDown", "ServiceUnavailable", "Throttling", "RequestLimitExceeded", "TooManyRequests"}) {
+    s3::Error_Document document;
+    document.code = code;
+    EXPECT_TRUE(s3::is_busy(s3::map_answer(200, document, ""))) << code;
+  }
+  for (const int status : {200, 400, 403, 404, 408, 500, 502, 504})
+    EXPECT_FALSE(s3::is_busy(s3::map_answer(status, {}, ""))) << status;
+  s3::Error_Document document;
+  document.code = "InternalError";
+  EXPECT_FALSE(s3::is_busy(s3::map_answer(500, document, "")));
+  EXPECT_FALSE(s3::is_busy(S3_Error()));
+}
+
 TEST(Error_Map, message_names_the_reason_the_request_and_its_number) {
   s3::Error_Document document;
   document.code = "AccessDenied";

@@ -99,8 +99,12 @@ HTTP_Request build(const Request& request, const Address& address, const Credent
     return http;
   }
   std::string hash(EMPTY_SHA256);
-  if (!request.body.empty())
-    hash = address.ssl ? UNSIGNED_PAYLOAD : to_hex(sha256(request.body));
+  if (!request.body.empty()) {
+    const bool covered = credentials.payload == Endpoint_Settings::SIGNING_AUTO
+                             ? !address.ssl
+                             : credentials.payload == Endpoint_Settings::SIGNING_ON;
+    hash = covered ? to_hex(sha256(request.body)) : UNSIGNED_PAYLOAD;
+  }
   const std::string date = v4_date(when);
   http.headers.emplace_back("x-amz-content-sha256", hash);
   http.headers.emplace_back("x-amz-date", date);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/http/http_message.h"
+#include "platform/s3/endpoint_settings.h"
 #include "platform/s3/signer.h"
 
 #include <string>
@@ -37,6 +38,7 @@ struct Credentials {
   std::string secret_key;
   std::string token; ///< of temporary keys; empty for lasting ones
   Sign_Method method = SIGN_V4;
+  Endpoint_Settings::Payload_Signing payload = Endpoint_Settings::SIGNING_AUTO;
 };
 
 /// True for names that may stand before the host's name: 3 to 63 of a-z, 0-9, "-" and "."; under TLS without ".", which
@@ -52,7 +54,8 @@ std::string url_of(const Request& request, const Address& address);
 const std::string& signing_region(const Address& address);
 
 /// The request as it goes over the wire, signed for the moment `when`. `key` is the V4 key of that day
-/// and region; of no use for V2. Bodies are covered by the signature unless TLS covers them.
+/// and region; of no use for V2. Whether the signature covers the body is a matter of
+/// `credentials.payload`.
 HTTP_Request build(const Request& request, const Address& address, const Credentials& credentials, const V4_Key& key,
                    time_t when);
 

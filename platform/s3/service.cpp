@@ -1,6 +1,5 @@
 #include "platform/s3/service.h"
 
-#include "platform/s3/percent_encoding.h"
 #include "platform/s3/ranged_connection.h"
 #include "platform/s3/storage_class.h"
 #include "platform/s3/upload.h"
@@ -51,47 +50,14 @@ Outcome request_thaw(Transport& transport, const std::string& bucket, const std:
   return outcome;
 }
 
-/// Common prefixes of a page that are asked for to find out how they are written.
-constexpr size_t MAX_DOUBTS = 4;
-
-/// True when keys begin with `prefix`.
-bool is_prefix(Transport& transport, const std::string& bucket, const std::string& prefix) {
-  Get_Bucket_Content content;
-  Listing_Reader reader(content);
-  const Outcome outcome =
-      transport.ask(Request{"GET", bucket, "", {{"prefix", prefix}, {"max-keys", "1"}}, {}, false, {}}, reader);
-  return outcome.ok() && !content.objects.empty();
-}
-
-/// Whether the common prefixes of a page are to be decoded: as the service was found to do, else as the page tells,
-/// else as the service says when it is asked for the keys below one of them. A page that leaves it open is decoded.
-Prefix_Form settle_prefix_form(Transport& transport, const Listing_Reader& reader, const std::string& bucket) {
-  Endpoint& endpoint = transport.endpoint();
-  if (endpoint.prefix_form() != Prefix_Form::UNKNOWN)
-    return endpoint.prefix_form();
-  std::vector<std::string> doubtful;
-  Prefix_Form form = reader.find_prefix_form(doubtful);
-  // Where there are keys below both, another one may tell.
-  for (size_t i = 0; i < doubtful.size() && i < MAX_DOUBTS && form == Prefix_Form::UNKNOWN; ++i) {
-    std::string bytes;
-    if (!percent_decode(doubtful[i], true, bytes))
-      continue;
-    const bool encoded = is_prefix(transport, bucket, bytes);
-    if (encoded != is_prefix(transport, bucket, doubtful[i]))
-      form = encoded ? Prefix_Form::ENCODED : Prefix_Form::PLAIN;
-  }
-  if (form != Prefix_Form::UNKNOWN && reader.encoded())
-    endpoint.learn_prefix_form(form);
-  return form;
-}
-
 S3_Error changed_error(const std::string& what) {
   return S3_Error(ESTALE, 412, "PreconditionFailed", "the object was replaced while it was read (" + what + ")", false);
 }
 
 } // namespace
 
-Service::Service(std::shared_ptr<Endpoint> endpoint) : endpoint_(std::move(endpoint)), transport_(endpoint_) {}
+Service::Service(std::shared_ptr<Endpoint> endpoint)
+    : endpoint_(std::move(endpoint)), transport_(endpoint_), listing_(transport_) {}
 
 Service::~Service() = default;
 
@@ -134,45 +100,14 @@ bool Service::get_service(const Get_Service_Parameter& param, Get_Service_Conten
   return report(std::move(outcome));
 }
 
-Outcome Service::list(const Request& request, const Get_Bucket_Parameter& param, Get_Bucket_Content& content) {
-  Listing_Reader reader(content);
-  if (mends_pages_)
-    reader.mend();
-  Outcome outcome = transport_.ask(request, reader);
-  if (outcome.ok() && !content.common_prefixes.empty())
-    reader.prefix_form(settle_prefix_form(transport_, reader, request.bucket));
-  if (outcome.ok() && !reader.complete(param))
-    outcome.error = S3_Error(EPROTO, outcome.head.status, "ListingDoesNotAdvance",
-                             "the listing comes to the same place again (" + transport_.describe(request) + ")", false);
-  return outcome;
-}
-
 bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, Get_Bucket_Content& content) {
   content = Get_Bucket_Content();
   if (!named(bucket))
     return false;
-  Request request{"GET", bucket, "", {}, {}, false, {}};
-  if (!param.prefix().empty())
-    request.query.emplace_back("prefix", param.prefix());
-  if (!param.marker().empty())
-    request.query.emplace_back("marker", param.marker());
-  if (!param.delimiter().empty())
-    request.query.emplace_back("delimiter", param.delimiter());
-  if (param.max_keys() >= 0)
-    request.query.emplace_back("max-keys", std::to_string(param.max_keys()));
-  request.query.emplace_back("encoding-type", "url");
-
-  Outcome outcome = list(request, param, content);
-  // Services that do not encode keys break their own page with a control character in one of them.
-  if (outcome.error.code() == "MalformedAnswer" && !mends_pages_) {
-    mends_pages_ = true;
-    outcome = list(request, param, content);
-    mends_pages_ = outcome.ok();
-  }
+  Outcome outcome = listing_.page(bucket, param, content);
   S3_Ledger& ledger = *endpoint_->ledger();
-  const std::string path = '/' + request.bucket + '/' + param.prefix();
+  const std::string path = std::string("/") + bucket + '/' + param.prefix();
   if (!outcome.ok()) {
-    content = Get_Bucket_Content();
     ledger.listing_failed(path, outcome.error.text());
     return report(std::move(outcome));
   }
@@ -181,18 +116,18 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
   std::erase_if(content.common_prefixes, [&](const std::string& prefix) {
     if (prefix.find('\0') == std::string::npos)
       return false;
-    ledger.listing_failed('/' + request.bucket + '/' + prefix, "Keys with a NUL byte are not supported.");
+    ledger.listing_failed(std::string("/") + bucket + '/' + prefix, "Keys with a NUL byte are not supported.");
     return true;
   });
   ledger.listed_keys.fetch_add(content.objects.size(), std::memory_order_relaxed);
-  const std::string host = endpoint_->address(request.bucket).host;
+  const std::string host = endpoint_->address(bucket).host;
   for (const S3_Object& object : content.objects)
     if (needs_thaw(object.storage_class, host))
-      ledger.objects.archived('/' + request.bucket + '/' + object.name, object.storage_class);
+      ledger.objects.archived(std::string("/") + bucket + '/' + object.name, object.storage_class);
   if (!param.delimiter().empty())
     for (const S3_Object& object : content.objects)
       if (object.name == param.prefix())
-        ledger.folder_object('/' + request.bucket + '/' + object.name, object.size);
+        ledger.folder_object(std::string("/") + bucket + '/' + object.name, object.size);
   return report(std::move(outcome));
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/s3/transport.h"
+#include "platform/s3/listing.h"
 #include "sdk/s3/s3_service.h"
 
 namespace s3 {
@@ -36,7 +36,6 @@ private:
   bool report(Outcome outcome);
   HTTP_Connection_var no_object(const std::string& path, const S3_Error& error, Curl_Connection_ref connection);
   S3_Error archived(const Request& request, const std::string& storage_class, const S3_Error& error);
-  Outcome list(const Request& request, const Get_Bucket_Parameter& param, Get_Bucket_Content& content);
   bool named(const char* bucket);
   bool named(const char* bucket, const char* key);
   bool fits(const HTTP_Head& head, ACE_UINT64 offset, const Generation* generation, const std::string& what,
@@ -44,9 +43,9 @@ private:
 
   std::shared_ptr<Endpoint> endpoint_;
   Transport transport_;
+  Listing listing_; ///< on transport_
   Generation generation_;
   unsigned retry_after_ = 0;
-  bool mends_pages_ = false; ///< the service has put on a page what XML does not allow
 };
 
 } // namespace s3

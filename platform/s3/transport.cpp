@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 
 namespace s3 {
 namespace {
@@ -15,15 +16,50 @@ namespace {
 constexpr size_t MAX_ERROR_DOCUMENT = 64 * 1024;
 constexpr size_t PIECE = 64 * 1024;
 /// A service may ask for a longer wait than this; no restore should sleep through it.
-constexpr unsigned MAX_RETRY_AFTER = 60;
+constexpr unsigned MAX_RETRY_AFTER = 300;
 constexpr unsigned TIDY_UP_SECONDS = 5;
+/// Services take requests that are a quarter of an hour off; below this the clock is not what they complain about.
+constexpr long long LARGE_OFFSET = 300;
 
-unsigned retry_after(const HTTP_Head& head) {
+/// Seconds, or a date: then it is the service's own clock that counts.
+unsigned retry_after(const HTTP_Head& head, time_t now) {
+  const std::string& text = head.value("retry-after");
   ACE_UINT64 seconds = 0;
-  if (!parse_size(head.value("retry-after"), seconds))
-    return 0;
+  if (!parse_size(text, seconds)) {
+    const time_t until = text.empty() ? -1 : curl_getdate(text.c_str(), nullptr);
+    const time_t theirs = curl_getdate(head.value("date").c_str(), nullptr);
+    const time_t from = theirs > 0 ? theirs : now;
+    if (until <= from)
+      return 0;
+    seconds = static_cast<ACE_UINT64>(until - from);
+  }
   return static_cast<unsigned>(std::min<ACE_UINT64>(seconds, MAX_RETRY_AFTER));
 }
+
+/// Whether the answer may be about the request's date: it says so, or refuses while the clocks are far apart.
+bool blames_clock(const HTTP_Head& head, const Error_Document& document, long long offset) {
+  if (document.code == "RequestTimeTooSkewed")
+    return true;
+  return (head.status == 400 || head.status == 401 || head.status == 403) && std::llabs(offset) > LARGE_OFFSET;
+}
+
+/// A request inside the gate; it leaves at the latest with this object.
+class Within {
+public:
+  Within(Request_Gate& gate, const Request_Gate::Ticket& ticket) : gate_(gate), ticket_(ticket) {}
+  ~Within() { leave(false); }
+  Within(const Within&) = delete;
+  Within& operator=(const Within&) = delete;
+  void leave(bool refused) {
+    if (ticket_.valid)
+      gate_.leave(ticket_, refused);
+    ticket_.valid = false;
+  }
+
+private:
+  Request_Gate& gate_;
+  Request_Gate::Ticket ticket_;
+};
 
 } // namespace
 
@@ -42,6 +78,8 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
     if (despite_cancel_)
       connection->finish_despite_cancel(TIDY_UP_SECONDS);
     connection->stop_on(stop_);
+    Request_Gate& gate = endpoint_->gate();
+    Within within(gate, last_ticket_ = despite_cancel_ ? Request_Gate::Ticket() : gate.enter());
     const time_t now = endpoint_->now();
     const HTTP_Request http = build(request, address, endpoint_->credentials(), endpoint_->v4_key(address, now), now);
     endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
@@ -52,14 +90,18 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
     outcome.head = connection->head();
     if (outcome.head.status >= 200 && outcome.head.status < 300) {
       outcome.error = S3_Error();
+      outcome.retry_after = 0;
       connection->accept();
       return connection;
     }
 
     const Error_Document document = parse_error(connection->refuse(MAX_ERROR_DOCUMENT));
-    outcome.retry_after = retry_after(outcome.head);
+    outcome.retry_after = retry_after(outcome.head, now);
     outcome.error = map_answer(outcome.head.status, document, http.method + ' ' + http.url);
     outcome.storage_class = document.storage_class;
+    within.leave(is_busy(outcome.error));
+    if (outcome.error.retriable())
+      gate.close_for(outcome.retry_after);
     if (may_follow) {
       if (const std::optional<Address> to = redirected(address, request.bucket, outcome.head, document)) {
         may_follow = false;
@@ -70,9 +112,10 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
         continue;
       }
     }
-    if (may_set_clock && document.code == "RequestTimeTooSkewed") {
+    if (may_set_clock) {
       const time_t server = curl_getdate(outcome.head.value("date").c_str(), nullptr);
-      if (server > 0) {
+      if (server > 0 &&
+          blames_clock(outcome.head, document, static_cast<long long>(server) - static_cast<long long>(now))) {
         may_set_clock = false;
         endpoint_->learn_clock(static_cast<long long>(server) - static_cast<long long>(Clock::instance().now()));
         continue;
@@ -109,8 +152,14 @@ Outcome Transport::ask(const Request& request, Answer_Reader& reader) {
   else if (!reader.finish())
     outcome.error = S3_Error(EPROTO, outcome.head.status, "MalformedAnswer",
                              reader.problem() + " (" + describe(request) + ")", false);
-  else if (reader.is_error())
+  else if (reader.is_error()) {
     outcome.error = map_answer(outcome.head.status, reader.error(), describe(request));
+    outcome.retry_after = retry_after(outcome.head, endpoint_->now());
+    if (is_busy(outcome.error) && last_ticket_.valid)
+      endpoint_->gate().refuse(last_ticket_);
+    if (outcome.error.retriable())
+      endpoint_->gate().close_for(outcome.retry_after);
+  }
   return outcome;
 }
 

@@ -51,6 +51,7 @@ private:
   std::shared_ptr<Endpoint> endpoint_;
   bool despite_cancel_ = false;
   const std::atomic<bool>* stop_ = nullptr;
+  Request_Gate::Ticket last_ticket_; ///< of the last request, whose body may yet turn out to be a refusal
 };
 
 /// Calls `attempt` until it succeeds, fails for good, or the waits have added up to `max_seconds` (-1: no bound).

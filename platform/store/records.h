@@ -18,6 +18,19 @@ struct Account {
   std::string addressing = "auto";       ///< "auto", "path", "virtual"
   std::string ca_file;                   ///< PEM; empty: the system's
   std::vector<std::string> buckets;      ///< the buckets that jobs may use; empty: all of the account
+  std::string list_version = "auto";     ///< "auto", "1", "2"
+  std::string url_encoding = "auto";     ///< of listings: "auto", "on", "off"
+  std::string payload_signing = "auto";  ///< "auto" (where TLS does not cover the body), "on", "off"
+  std::string client_cert;               ///< PEM; empty: none
+  std::string client_key;                ///< PEM; empty: in the certificate's file
+  std::string proxy;                     ///< URL; empty: none
+  unsigned connect_timeout = 0;          ///< seconds; 0: the default
+  unsigned idle_timeout = 0;             ///< seconds without a byte; 0: the default
+  std::string user_agent;                ///< empty: none is sent
+  // What a test of the account found out where a setting says "auto"; empty: not yet.
+  std::string found_addressing;
+  std::string found_list_version;
+  std::string found_url_encoding;
 };
 
 /// A pool as the agent knows it.

@@ -35,8 +35,24 @@ CREATE TRIGGER selection_items AFTER DELETE ON selections BEGIN DELETE FROM item
 CREATE TRIGGER set_items AFTER DELETE ON sets BEGIN DELETE FROM items WHERE owner=old.uuid; END;
 )";
 
+// How services are reached and asked, beyond where they are; what tests of an account found out about it.
+const char* const VERSION_2 = R"(
+ALTER TABLE accounts ADD COLUMN list_version TEXT NOT NULL DEFAULT 'auto';
+ALTER TABLE accounts ADD COLUMN url_encoding TEXT NOT NULL DEFAULT 'auto';
+ALTER TABLE accounts ADD COLUMN payload_signing TEXT NOT NULL DEFAULT 'auto';
+ALTER TABLE accounts ADD COLUMN client_cert BLOB NOT NULL DEFAULT x'';
+ALTER TABLE accounts ADD COLUMN client_key BLOB NOT NULL DEFAULT x'';
+ALTER TABLE accounts ADD COLUMN proxy TEXT NOT NULL DEFAULT '';
+ALTER TABLE accounts ADD COLUMN connect_timeout INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE accounts ADD COLUMN idle_timeout INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE accounts ADD COLUMN user_agent TEXT NOT NULL DEFAULT '';
+ALTER TABLE accounts ADD COLUMN found_addressing TEXT NOT NULL DEFAULT '';
+ALTER TABLE accounts ADD COLUMN found_list_version TEXT NOT NULL DEFAULT '';
+ALTER TABLE accounts ADD COLUMN found_url_encoding TEXT NOT NULL DEFAULT '';
+)";
+
 // Step N brings a database of version N to version N + 1. Steps are added at the end and never changed.
-const char* const STEPS[] = {VERSION_1};
+const char* const STEPS[] = {VERSION_1, VERSION_2};
 static_assert(sizeof STEPS / sizeof *STEPS == STORE_SCHEMA_VERSION, "every version has the step that leads to it");
 
 bool pragma(Store_Db& db, const char* sql, int& value, std::string& error) {

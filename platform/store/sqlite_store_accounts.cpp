@@ -1,7 +1,9 @@
 #include "platform/store/sqlite_store.h"
 
 #define ACCOUNT_COLUMNS \
-  "uuid,name,scheme,endpoint,access_key,secret_key,region,vendor,sign_method,addressing,ca_file"
+  "uuid,name,scheme,endpoint,access_key,secret_key,region,vendor,sign_method,addressing,ca_file," \
+  "list_version,url_encoding,payload_signing,client_cert,client_key,proxy,connect_timeout,idle_timeout,user_agent," \
+  "found_addressing,found_list_version,found_url_encoding"
 
 namespace {
 
@@ -15,10 +17,21 @@ bool named(const char* what, const std::string& uuid, const std::string& name, s
 bool sensible(const Account& account, std::string& error) {
   if (!named("account", account.uuid, account.name, error))
     return false;
-  if (account.addressing != "auto" && account.addressing != "path" && account.addressing != "virtual") {
-    error = "'" + account.addressing + "' is no way of addressing: give auto, path or virtual";
+  const auto one_of = [&](const char* what, const std::string& value, std::initializer_list<const char*> choices) {
+    std::string list;
+    for (const char* choice : choices) {
+      if (value == choice)
+        return true;
+      list += (list.empty() ? "" : ", ") + std::string(choice);
+    }
+    error = "'" + value + "' is no " + what + ": give one of " + list;
     return false;
-  }
+  };
+  if (!one_of("way of addressing", account.addressing, {"auto", "path", "virtual"}) ||
+      !one_of("list version", account.list_version, {"auto", "1", "2"}) ||
+      !one_of("choice for url-encoded listings", account.url_encoding, {"auto", "on", "off"}) ||
+      !one_of("choice for signed payloads", account.payload_signing, {"auto", "on", "off"}))
+    return false;
   if (account.scheme.empty() || account.endpoint.empty()) {
     error = "account '" + account.name + "' has no endpoint";
     return false;
@@ -54,6 +67,18 @@ bool SQLite_Store::write_account(const char* sql, const Account& account, std::s
              .text(account.sign_method)
              .text(account.addressing)
              .blob(account.ca_file)
+             .text(account.list_version)
+             .text(account.url_encoding)
+             .text(account.payload_signing)
+             .blob(account.client_cert)
+             .blob(account.client_key)
+             .text(account.proxy)
+             .number(account.connect_timeout)
+             .number(account.idle_timeout)
+             .text(account.user_agent)
+             .text(account.found_addressing)
+             .text(account.found_list_version)
+             .text(account.found_url_encoding)
              .run(error) &&
          put_items(account.uuid, "bucket", account.buckets, error);
 }
@@ -71,7 +96,9 @@ bool SQLite_Store::add_account(const Account& account, std::string& error) {
     error = taken("account", account.name);
     return false;
   }
-  return write_account("INSERT INTO accounts(" ACCOUNT_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?,?)", account, error) &&
+  return write_account("INSERT INTO accounts(" ACCOUNT_COLUMNS
+                       ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)",
+                       account, error) &&
          transaction.commit(error);
 }
 
@@ -89,7 +116,10 @@ bool SQLite_Store::update_account(const Account& account, std::string& error) {
     return false;
   }
   if (!write_account("UPDATE accounts SET name=?2,scheme=?3,endpoint=?4,access_key=?5,secret_key=?6,region=?7,"
-                     "vendor=?8,sign_method=?9,addressing=?10,ca_file=?11 WHERE uuid=?1",
+                     "vendor=?8,sign_method=?9,addressing=?10,ca_file=?11,list_version=?12,url_encoding=?13,"
+                     "payload_signing=?14,client_cert=?15,client_key=?16,proxy=?17,connect_timeout=?18,"
+                     "idle_timeout=?19,user_agent=?20,found_addressing=?21,found_list_version=?22,"
+                     "found_url_encoding=?23 WHERE uuid=?1",
                      account, error) ||
       !exists("SELECT 1 FROM accounts WHERE name=? AND uuid=?", account.name, account.uuid, found, error))
     return false;
@@ -131,6 +161,18 @@ bool SQLite_Store::read_accounts(Store_Statement& statement, std::vector<Account
     account.sign_method = statement.get_text();
     account.addressing = statement.get_text();
     account.ca_file = statement.get_text();
+    account.list_version = statement.get_text();
+    account.url_encoding = statement.get_text();
+    account.payload_signing = statement.get_text();
+    account.client_cert = statement.get_text();
+    account.client_key = statement.get_text();
+    account.proxy = statement.get_text();
+    account.connect_timeout = static_cast<unsigned>(statement.get_number());
+    account.idle_timeout = static_cast<unsigned>(statement.get_number());
+    account.user_agent = statement.get_text();
+    account.found_addressing = statement.get_text();
+    account.found_list_version = statement.get_text();
+    account.found_url_encoding = statement.get_text();
     if (!get_items(account.uuid, "bucket", account.buckets, error))
       return false;
   }

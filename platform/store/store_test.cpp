@@ -66,6 +66,18 @@ protected:
     account.addressing = "path";
     account.ca_file = "/etc/\xff/ca.pem";
     account.buckets = {"one", "two"};
+    account.list_version = "2";
+    account.url_encoding = "off";
+    account.payload_signing = "on";
+    account.client_cert = "/etc/\xff/cert.pem";
+    account.client_key = "/etc/\xff/key.pem";
+    account.proxy = "http://proxy:3128";
+    account.connect_timeout = 3;
+    account.idle_timeout = 7;
+    account.user_agent = "agent/1";
+    account.found_addressing = "path";
+    account.found_list_version = "1";
+    account.found_url_encoding = "on";
     return account;
   }
 
@@ -151,6 +163,18 @@ TEST_P(Store_Contract, an_account_comes_back_as_it_was_after_reopening) {
   EXPECT_EQ(wanted.addressing, read.addressing);
   EXPECT_EQ(wanted.ca_file, read.ca_file);
   EXPECT_EQ(wanted.buckets, read.buckets);
+  EXPECT_EQ(wanted.list_version, read.list_version);
+  EXPECT_EQ(wanted.url_encoding, read.url_encoding);
+  EXPECT_EQ(wanted.payload_signing, read.payload_signing);
+  EXPECT_EQ(wanted.client_cert, read.client_cert);
+  EXPECT_EQ(wanted.client_key, read.client_key);
+  EXPECT_EQ(wanted.proxy, read.proxy);
+  EXPECT_EQ(wanted.connect_timeout, read.connect_timeout);
+  EXPECT_EQ(wanted.idle_timeout, read.idle_timeout);
+  EXPECT_EQ(wanted.user_agent, read.user_agent);
+  EXPECT_EQ(wanted.found_addressing, read.found_addressing);
+  EXPECT_EQ(wanted.found_list_version, read.found_list_version);
+  EXPECT_EQ(wanted.found_url_encoding, read.found_url_encoding);
   Account by_name;
   ASSERT_TRUE(store_->find_account_by_name("a", by_name, found_, error_));
   EXPECT_TRUE(found_);
@@ -222,6 +246,16 @@ TEST_P(Store_Contract, senseless_records_are_refused) {
   EXPECT_FALSE(store_->add_account(bad, error_));
   EXPECT_NE(std::string::npos, error_.find("sideways"));
   bad = account("a");
+  bad.list_version = "3";
+  EXPECT_FALSE(store_->add_account(bad, error_));
+  EXPECT_NE(std::string::npos, error_.find("'3' is no list version: give one of auto, 1, 2")) << error_;
+  bad = account("a");
+  bad.url_encoding = "maybe";
+  EXPECT_FALSE(store_->add_account(bad, error_));
+  bad = account("a");
+  bad.payload_signing = "maybe";
+  EXPECT_FALSE(store_->add_account(bad, error_));
+  bad = account("a");
   bad.name.clear();
   EXPECT_FALSE(store_->add_account(bad, error_));
   bad = account("a");
@@ -238,12 +272,18 @@ TEST_P(Store_Contract, an_update_replaces_everything_but_the_uuid) {
   changed.name = "z";
   changed.endpoint = "elsewhere";
   changed.buckets = {"three"};
+  changed.list_version = "1";
+  changed.idle_timeout = 9;
+  changed.found_url_encoding = "off";
   ASSERT_TRUE(store_->update_account(changed, error_)) << error_;
   Account read;
   ASSERT_TRUE(store_->find_account(changed.uuid, read, found_, error_));
   EXPECT_EQ("z", read.name);
   EXPECT_EQ("elsewhere", read.endpoint);
   EXPECT_EQ(changed.buckets, read.buckets);
+  EXPECT_EQ("1", read.list_version);
+  EXPECT_EQ(9u, read.idle_timeout);
+  EXPECT_EQ("off", read.found_url_encoding);
 
   ASSERT_TRUE(store_->add_pool(pool("p"), error_));
   Pool_Entry moved = pool("p");
@@ -582,6 +622,38 @@ TEST(sqlite_store, a_newer_format_is_refused) {
   }
   EXPECT_FALSE(Store::open(folder / "state", error));
   EXPECT_NE(std::string::npos, error.find("newer version (format 99")) << error;
+}
+
+TEST(sqlite_store, accounts_of_the_first_format_get_the_settings_they_never_had) {
+  Folder folder;
+  std::string error;
+  ASSERT_TRUE(Store::open(folder / "state", error));
+  {
+    Store_Db db;
+    ASSERT_TRUE(db.open(folder / "state/agent.db", error));
+    for (const char* column : {"list_version", "url_encoding", "payload_signing", "client_cert", "client_key", "proxy",
+                               "connect_timeout", "idle_timeout", "user_agent", "found_addressing",
+                               "found_list_version", "found_url_encoding"})
+      ASSERT_TRUE(db.execute(("ALTER TABLE accounts DROP COLUMN " + std::string(column)).c_str(), error)) << error;
+    ASSERT_TRUE(db.execute("INSERT INTO accounts VALUES('u','old','https','host','access','obs1:x','','','v2','path',"
+                           "x'2f63'); PRAGMA user_version=1",
+                           error))
+        << error;
+  }
+  const std::unique_ptr<Store> store = Store::open(folder / "state", error);
+  ASSERT_TRUE(store) << error;
+  Account account;
+  bool found = false;
+  ASSERT_TRUE(store->find_account("u", account, found, error)) << error;
+  ASSERT_TRUE(found);
+  EXPECT_EQ("path", account.addressing);
+  EXPECT_EQ("/c", account.ca_file);
+  EXPECT_EQ("auto", account.list_version);
+  EXPECT_EQ("auto", account.payload_signing);
+  EXPECT_EQ("", account.client_cert);
+  EXPECT_EQ(0u, account.idle_timeout);
+  EXPECT_EQ("", account.found_list_version);
+  EXPECT_TRUE(store->update_account(account, error)) << error;
 }
 
 TEST(sqlite_store, processes_that_open_a_new_folder_at_once_all_succeed) {

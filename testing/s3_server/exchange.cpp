@@ -50,6 +50,22 @@ bool S3_Server::Impl::stall_here(int milliseconds) {
   return go_on;
 }
 
+// A tenth of a second's worth of requests may come at once.
+bool S3_Server::Impl::admits(std::uint32_t per_second) {
+  if (per_second == 0)
+    return true;
+  const auto now = std::chrono::steady_clock::now();
+  const double most = std::max(1.0, per_second / 10.0);
+  std::lock_guard guard(lock);
+  const std::chrono::duration<double> passed = now - tokens_at;
+  tokens_at = now;
+  tokens = std::min(most, tokens + passed.count() * per_second);
+  if (tokens < 1)
+    return false;
+  tokens -= 1;
+  return true;
+}
+
 void S3_Server::Impl::record(const Request_Info& info) {
   std::lock_guard guard(lock);
   ++counts[info.operation];
@@ -97,6 +113,8 @@ std::optional<Http_Response> S3_Server::Impl::replaced_reply(Exchange& exchange)
       reply = error_response(fault.status(), fault.code(), "Scripted fault.");
       if (fault.retry_after() >= 0)
         reply->set("Retry-After", std::to_string(fault.retry_after()));
+      for (const auto& [name, value] : fault.reply_headers())
+        reply->set(name, value);
       break;
     case Fault::Kind::redirect:
       if (reply)
@@ -109,6 +127,8 @@ std::optional<Http_Response> S3_Server::Impl::replaced_reply(Exchange& exchange)
       if (!fault.location().empty())
         reply->set("Location", fault.location() + exchange.request.raw_path +
                                    (exchange.request.raw_query.empty() ? "" : "?" + exchange.request.raw_query));
+      for (const auto& [name, value] : fault.reply_headers())
+        reply->set(name, value);
       break;
     case Fault::Kind::no_reply:
       exchange.no_reply = true;
@@ -213,12 +233,17 @@ bool S3_Server::Impl::serve_one(Connection& connection, std::uint64_t number, co
   if (exchange.no_reply) {
     return false;
   }
+  if (!reply && !admits(current.requests_per_second))
+    reply = error_response(503, "SlowDown", "Please reduce your request rate.");
   const bool redirected = reply && (reply->status == 301 || reply->status == 307);
   if (!redirected) {
     if (std::optional<Http_Response> refusal = check_signature(request, exchange.target.host_bucket, current))
       reply = std::move(refusal);
     else if (!reply && exchange.target.refusal)
       reply = exchange.target.refusal;
+    const std::string* const hash = request.header("x-amz-content-sha256");
+    if (!reply && !current.unsigned_payload && hash && *hash == "UNSIGNED-PAYLOAD")
+      reply = error_response(400, "InvalidRequest", "Unsigned payloads are not taken here.");
   }
   if (exchange.expects_continue) {
     if (reply) {

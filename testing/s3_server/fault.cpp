@@ -88,6 +88,10 @@ Fault Fault::no_next_marker() { return Fault(Kind::no_next_marker); }
 Fault Fault::empty_next_marker() { return Fault(Kind::empty_next_marker); }
 Fault Fault::refuse_connection() { return Fault(Kind::refuse_connection); }
 
+Fault& Fault::reply_header(std::string name, std::string value) {
+  reply_headers_.emplace_back(std::move(name), std::move(value));
+  return *this;
+}
 Fault& Fault::on(std::string operation) {
   operation_ = std::move(operation);
   return *this;

@@ -9,6 +9,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace s3_testing {
@@ -66,6 +67,9 @@ public:
   // Resets the connection as soon as it is accepted. Only `times`, `from_nth` and `probability` narrow it.
   static Fault refuse_connection();
 
+  // One more header of the reply of `error`, `error_in_200` and `redirect`; takes the place of one of that name.
+  Fault& reply_header(std::string name, std::string value);
+
   Fault& on(std::string operation);      // also "ListObjects*": a glob
   Fault& method(std::string method);
   Fault& bucket(std::string bucket);
@@ -90,6 +94,7 @@ public:
   const std::string& code() const { return code_; }
   const std::string& location() const { return location_; }
   const std::optional<std::string>& content() const { return content_; }
+  const std::vector<std::pair<std::string, std::string>>& reply_headers() const { return reply_headers_; }
 
 private:
   friend class Fault_Script;
@@ -102,6 +107,7 @@ private:
   bool then_cut_ = false;
   std::string code_, location_; // of a redirect the code is the region
   std::optional<std::string> content_;
+  std::vector<std::pair<std::string, std::string>> reply_headers_;
 
   std::string operation_, method_, bucket_, key_;
   std::function<bool(const Request_Info&)> predicate_;

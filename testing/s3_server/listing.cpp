@@ -107,9 +107,12 @@ bool read_token(const std::string& token, std::string& marker) {
 
 Http_Response serve_listing(const Call& call) {
   const Http_Request& request = call.request;
-  const bool v2 = call.operation == "ListObjectsV2";
-  if (v2 && !call.settings.list_v2)
+  const bool asked_v2 = call.operation == "ListObjectsV2";
+  const bool v2 = asked_v2 && !call.settings.list_type_ignored;
+  if (asked_v2 && !call.settings.list_v2)
     return error_response(501, "NotImplemented", "Listings of type 2 are not served here.");
+  if (!asked_v2 && !call.settings.list_v1)
+    return error_response(501, "NotImplemented", "Only listings of type 2 are served here.");
   if (!call.store.has_bucket(call.bucket))
     return no_such_bucket(call.bucket);
   const auto text = [&](std::string_view name) {
@@ -129,7 +132,7 @@ Http_Response serve_listing(const Call& call) {
   max_keys = std::min<std::uint64_t>(max_keys, call.settings.page_size);
   ask.limit = static_cast<std::uint32_t>(max_keys);
   const std::string* encoding = request.parameter("encoding-type");
-  if (encoding && *encoding != "url")
+  if (encoding && (*encoding != "url" || call.settings.key_encoding == Key_Encoding::refused))
     return invalid("encoding-type", *encoding);
   const bool encoded = encoding && call.settings.key_encoding != Key_Encoding::ignored;
   ask.encode_keys = encoded;
@@ -160,7 +163,7 @@ Http_Response serve_listing(const Call& call) {
   if (!ask.delimiter.empty())
     xml_element(out, "Delimiter", echo(ask.delimiter));
   xml_element(out, "MaxKeys", std::to_string(max_keys));
-  if (encoded)
+  if (encoded && call.settings.key_encoding != Key_Encoding::unsaid)
     xml_element(out, "EncodingType", "url");
   xml_element(out, "IsTruncated", page.truncated ? "true" : "false");
   if (v2) {

@@ -72,7 +72,8 @@ Http_Response get(const Call& call) {
   const Object_Ptr object = call.store.find(call.bucket, call.key);
   if (!object)
     return no_such_key(call.key);
-  if (const std::string* match = call.request.header("if-match"); match && call.settings.honour_if_match && !names_etag(*match, object->etag))
+  if (const std::string* match = call.request.header("if-match");
+      match && call.settings.if_match && !names_etag(*match, object->etag))
     return error_response(412, "PreconditionFailed", "At least one of the pre-conditions you specified did not hold",
                           {{"Condition", "If-Match"}});
   if (const std::string* none = call.request.header("if-none-match"); none && names_etag(*none, object->etag)) {

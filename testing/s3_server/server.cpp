@@ -49,8 +49,11 @@ S3_Server::Impl::Impl(S3_Server_Options options)
   first->clock = [] { return static_cast<std::int64_t>(std::time(nullptr)); };
   settings_now = std::move(first);
   if (options.tls) {
-    tls = make_server_context(ca_pem);
+    std::string client_pem;
+    tls = make_server_context(options.tls_names, options.tls_valid_seconds, options.tls_client_certificate, ca_pem,
+                              client_pem);
     ca_file = write_temporary(ca_pem);
+    client_certificate_file = write_temporary(client_pem);
   }
   if (::pipe2(wake_, O_CLOEXEC) != 0)
     fail("pipe");
@@ -69,8 +72,9 @@ S3_Server::Impl::~Impl() {
     peer.thread.join();
   ::close(wake_[0]);
   ::close(wake_[1]);
-  if (!ca_file.empty())
-    ::unlink(ca_file.c_str());
+  for (const std::string* file : {&ca_file, &client_certificate_file})
+    if (!file->empty())
+      ::unlink(file->c_str());
 }
 
 void S3_Server::Impl::listen_on(std::uint16_t wanted) {
@@ -192,6 +196,7 @@ std::string S3_Server::endpoint() const { return "127.0.0.1:" + std::to_string(i
 std::string S3_Server::url() const { return (impl_->tls ? "https://" : "http://") + endpoint(); }
 const std::string& S3_Server::ca_pem() const { return impl_->ca_pem; }
 const std::string& S3_Server::ca_file() const { return impl_->ca_file; }
+const std::string& S3_Server::client_certificate_file() const { return impl_->client_certificate_file; }
 std::uint64_t S3_Server::seed() const { return impl_->seed; }
 
 void S3_Server::configure(const std::function<void(S3_Server_Settings&)>& change) {

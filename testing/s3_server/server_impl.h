@@ -30,7 +30,7 @@ public:
   Fault_Script faults;
   const std::uint64_t seed;
   std::uint16_t port = 0;
-  std::string ca_pem, ca_file;
+  std::string ca_pem, ca_file, client_certificate_file;
   Ssl_Ctx tls{nullptr, &SSL_CTX_free};
 
   mutable std::mutex settings_lock;
@@ -47,6 +47,8 @@ public:
   std::vector<Request_Info> log;
   std::atomic<std::uint64_t> body_bytes{0};
   std::atomic<std::uint64_t> objects_changed{0};
+  double tokens = 0; // requests that are admitted at once
+  std::chrono::steady_clock::time_point tokens_at{};
 
 private:
   struct Peer {
@@ -73,6 +75,8 @@ private:
   bool pause(std::chrono::milliseconds time);
   void replace_object(const Exchange& exchange, const Fault& fault);
   void record(const Request_Info& info);
+  // Whether the bound on requests per second lets one more in now.
+  bool admits(std::uint32_t per_second);
 
   int listener_ = -1;
   int wake_[2] = {-1, -1}; // a pipe: a byte ends the accepting thread

@@ -3,6 +3,9 @@
 // a question, which is answered with one line:
 //     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
 //     uploads                             how many multipart uploads were begun and neither completed nor aborted
+//     concurrent                          most requests that were in work at one time
+//     sequence                            the operations of all requests, with --log: "ListBuckets ListObjects ..."
+//     stalled                             "yes" once a reply stalls, "no" after 20 seconds without
 //     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
 
 #include "testing/s3_server/s3_server.h"
@@ -60,6 +63,15 @@ bool add_cut(s3_testing::S3_Server& server, const std::string& text) {
   return true;
 }
 
+/// "operation,bytes": replies to this operation stop after so many bytes of their body and never go on.
+bool add_stall(s3_testing::S3_Server& server, const std::string& text) {
+  const std::string::size_type comma = text.rfind(',');
+  if (comma == std::string::npos)
+    return false;
+  server.add_fault(s3_testing::Fault::stall(std::stoull(text.substr(comma + 1))).on(text.substr(0, comma)));
+  return true;
+}
+
 std::string answer(const s3_testing::S3_Server& server, const std::string& line) {
   std::istringstream words(line);
   std::string question, bucket, key, other_bucket, other_key;
@@ -73,6 +85,16 @@ std::string answer(const s3_testing::S3_Server& server, const std::string& line)
   }
   if (question == "uploads")
     return std::to_string(server.open_uploads());
+  if (question == "sequence") {
+    std::string out;
+    for (const s3_testing::Request_Info& request : server.log())
+      out += (out.empty() ? "" : " ") + request.operation;
+    return out;
+  }
+  if (question == "concurrent")
+    return std::to_string(server.max_concurrent());
+  if (question == "stalled")
+    return server.wait_for_stalls(1, 20) ? "yes" : "no";
   if (question == "requests") {
     std::map<std::string, unsigned> counts;
     for (const s3_testing::Request_Info& request : server.log())
@@ -92,7 +114,9 @@ int main(int argc, char** argv) {
   std::vector<std::string> synthetic;
   std::vector<std::string> objects;
   std::vector<std::string> cuts;
+  std::vector<std::string> stalls;
   std::vector<std::string> buckets;
+  unsigned admitted = 0;
   bool throw_away = false;
   bool log = false;
   int latency = 0;
@@ -103,6 +127,9 @@ int main(int argc, char** argv) {
   app.add_option("--object", objects, "BUCKET,KEY,SIZE: one made-up object")->allow_extra_args(false);
   app.add_option("--cut", cuts, "KEY,BYTES: the first reply with this key's content ends after so many bytes")
       ->allow_extra_args(false);
+  app.add_option("--stall", stalls, "OPERATION,BYTES: replies to it never go on after so many bytes")
+      ->allow_extra_args(false);
+  app.add_option("--admit", admitted, "Requests per second; what is above gets 503 SlowDown");
   app.add_flag("--throw-away", throw_away, "Of objects uploaded in parts, keep the parts' digests only");
   app.add_flag("--log", log, "Remember every request");
   app.add_option("--bucket", buckets, "An empty bucket")->allow_extra_args(false);
@@ -131,11 +158,17 @@ int main(int argc, char** argv) {
         std::cerr << "s3-test-server: --cut " << text << " is not KEY,BYTES\n";
         return 2;
       }
+    for (const std::string& text : stalls)
+      if (!add_stall(server, text)) {
+        std::cerr << "s3-test-server: --stall " << text << " is not OPERATION,BYTES\n";
+        return 2;
+      }
     server.keep_log(log);
     server.configure([&](s3_testing::S3_Server_Settings& settings) {
       settings.latency_milliseconds = latency;
       settings.bytes_per_second = rate;
       settings.page_size = page_size;
+      settings.requests_per_second = admitted;
       settings.throw_away_parts = throw_away;
     });
     std::cout << "endpoint=" << server.url() << "\naccess_key=" << options.access_key

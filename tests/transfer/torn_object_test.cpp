@@ -91,7 +91,7 @@ TEST_F(Torn_Object, replacement_before_the_first_byte_that_ends_where_the_old_on
 TEST_F(Torn_Object, service_without_if_match_is_found_out_by_its_tags) {
   put("key", 90000, 5);
   server.add_fault(Fault::change_object(40000, true).on("GetObject").times(1));
-  server.configure([](s3_testing::S3_Server_Settings& settings) { settings.honour_if_match = false; });
+  server.configure([](s3_testing::S3_Server_Settings& settings) { settings.if_match = false; });
   ASSERT_TRUE(backup()) << failure;
   EXPECT_EQ(synthetic_bytes(5 + 77, 0, 90000), stored("key"));
 }
