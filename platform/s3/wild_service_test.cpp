@@ -173,6 +173,10 @@ TEST_F(Wild_Service_Test, archived_object_is_seen_in_the_listing_and_refused_onc
   Get_Bucket_Content content;
   ASSERT_TRUE(s->get_bucket("bucket", Get_Bucket_Parameter(), content));
   EXPECT_EQ("DEEP_ARCHIVE", content.objects.at(0).storage_class);
+  // The listing told; another who has no note of it asks once.
+  EXPECT_EQ("(InvalidObjectState)", read(*s, "key"));
+  EXPECT_FALSE(s->last_error().retriable());
+  EXPECT_EQ(0u, server.count("GetObject"));
   EXPECT_EQ("(InvalidObjectState)", read(*s, "key"));
   EXPECT_FALSE(s->last_error().retriable());
   EXPECT_EQ(1u, server.count("GetObject"));
