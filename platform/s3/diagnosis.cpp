@@ -269,8 +269,11 @@ bool Diagnoser::talk() {
   if (!options_.buckets.empty())
     bucket_ = options_.buckets.front();
   const std::shared_ptr<Endpoint> endpoint = client();
-  if (!endpoint)
+  if (!endpoint) {
+    if (!no_time_)
+      add("http", Check::FAILED, "http.no-client", "make a client of the settings", "they make no sense");
     return false;
+  }
   Transport transport(endpoint);
   Get_Service_Content content;
   Buckets_Reader reader(content);

@@ -38,6 +38,7 @@ constexpr Fault_Row FAULTS[] = {
     {"http.too-large", "check the endpoint: no S3 service answers so"},
     {"http.busy", "the service asks for fewer requests: try again later, or have its limits raised"},
     {"http.server-error", "the service itself is broken: see its own logs"},
+    {"http.no-client", "check host, keys and --sign-method; the log says which makes no sense"},
     {"http.failed", "see the message"},
     {"clock.offset", "set this machine's clock (or the service's); until then requests carry the service's time"},
     {"clock.refused", "set this machine's clock: the service does not take requests dated so"},

@@ -147,6 +147,8 @@ const Case CASES[] = {
      [](Patient& p) { p.raw(document("404 Not Found", "text/html", "<html><body>Not found</body></html>")); }},
     {"endless_head", Check::FAILED, "http", "http.too-large", plain,
      [](Patient& p) { p.raw("HTTP/1.1 200 OK\r\nX-Long: " + std::string(80000, 'x') + "\r\n\r\n"); }},
+    {"settings_without_sense", Check::FAILED, "http", "http.no-client", plain,
+     [](Patient& p) { p.account.service.sign_method = "v5"; }},
     {"busy", Check::FAILED, "http", "http.busy", plain,
      [](Patient& p) { p.server.add_fault(Fault::error(503, "SlowDown")); }},
     {"broken", Check::FAILED, "http", "http.server-error", plain,

@@ -1,3 +1,4 @@
+#include "platform/s3/diagnosis.h"
 #include "platform/s3/endpoint_settings.h"
 #include "platform/s3/ledger.h"
 #include "sdk/base/uri.h"
@@ -20,12 +21,14 @@ protected:
     ASSERT_TRUE(server.start()) << server.error();
   }
 
-  S3_Service_var service(const std::string& url, const char* sign_method) {
+  S3_Service_var service(const std::string& url, const char* sign_method,
+                         Endpoint_Settings::List_Version version = Endpoint_Settings::LIST_AUTO) {
     URI uri;
     EXPECT_TRUE(URI_Parser::parse(url.c_str(), uri)) << url;
     Endpoint_Settings settings;
     settings.ca_file = server.ca_file();
     settings.part_size = 5u << 20;
+    settings.list_version = version;
     Endpoint_Settings::set(uri.host(), uri.port(), server.access_key(), settings);
     S3_Service_Options options;
     options.type = uri.scheme();
@@ -141,6 +144,53 @@ protected:
 
   s3_testing::Real_Server server;
 };
+
+TEST_F(Real_Service_Test, is_found_sound_by_the_diagnosis_and_lists_the_same_by_either_version) {
+  const std::set<std::string> keys{"a b", "a+b", "a%20b", "d/\x01", "d/1", "d/2", "e//f", "\xc3\xa9", "~"};
+  for (const std::string& url : {server.endpoint(), server.tls_endpoint()}) {
+    const S3_Service_var first = service(url, "v4");
+    ASSERT_TRUE(first->create_bucket("versions")) << first->error();
+    for (const std::string& key : keys)
+      ASSERT_TRUE(store(*first, "versions", key, "some text")) << first->error();
+    URI uri;
+    ASSERT_TRUE(URI_Parser::parse(url.c_str(), uri));
+    for (const auto version : {Endpoint_Settings::LIST_V1, Endpoint_Settings::LIST_V2})
+      for (const char* delimiter : {"", "/"}) {
+        const S3_Service_var s = service(url, "v4", version);
+        std::set<std::string> names;
+        Get_Bucket_Parameter param;
+        param.max_keys(2);
+        param.delimiter(delimiter);
+        Get_Bucket_Content page;
+        do {
+          ASSERT_TRUE(s->get_bucket("versions", param, page)) << s->error();
+          for (const S3_Object& object : page.objects)
+            names.insert(object.name);
+          names.insert(page.common_prefixes.begin(), page.common_prefixes.end());
+          param.marker(page.next_marker.c_str());
+        } while (page.truncated);
+        EXPECT_EQ(*delimiter ? (std::set<std::string>{"a b", "a+b", "a%20b", "d/", "e/", "\xc3\xa9", "~"}) : keys,
+                  names);
+      }
+
+    s3::Diagnosis_Options look;
+    look.service.type = uri.scheme();
+    look.service.host = uri.host();
+    look.service.port = uri.port();
+    look.service.ssl = uri.is_ssl();
+    look.service.access_key = server.access_key();
+    look.service.secret_key = server.secret_key();
+    look.settings.ca_file = server.ca_file();
+    look.buckets = {"versions"};
+    const s3::Diagnosis diagnosis = diagnose(look);
+    for (const s3::Check& check : diagnosis.checks)
+      EXPECT_TRUE(check.state == s3::Check::PASSED || check.name == "tls" || check.name == "clock")
+          << check.name << ' ' << text_of(check.state) << ' ' << check.fault << ": " << check.found;
+    EXPECT_TRUE(diagnosis.good());
+    EXPECT_EQ("path", diagnosis.addressing);
+    EXPECT_EQ("on", diagnosis.url_encoding);
+  }
+}
 
 TEST_F(Real_Service_Test, every_request_is_understood) {
   work("plain-v4", *service(server.endpoint(), "v4"));
