@@ -380,7 +380,7 @@ def machine():
         if shutil.which(tool):
             tools.append(" ".join(subprocess.run([tool, *arguments], capture_output=True, text=True).stdout.split()[:2]))
     return (f"{os.cpu_count()} processors ({model[1] if model else platform.machine()}), {memory:.0f} GiB of memory, "
-            f"Linux {platform.release()}; {', '.join(tools)}. The service, the tools and the disk share the machine.")
+            f"Linux {'.'.join(platform.release().split('.')[:2])}; {', '.join(tools)}. The service, the tools and the disk share the machine.")
 
 
 def table(rows):
@@ -399,7 +399,8 @@ def write_doc(case, rows, runs):
     if begin not in text or end not in text:
         raise Failed(f"{DOC} has no place for the results of '{case}'")
     head, rest = text.split(begin)
-    body = f"\n\nMedian of {runs} runs, {time.strftime('%Y-%m-%d')}. {machine()}\n\n{table(rows)}\n\n"
+    taken = "One run" if runs == 1 else f"Median of {runs} runs"
+    body = f"\n\n{taken}, {time.strftime('%Y-%m-%d')}. {machine()}\n\n{table(rows)}\n\n"
     with open(DOC, "w") as file:
         file.write(head + begin + body + end + rest.split(end)[1])
 
