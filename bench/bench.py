@@ -4,7 +4,7 @@
   list         listing 1,000,000 keys in 10,000 folders, at 0 and 20 ms, with 8, 32 and 64 threads    | rclone size
   small        backup of 20,000 objects of 4 KiB, at 0 and 20 ms, with 32 and 64 readers; restore     | rclone copy
   large        backup of 8 objects of 512 MiB; restore                                                | rclone copy, curl -o
-  incremental  incremental backup of 1,000,000 unchanged objects (and of 3,000,000: the same memory)  | rclone copy
+  incremental  incremental backup of 1,000,000 unchanged objects (and of 3,000,000: the same memory)
   rate         bytes per CPU second, plain and with zstd level 1
   browse       one folder of the set of 1,000,000 objects, nothing in the page cache
 
