@@ -4,7 +4,7 @@
   list         listing 1,000,000 keys in 10,000 folders, at 0 and 20 ms, with 8, 32 and 64 threads    | rclone size
   small        backup of 20,000 objects of 4 KiB, at 0 and 20 ms, with 32 and 64 readers; restore     | rclone copy
   large        backup of 8 objects of 512 MiB; restore                                                | rclone copy, curl -o
-  incremental  incremental backup of 1,000,000 unchanged objects (and of 3,000,000: the same memory)  | rclone copy
+  incremental  incremental backup of 1,000,000 unchanged objects (and of 3,000,000: the same memory)
   rate         bytes per CPU second, plain and with zstd level 1
   browse       one folder of the set of 1,000,000 objects, nothing in the page cache
 
@@ -380,7 +380,7 @@ def machine():
         if shutil.which(tool):
             tools.append(" ".join(subprocess.run([tool, *arguments], capture_output=True, text=True).stdout.split()[:2]))
     return (f"{os.cpu_count()} processors ({model[1] if model else platform.machine()}), {memory:.0f} GiB of memory, "
-            f"Linux {platform.release()}; {', '.join(tools)}. The service, the tools and the disk share the machine.")
+            f"Linux {'.'.join(platform.release().split('.')[:2])}; {', '.join(tools)}. The service, the tools and the disk share the machine.")
 
 
 def table(rows):
@@ -399,7 +399,8 @@ def write_doc(case, rows, runs):
     if begin not in text or end not in text:
         raise Failed(f"{DOC} has no place for the results of '{case}'")
     head, rest = text.split(begin)
-    body = f"\n\nMedian of {runs} runs, {time.strftime('%Y-%m-%d')}. {machine()}\n\n{table(rows)}\n\n"
+    taken = "One run" if runs == 1 else f"Median of {runs} runs"
+    body = f"\n\n{taken}, {time.strftime('%Y-%m-%d')}. {machine()}\n\n{table(rows)}\n\n"
     with open(DOC, "w") as file:
         file.write(head + begin + body + end + rest.split(end)[1])
 

@@ -85,15 +85,13 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   account_.handed_out();
-  auto item = std::make_unique<Backup_Item>();
-  item->folder = folder_;
-  item->name = block.name();
-  item->size = block.hdr().size();
-  item->mtime = block.mtime();
-  item->ordinal = ++ordinal_;
-  if (item->name.find('\0') != std::string::npos) {
+  std::string name = block.name();
+  const unsigned long long size = block.hdr().size();
+  const long long mtime = block.mtime();
+  ++ordinal_;
+  if (name.find('\0') != std::string::npos) {
     // Readers take paths as C strings: the object asked for would be another one.
-    account_.skipped(item->path(), "A key with a NUL byte is not supported.");
+    account_.skipped(*folder_ + name, "A key with a NUL byte is not supported.");
     return true;
   }
   if (visit_.first == 0 && base_ != nullptr && !base_->enter(*folder_)) {
@@ -104,9 +102,9 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     error_ = partial_->error();
     return false;
   }
-  visit(item->name);
+  visit(name);
   Catalog_Object known;
-  if (base_ != nullptr && base_->unchanged(item->name, item->size, item->mtime, known)) {
+  if (base_ != nullptr && base_->unchanged(name, size, mtime, known)) {
     known.ordinal = ordinal_;
     account_.unchanged();
     return catalog_.add_object(known);
@@ -115,7 +113,7 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     error_ = base_->error();
     return false;
   }
-  if (partial_ != nullptr && partial_->find(item->name, item->size, item->mtime, known)) {
+  if (partial_ != nullptr && partial_->find(name, size, mtime, known)) {
     known.ordinal = ordinal_;
     account_.continued(known.size);
     return catalog_.add_object(known);
@@ -124,6 +122,12 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     error_ = partial_->error();
     return false;
   }
+  auto item = std::make_unique<Backup_Item>();
+  item->folder = folder_;
+  item->name = std::move(name);
+  item->size = size;
+  item->mtime = mtime;
+  item->ordinal = ordinal_;
   return queue_.push(std::move(item));
 }
 

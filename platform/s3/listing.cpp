@@ -10,40 +10,6 @@ namespace {
 /// Pages without a key, one after the other: some services pass over what was deleted page by page.
 constexpr int MAX_EMPTY_PAGES = 10000;
 
-/// Common prefixes of a page that are asked for to find out how they are written.
-constexpr size_t MAX_DOUBTS = 4;
-
-/// True when keys begin with `prefix`.
-bool is_prefix(Transport& transport, const std::string& bucket, const std::string& prefix) {
-  Get_Bucket_Content content;
-  Listing_Reader reader(content);
-  const Outcome outcome =
-      transport.ask(Request{"GET", bucket, "", {{"prefix", prefix}, {"max-keys", "1"}}, {}, false, {}}, reader);
-  return outcome.ok() && !content.objects.empty();
-}
-
-/// Whether the common prefixes of a page are to be decoded: as the service was found to do, else as the page tells,
-/// else as the service says when it is asked for the keys below one of them. A page that leaves it open is decoded.
-Prefix_Form settle_prefix_form(Transport& transport, const Listing_Reader& reader, const std::string& bucket) {
-  Endpoint& endpoint = transport.endpoint();
-  if (endpoint.prefix_form() != Prefix_Form::UNKNOWN)
-    return endpoint.prefix_form();
-  std::vector<std::string> doubtful;
-  Prefix_Form form = reader.find_prefix_form(doubtful);
-  // Where there are keys below both, another one may tell.
-  for (size_t i = 0; i < doubtful.size() && i < MAX_DOUBTS && form == Prefix_Form::UNKNOWN; ++i) {
-    std::string bytes;
-    if (!percent_decode(doubtful[i], true, bytes))
-      continue;
-    const bool encoded = is_prefix(transport, bucket, bytes);
-    if (encoded != is_prefix(transport, bucket, doubtful[i]))
-      form = encoded ? Prefix_Form::ENCODED : Prefix_Form::PLAIN;
-  }
-  if (form != Prefix_Form::UNKNOWN && reader.says_encoded())
-    endpoint.learn_prefix_form(form);
-  return form;
-}
-
 /// The service does not know what it was asked, or not in this way.
 bool is_not_understood(const S3_Error& error) {
   if (error.status() != 400 && error.status() != 405 && error.status() != 501)
