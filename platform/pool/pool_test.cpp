@@ -1,7 +1,10 @@
 #include "platform/pool/pool.h"
+#include "platform/pool/set_guard.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -280,6 +283,75 @@ TEST_F(Pools, removed_set_is_gone_with_all_its_files) {
   EXPECT_TRUE(pool_.remove_set("h/r/a", error_)) << error_;
   EXPECT_FALSE(fs::exists(pool_.set_folder("h/r/a")));
   EXPECT_TRUE(pool_.remove_set("h/r/a", error_)) << error_;
+}
+
+TEST_F(Pools, removal_that_was_cut_short_is_nobodys_and_is_ended) {
+  make();
+  ASSERT_TRUE(pool_.make_set_folder("h/r/a", error_)) << error_;
+  { std::ofstream(pool_.set_folder("h/r/a") + "/channel-0000.mtf") << "data"; }
+  fs::rename(pool_.set_folder("h/r/a"), pool_.set_folder("h/r/.removed-a"));
+  EXPECT_TRUE(pool_.unfinished("h/r").empty());
+  EXPECT_TRUE(pool_.finish_removals("h/r", error_)) << error_;
+  EXPECT_FALSE(fs::exists(pool_.set_folder("h/r/.removed-a")));
+}
+
+TEST_F(Pools, readers_share_a_set_and_its_remover_needs_it_alone) {
+  make();
+  ASSERT_TRUE(pool_.make_set_folder("h/r/a", error_)) << error_;
+  const std::string folder = pool_.set_folder("h/r/a");
+  Set_Guard one, two, remover;
+  EXPECT_EQ(Set_Guard::MISSING, one.share(folder, error_));
+  Set_Record record;
+  record.uuid = "a";
+  ASSERT_TRUE(write_partial_record(folder, record, error_)) << error_;
+  EXPECT_EQ(Set_Guard::HELD, one.share(folder, error_)) << error_;
+  EXPECT_EQ(Set_Guard::HELD, two.share(folder, error_)) << error_;
+  EXPECT_EQ(Set_Guard::BUSY, remover.own(folder, error_));
+  one.release();
+  EXPECT_EQ(Set_Guard::BUSY, remover.own(folder, error_));
+  EXPECT_NE(std::string::npos, error_.find("is being read")) << error_;
+  two.release();
+  EXPECT_EQ(Set_Guard::HELD, remover.own(folder, error_)) << error_;
+  EXPECT_EQ(Set_Guard::BUSY, one.share(folder, error_));
+  EXPECT_NE(std::string::npos, error_.find("is being removed")) << error_;
+}
+
+TEST_F(Pools, threads_of_one_process_share_its_lock) {
+  make();
+  auto one = pool_.lock(error_);
+  ASSERT_TRUE(one) << error_;
+  EXPECT_EQ(one, pool_.lock(error_));
+  const pid_t child = fork();
+  if (child == 0) {
+    // The lock came along with the fork; one of its own it cannot have.
+    const int fd = ::open((pool_.folder() + "/.lock").c_str(), O_RDWR);
+    _exit(fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) != 0 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+  one.reset();
+  EXPECT_TRUE(pool_.lock(error_)) << error_;
+}
+
+TEST_F(Pools, replaced_sets_are_none_of_the_pools) {
+  make();
+  for (const char* uuid : {"a", "b", "m"}) {
+    const std::string uri = std::string("h/r/") + uuid;
+    ASSERT_TRUE(pool_.make_set_folder(uri, error_)) << error_;
+    Set_Record record;
+    record.uuid = uuid;
+    if (record.uuid == "m")
+      record.replaces = {"a", "long gone"};
+    ASSERT_TRUE(write_set_record(pool_.set_folder(uri), record, error_)) << error_;
+  }
+  std::vector<std::string> bad;
+  const auto sets = pool_.sets("h/r", bad);
+  ASSERT_EQ(2u, sets.size());
+  EXPECT_EQ("b", sets[0].uuid);
+  EXPECT_EQ((std::vector<std::string>{"a", "long gone"}), sets[1].replaces);
+  ASSERT_EQ(1u, pool_.replaced_sets("h/r").size());
+  EXPECT_EQ("a", pool_.replaced_sets("h/r")[0].uuid);
 }
 
 } // namespace
