@@ -189,14 +189,18 @@ bool Stored_Reading::open(const Media_Task& task) {
   else if (head.size != object_->size)
     error_ =
         "the medium holds " + std::to_string(head.size) + " bytes of it instead of " + std::to_string(object_->size);
-  else
+  else {
+    attributes_problem_ = reader_->attributes_problem();
+    if (attributes_problem_.empty() && head.attributes.common.empty() && !object_->attributes.common.empty())
+      attributes_problem_ = "its attributes are missing beside it";
     return true;
+  }
   reader_.reset();
   return false;
 }
 
 const MTF::File_Attributes& Stored_Reading::attributes() const {
-  return reader_->attributes_problem().empty() ? reader_->head().attributes : object_->attributes;
+  return attributes_problem_.empty() ? reader_->head().attributes : object_->attributes;
 }
 
 Read_Outcome Stored_Reading::read(char* buffer, size_t size, size_t& got) {

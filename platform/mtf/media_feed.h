@@ -77,10 +77,10 @@ public:
   bool open(const Media_Task& task);
   /// As Object_Reader's, with the catalog's digest and size checked before END.
   Read_Outcome read(char* buffer, size_t size, size_t& got);
-  /// What else belongs to the object: as stored beside it or, where that is damaged, as the catalog has it.
+  /// What else belongs to the object: as stored beside it or, where that is damaged or gone, as the catalog has it.
   const MTF::File_Attributes& attributes() const;
   /// Why they are not those stored beside it; empty where they are.
-  const std::string& attributes_problem() const { return reader_->attributes_problem(); }
+  const std::string& attributes_problem() const { return attributes_problem_; }
   /// What stands on the medium before the content; while the object is open.
   const Object_Head& head() const { return reader_->head(); }
   unsigned long long stored() const { return reader_ ? reader_->stored() : 0; }
@@ -92,4 +92,5 @@ private:
   std::unique_ptr<Object_Reader> reader_;
   unsigned long long read_ = 0;
   std::string error_;
+  std::string attributes_problem_;
 };

@@ -237,6 +237,8 @@ private:
     Stored_Reading reading;
     if (!reading.open(task))
       return damaged(task, reading.error());
+    if (!reading.attributes_problem().empty())
+      return damaged(task, reading.attributes_problem());
     // Behind the first damage nothing is written any more, but all the rest is still looked at.
     const bool writing = report_.damaged == 0;
     const unsigned channel = o.channel % static_cast<unsigned>(media_.size());

@@ -1,6 +1,7 @@
 #include "platform/s3/attribute_headers.h"
 
 #include "platform/s3/answers.h"
+#include "platform/s3/checksum.h"
 #include "platform/s3/percent_encoding.h"
 
 #include <algorithm>
@@ -180,6 +181,13 @@ unsigned kinds_of(const Object_Attributes& attributes) {
   return kinds;
 }
 
+std::string multipart_checksum(const Object_Attributes& attributes) {
+  for (const auto& one : attributes.checksums)
+    if (knows_checksum(one.first))
+      return one.first;
+  return std::string();
+}
+
 void append_headers(const Object_Attributes& attributes, unsigned kinds, bool multipart, Name_Values& headers) {
   for (const auto& header : attributes.headers)
     if (kinds & (is_redirect(header) ? KIND_REDIRECT : KIND_HEADERS))
@@ -207,6 +215,16 @@ void append_headers(const Object_Attributes& attributes, unsigned kinds, bool mu
     const std::string acl = canned_acl(attributes);
     if (!acl.empty() && acl != "private")
       headers.emplace_back("x-amz-acl", acl);
+  }
+  if ((kinds & KIND_CHECKSUM) && multipart) {
+    std::string algorithm = multipart_checksum(attributes);
+    for (char& c : algorithm)
+      c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    if (!algorithm.empty()) {
+      headers.emplace_back("x-amz-checksum-algorithm", algorithm);
+      if (!attributes.checksum_type.empty())
+        headers.emplace_back("x-amz-checksum-type", attributes.checksum_type);
+    }
   }
   // A checksum over the parts' checksums ("...-3") says nothing about a content sent at once.
   if ((kinds & KIND_CHECKSUM) && !multipart)

@@ -35,8 +35,10 @@ std::string canned_acl(const Object_Attributes& attributes);
 /// The kinds that `attributes` has something of; the access list only where `canned_acl` is neither empty nor
 /// "private".
 unsigned kinds_of(const Object_Attributes& attributes);
-/// The header fields in which a PUT, or the start of a multipart upload, gives the attributes of `kinds`. `multipart`:
-/// checksums of the whole content are no use there.
+/// The algorithm of the checksum that a multipart upload of the object is to have; empty for none.
+std::string multipart_checksum(const Object_Attributes& attributes);
+/// The header fields in which a PUT, or the start of a multipart upload, gives the attributes of `kinds`. The latter
+/// names the checksum's algorithm, since its value comes from the parts.
 void append_headers(const Object_Attributes& attributes, unsigned kinds, bool multipart, Name_Values& headers);
 /// What of `attributes` is of that kind, for people: "the storage class 'COLD'".
 std::string describe(const Object_Attributes& attributes, Attribute_Kind kind);

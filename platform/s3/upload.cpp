@@ -1,6 +1,7 @@
 #include "platform/s3/upload.h"
 
 #include "platform/s3/attribute_refusal.h"
+#include "platform/s3/checksum.h"
 #include "platform/s3/digest.h"
 #include "platform/s3/object_extras.h"
 #include "platform/s3/part_plan.h"
@@ -188,6 +189,11 @@ protected:
     Name_Values headers;
     if (given_ & KIND_LOCK)
       headers.emplace_back("content-md5", to_base64(md5(buffer_)));
+    const std::string algorithm = checksum_algorithm();
+    if (!algorithm.empty()) {
+      checksums_.push_back(checksum(algorithm, buffer_));
+      headers.emplace_back("x-amz-checksum-" + algorithm, checksums_.back());
+    }
     if (!sender_.send(upload_id_, buffer_, headers))
       return give_up(sender_.error());
     piece_ = static_cast<size_t>(plan_.next());
@@ -203,11 +209,18 @@ protected:
     std::string body("<CompleteMultipartUpload>");
     for (size_t i = 0; i < etags.size(); ++i)
       body += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + xml_escaped(etags[i]) +
-              "</ETag></Part>";
+              "</ETag>" + checksum_element(i) + "</Part>";
     body += "</CompleteMultipartUpload>";
     Request post = request("POST");
     post.query.emplace_back("uploadId", upload_id_);
     post.headers.emplace_back("content-type", "application/xml");
+    const std::string algorithm = checksum_algorithm();
+    if (!algorithm.empty() && attributes_.checksum_type == "FULL_OBJECT") {
+      post.headers.emplace_back("x-amz-checksum-type", attributes_.checksum_type);
+      for (const auto& [name, value] : attributes_.checksums)
+        if (name == algorithm)
+          post.headers.emplace_back("x-amz-checksum-" + algorithm, value);
+    }
     post.has_body = true;
     post.body = body;
     int attempts = 0;
@@ -249,7 +262,23 @@ private:
                  key_.c_str(), bucket_.c_str(), outcome.error.text().c_str()));
   }
 
+  /// Of the parts' checksums; empty where the upload has none.
+  std::string checksum_algorithm() const {
+    return (given_ & KIND_CHECKSUM) ? multipart_checksum(attributes_) : std::string();
+  }
+
+  /// What the list of parts says of one beside its ETag, as "<ChecksumCRC32C>...".
+  std::string checksum_element(size_t part) const {
+    if (part >= checksums_.size())
+      return std::string();
+    std::string name("Checksum");
+    for (const char c : checksum_algorithm())
+      name.push_back(c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c);
+    return '<' + name + '>' + checksums_[part] + "</" + name + '>';
+  }
+
   std::string upload_id_;
+  std::vector<std::string> checksums_; ///< of the parts
   Part_Sender sender_{transport_.shared_endpoint(), bucket_, key_, max_retry_seconds_};
 };
 

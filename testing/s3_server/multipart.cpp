@@ -48,6 +48,13 @@ Http_Response upload_part(const Call& call, Upload& upload) {
   Upload::Part part;
   part.md5 = md5(call.request.body);
   part.mtime = call.settings.clock();
+  const auto algorithm = upload.like.checksums.find("x-amz-checksum-algorithm");
+  if (algorithm != upload.like.checksums.end() && algorithm->second == "SHA256") {
+    part.sha256 = sha256(call.request.body);
+    const std::string* given = call.request.header("x-amz-checksum-sha256");
+    if (!given || *given != to_base64(part.sha256))
+      return error_response(400, "BadDigest", "The SHA256 you specified did not match the calculated checksum.");
+  }
   part.size = call.request.body.size();
   if (!call.settings.throw_away_parts)
     part.bytes = std::make_shared<const std::string>(std::move(call.request.body));
@@ -72,6 +79,7 @@ Http_Response complete(const Call& call, const std::string& id, Upload& upload) 
   struct Named {
     std::uint32_t number = 0;
     std::string etag;
+    std::string checksum;
   };
   std::vector<Named> named;
   for (const auto& [path, text] : elements) {
@@ -84,11 +92,13 @@ Http_Response complete(const Call& call, const std::string& id, Upload& upload) 
       named.back().number = static_cast<std::uint32_t>(*number);
     } else if (path == "CompleteMultipartUpload/Part/ETag" && !named.empty())
       named.back().etag = without_quotes(text);
+    else if (path == "CompleteMultipartUpload/Part/ChecksumSHA256" && !named.empty())
+      named.back().checksum = text;
   }
   if (named.empty())
     return malformed;
   Object object = upload.like;
-  std::string digests;
+  std::string digests, checksums;
   for (std::size_t i = 0; i < named.size(); ++i) {
     if (i > 0 && named[i].number <= named[i - 1].number)
       return error_response(400, "InvalidPartOrder", "The list of parts was not in ascending order.");
@@ -99,7 +109,10 @@ Http_Response complete(const Call& call, const std::string& id, Upload& upload) 
     if (i + 1 < named.size() && at->second.size < call.settings.min_part_size)
       return error_response(400, "EntityTooSmall", "Your proposed upload is smaller than the minimum allowed size",
                             {{"PartNumber", std::to_string(named[i].number)}});
+    if (!at->second.sha256.empty() && to_base64(at->second.sha256) != named[i].checksum)
+      return error_response(400, "InvalidPart", "The checksum of a part is missing or another one.");
     digests += at->second.md5;
+    checksums += at->second.sha256;
     object.size += at->second.size;
     object.part_sizes.push_back(at->second.size);
     if (at->second.bytes)
@@ -110,6 +123,9 @@ Http_Response complete(const Call& call, const std::string& id, Upload& upload) 
   if (!object.segments.empty() && !object.thrown_away.empty())
     return error_response(500, "InternalError", "Some parts were kept and others thrown away.");
   object.etag = to_hex(md5(digests)) + "-" + std::to_string(named.size());
+  object.checksums.erase("x-amz-checksum-algorithm");
+  if (!checksums.empty())
+    object.checksums["x-amz-checksum-sha256"] = to_base64(sha256(checksums)) + "-" + std::to_string(named.size());
   object.mtime = call.settings.clock();
   std::string inner;
   xml_element(inner, "Location", "/" + call.bucket + "/" + url_encode(call.key, true));

@@ -17,6 +17,7 @@ struct Upload {
     std::shared_ptr<const std::string> bytes; // null: thrown away
     std::uint64_t size = 0;
     std::string md5; // raw
+    std::string sha256; // raw; where the upload has checksums of that kind
     std::int64_t mtime = 0;
   };
   std::string bucket, key;
