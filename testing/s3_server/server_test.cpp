@@ -134,7 +134,7 @@ TEST_F(S3_server, refuses_what_is_malformed_or_not_served) {
   EXPECT_EQ(411, client.exchange("PUT /bucket/k HTTP/1.1\r\nHost: x\r\n\r\n").status);
   EXPECT_EQ(403, client.exchange("GET / HTTP/1.1\r\nHost: x\r\n\r\n").status);
   EXPECT_EQ(400, client.call("PUT", "/bucket/" + std::string(1025, 'k'), "x").status);
-  EXPECT_EQ(501, client.call("GET", "/bucket/k?acl", {}, {}, "?acl").status);
+  EXPECT_EQ(501, client.call("GET", "/bucket/k?torrent", {}, {}, "?torrent").status);
   client.secret_key = "other";
   EXPECT_TRUE(client.call("GET", "/bucket").has("SignatureDoesNotMatch"));
   client.clock_offset = -1000;

@@ -217,6 +217,7 @@ class Attributes(harness.Scenario):
                 "Owner": own["Owner"],
                 "Grants": own["Grants"] + [{"Grantee": {"Type": "Group", "URI": EVERYBODY}, "Permission": "READ_ACP"}]})
 
+        self.server.settle()   # what was just stored would be read again
         self.add_account(self.server)
         self.add_pool()
         outcome = self.backup("/whole/", "/locked/", "--tags", "--acl", "--channels", "2")
