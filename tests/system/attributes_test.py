@@ -85,7 +85,7 @@ def odd_part_sizes(generator):
            [generator.randint(1, 99999)]
 
 
-class Spec:
+class Sample:
     """One object as it was made."""
 
     def __init__(self, seed, number, bucket):
@@ -164,17 +164,17 @@ class Attributes(harness.Scenario):
         with concurrent.futures.ThreadPoolExecutor(THREADS) as pool:
             return list(pool.map(work, items))
 
-    def differences(self, spec, bucket):
+    def differences(self, sample, bucket):
         """What of the object in `bucket` is not as it was made."""
-        client, wanted, found = self.client(), spec.request, []
-        answer = client.get_object(Bucket=bucket, Key=spec.key)
+        client, wanted, found = self.client(), sample.request, []
+        answer = client.get_object(Bucket=bucket, Key=sample.key)
 
         def check(what, expected, seen):
             if expected != seen:
-                found.append("%s %s: %r instead of %r" % (spec.key, what, seen, expected))
+                found.append("%s %s: %r instead of %r" % (sample.key, what, seen, expected))
 
         body = answer["Body"].read()
-        check("body", hashlib.sha256(spec.body()).hexdigest(), hashlib.sha256(body).hexdigest())
+        check("body", hashlib.sha256(sample.body()).hexdigest(), hashlib.sha256(body).hexdigest())
         check("Content-Type", wanted.get("ContentType", "binary/octet-stream"), answer["ContentType"])
         for name in ("CacheControl", "ContentDisposition", "ContentEncoding", "ContentLanguage",
                      "WebsiteRedirectLocation", "StorageClass", "ObjectLockMode", "ObjectLockLegalHoldStatus"):
@@ -183,20 +183,20 @@ class Attributes(harness.Scenario):
             seen = answer.get(name)
             check(name, wanted.get(name), seen.replace(tzinfo=None) if seen else None)
         check("metadata", wanted.get("Metadata", {}), answer["Metadata"])
-        if spec.odd:
-            check("number of parts", spec.etag.split("-")[1], (answer["ETag"] + "-").split("-")[1])
+        if sample.odd:
+            check("number of parts", sample.etag.split("-")[1], (answer["ETag"] + "-").split("-")[1])
         else:
-            check("ETag", spec.etag, answer["ETag"])
+            check("ETag", sample.etag, answer["ETag"])
         tags = tag_set(wanted.get("Tagging", ""))
         check("number of tags", len(tags),
-              int(answer["ResponseMetadata"]["HTTPHeaders"].get("x-amz-tagging-count", "0")) if not spec.parts
+              int(answer["ResponseMetadata"]["HTTPHeaders"].get("x-amz-tagging-count", "0")) if not sample.parts
               else len(tags))
         if tags:
-            seen = client.get_object_tagging(Bucket=bucket, Key=spec.key).get("TagSet", [])
+            seen = client.get_object_tagging(Bucket=bucket, Key=sample.key).get("TagSet", [])
             check("tags", sorted(map(str, tags)), sorted(map(str, seen)))
-        if "ACL" in wanted or spec.seed % 50 == 0:
-            own = grants(client.get_object_acl(Bucket=bucket, Key=spec.key))
-            check("grants", grants(client.get_object_acl(Bucket=spec.bucket, Key=spec.key)), own)
+        if "ACL" in wanted or sample.seed % 50 == 0:
+            own = grants(client.get_object_acl(Bucket=bucket, Key=sample.key))
+            check("grants", grants(client.get_object_acl(Bucket=sample.bucket, Key=sample.key)), own)
         return found
 
     def test_random_objects_come_back_with_all_their_attributes(self):
@@ -207,13 +207,13 @@ class Attributes(harness.Scenario):
             client.create_bucket(Bucket=bucket)
         for bucket in ("locked", "locked-back"):
             client.create_bucket(Bucket=bucket, ObjectLockEnabledForBucket=True)
-        specs = [Spec(seed, number, "locked" if number % 20 == 3 else "whole") for number in range(OBJECTS)]
-        self.for_all(lambda spec: spec.put(self.client()), specs)
+        samples = [Sample(seed, number, "locked" if number % 20 == 3 else "whole") for number in range(OBJECTS)]
+        self.for_all(lambda sample: sample.put(self.client()), samples)
         # Grants that no canned access list says.
-        own = client.get_object_acl(Bucket="whole", Key=specs[0].key)
-        for spec in [one for one in specs if one.bucket == "whole"][::200]:
-            spec.request["ACL"] = "of its own"
-            client.put_object_acl(Bucket="whole", Key=spec.key, AccessControlPolicy={
+        own = client.get_object_acl(Bucket="whole", Key=samples[0].key)
+        for sample in [one for one in samples if one.bucket == "whole"][::200]:
+            sample.request["ACL"] = "of its own"
+            client.put_object_acl(Bucket="whole", Key=sample.key, AccessControlPolicy={
                 "Owner": own["Owner"],
                 "Grants": own["Grants"] + [{"Grantee": {"Type": "Group", "URI": EVERYBODY}, "Permission": "READ_ACP"}]})
 
@@ -228,11 +228,11 @@ class Attributes(harness.Scenario):
         self.assertEqual(("completed", OBJECTS, 0), (restored["outcome"], restored["saved"], restored["incomplete"]),
                          restored["errors"][:10])
         self.assert_account_adds_up(restored)
-        differences = sum(self.for_all(lambda spec: self.differences(spec, spec.bucket + "-back"), specs), [])
+        differences = sum(self.for_all(lambda sample: self.differences(sample, sample.bucket + "-back"), samples), [])
         self.assertEqual([], differences[:20], "seed %d: %d differences" % (seed, len(differences)))
 
         # What did not change is known by reference, attributes included, and a change of them alone is noticed.
-        changed = specs[11]
+        changed = samples[11]
         client.copy_object(Bucket=changed.bucket, Key=changed.key, MetadataDirective="REPLACE",
                            CopySource={"Bucket": changed.bucket, "Key": changed.key}, ContentType="now/other",
                            Metadata={"fresh": "yes"})
