@@ -306,7 +306,7 @@ TEST_P(Restore, everything_comes_back_byte_for_byte) {
   EXPECT_EQ(8u, target_.made);
 }
 
-TEST_F(Restore, writers_are_as_many_as_asked_for_while_others_clear_the_way) {
+TEST_P(Restore, writers_are_as_many_as_asked_for_while_others_clear_the_way) {
   fill(100, 1000);
   back_up();
   order_.concurrent = 2;

@@ -192,7 +192,7 @@ TEST_F(Torn_Object, none_of_ten_thousand_replacements_is_mixed_with_what_it_repl
     know(900000000ull + i);
 
   std::uint64_t swaps = 0, saved = 0, changing = 0;
-  for (unsigned run = 0; swaps < SWAPS && run < 200; ++run) {
+  for (unsigned run = 0; swaps < SWAPS && run < 1000; ++run) {
     SCOPED_TRACE("run " + std::to_string(run));
     new_job();
     server.clear_faults();
