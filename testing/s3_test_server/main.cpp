@@ -3,6 +3,7 @@
 // a question, which is answered with one line:
 //     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
 //     uploads                             how many multipart uploads were begun and neither completed nor aborted
+//     struck                              how many requests met a fault
 //     concurrent                          most requests that were in work at one time
 //     sequence                            the operations of all requests, with --log: "ListBuckets ListObjects ..."
 //     stalled                             "yes" once a reply stalls, "no" after 20 seconds without
@@ -57,13 +58,23 @@ bool add_object(s3_testing::S3_Server& server, const std::string& text) {
   return server.put_synthetic(bucket, key, std::stoull(size_text), key.size());
 }
 
-/// "key,bytes": the first reply with this key's content ends after so many bytes of it.
+/// "key,bytes": of the replies with this key's content the first one that begins behind so many bytes is cut off.
 bool add_cut(s3_testing::S3_Server& server, const std::string& text) {
   const std::string::size_type comma = text.rfind(',');
   if (comma == std::string::npos)
     return false;
-  server.add_fault(
-      s3_testing::Fault::cut(std::stoull(text.substr(comma + 1))).on("GetObject").key(text.substr(0, comma)).times(1));
+  const unsigned long long behind = std::stoull(text.substr(comma + 1));
+  server.add_fault(s3_testing::Fault::cut(1000)
+                       .on("GetObject")
+                       .key(text.substr(0, comma))
+                       .when([behind](const s3_testing::Request_Info& request) {
+                         const std::string unit = "bytes=";
+                         for (const auto& [name, value] : request.headers)
+                           if (name == "range" && value.compare(0, unit.size(), unit) == 0)
+                             return std::stoull(value.substr(unit.size())) > behind;
+                         return false;
+                       })
+                       .times(1));
   return true;
 }
 
@@ -102,6 +113,8 @@ std::string answer(const s3_testing::S3_Server& server, const std::string& line)
       out += (out.empty() ? "" : " ") + request.operation;
     return out;
   }
+  if (question == "struck")
+    return std::to_string(server.faults_struck());
   if (question == "concurrent")
     return std::to_string(server.max_concurrent());
   if (question == "stalled")
@@ -138,7 +151,7 @@ int main(int argc, char** argv) {
   CLI::App app("An S3 server for tests, on a free port of 127.0.0.1. It ends when its standard input does.");
   app.add_option("--synthetic", synthetic, "BUCKET,COUNT,SIZE: a bucket of made-up objects")->allow_extra_args(false);
   app.add_option("--object", objects, "BUCKET,KEY,SIZE: one made-up object")->allow_extra_args(false);
-  app.add_option("--cut", cuts, "KEY,BYTES: the first reply with this key's content ends after so many bytes")
+  app.add_option("--cut", cuts, "KEY,BYTES: the first reply that begins behind so many bytes of this key's content ends early")
       ->allow_extra_args(false);
   app.add_option("--stall", stalls, "OPERATION,BYTES: replies to it never go on after so many bytes")
       ->allow_extra_args(false);

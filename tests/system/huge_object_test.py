@@ -91,7 +91,8 @@ class Huge_Object(harness.Scenario):
         self.assertEqual(SIZE + sum(SMALL.values()), outcome["bytes_read"])
         self.assertGreater(outcome["bytes_stored"], SIZE)
         asked = self.server.ask("requests", "big", "huge")
-        self.assertEqual("GetObject=2", asked, "the body was cut once, beyond 4 GiB, and resumed")
+        self.assertGreater(int(asked.split("=")[1]), 1000, "it is read in ranges")
+        self.assertEqual("1", self.server.ask("struck"), "one of them, beyond 4 GiB, was cut and resumed")
         self.step("backup")
 
         restored = self.agent("restore", outcome["set"], "--map", "big=wide", "--json").json
