@@ -54,7 +54,8 @@ Reading_Outcome Object_Reading::open(const std::string& path, unsigned long long
     outcome = look(path);
     if (outcome != Reading_Outcome::DONE || size_ != first)
       continue;
-    if (mtime_ != listed_mtime)
+    // Another generation has a date of its own; what has none is no object, but an error under a good status.
+    if (mtime_ != listed_mtime && mtime_ != 0)
       break;
     close();
     return fail(EIO, "The service contradicts itself: " + std::to_string(listed_size) + " bytes in the listing, " +
