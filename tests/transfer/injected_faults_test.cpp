@@ -41,7 +41,7 @@ protected:
     case 0:
       return object(Fault::error(500, "InternalError"));
     case 1:
-      return object(Fault::error(503, "SlowDown", 1));
+      return object(Fault::error(503, "SlowDown"));
     case 2:
       return object(Fault::error(429, "TooManyRequests"));
     case 3:
@@ -89,7 +89,7 @@ protected:
     case 0:
       return target(Fault::error(500, "InternalError"), "PutObject");
     case 1:
-      return target(Fault::error(503, "SlowDown", 1), "PutObject");
+      return target(Fault::error(503, "SlowDown"), "PutObject");
     case 2:
       return target(Fault::no_reply(), "PutObject");
     case 3:
