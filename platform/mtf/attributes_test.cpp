@@ -227,7 +227,11 @@ class Attributed_Writer : public Plain_Writer, public IFile_Attributes_Sink {
 public:
   using Plain_Writer::Plain_Writer;
   void attributes(const File_Attributes& attributes) override { given_ = attributes; }
-  const std::vector<std::string>& refused() const override { return target_.refuses[path_]; }
+  const std::vector<std::string>& refused() const override {
+    static const std::vector<std::string> nothing;
+    const auto found = target_.refuses.find(path_); // channels look at the same time
+    return found == target_.refuses.end() ? nothing : found->second;
+  }
 };
 
 class Attributed_Restore : public Restore_Callback_Base {
