@@ -203,12 +203,15 @@ public:
     Catalog_Statement objects;
     if (!selection.everything() && !select(selection, nullptr, error))
       return false;
-    if (!objects.prepare(db_.get(),
-                         selection.everything()
-                             ? objects_query(" FROM objects o ORDER BY o.place,o.channel,o.position", false).c_str()
-                             : objects_query(" FROM temp.selected s CROSS JOIN objects o "
-                               "ON o.ordinal BETWEEN s.first AND s.last ORDER BY o.place,o.channel,o.position", false).c_str(),
-                         error))
+    if (!objects.prepare(
+            db_.get(),
+            selection.everything()
+                ? objects_query(" FROM objects o ORDER BY o.place,o.channel,o.position", false).c_str()
+                : objects_query(" FROM temp.selected s CROSS JOIN objects o "
+                                "ON o.ordinal BETWEEN s.first AND s.last ORDER BY o.place,o.channel,o.position",
+                                false)
+                      .c_str(),
+            error))
       return false;
     Visit visit;
     Catalog_Object object;
@@ -255,7 +258,9 @@ public:
       return true;
     const std::string below = catalog_layer_reason(db_.get());
     error = "the catalog " + path_ + " is damaged: " +
-            (!below.empty() ? below : step == SQLITE_ROW ? result : statement.error());
+            (!below.empty()       ? below
+             : step == SQLITE_ROW ? result
+                                  : statement.error());
     return false;
   }
 
@@ -273,6 +278,19 @@ public:
       if (!told(problem))
         return true;
     }
+    return step == SQLITE_DONE || failed(rows, error);
+  }
+
+  bool deletions(const std::function<bool(const Catalog_Deletion&)>& told, std::string& error) override {
+    if (version_ < catalog::DELETIONS_SINCE)
+      return true;
+    Catalog_Statement rows;
+    if (!rows.prepare(db_.get(), "SELECT path,size,mtime FROM deletions ORDER BY id", error))
+      return false;
+    int step;
+    while ((step = rows.step()) == SQLITE_ROW)
+      if (!told({std::string(rows.blob(0)), rows.number(1), rows.signed_number(2)}))
+        return true;
     return step == SQLITE_DONE || failed(rows, error);
   }
 
@@ -365,12 +383,13 @@ private:
     int step;
     while ((step = meta.step()) == SQLITE_ROW) {
       const std::string_view name = meta.blob(0);
-      unsigned long long* const place = name == "objects"    ? &counts_.objects
-                                        : name == "bytes"    ? &counts_.bytes
-                                        : name == "stored"   ? &counts_.stored
-                                        : name == "folders"  ? &counts_.folders
-                                        : name == "problems" ? &counts_.problems
-                                                             : nullptr;
+      unsigned long long* const place = name == "objects"     ? &counts_.objects
+                                        : name == "bytes"     ? &counts_.bytes
+                                        : name == "stored"    ? &counts_.stored
+                                        : name == "folders"   ? &counts_.folders
+                                        : name == "problems"  ? &counts_.problems
+                                        : name == "deletions" ? &counts_.deletions
+                                                              : nullptr;
       if (place != nullptr)
         *place = meta.number(1);
     }

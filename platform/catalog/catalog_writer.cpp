@@ -43,6 +43,7 @@ CREATE TABLE attributes(id INTEGER PRIMARY KEY, digest INTEGER NOT NULL, text BL
 CREATE INDEX attributes_digest ON attributes(digest);
 CREATE TABLE problems(id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, path BLOB NOT NULL, number INTEGER NOT NULL,
                       message TEXT NOT NULL);
+CREATE TABLE deletions(id INTEGER PRIMARY KEY, path BLOB NOT NULL, size INTEGER NOT NULL, mtime INTEGER NOT NULL);
 )";
 
 std::string_view name_of(const std::string& path) {
@@ -54,7 +55,7 @@ struct Folder {
   std::string path;
 };
 
-typedef std::variant<Catalog_Object, Folder, Catalog_Visit, Catalog_Problem, Catalog_Set> Row;
+typedef std::variant<Catalog_Object, Folder, Catalog_Visit, Catalog_Problem, Catalog_Deletion, Catalog_Set> Row;
 
 bool sync_path(const std::string& path, int flags, std::string& error) {
   const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
@@ -109,6 +110,7 @@ public:
   bool add_folder(const std::string& path) override { return add(Row(Folder{path})); }
   bool add_visit(const Catalog_Visit& visit) override { return add(Row(visit)); }
   bool add_problem(const Catalog_Problem& problem) override { return add(Row(problem)); }
+  bool add_deletion(const Catalog_Deletion& deletion) override { return add(Row(deletion)); }
   bool add_set(const Catalog_Set& set) override { return add(Row(set)); }
 
   bool finish() override {
@@ -139,6 +141,7 @@ private:
            add_folder_.prepare(db_.get(), "INSERT INTO folders(parent,path) VALUES(?,?)", error) &&
            visit_.prepare(db_.get(), "INSERT INTO visits VALUES(?,?,?,?)", error) &&
            problem_.prepare(db_.get(), "INSERT INTO problems(kind,path,number,message) VALUES(?,?,?,?)", error) &&
+           deletion_.prepare(db_.get(), "INSERT INTO deletions(path,size,mtime) VALUES(?,?,?)", error) &&
            set_.prepare(db_.get(), "INSERT INTO sets VALUES(?,?,?,?)", error) &&
            meta_.prepare(db_.get(), "INSERT INTO meta VALUES(?,?)", error);
   }
@@ -198,7 +201,11 @@ private:
     unsigned long long attributes = 0;
     if (!o.attributes.common.empty() && (attributes = attributes_id(o.attributes.common)) == 0)
       return false;
-    object_.bind(1, o.ordinal).bind_lasting_blob(2, name_of(o.path)).bind(3, o.size).bind_signed(4, o.mtime).bind(5, o.set);
+    object_.bind(1, o.ordinal)
+        .bind_lasting_blob(2, name_of(o.path))
+        .bind(3, o.size)
+        .bind_signed(4, o.mtime)
+        .bind(5, o.set);
     object_.bind(6, o.channel).bind(7, o.offset).bind(8, o.stored).bind(10, o.flags);
     object_.bind_lasting_blob(9, std::string_view(reinterpret_cast<const char*>(o.sha256), sizeof o.sha256));
     if (attributes != 0)
@@ -227,6 +234,11 @@ private:
     ++counts_.problems;
     problem_.bind(1, unsigned(p.kind)).bind_blob(2, p.path).bind_signed(3, p.number).bind_text(4, p.message);
     return problem_.run();
+  }
+
+  bool write(const Catalog_Deletion& d) {
+    ++counts_.deletions;
+    return deletion_.bind_blob(1, d.path).bind(2, d.size).bind_signed(3, d.mtime).run();
   }
 
   bool write(const Catalog_Set& s) {
@@ -293,7 +305,7 @@ private:
   bool complete(std::string& error) {
     if (!write_meta("objects", counts_.objects) || !write_meta("bytes", counts_.bytes) ||
         !write_meta("stored", counts_.stored) || !write_meta("folders", counts_.folders) ||
-        !write_meta("problems", counts_.problems)) {
+        !write_meta("problems", counts_.problems) || !write_meta("deletions", counts_.deletions)) {
       error = catalog_error(db_.get());
       return false;
     }
@@ -305,8 +317,8 @@ private:
                             "; PRAGMA user_version=" + std::to_string(catalog::FORMAT_VERSION) + "; COMMIT";
     if (!db_.execute(end.c_str(), error))
       return false;
-    for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &set_, &meta_,
-                                         &attributes_id_, &add_attributes_})
+    for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &deletion_, &set_,
+                                         &meta_, &attributes_id_, &add_attributes_})
       *statement = Catalog_Statement();
     return db_.close(error) && sync_path(path_, O_RDWR, error) && sync_path(folder_, O_RDONLY | O_DIRECTORY, error);
   }
@@ -315,7 +327,8 @@ private:
   const std::string path_;
   const Set_Cipher_ptr cipher_;
   Catalog_Db db_;
-  Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, set_, meta_, attributes_id_, add_attributes_;
+  Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, deletion_, set_, meta_, attributes_id_,
+      add_attributes_;
   std::unordered_map<std::string, unsigned long long> known_attributes_;
   size_t known_bytes_ = 0;
   std::string last_folder_;
