@@ -83,9 +83,10 @@ TEST_F(backup_callback, factory_connects_as_the_url_and_options_say) {
   EXPECT_EQ((std::vector<std::string>{"https s3.test 9000 ssl direct ak sk r v v4 9"}), fake_client().connections);
 }
 
-TEST_F(backup_callback, factory_whose_client_does_not_connect_makes_nothing) {
+TEST_F(backup_callback, factory_whose_client_does_not_connect_makes_nothing_and_logs_nothing) {
   fake_client().connects = false;
   EXPECT_TRUE(OBS_Backup_Callback_Factory("http://h", options(), 0).make().null());
+  EXPECT_TRUE(log.empty());
 }
 
 TEST_F(backup_callback, factory_takes_bucket_names_that_are_texts) {
@@ -324,6 +325,38 @@ TEST_F(file_reader, closed_reader_has_no_description) {
   ASSERT_EQ(0, reader.open("/b/p/k"));
   reader.close();
   EXPECT_FALSE(reader.handle_file_blk(blk, size, stat));
+}
+
+TEST_F(file_reader, object_that_an_answer_says_is_not_there_has_no_description) {
+  struct Absent : Fake_Store_Service {
+    using Fake_Store_Service::Fake_Store_Service;
+    HTTP_Connection_var get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) override {
+      const HTTP_Connection_var connection = Fake_Store_Service::get_object(bucket, key, offset, object);
+      object->exists = false;
+      return connection;
+    }
+  };
+  OBS_File_Reader absent(std::make_shared<Absent>(store()));
+  ASSERT_EQ(0, absent.open("/b/p/k"));
+  ASSERT_TRUE(absent.is_open());
+  MTF::File_Blk blk;
+  MTF::Callback_Stat stat;
+  stat.size = 99;
+  unsigned long long size = 98;
+  EXPECT_FALSE(absent.handle_file_blk(blk, size, stat));
+  EXPECT_EQ(98u, size);
+  EXPECT_EQ(99u, stat.size);
+}
+
+TEST_F(file_reader, closed_reader_reads_nothing_and_asks_nothing) {
+  ASSERT_EQ(0, reader.open("/b/p/k"));
+  ASSERT_EQ(0, reader.close());
+  char memory[4] = "abc";
+  MTF::Buffer buffer(memory, sizeof memory);
+  EXPECT_EQ(1, reader.read(buffer));
+  EXPECT_EQ(0u, buffer.used());
+  EXPECT_EQ(std::string("abc"), memory);
+  EXPECT_EQ(1u, service->gets.size());
 }
 
 TEST_F(file_reader, readers_of_a_callback_have_services_of_their_own) {
