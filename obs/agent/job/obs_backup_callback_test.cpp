@@ -4,6 +4,7 @@
 #include "testing/module/fake_clock.h"
 #include "testing/module/fake_event_handler.h"
 #include "testing/module/log_sink.h"
+#include "testing/module/slash_filter.h"
 
 #include <gtest/gtest.h>
 
@@ -168,6 +169,13 @@ TEST_F(backup_callback, without_buckets_either_the_service_is_asked_and_the_filt
   const Not_A filter;
   EXPECT_EQ((std::vector<std::string>{"VOL", "DIR b/", "FILE k", "DIR c/", "FILE k", "FEND"}),
             list({}, nullptr, &filter));
+}
+
+TEST_F(backup_callback, filter_is_asked_about_buckets_as_folders) {
+  store().put("a", "k");
+  const Slash_Filter by_slash;
+  EXPECT_EQ((std::vector<std::string>{"VOL", "DIR a/", "FILE k", "FEND"}), list({"a"}, nullptr, &by_slash));
+  EXPECT_EQ((std::vector<std::string>{"VOL", "DIR a/", "FILE k", "FEND"}), list({}, nullptr, &by_slash));
 }
 
 TEST_F(backup_callback, buckets_that_cannot_be_asked_for_leave_nothing_to_list) {

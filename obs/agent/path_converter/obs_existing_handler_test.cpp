@@ -3,6 +3,7 @@
 #include "testing/module/failing_allocator.h"
 #include "testing/module/fake_s3.h"
 #include "testing/module/fake_s3_service.h"
+#include "testing/module/gate.h"
 #include "testing/module/log_sink.h"
 
 #include <gtest/gtest.h>
@@ -135,19 +136,11 @@ TEST_F(existing_handler, threads_do_not_wait_for_one_another) {
 /// service be what `make` answers. Both have to come through with that one service.
 void ask_twice(existing_handler& test, const std::function<std::shared_ptr<S3_Service_Base>()>& make) {
   const OBS_Existing_Handler handler(MTF_FS::IPath_Converter_var(), test.entry, test.mapper, OBS_PCT_EXISTING_SKIP);
-  std::mutex mutex;
-  std::condition_variable changed;
+  Gate gate;
   bool asking = false;
   bool tried = false;
-  const auto wait = [&](const bool& condition) {
-    std::unique_lock<std::mutex> lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(60), [&] { return condition; }));
-  };
-  const auto tell = [&](bool& condition) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    condition = true;
-    changed.notify_all();
-  };
+  const auto wait = [&](const bool& condition) { EXPECT_TRUE(gate.wait([&] { return condition; })); };
+  const auto tell = [&](bool& condition) { gate.change([&] { condition = true; }); };
   test.store.on_head = [&](const std::string&, const std::string&) {
     tell(asking);
     wait(tried);
