@@ -65,7 +65,7 @@ class Build:
         depends, output = {}, None
         for line in self.ninja("-t", "deps").splitlines():
             if line.startswith(" "):
-                # A compiler cache may have written them relative to the build folder.
+                # Relative to the build folder where the compiler's cache made them so.
                 path = pathlib.Path(os.path.normpath(self.folder.resolve() / line.strip()))
                 if output and path.is_relative_to(ROOT / MODULE):
                     depends.setdefault(str(path.relative_to(ROOT)), set()).add(output)
