@@ -14,7 +14,8 @@
 class MTF_Backup;
 
 /// Runs one backup of object storage: waits for its turn on the source and for a merge in the pool, which a cancelled
-/// job waits for as well, decides between full and incremental, connects to the account, runs the engine and commits the catalog.
+/// job waits for as well, decides between full and incremental, connects to the account, runs the engine and commits
+/// the catalog.
 ///
 /// Made for one run, on the job's thread.
 class OBS_Backup_Executor : public Job_Executor_T<OBS_Backup_Job_Source, OBS_Backup_Job_Options, Job_Event_Handler> {

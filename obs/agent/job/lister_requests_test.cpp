@@ -57,8 +57,8 @@ struct lister_requests : testing::Test {
       unsigned attempt = 0;
       unsigned seconds = 0;
       char place[100];
-      if (line.priority == LM_INFO && sscanf(line.text.c_str(), "Retry(%u) %99s at %u second(s) later.", &attempt,
-                                             place, &seconds) == 3)
+      if (line.priority == LM_INFO &&
+          sscanf(line.text.c_str(), "Retry(%u) %99s at %u second(s) later.", &attempt, place, &seconds) == 3)
         waits.push_back(std::to_string(attempt) + ":" + std::to_string(seconds));
     }
     return waits;
@@ -115,8 +115,9 @@ TEST_F(lister_requests, catalog_gives_a_request_up_after_300_seconds_of_waiting)
     return true;
   }));
   EXPECT_EQ((Texts{"VOL", "FEND"}), blocks);
-  EXPECT_EQ(1u, log.count(LM_ERROR, "Retry exit on listing objects in 'b' after 300 seconds, last error: SlowDown: slow "
-                                    "down.\n"));
+  EXPECT_EQ(1u,
+            log.count(LM_ERROR, "Retry exit on listing objects in 'b' after 300 seconds, last error: SlowDown: slow "
+                                "down.\n"));
   EXPECT_EQ(31u + 9 * 30, clock.sleeps().size()) << "the first sum of waits that is not below 300";
 }
 

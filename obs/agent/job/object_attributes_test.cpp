@@ -1,9 +1,9 @@
 #include "obs/agent/job/backup_job_options_parser.h"
+#include "obs/agent/job/buckets_mapper.h"
 #include "obs/agent/job/definition_parser_testing.h"
 #include "obs/agent/job/obs_backup_callback.h"
 #include "obs/agent/job/obs_restore_callback.h"
 #include "obs/agent/job/restore_job_options_parser.h"
-#include "obs/agent/job/buckets_mapper.h"
 #include "testing/module/attributed_service.h"
 #include "testing/module/fake_client.h"
 
@@ -60,7 +60,8 @@ protected:
 /// A writer for one object after the other.
 struct Writer_Of {
   explicit Writer_Of(const Buckets_Mapper& mapper)
-      : callback(mapper), writer(callback.make_file_writer()), sink(dynamic_cast<MTF::IFile_Attributes_Sink&>(*writer)) {}
+      : callback(mapper), writer(callback.make_file_writer()),
+        sink(dynamic_cast<MTF::IFile_Attributes_Sink&>(*writer)) {}
   MTF::Error_Code open(const char* path, const char* common) {
     if (common != nullptr)
       sink.attributes({common, ""});

@@ -155,8 +155,12 @@ TEST_F(source_lister, waits_are_1_2_and_3_seconds_at_most_and_announced) {
   for (const Log_Line& line : log.lines())
     if (line.priority == LM_INFO)
       waits.push_back(line.text.substr(0, 9) + line.text.substr(line.text.find(" at ")));
-  EXPECT_EQ((Texts{"Retry(1) " " at 1 second(s) later.\n", "Retry(2) " " at 2 second(s) later.\n",
-                   "Retry(3) " " at 3 second(s) later.\n"}),
+  EXPECT_EQ((Texts{"Retry(1) "
+                   " at 1 second(s) later.\n",
+                   "Retry(2) "
+                   " at 2 second(s) later.\n",
+                   "Retry(3) "
+                   " at 3 second(s) later.\n"}),
             waits);
 }
 

@@ -56,7 +56,9 @@ int fail_each_allocation(MAKE make) {
 
 const char* const LONG_TEXT = "a text that is longer than what a string keeps inside itself";
 
-S3_Client_Options client_options() { return S3_Client_Options(LONG_TEXT, LONG_TEXT, 0); }
+S3_Client_Options client_options() {
+  return S3_Client_Options(LONG_TEXT, LONG_TEXT, 0);
+}
 
 TEST(short_memory, job_creator_answers_no_job) {
   OBS_Job_Creator creator;
@@ -89,10 +91,8 @@ TEST(short_memory, backup_callback_makes_neither_reader_nor_lister) {
   ASSERT_FALSE(callback.null());
   EXPECT_GE(fail_each_allocation([&] { return !callback->make_file_reader().null(); }), 2);
   const std::list<std::string> sources{std::string("/") + LONG_TEXT + "/"};
-  EXPECT_GE(fail_each_allocation([&] {
-              return !callback->make_source_lister(&sources, 1, nullptr, nullptr, 1).null();
-            }),
-            3);
+  EXPECT_GE(
+      fail_each_allocation([&] { return !callback->make_source_lister(&sources, 1, nullptr, nullptr, 1).null(); }), 3);
 }
 
 TEST(short_memory, status_of_a_path_is_not_told) {
@@ -191,10 +191,9 @@ int fail_each_allocation_of_a_writer(PREPARE prepare, STEP step) {
 }
 
 TEST(short_memory, writer_that_cannot_write_skips_its_file) {
-  EXPECT_GT(fail_each_allocation_of_a_writer([](MTF::IFile_Writer&) {},
-                                             [](MTF::IFile_Writer& writer) {
-                                               return writer.write(LONG_TEXT, strlen(LONG_TEXT));
-                                             }),
+  EXPECT_GT(fail_each_allocation_of_a_writer(
+                [](MTF::IFile_Writer&) {},
+                [](MTF::IFile_Writer& writer) { return writer.write(LONG_TEXT, strlen(LONG_TEXT)); }),
             0);
 }
 
