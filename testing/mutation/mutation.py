@@ -66,7 +66,7 @@ class Build:
         for line in self.ninja("-t", "deps").splitlines():
             if line.startswith(" "):
                 # Relative to the build folder where the compiler's cache made them so.
-                path = pathlib.Path(os.path.normpath(self.folder / line.strip()))
+                path = pathlib.Path(os.path.normpath(self.folder.resolve() / line.strip()))
                 if output and path.is_relative_to(ROOT / MODULE):
                     depends.setdefault(str(path.relative_to(ROOT)), set()).add(output)
             else:
