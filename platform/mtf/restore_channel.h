@@ -6,7 +6,9 @@
 
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +39,7 @@ struct Restore_Shared {
   MTF_FS::IPath_Converter_var converter;
   Media_Feed* feed = nullptr;
   Run_Account* account = nullptr;
+  std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
   size_t whole_object = 0;                 ///< objects up to this size are verified whole before anything is touched
   std::function<bool()> wait_while_paused; ///< false once the run has to end
   /// Of the channels only so many write: while these wait for their service, as many others read and verify the next
@@ -59,7 +62,8 @@ private:
   bool write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
              Read_Outcome outcome, std::vector<std::string>& not_given);
   void skip(const Media_Task& task, const std::string& message);
-  void fail(const Media_Task& task, const std::string& message);
+  void fail(const Media_Task& task, const std::string& message, int number = 0);
+  std::optional<S3_Error> take_failure();
 
   Restore_Shared& shared_;
   MTF::IRestore_Callback_var callback_;

@@ -182,7 +182,8 @@ bool Service::head_object(const char* bucket, const char* key, S3_Object& object
   if (!named(bucket, key))
     return false;
   object.name = key;
-  Outcome outcome = transport_.ask(Request{"HEAD", bucket, key, {}, {}, false, {}});
+  const Request head{"HEAD", bucket, key, {}, {}, false, {}};
+  Outcome outcome = retried(endpoint_->max_retry_seconds(), [&] { return transport_.ask(head); });
   ACE_UINT64 size = 0;
   if (outcome.ok()) {
     if (parse_size(outcome.head.value("content-length"), size)) {
@@ -199,6 +200,8 @@ bool Service::head_object(const char* bucket, const char* key, S3_Object& object
   }
   if (outcome.ok())
     endpoint_->ledger()->head_objects.fetch_add(1, std::memory_order_relaxed);
+  else
+    endpoint_->ledger()->failed_here(outcome.error);
   return report(std::move(outcome));
 }
 
