@@ -329,8 +329,10 @@ void Object_Extras::look(const Object_Attributes& attributes, unsigned kinds, st
 }
 
 bool Service::get_tags(const char* bucket, const char* key, Object_Attributes& attributes) {
-  return named(bucket, key) &&
-         report(Object_Extras(transport_, bucket, key, endpoint_->max_retry_seconds()).get_tags(attributes));
+  if (!named(bucket, key))
+    return false;
+  endpoint_->ledger()->tags_asked(std::string("/") + bucket + '/' + key);
+  return report(Object_Extras(transport_, bucket, key, endpoint_->max_retry_seconds()).get_tags(attributes));
 }
 
 bool Service::get_acl(const char* bucket, const char* key, Object_Attributes& attributes) {

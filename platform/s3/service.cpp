@@ -264,6 +264,8 @@ void Service::remember(const char* bucket, const char* key, const HTTP_Head& hea
   generation_ = Generation{bucket, key, head.value("etag"), size};
   attributes_ = read_attributes(head);
   attributes_.size = size;
+  if (attributes_.tag_count > 0)
+    endpoint_->ledger()->tags_told(std::string("/") + bucket + '/' + key);
   if (attributes_.tag_count >= 0)
     endpoint_->attributes().tags_counted(bucket);
   else if (endpoint_->attributes().counts_tags(bucket))
