@@ -13,11 +13,11 @@ namespace s3 {
 namespace {
 
 /// Whether the answer's own date is less than two seconds behind the object's: with dates of whole seconds, another
-/// object may still get the same one.
+/// object may still get the same one. An answer without a date does not tell how old the object is.
 bool is_fresh(const HTTP_Head& head) {
   const time_t modified = curl_getdate(head.value("last-modified").c_str(), nullptr);
   const time_t now = curl_getdate(head.value("date").c_str(), nullptr);
-  return modified > 0 && now > 0 && now - modified < 2;
+  return modified > 0 && (now <= 0 || now - modified < 2);
 }
 
 void fill(S3_Object& object, const char* key, const HTTP_Head& head, ACE_UINT64 size) {

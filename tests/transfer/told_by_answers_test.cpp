@@ -58,4 +58,36 @@ TEST_F(Told_By_Answers, nothing_is_said_where_tags_were_asked_for_or_there_are_n
   EXPECT_EQ("", reason("/"));
 }
 
+/// An object that is written over with the same length in the second of its first date.
+class Written_Twice : public Told_By_Answers {
+protected:
+  void save_and_write_again() {
+    server.put("bucket", "key", "old");
+    const std::int64_t written = server.object("bucket", "key")->mtime;
+    ASSERT_TRUE(backup()) << failure;
+    s3_testing::Object again = s3_testing::make_object("new");
+    again.mtime = written;
+    server.put("bucket", "key", again);
+    order.incremental = true;
+    order.base_seq = 1;
+    new_job();
+    ASSERT_TRUE(backup()) << failure;
+  }
+};
+
+TEST_F(Written_Twice, answer_without_a_date_makes_the_object_one_that_is_read_again) {
+  server.configure([](s3_testing::S3_Server_Settings& s) { s.dates = false; });
+  save_and_write_again();
+  EXPECT_EQ(1u, figure("saved"));
+  EXPECT_EQ(0u, figure("unchanged"));
+  EXPECT_EQ("new", content(catalog()["bucket/key"]));
+}
+
+TEST_F(Written_Twice, answer_that_dates_the_object_long_ago_is_believed) {
+  server.configure([](s3_testing::S3_Server_Settings& s) { s.date_ahead = 100; });
+  save_and_write_again();
+  EXPECT_EQ(0u, figure("saved"));
+  EXPECT_EQ(1u, figure("unchanged"));
+}
+
 } // namespace
