@@ -137,20 +137,19 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   visit(name);
-  Catalog_Object known;
-  if (base_ != nullptr && base_->unchanged(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
+  if (base_ != nullptr && base_->unchanged(name, size, mtime, known_)) {
+    known_.ordinal = ordinal_;
     account_.unchanged();
-    return catalog_.add_object(known);
+    return catalog_.add_object(known_);
   }
   if (base_ != nullptr && !base_->error().empty()) {
     error_ = base_->error();
     return false;
   }
-  if (partial_ != nullptr && partial_->find(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
-    account_.continued(known.size);
-    return catalog_.add_object(known);
+  if (partial_ != nullptr && partial_->find(name, size, mtime, known_)) {
+    known_.ordinal = ordinal_;
+    account_.continued(known_.size);
+    return catalog_.add_object(known_);
   }
   if (partial_ != nullptr && !partial_->error().empty()) {
     error_ = partial_->error();
