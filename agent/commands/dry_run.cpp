@@ -1,9 +1,11 @@
 #include "agent/commands/dry_run.h"
 
 #include "agent/commands/browse_page.h"
+#include "agent/commands/open_set.h"
 #include "sdk/file_backup/file_backup.h"
 #include "sdk/mtf/filter.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -38,7 +40,7 @@ private:
         if (folder_object || !MTF::is_included((path + file.name).c_str(), false, filter_))
           ++excluded;
         else
-          count(path + file.name, file.size);
+          count(path + file.name, file);
       }
       for (const std::string& name : page.folders)
         if (MTF::is_included((path + name).c_str(), true, filter_))
@@ -53,17 +55,21 @@ private:
     const Browse_Page page = browse_page(context_, account_.uuid, path, 1, std::string());
     if (page.files.empty() || !page.files.front().name.empty())
       throw Command_Error("there is no object '" + path + "'");
-    count(path, page.files.front().size);
+    count(path, page.files.front());
   }
 
-  void count(const std::string& path, unsigned long long size) {
+  void count(const std::string& path, const Browse_Page::File& file) {
     ++objects;
-    bytes += size;
-    if (context_.json)
+    bytes += file.size;
+    if (context_.json) {
+      std::string mtime = file.mtime + "Z";
+      std::replace(mtime.begin(), mtime.end(), ' ', 'T');
+      print_bytes(json_spirit::write_utf8(json_spirit::Object{{"file", path}, {"size", file.size}, {"mtime", mtime}}));
       return;
-    std::printf("%12llu  ", size);
-    std::fwrite(path.data(), 1, path.size(), stdout);
-    std::fputc('\n', stdout);
+    }
+    char size[32];
+    std::snprintf(size, sizeof size, "%12llu  ", file.size);
+    print_bytes(size + path);
   }
 
   Context& context_;
