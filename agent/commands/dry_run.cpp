@@ -27,6 +27,7 @@ public:
   unsigned long long objects = 0;
   unsigned long long bytes = 0;
   unsigned long long excluded = 0;
+  unsigned long long skipped = 0; ///< folder objects with data
 
 private:
   /// A folder's own objects first, then its subfolders, as a backup lists them.
@@ -36,8 +37,10 @@ private:
     do {
       page = browse_page(context_, account_.uuid, path, 0, page.marker);
       for (const Browse_Page::File& file : page.files) {
-        const bool folder_object = file.name.empty();
-        if (folder_object || !MTF::is_included((path + file.name).c_str(), false, filter_))
+        // A key that equals its folder: nothing is lost with an empty one.
+        if (file.name.empty())
+          ++(file.size == 0 ? excluded : skipped);
+        else if (!MTF::is_included((path + file.name).c_str(), false, filter_))
           ++excluded;
         else
           count(path + file.name, file);
@@ -96,6 +99,8 @@ void dry_run(Context& context, const Account& account, const Selection& selectio
   json["objects"] = run.objects;
   json["bytes"] = run.bytes;
   json["excluded"] = run.excluded;
+  json["skipped"] = run.skipped;
   context.print(json, std::to_string(run.objects) + " objects, " + human_bytes(run.bytes) +
-                          " would be backed up; " + std::to_string(run.excluded) + " listed ones left out");
+                          " would be backed up; " + std::to_string(run.excluded) + " listed ones excluded, " +
+                          std::to_string(run.skipped) + " skipped");
 }

@@ -72,7 +72,16 @@ class Command_Line(harness.Scenario):
                          [(line["file"], line["size"]) for line in lines[:-1]])
         for line in lines[:-1]:
             self.assertRegex(line["mtime"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
-        self.assertEqual({"objects": 2, "bytes": 10000, "excluded": 1}, lines[-1])
+        self.assertEqual({"objects": 2, "bytes": 10000, "excluded": 1, "skipped": 0}, lines[-1])
+
+    def test_dry_run_counts_folder_objects_as_the_backup_does(self):
+        self.client.put_object(Bucket="data", Key="empty/", Body=b"")
+        self.client.put_object(Bucket="data", Key="full/", Body=b"not empty")
+        dry = self.agent("backup", "work", "/data/", "--pool", "disk", "--dry-run", "--json").json
+        run = self.backup("/data/", expect=3)
+        self.assertEqual((run["saved"], run["excluded"], run["skipped"]),
+                         (dry["objects"], dry["excluded"], dry["skipped"]))
+        self.assertEqual((3, 1, 1), (dry["objects"], dry["excluded"], dry["skipped"]))
 
     def test_description_of_a_medium_is_the_same_as_text_and_as_json(self):
         self.backup("/data/", "--channels", "1")
