@@ -80,7 +80,7 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
       connection->finish_despite_cancel(TIDY_UP_SECONDS);
     connection->stop_on(stop_);
     Request_Gate& gate = endpoint_->gate();
-    Within within(gate, last_ticket_ = despite_cancel_ ? Request_Gate::Ticket() : gate.enter());
+    Within within(gate, last_ticket_ = despite_cancel_ ? Request_Gate::Ticket() : gate.enter(stop_));
     const time_t now = endpoint_->now();
     const HTTP_Request http = build(request, address, endpoint_->credentials(), endpoint_->v4_key(address, now), now);
     endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
