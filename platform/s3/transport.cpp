@@ -169,7 +169,7 @@ std::string Transport::describe(const Request& request) const {
   return request.method + ' ' + url_of(request, endpoint_->address(request.bucket));
 }
 
-Outcome retried(int max_seconds, const std::function<Outcome()>& attempt) {
+Outcome retried(int max_seconds, const std::function<Outcome()>& attempt, const std::function<void(unsigned)>& pause) {
   Exponential_Backoff_Iterator wait(1, UNLIMITED_RETRIES, 30, true);
   unsigned long long waited = 0;
   for (int count = 1;; ++count) {
@@ -180,7 +180,10 @@ Outcome retried(int max_seconds, const std::function<Outcome()>& attempt) {
     const unsigned seconds = std::max(*wait, outcome.retry_after);
     ++wait;
     ACE_DEBUG((LM_INFO, ACE_TEXT("Retry(%d) %N:%l at %u second(s) later.\n"), count, seconds));
-    Clock::instance().sleep(seconds);
+    if (pause)
+      pause(seconds);
+    else
+      Clock::instance().sleep(seconds);
     waited += seconds;
   }
 }
