@@ -42,6 +42,23 @@ void print_match(const Context& context, const Set& set, const std::string& stor
   print_bytes(json_spirit::write_utf8(line));
 }
 
+/// What the set before had and the listing of this one no longer.
+void print_deletion(const Context& context, const Set& set, const Catalog_Deletion& deletion) {
+  Catalog_Object object;
+  object.path = deletion.path;
+  object.size = deletion.size;
+  object.mtime = deletion.mtime;
+  if (!context.json) {
+    print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + "  (deleted)");
+    return;
+  }
+  json_spirit::Object line = object_json(object);
+  line["set"] = set.uuid;
+  line["set_time"] = set.end_time;
+  line["deleted"] = true;
+  print_bytes(json_spirit::write_utf8(line));
+}
+
 std::vector<Set> sets_to_search(Context& context, const Find_Arguments& arguments) {
   if (!arguments.set.empty())
     return {context.set(arguments.set)};
@@ -72,6 +89,10 @@ void find(Context& context, const Find_Arguments& arguments) {
             holder = one.uuid;
         print_match(context, set, holder, object);
       });
+      search.run_deleted(*catalog, [&](const Catalog_Deletion& deletion) {
+        ++matches;
+        print_deletion(context, set, deletion);
+      });
     } catch (const Command_Error& error) {
       if (!failed.empty())
         std::fprintf(stderr, "obs-agent: %s\n", failed.c_str());
@@ -88,8 +109,8 @@ void find(Context& context, const Find_Arguments& arguments) {
 
 void add_find_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Find_Arguments>();
-  CLI::App* command =
-      app.add_subcommand("find", "Find objects in sets: when they were there, and which versions are held");
+  CLI::App* command = app.add_subcommand(
+      "find", "Find objects in sets: when they were there, when they were gone, and which versions are held");
   command->add_option("glob", arguments->glob, "Path with *, ? and **; without a leading / it matches at any depth")
       ->required()
       ->type_name("GLOB");

@@ -38,3 +38,17 @@ void Search::run(Catalog_Reader& catalog, const std::function<void(const Catalog
   if (!walked)
     throw Command_Error(error);
 }
+
+void Search::run_deleted(Catalog_Reader& catalog, const std::function<void(const Catalog_Deletion&)>& found) const {
+  std::string error, path;
+  const bool walked = catalog.deletions(
+      [&](const Catalog_Deletion& deletion) {
+        path.assign(1, '/').append(deletion.path);
+        if (rule_.match(path.data(), path.size()) == Glob_Rule::MATCH)
+          found(deletion);
+        return true;
+      },
+      error);
+  if (!walked)
+    throw Command_Error(error);
+}

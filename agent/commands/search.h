@@ -14,6 +14,8 @@ public:
 
   /// Tells `found` every match in hand-out order. Throws Command_Error when the catalog cannot be read.
   void run(Catalog_Reader& catalog, const std::function<void(const Catalog_Object&)>& found) const;
+  /// The same of what the catalog says was deleted.
+  void run_deleted(Catalog_Reader& catalog, const std::function<void(const Catalog_Deletion&)>& found) const;
 
 private:
   Glob_Rule rule_;

@@ -14,9 +14,11 @@ constexpr const char* FILE_NAME = "catalog.db";
 /// "OBSC" as SQLite's application id.
 constexpr int APPLICATION_ID = 0x4F425343;
 /// SQLite's user version. A reader takes its own and older ones.
-constexpr int FORMAT_VERSION = 2;
+constexpr int FORMAT_VERSION = 3;
 /// Until then objects had no attributes.
 constexpr int ATTRIBUTES_SINCE = 2;
+/// Until then deletions were only counted, in the set's record.
+constexpr int DELETIONS_SINCE = 3;
 
 /// The object's prefix could not be listed in this run: its entry was carried over from the set before.
 constexpr unsigned FLAG_UNSEEN = 1;
@@ -57,12 +59,20 @@ struct Catalog_Problem {
   std::string message;
 };
 
+/// Something that the set before had and that the listing, whole at its place, showed no longer.
+struct Catalog_Deletion {
+  std::string path;            ///< "bucket/key"
+  unsigned long long size = 0; ///< bytes; of what the set before had
+  long long mtime = 0;         ///< seconds since the epoch; the same
+};
+
 struct Catalog_Counts {
   unsigned long long objects = 0;
   unsigned long long bytes = 0;  ///< of their content
   unsigned long long stored = 0; ///< bytes that those of the catalog's own set take on media
   unsigned long long folders = 0;
   unsigned long long problems = 0;
+  unsigned long long deletions = 0;
 };
 
 /// A run of consecutive ordinals whose objects lie in one folder. A folder may be visited several times.

@@ -203,12 +203,15 @@ public:
     Catalog_Statement objects;
     if (!selection.everything() && !select(selection, nullptr, error))
       return false;
-    if (!objects.prepare(db_.get(),
-                         selection.everything()
-                             ? objects_query(" FROM objects o ORDER BY o.place,o.channel,o.position", false).c_str()
-                             : objects_query(" FROM temp.selected s CROSS JOIN objects o "
-                               "ON o.ordinal BETWEEN s.first AND s.last ORDER BY o.place,o.channel,o.position", false).c_str(),
-                         error))
+    if (!objects.prepare(
+            db_.get(),
+            selection.everything()
+                ? objects_query(" FROM objects o ORDER BY o.place,o.channel,o.position", false).c_str()
+                : objects_query(" FROM temp.selected s CROSS JOIN objects o "
+                                "ON o.ordinal BETWEEN s.first AND s.last ORDER BY o.place,o.channel,o.position",
+                                false)
+                      .c_str(),
+            error))
       return false;
     Visit visit;
     Catalog_Object object;
@@ -255,7 +258,9 @@ public:
       return true;
     const std::string below = catalog_layer_reason(db_.get());
     error = "the catalog " + path_ + " is damaged: " +
-            (!below.empty() ? below : step == SQLITE_ROW ? result : statement.error());
+            (!below.empty()       ? below
+             : step == SQLITE_ROW ? result
+                                  : statement.error());
     return false;
   }
 
@@ -273,6 +278,19 @@ public:
       if (!told(problem))
         return true;
     }
+    return step == SQLITE_DONE || failed(rows, error);
+  }
+
+  bool deletions(const std::function<bool(const Catalog_Deletion&)>& told, std::string& error) override {
+    if (version_ < catalog::DELETIONS_SINCE)
+      return true;
+    Catalog_Statement rows;
+    if (!rows.prepare(db_.get(), "SELECT path,size,mtime FROM deletions ORDER BY id", error))
+      return false;
+    int step;
+    while ((step = rows.step()) == SQLITE_ROW)
+      if (!told({std::string(rows.blob(0)), rows.number(1), rows.signed_number(2)}))
+        return true;
     return step == SQLITE_DONE || failed(rows, error);
   }
 
@@ -305,16 +323,19 @@ private:
     static const std::string none;
     if (id == 0)
       return none;
-    const auto known = texts_.find(id);
-    if (known != texts_.end())
-      return known->second;
-    if (texts_.size() >= KNOWN_ATTRIBUTES)
+    if (id == last_id_)
+      return *last_text_;
+    if (texts_.size() >= KNOWN_ATTRIBUTES && texts_.count(id) == 0)
       texts_.clear();
-    Catalog_Reset reset(text_);
-    std::string& text = texts_[id];
-    if (text_.bind(1, id).step() == SQLITE_ROW)
-      text.assign(text_.blob(0));
-    return text;
+    const auto [known, added] = texts_.try_emplace(id);
+    if (added) {
+      Catalog_Reset reset(text_);
+      if (text_.bind(1, id).step() == SQLITE_ROW)
+        known->second.assign(text_.blob(0));
+    }
+    last_id_ = id;
+    last_text_ = &known->second;
+    return known->second;
   }
 
   /// "SELECT" with the columns that `fill` reads. `own`: with what only one object has, which no sort should carry.
@@ -365,12 +386,13 @@ private:
     int step;
     while ((step = meta.step()) == SQLITE_ROW) {
       const std::string_view name = meta.blob(0);
-      unsigned long long* const place = name == "objects"    ? &counts_.objects
-                                        : name == "bytes"    ? &counts_.bytes
-                                        : name == "stored"   ? &counts_.stored
-                                        : name == "folders"  ? &counts_.folders
-                                        : name == "problems" ? &counts_.problems
-                                                             : nullptr;
+      unsigned long long* const place = name == "objects"     ? &counts_.objects
+                                        : name == "bytes"     ? &counts_.bytes
+                                        : name == "stored"    ? &counts_.stored
+                                        : name == "folders"   ? &counts_.folders
+                                        : name == "problems"  ? &counts_.problems
+                                        : name == "deletions" ? &counts_.deletions
+                                                              : nullptr;
       if (place != nullptr)
         *place = meta.number(1);
     }
@@ -537,6 +559,8 @@ private:
   int version_ = 0;
   Catalog_Statement text_;
   std::unordered_map<unsigned long long, std::string> texts_; ///< of attributes, by id
+  unsigned long long last_id_ = 0; ///< of the text asked for last; 0: none
+  const std::string* last_text_ = nullptr;
   Catalog_Counts counts_;
   std::vector<Catalog_Set> sets_;
 };

@@ -71,4 +71,7 @@ public:
   /// Reads every page and looks whether the database holds together. False with the reason.
   virtual bool check_pages(std::string& error) = 0;
   virtual bool problems(const std::function<bool(const Catalog_Problem&)>& problem, std::string& error) = 0;
+  /// Tells `deletion` what was gone since the set before, until it returns false. Catalogs of format 2 and older tell
+  /// none. False on failure.
+  virtual bool deletions(const std::function<bool(const Catalog_Deletion&)>& deletion, std::string& error) = 0;
 };

@@ -328,14 +328,17 @@ TEST_F(Catalog, attributes_come_back_wherever_an_object_is_told_and_alike_ones_a
     if (i % 2 == 0) {
       EXPECT_EQ(char('a' + i % 5), o.attributes.common[100]);
     }
-    EXPECT_EQ(own && i % 4000 == 0 ? std::string("{\"etag\":\"\xFF") + std::to_string(i) + "\"}" : "", o.attributes.own);
+    EXPECT_EQ(own && i % 4000 == 0 ? std::string("{\"etag\":\"\xFF") + std::to_string(i) + "\"}" : "",
+              o.attributes.own);
     return !testing::Test::HasFailure();
   };
   unsigned walked = 0;
-  ASSERT_TRUE(reader->walk("", [&](const Catalog_Object& o) { return ++walked, check(o); }, error_));
+  ASSERT_TRUE(reader->walk(
+      "", [&](const Catalog_Object& o) { return ++walked, check(o); }, error_));
   EXPECT_EQ(count, walked);
   walked = 0;
-  ASSERT_TRUE(reader->walk_media({}, [&](const Catalog_Object& o) { return ++walked, check(o, false); }, error_));
+  ASSERT_TRUE(reader->walk_media(
+      {}, [&](const Catalog_Object& o) { return ++walked, check(o, false); }, error_));
   EXPECT_EQ(count, walked);
   Catalog_Object o;
   ASSERT_TRUE(reader->find("b/104000", o, error_));
@@ -373,11 +376,40 @@ TEST_F(Catalog, attributes_all_different_are_all_kept) {
 }
 
 // As a program without attributes wrote it.
+TEST_F(Catalog, deletions_come_back_in_their_order_until_they_are_stopped) {
+  auto writer = Catalog_Writer::create(folder_, error_);
+  ASSERT_TRUE(writer) << error_;
+  ASSERT_TRUE(writer->add_set({0, "own", "h/r/a", 7}));
+  ASSERT_TRUE(writer->add_deletion({"b/z", 0, -5}));
+  ASSERT_TRUE(writer->add_deletion({"b/a\xff//k", 1ull << 40, 1700000000}));
+  ASSERT_TRUE(writer->finish()) << writer->error();
+  EXPECT_EQ(2u, writer->counts().deletions);
+  auto reader = open();
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(2u, reader->counts().deletions);
+  std::vector<Catalog_Deletion> found;
+  const auto keep = [&](const Catalog_Deletion& one) {
+    found.push_back(one);
+    return found.size() < 2;
+  };
+  ASSERT_TRUE(reader->deletions(keep, error_)) << error_;
+  ASSERT_EQ(2u, found.size());
+  EXPECT_EQ("b/z", found[0].path);
+  EXPECT_EQ(0u, found[0].size);
+  EXPECT_EQ(-5, found[0].mtime);
+  EXPECT_EQ("b/a\xff//k", found[1].path);
+  EXPECT_EQ(1ull << 40, found[1].size);
+  EXPECT_EQ(1700000000, found[1].mtime);
+  unsigned told = 0;
+  ASSERT_TRUE(reader->deletions([&](const Catalog_Deletion&) { return ++told, false; }, error_)) << error_;
+  EXPECT_EQ(1u, told);
+}
+
 TEST_F(Catalog, catalog_of_the_first_version_is_read) {
   write(TREE);
   Catalog_Db db;
   ASSERT_TRUE(db.open(folder_ + "/catalog.db", SQLITE_OPEN_READWRITE, error_));
-  ASSERT_TRUE(db.execute("DROP TABLE attributes; ALTER TABLE objects DROP COLUMN own;"
+  ASSERT_TRUE(db.execute("DROP TABLE deletions; DROP TABLE attributes; ALTER TABLE objects DROP COLUMN own;"
                          "ALTER TABLE objects DROP COLUMN attributes; PRAGMA user_version=1",
                          error_))
       << error_;
@@ -389,7 +421,8 @@ TEST_F(Catalog, catalog_of_the_first_version_is_read) {
   unsigned told = 0;
   ASSERT_TRUE(reader->find(TREE.front(), o, error_)) << error_;
   EXPECT_TRUE(o.attributes.empty());
-  ASSERT_TRUE(reader->walk_media({}, [&](const Catalog_Object&) { return ++told, true; }, error_));
+  ASSERT_TRUE(reader->walk_media(
+      {}, [&](const Catalog_Object&) { return ++told, true; }, error_));
   EXPECT_EQ(TREE.size(), told);
 }
 

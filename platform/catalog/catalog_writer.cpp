@@ -21,8 +21,8 @@
 namespace {
 
 /// Rows that may wait for the database. A row is a few hundred bytes; a path, and what services keep beside an object,
-/// are at most some thousand each.
-constexpr size_t QUEUE_LIMIT = 4096;
+/// are at most some thousand each. Rows that were written keep their memory for those that follow.
+constexpr size_t QUEUE_LIMIT = 2048;
 /// Texts of attributes whose ids are at hand.
 constexpr size_t KNOWN_ATTRIBUTES = 1024;
 constexpr size_t KNOWN_ATTRIBUTES_BYTES = 1u << 20;
@@ -43,6 +43,7 @@ CREATE TABLE attributes(id INTEGER PRIMARY KEY, digest INTEGER NOT NULL, text BL
 CREATE INDEX attributes_digest ON attributes(digest);
 CREATE TABLE problems(id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, path BLOB NOT NULL, number INTEGER NOT NULL,
                       message TEXT NOT NULL);
+CREATE TABLE deletions(id INTEGER PRIMARY KEY, path BLOB NOT NULL, size INTEGER NOT NULL, mtime INTEGER NOT NULL);
 )";
 
 std::string_view name_of(const std::string& path) {
@@ -54,7 +55,7 @@ struct Folder {
   std::string path;
 };
 
-typedef std::variant<Catalog_Object, Folder, Catalog_Visit, Catalog_Problem, Catalog_Set> Row;
+typedef std::variant<Catalog_Object, Folder, Catalog_Visit, Catalog_Problem, Catalog_Deletion, Catalog_Set> Row;
 
 bool sync_path(const std::string& path, int flags, std::string& error) {
   const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
@@ -105,11 +106,12 @@ public:
     return true;
   }
 
-  bool add_object(const Catalog_Object& object) override { return add(Row(object)); }
-  bool add_folder(const std::string& path) override { return add(Row(Folder{path})); }
-  bool add_visit(const Catalog_Visit& visit) override { return add(Row(visit)); }
-  bool add_problem(const Catalog_Problem& problem) override { return add(Row(problem)); }
-  bool add_set(const Catalog_Set& set) override { return add(Row(set)); }
+  bool add_object(const Catalog_Object& object) override { return add(object); }
+  bool add_folder(const std::string& path) override { return add(Folder{path}); }
+  bool add_visit(const Catalog_Visit& visit) override { return add(visit); }
+  bool add_problem(const Catalog_Problem& problem) override { return add(problem); }
+  bool add_deletion(const Catalog_Deletion& deletion) override { return add(deletion); }
+  bool add_set(const Catalog_Set& set) override { return add(set); }
 
   bool finish() override {
     stop();
@@ -139,17 +141,21 @@ private:
            add_folder_.prepare(db_.get(), "INSERT INTO folders(parent,path) VALUES(?,?)", error) &&
            visit_.prepare(db_.get(), "INSERT INTO visits VALUES(?,?,?,?)", error) &&
            problem_.prepare(db_.get(), "INSERT INTO problems(kind,path,number,message) VALUES(?,?,?,?)", error) &&
+           deletion_.prepare(db_.get(), "INSERT INTO deletions(path,size,mtime) VALUES(?,?,?)", error) &&
            set_.prepare(db_.get(), "INSERT INTO sets VALUES(?,?,?,?)", error) &&
            meta_.prepare(db_.get(), "INSERT INTO meta VALUES(?,?)", error);
   }
 
-  bool add(Row&& row) {
+  template <class Kind> bool add(const Kind& row) {
     std::unique_lock<std::mutex> lock(mutex_);
-    room_.wait(lock, [this] { return queue_.size() < QUEUE_LIMIT || failed_; });
+    room_.wait(lock, [this] { return queued_ < QUEUE_LIMIT || failed_; });
     if (failed_)
       return false;
-    queue_.push_back(std::move(row));
-    if (queue_.size() == WORTH_WAKING)
+    if (queued_ < queue_.size())
+      queue_[queued_] = row; // into the strings of a row of the same kind, most often
+    else
+      queue_.emplace_back(row);
+    if (++queued_ == WORTH_WAKING)
       rows_.notify_one();
     return true;
   }
@@ -175,22 +181,24 @@ private:
   void run() {
     pthread_setname_np(pthread_self(), "Catalog");
     std::vector<Row> batch;
+    size_t count = 0;
     for (;;) {
       {
         std::unique_lock<std::mutex> lock(mutex_);
-        rows_.wait(lock, [this] { return queue_.size() >= WORTH_WAKING || closing_; });
-        if (queue_.empty() || failed_)
+        rows_.wait(lock, [this] { return queued_ >= WORTH_WAKING || closing_; });
+        if (queued_ == 0 || failed_)
           return;
         batch.swap(queue_);
+        count = queued_;
+        queued_ = 0;
         room_.notify_all();
       }
-      for (const Row& row : batch) {
-        if (!std::visit([this](const auto& r) { return write(r); }, row)) {
+      for (size_t i = 0; i < count; ++i) {
+        if (!std::visit([this](const auto& r) { return write(r); }, batch[i])) {
           fail("cannot write catalog " + path_ + ": " + catalog_error(db_.get()));
           return;
         }
       }
-      batch.clear();
     }
   }
 
@@ -198,7 +206,11 @@ private:
     unsigned long long attributes = 0;
     if (!o.attributes.common.empty() && (attributes = attributes_id(o.attributes.common)) == 0)
       return false;
-    object_.bind(1, o.ordinal).bind_lasting_blob(2, name_of(o.path)).bind(3, o.size).bind_signed(4, o.mtime).bind(5, o.set);
+    object_.bind(1, o.ordinal)
+        .bind_lasting_blob(2, name_of(o.path))
+        .bind(3, o.size)
+        .bind_signed(4, o.mtime)
+        .bind(5, o.set);
     object_.bind(6, o.channel).bind(7, o.offset).bind(8, o.stored).bind(10, o.flags);
     object_.bind_lasting_blob(9, std::string_view(reinterpret_cast<const char*>(o.sha256), sizeof o.sha256));
     if (attributes != 0)
@@ -229,6 +241,11 @@ private:
     return problem_.run();
   }
 
+  bool write(const Catalog_Deletion& d) {
+    ++counts_.deletions;
+    return deletion_.bind_blob(1, d.path).bind(2, d.size).bind_signed(3, d.mtime).run();
+  }
+
   bool write(const Catalog_Set& s) {
     return set_.bind(1, s.index).bind_text(2, s.uuid).bind_text(3, s.uri).bind(4, s.seq).run();
   }
@@ -236,6 +253,13 @@ private:
   /// The id of the text, kept once however many objects have it; 0 on failure. What was looked up last is at hand, and
   /// the table that is forgotten when it is full keeps memory bounded where every object has a text of its own.
   unsigned long long attributes_id(const std::string& text) {
+    if (last_attributes_id_ != 0 && text == last_attributes_)
+      return last_attributes_id_;
+    last_attributes_ = text;
+    return last_attributes_id_ = look_attributes_up(text);
+  }
+
+  unsigned long long look_attributes_up(const std::string& text) {
     const auto known = known_attributes_.find(text);
     if (known != known_attributes_.end())
       return known->second;
@@ -293,7 +317,7 @@ private:
   bool complete(std::string& error) {
     if (!write_meta("objects", counts_.objects) || !write_meta("bytes", counts_.bytes) ||
         !write_meta("stored", counts_.stored) || !write_meta("folders", counts_.folders) ||
-        !write_meta("problems", counts_.problems)) {
+        !write_meta("problems", counts_.problems) || !write_meta("deletions", counts_.deletions)) {
       error = catalog_error(db_.get());
       return false;
     }
@@ -305,8 +329,8 @@ private:
                             "; PRAGMA user_version=" + std::to_string(catalog::FORMAT_VERSION) + "; COMMIT";
     if (!db_.execute(end.c_str(), error))
       return false;
-    for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &set_, &meta_,
-                                         &attributes_id_, &add_attributes_})
+    for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &deletion_, &set_,
+                                         &meta_, &attributes_id_, &add_attributes_})
       *statement = Catalog_Statement();
     return db_.close(error) && sync_path(path_, O_RDWR, error) && sync_path(folder_, O_RDONLY | O_DIRECTORY, error);
   }
@@ -315,9 +339,12 @@ private:
   const std::string path_;
   const Set_Cipher_ptr cipher_;
   Catalog_Db db_;
-  Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, set_, meta_, attributes_id_, add_attributes_;
+  Catalog_Statement object_, folder_id_, add_folder_, visit_, problem_, deletion_, set_, meta_, attributes_id_,
+      add_attributes_;
   std::unordered_map<std::string, unsigned long long> known_attributes_;
   size_t known_bytes_ = 0;
+  std::string last_attributes_;
+  unsigned long long last_attributes_id_ = 0; ///< 0: none yet
   std::string last_folder_;
   unsigned long long last_id_ = 0;
   Catalog_Counts counts_;
@@ -325,7 +352,8 @@ private:
   mutable std::mutex mutex_; ///< guards the queue, `closing_` and `error_`
   std::condition_variable rows_;
   std::condition_variable room_;
-  std::vector<Row> queue_;
+  std::vector<Row> queue_; ///< the first `queued_` wait
+  size_t queued_ = 0;
   bool closing_ = false;
   std::string error_;
   std::atomic<bool> failed_{false};

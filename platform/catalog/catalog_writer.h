@@ -25,6 +25,7 @@ public:
   virtual bool add_folder(const std::string& path) = 0;
   virtual bool add_visit(const Catalog_Visit& visit) = 0;
   virtual bool add_problem(const Catalog_Problem& problem) = 0;
+  virtual bool add_deletion(const Catalog_Deletion& deletion) = 0;
   /// Index 0, the catalog's own set, comes first.
   virtual bool add_set(const Catalog_Set& set) = 0;
 

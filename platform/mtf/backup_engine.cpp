@@ -112,7 +112,7 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
-  std::unique_ptr<Backup_Base> base; ///< null: every object is stored
+  std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
   std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
   std::unique_ptr<Listing_Events> events;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
@@ -223,7 +223,8 @@ void Backup_Engine::Impl::take_up_unfinished() {
                "The run goes on with " + std::to_string(report.objects) + " objects (" + std::to_string(report.bytes) +
                    " bytes) that unfinished runs have stored.");
   if (report.removed != 0)
-    engine_log(log, LM_INFO, "Removed " + std::to_string(report.removed) + " unfinished sets without any whole object.");
+    engine_log(log, LM_INFO,
+               "Removed " + std::to_string(report.removed) + " unfinished sets without any whole object.");
   for (const std::string& problem : report.problems)
     engine_log(log, LM_WARNING, "An unfinished set stays: " + problem + ".");
 }
@@ -277,7 +278,9 @@ void Backup_Engine::Impl::list() {
   if (ledger)
     for (const S3_Ledger::Failed_Listing& one : ledger->failed_listings())
       not_listed.push_back(one.path);
-  const bool whole = (result != 0 || listing.compare(not_listed, order.sources)) && listing.finish();
+  const bool whole =
+      (result != 0 || listing.compare(not_listed, events->unseen_objects(), order.sources, order.filter)) &&
+      listing.finish();
   if (!catalog->error().empty())
     fail(E_WRITE_MEDIUM, catalog->error());
   else if (!listing.error().empty())
@@ -308,7 +311,7 @@ bool Backup_Engine::Impl::write_objects() {
     fail(E_MAKE_CALLBACK, "The source cannot be connected.");
     return false;
   }
-  events = std::make_unique<Listing_Events>(handler, account, *catalog);
+  events = std::make_unique<Listing_Events>(handler, account, *catalog, order.sources);
   lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.seq), events.get(),
                                         order.filter, static_cast<int>(order.scan_threads));
   if (lister.null()) {
@@ -345,29 +348,17 @@ bool Backup_Engine::Impl::write_objects() {
 
 /// What is known of the set's record before it is written: all but the sizes of the media.
 std::string Backup_Engine::Impl::copied_record() {
-  Set_Record record;
+  Set_Record record = describe_set(metadata);
   record.uuid = order.uuid;
   record.uri = uri;
-  record.host_uuid = metadata.host_uuid;
-  record.minor_resource_id = metadata.minor_resource_id;
-  record.minor_resource_name = metadata.minor_resource_name;
-  record.resource_uuid = metadata.resource_uuid;
-  record.definition_uuid = metadata.definition_uuid;
-  record.name = metadata.name;
-  record.agent = metadata.agent;
-  record.host = metadata.host;
-  record.type = metadata.type;
   record.incarnation = base ? base->incarnation() : order.uuid;
   if (base)
     record.bases.push_back(base->uuid());
   record.seq = order.seq;
   record.channels = static_cast<unsigned>(channels.size());
-  record.start_time = metadata.start_time;
   record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
   record.source_size = record.backup_set_size = account.saved_bytes();
-  record.encryption = metadata.encryption;
-  record.figures =
-      account.figures(ledger.get(), true, true, seconds_between(begun, Clock::instance().monotonic()));
+  record.figures = account.figures(ledger.get(), true, true, seconds_between(begun, Clock::instance().monotonic()));
   std::string error;
   if (!seal_record(order.codec.cipher, record, error))
     throw std::runtime_error(error);

@@ -4,20 +4,54 @@
 
 using namespace MTF;
 
+namespace {
+
+std::string without_root(const std::string& path) {
+  return path.substr(!path.empty() && path.front() == '/' ? 1 : 0);
+}
+
+/// Whether a listing that begins at the first `from` bytes of the path, with no filter for what is above, would come to
+/// the object: what is left out from now on was not deleted.
+bool is_asked_for(const std::string& path, size_t from, const IFilter* filter) {
+  // What was asked for by its own name, and the bucket that a source leads into, are taken whatever the filter says.
+  if (filter == nullptr || from == path.size())
+    return true;
+  const std::string rooted = "/" + path;
+  size_t slash = std::max(rooted.find('/', 1), from);
+  while ((slash = rooted.find('/', slash + 1)) != std::string::npos)
+    if (!is_included(rooted.substr(0, slash + 1).c_str(), true, filter))
+      return false;
+  return is_included(rooted.c_str(), false, filter);
+}
+
+} // namespace
+
+Listing_Events::Listing_Events(Event_Handler_var handler, Run_Account& account, Catalog_Writer& catalog,
+                               const std::list<std::string>& sources)
+    : Event_Handler(handler.null() ? 0 : handler->mode()), handler_(handler), account_(account), catalog_(catalog) {
+  for (const std::string& source : sources)
+    sources_.insert(without_root(source));
+}
+
 int Listing_Events::notify_event(unsigned code, const json_spirit::Object& options) {
   if (code == EVENT_ITEM_ERROR) {
     if (stopping_)
       return 0;
     const std::string type = json_spirit::optional_str(options, "type");
-    std::string path = json_spirit::optional_str(options, "name");
+    const std::string name = json_spirit::optional_str(options, "name");
+    const std::string path = without_root(name);
     const std::string message = json_spirit::optional_str(options, "message");
     const json_spirit::Value* number = json_spirit::find(options, "errno");
     const bool known = number != nullptr && number->type() == json_spirit::int_type;
-    account_.note(type, path, number != nullptr ? *number : json_spirit::Value(), message);
-    if (!path.empty() && path.front() == '/')
-      path.erase(0, 1);
-    catalog_.add_problem({type == "directory" ? Catalog_Problem::NOT_LISTED : Catalog_Problem::SKIPPED, path,
-                          known ? static_cast<int>(number->get_int64()) : 0, message});
+    account_.note(type, name, number != nullptr ? *number : json_spirit::Value(), message);
+    const int why = known ? static_cast<int>(number->get_int64()) : 0;
+    catalog_.add_problem(
+        {type == "directory" ? Catalog_Problem::NOT_LISTED : Catalog_Problem::SKIPPED, path, why, message});
+    // Without a number the service has said that there is no such object.
+    if (type != "directory" && why != 0 && sources_.count(path) != 0) {
+      const std::lock_guard<std::mutex> guard(mutex_);
+      unseen_objects_.push_back(path);
+    }
   }
   return handler_.null() ? 0 : handler_->notify_event(code, options);
 }
@@ -103,20 +137,19 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   visit(name);
-  Catalog_Object known;
-  if (base_ != nullptr && base_->unchanged(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
+  if (base_ != nullptr && base_->unchanged(name, size, mtime, known_)) {
+    known_.ordinal = ordinal_;
     account_.unchanged();
-    return catalog_.add_object(known);
+    return catalog_.add_object(known_);
   }
   if (base_ != nullptr && !base_->error().empty()) {
     error_ = base_->error();
     return false;
   }
-  if (partial_ != nullptr && partial_->find(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
-    account_.continued(known.size);
-    return catalog_.add_object(known);
+  if (partial_ != nullptr && partial_->find(name, size, mtime, known_)) {
+    known_.ordinal = ordinal_;
+    account_.continued(known_.size);
+    return catalog_.add_object(known_);
   }
   if (partial_ != nullptr && !partial_->error().empty()) {
     error_ = partial_->error();
@@ -158,30 +191,39 @@ bool Backup_Listing::carry(Catalog_Object& object) {
   return catalog_.add_object(object);
 }
 
-bool Backup_Listing::compare(const std::vector<std::string>& not_listed, const std::list<std::string>& sources) {
+bool Backup_Listing::compare(const std::vector<std::string>& not_listed, const std::vector<std::string>& unseen,
+                             const std::list<std::string>& sources, const IFilter* filter) {
   if (partial_ != nullptr && !partial_->add_sets(catalog_))
     return false;
   if (base_ == nullptr)
     return true;
-  const auto path_of = [](const std::string& path) {
-    return path.substr(!path.empty() && path.front() == '/' ? 1 : 0);
-  };
   bool done = true;
+  const auto take_over = [&](const std::string& path) {
+    done = done && base_->not_shown(path, true, [this](Catalog_Object& object) { return carry(object); });
+  };
   for (const std::string& one : not_listed) {
-    std::string path = path_of(one);
+    std::string path = without_root(one);
     if (!path.empty() && path.back() != '/')
       path.push_back('/');
-    done = done && base_->not_shown(path, true, [this](Catalog_Object& object) { return carry(object); });
+    take_over(path);
   }
+  for (const std::string& path : unseen)
+    take_over(path);
   unsigned long long gone = 0;
-  const auto count = [&gone](Catalog_Object&) {
-    ++gone;
-    return true;
+  const auto look_below = [&](const std::string& source) {
+    return base_->not_shown(source, false, [&](Catalog_Object& object) {
+      if (!is_asked_for(object.path, source.size(), filter))
+        return true;
+      ++gone;
+      return catalog_.add_deletion({object.path, object.size, object.mtime});
+    });
   };
   if (sources.empty())
-    done = done && base_->not_shown("", false, count);
-  for (const std::string& source : sources)
-    done = done && base_->not_shown(path_of(source), false, count);
+    done = done && look_below("");
+  for (const std::string& source : sources) {
+    const std::string path = without_root(source);
+    done = done && look_below(path.find('/') == std::string::npos ? path + "/" : path);
+  }
   account_.deleted(gone);
   if (!done)
     error_ = base_->error();

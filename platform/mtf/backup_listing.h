@@ -1,29 +1,33 @@
 #pragma once
 
 #include "platform/mtf/backup_base.h"
-#include "platform/mtf/partial_sets.h"
 #include "platform/mtf/backup_queue.h"
+#include "platform/mtf/partial_sets.h"
 #include "platform/mtf/run_account.h"
 
 #include <atomic>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 /// The event handler that a source lister gets: passes on what the lister says, takes it into the account, and answers
 /// that the run is being cancelled as soon as it has to end for whatever reason.
 class Listing_Events : public MTF::Event_Handler {
 public:
-  Listing_Events(MTF::Event_Handler_var handler, Run_Account& account, Catalog_Writer& catalog)
-      : MTF::Event_Handler(handler.null() ? 0 : handler->mode()), handler_(handler), account_(account),
-        catalog_(catalog) {}
+  Listing_Events(MTF::Event_Handler_var handler, Run_Account& account, Catalog_Writer& catalog,
+                 const std::list<std::string>& sources);
 
   void stop() { stopping_ = true; }
   /// A block was refused, which the lister counts as a skipped object: it is none, and will be told as not reached.
   void refused() { ++refused_; }
   /// Hands the lister's own counts on. Once, after it has ended.
   void settle();
+  /// Objects that were asked for one by one and could not be looked at, which says nothing about whether they are
+  /// there; "bucket/key". Once the lister has ended.
+  const std::vector<std::string>& unseen_objects() const { return unseen_objects_; }
 
   int notify_event(unsigned code, const json_spirit::Object& options) override;
   int handle_progress(int code, unsigned long long a, unsigned long long b, unsigned long long c) override;
@@ -36,6 +40,9 @@ private:
   Catalog_Writer& catalog_;
   std::atomic<bool> stopping_{false};
   std::atomic<unsigned long long> refused_{0};
+  std::unordered_set<std::string> sources_; ///< "bucket/key"
+  std::mutex mutex_;                        ///< guards what follows
+  std::vector<std::string> unseen_objects_;
 };
 
 /// Turns the lister's blocks into objects for the queue and folders for the catalog, and numbers the objects. What the
@@ -50,9 +57,11 @@ public:
 
   /// False when the block makes no sense, the run is stopped, or the catalog failed.
   bool take(const MTF::Cat_Blk& block);
-  /// After the last block: carries over from the base what lies below the prefixes that could not be listed, and
-  /// counts what is gone below the `sources`. False when a catalog failed.
-  bool compare(const std::vector<std::string>& not_listed, const std::list<std::string>& sources);
+  /// After the last block: carries over from the base what lies below the prefixes that could not be listed and the
+  /// `unseen` objects, and records what is gone below the `sources` and would pass the `filter`, which may be null.
+  /// False when a catalog failed.
+  bool compare(const std::vector<std::string>& not_listed, const std::vector<std::string>& unseen,
+               const std::list<std::string>& sources, const MTF::IFilter* filter);
   /// Ends the last folder. False when the catalog failed.
   bool finish();
   /// What was wrong with a refused block; empty when it was not the block.
@@ -73,5 +82,6 @@ private:
   Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;
   unsigned long long ordinal_ = 0;
+  Catalog_Object known_; ///< its strings' memory serves one object after the other
   std::string error_;
 };

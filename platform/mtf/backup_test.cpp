@@ -664,6 +664,63 @@ TEST_F(Backup, incremental_stores_what_changed_and_knows_where_the_rest_lies) {
   expect_set_over({"host/res/set-2", first.set_uri});
 }
 
+TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
+  fill(60, 300, 33);
+  source_.add("b/x/left.tmp", "1");
+  source_.add("b/y/inside", "22");
+  source_.add("c/single", "333");
+  source_.add("c/unseen", "4444");
+  order_.sources = {"/b/", "/c/single", "/c/unseen"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+
+  class Left_Out : public MTF::IFilter {
+  public:
+    bool is_included(const char* path, bool is_dir) const override {
+      return is_dir ? std::string(path) != "/b/y/" : !std::string(path).ends_with(".tmp");
+    }
+  } filter;
+  order_.filter = &filter;
+  for (const char* path : {"b/x/left.tmp", "b/y/inside", "c/single", "c/unseen", "b/d000/o00007"})
+    source_.order.erase(std::find(source_.order.begin(), source_.order.end(), path));
+  source_.on_list_start = [](MTF::Event_Handler* events) {
+    for (const auto& [path, number] : {std::pair<const char*, int>{"/c/unseen", EACCES}, {"/c/single", 0}}) {
+      json_spirit::Object event;
+      event["type"] = "file";
+      event["name"] = path;
+      event["errno"] = number;
+      event["message"] = "refused";
+      events->add_skipped_files(1);
+      events->notify_event(MTF::EVENT_ITEM_ERROR, event);
+    }
+  };
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(2u, events_->figure("deleted"));
+  EXPECT_TRUE(events_->adds_up());
+
+  const auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  EXPECT_EQ(2u, catalog->counts().deletions);
+  std::map<std::string, unsigned long long> deleted;
+  ASSERT_TRUE(catalog->deletions(
+      [&](const Catalog_Deletion& one) {
+        deleted[one.path] = one.size;
+        EXPECT_EQ(source_.objects[one.path].mtime, one.mtime) << one.path;
+        return true;
+      },
+      error_));
+  EXPECT_EQ((std::map<std::string, unsigned long long>{{"b/d000/o00007", source_.objects["b/d000/o00007"].data.size()},
+                                                       {"c/single", 3}}),
+            deleted);
+  Catalog_Object unseen;
+  ASSERT_TRUE(catalog->find("c/unseen", unseen, error_)) << error_;
+  EXPECT_EQ(catalog::FLAG_UNSEEN, unseen.flags & catalog::FLAG_UNSEEN);
+  EXPECT_FALSE(catalog->find("b/y/inside", unseen, error_));
+}
+
 TEST_F(Backup, incremental_without_its_base_stores_everything) {
   fill(20, 300, 31);
   order_.base_seq = 4;

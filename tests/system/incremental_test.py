@@ -181,6 +181,31 @@ class Incremental:
         outcome = self.backup("/%s/" % self.bucket, "--exclude", "*.tmp", "--name", "n")
         self.assertEqual((2, 0, 1, 1), tuple(outcome[name] for name in ("listed", "saved", "unchanged", "excluded")))
         self.assertNotIn("drop.tmp", self.agent("ls", outcome["set"], "--recursive").stdout)
+        self.assertEqual(0, outcome["deleted"])
+        self.assertNotIn("deleted", self.agent("find", "drop.tmp").stdout)
+
+    def test_what_was_deleted_is_found_with_its_size_and_the_set_that_missed_it(self):
+        self.put("a/keep", b"k")
+        self.put("a/b/gone", b"12345")
+        self.put("gone too", b"7654321")
+        first = self.backup("/%s/" % self.bucket)
+        for key in ("a/b/gone", "gone too"):
+            self.client.delete_object(Bucket=self.bucket, Key=key)
+        second = self.backup("/%s/" % self.bucket)
+        self.assertEqual(2, second["deleted"])
+        lines = self.agent("find", "gone*", "--json").json_lines
+        deleted = {line["file"]: line for line in lines if line.get("deleted")}
+        held = {line["file"]: line for line in lines if not line.get("deleted")}
+        self.assertEqual({"/%s/a/b/gone" % self.bucket: 5, "/%s/gone too" % self.bucket: 7},
+                         {path: line["size"] for path, line in deleted.items()})
+        self.assertEqual(set(deleted), set(held))
+        self.assertEqual({second["set"]}, {line["set"] for line in deleted.values()})
+        self.assertEqual({first["set"]}, {line["set"] for line in held.values()})
+        for path, line in deleted.items():
+            self.assertEqual(held[path]["mtime"], line["mtime"])
+        self.assertIn("/%s/gone too  (deleted)" % self.bucket, self.agent("find", "gone too").stdout)
+        # What is gone for good is told once.
+        self.assertEqual(0, self.backup("/%s/" % self.bucket)["deleted"])
 
 
 class Incremental_On_Test_Server(Incremental, harness.Scenario):
