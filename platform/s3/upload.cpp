@@ -31,6 +31,7 @@ public:
       return;
     attributes_ = *attributes;
     make_sendable(attributes_, Clock::instance().now(), refused_);
+    keep_fitting_checksums(attributes_, plan.multipart(), refused_);
     if (!plan.refused().empty())
       refused_.push_back("the layout of its parts: " + plan.refused());
   }
