@@ -3,6 +3,7 @@
 #include "platform/catalog/catalog_writer.h"
 #include "platform/mtf/backup_channel.h"
 #include "platform/mtf/backup_listing.h"
+#include "platform/mtf/counting_filter.h"
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
@@ -89,6 +90,7 @@ struct Backup_Engine::Impl {
   std::string copied_record();
   bool complete();
   void list();
+  void listing_ended(bool whole);
   void fail(Error_Code code, const std::string& text);
   void start(const std::string& name, std::function<void()> body);
   void supervise(bool tell);
@@ -114,7 +116,9 @@ struct Backup_Engine::Impl {
   std::unique_ptr<Catalog_Writer> catalog;
   std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
   std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
+  std::unique_ptr<Counting_Filter> filter; ///< null: everything passes
   std::unique_ptr<Listing_Events> events;
+  bool listing_over = false;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
   ISrc_Lister_var lister;
@@ -274,6 +278,7 @@ void Backup_Engine::Impl::list() {
       events->refused();
     return taken;
   });
+  listing_ended(result == 0);
   std::vector<std::string> not_listed;
   if (ledger)
     for (const S3_Ledger::Failed_Listing& one : ledger->failed_listings())
@@ -288,6 +293,21 @@ void Backup_Engine::Impl::list() {
   else if (result != 0 || !whole)
     fail(!handler.null() && handler->is_canceling() ? E_CANCELED : E_LIST_SOURCE, "The source cannot be listed.");
   queue.close();
+}
+
+/// By the lister's thread or, where that broke down, when all threads have ended.
+void Backup_Engine::Impl::listing_ended(bool whole) {
+  if (listing_over)
+    return;
+  listing_over = true;
+  Run_Account::Listing_End end;
+  end.whole = whole;
+  end.excluded = filter ? filter->excluded_objects() : 0;
+  if (events) {
+    events->settle();
+    end.unanswered = events->unanswered();
+  }
+  account.listing_ended(ledger.get(), end);
 }
 
 /// Asks for cancel and pause and tells the progress.
@@ -312,8 +332,10 @@ bool Backup_Engine::Impl::write_objects() {
     return false;
   }
   events = std::make_unique<Listing_Events>(handler, account, *catalog, order.sources);
+  if (order.filter != nullptr)
+    filter = std::make_unique<Counting_Filter>(*order.filter);
   lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.seq), events.get(),
-                                        order.filter, static_cast<int>(order.scan_threads));
+                                        filter.get(), static_cast<int>(order.scan_threads));
   if (lister.null()) {
     fail(E_LIST_SOURCE, "The source's lister cannot be made.");
     return false;
@@ -369,7 +391,7 @@ std::string Backup_Engine::Impl::copied_record() {
   record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
   record.source_size = record.backup_set_size = account.saved_bytes();
   record.encryption = metadata.encryption;
-  record.figures = account.figures(ledger.get(), true, true, seconds_between(begun, Clock::instance().monotonic()));
+  record.figures = account.figures(ledger.get(), true, seconds_between(begun, Clock::instance().monotonic()));
   std::string error;
   if (!seal_record(order.codec.cipher, record, error))
     throw std::runtime_error(error);
@@ -424,9 +446,8 @@ void Backup_Engine::Impl::discard() {
 }
 
 void Backup_Engine::Impl::conclude(bool kept) {
-  const bool whole = code == E_OK || code == E_NO_FILES_BACKUPED;
   json_spirit::Object figures =
-      account.figures(ledger.get(), whole, kept, seconds_between(begun, Clock::instance().monotonic()));
+      account.figures(ledger.get(), kept, seconds_between(begun, Clock::instance().monotonic()));
   if (!failure.empty())
     figures["failure"] = failure;
   metadata.figures = figures;
@@ -443,9 +464,7 @@ bool Backup_Engine::run(const std::string& location, const std::string& pool_uui
   bool done = false;
   try {
     done = i.prepare(location, pool_uuid) && i.write_objects();
-    if (i.events)
-      i.events->settle();
-    i.account.listing_ended(i.ledger.get());
+    i.listing_ended(false);
     done = done && i.complete();
   } catch (const std::exception& e) {
     i.fail(E_FAILED, std::string("The backup ends: ") + e.what() + ".");

@@ -47,6 +47,10 @@ int Listing_Events::notify_event(unsigned code, const json_spirit::Object& optio
     const int why = known ? static_cast<int>(number->get_int64()) : 0;
     catalog_.add_problem(
         {type == "directory" ? Catalog_Problem::NOT_LISTED : Catalog_Problem::SKIPPED, path, why, message});
+    // Without a number nobody could be asked; with 0 the service has said that there is no such object. What was
+    // refused here was there.
+    if (type != "directory" && (!known || why != 0) && refused_ == 0 && sources_.count(path) != 0)
+      ++unanswered_;
     // Without a number the service has said that there is no such object.
     if (type != "directory" && why != 0 && sources_.count(path) != 0) {
       const std::lock_guard<std::mutex> guard(mutex_);

@@ -25,6 +25,9 @@ public:
   void refused() { ++refused_; }
   /// Hands the lister's own counts on. Once, after it has ended.
   void settle();
+  /// Objects that were asked for by name and that no answer has told anything about, neither that they are there nor
+  /// that they are not. Once the lister has ended.
+  unsigned long long unanswered() const { return unanswered_; }
   /// Objects that were asked for one by one and could not be looked at, which says nothing about whether they are
   /// there; "bucket/key". Once the lister has ended.
   const std::vector<std::string>& unseen_objects() const { return unseen_objects_; }
@@ -40,6 +43,7 @@ private:
   Catalog_Writer& catalog_;
   std::atomic<bool> stopping_{false};
   std::atomic<unsigned long long> refused_{0};
+  std::atomic<unsigned long long> unanswered_{0};
   std::unordered_set<std::string> sources_; ///< "bucket/key"
   std::mutex mutex_;                        ///< guards what follows
   std::vector<std::string> unseen_objects_;

@@ -617,6 +617,25 @@ TEST_F(Backup, pause_holds_the_readers_and_resume_goes_on) {
   expect_set();
 }
 
+/// Leaves out what ends in ".tmp", and a folder.
+class Left_Out : public MTF::IFilter {
+public:
+  bool is_included(const char* path, bool is_dir) const override {
+    return is_dir ? std::string(path) != "/b/y/" : !std::string(path).ends_with(".tmp");
+  }
+};
+
+/// What a lister says of one that it could not look at; `number` may be null.
+void tell_skipped(Event_Handler* events, const char* path, const json_spirit::Value& number) {
+  json_spirit::Object event;
+  event["type"] = "file";
+  event["name"] = path;
+  event["errno"] = number;
+  event["message"] = "refused";
+  events->add_skipped_files(1);
+  events->notify_event(MTF::EVENT_ITEM_ERROR, event);
+}
+
 TEST_F(Backup, incremental_stores_what_changed_and_knows_where_the_rest_lies) {
   fill(200, 3000, 30);
   source_.add("c/other", "other bucket");
@@ -674,25 +693,13 @@ TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
   ASSERT_TRUE(run()) << engine_->failure();
   commit();
 
-  class Left_Out : public MTF::IFilter {
-  public:
-    bool is_included(const char* path, bool is_dir) const override {
-      return is_dir ? std::string(path) != "/b/y/" : !std::string(path).ends_with(".tmp");
-    }
-  } filter;
+  Left_Out filter;
   order_.filter = &filter;
   for (const char* path : {"b/x/left.tmp", "b/y/inside", "c/single", "c/unseen", "b/d000/o00007"})
     source_.order.erase(std::find(source_.order.begin(), source_.order.end(), path));
   source_.on_list_start = [](MTF::Event_Handler* events) {
-    for (const auto& [path, number] : {std::pair<const char*, int>{"/c/unseen", EACCES}, {"/c/single", 0}}) {
-      json_spirit::Object event;
-      event["type"] = "file";
-      event["name"] = path;
-      event["errno"] = number;
-      event["message"] = "refused";
-      events->add_skipped_files(1);
-      events->notify_event(MTF::EVENT_ITEM_ERROR, event);
-    }
+    tell_skipped(events, "/c/unseen", EACCES);
+    tell_skipped(events, "/c/single", 0);
   };
   order_.uuid = "set-2";
   order_.base_seq = 1;
@@ -766,8 +773,12 @@ protected:
   Job* job_ = nullptr;
 };
 
-TEST_F(Backup_Of_Job, what_was_listed_and_not_handed_out_was_excluded) {
+TEST_F(Backup_Of_Job, what_the_filter_and_the_rules_leave_out_was_excluded) {
   fill(10, 100, 40);
+  for (const char* name : {"b/x/1.tmp", "b/x/2.tmp", "b/x/3.tmp", "b/x/4.tmp", "b/x/5.tmp", "b/x/6.tmp"})
+    source_.add(name, "left out");
+  Left_Out filter;
+  order_.filter = &filter;
   ledger().listed_keys = 17;
   ledger().head_objects = 1;
   ledger().folder_object("/b/empty/", 0);
@@ -783,6 +794,57 @@ TEST_F(Backup_Of_Job, what_was_listed_and_not_handed_out_was_excluded) {
   EXPECT_TRUE(events_->adds_up());
   EXPECT_TRUE(events_->named("/b/full/"));
   EXPECT_FALSE(events_->named("/b/empty/"));
+  EXPECT_FALSE(events_->named("/"));
+}
+
+TEST_F(Backup_Of_Job, key_that_the_lister_loses_is_a_named_problem_and_not_excluded) {
+  fill(10, 100, 48);
+  source_.add("b/x/1.tmp", "left out");
+  Left_Out filter;
+  order_.filter = &filter;
+  source_.lost = {"b/d000/o00003", "b/d000/o00007"};
+  ledger().listed_keys = source_.order.size();
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(11u, events_->figure("listed"));
+  EXPECT_EQ(8u, events_->figure("saved"));
+  EXPECT_EQ(1u, events_->figure("excluded"));
+  EXPECT_EQ(2u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_EQ("2 listed objects were not handed out.", events_->message("/"));
+  EXPECT_EQ(1u, handler_->skipped_dirs());
+  const json_spirit::Value* recorded = json_spirit::find(metadata_.figures, "skipped");
+  ASSERT_NE(nullptr, recorded);
+  EXPECT_EQ(2u, recorded->get_uint64());
+}
+
+TEST_F(Backup_Of_Job, more_objects_than_were_listed_do_not_add_up) {
+  fill(10, 100, 49);
+  ledger().listed_keys = 7;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(7u, events_->figure("listed"));
+  EXPECT_EQ(10u, events_->figure("saved"));
+  EXPECT_FALSE(events_->adds_up());
+  EXPECT_EQ("3 more objects were handed out than were listed.", events_->message("/"));
+}
+
+TEST_F(Backup_Of_Job, objects_asked_for_by_name_count_as_listed_with_and_without_an_answer) {
+  source_.add("c/there", "1");
+  order_.sources = {"/c/there", "/c/gone", "/c/refused", "/c/unasked"};
+  // Of the three that were asked for the service has answered two.
+  ledger().head_objects = 2;
+  source_.on_list_start = [](Event_Handler* events) {
+    tell_skipped(events, "/c/gone", 0);
+    tell_skipped(events, "/c/refused", EACCES);
+    tell_skipped(events, "/c/unasked", json_spirit::Value());
+  };
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(4u, events_->figure("listed"));
+  EXPECT_EQ(1u, events_->figure("saved"));
+  EXPECT_EQ(3u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_FALSE(events_->named("/"));
 }
 
 TEST_F(Backup_Of_Job, what_an_aborted_run_listed_was_not_reached) {

@@ -94,7 +94,14 @@ void Run_Account::tell(const char* type, const std::string& path, const Value& n
   handler_->notify_event(MTF::EVENT_ITEM_ERROR, event);
 }
 
-void Run_Account::listing_ended(const S3_Ledger* ledger) {
+/// The objects of which it is known what became of them, or what is to become.
+unsigned long long Run_Account::known() const {
+  const unsigned long long settled = saved_ + unchanged_ + skipped_ + failed_;
+  return std::max<unsigned long long>(handed_, settled) + lister_skipped_ + full_folders_ + empty_folders_ + excluded_;
+}
+
+void Run_Account::listing_ended(const S3_Ledger* ledger, const Listing_End& end) {
+  excluded_ = end.excluded;
   if (ledger == nullptr)
     return;
   empty_folders_ = ledger->empty_folder_objects();
@@ -116,27 +123,42 @@ void Run_Account::listing_ended(const S3_Ledger* ledger) {
   for (const S3_Ledger::Failed_Listing& listing : ledger->failed_listings())
     problem(Catalog_Problem::NOT_LISTED, "directory", without_slash(listing.path), 0, listing.message);
   listed_ = ledger->listed_keys + ledger->head_objects;
+  // A module that lists by other means than the S3 layer has nobody to contradict it.
+  if (listed_ == 0)
+    return;
+  listed_ += end.unanswered;
+  counted_ = true;
+  const unsigned long long known = this->known();
+  if (end.whole && listed_ > known) {
+    lost_ = listed_ - known;
+    problem(Catalog_Problem::NOT_LISTED, "directory", "", 0,
+            std::to_string(lost_) + " listed objects were not handed out.");
+  } else if (known > listed_) {
+    problem(Catalog_Problem::NOT_LISTED, "directory", "", 0,
+            std::to_string(known - listed_) + " more objects were handed out than were listed.");
+  }
 }
 
-Object Run_Account::figures(const S3_Ledger* ledger, bool whole, bool kept, double seconds) {
+Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) {
   const unsigned long long settled = saved_ + unchanged_ + skipped_ + failed_;
   const unsigned long long handed = std::max<unsigned long long>(handed_, settled);
-  const unsigned long long known = handed + lister_skipped_ + full_folders_ + empty_folders_;
-  const unsigned long long listed = std::max(listed_, known);
-  const unsigned long long not_reached = handed - settled + (whole ? 0 : listed - known);
+  const unsigned long long known = this->known();
+  const unsigned long long listed = counted_ ? listed_ : std::max(listed_, known);
+  const unsigned long long missing = listed > known ? listed - known : 0;
+  const unsigned long long not_reached = handed - settled + missing - lost_;
   if (not_reached != 0)
     note("directory", "/", Value(), std::to_string(not_reached) + " listed objects were not reached.");
-  const unsigned long long lost = kept ? 0 : saved_ + unchanged_;
-  if (lost != 0)
-    note("directory", "/", Value(), std::to_string(lost) + " objects were read and not kept: the set is not complete.");
+  const unsigned long long dropped = kept ? 0 : saved_ + unchanged_;
+  if (dropped != 0)
+    note("directory", "/", Value(), std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
 
   Object result;
   result["listed"] = listed;
   result["saved"] = kept ? saved_.load() : 0ull;
   result["continued"] = kept ? continued_.load() : 0ull;
   result["unchanged"] = kept ? unchanged_.load() : 0ull;
-  result["excluded"] = empty_folders_ + (whole ? listed - known : 0);
-  result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + not_reached + lost;
+  result["excluded"] = empty_folders_ + excluded_;
+  result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + lost_ + not_reached + dropped;
   result["failed"] = failed_.load();
   result["deleted"] = deleted_;
   result["incomplete"] = kept ? incomplete_.load() : 0ull;
