@@ -107,12 +107,14 @@ bool Backup_Base::is_shown(unsigned long long first, unsigned long long last) {
   return shown;
 }
 
-bool Backup_Base::not_shown(const std::string& path, bool take, const std::function<bool(Catalog_Object&)>& told) {
+bool Backup_Base::not_shown(const std::string& path, bool take,
+                            const std::function<bool(const Catalog_Object&)>& wanted,
+                            const std::function<bool(Catalog_Object&)>& told) {
   if (!store_run())
     return false;
   bool done = true;
   const auto one = [&](const Catalog_Object& found) {
-    if (is_shown(found.ordinal, found.ordinal))
+    if (is_shown(found.ordinal, found.ordinal) || !wanted(found))
       return true;
     Catalog_Object object = found;
     if (take) {

@@ -34,9 +34,10 @@ public:
   /// catalog's numbering of sets. False as well on failure, with `error` set.
   bool unchanged(const std::string& name, unsigned long long size, long long mtime, Catalog_Object& object);
   /// Tells `object` each object below the folder `path` ("" for all; without a "/" at its end one object) that the
-  /// listing did not show, until it answers false. `take`: it counts as shown from then on and comes in the new
-  /// catalog's numbering. False on failure.
-  bool not_shown(const std::string& path, bool take, const std::function<bool(Catalog_Object&)>& object);
+  /// listing did not show and that is `wanted`, until it answers false. `take`: it counts as shown from then on and
+  /// comes in the new catalog's numbering. False on failure.
+  bool not_shown(const std::string& path, bool take, const std::function<bool(const Catalog_Object&)>& wanted,
+                 const std::function<bool(Catalog_Object&)>& object);
   /// Adds the sets that unchanged and carried objects lie in to the new catalog.
   bool add_sets(Catalog_Writer& catalog) const;
   const std::string& error() const { return error_; }

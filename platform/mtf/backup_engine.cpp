@@ -279,13 +279,16 @@ void Backup_Engine::Impl::list() {
     return taken;
   });
   listing_ended(result == 0);
-  std::vector<std::string> not_listed;
-  if (ledger)
+  Unlisted unlisted;
+  if (ledger) {
     for (const S3_Ledger::Failed_Listing& one : ledger->failed_listings())
-      not_listed.push_back(one.path);
-  const bool whole =
-      (result != 0 || listing.compare(not_listed, events->unseen_objects(), order.sources, order.filter)) &&
-      listing.finish();
+      unlisted.prefixes.push_back(one.path);
+    for (const S3_Ledger::Failed_Listing& one : ledger->broken_off_listings())
+      unlisted.prefixes.push_back(one.path);
+  }
+  unlisted.objects = events->unseen_objects();
+  unlisted.anything = account.lost_objects() != 0 || events->more_unseen();
+  const bool whole = (result != 0 || listing.compare(unlisted, order.sources, order.filter)) && listing.finish();
   if (!catalog->error().empty())
     fail(E_WRITE_MEDIUM, catalog->error());
   else if (!listing.error().empty())

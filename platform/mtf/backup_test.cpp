@@ -908,6 +908,131 @@ TEST_F(Backup_Of_Job, prefix_that_could_not_be_listed_is_carried_over_unseen_and
   EXPECT_TRUE(catalog->find("b/d001/o00041", object, error_));
 }
 
+TEST_F(Backup_Of_Job, bucket_list_that_breaks_off_deletes_no_bucket) {
+  fill(20, 300, 50);
+  source_.add("c/x/one", "1");
+  source_.add("d/two.tmp", "2");
+  order_.sources = {"/"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  // The second page of the list does not come: neither c nor d are listed. In b one is gone, in d what is left out now.
+  source_.order.resize(20);
+  source_.order.erase(source_.order.begin() + 3);
+  ledger().listing_failed("/", "503 SlowDown");
+  Left_Out filter;
+  order_.filter = &filter;
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ("503 SlowDown", events_->message("/"));
+  EXPECT_EQ(0u, events_->figure("deleted"));
+  const auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  Catalog_Object object;
+  ASSERT_TRUE(catalog->find("c/x/one", object, error_)) << error_;
+  EXPECT_EQ(catalog::FLAG_UNSEEN, object.flags);
+  EXPECT_TRUE(catalog->find("b/d000/o00003", object, error_)) << "it lies below what was not listed";
+  EXPECT_FALSE(catalog->find("d/two.tmp", object, error_));
+}
+
+TEST_F(Backup_Of_Job, root_as_a_source_records_deletions) {
+  fill(20, 300, 51);
+  source_.add("c/x/one", "1");
+  source_.add("d/y.tmp", "2");
+  order_.sources = {"/"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  source_.order.resize(20);
+  Left_Out filter;
+  order_.filter = &filter;
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(1u, events_->figure("deleted"));
+}
+
+TEST_F(Backup_Of_Job, keys_that_were_lost_or_not_handed_out_become_no_deletions) {
+  fill(30, 300, 52);
+  source_.add("c/x/one", "1");
+  order_.sources = {"/b/"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  const auto expect_all_kept = [&](const std::set<std::string>& unseen) {
+    EXPECT_EQ(0u, events_->figure("deleted"));
+    EXPECT_TRUE(events_->adds_up());
+    const auto catalog = Catalog_Reader::open(folder(), error_);
+    ASSERT_TRUE(catalog) << error_;
+    EXPECT_EQ(0u, catalog->counts().deletions);
+    std::set<std::string> found;
+    ASSERT_TRUE(catalog->walk(
+        "b/",
+        [&](const Catalog_Object& object) {
+          if (object.flags & catalog::FLAG_UNSEEN)
+            found.insert(object.path);
+          return true;
+        },
+        error_));
+    EXPECT_EQ(unseen, found);
+  };
+  order_.base_seq = 1;
+  order_.incremental = true;
+  // A key that the S3 layer counted and that came out nowhere.
+  order_.uuid = "set-2";
+  source_.lost = {"b/d000/o00011"};
+  ledger().listed_keys = 31;
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_all_kept({"b/d000/o00011"});
+  // One that the lister has named.
+  order_.uuid = "set-3";
+  source_.lost = {"b/d000/o00012"};
+  source_.on_list_start = [](Event_Handler* events) {
+    tell_skipped(events, "/b/d000/o00012", json_spirit::Value());
+  };
+  ledger().listed_keys = 31;
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_all_kept({"b/d000/o00012"});
+  EXPECT_FALSE(events_->named("/"));
+  // A prefix that was given up in its middle.
+  order_.uuid = "set-4";
+  source_.lost.clear();
+  source_.on_list_start = nullptr;
+  source_.order.erase(source_.order.begin() + 20, source_.order.begin() + 30);
+  ledger().listed_keys = 0;
+  ledger().page_shown("/b/d000/", true);
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ("The listing broke off.", events_->message("/b/d000/"));
+  std::set<std::string> rest;
+  for (unsigned i = 20; i < 30; ++i)
+    rest.insert("b/d000/o000" + std::to_string(i));
+  expect_all_kept(rest);
+}
+
+TEST_F(Backup_Of_Job, object_for_which_no_client_could_be_made_is_not_deleted) {
+  source_.add("c/one", "1");
+  source_.add("c/two", "2");
+  order_.sources = {"/c/one", "/c/two"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  source_.order = {"c/one"};
+  source_.on_list_start = [](Event_Handler* events) { tell_skipped(events, "/c/two", json_spirit::Value()); };
+  ledger().head_objects = 1;
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(0u, events_->figure("deleted"));
+  EXPECT_EQ(2u, events_->figure("listed"));
+  EXPECT_TRUE(events_->adds_up());
+  const auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  Catalog_Object object;
+  ASSERT_TRUE(catalog->find("c/two", object, error_)) << error_;
+  EXPECT_EQ(catalog::FLAG_UNSEEN, object.flags);
+}
+
 /// Bounds the size of any file that is written, as a full disk would.
 class Small_Disk {
 public:

@@ -122,6 +122,9 @@ void Run_Account::listing_ended(const S3_Ledger* ledger, const Listing_End& end)
   }
   for (const S3_Ledger::Failed_Listing& listing : ledger->failed_listings())
     problem(Catalog_Problem::NOT_LISTED, "directory", without_slash(listing.path), 0, listing.message);
+  if (end.whole)
+    for (const S3_Ledger::Failed_Listing& listing : ledger->broken_off_listings())
+      problem(Catalog_Problem::NOT_LISTED, "directory", without_slash(listing.path), 0, listing.message);
   listed_ = ledger->listed_keys + ledger->head_objects;
   // A module that lists by other means than the S3 layer has nobody to contradict it.
   if (listed_ == 0)

@@ -30,6 +30,17 @@ void S3_Ledger::listing_succeeded(const std::string& path) {
   any_failed_ = !failed_.empty();
 }
 
+void S3_Ledger::page_shown(const std::string& path, bool more) {
+  if (!more && !any_going_on_)
+    return;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (more)
+    going_on_.insert(path);
+  else
+    going_on_.erase(path);
+  any_going_on_ = !going_on_.empty();
+}
+
 void S3_Ledger::read_fresh(const std::string& path) {
   const std::lock_guard<std::mutex> guard(mutex_);
   fresh_.insert(path);
@@ -69,5 +80,14 @@ std::vector<S3_Ledger::Failed_Listing> S3_Ledger::failed_listings() const {
   all.reserve(failed_.size());
   for (const auto& failed : failed_)
     all.push_back(Failed_Listing{failed.first, failed.second});
+  return all;
+}
+
+std::vector<S3_Ledger::Failed_Listing> S3_Ledger::broken_off_listings() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Failed_Listing> all;
+  for (const std::string& path : going_on_)
+    if (failed_.count(path) == 0)
+      all.push_back(Failed_Listing{path, "The listing broke off."});
   return all;
 }

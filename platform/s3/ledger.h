@@ -43,6 +43,8 @@ public:
   /// Called by the service when a listing request fails, and when one for the same prefix succeeds afterwards.
   void listing_failed(const std::string& path, const std::string& message);
   void listing_succeeded(const std::string& path);
+  /// Called by the service for each page of a prefix; `more`: its listing has another one.
+  void page_shown(const std::string& path, bool more);
 
   /// Called by the service when an object ("/bucket/key") is read whose date is less than two seconds before the
   /// answer's own Date: by the service's clock it has just been written, and may be written again with the same date.
@@ -55,6 +57,9 @@ public:
   /// Up to 1000 of them, those with data first.
   std::vector<Folder_Object> folder_objects() const;
   std::vector<Failed_Listing> failed_listings() const;
+  /// Prefixes of which a page that is there was never asked for: whoever listed them has given up. For the time after
+  /// the listing.
+  std::vector<Failed_Listing> broken_off_listings() const;
 
 private:
   mutable std::mutex mutex_;                          ///< guards what follows
@@ -63,7 +68,9 @@ private:
   std::vector<Folder_Object> full_;
   std::vector<Folder_Object> empty_;
   std::map<std::string, std::string> failed_;
+  std::set<std::string> going_on_;
   std::set<std::string> fresh_;
   std::atomic<bool> any_failed_{false};               ///< spares the lock on the common road
   std::atomic<bool> any_fresh_{false};                ///< the same
+  std::atomic<bool> any_going_on_{false};             ///< the same
 };
