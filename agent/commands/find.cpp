@@ -29,7 +29,7 @@ std::string hex(const unsigned char* bytes, size_t size) {
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
   if (!context.json) {
     print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path +
-                (object.flags & catalog::FLAG_UNSEEN ? "  (not listed in this run)" : ""));
+                flags_text(object));
     return;
   }
   json_spirit::Object line = object_json(object);
@@ -37,8 +37,7 @@ void print_match(const Context& context, const Set& set, const std::string& stor
   line["set_time"] = set.end_time;
   line["stored_in"] = stored_in;
   line["sha256"] = hex(object.sha256, sizeof object.sha256);
-  if (object.flags & catalog::FLAG_UNSEEN)
-    line["unseen"] = true;
+  add_flags(object, line);
   print_bytes(json_spirit::write_utf8(line));
 }
 

@@ -83,6 +83,11 @@ struct Backup_Engine::Impl {
       order.seq = order.base_seq + 1;
   }
 
+  ~Impl() {
+    if (ledger)
+      ledger->tell_full_folder_objects(nullptr);
+  }
+
   bool prepare(const std::string& location, const std::string& pool_uuid);
   void take_up_unfinished();
   bool make_media();
@@ -204,6 +209,10 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     base = Backup_Base::open(pool, place, order.base_seq, error);
     if (!base)
       engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
+    for (const Backup_Base::Bad_Medium& medium : base ? base->bad_media() : std::vector<Backup_Base::Bad_Medium>()) {
+      engine_log(log, LM_WARNING, medium.path + ": " + medium.message);
+      account.note("medium", medium.path, json_spirit::Value(), medium.message);
+    }
   }
   std::vector<std::string> problems;
   partial = Partial_Sets::open(pool, place, base ? base->end_index() : 1, problems);
@@ -311,6 +320,8 @@ void Backup_Engine::Impl::listing_ended(bool whole) {
     end.unanswered = events->unanswered();
   }
   account.listing_ended(ledger.get(), end);
+  if (ledger)
+    ledger->tell_full_folder_objects(nullptr);
 }
 
 /// Asks for cancel and pause and tells the progress.
@@ -337,6 +348,8 @@ bool Backup_Engine::Impl::write_objects() {
   events = std::make_unique<Listing_Events>(handler, account, *catalog, order.sources);
   if (order.filter != nullptr)
     filter = std::make_unique<Counting_Filter>(*order.filter);
+  if (ledger)
+    ledger->tell_full_folder_objects([this](const S3_Ledger::Folder_Object& one) { account.full_folder(one); });
   lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.seq), events.get(),
                                         filter.get(), static_cast<int>(order.scan_threads));
   if (lister.null()) {
@@ -352,6 +365,7 @@ bool Backup_Engine::Impl::write_objects() {
   shared.account = &account;
   shared.ledger = ledger;
   shared.catalog = catalog.get();
+  shared.base = base.get();
   shared.fail = [this](Error_Code why, const std::string& text) { fail(why, text); };
 
   const unsigned count = static_cast<unsigned>(channels.size());
@@ -407,7 +421,7 @@ bool Backup_Engine::Impl::complete() {
     return false;
   }
   account.catalog(nullptr);
-  if (!catalog->finish()) {
+  if ((base && !base->add_sets(*catalog)) || (partial && !partial->add_sets(*catalog)) || !catalog->finish()) {
     fail(E_WRITE_MEDIUM, catalog->error());
     return false;
   }

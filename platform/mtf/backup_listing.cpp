@@ -160,11 +160,19 @@ bool Backup_Listing::object(const Cat_Blk& block) {
   }
   visit(name);
   Catalog_Object known;
-  if (base_ != nullptr && base_->unchanged(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
-    account_.unchanged();
-    return catalog_.add_object(known);
-  }
+  std::unique_ptr<Catalog_Object> older;
+  if (base_ != nullptr)
+    switch (base_->match(name, size, mtime, known)) {
+    case Backup_Base::Match::UNCHANGED:
+      known.ordinal = ordinal_;
+      account_.unchanged();
+      return catalog_.add_object(known);
+    case Backup_Base::Match::CHANGED:
+      older = std::make_unique<Catalog_Object>(known);
+      break;
+    case Backup_Base::Match::NONE:
+      break;
+    }
   if (base_ != nullptr && !base_->error().empty()) {
     error_ = base_->error();
     return false;
@@ -184,6 +192,7 @@ bool Backup_Listing::object(const Cat_Blk& block) {
   item->size = size;
   item->mtime = mtime;
   item->ordinal = ordinal_;
+  item->older = std::move(older);
   return queue_.push(std::move(item));
 }
 
@@ -215,8 +224,6 @@ bool Backup_Listing::carry(Catalog_Object& object) {
 }
 
 bool Backup_Listing::compare(const Unlisted& unlisted, const std::list<std::string>& sources, const IFilter* filter) {
-  if (partial_ != nullptr && !partial_->add_sets(catalog_))
-    return false;
   if (base_ == nullptr)
     return true;
   const std::vector<std::string> paths = listed_paths(sources);
@@ -250,5 +257,5 @@ bool Backup_Listing::compare(const Unlisted& unlisted, const std::list<std::stri
   account_.deleted(gone);
   if (!done)
     error_ = base_->error();
-  return done && base_->add_sets(catalog_);
+  return done;
 }

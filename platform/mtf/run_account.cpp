@@ -11,6 +11,10 @@ std::string without_slash(const std::string& path) {
   return !path.empty() && path.front() == '/' ? path.substr(1) : path;
 }
 
+std::string full_folder_message(unsigned long long size) {
+  return "A key that ends with \"/\" and has data is not supported (" + std::to_string(size) + " bytes).";
+}
+
 } // namespace
 
 void Run_Account::saved(unsigned long long size, unsigned long long stored) {
@@ -44,11 +48,24 @@ void Run_Account::note(const std::string& type, const std::string& path, const V
 
 void Run_Account::problem(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
                           const std::string& message) {
+  record(kind, path, number, message);
+  count(kind, type, path, number, message);
+}
+
+void Run_Account::record(Catalog_Problem::Kind kind, const std::string& path, int number, const std::string& message) {
+  if (Catalog_Writer* catalog = catalog_)
+    catalog->add_problem({kind, path, number, message});
+}
+
+void Run_Account::full_folder(const S3_Ledger::Folder_Object& folder) {
+  record(Catalog_Problem::SKIPPED, without_slash(folder.path), 0, full_folder_message(folder.size));
+}
+
+void Run_Account::count(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
+                        const std::string& message) {
   ++problems_;
   const Value code = number != 0 ? Value(number) : Value();
   note(type, "/" + path, code, message);
-  if (Catalog_Writer* catalog = catalog_)
-    catalog->add_problem({kind, path, number, message});
   if (handler_.null())
     return;
   if (kind == Catalog_Problem::NOT_LISTED)
@@ -66,6 +83,7 @@ void Run_Account::incomplete(const std::string& path, const std::string& message
     text += (&one == &missing.front() ? " " : "; ") + one;
   text += ".";
   note("file", "/" + path, Value(), text);
+  record(Catalog_Problem::INCOMPLETE, path, 0, text);
   if (!handler_.null())
     tell("file", "/" + path, Value(), text);
 }
@@ -111,8 +129,7 @@ void Run_Account::listing_ended(const S3_Ledger* ledger, const Listing_End& end)
     if (folder.size == 0)
       continue;
     ++named;
-    problem(Catalog_Problem::SKIPPED, "file", without_slash(folder.path), 0,
-            "A key that ends with \"/\" and has data is not supported (" + std::to_string(folder.size) + " bytes).");
+    count(Catalog_Problem::SKIPPED, "file", without_slash(folder.path), 0, full_folder_message(folder.size));
   }
   // The ledger counts them all and names a bounded number.
   if (full_folders_ > named) {

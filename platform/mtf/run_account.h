@@ -41,6 +41,9 @@ public:
     lister_skipped_ += count;
     problems_ += count;
   }
+  /// A key that stands for a folder and has data, as it is seen: told to the catalog alone. What the ledger keeps of
+  /// them is counted and told when the listing has ended.
+  void full_folder(const S3_Ledger::Folder_Object& folder);
   /// Adds one entry of the outcome's "errors" without counting anything or telling anybody.
   void note(const std::string& type, const std::string& path, const json_spirit::Value& number,
             const std::string& message);
@@ -80,6 +83,9 @@ private:
   void tell(const char* type, const std::string& path, const json_spirit::Value& number, const std::string& message);
   void problem(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
                const std::string& message);
+  void record(Catalog_Problem::Kind kind, const std::string& path, int number, const std::string& message);
+  void count(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
+             const std::string& message);
 
   MTF::Event_Handler_var handler_;
   std::atomic<Catalog_Writer*> catalog_{nullptr};

@@ -4,7 +4,9 @@
 #include "platform/s3/object_notes.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -40,6 +42,10 @@ public:
 
   /// Called by the service for each such key of a page.
   void folder_object(const std::string& path, unsigned long long size);
+  /// Has `told` hear of each of them that holds data, in the thread that saw it and at once of those that are known by
+  /// their names already; an empty one ends that.
+  typedef std::function<void(const Folder_Object&)> Folder_Listener;
+  void tell_full_folder_objects(Folder_Listener told);
   /// Called by the service when a listing request fails, and when one for the same prefix succeeds afterwards.
   void listing_failed(const std::string& path, const std::string& message);
   void listing_succeeded(const std::string& path);
@@ -65,6 +71,7 @@ private:
   mutable std::mutex mutex_;                          ///< guards what follows
   unsigned long long empty_folders_ = 0;
   unsigned long long full_folders_ = 0;
+  std::shared_ptr<const Folder_Listener> told_;
   std::vector<Folder_Object> full_;
   std::vector<Folder_Object> empty_;
   std::map<std::string, std::string> failed_;
