@@ -649,6 +649,26 @@ TEST_F(Attributes_Test, what_a_target_takes_and_forgets_is_named) {
   }
 }
 
+TEST_F(Attributes_Test, what_could_not_be_looked_at_is_named_with_the_reason) {
+  server.add_fault(Fault::error(403, "AccessDenied").on("HeadObject"));
+  for (const size_t size : {700u, 3500u}) {
+    const std::vector<std::string> refused = store(service(), "k", std::string(size, 'x'), full_for_server());
+    ASSERT_EQ(1u, refused.size()) << testing::PrintToString(refused);
+    EXPECT_EQ(0u, refused[0].find("what it was given could not be checked (AccessDenied: ")) << refused[0];
+    EXPECT_TRUE(server.object("bucket", "k"));
+  }
+  // A head that counts no tags has them asked for.
+  server.clear_faults();
+  server.configure([](S3_Server_Settings& s) { s.counts_tags = false; });
+  server.add_fault(Fault::error(403, "AccessDenied").on("GetObjectTagging"));
+  const std::vector<std::string> refused = store(service(), "k", "x", full_for_server());
+  ASSERT_EQ(1u, refused.size()) << testing::PrintToString(refused);
+  EXPECT_EQ(0u, refused[0].find("the tags")) << refused[0];
+  EXPECT_NE(std::string::npos, refused[0].find(" could not be checked (AccessDenied: ")) << refused[0];
+  // Nothing was given that could be forgotten.
+  EXPECT_EQ(std::vector<std::string>(), store(service(), "plain", "x", Object_Attributes()));
+}
+
 TEST_F(Attributes_Test, target_that_keeps_what_it_takes_is_looked_at_once) {
   const S3_Service_var s = service();
   EXPECT_EQ(std::vector<std::string>(), store(s, "first", "x", full_for_server()));

@@ -318,8 +318,9 @@ bool S3_Server::Impl::send(Connection& connection, Exchange& exchange, Http_Resp
     stated = off < 0 ? 0 : static_cast<std::uint64_t>(off);
   }
   std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " + status_text(response.status) + "\r\n";
-  head += "Date: " + http_date(exchange.settings->clock() + exchange.settings->date_ahead) + "\r\nServer: s3-testing\r\nx-amz-request-id: " + id +
-          "\r\n";
+  if (exchange.settings->dates)
+    head += "Date: " + http_date(exchange.settings->clock() + exchange.settings->date_ahead) + "\r\n";
+  head += std::string("Server: s3-testing\r\nx-amz-request-id: ") + id + "\r\n";
   for (const auto& [name, value] : response.headers)
     head += name + ": " + value + "\r\n";
   if (exchange.last)
