@@ -12,7 +12,9 @@
 namespace s3_testing {
 namespace {
 
-int curl(const std::string& arguments) { return std::system(("curl -sf -o /dev/null --max-time 20 " + arguments).c_str()); }
+int curl(const std::string& arguments) {
+  return std::system(("curl -sf -o /dev/null --max-time 20 " + arguments).c_str());
+}
 
 TEST(real_server, answers_over_plain_and_tls_and_leaves_nothing_behind) {
   if (!Real_Server::installed())
