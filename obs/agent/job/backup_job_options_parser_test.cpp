@@ -52,6 +52,19 @@ TEST(backup_job_options_parser, level_as_text_and_as_number_are_the_same) {
   EXPECT_EQ(9, Backup_Options(R"({"compression_level":"9 or so"})").record().compression_level_);
 }
 
+TEST(backup_job_options_parser, level_that_does_not_fit_is_the_largest_signed_one) {
+  EXPECT_EQ(2147483647, Backup_Options(R"({"compression_level":4294967295})").record().compression_level_);
+  EXPECT_EQ(2147483647, Backup_Options(R"({"compression_level":-4294967295})").record().compression_level_);
+  EXPECT_EQ(2147483647, Backup_Options(R"({"compression_level":"4294967295"})").record().compression_level_);
+}
+
+TEST(backup_job_options_parser, key_with_more_bytes_than_a_known_one_is_unknown) {
+  for (const char* text : {R"({"channelsx":4})", R"({"channels\u0000":4})", R"({"channel":4})"}) {
+    const Backup_Options parsed(text);
+    EXPECT_EQ(0u, parsed.record().channels_) << text;
+  }
+}
+
 TEST(backup_job_options_parser, unknown_compression_is_none) {
   EXPECT_EQ(COMPR_NONE, Backup_Options(R"({"compression":"rar"})").record().compression_);
   EXPECT_EQ(COMPR_AUTO, Backup_Options(R"({"compression":"auto"})").record().compression_);

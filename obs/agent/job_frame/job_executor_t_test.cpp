@@ -86,6 +86,12 @@ TEST_F(job_executor, refused_password_fails_with_its_code) {
   EXPECT_EQ("password failure:77", plan.story());
 }
 
+TEST_F(job_executor, negative_refusal_of_a_password_is_one_too) {
+  plan.password_code = -1;
+  EXPECT_FALSE(execute([](Settings& s) { s.backup_protection_password = "secret"; }));
+  EXPECT_EQ("password failure:-1", plan.story());
+}
+
 TEST_F(job_executor, accepted_password_lets_the_job_run) {
   EXPECT_TRUE(execute([](Settings& s) { s.backup_protection_password = "secret"; }));
   EXPECT_EQ("password start execute success", plan.story());
