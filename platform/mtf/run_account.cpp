@@ -129,6 +129,11 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool whole, bool kept, doub
   const unsigned long long lost = kept ? 0 : saved_ + unchanged_;
   if (lost != 0)
     note("directory", "/", Value(), std::to_string(lost) + " objects were read and not kept: the set is not complete.");
+  if (without_tags_ != 0 && kept) {
+    const std::string count = std::to_string(without_tags_);
+    note("directory", "/", Value(),
+         count + (without_tags_ == 1 ? " object has" : " objects have") + " tags that were not saved (--tags).");
+  }
 
   Object result;
   result["listed"] = listed;

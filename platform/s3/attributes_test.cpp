@@ -264,14 +264,24 @@ TEST(part_plan, layout_that_was_not_told_is_the_one_that_tools_make) {
     }
 }
 
+TEST(part_plan, number_of_parts_that_no_size_gives_is_named) {
+  Object_Attributes a;
+  a.etag = "0123456789abcdef0123456789abcdef-4";
+  EXPECT_EQ("no parts of one size make up its size", Part_Plan(3, 16 << 20, &a).refused());
+  EXPECT_EQ("", Part_Plan(31 << 20, 16 << 20, &a).refused());
+}
+
 TEST(part_plan, object_stored_at_once_goes_at_once_where_memory_holds_it) {
   Object_Attributes a;
   a.etag = "0123456789abcdef0123456789abcdef";
-  EXPECT_FALSE(Part_Plan(64 << 20, 16 << 20, &a).multipart());
-  EXPECT_TRUE(Part_Plan(65 << 20, 16 << 20, &a).multipart());
-  EXPECT_EQ("", Part_Plan(65 << 20, 16 << 20, &a).refused()) << "it never had parts";
+  EXPECT_FALSE(Part_Plan(256 << 20, 16 << 20, &a).multipart());
+  EXPECT_EQ("", Part_Plan(256 << 20, 16 << 20, &a).refused());
+  EXPECT_TRUE(Part_Plan(257 << 20, 16 << 20, &a).multipart());
+  EXPECT_EQ("it was stored at once, and is larger than 256 MiB", Part_Plan(257 << 20, 16 << 20, &a).refused());
+  EXPECT_EQ("", Part_Plan(257 << 20, 300 << 20, &a).refused()) << "it goes at once anyway";
   a.etag = "opaque";
   EXPECT_TRUE(Part_Plan(30 << 20, 16 << 20, &a).multipart());
+  EXPECT_EQ("", Part_Plan(257 << 20, 16 << 20, &a).refused()) << "it is not known how it was stored";
   EXPECT_TRUE(Part_Plan(30 << 20, 16 << 20, nullptr).multipart());
   EXPECT_FALSE(Part_Plan(16 << 20, 16 << 20, nullptr).multipart());
 }
@@ -639,6 +649,26 @@ TEST_F(Attributes_Test, what_a_target_takes_and_forgets_is_named) {
   }
 }
 
+TEST_F(Attributes_Test, what_could_not_be_looked_at_is_named_with_the_reason) {
+  server.add_fault(Fault::error(403, "AccessDenied").on("HeadObject"));
+  for (const size_t size : {700u, 3500u}) {
+    const std::vector<std::string> refused = store(service(), "k", std::string(size, 'x'), full_for_server());
+    ASSERT_EQ(1u, refused.size()) << testing::PrintToString(refused);
+    EXPECT_EQ(0u, refused[0].find("what it was given could not be checked (AccessDenied: ")) << refused[0];
+    EXPECT_TRUE(server.object("bucket", "k"));
+  }
+  // A head that counts no tags has them asked for.
+  server.clear_faults();
+  server.configure([](S3_Server_Settings& s) { s.counts_tags = false; });
+  server.add_fault(Fault::error(403, "AccessDenied").on("GetObjectTagging"));
+  const std::vector<std::string> refused = store(service(), "k", "x", full_for_server());
+  ASSERT_EQ(1u, refused.size()) << testing::PrintToString(refused);
+  EXPECT_EQ(0u, refused[0].find("the tags")) << refused[0];
+  EXPECT_NE(std::string::npos, refused[0].find(" could not be checked (AccessDenied: ")) << refused[0];
+  // Nothing was given that could be forgotten.
+  EXPECT_EQ(std::vector<std::string>(), store(service(), "plain", "x", Object_Attributes()));
+}
+
 TEST_F(Attributes_Test, target_that_keeps_what_it_takes_is_looked_at_once) {
   const S3_Service_var s = service();
   EXPECT_EQ(std::vector<std::string>(), store(s, "first", "x", full_for_server()));
@@ -674,6 +704,50 @@ TEST_F(Attributes_Test, checksums_of_parts_come_out_the_same) {
   ASSERT_TRUE(dynamic_cast<S3_Attribute_Service&>(*s).get_parts("bucket", "k", b));
   EXPECT_EQ(std::vector<std::string>(), store(s, "again", data, b));
   EXPECT_EQ(b.checksums, read(s, "again").checksums);
+}
+
+TEST_F(Attributes_Test, object_too_large_to_be_sent_at_once_again_is_named) {
+  Object_Attributes a;
+  a.etag = "0123456789abcdef0123456789abcdef";
+  const S3_Service_var s = service();
+  const S3_IWriter_ptr writer =
+      dynamic_cast<S3_Attribute_Service&>(*s).upload("bucket", "k", 300ull << 20, a);
+  ASSERT_TRUE(writer) << s->error();
+  EXPECT_EQ((std::vector<std::string>{
+                "the layout of its parts: it was stored at once, and is larger than 256 MiB"}),
+            dynamic_cast<const S3_Attribute_Report&>(*writer).refused());
+}
+
+TEST_F(Attributes_Test, parts_too_large_to_be_sent_again_are_named) {
+  Object_Attributes a;
+  a.etag = "0123456789abcdef0123456789abcdef-2";
+  a.parts = {{2, 300ull << 20}};
+  const S3_Service_var s = service();
+  const S3_IWriter_ptr writer =
+      dynamic_cast<S3_Attribute_Service&>(*s).upload("bucket", "k", 600ull << 20, a);
+  ASSERT_TRUE(writer) << s->error();
+  EXPECT_EQ((std::vector<std::string>{"the layout of its parts: its parts are larger than 256 MiB"}),
+            dynamic_cast<const S3_Attribute_Report&>(*writer).refused());
+}
+
+TEST_F(Attributes_Test, checksum_of_parts_that_an_object_sent_at_once_cannot_have_is_named) {
+  Object_Attributes a;
+  a.checksum_type = "COMPOSITE";
+  a.checksums = {{"sha256", "of the parts-3"}};
+  EXPECT_EQ((std::vector<std::string>{
+                "the checksum sha256: it is one of parts, and the object is sent at once"}),
+            store(service(), "k", "a few bytes", a));
+}
+
+TEST_F(Attributes_Test, checksums_that_an_object_sent_in_parts_cannot_have_are_named) {
+  const std::string data = s3_testing::synthetic_bytes(5, 0, 3500);
+  Object_Attributes a;
+  a.checksums = {{"sha256", to_base64(sha256(data))}, {"crc32", checksum("crc32", data)}, {"md6", "eA=="}};
+  EXPECT_EQ((std::vector<std::string>{"the checksum crc32: an upload in parts has one, sha256",
+                                      "the checksum md6: an upload in parts has one, sha256"}),
+            store(service(), "k", data, a));
+  a.checksums = {{"md6", "eA=="}};
+  EXPECT_EQ((std::vector<std::string>{"the checksum md6: it cannot be made for parts"}), store(service(), "k", data, a));
 }
 
 TEST(checksum, published_check_values) {

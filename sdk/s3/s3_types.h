@@ -127,7 +127,7 @@ struct S3_Service_Options {
   std::string region;                     ///< these as in S3_Client_Options
   std::string vendor;
   std::string sign_method;
-  int max_retry_seconds = 0;
+  int max_retry_seconds = 0;              ///< at first the one of the constructing thread's job; 0: it has none
   std::string sts_token;                  ///< session token of temporary keys; empty: none
   // Where a host renews temporary keys; accepted, no effect here.
   bool sts_credential = false;
