@@ -15,7 +15,7 @@
 struct Pool_Info {
   std::string uuid;
   std::string name;
-  std::string location;                ///< URI, as "file:///var/backup"
+  std::string location; ///< URI, as "file:///var/backup"
   bool multidevice = false;
   Encryption_Algorithm encryption = ENCRYPTION_NONE;
 };
@@ -24,8 +24,8 @@ struct Pool_Info {
 /// answer on hosts that have several devices per pool and have no effect here. False, after a log line, when there is
 /// no such pool.
 bool get_pool_info(const std::string& pool_uuid, const std::string& device_uuid, Pool_Info& info, bool refresh = false,
-                   int timeout = 0, const void* credentials = nullptr, bool local = true,
-                   const void* session = nullptr, const void* channel = nullptr, bool force = false);
+                   int timeout = 0, const void* credentials = nullptr, bool local = true, const void* session = nullptr,
+                   const void* channel = nullptr, bool force = false);
 /// The location of a pool as a URI; false, `url` untouched, when there is no such pool. `session`, `refresh` and
 /// `channel` are accepted and have no effect here.
 bool get_url_by_pool_uuid(const std::string& pool_uuid, const void* session, std::string& url, bool refresh,
@@ -46,9 +46,9 @@ class Backup_Set {
 public:
   virtual ~Backup_Set();
   std::string uuid;
-  std::string incarnation;             ///< uuid of the full set that began the chain
-  std::list<std::string> bases;        ///< sets that this one was compared with
-  unsigned seq = 0;                    ///< its number in the chain
+  std::string incarnation;      ///< uuid of the full set that began the chain
+  std::list<std::string> bases; ///< sets that this one was compared with
+  unsigned seq = 0;             ///< its number in the chain
 };
 
 class File_Backup_Set : public Backup_Set {
@@ -90,16 +90,16 @@ bool get_incarnation(const std::string& pool_uuid, const std::string& minor_reso
 
 /// Where a rehearsal of disaster recovery stands.
 struct File_DR_Test_Context {
-  bool update = false;                 ///< there is a set that was not rehearsed yet
-  int incarnation = 0;                 ///< for hosts that number their chains; 0 here, where `uri` tells the set
-  int seq = 0;                         ///< the set's number
+  bool update = false; ///< there is a set that was not rehearsed yet
+  int incarnation = 0; ///< for hosts that number their chains; 0 here, where `uri` tells the set
+  int seq = 0;         ///< the set's number
   std::string minor_resource_id;
-  std::string host_uuid;               ///< account that was backed up
-  int channels = 0;                    ///< of the set
+  std::string host_uuid; ///< account that was backed up
+  int channels = 0;      ///< of the set
   std::string pool_uuid;
-  std::string uuid;                    ///< of the set
-  std::string uri;                     ///< the set's folder in the pool
-  ACE_INT64 backup_time = 0;           ///< seconds since the epoch
+  std::string uuid;          ///< of the set
+  std::string uri;           ///< the set's folder in the pool
+  ACE_INT64 backup_time = 0; ///< seconds since the epoch
 };
 /// Fills `context` with what the last rehearsal of that definition left; with nothing when there was none.
 void load_dr_test_context(const std::string& definition_id, File_DR_Test_Context& context);

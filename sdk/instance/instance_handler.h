@@ -8,11 +8,11 @@
 
 /// One instance of a resource on this machine.
 struct Instance {
-  std::string type;                    ///< of its resource, as Instance_Handler::type
-  std::string name;                    ///< unique within the type
-  std::string uuid;                    ///< empty where it has none
-  json_spirit::Object options;         ///< what the host is to know of it, as {"is_proxy": true}
-  json_spirit::Object logon_options;   ///< what it needs to be logged on to; empty where nothing is needed
+  std::string type;                  ///< of its resource, as Instance_Handler::type
+  std::string name;                  ///< unique within the type
+  std::string uuid;                  ///< empty where it has none
+  json_spirit::Object options;       ///< what the host is to know of it, as {"is_proxy": true}
+  json_spirit::Object logon_options; ///< what it needs to be logged on to; empty where nothing is needed
 };
 
 /// Tells which instances of a resource there are. The host owns it, calls `init` first and `fini` last, and uses it on

@@ -28,26 +28,26 @@ public:
   ~Job() override;
 
   // For the host.
-  int start(const Job_Run_Options* opts);     ///< -1 when the job runs already or cannot be started
-  int stop(const Job_Run_Options* opts);      ///< asks a running job to cancel; 0, or -1 when it cannot
+  int start(const Job_Run_Options* opts); ///< -1 when the job runs already or cannot be started
+  int stop(const Job_Run_Options* opts);  ///< asks a running job to cancel; 0, or -1 when it cannot
   // These answer 0, or -1 when the job refuses. `opts` may be null and is not kept.
-  int pause(const Job_Run_Options* opts);     ///< nothing new is begun until `resume`
+  int pause(const Job_Run_Options* opts); ///< nothing new is begun until `resume`
   int resume(const Job_Run_Options* opts);
-  int abort(const Job_Run_Options* opts);     ///< as `stop`, and cancels the thread of the job
-  int remove(bool flag, const Job_Run_Options* opts);   ///< the definition goes; `flag` has no effect here
-  int update(Job_Definition_var definition);  ///< takes the place of the definition, where the state allows it
+  int abort(const Job_Run_Options* opts);             ///< as `stop`, and cancels the thread of the job
+  int remove(bool flag, const Job_Run_Options* opts); ///< the definition goes; `flag` has no effect here
+  int update(Job_Definition_var definition);          ///< takes the place of the definition, where the state allows it
   int rollback();
   /// Blocks until a started job has called `complete()`, at most `timeout` when one is given. False on time-out.
   bool wait(const ACE_Time_Value* timeout = nullptr);
   bool completed() const;
-  Error last_error() const;                   ///< id 0 when there is none
+  Error last_error() const; ///< id 0 when there is none
   std::vector<Job_Alert> alerts() const;
-  json_spirit::Object results() const;        ///< what the work published with `set_result`
+  json_spirit::Object results() const; ///< what the work published with `set_result`
   /// Where the job's log lines go; null: nowhere but the program's log. Before `start`.
   void log_sink(std::shared_ptr<ACE_Log_Msg_Callback> sink);
 
   // For the work.
-  Job_Definition& definition() { return *definition_; }   ///< the job's, as long as it lives
+  Job_Definition& definition() { return *definition_; } ///< the job's, as long as it lives
   const Job_Definition_var& definition_var() const { return definition_; }
   /// Where the run stands; the job's. Any thread.
   Job_Activity& activity() { return activity_; }
@@ -118,11 +118,11 @@ public:
   explicit Job_Event_Handler(Job& job);
   virtual ~Job_Event_Handler();
 
-  virtual void handle_start_job();            ///< state RUNNING, start and last-run time now
+  virtual void handle_start_job(); ///< state RUNNING, start and last-run time now
   /// State COMPLETED, or COMPLETED_WITH_ERRORS when the job raised alerts or counted problems.
   virtual void handle_success();
-  virtual void handle_paused();               ///< state PAUSED
-  virtual void handle_canceled();             ///< state CANCELED
+  virtual void handle_paused();   ///< state PAUSED
+  virtual void handle_canceled(); ///< state CANCELED
   /// State ERROR. `format` (printf's) may be null; else its text becomes the job's result "failure".
   virtual void handle_failure(int code, const char* format, ...);
   /// Progress of the work; always 0.
@@ -136,8 +136,8 @@ private:
 class Job_Creator {
 public:
   virtual ~Job_Creator();
-  virtual int init(int argc, char** argv);    ///< 0
-  virtual int fini();                         ///< 0
+  virtual int init(int argc, char** argv); ///< 0
+  virtual int fini();                      ///< 0
   /// A new job for `definition`, or null when the type is not the resource's or memory is short (`errno` ENOMEM).
   virtual Job_var create(Job_Definition_var definition) = 0;
 };
