@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
     add_rehearse_command(app, context);
     add_find_command(app, context);
     add_diff_command(app, context);
+    add_problems_command(app, context);
     add_forget_command(app, context);
     add_merge_command(app, context);
     add_media_commands(app, context);

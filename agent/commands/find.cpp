@@ -21,7 +21,7 @@ struct Find_Arguments {
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
   if (!context.json) {
     print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path +
-                (object.flags & catalog::FLAG_UNSEEN ? "  (not listed in this run)" : ""));
+                flags_text(object));
     return;
   }
   json_spirit::Object line = object_json(object);
@@ -29,8 +29,7 @@ void print_match(const Context& context, const Set& set, const std::string& stor
   line["set_time"] = set.end_time;
   line["stored_in"] = stored_in;
   line["sha256"] = to_hex(object.sha256, sizeof object.sha256);
-  if (object.flags & catalog::FLAG_UNSEEN)
-    line["unseen"] = true;
+  add_flags(object, line);
   print_bytes(json_spirit::write_utf8(line));
 }
 

@@ -137,12 +137,14 @@ public:
   void object(const Catalog_Object& object) {
     if (json_) {
       json_spirit::Object entry = object_json(object);
+      add_flags(object, entry);
       if (long_)
         add_attributes(object, entry);
       std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
       return;
     }
-    print_bytes(object_head(object) + (long_ ? attributes_head(object) : std::string()) + "/" + object.path);
+    print_bytes(object_head(object) + (long_ ? attributes_head(object) : std::string()) + "/" + object.path +
+                flags_text(object));
   }
 
 private:

@@ -285,7 +285,7 @@ bool Restore_Engine::Impl::restore_objects() {
 
 void Restore_Engine::Impl::conclude(const ACE_Time_Value& begun) {
   json_spirit::Object figures =
-      account.figures(ledger.get(), false, true, seconds_between(begun, Clock::instance().monotonic()));
+      account.figures(ledger.get(), true, seconds_between(begun, Clock::instance().monotonic()));
   if (!failure.empty())
     figures["failure"] = failure;
   if (code == E_OK && account.problems() != 0)

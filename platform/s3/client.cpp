@@ -86,12 +86,15 @@ bool S3_Client::get_buckets(std::vector<json_spirit::Value>& buckets) {
                                             [&] { return outcome_of(service, service.get_service(param, content)); });
     if (!outcome.ok()) {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list buckets, error: %C.\n"), outcome.error.text().c_str()));
+      // Buckets that it did not come to are no buckets that are gone.
+      endpoint->ledger()->listing_failed("/", outcome.error.text());
       return false;
     }
     for (const S3_Bucket& bucket : content.buckets)
       buckets.emplace_back(json_spirit::Object{{"dir", json_spirit::Value(bucket.name)}});
     param.marker(content.next_marker.c_str());
   } while (content.truncated && !content.next_marker.empty());
+  endpoint->ledger()->listing_succeeded("/");
   return true;
 }
 

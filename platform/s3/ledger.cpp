@@ -9,11 +9,32 @@ constexpr size_t MAX_FOLDER_OBJECTS = 1000;
 } // namespace
 
 void S3_Ledger::folder_object(const std::string& path, unsigned long long size) {
-  const std::lock_guard<std::mutex> guard(mutex_);
-  ++(size == 0 ? empty_folders_ : full_folders_);
-  std::vector<Folder_Object>& list = size == 0 ? empty_ : full_;
-  if (list.size() < MAX_FOLDER_OBJECTS)
-    list.push_back(Folder_Object{path, size});
+  std::shared_ptr<const Folder_Listener> told;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++(size == 0 ? empty_folders_ : full_folders_);
+    std::vector<Folder_Object>& list = size == 0 ? empty_ : full_;
+    if (list.size() < MAX_FOLDER_OBJECTS)
+      list.push_back(Folder_Object{path, size});
+    if (size != 0)
+      told = told_;
+  }
+  // Not under the lock: whoever is told may take its time.
+  if (told)
+    (*told)(Folder_Object{path, size});
+}
+
+void S3_Ledger::tell_full_folder_objects(Folder_Listener told) {
+  const auto listener = told ? std::make_shared<const Folder_Listener>(std::move(told)) : nullptr;
+  std::vector<Folder_Object> known;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    told_ = listener;
+    if (listener)
+      known = full_;
+  }
+  for (const Folder_Object& folder : known)
+    (*listener)(folder);
 }
 
 void S3_Ledger::listing_failed(const std::string& path, const std::string& message) {
@@ -28,6 +49,17 @@ void S3_Ledger::listing_succeeded(const std::string& path) {
   const std::lock_guard<std::mutex> guard(mutex_);
   failed_.erase(path);
   any_failed_ = !failed_.empty();
+}
+
+void S3_Ledger::page_shown(const std::string& path, bool more) {
+  if (!more && !any_going_on_)
+    return;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (more)
+    going_on_.insert(path);
+  else
+    going_on_.erase(path);
+  any_going_on_ = !going_on_.empty();
 }
 
 void S3_Ledger::read_fresh(const std::string& path) {
@@ -107,5 +139,14 @@ std::vector<S3_Ledger::Failed_Listing> S3_Ledger::failed_listings() const {
   all.reserve(failed_.size());
   for (const auto& failed : failed_)
     all.push_back(Failed_Listing{failed.first, failed.second});
+  return all;
+}
+
+std::vector<S3_Ledger::Failed_Listing> S3_Ledger::broken_off_listings() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::vector<Failed_Listing> all;
+  for (const std::string& path : going_on_)
+    if (failed_.count(path) == 0)
+      all.push_back(Failed_Listing{path, "The listing broke off."});
   return all;
 }

@@ -4,7 +4,9 @@
 #include "platform/s3/object_notes.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -45,9 +47,15 @@ public:
 
   /// Called by the service for each such key of a page.
   void folder_object(const std::string& path, unsigned long long size);
+  /// Has `told` hear of each of them that holds data, in the thread that saw it and at once of those that are known by
+  /// their names already; an empty one ends that.
+  typedef std::function<void(const Folder_Object&)> Folder_Listener;
+  void tell_full_folder_objects(Folder_Listener told);
   /// Called by the service when a listing request fails, and when one for the same prefix succeeds afterwards.
   void listing_failed(const std::string& path, const std::string& message);
   void listing_succeeded(const std::string& path);
+  /// Called by the service for each page of a prefix; `more`: its listing has another one.
+  void page_shown(const std::string& path, bool more);
 
   /// Called by the service when an object ("/bucket/key") is read whose date is less than two seconds before the
   /// answer's own Date, or whose answer has none: by the service's clock it may just have been written, and may be
@@ -73,14 +81,19 @@ public:
   /// Up to 1000 of them, those with data first.
   std::vector<Folder_Object> folder_objects() const;
   std::vector<Failed_Listing> failed_listings() const;
+  /// Prefixes of which a page that is there was never asked for: whoever listed them has given up. For the time after
+  /// the listing.
+  std::vector<Failed_Listing> broken_off_listings() const;
 
 private:
   mutable std::mutex mutex_;                          ///< guards what follows
   unsigned long long empty_folders_ = 0;
   unsigned long long full_folders_ = 0;
+  std::shared_ptr<const Folder_Listener> told_;
   std::vector<Folder_Object> full_;
   std::vector<Folder_Object> empty_;
   std::map<std::string, std::string> failed_;
+  std::set<std::string> going_on_;
   std::set<std::string> fresh_;
   std::set<std::string> tagged_;
   std::map<std::thread::id, S3_Error> failures_;
@@ -88,4 +101,5 @@ private:
   std::atomic<bool> any_failed_{false};
   std::atomic<bool> any_fresh_{false};
   std::atomic<bool> any_tagged_{false};
+  std::atomic<bool> any_going_on_{false};
 };

@@ -23,6 +23,19 @@ TEST(Ledger, folder_objects_are_counted_by_whether_they_hold_data) {
   EXPECT_EQ("/b/empty/", all[1].path);
 }
 
+TEST(Ledger, listing_of_which_no_further_page_was_asked_for_has_broken_off) {
+  S3_Ledger ledger;
+  ledger.page_shown("/b/a/", true);
+  ledger.page_shown("/b/c/", true);
+  ledger.page_shown("/b/d/", false);
+  ledger.page_shown("/b/e/", true);
+  ledger.page_shown("/b/c/", true);
+  ledger.page_shown("/b/c/", false);
+  ledger.listing_failed("/b/e/", "its second page was refused");
+  ASSERT_EQ(1u, ledger.broken_off_listings().size());
+  EXPECT_EQ("/b/a/", ledger.broken_off_listings()[0].path);
+}
+
 TEST(Ledger, list_is_bounded_but_the_count_is_not) {
   S3_Ledger ledger;
   for (int i = 0; i < 900; ++i)

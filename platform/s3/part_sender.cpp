@@ -137,8 +137,8 @@ bool Part_Sender::keep(const Part& part, const Outcome& outcome) {
   if (error_.number() == 0) {
     const S3_Error& error = outcome.error;
     error_ = S3_Error(error.number(), error.status(), error.code(),
-                      "part " + std::to_string(part.number) + ", " + std::to_string(part.data.size()) +
-                          " bytes from " + std::to_string(part.at) + " on: " + error.message(),
+                      "part " + std::to_string(part.number) + ", " + std::to_string(part.data.size()) + " bytes from " +
+                          std::to_string(part.at) + " on: " + error.message(),
                       false);
     threads_.tell_to_stop();
   }

@@ -43,8 +43,8 @@ private:
     std::string id;
     std::string data;
     Name_Values headers;
-    size_t number = 0;          ///< from 1
-    unsigned long long at = 0;  ///< its first byte in the object
+    size_t number = 0;         ///< from 1
+    unsigned long long at = 0; ///< its first byte in the object
   };
 
   bool hand_over(Part& part);

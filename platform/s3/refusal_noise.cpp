@@ -26,7 +26,8 @@ constexpr double DUE = 7;
 constexpr double SAME = 0.4;
 /// Refusals over which the share is averaged.
 constexpr double KNOWN = 20;
-/// Epochs until it is looked again, the first time, and at the most; they double with each time that it was still there.
+/// Epochs until it is looked again, the first time, and at the most; they double with each time that it was still
+/// there.
 constexpr unsigned AGAIN = 30;
 constexpr unsigned LONGEST_AGAIN = 960;
 
@@ -78,8 +79,7 @@ Refusal_Noise::Verdict Refusal_Noise::end_epoch(double rate, double requests, do
     again_ = AGAIN;
     return NOISE;
   }
-  if (surprises_ >= enough_surprises_ && row_.refused >= ENOUGH &&
-      row_.share() <= MOST_BY_CHANCE) {
+  if (surprises_ >= enough_surprises_ && row_.refused >= ENOUGH && row_.share() <= MOST_BY_CHANCE) {
     expected_ = row_.share();
     return try_lower(requests);
   }

@@ -7,9 +7,9 @@ namespace s3 {
 
 /// Tells refusals that fall with the rate from those that a service makes at random, a few in a hundred, whatever the
 /// rate. It is told what became of each epoch's requests. Refusals at rates that lie clearly below others which the
-/// service took about as well have nothing to do with the rate: their share is that service's noise. Where refusals go on
-/// and no lower rate comes by itself, one is tried; so it is now and then, ever more rarely, to see whether known noise is
-/// still there. A value; not for several threads.
+/// service took about as well have nothing to do with the rate: their share is that service's noise. Where refusals go
+/// on and no lower rate comes by itself, one is tried; so it is now and then, ever more rarely, to see whether known
+/// noise is still there. A value; not for several threads.
 class Refusal_Noise {
 public:
   enum Verdict {

@@ -25,8 +25,8 @@ public:
     bool valid = false;
   };
 
-  /// Waits until a request may begin, by the clock in force. Invalid when it has to wait while the calling thread's job is
-  /// being cancelled or `stop` (may be null) is true.
+  /// Waits until a request may begin, by the clock in force. Invalid when it has to wait while the calling thread's job
+  /// is being cancelled or `stop` (may be null) is true.
   Ticket enter(const std::atomic<bool>* stop);
   void leave(const Ticket& ticket, bool refused);
   /// A request that has left was refused all the same.

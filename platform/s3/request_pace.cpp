@@ -40,8 +40,8 @@ constexpr double TOLERATED = 0.002;
 constexpr double MOST_CREDIT = 1;
 constexpr double NOISE_TOLERATED = 1.5;
 constexpr double MOST_NOISE_CREDIT = 6;
-/// While a lower rate is tried, and while the service's rate is sought, a smaller part of refusals than this, or a single
-/// one, says nothing: too high a rate shows by far more of them.
+/// While a lower rate is tried, and while the service's rate is sought, a smaller part of refusals than this, or a
+/// single one, says nothing: too high a rate shows by far more of them.
 constexpr double FEW = 0.12;
 constexpr double FEWEST = 2;
 

@@ -237,11 +237,12 @@ TEST(Request_Pace, service_that_refuses_at_random_is_not_held_back) {
       SCOPED_TRACE(std::to_string(noise) + " refused, latency " + std::to_string(latency));
       const auto none = [](const Simulation&) {};
       const double open = mean_taken(Simulation::UNBOUNDED, latency, noise, false, 100, 250, none);
-      const double paced = mean_taken(Simulation::UNBOUNDED, latency, noise, true, 100, 250, [&](const Simulation& one) {
-        EXPECT_LE(open / 2, one.taken / 150);
-        EXPECT_LT(noise / 2, one.pace.noise());
-        EXPECT_GT(noise * 2, one.pace.noise());
-      });
+      const double paced =
+          mean_taken(Simulation::UNBOUNDED, latency, noise, true, 100, 250, [&](const Simulation& one) {
+            EXPECT_LE(open / 2, one.taken / 150);
+            EXPECT_LT(noise / 2, one.pace.noise());
+            EXPECT_GT(noise * 2, one.pace.noise());
+          });
       EXPECT_LE(0.9 * open, paced);
       // With what it costs to find out.
       EXPECT_LE(0.5 * open, mean_taken(Simulation::UNBOUNDED, latency, noise, true, 0, 60, none));

@@ -121,6 +121,7 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
     return report(std::move(outcome));
   }
   ledger.listing_succeeded(path);
+  ledger.page_shown(path, content.truncated);
   // Whoever lists goes on with a C string, and would come to another prefix.
   std::erase_if(content.common_prefixes, [&](const std::string& prefix) {
     if (prefix.find('\0') == std::string::npos)

@@ -12,7 +12,8 @@
 namespace s3 {
 
 /// Threads that do parts of the work of the thread that makes this, for that one's job, until they are told to stop.
-/// What they work on is guarded by the owner's lock, and they wait for more at the owner's condition; both outlive this.
+/// What they work on is guarded by the owner's lock, and they wait for more at the owner's condition; both outlive
+/// this.
 ///
 /// `start`, `count` and `stop` are for the owner's one thread; the others are for any.
 class Side_Threads {

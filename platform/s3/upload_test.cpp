@@ -1,7 +1,7 @@
 #include "platform/s3/client_fixture.h"
 
-#include "platform/s3/upload.h"
 #include "platform/s3/part_plan.h"
+#include "platform/s3/upload.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
