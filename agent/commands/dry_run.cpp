@@ -100,7 +100,7 @@ void dry_run(Context& context, const Account& account, const Selection& selectio
   json["bytes"] = run.bytes;
   json["excluded"] = run.excluded;
   json["skipped"] = run.skipped;
-  context.print(json, std::to_string(run.objects) + " objects, " + human_bytes(run.bytes) +
-                          " would be backed up; " + std::to_string(run.excluded) + " listed ones excluded, " +
-                          std::to_string(run.skipped) + " skipped");
+  context.print(json, std::to_string(run.objects) + " objects, " + human_bytes(run.bytes) + " would be backed up; " +
+                          std::to_string(run.excluded) + " listed ones excluded, " + std::to_string(run.skipped) +
+                          " skipped");
 }

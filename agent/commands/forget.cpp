@@ -308,16 +308,18 @@ private:
   const Forget_Arguments& arguments_;
   Pool pool_;
   std::vector<Set_Lock> locks_;
-  std::set<std::string> busy_;    ///< places where a run is under way
-  std::vector<Candidate> sets_;   ///< oldest first
+  std::set<std::string> busy_;     ///< places where a run is under way
+  std::vector<Candidate> sets_;    ///< oldest first
   std::set<std::string> replaced_; ///< by merged sets, and not dropped yet
-  std::set<std::string> orphans_; ///< what removed sets pointed into
-  std::set<std::string> decided_; ///< uuids of the sets that the rules were applied to
+  std::set<std::string> orphans_;  ///< what removed sets pointed into
+  std::set<std::string> decided_;  ///< uuids of the sets that the rules were applied to
 };
 
 void forget(Context& context, Forget_Arguments arguments) {
   if (!arguments.within.empty() && !parse_retention_time(arguments.within, arguments.rules.within))
-    throw Command_Error("--keep-within '" + arguments.within + "' is no time: give 36h, 30d, 8w, 6m (months), 2y or several in a row", EXIT_USAGE);
+    throw Command_Error("--keep-within '" + arguments.within +
+                            "' is no time: give 36h, 30d, 8w, 6m (months), 2y or several in a row",
+                        EXIT_USAGE);
   if (!arguments.rules.any())
     throw Command_Error("no rule says what to keep: give --keep-last or another --keep- option", EXIT_USAGE);
   const std::string account = arguments.account.empty() ? std::string() : context.account(arguments.account).uuid;
@@ -384,6 +386,7 @@ void add_forget_command(CLI::App& app, Context& context) {
                    "Keep all that are at most so much older than the newest: a number and h, d, w, m (31 days) or "
                    "y (366 days), several in a row add up: 36h, 30d, 1y6m")
       ->type_name("TIME");
-  command->add_flag("--dry-run", arguments->dry_run, "Remove nothing: list what would be removed and what would be kept, and why");
+  command->add_flag("--dry-run", arguments->dry_run,
+                    "Remove nothing: list what would be removed and what would be kept, and why");
   command->callback([&context, arguments] { forget(context, *arguments); });
 }

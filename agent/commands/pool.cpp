@@ -138,8 +138,8 @@ void show(Context& context, const std::string& name) {
   json_spirit::Object json = pool_json(entry);
   json["sets"] = static_cast<unsigned long long>(sets.size());
   json["storage_size"] = stored;
-  std::string text = entry.name + "  " + entry.url + "  " + entry.uuid + (pool.encrypted() ? "  encrypted" : "") + "\n" + std::to_string(sets.size()) +
-                     " sets, " + human_bytes(stored) + " stored\n";
+  std::string text = entry.name + "  " + entry.url + "  " + entry.uuid + (pool.encrypted() ? "  encrypted" : "") +
+                     "\n" + std::to_string(sets.size()) + " sets, " + human_bytes(stored) + " stored\n";
   json_spirit::Array problems;
   for (const std::string& error : errors) {
     problems.push_back(error);
@@ -163,7 +163,8 @@ void change(Context& context, const Pool_Arguments& arguments) {
   if (!context.store().update_pool(entry, error))
     throw Command_Error(error);
   if (!reconcile_sets(context.store(), entry.uuid, std::string(), error))
-    throw Command_Error("pool '" + entry.name + "' is at " + entry.url + " now, but its sets cannot be taken up: " + error);
+    throw Command_Error("pool '" + entry.name + "' is at " + entry.url +
+                        " now, but its sets cannot be taken up: " + error);
   context.print(pool_json(entry), "pool '" + entry.name + "' is at " + entry.url + " now");
 }
 
@@ -232,14 +233,17 @@ void add_pool_commands(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Pool_Arguments>();
   const auto add_secret = [arguments](CLI::App* command) {
     CLI::Option* passphrase =
-        command->add_option("--passphrase-file", arguments->passphrase_file, "File with the passphrase; -: standard input")
+        command
+            ->add_option("--passphrase-file", arguments->passphrase_file, "File with the passphrase; -: standard input")
             ->type_name("FILE");
-    command->add_option("--key-file", arguments->key_file, "File of 32 bytes or more that is the key; -: standard input")
+    command
+        ->add_option("--key-file", arguments->key_file, "File of 32 bytes or more that is the key; -: standard input")
         ->type_name("FILE")
         ->excludes(passphrase);
   };
 
-  CLI::App* add_command = pool->add_subcommand("add", "Make a pool in an empty folder, or take up the one that is there");
+  CLI::App* add_command =
+      pool->add_subcommand("add", "Make a pool in an empty folder, or take up the one that is there");
   add_command->add_option("name", arguments->name, "Name to call it by")->required()->type_name("NAME");
   add_command->add_option("url", arguments->url, "file:///FOLDER")->required()->type_name("URL");
   add_command->add_flag("--encrypt", arguments->encrypt, "Encrypt what a new pool holds: contents, names and sizes");
@@ -258,14 +262,14 @@ void add_pool_commands(CLI::App& app, Context& context) {
   remove_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
   remove_command->callback([&context, arguments] { remove(context, arguments->name); });
 
-  CLI::App* unlock_command =
-      pool->add_subcommand("unlock", "Give the key of an encrypted pool again, when the one that is kept cannot be used");
+  CLI::App* unlock_command = pool->add_subcommand(
+      "unlock", "Give the key of an encrypted pool again, when the one that is kept cannot be used");
   unlock_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
   add_secret(unlock_command);
   unlock_command->callback([&context, arguments] { unlock(context, *arguments); });
 
-  CLI::App* rekey_command =
-      pool->add_subcommand("rekey", "Give an encrypted pool another passphrase or key file; what it holds stays as it is");
+  CLI::App* rekey_command = pool->add_subcommand(
+      "rekey", "Give an encrypted pool another passphrase or key file; what it holds stays as it is");
   rekey_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
   add_secret(rekey_command);
   rekey_command->callback([&context, arguments] { rekey(context, *arguments); });

@@ -14,8 +14,8 @@
 namespace {
 
 /// Keeps the run in the agent's database. The run itself is over: a failure here is only worth a line.
-void record_activity(Context& context, const std::string& id, const std::string& definition_id,
-                     const std::string& type, time_t start, const Outcome& outcome) {
+void record_activity(Context& context, const std::string& id, const std::string& definition_id, const std::string& type,
+                     time_t start, const Outcome& outcome) {
   Activity activity;
   activity.id = id;
   activity.definition_id = definition_id;
