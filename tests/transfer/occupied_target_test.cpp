@@ -108,7 +108,10 @@ TEST_P(Unseen_Target, one_that_is_seen_to_be_missing_is_written) {
   EXPECT_EQ("old 5", server.get("bucket", key(5)));
 }
 
-INSTANTIATE_TEST_SUITE_P(policies, Unseen_Target, testing::Values(OBS_PCT_EXISTING_SKIP, OBS_PCT_EXISTING_NEWEST));
+INSTANTIATE_TEST_SUITE_P(policies, Unseen_Target, testing::Values(OBS_PCT_EXISTING_SKIP, OBS_PCT_EXISTING_NEWEST),
+                         [](const testing::TestParamInfo<OBS_PATH_CONVERTER_TYPE>& info) {
+                           return std::string(info.param == OBS_PCT_EXISTING_SKIP ? "skip" : "newest");
+                         });
 
 /// How a target refuses to be written: what it says is the reason in the outcome.
 struct Refusal {

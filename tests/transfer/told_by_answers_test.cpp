@@ -50,6 +50,7 @@ TEST_F(Told_By_Answers, nothing_is_said_where_tags_were_asked_for_or_there_are_n
   EXPECT_EQ(2u, figure("saved"));
   EXPECT_EQ("", reason("/"));
   // Those that were refused are named with their object, once.
+  server.remove("bucket", "plain");
   new_job();
   server.configure([](s3_testing::S3_Server_Settings& s) { s.object_attributes = false; });
   ASSERT_TRUE(backup()) << failure;
