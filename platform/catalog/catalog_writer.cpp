@@ -1,6 +1,7 @@
 #include "platform/catalog/catalog_writer.h"
 
 #include "platform/catalog/catalog_db.h"
+#include "platform/catalog/catalog_sum.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -332,7 +333,8 @@ private:
     for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &deletion_, &set_,
                                          &meta_, &attributes_id_, &add_attributes_})
       *statement = Catalog_Statement();
-    return db_.close(error) && sync_path(path_, O_RDWR, error) && sync_path(folder_, O_RDONLY | O_DIRECTORY, error);
+    return db_.close(error) && sync_path(path_, O_RDWR, error) && sync_path(folder_, O_RDONLY | O_DIRECTORY, error) &&
+           write_catalog_sum(folder_, error);
   }
 
   const std::string folder_;

@@ -2,6 +2,7 @@
 
 #include "platform/catalog/catalog_reader.h"
 #include "platform/catalog/catalog_staging.h"
+#include "platform/catalog/catalog_sum.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
@@ -234,14 +235,18 @@ private:
 
   bool install(std::string& error) {
     const std::string path = folder_ + "/" + catalog::FILE_NAME;
+    if (!drop_catalog_sum(folder_, error))
+      return false;
     if (::rename((work_ + "/" + catalog::FILE_NAME).c_str(), path.c_str()) != 0) {
       error = "cannot write " + path + ": " + std::strerror(errno);
       return false;
     }
     for (const char* const suffix : {"-journal", "-wal", "-shm"})
       ::unlink((path + suffix).c_str());
-    ::rmdir(work_.c_str());
-    return sync_folder(folder_, error) && write_set_record(folder_, report_.record, error);
+    std::error_code ignored;
+    fs::remove_all(work_, ignored);
+    return sync_folder(folder_, error) && write_catalog_sum(folder_, error) &&
+           write_set_record(folder_, report_.record, error);
   }
 
   const Pool& pool_;

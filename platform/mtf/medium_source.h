@@ -62,8 +62,8 @@ struct Medium_Stream {
 /// Reads the stream header at `offset`, aligned. False with the reason, when its checksum does not hold or its data
 /// leave the medium.
 bool read_stream(Medium_Window& window, unsigned long long offset, Medium_Stream& stream, std::string& error);
-/// Reads the block header at `offset` and checks what every block of these media must hold: checksum, address, string
-/// and OS types, the place of its streams. False with the reason.
+/// Reads the block header at `offset` and checks what every block of these media must hold: checksum, address, the
+/// place of its streams. False with the reason.
 bool read_block(Medium_Window& window, unsigned long long offset, Dblk_Header& header, std::string& error);
 /// Whether all `size` bytes at `offset` are zero; `bad` is the first that is not.
 bool all_zero(Medium_Window& window, unsigned long long offset, unsigned long long size, unsigned long long& bad);

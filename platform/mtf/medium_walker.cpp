@@ -1,6 +1,7 @@
 #include "platform/mtf/medium_walker.h"
 
 #include "platform/mtf/medium_object.h"
+#include "platform/mtf/medium_rules.h"
 #include "platform/mtf/set_copy.h"
 
 #include <xxhash.h>
@@ -34,6 +35,10 @@ bool descriptor_holds(Medium_Window& window, unsigned long long offset, const Db
 
 void Medium_Walker::damage(unsigned long long offset, unsigned long long length, const std::string& what) {
   whole_ = false;
+  tell_damage(offset, length, what);
+}
+
+void Medium_Walker::tell_damage(unsigned long long offset, unsigned long long length, const std::string& what) {
   Medium_Finding finding;
   finding.kind = Medium_Finding::DAMAGE;
   finding.offset = offset;
@@ -47,6 +52,31 @@ void Medium_Walker::check_zero(unsigned long long offset, unsigned long long end
   unsigned long long bad = 0;
   if (end > offset && !all_zero(window_, offset, end - offset, bad))
     damage(bad, 1, "the padding at " + std::to_string(bad) + " is not zero; no content is affected");
+}
+
+void Medium_Walker::broken_rule(unsigned long long offset, const std::string& what) {
+  if (content_ && !what.empty())
+    tell_damage(offset, STREAM_ALIGNMENT, what + "; readers elsewhere may be led astray, no content is affected");
+}
+
+void Medium_Walker::check_block_rules(const Dblk_Header& header) {
+  const unsigned char* const block = content_ ? window_.at(at_, header.first_event) : nullptr;
+  if (block == nullptr)
+    return;
+  broken_rule(at_, broken_block_rule(header, block));
+  Medium_Stream first;
+  std::string ignored;
+  if (read_stream(window_, at_ + header.first_event, first, ignored))
+    broken_rule(first.offset, broken_stream_rule(header.type, first.header));
+}
+
+// Some readers look for blocks at every boundary behind any block but FILE.
+void Medium_Walker::check_boundaries(unsigned long long offset, unsigned long long end) {
+  for (unsigned long long at = (offset + FLB - 1) / FLB * FLB; content_ && at < end && !stopped_; at += FLB) {
+    const unsigned char* const bytes = window_.at(at, 4);
+    if (bytes != nullptr && is_dblk_type(get32(bytes)))
+      broken_rule(at, "inside a block " + four_text(get32(bytes)) + " seems to begin");
+  }
 }
 
 // What comes first and last stands fixed; between them directories and objects follow in any order.
@@ -127,6 +157,8 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
     Medium_Stream stream;
     if (!read_stream(window_, offset, stream, reason_))
       return false;
+    broken_rule(offset, broken_stream_rule(header.type, stream.header));
+    check_boundaries(offset, stream.data());
     if (stream.header.id == SPAD) {
       next_ = stream.data() + stream.header.length;
       if (stream.header.length >= FLB || next_ % FLB != 0) {
@@ -138,6 +170,7 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
     }
     const size_t length = static_cast<size_t>(std::min<uint64_t>(stream.header.length, 64 * 1024));
     const unsigned char* data = window_.at(stream.data(), length);
+    const unsigned long long behind = stream.data() + stream.header.length;
     Medium_Self self;
     Medium_Key key;
     Medium_Totals totals;
@@ -162,9 +195,13 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
       reason_ = "the stream " + four_text(stream.header.id) + " does not match its check";
       return false;
     }
-    check_zero(stream.data() + stream.header.length, stream.next());
+    check_boundaries(stream.data(), behind);
+    check_zero(behind, stream.next());
     offset = stream.next();
   }
+  if ((header.type == TAPE || header.type == SSET) && next_ - at_ != FLB)
+    broken_rule(at_, "the block " + four_text(header.type) + " takes more than one logical block");
+  check_block_rules(header);
   numbered(header);
   if (header.type == ESET)
     set_ended_ = true;
@@ -276,6 +313,8 @@ bool Medium_Walker::object() {
   if (!object_streams(start, end))
     return false;
   if (read_block(window_, at_, header, ignored) && start.block_holds) {
+    check_block_rules(header);
+    broken_rule(start.content.offset, broken_stream_rule(FILE_, start.content.header));
     const unsigned char* block = window_.at(at_, header.first_event);
     const uint32_t directory = get32(block + 76);
     const uint32_t file = get32(block + 80);

@@ -5,7 +5,8 @@
 
 /// Goes through a medium from its first block to its last and holds everything against what must stand there:
 /// checksums, checks, addresses, numbers, order of the blocks, filemarks, padding. Behind damage it goes on with the
-/// next block that holds. One walk, one thread.
+/// next block that holds. With `content` it reads the contents too, and tells what would lead independent readers
+/// astray though nothing is damaged. One walk, one thread.
 class Medium_Walker {
 public:
   typedef std::function<bool(const Medium_Finding&)> Found;
@@ -37,9 +38,13 @@ private:
   bool in_order(uint32_t type);
   void numbered(const Dblk_Header& header);
   void check_zero(unsigned long long offset, unsigned long long end);
+  void check_boundaries(unsigned long long offset, unsigned long long end);
+  void check_block_rules(const Dblk_Header& header);
+  void broken_rule(unsigned long long offset, const std::string& what);
   bool holds(unsigned long long offset);
   unsigned long long resynchronise();
   void damage(unsigned long long offset, unsigned long long length, const std::string& what);
+  void tell_damage(unsigned long long offset, unsigned long long length, const std::string& what);
   void tell(const Medium_Finding& finding) { stopped_ = stopped_ || !found_(finding); }
 
   std::shared_ptr<Medium_Source> source_;

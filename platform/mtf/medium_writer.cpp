@@ -343,7 +343,7 @@ bool File_Medium_Writer::finish(const Set_Copy* copy) {
     return false;
   if (copy != nullptr) {
     std::string why;
-    if (!write_set_copy(*copy, [this](const std::string& piece) { return put(piece); }, why))
+    if (!write_set_copy(*copy, file_.size(), [this](const std::string& piece) { return put(piece); }, why))
       return fail(why);
     scratch_.clear();
     append_spad(scratch_, file_.size());

@@ -1,6 +1,7 @@
 #include "platform/mtf/merge.h"
 
 #include "platform/catalog/catalog_moves.h"
+#include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/medium_writer.h"
@@ -320,7 +321,8 @@ private:
     const Catalog_Set self{0, options_.uuid, uri_, newest_.seq};
     const bool linked = relink_catalog(catalog_, *moves_, self, true, error);
     moves_.reset();
-    if (!linked || !catalog_.execute("DROP TABLE temp.live", error) || !finish_catalog_copy(catalog_, folder_, error))
+    if (!linked || !catalog_.execute("DROP TABLE temp.live", error) || !finish_catalog_copy(catalog_, folder_, error) ||
+        !write_catalog_sum(folder_, error))
       return false;
     if (!make_record(error))
       return false;
@@ -423,7 +425,7 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
     Catalog_Db db;
     done = copy_catalog(folder, work, db, error, cipher, cipher) &&
            relink_catalog(db, *moves, {0, merged.uuid, merged.uri, merged.seq}, false, error) &&
-           finish_catalog_copy(db, work, error);
+           finish_catalog_copy(db, work, error) && drop_catalog_sum(folder, error);
   }
   if (done &&
       ::rename((work + "/" + catalog::FILE_NAME).c_str(), (folder + "/" + catalog::FILE_NAME).c_str()) != 0) {
@@ -431,7 +433,7 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
     done = false;
   }
   fs::remove_all(work, code);
-  return done && sync_folder(folder, error);
+  return done && sync_folder(folder, error) && write_catalog_sum(folder, error);
 }
 
 /// What is called ".tmp" in a set's folder is nobody's any more: whoever made it has lost the pool.

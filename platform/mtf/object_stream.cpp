@@ -214,8 +214,8 @@ bool parse_attributes(const unsigned char* data, size_t size, Object_Head& head,
   return true;
 }
 
-void Frame::put(unsigned char* at) const {
-  at[0] = STREAM_VERSION;
+void Frame::put(unsigned char* at, unsigned char version) const {
+  at[0] = version;
   at[1] = static_cast<unsigned char>(method | (sealed ? METHOD_SEALED : 0));
   put16(at + 2, 0);
   put32(at + 4, sequence);
@@ -226,14 +226,14 @@ void Frame::put(unsigned char* at) const {
   put_check(at, 32);
 }
 
-bool Frame::parse(const unsigned char* at, std::string& error) {
+bool Frame::parse(const unsigned char* at, std::string& error, unsigned char version) {
   if (!check_holds(at, 32)) {
     error = "a frame's header does not match its check";
     return false;
   }
   sealed = (at[1] & METHOD_SEALED) != 0;
   const unsigned kind = at[1] & ~METHOD_SEALED & 0xFFu;
-  if (at[0] != STREAM_VERSION || kind > FRAME_LZO1X || get16(at + 2) != 0) {
+  if (at[0] != version || kind > FRAME_LZO1X || get16(at + 2) != 0) {
     error = "a frame of an unknown kind";
     return false;
   }

@@ -80,9 +80,10 @@ struct Frame {
 
   /// Bytes behind the header.
   size_t behind() const { return stored + (sealed ? AEAD_TAG : 0); }
-  void put(unsigned char* at) const;
-  /// Reads 40 bytes. False, with the reason, when the header's check does not hold or its sizes cannot be.
-  bool parse(const unsigned char* at, std::string& error);
+  void put(unsigned char* at, unsigned char version = STREAM_VERSION) const;
+  /// Reads 40 bytes. False, with the reason, when the header's check does not hold, its sizes cannot be, or it is of
+  /// another version than `version`.
+  bool parse(const unsigned char* at, std::string& error, unsigned char version = STREAM_VERSION);
 };
 
 /// Digest and chunk checks of a content as it comes. One thread at a time; `begin` makes it ready for the next one.

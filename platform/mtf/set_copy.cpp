@@ -17,7 +17,9 @@ using namespace MTF_Format;
 namespace {
 
 constexpr unsigned RECORD_FIXED = 16; ///< before the record's text
-constexpr uint16_t COPY_VERSION = 1;
+constexpr unsigned char COPY_PLAIN = 1;   ///< version 1: the data as they are
+constexpr unsigned char COPY_GUARDED = 2; ///< with zeros at every FLB boundary
+constexpr unsigned GUARD = 4;             ///< bytes of them: those of a block's type
 constexpr int LEVEL = 1;
 /// How far before the end of a medium its end-of-set block is looked for where the filemarks do not say.
 constexpr unsigned long long SEARCH = 1ull << 30;
@@ -51,11 +53,89 @@ bool is_set_end(Medium_Window& window, unsigned long long offset) {
          descriptor_holds(window, offset, header, streams, ignored);
 }
 
+/// Appends a stream with zeros put in at the FLB boundaries; `out`, which is empty, will stand at `place`. The data
+/// begin behind a header, so not at a boundary, and their first two bytes, the version, are never moved.
+void append_guarded(std::string& out, unsigned long long place, uint32_t id, std::string_view data) {
+  out.assign(STREAM_HEADER, '\0');
+  while (!data.empty()) {
+    const unsigned over = static_cast<unsigned>((place + out.size()) % FLB);
+    if (over == 0)
+      out.append(GUARD, '\0');
+    const size_t piece = std::min<size_t>(data.size(), over == 0 ? FLB - GUARD : FLB - over);
+    out.append(data.substr(0, piece));
+    data.remove_prefix(piece);
+  }
+  put_stream_header(bytes_at(out, 0), id, 0, out.size() - STREAM_HEADER);
+  pad_to(out, STREAM_ALIGNMENT);
+}
+
+/// Takes the zeros out of the `size` bytes at `data`, which stand at `place`. False when they are not zero.
+bool remove_guards(const unsigned char* data, size_t size, unsigned long long place, std::string& out) {
+  static const unsigned char zeros[GUARD] = {};
+  out.clear();
+  out.reserve(size);
+  for (size_t at = 0; at < size;) {
+    const unsigned over = static_cast<unsigned>((place + at) % FLB);
+    if (over == 0) {
+      if (size - at < GUARD || std::memcmp(data + at, zeros, GUARD) != 0)
+        return false;
+      at += GUARD;
+    }
+    const size_t piece = std::min<size_t>(size - at, over == 0 ? FLB - GUARD : FLB - over);
+    out.append(reinterpret_cast<const char*>(data) + at, piece);
+    at += piece;
+  }
+  return true;
+}
+
+/// The data of a stream of the copy as they were before zeros were put in, checked. `bytes` holds until `room` or what
+/// the window shows is changed.
+bool copied_data(Medium_Window& window, const Medium_Stream& stream, std::string& room, std::string_view& bytes,
+                 std::string& error) {
+  const bool chunk = stream.header.id == OBSL;
+  const uint64_t length = stream.header.length;
+  const size_t least = chunk ? FRAME_HEADER : RECORD_FIXED + CHECK;
+  if (length > MAX_PRIVATE_STREAM || length < least) {
+    error = "the stream " + four_text(stream.header.id) + " has a length that cannot be";
+    return false;
+  }
+  const unsigned char* const data = window.at(stream.data(), static_cast<size_t>(length));
+  if (data == nullptr) {
+    error = window.error();
+    return false;
+  }
+  error = "the stream " + four_text(stream.header.id) + " does not match its check";
+  const unsigned char version = data[0];
+  bytes = std::string_view(reinterpret_cast<const char*>(data), static_cast<size_t>(length));
+  if (version == COPY_GUARDED) {
+    if (!remove_guards(data, static_cast<size_t>(length), stream.data(), room) || room.size() < least)
+      return false;
+    bytes = room;
+  }
+  const unsigned char* const at = bytes_of(bytes);
+  bool holds = false;
+  if (chunk) {
+    Frame frame;
+    std::string ignored;
+    holds = frame.parse(at, ignored, version) && bytes.size() == FRAME_HEADER + uint64_t(frame.stored) &&
+            XXH3_64bits(at + FRAME_HEADER, frame.stored) == frame.stored_check;
+  } else {
+    holds = data[1] == 0 && get64(at + bytes.size() - CHECK) == XXH3_64bits(at, bytes.size() - CHECK);
+  }
+  if (holds && version != COPY_GUARDED && version != COPY_PLAIN) {
+    error = "the stream " + four_text(stream.header.id) + " has the unknown version " + std::to_string(version);
+    return false;
+  }
+  return holds;
+}
+
 } // namespace
 
 // OBSR: 0 version 2 | 2 zero 2 | 4 chunks 4 | 8 bytes of the catalog 8 | 16 text | XXH3-64 of all before
 // OBSL: a frame, as in OBSZ
-bool write_set_copy(const Set_Copy& copy, const std::function<bool(const std::string&)>& put, std::string& error) {
+// Zeros are put in afterwards.
+bool write_set_copy(const Set_Copy& copy, unsigned long long place, const std::function<bool(const std::string&)>& put,
+                    std::string& error) {
   const std::unique_ptr<std::FILE, Close_File> file(std::fopen(copy.catalog.c_str(), "rb"));
   unsigned long long size = 0;
   if (file && fseeko(file.get(), 0, SEEK_END) == 0) {
@@ -68,7 +148,7 @@ bool write_set_copy(const Set_Copy& copy, const std::function<bool(const std::st
     return false;
   }
   unsigned char fixed[RECORD_FIXED] = {};
-  put16(fixed, COPY_VERSION);
+  put16(fixed, COPY_GUARDED);
   put32(fixed + 4, static_cast<uint32_t>(chunk_count(size)));
   put64(fixed + 8, size);
   std::string data(reinterpret_cast<const char*>(fixed), sizeof fixed);
@@ -77,10 +157,10 @@ bool write_set_copy(const Set_Copy& copy, const std::function<bool(const std::st
   put64(check, XXH3_64bits(data.data(), data.size()));
   data.append(reinterpret_cast<const char*>(check), sizeof check);
   std::string out;
-  append_stream(out, OBSR, data);
-  pad_to(out, STREAM_ALIGNMENT);
+  append_guarded(out, place, OBSR, data);
   if (!put(out))
     return false;
+  place += out.size();
 
   std::string plain(CHUNK, '\0');
   std::string packed(Codec::bound(FRAME_ZSTD, CHUNK), '\0');
@@ -100,41 +180,21 @@ bool write_set_copy(const Set_Copy& copy, const std::function<bool(const std::st
     const char* const stored = pays ? packed.data() : plain.data();
     frame.plain_check = XXH3_64bits(plain.data(), frame.plain);
     frame.stored_check = XXH3_64bits(stored, frame.stored);
-    unsigned char header[FRAME_HEADER];
-    frame.put(header);
-    out.clear();
-    append_stream_header(out, OBSL, 0, FRAME_HEADER + frame.stored);
-    out.append(reinterpret_cast<const char*>(header), sizeof header);
-    out.append(stored, frame.stored);
-    pad_to(out, STREAM_ALIGNMENT);
+    data.assign(FRAME_HEADER, '\0');
+    frame.put(bytes_at(data, 0), COPY_GUARDED);
+    data.append(stored, frame.stored);
+    append_guarded(out, place, OBSL, data);
     if (!put(out))
       return false;
+    place += out.size();
   }
   return true;
 }
 
 bool set_copy_holds(Medium_Window& window, const Medium_Stream& stream, std::string& error) {
-  const uint64_t length = stream.header.length;
-  if (length > MAX_PRIVATE_STREAM || length < (stream.header.id == OBSL ? FRAME_HEADER : RECORD_FIXED + CHECK)) {
-    error = "the stream " + four_text(stream.header.id) + " has a length that cannot be";
-    return false;
-  }
-  const unsigned char* const data = window.at(stream.data(), static_cast<size_t>(length));
-  if (data == nullptr) {
-    error = window.error();
-    return false;
-  }
-  if (stream.header.id == OBSL) {
-    Frame frame;
-    if (frame.parse(data, error) && length == FRAME_HEADER + uint64_t(frame.stored) &&
-        XXH3_64bits(data + FRAME_HEADER, frame.stored) == frame.stored_check)
-      return true;
-  } else if (get16(data) == COPY_VERSION &&
-             get64(data + length - CHECK) == XXH3_64bits(data, static_cast<size_t>(length - CHECK))) {
-    return true;
-  }
-  error = "the stream " + four_text(stream.header.id) + " does not match its check";
-  return false;
+  std::string room;
+  std::string_view bytes;
+  return copied_data(window, stream, room, bytes, error);
 }
 
 bool find_set_end(Medium_Window& window, unsigned long long size, unsigned long long& offset, std::string& error) {
@@ -171,22 +231,23 @@ bool read_set_copy(const std::string& path, std::string& record, const std::func
     uint32_t sequence = 0;
     bool there = false;
     std::string plain(CHUNK, '\0');
+    std::string room;
     const auto stream = [&](const Medium_Stream& one) {
       if (one.header.id != OBSR && one.header.id != OBSL)
         return true;
-      if (!set_copy_holds(window, one, error))
+      std::string_view bytes;
+      if (!copied_data(window, one, room, bytes, error))
         return false;
-      const unsigned char* const data = window.at(one.data(), static_cast<size_t>(one.header.length));
+      const unsigned char* const data = bytes_of(bytes);
       if (one.header.id == OBSR) {
         there = true;
         chunks = get32(data + 4);
         size = get64(data + 8);
-        record.assign(reinterpret_cast<const char*>(data) + RECORD_FIXED,
-                      static_cast<size_t>(one.header.length) - RECORD_FIXED - CHECK);
+        record.assign(bytes.substr(RECORD_FIXED, bytes.size() - RECORD_FIXED - CHECK));
         return true;
       }
       Frame frame;
-      if (!frame.parse(data, error))
+      if (!frame.parse(data, error, data[0]))
         return false;
       const char* const stored = reinterpret_cast<const char*>(data) + FRAME_HEADER;
       // An encrypted catalog does not shrink.

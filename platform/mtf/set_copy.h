@@ -8,6 +8,9 @@
 // A set's first medium ends with a copy of what lies beside the media: the set's record, as far as the run knew it, and
 // its catalog. So a set can be made whole again from its media alone, whatever sets its data lie in. The copy stands in
 // streams of the end-of-set block: OBSR the record, then OBSL one chunk of the catalog's file each.
+//
+// Some readers step from FLB to FLB behind this block and take whatever begins like a block for one. So four zero bytes
+// are put in wherever the data of these streams come to an FLB boundary. Media of the first version have none.
 
 /// What is to be copied.
 struct Set_Copy {
@@ -15,9 +18,10 @@ struct Set_Copy {
   std::string catalog; ///< path of the catalog's file, closed
 };
 
-/// Writes the streams of `copy` through `put`, which gets them piece by piece, each a multiple of 4 bytes long and
-/// beginning at a multiple of 4 of the medium. False with the reason. Throws std::bad_alloc.
-bool write_set_copy(const Set_Copy& copy, const std::function<bool(const std::string&)>& put, std::string& error);
+/// Writes the streams of `copy` through `put`, which gets them piece by piece, each a multiple of 4 bytes long. The first
+/// one will stand at `place` of the medium, a multiple of 4. False with the reason. Throws std::bad_alloc.
+bool write_set_copy(const Set_Copy& copy, unsigned long long place, const std::function<bool(const std::string&)>& put,
+                    std::string& error);
 
 /// Whether the data of an OBSR or OBSL stream hold together, which `data` begins with.
 bool set_copy_holds(Medium_Window& window, const Medium_Stream& stream, std::string& error);

@@ -1,5 +1,6 @@
 #include "platform/mtf/verify.h"
 
+#include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
@@ -161,6 +162,25 @@ private:
     return place;
   }
 
+  /// What the catalog says of an object, beside its content, that the medium says otherwise; empty when they agree.
+  std::string difference(const Catalog_Object& object, const Stored_Reading& reading) const {
+    const Object_Head& head = reading.head();
+    // What only one object has is not handed out here; the catalog's check covers it.
+    if (reading.attributes().common != object.attributes.common)
+      return "its attributes on the medium are not those of the catalog";
+    if (head.mtime != object.mtime)
+      return "its modification time on the medium (" + std::to_string(head.mtime) + ") is not that of the catalog (" +
+             std::to_string(object.mtime) + ")";
+    if (reading.stored() != object.stored)
+      return "it takes " + std::to_string(reading.stored()) + " bytes on the medium instead of " +
+             std::to_string(object.stored);
+    // Where it was taken over from another set, it has had another place in that one's listing.
+    if (object.set == 0 && head.ordinal != object.ordinal)
+      return "its number on the medium (" + std::to_string(head.ordinal) + ") is not that of the catalog (" +
+             std::to_string(object.ordinal) + ")";
+    return std::string();
+  }
+
   void settle(const Media_Task& task, bool good, const Stored_Reading& reading, unsigned long long bytes) {
     std::lock_guard<std::mutex> guard(mutex_);
     Verify_Report::Place& place = place_of(task.object);
@@ -171,8 +191,8 @@ private:
     std::string problem = reading.error();
     if (good)
       problem = reading.attributes_problem();
-    if (good && problem.empty() && reading.attributes().common != task.object.attributes.common)
-      problem = "its attributes on the medium are not those of the catalog";
+    if (good && problem.empty())
+      problem = difference(task.object, reading);
     if (good && problem.empty()) {
       ++report_.good;
       ++place.good;
@@ -225,6 +245,8 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
   report.objects = catalog->counts().objects;
   std::vector<std::string> catalog_findings;
   if (!catalog->check_pages(error))
+    catalog_findings.push_back(error);
+  else if (!check_catalog_sum(pool.set_folder(record.uri), error))
     catalog_findings.push_back(error);
   Media_Feed feed(pool, record, *catalog);
   if (!feed.hold(report.failure))

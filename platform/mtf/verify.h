@@ -8,7 +8,7 @@
 
 /// An object that a restore would not bring back, or not with all that belongs to it.
 struct Verify_Damage {
-  bool lost = true; ///< its content is; else its attributes are damaged
+  bool lost = true; ///< its content is; else what belongs to it is damaged
   std::string path; ///< "bucket/key"
   unsigned long long size = 0;
   std::string set;    ///< uuid of the set whose media hold its data
@@ -65,7 +65,7 @@ struct Verify_Report {
 };
 
 /// Reads every stored byte of a set and compares it with the set's catalog: every object is there under its own path,
-/// with its size and digest, every medium is complete, and what stands on the set's own media between objects is as it
+/// with its size, digest, modification time and attributes, the catalog matches its check, every medium is complete, and what stands on the set's own media between objects is as it
 /// must be. Objects whose data lie in other sets are read there. With a sample only that part of the objects is read,
 /// and nothing between them. Returns `report.clean()`. Blocks; one call at a time per report.
 bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options& options, Verify_Report& report);

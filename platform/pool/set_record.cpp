@@ -2,6 +2,8 @@
 
 #include "platform/pool/durable_file.h"
 
+#include <openssl/sha.h>
+
 namespace {
 
 using json_spirit::Object;
@@ -177,6 +179,40 @@ bool Set_Record::from_json(const Object& json, Set_Record& record, std::string& 
 
 namespace {
 
+// The check of a record covers all its other members, one of which says that there is a check: so the loss of either
+// name is found.
+constexpr const char* CHECK_MEMBER = "sha256";
+constexpr const char* CHECKED_MEMBER = "checked";
+
+std::string check_of(const Object& json) {
+  const std::string text = json_spirit::write(json);
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
+  std::string digits;
+  for (const unsigned char byte : digest) {
+    digits += "0123456789abcdef"[byte >> 4];
+    digits += "0123456789abcdef"[byte & 15];
+  }
+  return digits;
+}
+
+/// Records of older versions have no check.
+bool check_holds(Object json, std::string& error) {
+  const auto check = json.find(CHECK_MEMBER);
+  if (check == json.end()) {
+    if (json.count(CHECKED_MEMBER) == 0)
+      return true;
+    error = "its check is missing";
+    return false;
+  }
+  const Value said = check->second;
+  json.erase(check);
+  if (said.type() == json_spirit::str_type && said.get_str() == check_of(json))
+    return true;
+  error = "it does not match its check";
+  return false;
+}
+
 bool read_record_file(const std::string& folder, const char* name, Set_Record& record, std::string& error,
                       bool* missing) {
   const std::string path = folder + "/" + name;
@@ -191,7 +227,7 @@ bool read_record_file(const std::string& folder, const char* name, Set_Record& r
   std::string why;
   if (json_spirit::read(text, value, &why)) {
     if (value.type() == json_spirit::obj_type) {
-      if (Set_Record::from_json(value.get_obj(), record, why))
+      if (check_holds(value.get_obj(), why) && Set_Record::from_json(value.get_obj(), record, why))
         return true;
     } else {
       why = "not a JSON object";
@@ -202,7 +238,14 @@ bool read_record_file(const std::string& folder, const char* name, Set_Record& r
 }
 
 std::string record_text(const Set_Record& record) {
-  return json_spirit::write_formatted(record.to_json()) + "\n";
+  Object json = record.to_json();
+  json[CHECKED_MEMBER] = true;
+  // As a reader will have it: numbers may not come back to the last bit.
+  Value read;
+  if (json_spirit::read(json_spirit::write(json), read))
+    json = read.get_obj();
+  json[CHECK_MEMBER] = check_of(json);
+  return json_spirit::write_formatted(json) + "\n";
 }
 
 } // namespace

@@ -223,6 +223,8 @@ class Attributes(harness.Scenario):
         outcome = self.backup("/whole/", "/locked/", "--tags", "--acl", "--channels", "2")
         self.assertEqual(("completed", OBJECTS, 0), (outcome["outcome"], outcome["saved"], outcome["incomplete"]),
                          outcome)
+        self.assert_readable_elsewhere(self.media(outcome["set"]), {
+            ("%s/%s" % (sample.bucket, sample.key)).encode(): sample.body() for sample in samples})
         restored = self.agent("restore", outcome["set"], "--map", "whole=whole-back", "--map", "locked=locked-back",
                               "--json", expect=None).json
         self.assertEqual(("completed", OBJECTS, 0), (restored["outcome"], restored["saved"], restored["incomplete"]),
@@ -247,6 +249,8 @@ class Attributes(harness.Scenario):
         del shown[outcome["set"]]["/whole/" + changed.key]
         self.assertEqual(shown[outcome["set"]], shown[second["set"]])
         self.agent("verify", second["set"])
+        self.assert_readable_elsewhere(self.media(second["set"]),
+                                       {("%s/%s" % (changed.bucket, changed.key)).encode(): changed.body()})
 
     def fill_small(self, bucket, **bucket_options):
         """Twenty objects with everything; their keys."""

@@ -207,6 +207,7 @@ class Encrypted:
         self.assertEqual(44, len(re.findall(r"OBSH .* encrypted", dump)))
         self.assertNotIn("????", dump)
         self.assertNotIn("secret", dump)
+        self.damages_media = True
         with open(medium, "r+b") as file:
             place = int(re.search(r"(\d+) OBSX", dump).group(1)) + 80
             file.seek(place)

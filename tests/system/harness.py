@@ -1,13 +1,20 @@
 """What the system tests share: the program under test, servers to run it against, temporary folders."""
+import collections
+import hashlib
 import json
 import os
+import re
 import shutil
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path.insert(0, os.path.join(ROOT, "tests", "media"))
+import plain_mtf
+
 BUILD = os.environ.get("OBS_BUILD", os.path.join(ROOT, "build"))
 AGENT = os.path.join(BUILD, "bin", "obs-agent")
 SERVER = os.path.join(BUILD, "bin", "s3-test-server")
@@ -126,12 +133,27 @@ class Result:
         return [json.loads(line) for line in self.stdout.splitlines()]
 
 
+def carried(path):
+    """Whether "bucket/key", bytes, stands on media as it is, and not by a substitute."""
+    try:
+        text = path.decode()
+    except UnicodeDecodeError:
+        return False
+    if any(part in ("", ".", "..") or len(part.encode()) > 255 or "\0" in part or re.search("~[0-9a-f]{16}$", part)
+           for part in text.split("/")):
+        return False
+    return len((text.rpartition("/")[0] + "/").encode("utf-16-le")) <= 908
+
+
 class Scenario(unittest.TestCase):
-    """A test with a temporary folder, a state folder in it, and the program."""
+    """A test with a temporary folder, a state folder in it, and the program. In the end the media of all its sets are
+    checked, unless it says that it has damaged some: `damages_media`."""
 
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="obs-agent-test-")
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.damages_media = False
+        self.addCleanup(self.check_all_media)
         self.state = os.path.join(self.folder, "state")
         self.pool = os.path.join(self.folder, "pool")
         self.program = AGENT
@@ -182,6 +204,50 @@ class Scenario(unittest.TestCase):
             if not set_id or os.path.basename(folder) == set_id:
                 found += [os.path.join(folder, name) for name in files if name.endswith(".mtf")]
         return sorted(found)
+
+    def check_all_media(self):
+        """`media check` over every medium of every finished set, and partial set, of all pools of the scenario."""
+        media = []
+        for folder, folders, files in os.walk(self.folder):
+            folders[:] = [name for name in folders if not name.startswith(".removed-")]
+            if "set.json" in files or "partial.json" in files:
+                media += [os.path.join(folder, name) for name in sorted(files) if name.endswith(".mtf")]
+        if self.damages_media or not media:
+            return
+        for first in range(0, len(media), 500):
+            done = subprocess.run([AGENT, "--state", os.path.join(self.folder, "check"), "media", "check", "--json",
+                                   *media[first:first + 500]], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE)
+            lines = [json.loads(line) for line in done.stdout.splitlines()]
+            self.assertEqual((0, []), (done.returncode, [line for line in lines if not line.get("clean")]), done.stderr)
+            self.assertEqual(media[first:first + 500], [line["medium"] for line in lines])
+
+    def assert_readable_elsewhere(self, media, expected):
+        """An independent reader extracts just these objects, {b"bucket/key": content}, from plain media, by the names that
+        media can carry, and the most primitive one finds the same."""
+        wanted = {path: hashlib.sha256(content).hexdigest() for path, content in expected.items()}
+        names = {"OBS/" + path.decode(): digest for path, digest in wanted.items() if carried(path)}
+        found, others = {}, collections.Counter()
+        for number, path in enumerate(media):
+            medium = plain_mtf.Medium(path)
+            self.addCleanup(medium.close)
+            target = tempfile.mkdtemp(dir=self.folder)
+            files = [("/".join([device] + folder + [name]), size, offset)
+                     for device, folder, name, size, _, offset in medium.files()]
+            self.assertEqual(files, [("/".join([device] + folder + [name]), size, offset)
+                                     for device, folder, name, size, offset in medium.steps()], path)
+            for name, file in medium.extract(target):
+                with open(file, "rb") as content:
+                    digest = hashlib.sha256(content.read()).hexdigest()
+                if name in names:
+                    self.assertNotIn(name, found)
+                    found[name] = digest
+                else:
+                    self.assertRegex(name, "~[0-9a-f]{16}(/|$)")
+                    others[digest] += 1
+            shutil.rmtree(target)
+        self.assertEqual(names, found)
+        self.assertEqual(collections.Counter(digest for path, digest in wanted.items() if not carried(path)), others)
 
     def assert_account_adds_up(self, outcome):
         self.assertEqual(outcome["listed"], sum(outcome[figure] for figure in FIGURES), outcome)

@@ -107,6 +107,7 @@ class Merge(harness.Scenario):
             self.assert_whole(set_id)
 
     def test_damaged_object_is_named_and_nothing_changes(self):
+        self.damages_media = True
         sets = self.chain()
         hits = 0
         for medium in self.media(sets[2]):   # whichever channel has stored it

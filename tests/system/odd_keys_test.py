@@ -92,6 +92,8 @@ class Odd_Keys(harness.Scenario):
         self.assertEqual((len(keys), len(saved), len(folders)),
                          (outcome["listed"], outcome["saved"], outcome["skipped"]), outcome["errors"][:10])
         self.agent("verify", outcome["set"])
+        self.assert_readable_elsewhere(self.media(outcome["set"]),
+                                       {b"keys/" + key: b"content of " + key for key in saved})
 
         restored = self.agent("restore", outcome["set"], "--map", "keys=target", "--json").json
         self.assertEqual(len(saved), restored["saved"], restored["errors"][:10])

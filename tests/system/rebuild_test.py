@@ -90,6 +90,7 @@ class Rebuild(harness.Scenario):
         self.assertEqual(self.contents(self.server, "bucket"), self.contents(self.server, "target"))
 
     def test_without_the_copy_the_catalog_is_what_the_media_hold(self):
+        self.damages_media = True
         full, incremental = self.chain()
         before = self.listing(full)
         for set_id, exact_objects in ((full, 400), (incremental, 2)):
@@ -111,6 +112,7 @@ class Rebuild(harness.Scenario):
         self.assertEqual(2, len(listed.splitlines()))
 
     def test_catalogs_answer_the_same_after_a_rebuild_from_media(self):
+        self.damages_media = True
         full = self.backup("/bucket/", "--channels", "3")["set"]
         folder = self.folder_of(full)
         path = os.path.join(folder, "catalog.db")

@@ -41,6 +41,8 @@ class Round_Trip(harness.Scenario):
 
     def test_every_compression_over_http_and_tls_with_both_signatures_is_exact(self):
         combinations = list(itertools.product(["none", "zstd", "lzop"], ["http", "tls"], ["v4", "v2"]))
+        source = {b"source/" + key.encode(): content for key, content in self.contents(self.server, "source").items()
+                  if not key.endswith("/")}
         for number, (compression, transport, signature) in enumerate(combinations):
             with self.subTest(compression=compression, transport=transport, signature=signature):
                 self.state = os.path.join(self.folder, "state-%d" % number)
@@ -48,8 +50,10 @@ class Round_Trip(harness.Scenario):
                 account = {"sign_method": signature}
                 if transport == "tls":
                     account.update(endpoint=self.server.tls_endpoint, ca_file=self.server.ca)
-                self.round_trip("target-%d" % number, account,
-                                ["--compression", compression, "--channels", str(1 + number % 4)])
+                outcome = self.round_trip("target-%d" % number, account,
+                                          ["--compression", compression, "--channels", str(1 + number % 4)])
+                if compression == "none":
+                    self.assert_readable_elsewhere(self.media(outcome["set"]), source)
 
     def test_automatic_compression_is_exact(self):
         self.round_trip("target-auto", {}, ["--compression", "auto", "--channels", "4"])

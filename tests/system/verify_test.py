@@ -45,6 +45,7 @@ class Verify:
         return self.agent("verify", set_id, "--json", *arguments, expect=expect).json_lines
 
     def test_damaged_objects_are_named_and_a_restore_lacks_just_these(self):
+        self.damages_media = True
         made = self.backup("/%s/" % self.bucket, "--channels", "1")["set"]
         medium, = self.media()
         size = os.path.getsize(medium)
