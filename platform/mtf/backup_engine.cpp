@@ -119,8 +119,8 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
-  std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
-  std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
+  std::unique_ptr<Backup_Base> base;       ///< null: every object is stored
+  std::unique_ptr<Partial_Sets> partial;   ///< null: there is nothing to go on with
   std::unique_ptr<Counting_Filter> filter; ///< null: everything passes
   std::unique_ptr<Listing_Events> events;
   bool listing_over = false;
@@ -387,27 +387,16 @@ bool Backup_Engine::Impl::write_objects() {
 
 /// What is known of the set's record before it is written: all but the sizes of the media.
 std::string Backup_Engine::Impl::copied_record() {
-  Set_Record record;
+  Set_Record record = describe_set(metadata);
   record.uuid = order.uuid;
   record.uri = uri;
-  record.host_uuid = metadata.host_uuid;
-  record.minor_resource_id = metadata.minor_resource_id;
-  record.minor_resource_name = metadata.minor_resource_name;
-  record.resource_uuid = metadata.resource_uuid;
-  record.definition_uuid = metadata.definition_uuid;
-  record.name = metadata.name;
-  record.agent = metadata.agent;
-  record.host = metadata.host;
-  record.type = metadata.type;
   record.incarnation = base ? base->incarnation() : order.uuid;
   if (base)
     record.bases.push_back(base->uuid());
   record.seq = order.seq;
   record.channels = static_cast<unsigned>(channels.size());
-  record.start_time = metadata.start_time;
   record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
   record.source_size = record.backup_set_size = account.saved_bytes();
-  record.encryption = metadata.encryption;
   record.figures = account.figures(ledger.get(), true, seconds_between(begun, Clock::instance().monotonic()));
   std::string error;
   if (!seal_record(order.codec.cipher, record, error))

@@ -159,16 +159,15 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   visit(name);
-  Catalog_Object known;
   std::unique_ptr<Catalog_Object> older;
   if (base_ != nullptr)
-    switch (base_->match(name, size, mtime, known)) {
+    switch (base_->match(name, size, mtime, known_)) {
     case Backup_Base::Match::UNCHANGED:
-      known.ordinal = ordinal_;
+      known_.ordinal = ordinal_;
       account_.unchanged();
-      return catalog_.add_object(known);
+      return catalog_.add_object(known_);
     case Backup_Base::Match::CHANGED:
-      older = std::make_unique<Catalog_Object>(known);
+      older = std::make_unique<Catalog_Object>(known_);
       break;
     case Backup_Base::Match::NONE:
       break;
@@ -177,10 +176,10 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     error_ = base_->error();
     return false;
   }
-  if (partial_ != nullptr && partial_->find(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
-    account_.continued(known.size);
-    return catalog_.add_object(known);
+  if (partial_ != nullptr && partial_->find(name, size, mtime, known_)) {
+    known_.ordinal = ordinal_;
+    account_.continued(known_.size);
+    return catalog_.add_object(known_);
   }
   if (partial_ != nullptr && !partial_->error().empty()) {
     error_ = partial_->error();
@@ -229,10 +228,10 @@ bool Backup_Listing::compare(const Unlisted& unlisted, const std::list<std::stri
   const std::vector<std::string> paths = listed_paths(sources);
   bool done = true;
   const auto take_over = [&](const std::string& path) {
-    done = done && base_->not_shown(
-                       path, true,
-                       [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
-                       [this](Catalog_Object& object) { return carry(object); });
+    done = done &&
+           base_->not_shown(
+               path, true, [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
+               [this](Catalog_Object& object) { return carry(object); });
   };
   for (const std::string& one : unlisted.prefixes) {
     std::string path = without_root(one);

@@ -94,5 +94,6 @@ private:
   Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;
   unsigned long long ordinal_ = 0;
+  Catalog_Object known_; ///< its strings' memory serves one object after the other
   std::string error_;
 };

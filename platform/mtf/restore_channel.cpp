@@ -16,15 +16,20 @@ constexpr size_t CHUNK = 1u << 20;
 /// What a channel's buffer may keep between two objects.
 constexpr size_t KEPT_BUFFER = 256u << 10;
 
+struct Released_Buffer {
+  std::vector<char>& buffer;
+  ~Released_Buffer() {
+    if (buffer.capacity() > KEPT_BUFFER)
+      std::vector<char>().swap(buffer);
+  }
+};
+
 } // namespace
 
 void Restore_Channel::run() {
   Media_Task task;
-  while (shared_.wait_while_paused() && shared_.feed->next(task)) {
+  while (shared_.wait_while_paused() && shared_.feed->next(task))
     restore(task);
-    if (buffer_.capacity() > KEPT_BUFFER)
-      std::vector<char>().swap(buffer_);
-  }
 }
 
 void Restore_Channel::skip(const Media_Task& task, const std::string& message) {
@@ -53,8 +58,12 @@ void Restore_Channel::restore(const Media_Task& task) {
   Stored_Reading reading;
   if (!reading.open(task))
     return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
-  const bool whole = object.size <= shared_.whole_object;
-  const size_t first = whole ? static_cast<size_t>(object.size) : std::min<size_t>(CHUNK, shared_.whole_object);
+  const bool whole = object.size <= shared_.memory.bytes();
+  const size_t first = whole ? static_cast<size_t>(object.size) : std::min(CHUNK, shared_.memory.bytes());
+  const Memory_Shares::Share share(shared_.memory, first);
+  const Released_Buffer released{buffer_};
+  if (!shared_.wait_while_paused())
+    return;
   // One byte more, so that the read which finds the end of a whole object, or of an empty one, has a place.
   buffer_.resize(first + 1);
   size_t filled = 0;

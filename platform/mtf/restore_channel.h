@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/mtf/memory_shares.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/run_account.h"
 #include "sdk/mtf/restore_callback.h"
@@ -37,7 +38,9 @@ struct Restore_Shared {
   MTF_FS::IPath_Converter_var converter;
   Media_Feed* feed = nullptr;
   Run_Account* account = nullptr;
-  size_t whole_object = 0;                 ///< objects up to this size are verified whole before anything is touched
+  /// Memory for what is verified before its target is touched: objects whole, or the first chunk of those that are
+  /// larger than all of it.
+  Memory_Shares memory;
   std::function<bool()> wait_while_paused; ///< false once the run has to end
   /// Of the channels only so many write: while these wait for their service, as many others read and verify the next
   /// objects and clear the way for them, which is a request of its own.

@@ -255,7 +255,7 @@ bool Restore_Engine::Impl::restore_objects() {
   shared.converter = order.converter;
   shared.feed = feed.get();
   shared.account = &account;
-  shared.whole_object = std::max<size_t>(order.byte_budget / count, 1);
+  shared.memory.open(order.byte_budget);
   shared.wait_while_paused = [this] { return wait_while_paused(); };
   channels = count;
   const auto failed = [this](const std::string& why) { fail(E_FAILED, "The restore ends: " + why + "."); };

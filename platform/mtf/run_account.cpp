@@ -170,7 +170,8 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
     note("directory", "/", Value(), std::to_string(not_reached) + " listed objects were not reached.");
   const unsigned long long dropped = kept ? 0 : saved_ + unchanged_;
   if (dropped != 0)
-    note("directory", "/", Value(), std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
+    note("directory", "/", Value(),
+         std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
 
   Object result;
   result["listed"] = listed;

@@ -3,11 +3,11 @@
 #include "sdk/job/job.h"
 #include "testing/module/fake_clock.h"
 #include "testing/module/fake_s3.h"
+#include "testing/module/gate.h"
 #include "testing/module/log_sink.h"
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -279,24 +279,6 @@ TEST_F(object_lister, one_worker_without_service_does_not_hinder_the_others) {
   EXPECT_EQ((Keys{"a/1"}), take_all(lister));
   EXPECT_FALSE(lister.broken_off());
 }
-
-/// Waits, on a condition, for what other threads do.
-class Gate {
-public:
-  void change(const std::function<void()>& change) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    change();
-    changed_.notify_all();
-  }
-  bool wait(const std::function<bool()>& condition) {
-    std::unique_lock<std::mutex> guard(lock_);
-    return changed_.wait_for(guard, std::chrono::seconds(60), condition);
-  }
-
-private:
-  std::mutex lock_;
-  std::condition_variable changed_;
-};
 
 TEST_F(object_lister, with_limit_0_nothing_but_the_head_is_listed_while_anything_is_held) {
   for (const char* key : {"a/1", "a/2", "b/1", "c/1"})

@@ -99,6 +99,30 @@ TEST(backup_job_options_parser, text_in_a_list_of_another_option_is_error_9) {
   expect_error_9(R"({"cache_dir":["/tmp"]})");
 }
 
+TEST(backup_job_options_parser, texts_of_an_object_belong_to_its_option) {
+  const Backup_Options parsed(R"({"exclusion":{"x":"a","channels":"b"},"inclusion":{"y":"c"}})");
+  ASSERT_TRUE(parsed.accepted) << parsed.reason;
+  EXPECT_EQ((String_Array{"a", "b"}), parsed.record().exclusion_);
+  EXPECT_EQ((String_Array{"c"}), parsed.record().inclusion_);
+  expect_error_9(R"({"channels":{"x":"a"}})");
+  expect_error_9(R"({"compression_level":{"exclusion":"a"}})");
+}
+
+TEST(backup_job_options_parser, text_for_tags_or_acl_is_skipped_as_for_an_unknown_key) {
+  for (const char* name : {"unknown", "tags", "acl"}) {
+    for (const char* value : {R"("x")", R"(["x"])", R"({"a":"b"})", "5", "null", R"(["x",true])"}) {
+      const std::string option = "\"" + std::string(name) + "\":" + value;
+      const Backup_Options parsed("{" + option + ",\"channels\":2}");
+      EXPECT_TRUE(parsed.accepted) << option << ": " << parsed.reason;
+      EXPECT_EQ(0, parsed.parser.err()) << option;
+      EXPECT_FALSE(parsed.record().tags_ || parsed.record().acl_) << option;
+      EXPECT_EQ(2u, parsed.record().channels_) << option;
+    }
+    expect_error_9("{\"" + std::string(name) + "\":[1]}");
+    expect_error_9("{\"" + std::string(name) + "\":[[\"x\"]]}");
+  }
+}
+
 TEST(backup_job_options_parser, text_three_levels_deep_is_error_9) {
   expect_error_9(R"({"exclusion":[["a"]]})");
   expect_error_9(R"({"unknown":{"a":{"b":"c"}}})");
