@@ -138,7 +138,7 @@ void add_backup_command(CLI::App& app, Context& context) {
   command->add_option("--scan-threads", arguments->scan_threads, "Prefixes listed at the same time")
       ->check(CLI::Range(1, 256))
       ->capture_default_str();
-  command->add_option("--compression", arguments->compression, "none, auto, lzop or zstd")
+  command->add_option("--compression", arguments->compression, "none, zstd, lzop, or auto: zstd for objects that shrink by a tenth at least")
       ->check(CLI::IsMember({"none", "auto", "lzop", "zstd"}))
       ->capture_default_str();
   command->add_option("--compression-level", arguments->compression_level, "1 (fast) to 19 (small), for zstd")
@@ -149,14 +149,17 @@ void add_backup_command(CLI::App& app, Context& context) {
                       "thaw them, skip them this time)")
       ->check(CLI::IsMember({"skip", "fail", "request"}))
       ->capture_default_str();
-  command->add_option("--exclude", arguments->exclusions, "Leave out what matches; may be repeated")
+  command->add_option("--exclude", arguments->exclusions, "Leave out paths that match, as *.tmp, cache/ or /bucket/logs/**; may be repeated")
       ->type_name("RULE")
       ->allow_extra_args(false);
-  command->add_option("--include", arguments->inclusions, "Take in what matches; may be repeated")
+  command->add_option("--include", arguments->inclusions, "Take in what matches, though excluded; alone: nothing else; may be repeated")
       ->type_name("RULE")
       ->allow_extra_args(false);
   command->add_flag("--tags", arguments->tags, "Ask for each object's tags (a request each, where it may have some)");
   command->add_flag("--acl", arguments->acl, "Ask for each object's access list (a request each)");
-  command->add_flag("--dry-run", arguments->dry_run, "List what would be backed up; read and write nothing");
+  command->add_flag("--dry-run", arguments->dry_run, "List every object that the paths and rules take in, whatever the last set holds; read and write "
+                                                       "nothing");
+  command->footer("A RULE is a glob over \"/bucket/key\": ? and * match within a name, ** across folders, NAME/ a folder and all "
+                  "below it; with a leading / it begins at the bucket, else at any depth. README.md, \"Rules\", has all of it.");
   command->callback([&context, arguments] { backup(context, *arguments); });
 }

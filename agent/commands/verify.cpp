@@ -173,12 +173,15 @@ void add_verify_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Verify_Arguments>();
   CLI::App* check = app.add_subcommand("verify", "Read every stored byte of a set back and check it");
   check->add_option("set", arguments->set, "Set, or the beginning of its uuid")->required()->type_name("SET");
-  check->add_option("--threads", arguments->threads, "Objects read at the same time; 0: as many as pay")
-      ->check(CLI::Range(0, 256));
+  check->add_option("--threads", arguments->threads, "Objects read at the same time; 0: 4")
+      ->check(CLI::Range(0, 256))
+      ->capture_default_str();
   check->add_option("--sample", arguments->sample, "Read only this part of the objects, chosen by chance")
-      ->type_name("N%");
+      ->type_name("N%")
+      ->capture_default_str();
   check->add_flag("--mark", arguments->mark, "Have the next incremental backup store anew what is damaged");
-  CLI::Option* seed = check->add_option("--seed", arguments->seed, "The sample of an earlier run again");
+  CLI::Option* seed = check->add_option("--seed", arguments->seed, "The sample of an earlier run again, by the number it printed; a new one each time unless given")
+                          ->type_name("N");
   check->callback([&context, arguments, seed] {
     arguments->seed_given = seed->count() != 0;
     verify(context, *arguments);

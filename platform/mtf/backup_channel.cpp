@@ -221,6 +221,8 @@ bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored
     return false;
   }
   shared_.account->saved(item.size, stored.stored);
+  if (shared_.ledger && shared_.ledger->take_unasked_tags('/' + object.path))
+    shared_.account->without_tags();
   if (!item.not_had.empty())
     shared_.account->incomplete(object.path, "The object is saved without all that belongs to it", item.not_had);
   throttle(item.size);

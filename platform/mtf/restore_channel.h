@@ -7,7 +7,9 @@
 
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,7 @@ struct Restore_Shared {
   MTF_FS::IPath_Converter_var converter;
   Media_Feed* feed = nullptr;
   Run_Account* account = nullptr;
+  std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
   /// Memory for what is verified before its target is touched: objects whole, or the first chunk of those that are
   /// larger than all of it.
   Memory_Shares memory;
@@ -62,7 +65,8 @@ private:
   bool write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
              Read_Outcome outcome, std::vector<std::string>& not_given);
   void skip(const Media_Task& task, const std::string& message);
-  void fail(const Media_Task& task, const std::string& message);
+  void fail(const Media_Task& task, const std::string& message, int number = 0);
+  std::optional<S3_Error> take_failure();
 
   Restore_Shared& shared_;
   MTF::IRestore_Callback_var callback_;

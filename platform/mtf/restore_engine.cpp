@@ -255,6 +255,7 @@ bool Restore_Engine::Impl::restore_objects() {
   shared.converter = order.converter;
   shared.feed = feed.get();
   shared.account = &account;
+  shared.ledger = ledger;
   shared.memory.open(order.byte_budget);
   shared.wait_while_paused = [this] { return wait_while_paused(); };
   channels = count;

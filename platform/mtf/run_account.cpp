@@ -170,8 +170,12 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
     note("directory", "/", Value(), std::to_string(not_reached) + " listed objects were not reached.");
   const unsigned long long dropped = kept ? 0 : saved_ + unchanged_;
   if (dropped != 0)
+    note("directory", "/", Value(), std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
+  if (without_tags_ != 0 && kept) {
+    const std::string count = std::to_string(without_tags_);
     note("directory", "/", Value(),
-         std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
+         count + (without_tags_ == 1 ? " object has" : " objects have") + " tags that were not saved (--tags).");
+  }
 
   Object result;
   result["listed"] = listed;

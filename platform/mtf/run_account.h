@@ -36,6 +36,8 @@ public:
   void failed(const std::string& path, int number, const std::string& message);
   /// An object that counts as saved, but not with all that belongs to it; `missing` has a text for each thing.
   void incomplete(const std::string& path, const std::string& message, const std::vector<std::string>& missing);
+  /// An object that counts as saved has tags, and the run asks for none.
+  void without_tags() { ++without_tags_; }
   /// The lister could not hand out one object; it has told the event handler itself.
   void lister_skipped(unsigned long long count) {
     lister_skipped_ += count;
@@ -101,8 +103,9 @@ private:
   std::atomic<unsigned long long> bytes_read_{0};
   std::atomic<unsigned long long> problems_{0};
   std::atomic<unsigned long long> incomplete_{0};
-  unsigned long long deleted_ = 0;  ///< of the base and listed no more
-  unsigned long long listed_ = 0;   ///< as the S3 layer counted; 0 where it saw nothing
+  std::atomic<unsigned long long> without_tags_{0};
+  unsigned long long deleted_ = 0; ///< of the base and listed no more
+  unsigned long long listed_ = 0;  ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long excluded_ = 0; ///< by the filter
   unsigned long long lost_ = 0;
   bool counted_ = false; ///< `listed_` is the S3 layer's: nothing in here may change it

@@ -119,8 +119,10 @@ bool S3_Client::del(const std::string& bucket, const std::string& key) {
   const s3::Outcome outcome = s3::retried(endpoint->max_retry_seconds(), [&] {
     return outcome_of(service, service.del_object(bucket.c_str(), key.c_str()));
   });
-  if (!outcome.ok())
+  if (!outcome.ok()) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to delete object '%C' in bucket '%C', error: %C.\n"), key.c_str(),
                bucket.c_str(), outcome.error.text().c_str()));
+    endpoint->ledger()->failed_here(outcome.error);
+  }
   return outcome.ok();
 }

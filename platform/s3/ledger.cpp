@@ -77,6 +77,44 @@ bool S3_Ledger::take_fresh(const std::string& path) {
   return found;
 }
 
+void S3_Ledger::tags_told(const std::string& path) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  tagged_.insert(path);
+  any_tagged_ = true;
+}
+
+void S3_Ledger::tags_asked(const std::string& path) {
+  take_unasked_tags(path);
+}
+
+bool S3_Ledger::take_unasked_tags(const std::string& path) {
+  if (!any_tagged_)
+    return false;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const bool found = tagged_.erase(path) != 0;
+  any_tagged_ = !tagged_.empty();
+  return found;
+}
+
+void S3_Ledger::failed_here(const S3_Error& error) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  failures_[std::this_thread::get_id()] = error;
+  any_failures_ = true;
+}
+
+std::optional<S3_Error> S3_Ledger::take_failure_here() {
+  if (!any_failures_)
+    return std::nullopt;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const auto found = failures_.find(std::this_thread::get_id());
+  if (found == failures_.end())
+    return std::nullopt;
+  S3_Error error = std::move(found->second);
+  failures_.erase(found);
+  any_failures_ = !failures_.empty();
+  return error;
+}
+
 unsigned long long S3_Ledger::empty_folder_objects() const {
   const std::lock_guard<std::mutex> guard(mutex_);
   return empty_folders_;

@@ -8,8 +8,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 /// What the S3 layer saw during one job: the left side of the account that every run gives. Services take it from the
@@ -34,6 +36,9 @@ public:
   std::atomic<unsigned long long> bytes_written{0};
   std::atomic<unsigned long long> thaw_requests{0};   ///< archived objects that the service was asked to thaw
 
+  /// Of the job: for services that are made without a bound of their own.
+  std::atomic<int> max_retry_seconds{0};
+
   Object_Notes objects;
   /// Of the parts of large objects that are read ahead of their turn.
   Byte_Budget range_memory{64u << 20};
@@ -53,10 +58,23 @@ public:
   void page_shown(const std::string& path, bool more);
 
   /// Called by the service when an object ("/bucket/key") is read whose date is less than two seconds before the
-  /// answer's own Date: by the service's clock it has just been written, and may be written again with the same date.
+  /// answer's own Date, or whose answer has none: by the service's clock it may just have been written, and may be
+  /// written again with the same date.
   void read_fresh(const std::string& path);
   /// Whether that was said of the object since it was asked last.
   bool take_fresh(const std::string& path);
+
+  /// Called by the service when it reads an object whose answer tells of tags, and when it asks for these.
+  void tags_told(const std::string& path);
+  void tags_asked(const std::string& path);
+  /// Whether the object, which was read, has tags that nobody asked for.
+  bool take_unasked_tags(const std::string& path);
+
+  /// Called when a request about an object was given up, by the thread that it was sent for: the interfaces in between
+  /// tell whoever asked no more than that it failed. One reason is kept for each thread.
+  void failed_here(const S3_Error& error);
+  /// Takes what was last said so by the calling thread.
+  std::optional<S3_Error> take_failure_here();
 
   unsigned long long empty_folder_objects() const;    ///< of size 0
   unsigned long long full_folder_objects() const;     ///< with data
@@ -77,7 +95,11 @@ private:
   std::map<std::string, std::string> failed_;
   std::set<std::string> going_on_;
   std::set<std::string> fresh_;
-  std::atomic<bool> any_failed_{false};               ///< spares the lock on the common road
-  std::atomic<bool> any_fresh_{false};                ///< the same
-  std::atomic<bool> any_going_on_{false};             ///< the same
+  std::set<std::string> tagged_;
+  std::map<std::thread::id, S3_Error> failures_;
+  std::atomic<bool> any_failures_{false};             ///< these spare the lock on the common road
+  std::atomic<bool> any_failed_{false};
+  std::atomic<bool> any_fresh_{false};
+  std::atomic<bool> any_tagged_{false};
+  std::atomic<bool> any_going_on_{false};
 };

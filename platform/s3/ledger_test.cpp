@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <thread>
+
 namespace {
 
 TEST(Ledger, folder_objects_are_counted_by_whether_they_hold_data) {
@@ -69,6 +72,31 @@ TEST(Ledger, fresh_object_is_told_once) {
   EXPECT_FALSE(ledger.take_fresh("/b/c"));
   EXPECT_TRUE(ledger.take_fresh("/b/a"));
   EXPECT_FALSE(ledger.take_fresh("/b/a"));
+}
+
+TEST(Ledger, tags_that_nobody_asked_for_are_told_once) {
+  S3_Ledger ledger;
+  EXPECT_FALSE(ledger.take_unasked_tags("/b/a"));
+  ledger.tags_told("/b/a");
+  ledger.tags_told("/b/c");
+  ledger.tags_asked("/b/c");
+  EXPECT_FALSE(ledger.take_unasked_tags("/b/c"));
+  EXPECT_TRUE(ledger.take_unasked_tags("/b/a"));
+  EXPECT_FALSE(ledger.take_unasked_tags("/b/a"));
+}
+
+TEST(Ledger, failure_is_told_to_the_thread_that_it_was_met_by_and_once) {
+  S3_Ledger ledger;
+  EXPECT_FALSE(ledger.take_failure_here());
+  ledger.failed_here(S3_Error(EACCES, 403, "First", "", false));
+  ledger.failed_here(S3_Error(EACCES, 403, "Second", "", false));
+  std::thread([&] {
+    EXPECT_FALSE(ledger.take_failure_here());
+    ledger.failed_here(S3_Error(EACCES, 403, "Other", "", false));
+    EXPECT_EQ("Other", ledger.take_failure_here()->code());
+  }).join();
+  EXPECT_EQ("Second", ledger.take_failure_here()->code());
+  EXPECT_FALSE(ledger.take_failure_here());
 }
 
 TEST(Endpoint, settings_are_kept_by_host_port_and_key) {

@@ -122,7 +122,7 @@ struct S3_Service_Options {
   std::string region;
   std::string vendor;
   std::string sign_method;
-  int max_retry_seconds = 0;
+  int max_retry_seconds = 0;              ///< at first the one of the constructing thread's job; 0: it has none
   bool sts_credential = false;
   std::string sts_token;
   time_t sts_expires = 0;

@@ -109,6 +109,17 @@ TEST_F(source_lister, excluded_prefix_is_not_walked) {
   EXPECT_EQ((Texts{"/b/d/", "/b/e/", "/b/e/2"}), without.asked);
 }
 
+TEST_F(source_lister, excluded_object_has_no_block_and_is_no_skipped_one) {
+  struct Without_2 : MTF::IFilter {
+    bool is_included(const char* path, bool) const override { return std::string(path) != "/b/e/2"; }
+  } without;
+  for (const char* key : {"e/1", "e/2", "e/3"})
+    store.put("b", key);
+  filter = &without;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/e/", "FILE 1", "FILE 3", "FEND"}), list({"/b/"}));
+  EXPECT_EQ(0u, handler.skipped_files());
+}
+
 TEST_F(source_lister, final_failure_is_not_repeated_and_costs_the_prefix_only) {
   store.put("b", "p/1");
   store.put("c", "2");

@@ -1,5 +1,6 @@
 // What is made for the engines and the host, with each of its allocations failing in turn.
 
+#include "obs/agent/job/async_obs_object_lister.h"
 #include "obs/agent/job/async_obs_source_lister.h"
 #include "obs/agent/job/obs_backup_callback.h"
 #include "obs/agent/job/obs_backup_util.h"
@@ -270,6 +271,29 @@ TEST(short_memory, pushed_catalog_ends_quietly) {
               return lister.generate(take) == 0;
             }),
             3);
+}
+
+TEST(short_memory, object_lister_without_its_first_prefix_is_not_begun) {
+  module_testing::Fake_Store store;
+  module_testing::Fake_Store_Client client(store);
+  Async_OBS_Object_Lister lister(client, 1, 300, 10, nullptr);
+  bool begun = true;
+  for (int nth = 1; begun && nth < 100; ++nth) {
+    errno = 0;
+    const module_testing::Short_Memory short_memory(nth);
+    try {
+      begun = lister.init("b", "p/");
+    } catch (const std::bad_alloc&) {
+      // What throws is the caller's to catch.
+    }
+  }
+  EXPECT_FALSE(begun);
+  EXPECT_EQ(ENOMEM, errno);
+  store.put("b", "p/k");
+  ASSERT_TRUE(lister.init("b", "p/"));
+  Object_Entry object;
+  EXPECT_TRUE(lister.next(object));
+  EXPECT_EQ("p/k", object.key);
 }
 
 } // namespace
