@@ -9,10 +9,14 @@ namespace {
 
 const char* name_of(Catalog_Problem::Kind kind) {
   switch (kind) {
-  case Catalog_Problem::SKIPPED: return "skipped";
-  case Catalog_Problem::FAILED: return "failed";
-  case Catalog_Problem::NOT_LISTED: return "not listed";
-  case Catalog_Problem::INCOMPLETE: return "incomplete";
+  case Catalog_Problem::SKIPPED:
+    return "skipped";
+  case Catalog_Problem::FAILED:
+    return "failed";
+  case Catalog_Problem::NOT_LISTED:
+    return "not listed";
+  case Catalog_Problem::INCOMPLETE:
+    return "incomplete";
   }
   return "unknown";
 }

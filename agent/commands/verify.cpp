@@ -105,8 +105,8 @@ std::string report_text(const Verify_Options& options, const Verify_Report& repo
             std::to_string(options.seed) + ")";
   text += "\n";
   if (report.lost != 0)
-    text += "a restore would lack " + std::to_string(report.lost) + " objects with " +
-            human_bytes(report.lost_bytes) + "\n";
+    text += "a restore would lack " + std::to_string(report.lost) + " objects with " + human_bytes(report.lost_bytes) +
+            "\n";
   if (!report.failure.empty())
     text += "the set cannot be verified: " + report.failure + "\n";
   return text;

@@ -5,6 +5,13 @@
 
 #include <algorithm>
 
+namespace {
+
+/// Far more sets than a catalog ever points into.
+constexpr unsigned MAX_PLACES = 1u << 20;
+
+} // namespace
+
 std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
                                                std::string& error) {
   std::vector<std::string> errors;
@@ -33,6 +40,10 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
     }
     record.uri = set.uri;
     base->look_at_media(pool, set.index, record);
+  }
+  if (base->catalog_->sets().back().index >= MAX_PLACES) {
+    error = "the catalog of the set " + base->record_.uuid + " is damaged";
+    return nullptr;
   }
   base->places_ = base->catalog_->sets().back().index + size_t(1);
   base->used_ = std::make_unique<std::atomic<bool>[]>(base->places_);
@@ -81,8 +92,8 @@ Backup_Base::Match Backup_Base::match(const std::string& name, unsigned long lon
     return Match::NONE;
   if (object.set >= places_ || !is_good(object))
     return Match::NONE;
-  const bool same = object.size == size && object.mtime == mtime &&
-                    (object.flags & (catalog::FLAG_FRESH | catalog::FLAG_OLDER)) == 0;
+  const bool same =
+      object.size == size && object.mtime == mtime && (object.flags & (catalog::FLAG_FRESH | catalog::FLAG_OLDER)) == 0;
   object.flags = 0;
   // The catalog's own set is 0 in every catalog; the base's sets move up by one.
   ++object.set;

@@ -68,8 +68,8 @@ private:
 
   Set_Record record_;
   std::unique_ptr<Catalog_Reader> catalog_;
-  size_t places_ = 0;                       ///< one more than the highest index
-  std::unique_ptr<std::atomic<bool>[]> used_; ///< by the base's index
+  size_t places_ = 0;                              ///< one more than the highest index
+  std::unique_ptr<std::atomic<bool>[]> used_;      ///< by the base's index
   std::set<std::pair<unsigned, std::string>> bad_; ///< media, by the base's index and name
   std::vector<Bad_Medium> bad_media_;
   unsigned long long first_ = 1, last_ = 0; ///< the run that grows

@@ -84,8 +84,7 @@ bool Backup_Channel::read_again(Backup_Item& item, Reading_Outcome outcome, cons
   const bool stopped = shared_.queue->stopped();
 
   if (outcome == Reading_Outcome::SKIPPED) {
-    if (reason && reason->code() == "InvalidObjectState" &&
-        shared_.ledger->objects.policy() == Archived_Policy::FAIL)
+    if (reason && reason->code() == "InvalidObjectState" && shared_.ledger->objects.policy() == Archived_Policy::FAIL)
       fail(item, reason->number(), reason->message());
     else
       skip(item, message);
@@ -94,8 +93,8 @@ bool Backup_Channel::read_again(Backup_Item& item, Reading_Outcome outcome, cons
   if (reading.changed() || (reason && reason->number() == ESTALE)) {
     if (tries.changes++ < MAX_CHANGES && !stopped)
       return true;
-    skip(item, "The object is changing: it was replaced while it was read, " +
-                                       std::to_string(tries.changes) + " times. " + message);
+    skip(item, "The object is changing: it was replaced while it was read, " + std::to_string(tries.changes) +
+                   " times. " + message);
     return false;
   }
   if (tries.failures++ < MAX_FAILURES && !stopped && reading.number() != ENOMEM)

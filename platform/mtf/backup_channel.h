@@ -21,7 +21,7 @@ struct Backup_Shared {
   Backup_Queue* queue = nullptr;
   Run_Account* account = nullptr;
   Catalog_Writer* catalog = nullptr;
-  Backup_Base* base = nullptr; ///< null where there is none
+  Backup_Base* base = nullptr;       ///< null where there is none
   std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
   /// Ends the run for the reason given. Any thread; the first one counts.
   std::function<void(MTF::Error_Code, const std::string&)> fail;

@@ -119,8 +119,8 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
-  std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
-  std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
+  std::unique_ptr<Backup_Base> base;       ///< null: every object is stored
+  std::unique_ptr<Partial_Sets> partial;   ///< null: there is nothing to go on with
   std::unique_ptr<Counting_Filter> filter; ///< null: everything passes
   std::unique_ptr<Listing_Events> events;
   bool listing_over = false;

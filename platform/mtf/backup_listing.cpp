@@ -228,10 +228,10 @@ bool Backup_Listing::compare(const Unlisted& unlisted, const std::list<std::stri
   const std::vector<std::string> paths = listed_paths(sources);
   bool done = true;
   const auto take_over = [&](const std::string& path) {
-    done = done && base_->not_shown(
-                       path, true,
-                       [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
-                       [this](Catalog_Object& object) { return carry(object); });
+    done = done &&
+           base_->not_shown(
+               path, true, [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
+               [this](Catalog_Object& object) { return carry(object); });
   };
   for (const std::string& one : unlisted.prefixes) {
     std::string path = without_root(one);

@@ -822,8 +822,8 @@ TEST_F(Backup, what_lies_on_a_medium_that_is_cut_or_gone_is_stored_anew_and_the_
   {
     const auto catalog = Catalog_Reader::open(folder(), error_);
     ASSERT_TRUE(catalog) << error_;
-    ASSERT_TRUE(catalog->walk("", [&](const Catalog_Object& object) { return ++on_channel[object.channel] != 0; },
-                              error_));
+    ASSERT_TRUE(catalog->walk(
+        "", [&](const Catalog_Object& object) { return ++on_channel[object.channel] != 0; }, error_));
   }
   const std::string cut = folder_of_first + "/channel-0001.mtf", gone = folder_of_first + "/channel-0002.mtf";
   fs::resize_file(cut, fs::file_size(cut) - 1024);
@@ -1182,9 +1182,7 @@ TEST_F(Backup_Of_Job, keys_that_were_lost_or_not_handed_out_become_no_deletions)
   // One that the lister has named.
   order_.uuid = "set-3";
   source_.lost = {"b/d000/o00012"};
-  source_.on_list_start = [](Event_Handler* events) {
-    tell_skipped(events, "/b/d000/o00012", json_spirit::Value());
-  };
+  source_.on_list_start = [](Event_Handler* events) { tell_skipped(events, "/b/d000/o00012", json_spirit::Value()); };
   ledger().listed_keys = 31;
   ASSERT_TRUE(run()) << engine_->failure();
   expect_all_kept({"b/d000/o00012"});

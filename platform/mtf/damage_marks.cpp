@@ -40,8 +40,8 @@ std::unique_ptr<Damage_Marks> Damage_Marks::make(std::string& error) {
                                "PRIMARY KEY(holder,channel,position)) WITHOUT ROWID; BEGIN",
                                error) ||
       !marks->add_.prepare(marks->damaged_.get(), "INSERT OR IGNORE INTO damaged VALUES(?,?,?)", error) ||
-      !marks->find_.prepare(marks->damaged_.get(),
-                            "SELECT 1 FROM damaged WHERE holder=? AND channel=? AND position=?", error) ||
+      !marks->find_.prepare(marks->damaged_.get(), "SELECT 1 FROM damaged WHERE holder=? AND channel=? AND position=?",
+                            error) ||
       !marks->find_set_.prepare(marks->damaged_.get(), "SELECT 1 FROM damaged WHERE holder=? LIMIT 1", error))
     return nullptr;
   return marks;
@@ -141,8 +141,7 @@ bool Damage_Marks::mark(const Pool& pool, const Set_Record& record, unsigned lon
     done = copy_catalog(folder, work, db, error_, cipher, cipher) && mark_rows(db, rows) &&
            finish_catalog_copy(db, work, error_);
   }
-  if (done &&
-      ::rename((work + "/" + catalog::FILE_NAME).c_str(), (folder + "/" + catalog::FILE_NAME).c_str()) != 0) {
+  if (done && ::rename((work + "/" + catalog::FILE_NAME).c_str(), (folder + "/" + catalog::FILE_NAME).c_str()) != 0) {
     error_ = "cannot replace the catalog in " + folder + ": " + std::strerror(errno);
     done = false;
   }
