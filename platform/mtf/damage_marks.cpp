@@ -1,13 +1,12 @@
 #include "platform/mtf/damage_marks.h"
 
 #include "platform/catalog/catalog_moves.h"
+#include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
-#include "platform/pool/durable_file.h"
 
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -141,12 +140,9 @@ bool Damage_Marks::mark(const Pool& pool, const Set_Record& record, unsigned lon
     done = copy_catalog(folder, work, db, error_, cipher, cipher) && mark_rows(db, rows) &&
            finish_catalog_copy(db, work, error_);
   }
-  if (done && ::rename((work + "/" + catalog::FILE_NAME).c_str(), (folder + "/" + catalog::FILE_NAME).c_str()) != 0) {
-    error_ = "cannot replace the catalog in " + folder + ": " + std::strerror(errno);
-    done = false;
-  }
+  done = done && install_catalog(work, folder, error_);
   fs::remove_all(work, code);
-  return done && sync_folder(folder, error_);
+  return done;
 }
 
 bool Damage_Marks::write(const Pool& pool, const std::string& place, unsigned long long& rows) {

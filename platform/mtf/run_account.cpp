@@ -33,17 +33,24 @@ void Run_Account::failed(const std::string& path, int number, const std::string&
   problem(Catalog_Problem::FAILED, "file", path, number, message);
 }
 
-void Run_Account::note(const std::string& type, const std::string& path, const Value& number,
-                       const std::string& message) {
-  std::lock_guard<std::mutex> guard(mutex_);
-  if (errors_.size() >= MAX_ERRORS)
-    return;
+namespace {
+
+Object error_entry(const std::string& type, const std::string& path, const Value& number, const std::string& message) {
   Object entry;
   entry["type"] = type;
   entry["name"] = path;
   entry["errno"] = number;
   entry["message"] = message;
-  errors_.push_back(std::move(entry));
+  return entry;
+}
+
+} // namespace
+
+void Run_Account::note(const std::string& type, const std::string& path, const Value& number,
+                       const std::string& message) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  if (errors_.size() < MAX_ERRORS)
+    errors_.push_back(error_entry(type, path, number, message));
 }
 
 void Run_Account::problem(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
@@ -160,6 +167,15 @@ void Run_Account::listing_ended(const S3_Ledger* ledger, const Listing_End& end)
 }
 
 Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) {
+  json_spirit::Array errors;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    errors = errors_;
+  }
+  const auto remark = [&errors](const std::string& text) {
+    if (errors.size() < MAX_ERRORS)
+      errors.push_back(error_entry("directory", "/", Value(), text));
+  };
   const unsigned long long settled = saved_ + unchanged_ + skipped_ + failed_;
   const unsigned long long handed = std::max<unsigned long long>(handed_, settled);
   const unsigned long long known = this->known();
@@ -167,14 +183,13 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
   const unsigned long long missing = listed > known ? listed - known : 0;
   const unsigned long long not_reached = handed - settled + missing - lost_;
   if (not_reached != 0)
-    note("directory", "/", Value(), std::to_string(not_reached) + " listed objects were not reached.");
+    remark(std::to_string(not_reached) + " listed objects were not reached.");
   const unsigned long long dropped = kept ? 0 : saved_ + unchanged_;
   if (dropped != 0)
-    note("directory", "/", Value(), std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
+    remark(std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
   if (without_tags_ != 0 && kept) {
     const std::string count = std::to_string(without_tags_);
-    note("directory", "/", Value(),
-         count + (without_tags_ == 1 ? " object has" : " objects have") + " tags that were not saved (--tags).");
+    remark(count + (without_tags_ == 1 ? " object has" : " objects have") + " tags that were not saved (--tags).");
   }
 
   Object result;
@@ -191,6 +206,6 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
   result["bytes_stored"] = stored_.load();
   result["requests"] = ledger != nullptr ? ledger->requests.load() : 0ull;
   result["seconds"] = seconds;
-  result["errors"] = errors_;
+  result["errors"] = std::move(errors);
   return result;
 }
