@@ -104,20 +104,27 @@ public:
   time_t now() override { return machine_.now(); }
   ACE_Time_Value monotonic() override { return machine_.monotonic(); }
   void sleep(unsigned seconds) override {
-    if (seconds >= LONG) {
-      const std::lock_guard<std::mutex> guard(mutex_);
-      ++sleepers_;
-      changed_.notify_all();
-    }
+    if (seconds >= LONG)
+      count_one();
     machine_.sleep(seconds);
   }
-  /// Waits for so many long sleeps to have begun since the clock was made.
+  void wait(std::unique_lock<std::mutex>& lock, std::condition_variable& changed, const ACE_Time_Value& time) override {
+    count_one();
+    machine_.wait(lock, changed, time);
+  }
+  /// Waits for so many long sleeps, and waits at a gate, to have begun since the clock was made.
   bool wait_for_sleepers(unsigned count) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return sleepers_ >= count; });
   }
 
 private:
+  void count_one() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    ++sleepers_;
+    changed_.notify_all();
+  }
+
   static constexpr unsigned LONG = 60; ///< seconds
   Clock& machine_;
   std::mutex mutex_; ///< guards `sleepers_`
