@@ -2,6 +2,7 @@
 
 #include "sdk/base/clock.h"
 #include "sdk/base/time_format.h"
+#include "sdk/s3/object_attributes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +19,17 @@ constexpr unsigned MAX_CHANGES = 3;
 constexpr unsigned MAX_FAILURES = 1;
 /// What a reader's buffer may keep between two objects.
 constexpr size_t KEPT_BUFFER = 128u << 10;
+
+/// The digest of the whole content that the ETag is with most services; empty where it cannot be one. A service whose
+/// ETags only look like that has an object which was just replaced read again by the next run.
+std::string md5_of(const File_Attributes& attributes) {
+  Object_Attributes object;
+  std::string error;
+  if (!object.parse(attributes.common, attributes.own, error) || object.etag.size() != 32 ||
+      object.etag.find_first_not_of("0123456789abcdef") != std::string::npos)
+    return std::string();
+  return object.etag;
+}
 
 double monotonic_seconds() {
   const ACE_Time_Value now = Clock::instance().monotonic();
@@ -107,6 +119,9 @@ void Backup_Channel::take_status(Backup_Item& item, Object_Reading& reading) {
   item.size = reading.size();
   item.mtime = reading.mtime();
   reading.attributes(item.attributes, item.not_had);
+  item.md5 = reading.doubtful() ? md5_of(item.attributes) : std::string();
+  if (!item.md5.empty())
+    reading.expect_md5(item.md5);
   item.fresh = shared_.ledger && shared_.ledger->take_fresh('/' + item.path());
 }
 
@@ -245,6 +260,8 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
     Reading_Outcome outcome = Reading_Outcome::DONE;
     if (open) {
       reading.adopt(item.size, item.mtime);
+      if (!item.md5.empty())
+        reading.expect_md5(item.md5);
     } else {
       outcome = reading.open(path, item.size, item.mtime);
       if (outcome == Reading_Outcome::DONE) {

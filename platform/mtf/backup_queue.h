@@ -29,6 +29,7 @@ struct Backup_Item {
   MTF::File_Attributes attributes;       ///< what else belongs to it
   std::vector<std::string> not_had;      ///< of that, a text each
   std::unique_ptr<Catalog_Object> older; ///< what the base has of it; null: nothing that could be kept
+  std::string md5;                       ///< what the content must have, in hexadecimal; empty: not known
   bool fresh = false;                    ///< by the service's clock it was modified just before it was read
   State state = READING;
   size_t reserved = 0;          ///< bytes of the budget that it holds

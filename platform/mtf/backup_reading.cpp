@@ -1,5 +1,7 @@
 #include "platform/mtf/backup_reading.h"
 
+#include "platform/s3/digest.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -43,6 +45,7 @@ Reading_Outcome Object_Reading::open(const std::string& path, unsigned long long
   if (reader_.null()) {
     return fail(ENOMEM, "No reader could be made for the object.");
   }
+  doubtful_ = false;
   Reading_Outcome outcome = look(path);
   for (unsigned looks = 1; outcome == Reading_Outcome::DONE && size_ != listed_size; ++looks) {
     const unsigned long long first = size_;
@@ -55,8 +58,10 @@ Reading_Outcome Object_Reading::open(const std::string& path, unsigned long long
     if (outcome != Reading_Outcome::DONE || size_ != first)
       continue;
     // Another generation has a date of its own; what has none is no object, but an error under a good status.
-    if (mtime_ != listed_mtime && mtime_ != 0)
+    if (mtime_ != listed_mtime && mtime_ != 0) {
+      doubtful_ = true;
       break;
+    }
     close();
     return fail(EIO, "The service contradicts itself: " + std::to_string(listed_size) + " bytes in the listing, " +
                          std::to_string(first) + " when it is read, under the same date.");
@@ -69,6 +74,24 @@ void Object_Reading::attributes(File_Attributes& attributes, std::vector<std::st
   problems.clear();
   if (auto* const source = dynamic_cast<IFile_Attributes_Source*>(reader_.get()))
     source->attributes(attributes, problems);
+}
+
+void Object_Reading::expect_md5(const std::string& digest) {
+  expected_md5_ = digest;
+  md5_.reset(EVP_MD_CTX_new());
+  if (!md5_ || EVP_DigestInit_ex(md5_.get(), EVP_md5(), nullptr) != 1)
+    md5_.reset();
+}
+
+/// Whether the content is what its ETag stands for, where that was asked. A length that is announced too short, twice
+/// running, by a service that has just replaced the object shows in nothing else.
+bool Object_Reading::has_expected_md5() {
+  if (expected_md5_.empty())
+    return true;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned size = 0;
+  return md5_ && EVP_DigestFinal_ex(md5_.get(), digest, &size) == 1 &&
+         s3::to_hex({reinterpret_cast<const char*>(digest), size}) == expected_md5_;
 }
 
 void Object_Reading::adopt(unsigned long long size, long long mtime) {
@@ -97,6 +120,8 @@ Object_Reading::Piece Object_Reading::read_piece(char* buffer, size_t size, size
       return BROKEN;
     used = std::min(piece.used(), size);
     bytes_ += used;
+    if (md5_ && EVP_DigestUpdate(md5_.get(), buffer, used) != 1)
+      md5_.reset();
     if (used != 0)
       return SOME;
     if (bytes_ >= size_ || reader_->is_open())
@@ -113,6 +138,9 @@ Reading_Outcome Object_Reading::finish() {
   const bool same = reader_->is_open() && reader_->handle_file_blk(block, size, stat) && size == size_ &&
                     stat.mtime == mtime_;
   close();
+  if (same && !has_expected_md5())
+    return fail(EIO, "The service contradicts itself: what it sends as the object's " + std::to_string(size_) +
+                         " bytes is not what its ETag stands for, and the listing had another size.");
   if (same)
     return Reading_Outcome::DONE;
   changed_ = true;

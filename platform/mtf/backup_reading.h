@@ -4,7 +4,10 @@
 #include "sdk/mtf/backup_callback.h"
 #include "sdk/mtf/file_attributes.h"
 
+#include <openssl/evp.h>
+
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -30,6 +33,10 @@ public:
   /// than `listed_size` counts only when a second one agrees with it, and never under the date that was listed: the
   /// object was replaced since, or the answer's length is wrong.
   Reading_Outcome open(const std::string& path, unsigned long long listed_size, long long listed_mtime);
+  /// Whether what `open` found has another size than was listed, so that the object's ETag should speak for it too.
+  bool doubtful() const { return doubtful_; }
+  /// The MD5, in hexadecimal digits, that the content must have; nothing else may be one.
+  void expect_md5(const std::string& digest);
   /// Takes up an object that another reading has opened and let go.
   void adopt(unsigned long long size, long long mtime);
   /// Gives the open reader away; this reading is over.
@@ -56,12 +63,16 @@ private:
   enum Piece { SOME, END, BROKEN };
   Piece read_piece(char* buffer, size_t size, size_t& used);
   Reading_Outcome finish();
+  bool has_expected_md5();
   Reading_Outcome fail(int number, const std::string& message);
 
   MTF::IFile_Reader_var reader_;
   const Backup_Limits& limits_;
   bool opened_ = false;
   bool changed_ = false;
+  bool doubtful_ = false;
+  std::string expected_md5_;
+  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> md5_{nullptr, EVP_MD_CTX_free}; ///< of what came; null: not asked
   unsigned long long size_ = 0;
   long long mtime_ = 0;
   unsigned long long bytes_ = 0;

@@ -9,6 +9,8 @@
 namespace s3_testing {
 namespace {
 
+constexpr std::uint64_t LARGEST_DIGESTED = 64u << 10;
+
 std::uint64_t mix(std::uint64_t x) {
   x += 0x9e3779b97f4a7c15u;
   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9u;
@@ -38,9 +40,12 @@ void fill_synthetic(std::uint64_t seed, std::uint64_t offset, char* out, std::si
   }
 }
 
+/// The MD5 where that costs little, else something that cannot be taken for one.
 std::string synthetic_etag(std::uint64_t seed, std::uint64_t size) {
+  if (size <= LARGEST_DIGESTED)
+    return to_hex(md5(synthetic_bytes(seed, 0, static_cast<std::size_t>(size))));
   const std::uint64_t words[2] = {mix(seed ^ mix(size)), mix(seed + 0x5bd1e995u + size)};
-  return to_hex({reinterpret_cast<const char*>(words), sizeof words});
+  return "synthetic." + to_hex({reinterpret_cast<const char*>(words), sizeof words});
 }
 
 } // namespace

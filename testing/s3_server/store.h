@@ -21,7 +21,7 @@ namespace s3_testing {
 struct Object {
   std::uint64_t size = 0;
   std::int64_t mtime = 0; // seconds since 1970; 0 when stored through S3_Server: the server's clock
-  std::string etag;       // without quotes; empty when stored through S3_Server: MD5, or made up for synthetic content
+  std::string etag;       // without quotes; empty when stored through S3_Server: MD5, or made up for large synthetic content
   std::string content_type = "binary/octet-stream";
   std::string storage_class = "STANDARD"; // GLACIER and DEEP_ARCHIVE answer GET with 403 InvalidObjectState,
                                           // unless "x-amz-restore" in `headers` names a copy that is there
