@@ -11,6 +11,7 @@ int main(int argc, char** argv) {
     CLI::App app("Backs buckets of S3-compatible object storage up and restores them.", "obs-agent");
     app.require_subcommand(1);
     app.fallthrough();
+    app.set_version_flag("--version", "obs-agent " OBS_AGENT_VERSION, "Show the version and exit");
     app.add_option("--state", context.state_folder, "Folder where accounts, pools and sets are known")
         ->type_name("DIR")
         ->capture_default_str();
@@ -29,6 +30,7 @@ int main(int argc, char** argv) {
     add_rehearse_command(app, context);
     add_find_command(app, context);
     add_diff_command(app, context);
+    add_problems_command(app, context);
     add_forget_command(app, context);
     add_merge_command(app, context);
     add_media_commands(app, context);

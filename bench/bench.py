@@ -154,13 +154,16 @@ class Agent:
         answer = self.do("backup", "bench", f"/{bucket}/", "--pool", self.pool_name, *arguments, figures=figures)
         if answer["outcome"] != "completed" or answer["listed"] != objects:
             raise Failed(f"the backup is not whole: {answer}")
-        self.set = answer["set"]
+        self.set, self.bucket = answer["set"], bucket
         return answer
 
-    def restore(self, figures, source, bucket, objects, *arguments):
+    def restore(self, figures, source, target, *arguments):
+        """Into the bucket that was backed up, or with a target into that one, where what is there is removed first."""
         source.get("forget")
-        source.make_bucket("restored")
-        answer = self.do("restore", self.set, "--map", f"{bucket}=restored", *arguments, figures=figures)
+        if target:
+            source.make_bucket(target)
+            arguments += ("--map", f"{self.bucket}={target}")
+        answer = self.do("restore", self.set, *arguments, figures=figures)
         if answer["outcome"] != "completed":
             raise Failed(f"the restore is not whole: {answer}")
         return answer
@@ -260,13 +263,14 @@ class Bench:
         self.compare(f"backup of {name}", figures, amount, unit, note)
 
         concurrent = ["--concurrent", str(readers or 16)]
-        restores = in_turn(self.runs, {"restore": lambda f: agent.restore(f, source, bucket, objects, *concurrent)})
-        rate = figures["obs-agent"].wall / restores["restore"].wall
-        counts = json.loads(source.get("counts"))
-        counts.pop("list", None)
-        per = ", ".join(f"{count / objects:.2g} {kind}" for kind, count in sorted(counts.items()))
-        self.row(f"restore of {name}", "obs-agent", restores["restore"],
-                 f"{rate:.2f} of the backup's rate; {per} requests per object")
+        for where, target in (("its own bucket", ""), ("another bucket", "restored")):
+            restores = in_turn(self.runs, {"restore": lambda f: agent.restore(f, source, target, *concurrent)})
+            rate = figures["obs-agent"].wall / restores["restore"].wall
+            counts = json.loads(source.get("counts"))
+            per = ", ".join(f"{count / objects:.2g} {kind}" for kind, count in sorted(counts.items())
+                            if count >= objects)
+            self.row(f"restore of {name} into {where}", "obs-agent", restores["restore"],
+                     f"{rate:.2f} of the backup's rate; {per} requests per object")
         source.latency(0)
         agent.remove()
 

@@ -13,8 +13,7 @@ export LC_ALL=C DEBIAN_FRONTEND=noninteractive
 umask 022
 PACKAGES=(libc6-dev linux-libc-dev libgcc-12-dev libstdc++-12-dev libasan8 libubsan1 libatomic1
   libace-dev libyajl-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libzstd-dev liblzo2-dev
-  libexpat1-dev libboost-dev zlib1g-dev libxxhash-dev libgtest-dev libgmock-dev libcli11-dev
-  libcpp-httplib-dev)
+  libexpat1-dev libboost-dev zlib1g-dev libxxhash-dev libgtest-dev libgmock-dev libcli11-dev)
 [ $# -ge 1 ] || { echo "usage: $0 TARGET [extra i386 packages...]" >&2; exit 2; }
 target=$(realpath -m -- "$1"); shift; PACKAGES+=("$@")
 say() { printf 'sysroot: %s\n' "$*"; }

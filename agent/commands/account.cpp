@@ -170,7 +170,9 @@ void add_options(CLI::App& command, Account_Arguments& arguments, bool required)
   choice("--addressing", account.addressing, "Where buckets stand: in the path or before the host's name",
          {"auto", "path", "virtual"});
   choice("--list-version", account.list_version, "Version of listings to ask for", {"auto", "1", "2"});
-  choice("--url-encoding", account.url_encoding, "Ask for listings with encoded keys", {"auto", "on", "off"});
+  choice("--url-encoding", account.url_encoding,
+         "Ask for listings with encoded keys; auto, here and above: as found out by \"account test\"",
+         {"auto", "on", "off"});
   choice("--payload-signing", account.payload_signing, "Sign bodies; auto: where TLS does not cover them",
          {"auto", "on", "off"});
   command.add_option("--ca-file", account.ca_file, "PEM file with the CA that signed the service's certificate")
@@ -187,7 +189,9 @@ void add_options(CLI::App& command, Account_Arguments& arguments, bool required)
       .add_option("--idle-timeout", account.idle_timeout, "Seconds without a byte after which a transfer ends; 0: 60")
       ->check(CLI::Range(0, 3600));
   command.add_option("--user-agent", account.user_agent, "Name to go by; none: none is sent");
-  command.add_option("--bucket", account.buckets, "A bucket that jobs may use; none: all of the account")
+  command
+      .add_option("--bucket", account.buckets,
+                  "A bucket that jobs may use, all of the account unless given; may be repeated")
       ->allow_extra_args(false)
       ->type_name("BUCKET");
 }

@@ -66,8 +66,8 @@ Selection take_selection(Context& context, const Account& account, const Backup_
   selection.inclusions = arguments.inclusions;
   if (arguments.dry_run)
     return selection;
-  const bool kept = found ? context.store().update_selection(selection, error)
-                          : context.store().add_selection(selection, error);
+  const bool kept =
+      found ? context.store().update_selection(selection, error) : context.store().add_selection(selection, error);
   if (!kept)
     throw Command_Error(error);
   return selection;
@@ -138,25 +138,37 @@ void add_backup_command(CLI::App& app, Context& context) {
   command->add_option("--scan-threads", arguments->scan_threads, "Prefixes listed at the same time")
       ->check(CLI::Range(1, 256))
       ->capture_default_str();
-  command->add_option("--compression", arguments->compression, "none, auto, lzop or zstd")
+  command
+      ->add_option("--compression", arguments->compression,
+                   "none, zstd, lzop, or auto: zstd for objects that shrink by a tenth at least")
       ->check(CLI::IsMember({"none", "auto", "lzop", "zstd"}))
       ->capture_default_str();
   command->add_option("--compression-level", arguments->compression_level, "1 (fast) to 19 (small), for zstd")
       ->check(CLI::Range(1, 19))
       ->capture_default_str();
-  command->add_option("--archived", arguments->archived,
-                      "Objects that must be thawed before they can be read: skip, fail, or request (ask the service to "
-                      "thaw them, skip them this time)")
+  command
+      ->add_option("--archived", arguments->archived,
+                   "Objects that must be thawed before they can be read: skip, fail, or request (ask the service to "
+                   "thaw them, skip them this time)")
       ->check(CLI::IsMember({"skip", "fail", "request"}))
       ->capture_default_str();
-  command->add_option("--exclude", arguments->exclusions, "Leave out what matches; may be repeated")
+  command
+      ->add_option("--exclude", arguments->exclusions,
+                   "Leave out paths that match, as *.tmp, cache/ or /bucket/logs/**; may be repeated")
       ->type_name("RULE")
       ->allow_extra_args(false);
-  command->add_option("--include", arguments->inclusions, "Take in what matches; may be repeated")
+  command
+      ->add_option("--include", arguments->inclusions,
+                   "Take in what matches, though excluded; alone: nothing else; may be repeated")
       ->type_name("RULE")
       ->allow_extra_args(false);
   command->add_flag("--tags", arguments->tags, "Ask for each object's tags (a request each, where it may have some)");
   command->add_flag("--acl", arguments->acl, "Ask for each object's access list (a request each)");
-  command->add_flag("--dry-run", arguments->dry_run, "List what would be backed up; read and write nothing");
+  command->add_flag("--dry-run", arguments->dry_run,
+                    "List every object that the paths and rules take in, whatever the last set holds; read and write "
+                    "nothing");
+  command->footer(
+      "A RULE is a glob over \"/bucket/key\": ? and * match within a name, ** across folders, NAME/ a folder and all "
+      "below it; with a leading / it begins at the bucket, else at any depth. README.md, \"Rules\", has all of it.");
   command->callback([&context, arguments] { backup(context, *arguments); });
 }

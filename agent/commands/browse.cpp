@@ -19,8 +19,8 @@ struct Browse_Arguments {
 void browse(Context& context, const Browse_Arguments& arguments) {
   // The module first: when it is not the right one, nothing else matters.
   context.module();
-  const Browse_Page page = browse_page(context, context.account(arguments.account).uuid, arguments.path,
-                                       arguments.limit, arguments.marker);
+  const Browse_Page page =
+      browse_page(context, context.account(arguments.account).uuid, arguments.path, arguments.limit, arguments.marker);
   std::string text;
   for (const std::string& folder : page.folders)
     text += "                              -  " + folder + "\n";
@@ -41,7 +41,14 @@ void add_browse_command(CLI::App& app, Context& context) {
   CLI::App* command = app.add_subcommand("browse", "Show what an account holds now, one folder at a time");
   command->add_option("account", arguments->account, "Account")->required()->type_name("ACCOUNT");
   command->add_option("path", arguments->path, "/bucket/ or /bucket/prefix/; none: the buckets")->type_name("PATH");
-  command->add_option("--limit", arguments->limit, "Entries of a page at the most")->check(CLI::PositiveNumber);
-  command->add_option("--marker", arguments->marker, "Go on behind this one")->type_name("M");
+  command
+      ->add_option("--limit", arguments->limit,
+                   "Entries of a page at the most; what the service gives (mostly 1000) unless told")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  command
+      ->add_option("--marker", arguments->marker,
+                   "Show the page behind this one, as the page before printed it; the first page unless told")
+      ->type_name("M");
   command->callback([&context, arguments] { browse(context, *arguments); });
 }

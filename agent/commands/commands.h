@@ -22,4 +22,5 @@ void add_catalog_commands(CLI::App& app, Context& context);
 void add_merge_command(CLI::App& app, Context& context);
 void add_find_command(CLI::App& app, Context& context);
 void add_diff_command(CLI::App& app, Context& context);
+void add_problems_command(CLI::App& app, Context& context);
 void add_forget_command(CLI::App& app, Context& context);

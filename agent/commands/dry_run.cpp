@@ -1,9 +1,11 @@
 #include "agent/commands/dry_run.h"
 
 #include "agent/commands/browse_page.h"
+#include "agent/commands/open_set.h"
 #include "sdk/file_backup/file_backup.h"
 #include "sdk/mtf/filter.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -25,6 +27,7 @@ public:
   unsigned long long objects = 0;
   unsigned long long bytes = 0;
   unsigned long long excluded = 0;
+  unsigned long long skipped = 0; ///< folder objects with data
 
 private:
   /// A folder's own objects first, then its subfolders, as a backup lists them.
@@ -34,11 +37,13 @@ private:
     do {
       page = browse_page(context_, account_.uuid, path, 0, page.marker);
       for (const Browse_Page::File& file : page.files) {
-        const bool folder_object = file.name.empty();
-        if (folder_object || !MTF::is_included((path + file.name).c_str(), false, filter_))
+        // A key that equals its folder: nothing is lost with an empty one.
+        if (file.name.empty())
+          ++(file.size == 0 ? excluded : skipped);
+        else if (!MTF::is_included((path + file.name).c_str(), false, filter_))
           ++excluded;
         else
-          count(path + file.name, file.size);
+          count(path + file.name, file);
       }
       for (const std::string& name : page.folders)
         if (MTF::is_included((path + name).c_str(), true, filter_))
@@ -53,17 +58,21 @@ private:
     const Browse_Page page = browse_page(context_, account_.uuid, path, 1, std::string());
     if (page.files.empty() || !page.files.front().name.empty())
       throw Command_Error("there is no object '" + path + "'");
-    count(path, page.files.front().size);
+    count(path, page.files.front());
   }
 
-  void count(const std::string& path, unsigned long long size) {
+  void count(const std::string& path, const Browse_Page::File& file) {
     ++objects;
-    bytes += size;
-    if (context_.json)
+    bytes += file.size;
+    if (context_.json) {
+      std::string mtime = file.mtime + "Z";
+      std::replace(mtime.begin(), mtime.end(), ' ', 'T');
+      print_bytes(json_spirit::write_utf8(json_spirit::Object{{"file", path}, {"size", file.size}, {"mtime", mtime}}));
       return;
-    std::printf("%12llu  ", size);
-    std::fwrite(path.data(), 1, path.size(), stdout);
-    std::fputc('\n', stdout);
+    }
+    char size[32];
+    std::snprintf(size, sizeof size, "%12llu  ", file.size);
+    print_bytes(size + path);
   }
 
   Context& context_;
@@ -90,6 +99,8 @@ void dry_run(Context& context, const Account& account, const Selection& selectio
   json["objects"] = run.objects;
   json["bytes"] = run.bytes;
   json["excluded"] = run.excluded;
-  context.print(json, std::to_string(run.objects) + " objects, " + human_bytes(run.bytes) +
-                          " would be backed up; " + std::to_string(run.excluded) + " listed ones left out");
+  json["skipped"] = run.skipped;
+  context.print(json, std::to_string(run.objects) + " objects, " + human_bytes(run.bytes) + " would be backed up; " +
+                          std::to_string(run.excluded) + " listed ones excluded, " + std::to_string(run.skipped) +
+                          " skipped");
 }

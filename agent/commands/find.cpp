@@ -2,6 +2,8 @@
 #include "agent/commands/open_set.h"
 #include "agent/commands/search.h"
 
+#include "platform/crypto/base64.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -16,29 +18,18 @@ struct Find_Arguments {
   std::string account;
 };
 
-std::string hex(const unsigned char* bytes, size_t size) {
-  static const char digits[] = "0123456789abcdef";
-  std::string text;
-  for (size_t i = 0; i < size; ++i) {
-    text += digits[bytes[i] >> 4];
-    text += digits[bytes[i] & 15];
-  }
-  return text;
-}
-
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
   if (!context.json) {
     print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path +
-                (object.flags & catalog::FLAG_UNSEEN ? "  (not listed in this run)" : ""));
+                flags_text(object));
     return;
   }
   json_spirit::Object line = object_json(object);
   line["set"] = set.uuid;
   line["set_time"] = set.end_time;
   line["stored_in"] = stored_in;
-  line["sha256"] = hex(object.sha256, sizeof object.sha256);
-  if (object.flags & catalog::FLAG_UNSEEN)
-    line["unseen"] = true;
+  line["sha256"] = to_hex(object.sha256, sizeof object.sha256);
+  add_flags(object, line);
   print_bytes(json_spirit::write_utf8(line));
 }
 
@@ -111,7 +102,7 @@ void add_find_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Find_Arguments>();
   CLI::App* command = app.add_subcommand(
       "find", "Find objects in sets: when they were there, when they were gone, and which versions are held");
-  command->add_option("glob", arguments->glob, "Path with *, ? and **; without a leading / it matches at any depth")
+  command->add_option("glob", arguments->glob, "/bucket/key with *, ? and **; without the leading / it matches at any depth")
       ->required()
       ->type_name("GLOB");
   CLI::Option* set = command->add_option("--set", arguments->set, "In this set only")->type_name("SET");

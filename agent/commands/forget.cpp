@@ -308,16 +308,18 @@ private:
   const Forget_Arguments& arguments_;
   Pool pool_;
   std::vector<Set_Lock> locks_;
-  std::set<std::string> busy_;    ///< places where a run is under way
-  std::vector<Candidate> sets_;   ///< oldest first
+  std::set<std::string> busy_;     ///< places where a run is under way
+  std::vector<Candidate> sets_;    ///< oldest first
   std::set<std::string> replaced_; ///< by merged sets, and not dropped yet
-  std::set<std::string> orphans_; ///< what removed sets pointed into
-  std::set<std::string> decided_; ///< uuids of the sets that the rules were applied to
+  std::set<std::string> orphans_;  ///< what removed sets pointed into
+  std::set<std::string> decided_;  ///< uuids of the sets that the rules were applied to
 };
 
 void forget(Context& context, Forget_Arguments arguments) {
   if (!arguments.within.empty() && !parse_retention_time(arguments.within, arguments.rules.within))
-    throw Command_Error("--keep-within '" + arguments.within + "' is no time: 36h, 30d, 8w, 6m or 2y", EXIT_USAGE);
+    throw Command_Error("--keep-within '" + arguments.within +
+                            "' is no time: give 36h, 30d, 8w, 6m (months), 2y or several in a row",
+                        EXIT_USAGE);
   if (!arguments.rules.any())
     throw Command_Error("no rule says what to keep: give --keep-last or another --keep- option", EXIT_USAGE);
   const std::string account = arguments.account.empty() ? std::string() : context.account(arguments.account).uuid;
@@ -372,8 +374,8 @@ void add_forget_command(CLI::App& app, Context& context) {
   command->add_option("account", arguments->account, "Sets of this account only")->type_name("ACCOUNT");
   command->add_option("--pool", arguments->pool, "Sets in this pool only")->type_name("POOL");
   command->add_option("--name", arguments->selection, "Sets of this selection only")->type_name("SELECTION");
-  command->add_option("--keep-last", rules.last, "Keep the newest N of each selection")->type_name("N");
-  command->add_option("--keep-hourly", rules.hourly, "Keep one for each of the last N hours that have any")
+  command->add_option("--keep-last", rules.last, "Keep the newest N sets of each selection")->type_name("N");
+  command->add_option("--keep-hourly", rules.hourly, "Keep the newest set of each of the last N hours that have any")
       ->type_name("N");
   command->add_option("--keep-daily", rules.daily, "The same for days")->type_name("N");
   command->add_option("--keep-weekly", rules.weekly, "The same for weeks")->type_name("N");
@@ -381,8 +383,10 @@ void add_forget_command(CLI::App& app, Context& context) {
   command->add_option("--keep-yearly", rules.yearly, "The same for years")->type_name("N");
   command
       ->add_option("--keep-within", arguments->within,
-                   "Keep all that are this much older than the newest: 36h, 30d, 1y6m")
+                   "Keep all that are at most so much older than the newest: a number and h, d, w, m (31 days) or "
+                   "y (366 days), several in a row add up: 36h, 30d, 1y6m")
       ->type_name("TIME");
-  command->add_flag("--dry-run", arguments->dry_run, "Only say what would be removed");
+  command->add_flag("--dry-run", arguments->dry_run,
+                    "Remove nothing: list what would be removed and what would be kept, and why");
   command->callback([&context, arguments] { forget(context, *arguments); });
 }

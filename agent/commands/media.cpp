@@ -79,8 +79,11 @@ void check(Context& context, const std::vector<std::string>& files, const std::s
 }
 
 void dump(Context& context, const std::string& file, const std::string& pool) {
-  const auto line = [](const std::string& text) {
-    print_bytes(text);
+  const auto line = [&](const std::string& text) {
+    if (context.json)
+      print_json_line(json_spirit::Object{{"medium", file}, {"text", text}});
+    else
+      print_bytes(text);
     return std::ferror(stdout) == 0;
   };
   std::string error;

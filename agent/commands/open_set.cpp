@@ -35,6 +35,26 @@ json_spirit::Object object_json(const Catalog_Object& object) {
   return json;
 }
 
+void add_flags(const Catalog_Object& object, json_spirit::Object& json) {
+  if (object.flags & catalog::FLAG_UNSEEN)
+    json["unseen"] = true;
+  if (object.flags & catalog::FLAG_OLDER)
+    json["older"] = true;
+  if (object.flags & catalog::FLAG_DAMAGED)
+    json["damaged"] = true;
+}
+
+std::string flags_text(const Catalog_Object& object) {
+  std::string text;
+  if (object.flags & catalog::FLAG_UNSEEN)
+    text += "  (not listed in this run)";
+  if (object.flags & catalog::FLAG_OLDER)
+    text += "  (an older version: the one listed could not be read)";
+  if (object.flags & catalog::FLAG_DAMAGED)
+    text += "  (damaged)";
+  return text;
+}
+
 std::string object_head(const Catalog_Object& object) {
   char head[64];
   std::snprintf(head, sizeof head, "%s %12llu  ", POSIX_Time_To_ISO8601(object.mtime, "%Y-%m-%d %H:%M:%S").c_str(),

@@ -15,6 +15,10 @@ std::unique_ptr<Catalog_Reader> open_catalog(Context& context, const Set& set);
 
 /// {"file","size","mtime"} of an object.
 json_spirit::Object object_json(const Catalog_Object& object);
+/// "unseen", "older" and "damaged", where they hold.
+void add_flags(const Catalog_Object& object, json_spirit::Object& json);
+/// The same as words to stand behind a line; empty where none holds.
+std::string flags_text(const Catalog_Object& object);
 /// "2024-05-01 10:00:00        12345  " as lines about objects begin.
 std::string object_head(const Catalog_Object& object);
 /// Writes bytes and a line end to standard output, whatever the bytes are.

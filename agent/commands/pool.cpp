@@ -138,8 +138,8 @@ void show(Context& context, const std::string& name) {
   json_spirit::Object json = pool_json(entry);
   json["sets"] = static_cast<unsigned long long>(sets.size());
   json["storage_size"] = stored;
-  std::string text = entry.name + "  " + entry.url + "  " + entry.uuid + (pool.encrypted() ? "  encrypted" : "") + "\n" + std::to_string(sets.size()) +
-                     " sets, " + human_bytes(stored) + " stored\n";
+  std::string text = entry.name + "  " + entry.url + "  " + entry.uuid + (pool.encrypted() ? "  encrypted" : "") +
+                     "\n" + std::to_string(sets.size()) + " sets, " + human_bytes(stored) + " stored\n";
   json_spirit::Array problems;
   for (const std::string& error : errors) {
     problems.push_back(error);
@@ -149,6 +149,47 @@ void show(Context& context, const std::string& name) {
   context.print(json, text);
   if (!errors.empty())
     context.exit_code = EXIT_COMPLETED_WITH_ERRORS;
+}
+
+/// Where a pool is that was moved. That it is the same one is seen before anything is changed.
+void change(Context& context, const Pool_Arguments& arguments) {
+  Pool_Entry entry = context.pool_entry(arguments.name);
+  context.lock_state();
+  Pool pool;
+  std::string error;
+  if (!Pool::open(arguments.url, entry.uuid, pool, error))
+    throw Command_Error("pool '" + entry.name + "' stays at " + entry.url + ": " + error);
+  entry.url = arguments.url;
+  if (!context.store().update_pool(entry, error))
+    throw Command_Error(error);
+  if (!reconcile_sets(context.store(), entry.uuid, std::string(), error))
+    throw Command_Error("pool '" + entry.name + "' is at " + entry.url +
+                        " now, but its sets cannot be taken up: " + error);
+  context.print(pool_json(entry), "pool '" + entry.name + "' is at " + entry.url + " now");
+}
+
+/// Nothing in the pool is touched, which need not even be there any more.
+void remove(Context& context, const std::string& name) {
+  const Pool_Entry entry = context.pool_entry(name);
+  context.lock_state();
+  Store& store = context.store();
+  std::vector<Set> sets;
+  std::string error;
+  if (!store.sets(entry.uuid, std::string(), std::string(), true, sets, error))
+    throw Command_Error(error);
+  // Cut short, this leaves a pool whose sets are taken up again when they are listed.
+  unsigned long long online = 0;
+  for (const Set& set : sets) {
+    online += set.state == Set::STATE_ONLINE;
+    if (!store.remove_set(set.uuid, error))
+      throw Command_Error(error);
+  }
+  if (!store.remove_pool(entry.uuid, error) || (entry.encrypt && !forget_pool_key(store, entry.uuid, error)))
+    throw Command_Error(error);
+  json_spirit::Object json = pool_json(entry);
+  json["sets"] = online;
+  context.print(json, "pool '" + entry.name + "' is forgotten here with " + std::to_string(online) +
+                          " sets; what lies at " + entry.url + " stays");
 }
 
 /// The key of a pool that is known here, when the kept one is lost with its master key.
@@ -192,28 +233,43 @@ void add_pool_commands(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Pool_Arguments>();
   const auto add_secret = [arguments](CLI::App* command) {
     CLI::Option* passphrase =
-        command->add_option("--passphrase-file", arguments->passphrase_file, "File with the passphrase; -: standard input")
+        command
+            ->add_option("--passphrase-file", arguments->passphrase_file, "File with the passphrase; -: standard input")
             ->type_name("FILE");
-    command->add_option("--key-file", arguments->key_file, "File of 32 bytes or more that is the key; -: standard input")
+    command
+        ->add_option("--key-file", arguments->key_file, "File of 32 bytes or more that is the key; -: standard input")
         ->type_name("FILE")
         ->excludes(passphrase);
   };
 
-  CLI::App* add_command = pool->add_subcommand("add", "Make a pool in an empty folder, or take up the one that is there");
+  CLI::App* add_command =
+      pool->add_subcommand("add", "Make a pool in an empty folder, or take up the one that is there");
   add_command->add_option("name", arguments->name, "Name to call it by")->required()->type_name("NAME");
   add_command->add_option("url", arguments->url, "file:///FOLDER")->required()->type_name("URL");
   add_command->add_flag("--encrypt", arguments->encrypt, "Encrypt what a new pool holds: contents, names and sizes");
   add_secret(add_command);
   add_command->callback([&context, arguments] { add(context, *arguments); });
 
-  CLI::App* unlock_command =
-      pool->add_subcommand("unlock", "Give the key of an encrypted pool again, when the one that is kept cannot be used");
+  CLI::App* change_command = pool->add_subcommand("change", "Say where a pool lies that was moved");
+  change_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
+  change_command->add_option("--url", arguments->url, "file:///FOLDER that the same pool lies in now")
+      ->required()
+      ->type_name("URL");
+  change_command->callback([&context, arguments] { change(context, *arguments); });
+
+  CLI::App* remove_command =
+      pool->add_subcommand("remove", "Forget a pool here; what it holds stays, and \"pool add\" takes it up again");
+  remove_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
+  remove_command->callback([&context, arguments] { remove(context, arguments->name); });
+
+  CLI::App* unlock_command = pool->add_subcommand(
+      "unlock", "Give the key of an encrypted pool again, when the one that is kept cannot be used");
   unlock_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
   add_secret(unlock_command);
   unlock_command->callback([&context, arguments] { unlock(context, *arguments); });
 
-  CLI::App* rekey_command =
-      pool->add_subcommand("rekey", "Give an encrypted pool another passphrase or key file; what it holds stays as it is");
+  CLI::App* rekey_command = pool->add_subcommand(
+      "rekey", "Give an encrypted pool another passphrase or key file; what it holds stays as it is");
   rekey_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
   add_secret(rekey_command);
   rekey_command->callback([&context, arguments] { rekey(context, *arguments); });

@@ -7,23 +7,18 @@
 
 namespace {
 
-std::string text_member(const json_spirit::Object& json, const char* key) {
-  const json_spirit::Value* value = json_spirit::find(json, key);
-  return value != nullptr && value->type() == json_spirit::str_type ? value->get_str() : std::string();
-}
-
 /// What is missing in a definition of a rehearsal is filled in; what contradicts one is refused.
 json_spirit::Object rehearsal_of(json_spirit::Object definition) {
   if (json_spirit::find(definition, "type") == nullptr)
     definition["type"] = "restore";
-  if (text_member(definition, "type") != "restore")
+  if (json_spirit::optional_str(definition, "type") != "restore")
     throw Command_Error("job definition: a rehearsal's \"type\" must be \"restore\"");
   if (json_spirit::find(definition, "subtype") == nullptr)
     definition["subtype"] = "dr_test";
-  if (text_member(definition, "subtype") != "dr_test")
+  if (json_spirit::optional_str(definition, "subtype") != "dr_test")
     throw Command_Error("job definition: a rehearsal's \"subtype\" must be \"dr_test\"");
   // What was rehearsed is kept by this id: without one every rehearsal would be the first.
-  if (text_member(definition, "id").empty())
+  if (json_spirit::optional_str(definition, "id").empty())
     throw Command_Error("job definition: \"id\" must be a uuid that stays the same from rehearsal to rehearsal");
   const auto source = definition.find("source");
   // A rehearsal finds the set itself.

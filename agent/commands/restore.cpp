@@ -104,7 +104,7 @@ void restore(Context& context, const Restore_Arguments& arguments) {
   if (arguments.dry_run)
     return restore_dry_run(context, account, *catalog, selection, plan);
 
-  context.module();   // before the first request: from here on an interrupt cancels instead of ending the process
+  context.module(); // before the first request: from here on an interrupt cancels instead of ending the process
   refuse_collisions(plan);
   json_spirit::Array bucket_maps;
   for (const Bucket_Maps::Map& map : maps.maps()) {
@@ -155,12 +155,18 @@ void add_restore_command(CLI::App& app, Context& context) {
   command->add_option("set", arguments->set, "Set, or the beginning of its uuid")->required()->type_name("SET");
   command->add_option("path", arguments->paths, "/bucket/, /bucket/folder/ or /bucket/key; none: everything")
       ->type_name("PATH");
-  command->add_option("--to", arguments->to, "Account to restore to; the one that was backed up unless told")
+  command->add_option("--to", arguments->to, "Account to restore to; the one that was backed up unless given")
       ->type_name("ACCOUNT");
-  command->add_option("--map", arguments->maps, "SOURCE=TARGET[/PREFIX]: where a bucket's objects go; '*' for the rest")
-      ->type_name("MAP")
+  command
+      ->add_option(
+          "--map", arguments->maps,
+          "Where a bucket's objects go; SOURCE '*' for the rest; none: back where they came from; may be repeated")
+      ->type_name("SOURCE=TARGET[/PREFIX]")
       ->allow_extra_args(false);
-  command->add_option("--existing", arguments->existing, "What to do with objects that exist: overwrite, skip or newest")
+  command
+      ->add_option(
+          "--existing", arguments->existing,
+          "An object that is there already is overwritten, or left (skip), or left unless the set's is newer (newest)")
       ->check(CLI::IsMember({"overwrite", "skip", "newest"}))
       ->capture_default_str();
   command->add_option("--concurrent", arguments->concurrent, "Objects written at the same time")
@@ -169,13 +175,18 @@ void add_restore_command(CLI::App& app, Context& context) {
   command->add_flag("--no-acl", arguments->no_acl, "Give no access lists");
   command->add_flag("--drop-tags", arguments->drop_tags, "Give no tags");
   command
-      ->add_option("--storage-class", arguments->storage_class, "Storage class for all objects; each one's own unless told")
+      ->add_option("--storage-class", arguments->storage_class,
+                   "Storage class for all objects; each one's own unless told")
       ->type_name("CLASS");
-  command->add_flag("--create-bucket", arguments->create_bucket, "Create target buckets that do not exist");
-  command->add_option("--glob", arguments->globs, "Also the objects whose path matches: *, ? and **, as for find")
+  command->add_flag("--create-bucket", arguments->create_bucket,
+                    "Create each target bucket that does not exist; without it they must be there");
+  command
+      ->add_option("--glob", arguments->globs,
+                   "Also the objects whose path matches (*, ?, **, as for find); may be repeated")
       ->type_name("GLOB")
       ->allow_extra_args(false);
-  command->add_flag("--dry-run", arguments->dry_run,
-                    "Write nothing: list what would be written where, and which objects would collide");
+  command->add_flag(
+      "--dry-run", arguments->dry_run,
+      "Write nothing: list what would be written where, and which objects would collide; --existing is not looked at");
   command->callback([&context, arguments] { restore(context, *arguments); });
 }

@@ -14,8 +14,8 @@
 namespace {
 
 /// Keeps the run in the agent's database. The run itself is over: a failure here is only worth a line.
-void record_activity(Context& context, const std::string& id, const std::string& definition_id,
-                     const std::string& type, time_t start, const Outcome& outcome) {
+void record_activity(Context& context, const std::string& id, const std::string& definition_id, const std::string& type,
+                     time_t start, const Outcome& outcome) {
   Activity activity;
   activity.id = id;
   activity.definition_id = definition_id;
@@ -82,9 +82,10 @@ Outcome run_job(Context& context, const json_spirit::Object& json) {
   record_activity(context, activity_id, definition->id(),
                   definition->type() == JOB_DEFINITION_BACKUP ? "backup" : "restore", start, outcome);
 
+  // A run that failed has an account too once it got so far: what it did to which object must be told.
   if (context.json)
     context.print(outcome.to_json(), std::string());
-  else if (outcome.code != EXIT_FAILED)
+  else if (outcome.code != EXIT_FAILED || !outcome.figures.empty())
     context.print(json_spirit::Value(), outcome.to_text());
   if (outcome.code == EXIT_FAILED)
     std::fprintf(stderr, "obs-agent: %s\n", outcome.failure.c_str());

@@ -6,18 +6,45 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <map>
 #include <memory>
 
 namespace {
 
 constexpr unsigned LS_PAGE = 1000;
 
-json_spirit::Object set_json(const Set& set) {
+/// What people call accounts and pools, by uuid.
+struct Names {
+  explicit Names(Store& store) {
+    std::vector<Account> all_accounts;
+    std::vector<Pool_Entry> all_pools;
+    std::string error;
+    if (!store.accounts(all_accounts, error) || !store.pools(all_pools, error))
+      throw Command_Error(error);
+    for (const Account& account : all_accounts)
+      accounts[account.uuid] = account.name;
+    for (const Pool_Entry& pool : all_pools)
+      pools[pool.uuid] = pool.name;
+  }
+  /// Empty for what is not known here, as the account of a set that another agent made.
+  static std::string of(const std::map<std::string, std::string>& names, const std::string& uuid) {
+    const auto found = names.find(uuid);
+    return found == names.end() ? std::string() : found->second;
+  }
+
+  std::map<std::string, std::string> accounts;
+  std::map<std::string, std::string> pools;
+};
+
+json_spirit::Object set_json(const Set& set, const Names& names) {
   json_spirit::Object json;
   json["set"] = set.uuid;
   json["account"] = set.account_uuid;
+  json["account_name"] = Names::of(names.accounts, set.account_uuid);
   json["pool"] = set.pool_uuid;
+  json["pool_name"] = Names::of(names.pools, set.pool_uuid);
   json["selection"] = set.minor_resource_id;
+  json["selection_name"] = set.minor_resource_name;
   json["type"] = set.type;
   json["seq"] = set.seq;
   json["start_time"] = set.start_time;
@@ -28,6 +55,20 @@ json_spirit::Object set_json(const Set& set) {
   return json;
 }
 
+/// A line of its own, whatever bytes the selection's paths have; names that are not known are "-".
+std::string set_line(const Set& set, const Names& names) {
+  std::string line = set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) +
+                     " objects  " + human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) +
+                     " stored)";
+  for (const std::string& name : {Names::of(names.accounts, set.account_uuid), Names::of(names.pools, set.pool_uuid),
+                                  set.minor_resource_name})
+    line += "  " + (name.empty() ? std::string("-") : name);
+  for (char& c : line)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+      c = '?';
+  return line + "\n";
+}
+
 void list_sets(Context& context, const std::string& account_name) {
   const std::string account_uuid = account_name.empty() ? std::string() : context.account(account_name).uuid;
   for (const std::string& warning : context.reconcile())
@@ -36,12 +77,12 @@ void list_sets(Context& context, const std::string& account_name) {
   std::string error;
   if (!context.store().sets(std::string(), account_uuid, std::string(), false, sets, error))
     throw Command_Error(error);
+  const Names names(context.store());
   json_spirit::Array array;
   std::string text;
   for (const Set& set : sets) {
-    array.push_back(set_json(set));
-    text += set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) + " objects  " +
-            human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) + " stored)\n";
+    array.push_back(set_json(set, names));
+    text += set_line(set, names);
   }
   json_spirit::Object json;
   json["sets"] = array;
@@ -96,12 +137,14 @@ public:
   void object(const Catalog_Object& object) {
     if (json_) {
       json_spirit::Object entry = object_json(object);
+      add_flags(object, entry);
       if (long_)
         add_attributes(object, entry);
       std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
       return;
     }
-    print_bytes(object_head(object) + (long_ ? attributes_head(object) : std::string()) + "/" + object.path);
+    print_bytes(object_head(object) + (long_ ? attributes_head(object) : std::string()) + "/" + object.path +
+                flags_text(object));
   }
 
 private:

@@ -1,6 +1,7 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
 
+#include "platform/mtf/damage_marks.h"
 #include "platform/mtf/verify.h"
 
 #include <CLI/CLI.hpp>
@@ -19,6 +20,7 @@ struct Verify_Arguments {
   std::string sample = "100%";
   unsigned long long seed = 0;
   bool seed_given = false;
+  bool mark = false;
 };
 
 /// "5%", "0.5%" or "5". Throws Command_Error.
@@ -103,11 +105,20 @@ std::string report_text(const Verify_Options& options, const Verify_Report& repo
             std::to_string(options.seed) + ")";
   text += "\n";
   if (report.lost != 0)
-    text += "a restore would lack " + std::to_string(report.lost) + " objects with " +
-            human_bytes(report.lost_bytes) + "\n";
+    text += "a restore would lack " + std::to_string(report.lost) + " objects with " + human_bytes(report.lost_bytes) +
+            "\n";
   if (!report.failure.empty())
     text += "the set cannot be verified: " + report.failure + "\n";
   return text;
+}
+
+/// Has the next incremental store what is damaged anew. Nobody may write into the pool meanwhile.
+unsigned long long mark(Context& context, const Pool& pool, const Set_Record& record, Damage_Marks& marks) {
+  context.lock_pool(pool);
+  unsigned long long rows = 0;
+  if (!marks.write(pool, record.uri.substr(0, record.uri.rfind('/')), rows))
+    throw Command_Error("what is damaged cannot be marked: " + marks.error());
+  return rows;
 }
 
 void verify(Context& context, const Verify_Arguments& arguments) {
@@ -121,17 +132,38 @@ void verify(Context& context, const Verify_Arguments& arguments) {
   Set_Record record;
   open_set(context, set, pool, record);
   // A set may have lost any number of objects: each is told when it is found.
-  if (!context.json)
-    options.found = [](const Verify_Damage& damage) {
-      print_bytes("damaged: '/" + damage.path + "': " + damage.message);
-    };
-  else
-    options.found = [](const Verify_Damage& damage) {
+  std::string error;
+  const std::unique_ptr<Damage_Marks> marks = arguments.mark ? Damage_Marks::make(error) : nullptr;
+  if (arguments.mark && !marks)
+    throw Command_Error(error);
+  options.found = [&](const Verify_Damage& damage) {
+    if (context.json)
       print_bytes(json_spirit::write_utf8(json_spirit::Value(damage_json(damage))));
-    };
+    else
+      print_bytes("damaged: '/" + damage.path + "': " + damage.message);
+    if (marks)
+      marks->add(damage);
+  };
   Verify_Report report;
   const bool clean = verify_set(pool, record, options, report);
-  context.print(report_json(set, options, report), report_text(options, report));
+  json_spirit::Object json = report_json(set, options, report);
+  std::string text = report_text(options, report);
+  if (marks) {
+    unsigned long long rows = 0;
+    try {
+      rows = report.damaged == 0 ? 0 : mark(context, pool, record, *marks);
+    } catch (const Command_Error&) {
+      context.print(json, text);
+      throw;
+    }
+    json["marked"] = rows;
+    if (report.damaged != 0)
+      text += std::to_string(rows) + " entries of catalogs are marked as damaged; the next incremental backup stores " +
+              "these objects anew\n";
+  } else if (report.damaged != 0) {
+    text += "with --mark the next incremental backup stores the damaged objects anew\n";
+  }
+  context.print(json, text);
   context.exit_code = clean ? EXIT_COMPLETED : EXIT_FAILED;
 }
 
@@ -141,11 +173,15 @@ void add_verify_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Verify_Arguments>();
   CLI::App* check = app.add_subcommand("verify", "Read every stored byte of a set back and check it");
   check->add_option("set", arguments->set, "Set, or the beginning of its uuid")->required()->type_name("SET");
-  check->add_option("--threads", arguments->threads, "Objects read at the same time; 0: as many as pay")
-      ->check(CLI::Range(0, 256));
+  check->add_option("--threads", arguments->threads, "Objects read at the same time; 0: 4")
+      ->check(CLI::Range(0, 256))
+      ->capture_default_str();
   check->add_option("--sample", arguments->sample, "Read only this part of the objects, chosen by chance")
-      ->type_name("N%");
-  CLI::Option* seed = check->add_option("--seed", arguments->seed, "The sample of an earlier run again");
+      ->type_name("N%")
+      ->capture_default_str();
+  check->add_flag("--mark", arguments->mark, "Have the next incremental backup store anew what is damaged");
+  CLI::Option* seed = check->add_option("--seed", arguments->seed, "The sample of an earlier run again, by the number it printed; a new one each time unless given")
+                          ->type_name("N");
   check->callback([&context, arguments, seed] {
     arguments->seed_given = seed->count() != 0;
     verify(context, *arguments);

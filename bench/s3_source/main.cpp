@@ -22,6 +22,7 @@
 //
 //   s3-source NAME:TREE:SIZE[:text]...      TREE: 100x100x100 folders, folders, objects
 //   PUT /NAME                               a bucket that takes what is written to it and keeps the sizes
+//   PUT /NAME/KEY                           of a made-up bucket: taken where the key is there, and changes nothing
 //   GET /-/latency?us=N, /-/counts, /-/forget
 
 namespace {

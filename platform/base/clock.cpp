@@ -7,9 +7,10 @@
 #include <chrono>
 #include <thread>
 
-Clock::~Clock() = default;
-
 namespace {
+
+/// How often who sleeps looks whether its job is being cancelled.
+constexpr std::chrono::milliseconds SLICE(200);
 
 class Machine_Clock : public Clock {
 public:
@@ -25,12 +26,11 @@ public:
 
   void sleep(unsigned seconds) override {
     using namespace std::chrono;
-    const milliseconds slice(200);
     const auto end = steady_clock::now() + std::chrono::seconds(seconds);
     // The state is looked at behind each slice, never before the first: a loop that retries without a bound would
     // otherwise spin as soon as its job is cancelled.
     for (auto at = steady_clock::now(); at < end; at = steady_clock::now()) {
-      std::this_thread::sleep_for(std::min<steady_clock::duration>(slice, end - at));
+      std::this_thread::sleep_for(std::min<steady_clock::duration>(SLICE, end - at));
       if (is_current_job_canceling())
         return;
     }
@@ -46,6 +46,17 @@ Machine_Clock& machine_clock() {
 std::atomic<Clock*> clock_in_force{nullptr};
 
 } // namespace
+
+Clock::~Clock() = default;
+
+void Clock::wait(std::unique_lock<std::mutex>& lock, std::condition_variable& changed, const ACE_Time_Value& time) {
+  using namespace std::chrono;
+  const auto end = steady_clock::now() + seconds(time.sec()) + microseconds(time.usec());
+  for (auto at = steady_clock::now(); at < end; at = steady_clock::now())
+    if (changed.wait_until(lock, std::min<steady_clock::time_point>(at + SLICE, end)) == std::cv_status::no_timeout ||
+        is_current_job_canceling())
+      return;
+}
 
 Clock& Clock::instance() {
   Clock* clock = clock_in_force;

@@ -79,4 +79,49 @@ TEST(Clock_Instance, sleep_of_a_cancelled_job_does_not_spin) {
   job->complete();
 }
 
+TEST(Clock_Instance, wait_takes_its_time_where_nobody_notifies) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::unique_lock<std::mutex> lock(mutex);
+  const auto begin = std::chrono::steady_clock::now();
+  unsigned waits = 0;
+  for (; std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(300); ++waits)
+    Clock::instance().wait(lock, changed, ACE_Time_Value(0, 300000));
+  EXPECT_TRUE(lock.owns_lock());
+  EXPECT_LT(waits, 100u) << "it wakes up for no reason all the time";
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+}
+
+TEST(Clock_Instance, wait_ends_when_it_is_notified) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool done = false;
+  auto waited = std::async(std::launch::async, [&] {
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!done)
+      Clock::instance().wait(lock, changed, ACE_Time_Value(3600));
+  });
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    done = true;
+  }
+  changed.notify_all();
+  EXPECT_EQ(std::future_status::ready, waited.wait_for(std::chrono::seconds(10)));
+}
+
+TEST(Clock_Instance, wait_ends_early_when_the_threads_job_is_cancelled) {
+  const Job_var job(new Idle_Job, false);
+  ASSERT_EQ(0, job->start(nullptr));
+  ASSERT_EQ(0, job->stop(nullptr));
+  Job::current(job.get());
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::unique_lock<std::mutex> lock(mutex);
+  const auto begin = std::chrono::steady_clock::now();
+  Clock::instance().wait(lock, changed, ACE_Time_Value(3600));
+  Job::current(nullptr);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  job->complete();
+}
+
 } // namespace

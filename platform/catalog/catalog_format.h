@@ -25,6 +25,11 @@ constexpr unsigned FLAG_UNSEEN = 1;
 /// By the service's own clock the object was modified less than two seconds before it was read: the next run takes it
 /// for changed, since another one of the same size may have the same date.
 constexpr unsigned FLAG_FRESH = 2;
+/// The listing showed another version, which could not be read: this is the one of the set before. The next run reads
+/// the object whatever the listing says.
+constexpr unsigned FLAG_OLDER = 4;
+/// The data were found damaged or missing since: the next run takes the object for changed.
+constexpr unsigned FLAG_DAMAGED = 8;
 
 } // namespace catalog
 
@@ -51,9 +56,9 @@ struct Catalog_Set {
   unsigned seq = 0;
 };
 
-/// Something that was listed and is not in the set.
+/// Something that was listed and is not in the set, or not with all that belongs to it.
 struct Catalog_Problem {
-  enum Kind { SKIPPED = 1, FAILED = 2, NOT_LISTED = 3 } kind = SKIPPED;
+  enum Kind { SKIPPED = 1, FAILED = 2, NOT_LISTED = 3, INCOMPLETE = 4 } kind = SKIPPED;
   std::string path; ///< "bucket/key", or "bucket/prefix" for NOT_LISTED
   int number = 0;   ///< an errno value; 0: none
   std::string message;

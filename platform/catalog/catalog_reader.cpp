@@ -323,16 +323,19 @@ private:
     static const std::string none;
     if (id == 0)
       return none;
-    const auto known = texts_.find(id);
-    if (known != texts_.end())
-      return known->second;
-    if (texts_.size() >= KNOWN_ATTRIBUTES)
+    if (id == last_id_)
+      return *last_text_;
+    if (texts_.size() >= KNOWN_ATTRIBUTES && texts_.count(id) == 0)
       texts_.clear();
-    Catalog_Reset reset(text_);
-    std::string& text = texts_[id];
-    if (text_.bind(1, id).step() == SQLITE_ROW)
-      text.assign(text_.blob(0));
-    return text;
+    const auto [known, added] = texts_.try_emplace(id);
+    if (added) {
+      Catalog_Reset reset(text_);
+      if (text_.bind(1, id).step() == SQLITE_ROW)
+        known->second.assign(text_.blob(0));
+    }
+    last_id_ = id;
+    last_text_ = &known->second;
+    return known->second;
   }
 
   /// "SELECT" with the columns that `fill` reads. `own`: with what only one object has, which no sort should carry.
@@ -556,6 +559,8 @@ private:
   int version_ = 0;
   Catalog_Statement text_;
   std::unordered_map<unsigned long long, std::string> texts_; ///< of attributes, by id
+  unsigned long long last_id_ = 0; ///< of the text asked for last; 0: none
+  const std::string* last_text_ = nullptr;
   Catalog_Counts counts_;
   std::vector<Catalog_Set> sets_;
 };

@@ -54,15 +54,21 @@ bool sum_of(const std::string& path, std::string& sum, std::string& error) {
 
 } // namespace
 
-bool drop_catalog_sum(const std::string& folder, std::string& error) {
-  const std::string path = folder + "/" + SUM_NAME;
-  if (::unlink(path.c_str()) != 0) {
-    if (errno == ENOENT)
-      return true;
-    error = "cannot remove " + path + ": " + std::strerror(errno);
+bool install_catalog(const std::string& work, const std::string& folder, std::string& error) {
+  const std::string sum = folder + "/" + SUM_NAME, path = folder + "/" + catalog::FILE_NAME;
+  if (::unlink(sum.c_str()) != 0 && errno != ENOENT) {
+    error = "cannot remove " + sum + ": " + std::strerror(errno);
     return false;
   }
-  return sync_folder(folder, error);
+  if (!sync_folder(folder, error))
+    return false;
+  if (std::rename((work + "/" + catalog::FILE_NAME).c_str(), path.c_str()) != 0) {
+    error = "cannot replace " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  for (const char* const suffix : {"-journal", "-wal", "-shm"})
+    ::unlink((path + suffix).c_str());
+  return sync_folder(folder, error) && write_catalog_sum(folder, error);
 }
 
 bool write_catalog_sum(const std::string& folder, std::string& error) {

@@ -22,8 +22,8 @@
 namespace {
 
 /// Rows that may wait for the database. A row is a few hundred bytes; a path, and what services keep beside an object,
-/// are at most some thousand each.
-constexpr size_t QUEUE_LIMIT = 4096;
+/// are at most some thousand each. Rows that were written keep their memory for those that follow.
+constexpr size_t QUEUE_LIMIT = 2048;
 /// Texts of attributes whose ids are at hand.
 constexpr size_t KNOWN_ATTRIBUTES = 1024;
 constexpr size_t KNOWN_ATTRIBUTES_BYTES = 1u << 20;
@@ -107,12 +107,12 @@ public:
     return true;
   }
 
-  bool add_object(const Catalog_Object& object) override { return add(Row(object)); }
-  bool add_folder(const std::string& path) override { return add(Row(Folder{path})); }
-  bool add_visit(const Catalog_Visit& visit) override { return add(Row(visit)); }
-  bool add_problem(const Catalog_Problem& problem) override { return add(Row(problem)); }
-  bool add_deletion(const Catalog_Deletion& deletion) override { return add(Row(deletion)); }
-  bool add_set(const Catalog_Set& set) override { return add(Row(set)); }
+  bool add_object(const Catalog_Object& object) override { return add(object); }
+  bool add_folder(const std::string& path) override { return add(Folder{path}); }
+  bool add_visit(const Catalog_Visit& visit) override { return add(visit); }
+  bool add_problem(const Catalog_Problem& problem) override { return add(problem); }
+  bool add_deletion(const Catalog_Deletion& deletion) override { return add(deletion); }
+  bool add_set(const Catalog_Set& set) override { return add(set); }
 
   bool finish() override {
     stop();
@@ -147,13 +147,16 @@ private:
            meta_.prepare(db_.get(), "INSERT INTO meta VALUES(?,?)", error);
   }
 
-  bool add(Row&& row) {
+  template <class Kind> bool add(const Kind& row) {
     std::unique_lock<std::mutex> lock(mutex_);
-    room_.wait(lock, [this] { return queue_.size() < QUEUE_LIMIT || failed_; });
+    room_.wait(lock, [this] { return queued_ < QUEUE_LIMIT || failed_; });
     if (failed_)
       return false;
-    queue_.push_back(std::move(row));
-    if (queue_.size() == WORTH_WAKING)
+    if (queued_ < queue_.size())
+      queue_[queued_] = row; // into the strings of a row of the same kind, most often
+    else
+      queue_.emplace_back(row);
+    if (++queued_ == WORTH_WAKING)
       rows_.notify_one();
     return true;
   }
@@ -179,22 +182,24 @@ private:
   void run() {
     pthread_setname_np(pthread_self(), "Catalog");
     std::vector<Row> batch;
+    size_t count = 0;
     for (;;) {
       {
         std::unique_lock<std::mutex> lock(mutex_);
-        rows_.wait(lock, [this] { return queue_.size() >= WORTH_WAKING || closing_; });
-        if (queue_.empty() || failed_)
+        rows_.wait(lock, [this] { return queued_ >= WORTH_WAKING || closing_; });
+        if (queued_ == 0 || failed_)
           return;
         batch.swap(queue_);
+        count = queued_;
+        queued_ = 0;
         room_.notify_all();
       }
-      for (const Row& row : batch) {
-        if (!std::visit([this](const auto& r) { return write(r); }, row)) {
+      for (size_t i = 0; i < count; ++i) {
+        if (!std::visit([this](const auto& r) { return write(r); }, batch[i])) {
           fail("cannot write catalog " + path_ + ": " + catalog_error(db_.get()));
           return;
         }
       }
-      batch.clear();
     }
   }
 
@@ -249,6 +254,13 @@ private:
   /// The id of the text, kept once however many objects have it; 0 on failure. What was looked up last is at hand, and
   /// the table that is forgotten when it is full keeps memory bounded where every object has a text of its own.
   unsigned long long attributes_id(const std::string& text) {
+    if (last_attributes_id_ != 0 && text == last_attributes_)
+      return last_attributes_id_;
+    last_attributes_ = text;
+    return last_attributes_id_ = look_attributes_up(text);
+  }
+
+  unsigned long long look_attributes_up(const std::string& text) {
     const auto known = known_attributes_.find(text);
     if (known != known_attributes_.end())
       return known->second;
@@ -333,6 +345,8 @@ private:
       add_attributes_;
   std::unordered_map<std::string, unsigned long long> known_attributes_;
   size_t known_bytes_ = 0;
+  std::string last_attributes_;
+  unsigned long long last_attributes_id_ = 0; ///< 0: none yet
   std::string last_folder_;
   unsigned long long last_id_ = 0;
   Catalog_Counts counts_;
@@ -340,7 +354,8 @@ private:
   mutable std::mutex mutex_; ///< guards the queue, `closing_` and `error_`
   std::condition_variable rows_;
   std::condition_variable room_;
-  std::vector<Row> queue_;
+  std::vector<Row> queue_; ///< the first `queued_` wait
+  size_t queued_ = 0;
   bool closing_ = false;
   std::string error_;
   std::atomic<bool> failed_{false};

@@ -52,28 +52,17 @@ bool media_are_there(const std::string& folder, const std::vector<Set_Record::Me
 
 Set_Record make_record(const file_backup::File_Backup_Set& set) {
   const file_backup::File_Metadata& metadata = set.metadata;
-  Set_Record record;
+  Set_Record record = describe_set(metadata);
   record.uuid = set.uuid;
   record.uri = metadata.set_uri;
-  record.host_uuid = metadata.host_uuid;
-  record.minor_resource_id = metadata.minor_resource_id;
-  record.minor_resource_name = metadata.minor_resource_name;
-  record.resource_uuid = metadata.resource_uuid;
-  record.definition_uuid = metadata.definition_uuid;
-  record.name = metadata.name;
-  record.agent = metadata.agent;
-  record.host = metadata.host;
-  record.type = metadata.type;
   record.incarnation = set.incarnation;
   record.bases.assign(set.bases.begin(), set.bases.end());
   record.seq = set.seq;
   record.channels = metadata.channels;
-  record.start_time = metadata.start_time;
   record.end_time = metadata.end_time;
   record.source_size = metadata.source_size;
   record.backup_set_size = metadata.backup_set_size;
   record.backup_set_storage_size = metadata.backup_set_storage_size;
-  record.encryption = metadata.encryption;
   read_media(metadata.media, record.media);
   record.figures = metadata.figures;
   return record;

@@ -19,11 +19,15 @@ public:
   Counting_Clock() : before_(Clock::instance(this)) {}
   ~Counting_Clock() override { Clock::instance(before_); }
   time_t now() override { return 1700000000 + static_cast<time_t>(slept); }
-  ACE_Time_Value monotonic() override { return ACE_Time_Value(static_cast<time_t>(slept)); }
+  ACE_Time_Value monotonic() override { return ACE_Time_Value(static_cast<time_t>(slept)) + waited; }
   void sleep(unsigned seconds) override {
     ++sleeps;
     slept += seconds;
   }
+  void wait(std::unique_lock<std::mutex>&, std::condition_variable&, const ACE_Time_Value& time) override {
+    waited += time;
+  }
+  ACE_Time_Value waited;
   unsigned long long slept = 0;
   unsigned sleeps = 0;
 

@@ -95,8 +95,8 @@ bool Curl_Connection::send(const HTTP_Request& request) {
     return false;
   }
   uploading_ = request.has_body;
-  // Connecting has a time-out of its own, during which no byte moves.
-  const unsigned idle = std::max(idle_timeout_, pool_->settings().connect_timeout + 1);
+  // Connecting has a time-out of its own, during which no byte moves; it counts where every wait is not bounded anyway.
+  const unsigned idle = cancellable_ ? std::max(idle_timeout_, pool_->settings().connect_timeout + 1) : idle_timeout_;
   drive(std::chrono::seconds(idle), [this] { return head_complete_; });
   return head_complete_;
 }

@@ -406,6 +406,19 @@ TEST_F(attributes_in_engines, what_could_not_be_had_is_named_and_the_object_is_s
   ASSERT_EQ(1u, events_->items.size());
   EXPECT_EQ("The object is saved without all that belongs to it: its tags (AccessDenied: no).",
             json_spirit::optional_str(events_->items[0], "message"));
+  std::string error;
+  const auto catalog = Catalog_Reader::open(pool_.set_folder(record_.uri), error);
+  ASSERT_TRUE(catalog) << error;
+  unsigned problems = 0;
+  ASSERT_TRUE(catalog->problems(
+      [&](const Catalog_Problem& one) {
+        EXPECT_EQ(Catalog_Problem::INCOMPLETE, one.kind);
+        EXPECT_EQ("b/f2/o121", one.path);
+        EXPECT_EQ("The object is saved without all that belongs to it: its tags (AccessDenied: no).", one.message);
+        return ++problems != 0;
+      },
+      error));
+  EXPECT_EQ(1u, problems);
 }
 
 TEST_F(attributes_in_engines, what_the_target_refused_is_named_and_the_object_counts_as_saved) {

@@ -1,8 +1,16 @@
 #include "platform/mtf/backup_base.h"
 
 #include "platform/catalog/open_catalog.h"
+#include "platform/mtf/media_feed.h"
 
 #include <algorithm>
+
+namespace {
+
+/// Far more sets than a catalog ever points into.
+constexpr unsigned MAX_PLACES = 1u << 20;
+
+} // namespace
 
 std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
                                                std::string& error) {
@@ -30,7 +38,15 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
       error = "in " + set.uri + " lies another set than " + set.uuid;
       return nullptr;
     }
+    record.uri = set.uri;
+    base->look_at_media(pool, set.index, record);
   }
+  if (base->catalog_->sets().back().index >= MAX_PLACES) {
+    error = "the catalog of the set " + base->record_.uuid + " is damaged";
+    return nullptr;
+  }
+  base->places_ = base->catalog_->sets().back().index + size_t(1);
+  base->used_ = std::make_unique<std::atomic<bool>[]>(base->places_);
   // An empty name makes a database of its own that spills to a temporary file.
   if (!base->shown_.open("", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, error) ||
       !base->shown_.execute("PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; PRAGMA cache_size=-2048;"
@@ -53,22 +69,37 @@ bool Backup_Base::enter(const std::string& path) {
   return catalog_->enter(path, error_);
 }
 
-/// The catalog's own set is 0 in every catalog; the base's sets move up by one.
-void Backup_Base::renumber(Catalog_Object& object) {
-  if (used_.size() <= object.set)
-    used_.resize(object.set + 1);
-  used_[object.set] = true;
-  ++object.set;
+void Backup_Base::look_at_media(const Pool& pool, unsigned index, const Set_Record& record) {
+  for (const Set_Record::Medium& medium : record.media) {
+    const std::string path = pool.set_folder(record.uri) + "/" + medium.name;
+    const std::string why = medium_problem(path, medium.size);
+    if (why.empty())
+      continue;
+    bad_.insert({index, medium.name});
+    bad_media_.push_back({path, "A medium of the set " + record.uuid + ": " + why + ". Its objects are stored anew."});
+  }
 }
 
-bool Backup_Base::unchanged(const std::string& name, unsigned long long size, long long mtime, Catalog_Object& object) {
+/// As far as is known without reading it.
+bool Backup_Base::is_good(const Catalog_Object& object) const {
+  return (object.flags & catalog::FLAG_DAMAGED) == 0 &&
+         (bad_.empty() || bad_.count({object.set, medium_name(object.channel)}) == 0);
+}
+
+Backup_Base::Match Backup_Base::match(const std::string& name, unsigned long long size, long long mtime,
+                                      Catalog_Object& object) {
   if (!catalog_->match(name, object, error_) || !show(object.ordinal))
-    return false;
-  if (object.size != size || object.mtime != mtime || (object.flags & catalog::FLAG_FRESH) != 0)
-    return false;
+    return Match::NONE;
+  if (object.set >= places_ || !is_good(object))
+    return Match::NONE;
+  const bool same =
+      object.size == size && object.mtime == mtime && (object.flags & (catalog::FLAG_FRESH | catalog::FLAG_OLDER)) == 0;
   object.flags = 0;
-  renumber(object);
-  return true;
+  // The catalog's own set is 0 in every catalog; the base's sets move up by one.
+  ++object.set;
+  if (same)
+    use(object);
+  return same ? Match::UNCHANGED : Match::CHANGED;
 }
 
 bool Backup_Base::show(unsigned long long ordinal) {
@@ -107,17 +138,26 @@ bool Backup_Base::is_shown(unsigned long long first, unsigned long long last) {
   return shown;
 }
 
-bool Backup_Base::not_shown(const std::string& path, bool take, const std::function<bool(Catalog_Object&)>& told) {
+bool Backup_Base::not_shown(const std::string& path, bool take,
+                            const std::function<bool(const Catalog_Object&)>& wanted,
+                            const std::function<bool(Catalog_Object&)>& told) {
   if (!store_run())
     return false;
   bool done = true;
   const auto one = [&](const Catalog_Object& found) {
-    if (is_shown(found.ordinal, found.ordinal))
+    if (is_shown(found.ordinal, found.ordinal) || !wanted(found))
       return true;
     Catalog_Object object = found;
+    if (take && found.set >= places_) {
+      error_ = "the catalog of the set " + record_.uuid + " is damaged";
+      return done = false;
+    }
     if (take) {
       done = show(found.ordinal);
-      renumber(object);
+      if (!is_good(object))
+        object.flags |= catalog::FLAG_DAMAGED;
+      ++object.set;
+      use(object);
     }
     return done && told(object);
   };
@@ -131,7 +171,7 @@ bool Backup_Base::not_shown(const std::string& path, bool take, const std::funct
 
 bool Backup_Base::add_sets(Catalog_Writer& catalog) const {
   for (const Catalog_Set& set : catalog_->sets()) {
-    if (set.index >= used_.size() || !used_[set.index])
+    if (!used_[set.index])
       continue;
     Catalog_Set moved = set;
     ++moved.index;

@@ -1,6 +1,7 @@
 #include "platform/mtf/backup_channel.h"
 
 #include "sdk/base/clock.h"
+#include "sdk/base/time_format.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -37,8 +38,41 @@ Object_Head Backup_Channel::head_of(const Backup_Item& item) const {
   return head;
 }
 
+/// Where the object cannot be had, what the base has of it goes into the set: better an older version than none. Says
+/// so, with a space before it.
+std::string Backup_Channel::keep_older(Backup_Item& item) {
+  if (!item.older || shared_.base == nullptr)
+    return std::string();
+  Catalog_Object& older = *item.older;
+  older.ordinal = item.ordinal;
+  older.flags = catalog::FLAG_OLDER;
+  const std::string date = POSIX_Time_To_ISO8601(older.mtime, "%Y-%m-%d %H:%M:%S").str();
+  shared_.base->use(older);
+  if (!shared_.catalog->add_object(older))
+    shared_.fail(E_WRITE_MEDIUM, shared_.catalog->error());
+  item.older.reset();
+  return " The version of " + date + " is kept.";
+}
+
+void Backup_Channel::skip(Backup_Item& item, const std::string& message) {
+  shared_.account->skipped(item.path(), message + keep_older(item));
+}
+
+void Backup_Channel::fail(Backup_Item& item, int number, const std::string& message) {
+  shared_.account->failed(item.path(), number, message + keep_older(item));
+}
+
+/// Whether the object can be read here and carried by a medium; if not it is accounted for.
+bool Backup_Channel::fits(Backup_Item& item) {
+  if (item.size <= shared_.limits.largest_object)
+    return true;
+  skip(item, item.size > Backup_Limits::LARGEST_ON_MEDIUM ? "The object is larger than a medium can carry."
+                                                          : "The object is larger than this platform can read.");
+  return false;
+}
+
 /// After an outcome that is not DONE. Where the object is not to be read again it is accounted for.
-bool Backup_Channel::read_again(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading,
+bool Backup_Channel::read_again(Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading,
                                 Tries& tries) {
   const std::string path = item.path();
   std::optional<S3_Error> reason;
@@ -50,23 +84,22 @@ bool Backup_Channel::read_again(const Backup_Item& item, Reading_Outcome outcome
   const bool stopped = shared_.queue->stopped();
 
   if (outcome == Reading_Outcome::SKIPPED) {
-    if (reason && reason->code() == "InvalidObjectState" &&
-        shared_.ledger->objects.policy() == Archived_Policy::FAIL)
-      shared_.account->failed(path, reason->number(), reason->message());
+    if (reason && reason->code() == "InvalidObjectState" && shared_.ledger->objects.policy() == Archived_Policy::FAIL)
+      fail(item, reason->number(), reason->message());
     else
-      shared_.account->skipped(path, message);
+      skip(item, message);
     return false;
   }
   if (reading.changed() || (reason && reason->number() == ESTALE)) {
     if (tries.changes++ < MAX_CHANGES && !stopped)
       return true;
-    shared_.account->skipped(path, "The object is changing: it was replaced while it was read, " +
-                                       std::to_string(tries.changes) + " times. " + message);
+    skip(item, "The object is changing: it was replaced while it was read, " + std::to_string(tries.changes) +
+                   " times. " + message);
     return false;
   }
   if (tries.failures++ < MAX_FAILURES && !stopped && reading.number() != ENOMEM)
     return true;
-  shared_.account->failed(path, reading.number(), message);
+  fail(item, reading.number(), message);
   return false;
 }
 
@@ -94,10 +127,8 @@ void Backup_Channel::read() {
 }
 
 Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reader, std::vector<char>& buffer) {
-  if (item.size > shared_.limits.largest_object) {
-    shared_.account->skipped(item.path(), "The object is larger than this platform can read.");
+  if (!fits(item))
     return Reading_Outcome::SKIPPED;
-  }
   const std::string path = item.path();
   Tries tries;
   for (;;) {
@@ -122,7 +153,7 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
       std::string error;
       if (item.image.encode(head_of(item), buffer.data(), shared_.codec, error))
         return outcome;
-      shared_.account->failed(path, ENOMEM, error);
+      fail(item, ENOMEM, error);
       return Reading_Outcome::FAILED;
     }
     if (!read_again(item, outcome, reading, tries))
@@ -190,6 +221,8 @@ bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored
     return false;
   }
   shared_.account->saved(item.size, stored.stored);
+  if (shared_.ledger && shared_.ledger->take_unasked_tags('/' + object.path))
+    shared_.account->without_tags();
   if (!item.not_had.empty())
     shared_.account->incomplete(object.path, "The object is saved without all that belongs to it", item.not_had);
   throttle(item.size);
@@ -198,10 +231,8 @@ bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored
 
 bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
   buffer.resize(shared_.limits.stream_buffer);
-  if (item.size > shared_.limits.largest_object) {
-    shared_.account->skipped(item.path(), "The object is larger than this platform can read.");
+  if (!fits(item))
     return true;
-  }
   const std::string path = item.path();
   IFile_Reader_var reader = item.reader;
   item.reader = IFile_Reader_var();
@@ -220,10 +251,8 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
         take_status(item, reading);
       }
     }
-    if (outcome == Reading_Outcome::DONE && item.size > shared_.limits.largest_object) {
-      shared_.account->skipped(path, "The object is larger than this platform can read.");
+    if (outcome == Reading_Outcome::DONE && !fits(item))
       return true;
-    }
     Stored_Object stored;
     if (outcome == Reading_Outcome::DONE) {
       outcome = stream_once(item, reading, buffer, stored);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/mtf/backup_base.h"
 #include "platform/mtf/backup_queue.h"
 #include "platform/mtf/backup_reading.h"
 #include "platform/mtf/medium_writer.h"
@@ -20,6 +21,7 @@ struct Backup_Shared {
   Backup_Queue* queue = nullptr;
   Run_Account* account = nullptr;
   Catalog_Writer* catalog = nullptr;
+  Backup_Base* base = nullptr;       ///< null where there is none
   std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
   /// Ends the run for the reason given. Any thread; the first one counts.
   std::function<void(MTF::Error_Code, const std::string&)> fail;
@@ -57,7 +59,11 @@ private:
                               Stored_Object& stored);
   bool enter_folder(const Backup_Item& item);
   bool record(const Backup_Item& item, const Stored_Object& stored);
-  bool read_again(const Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading, Tries& tries);
+  void skip(Backup_Item& item, const std::string& message);
+  void fail(Backup_Item& item, int number, const std::string& message);
+  std::string keep_older(Backup_Item& item);
+  bool fits(Backup_Item& item);
+  bool read_again(Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading, Tries& tries);
   /// Takes over what the answer that the open object comes from said about it.
   void take_status(Backup_Item& item, Object_Reading& reading);
   Object_Head head_of(const Backup_Item& item) const;

@@ -3,6 +3,7 @@
 #include "platform/catalog/catalog_writer.h"
 #include "platform/mtf/backup_channel.h"
 #include "platform/mtf/backup_listing.h"
+#include "platform/mtf/counting_filter.h"
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
@@ -82,6 +83,11 @@ struct Backup_Engine::Impl {
       order.seq = order.base_seq + 1;
   }
 
+  ~Impl() {
+    if (ledger)
+      ledger->tell_full_folder_objects(nullptr);
+  }
+
   bool prepare(const std::string& location, const std::string& pool_uuid);
   void take_up_unfinished();
   bool make_media();
@@ -89,6 +95,7 @@ struct Backup_Engine::Impl {
   std::string copied_record();
   bool complete();
   void list();
+  void listing_ended(bool whole);
   void fail(Error_Code code, const std::string& text);
   void start(const std::string& name, std::function<void()> body);
   void supervise(bool tell);
@@ -112,9 +119,11 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
-  std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
-  std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
+  std::unique_ptr<Backup_Base> base;       ///< null: every object is stored
+  std::unique_ptr<Partial_Sets> partial;   ///< null: there is nothing to go on with
+  std::unique_ptr<Counting_Filter> filter; ///< null: everything passes
   std::unique_ptr<Listing_Events> events;
+  bool listing_over = false;
   std::vector<std::unique_ptr<Backup_Channel>> channels;
   Backup_Shared shared;
   ISrc_Lister_var lister;
@@ -200,6 +209,10 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     base = Backup_Base::open(pool, place, order.base_seq, error);
     if (!base)
       engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
+    for (const Backup_Base::Bad_Medium& medium : base ? base->bad_media() : std::vector<Backup_Base::Bad_Medium>()) {
+      engine_log(log, LM_WARNING, medium.path + ": " + medium.message);
+      account.note("medium", medium.path, json_spirit::Value(), medium.message);
+    }
   }
   std::vector<std::string> problems;
   partial = Partial_Sets::open(pool, place, base ? base->end_index() : 1, problems);
@@ -274,13 +287,17 @@ void Backup_Engine::Impl::list() {
       events->refused();
     return taken;
   });
-  std::vector<std::string> not_listed;
-  if (ledger)
+  listing_ended(result == 0);
+  Unlisted unlisted;
+  if (ledger) {
     for (const S3_Ledger::Failed_Listing& one : ledger->failed_listings())
-      not_listed.push_back(one.path);
-  const bool whole =
-      (result != 0 || listing.compare(not_listed, events->unseen_objects(), order.sources, order.filter)) &&
-      listing.finish();
+      unlisted.prefixes.push_back(one.path);
+    for (const S3_Ledger::Failed_Listing& one : ledger->broken_off_listings())
+      unlisted.prefixes.push_back(one.path);
+  }
+  unlisted.objects = events->unseen_objects();
+  unlisted.anything = account.lost_objects() != 0 || events->more_unseen();
+  const bool whole = (result != 0 || listing.compare(unlisted, order.sources, order.filter)) && listing.finish();
   if (!catalog->error().empty())
     fail(E_WRITE_MEDIUM, catalog->error());
   else if (!listing.error().empty())
@@ -288,6 +305,23 @@ void Backup_Engine::Impl::list() {
   else if (result != 0 || !whole)
     fail(!handler.null() && handler->is_canceling() ? E_CANCELED : E_LIST_SOURCE, "The source cannot be listed.");
   queue.close();
+}
+
+/// By the lister's thread or, where that broke down, when all threads have ended.
+void Backup_Engine::Impl::listing_ended(bool whole) {
+  if (listing_over)
+    return;
+  listing_over = true;
+  Run_Account::Listing_End end;
+  end.whole = whole;
+  end.excluded = filter ? filter->excluded_objects() : 0;
+  if (events) {
+    events->settle();
+    end.unanswered = events->unanswered();
+  }
+  account.listing_ended(ledger.get(), end);
+  if (ledger)
+    ledger->tell_full_folder_objects(nullptr);
 }
 
 /// Asks for cancel and pause and tells the progress.
@@ -312,8 +346,12 @@ bool Backup_Engine::Impl::write_objects() {
     return false;
   }
   events = std::make_unique<Listing_Events>(handler, account, *catalog, order.sources);
+  if (order.filter != nullptr)
+    filter = std::make_unique<Counting_Filter>(*order.filter);
+  if (ledger)
+    ledger->tell_full_folder_objects([this](const S3_Ledger::Folder_Object& one) { account.full_folder(one); });
   lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.seq), events.get(),
-                                        order.filter, static_cast<int>(order.scan_threads));
+                                        filter.get(), static_cast<int>(order.scan_threads));
   if (lister.null()) {
     fail(E_LIST_SOURCE, "The source's lister cannot be made.");
     return false;
@@ -327,6 +365,7 @@ bool Backup_Engine::Impl::write_objects() {
   shared.account = &account;
   shared.ledger = ledger;
   shared.catalog = catalog.get();
+  shared.base = base.get();
   shared.fail = [this](Error_Code why, const std::string& text) { fail(why, text); };
 
   const unsigned count = static_cast<unsigned>(channels.size());
@@ -348,28 +387,17 @@ bool Backup_Engine::Impl::write_objects() {
 
 /// What is known of the set's record before it is written: all but the sizes of the media.
 std::string Backup_Engine::Impl::copied_record() {
-  Set_Record record;
+  Set_Record record = describe_set(metadata);
   record.uuid = order.uuid;
   record.uri = uri;
-  record.host_uuid = metadata.host_uuid;
-  record.minor_resource_id = metadata.minor_resource_id;
-  record.minor_resource_name = metadata.minor_resource_name;
-  record.resource_uuid = metadata.resource_uuid;
-  record.definition_uuid = metadata.definition_uuid;
-  record.name = metadata.name;
-  record.agent = metadata.agent;
-  record.host = metadata.host;
-  record.type = metadata.type;
   record.incarnation = base ? base->incarnation() : order.uuid;
   if (base)
     record.bases.push_back(base->uuid());
   record.seq = order.seq;
   record.channels = static_cast<unsigned>(channels.size());
-  record.start_time = metadata.start_time;
   record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
   record.source_size = record.backup_set_size = account.saved_bytes();
-  record.encryption = metadata.encryption;
-  record.figures = account.figures(ledger.get(), true, true, seconds_between(begun, Clock::instance().monotonic()));
+  record.figures = account.figures(ledger.get(), true, seconds_between(begun, Clock::instance().monotonic()));
   std::string error;
   if (!seal_record(order.codec.cipher, record, error))
     throw std::runtime_error(error);
@@ -382,7 +410,7 @@ bool Backup_Engine::Impl::complete() {
     return false;
   }
   account.catalog(nullptr);
-  if (!catalog->finish()) {
+  if ((base && !base->add_sets(*catalog)) || (partial && !partial->add_sets(*catalog)) || !catalog->finish()) {
     fail(E_WRITE_MEDIUM, catalog->error());
     return false;
   }
@@ -424,9 +452,8 @@ void Backup_Engine::Impl::discard() {
 }
 
 void Backup_Engine::Impl::conclude(bool kept) {
-  const bool whole = code == E_OK || code == E_NO_FILES_BACKUPED;
   json_spirit::Object figures =
-      account.figures(ledger.get(), whole, kept, seconds_between(begun, Clock::instance().monotonic()));
+      account.figures(ledger.get(), kept, seconds_between(begun, Clock::instance().monotonic()));
   if (!failure.empty())
     figures["failure"] = failure;
   metadata.figures = figures;
@@ -443,9 +470,7 @@ bool Backup_Engine::run(const std::string& location, const std::string& pool_uui
   bool done = false;
   try {
     done = i.prepare(location, pool_uuid) && i.write_objects();
-    if (i.events)
-      i.events->settle();
-    i.account.listing_ended(i.ledger.get());
+    i.listing_ended(false);
     done = done && i.complete();
   } catch (const std::exception& e) {
     i.fail(E_FAILED, std::string("The backup ends: ") + e.what() + ".");

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "platform/mtf/object_stream.h"
+
+#include <algorithm>
 #include <cstddef>
 #include <limits>
 
@@ -16,8 +19,11 @@ struct Backup_Limits {
   size_t listed_ahead = 4096;
   /// Of the buffer that a streaming object is read through.
   size_t stream_buffer = 256u << 10;
-  /// Objects above it are refused: a platform's size_t bounds what its readers can count.
-  unsigned long long largest_object = std::numeric_limits<size_t>::max();
+  /// What one medium can check: the digest of an object's chunks is one stream.
+  static constexpr unsigned long long LARGEST_ON_MEDIUM = ((MAX_PRIVATE_STREAM - DIGEST_FIXED) / CHECK - 1) * CHUNK;
+  /// Objects above it are refused: beside that, a platform's size_t bounds what its readers can count.
+  unsigned long long largest_object =
+      std::min<unsigned long long>(std::numeric_limits<size_t>::max(), LARGEST_ON_MEDIUM);
   /// Reads one after the other that may give nothing before an object is given up.
   unsigned idle_reads = 8;
 };

@@ -6,6 +6,9 @@ using namespace MTF;
 
 namespace {
 
+/// Objects that are kept one by one, beside those that were asked for by name.
+constexpr size_t MAX_UNSEEN = 1000;
+
 std::string without_root(const std::string& path) {
   return path.substr(!path.empty() && path.front() == '/' ? 1 : 0);
 }
@@ -17,11 +20,25 @@ bool is_asked_for(const std::string& path, size_t from, const IFilter* filter) {
   if (filter == nullptr || from == path.size())
     return true;
   const std::string rooted = "/" + path;
-  size_t slash = std::max(rooted.find('/', 1), from);
+  // Where all buckets are listed, the filter is asked about each of them.
+  size_t slash = from == 0 ? 0 : std::max(rooted.find('/', 1), from);
   while ((slash = rooted.find('/', slash + 1)) != std::string::npos)
     if (!is_included(rooted.substr(0, slash + 1).c_str(), true, filter))
       return false;
   return is_included(rooted.c_str(), false, filter);
+}
+
+/// The sources as the catalog names them, "" for all buckets: what leads into no bucket counts where nothing else does.
+std::vector<std::string> listed_paths(const std::list<std::string>& sources) {
+  std::vector<std::string> paths;
+  for (const std::string& source : sources) {
+    const std::string path = without_root(source);
+    if (!path.empty())
+      paths.push_back(path.find('/') == std::string::npos ? path + "/" : path);
+  }
+  if (paths.empty())
+    paths.emplace_back();
+  return paths;
 }
 
 } // namespace
@@ -47,10 +64,15 @@ int Listing_Events::notify_event(unsigned code, const json_spirit::Object& optio
     const int why = known ? static_cast<int>(number->get_int64()) : 0;
     catalog_.add_problem(
         {type == "directory" ? Catalog_Problem::NOT_LISTED : Catalog_Problem::SKIPPED, path, why, message});
-    // Without a number the service has said that there is no such object.
-    if (type != "directory" && why != 0 && sources_.count(path) != 0) {
+    const bool source = sources_.count(path) != 0;
+    // Without a number nobody could be asked; with 0 the service has said that there is no such object.
+    if (type != "directory" && refused_ == 0 && (!source || !known || why != 0)) {
+      unanswered_ += source;
       const std::lock_guard<std::mutex> guard(mutex_);
-      unseen_objects_.push_back(path);
+      if (source || unseen_objects_.size() < MAX_UNSEEN)
+        unseen_objects_.push_back(path);
+      else
+        more_unseen_ = true;
     }
   }
   return handler_.null() ? 0 : handler_->notify_event(code, options);
@@ -137,20 +159,27 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   visit(name);
-  Catalog_Object known;
-  if (base_ != nullptr && base_->unchanged(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
-    account_.unchanged();
-    return catalog_.add_object(known);
-  }
+  std::unique_ptr<Catalog_Object> older;
+  if (base_ != nullptr)
+    switch (base_->match(name, size, mtime, known_)) {
+    case Backup_Base::Match::UNCHANGED:
+      known_.ordinal = ordinal_;
+      account_.unchanged();
+      return catalog_.add_object(known_);
+    case Backup_Base::Match::CHANGED:
+      older = std::make_unique<Catalog_Object>(known_);
+      break;
+    case Backup_Base::Match::NONE:
+      break;
+    }
   if (base_ != nullptr && !base_->error().empty()) {
     error_ = base_->error();
     return false;
   }
-  if (partial_ != nullptr && partial_->find(name, size, mtime, known)) {
-    known.ordinal = ordinal_;
-    account_.continued(known.size);
-    return catalog_.add_object(known);
+  if (partial_ != nullptr && partial_->find(name, size, mtime, known_)) {
+    known_.ordinal = ordinal_;
+    account_.continued(known_.size);
+    return catalog_.add_object(known_);
   }
   if (partial_ != nullptr && !partial_->error().empty()) {
     error_ = partial_->error();
@@ -162,6 +191,7 @@ bool Backup_Listing::object(const Cat_Blk& block) {
   item->size = size;
   item->mtime = mtime;
   item->ordinal = ordinal_;
+  item->older = std::move(older);
   return queue_.push(std::move(item));
 }
 
@@ -192,41 +222,39 @@ bool Backup_Listing::carry(Catalog_Object& object) {
   return catalog_.add_object(object);
 }
 
-bool Backup_Listing::compare(const std::vector<std::string>& not_listed, const std::vector<std::string>& unseen,
-                             const std::list<std::string>& sources, const IFilter* filter) {
-  if (partial_ != nullptr && !partial_->add_sets(catalog_))
-    return false;
+bool Backup_Listing::compare(const Unlisted& unlisted, const std::list<std::string>& sources, const IFilter* filter) {
   if (base_ == nullptr)
     return true;
+  const std::vector<std::string> paths = listed_paths(sources);
   bool done = true;
   const auto take_over = [&](const std::string& path) {
-    done = done && base_->not_shown(path, true, [this](Catalog_Object& object) { return carry(object); });
+    done = done &&
+           base_->not_shown(
+               path, true, [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
+               [this](Catalog_Object& object) { return carry(object); });
   };
-  for (const std::string& one : not_listed) {
+  for (const std::string& one : unlisted.prefixes) {
     std::string path = without_root(one);
     if (!path.empty() && path.back() != '/')
       path.push_back('/');
     take_over(path);
   }
-  for (const std::string& path : unseen)
+  for (const std::string& path : unlisted.objects)
     take_over(path);
+  if (unlisted.anything)
+    for (const std::string& path : paths)
+      take_over(path);
   unsigned long long gone = 0;
-  const auto look_below = [&](const std::string& source) {
-    return base_->not_shown(source, false, [&](Catalog_Object& object) {
-      if (!is_asked_for(object.path, source.size(), filter))
-        return true;
-      ++gone;
-      return catalog_.add_deletion({object.path, object.size, object.mtime});
-    });
-  };
-  if (sources.empty())
-    done = done && look_below("");
-  for (const std::string& source : sources) {
-    const std::string path = without_root(source);
-    done = done && look_below(path.find('/') == std::string::npos ? path + "/" : path);
-  }
+  for (const std::string& path : paths)
+    done = done && base_->not_shown(
+                       path, false,
+                       [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
+                       [&](Catalog_Object& object) {
+                         ++gone;
+                         return catalog_.add_deletion({object.path, object.size, object.mtime});
+                       });
   account_.deleted(gone);
   if (!done)
     error_ = base_->error();
-  return done && base_->add_sets(catalog_);
+  return done;
 }

@@ -25,9 +25,14 @@ public:
   void refused() { ++refused_; }
   /// Hands the lister's own counts on. Once, after it has ended.
   void settle();
-  /// Objects that were asked for one by one and could not be looked at, which says nothing about whether they are
-  /// there; "bucket/key". Once the lister has ended.
+  /// Objects that were asked for by name and that no answer has told anything about, neither that they are there nor
+  /// that they are not. Once the lister has ended.
+  unsigned long long unanswered() const { return unanswered_; }
+  /// Objects that could not be looked at or handed out, which says nothing about whether they are there; "bucket/key".
+  /// Once the lister has ended.
   const std::vector<std::string>& unseen_objects() const { return unseen_objects_; }
+  /// There were more of them than are kept.
+  bool more_unseen() const { return more_unseen_; }
 
   int notify_event(unsigned code, const json_spirit::Object& options) override;
   int handle_progress(int code, unsigned long long a, unsigned long long b, unsigned long long c) override;
@@ -40,9 +45,18 @@ private:
   Catalog_Writer& catalog_;
   std::atomic<bool> stopping_{false};
   std::atomic<unsigned long long> refused_{0};
+  std::atomic<unsigned long long> unanswered_{0};
   std::unordered_set<std::string> sources_; ///< "bucket/key"
   std::mutex mutex_;                        ///< guards what follows
   std::vector<std::string> unseen_objects_;
+  bool more_unseen_ = false;
+};
+
+/// What a listing that got to its end did not show although it may be there.
+struct Unlisted {
+  std::vector<std::string> prefixes; ///< "/bucket/prefix"; "/" for the list of buckets
+  std::vector<std::string> objects;  ///< "bucket/key"
+  bool anything = false;             ///< keys were lost, and nobody knows which
 };
 
 /// Turns the lister's blocks into objects for the queue and folders for the catalog, and numbers the objects. What the
@@ -57,11 +71,9 @@ public:
 
   /// False when the block makes no sense, the run is stopped, or the catalog failed.
   bool take(const MTF::Cat_Blk& block);
-  /// After the last block: carries over from the base what lies below the prefixes that could not be listed and the
-  /// `unseen` objects, and records what is gone below the `sources` and would pass the `filter`, which may be null.
-  /// False when a catalog failed.
-  bool compare(const std::vector<std::string>& not_listed, const std::vector<std::string>& unseen,
-               const std::list<std::string>& sources, const MTF::IFilter* filter);
+  /// After the last block: carries over from the base what is `unlisted` and records what is gone below the `sources`,
+  /// both as far as it would pass the `filter`, which may be null. False when a catalog failed.
+  bool compare(const Unlisted& unlisted, const std::list<std::string>& sources, const MTF::IFilter* filter);
   /// Ends the last folder. False when the catalog failed.
   bool finish();
   /// What was wrong with a refused block; empty when it was not the block.
@@ -82,5 +94,6 @@ private:
   Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;
   unsigned long long ordinal_ = 0;
+  Catalog_Object known_; ///< its strings' memory serves one object after the other
   std::string error_;
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/catalog/catalog_format.h"
 #include "platform/mtf/backup_limits.h"
 #include "platform/mtf/object_image.h"
 #include "sdk/mtf/backup_callback.h"
@@ -25,9 +26,10 @@ struct Backup_Item {
   unsigned long long ordinal = 0;
   unsigned long long size = 0; ///< as listed, then as the answer said
   long long mtime = 0;
-  MTF::File_Attributes attributes;        ///< what else belongs to it
-  std::vector<std::string> not_had;       ///< of that, a text each
-  bool fresh = false; ///< by the service's clock it was modified just before it was read
+  MTF::File_Attributes attributes;       ///< what else belongs to it
+  std::vector<std::string> not_had;      ///< of that, a text each
+  std::unique_ptr<Catalog_Object> older; ///< what the base has of it; null: nothing that could be kept
+  bool fresh = false;                    ///< by the service's clock it was modified just before it was read
   State state = READING;
   size_t reserved = 0;          ///< bytes of the budget that it holds
   MTF::IFile_Reader_var reader; ///< STREAM: already open on it; null: to be opened

@@ -1,5 +1,6 @@
 #include "platform/catalog/catalog_reader.h"
 #include "platform/mtf/backup_engine.h"
+#include "platform/mtf/damage_marks.h"
 #include "platform/mtf/fake_source_test.h"
 #include "platform/mtf/medium_reader.h"
 #include "platform/mtf/partial_sets.h"
@@ -127,6 +128,11 @@ protected:
     record.uuid = order_.uuid;
     record.seq = metadata_.seq;
     record.uri = metadata_.set_uri;
+    for (const json_spirit::Value& one : metadata_.media) {
+      const json_spirit::Object& medium = one.get_obj();
+      record.media.push_back({medium.at("name").get_str(), medium.at("size").get_uint64(),
+                              static_cast<unsigned>(medium.at("family").get_uint64())});
+    }
     ASSERT_TRUE(write_set_record(folder(), record, error_)) << error_;
   }
 
@@ -617,6 +623,25 @@ TEST_F(Backup, pause_holds_the_readers_and_resume_goes_on) {
   expect_set();
 }
 
+/// Leaves out what ends in ".tmp", and a folder.
+class Left_Out : public MTF::IFilter {
+public:
+  bool is_included(const char* path, bool is_dir) const override {
+    return is_dir ? std::string(path) != "/b/y/" : !std::string(path).ends_with(".tmp");
+  }
+};
+
+/// What a lister says of one that it could not look at; `number` may be null.
+void tell_skipped(Event_Handler* events, const char* path, const json_spirit::Value& number) {
+  json_spirit::Object event;
+  event["type"] = "file";
+  event["name"] = path;
+  event["errno"] = number;
+  event["message"] = "refused";
+  events->add_skipped_files(1);
+  events->notify_event(MTF::EVENT_ITEM_ERROR, event);
+}
+
 TEST_F(Backup, incremental_stores_what_changed_and_knows_where_the_rest_lies) {
   fill(200, 3000, 30);
   source_.add("c/other", "other bucket");
@@ -674,25 +699,13 @@ TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
   ASSERT_TRUE(run()) << engine_->failure();
   commit();
 
-  class Left_Out : public MTF::IFilter {
-  public:
-    bool is_included(const char* path, bool is_dir) const override {
-      return is_dir ? std::string(path) != "/b/y/" : !std::string(path).ends_with(".tmp");
-    }
-  } filter;
+  Left_Out filter;
   order_.filter = &filter;
   for (const char* path : {"b/x/left.tmp", "b/y/inside", "c/single", "c/unseen", "b/d000/o00007"})
     source_.order.erase(std::find(source_.order.begin(), source_.order.end(), path));
   source_.on_list_start = [](MTF::Event_Handler* events) {
-    for (const auto& [path, number] : {std::pair<const char*, int>{"/c/unseen", EACCES}, {"/c/single", 0}}) {
-      json_spirit::Object event;
-      event["type"] = "file";
-      event["name"] = path;
-      event["errno"] = number;
-      event["message"] = "refused";
-      events->add_skipped_files(1);
-      events->notify_event(MTF::EVENT_ITEM_ERROR, event);
-    }
+    tell_skipped(events, "/c/unseen", EACCES);
+    tell_skipped(events, "/c/single", 0);
   };
   order_.uuid = "set-2";
   order_.base_seq = 1;
@@ -719,6 +732,170 @@ TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
   ASSERT_TRUE(catalog->find("c/unseen", unseen, error_)) << error_;
   EXPECT_EQ(catalog::FLAG_UNSEEN, unseen.flags & catalog::FLAG_UNSEEN);
   EXPECT_FALSE(catalog->find("b/y/inside", unseen, error_));
+}
+
+TEST_F(Backup, older_version_is_kept_where_the_new_one_cannot_be_read) {
+  fill(10, 3000, 60);
+  source_.add("b/large", std::string(9000, 'l'));
+  order_.limits.small_object = 5000;
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  const std::string first = metadata_.set_uri;
+  const std::map<std::string, Fake_Object> before = source_.objects;
+  const std::vector<std::string> hurt = {"b/d000/o00002", "b/d000/o00005", "b/large"};
+  for (const std::string& path : hurt) {
+    source_.at(path).data += "newer";
+    source_.at(path).mtime += 1000;
+  }
+  source_.at(hurt[0]).fail_at = 0;
+  source_.at(hurt[1]).gone = true;
+  source_.at(hurt[2]).fail_at = 7000;
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  const auto expect_kept = [&] {
+    ASSERT_TRUE(run()) << engine_->failure();
+    EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+    EXPECT_EQ(8u, events_->figure("unchanged"));
+    EXPECT_EQ(1u, events_->figure("skipped"));
+    EXPECT_EQ(2u, events_->figure("failed"));
+    EXPECT_EQ(0u, events_->figure("deleted"));
+    EXPECT_TRUE(events_->adds_up());
+    const auto catalog = Catalog_Reader::open(folder(), error_);
+    ASSERT_TRUE(catalog) << error_;
+    EXPECT_EQ(11u, catalog->counts().objects);
+    for (const std::string& path : hurt) {
+      EXPECT_TRUE(events_->message("/" + path).ends_with(" The version of 2023-11-14 22:13:20 is kept.")) << path;
+      Catalog_Object object;
+      ASSERT_TRUE(catalog->find(path, object, error_)) << error_;
+      EXPECT_EQ(catalog::FLAG_OLDER, object.flags);
+      EXPECT_EQ(before.at(path).mtime, object.mtime);
+      std::string holder;
+      for (const Catalog_Set& set : catalog->sets())
+        if (set.index == object.set)
+          holder = set.uuid;
+      EXPECT_EQ("set-1", holder);
+      const std::string own = metadata_.set_uri;
+      metadata_.set_uri = first;
+      EXPECT_EQ(before.at(path).data, content(object)) << path;
+      metadata_.set_uri = own;
+    }
+  };
+  expect_kept();
+  commit();
+  // What is kept is kept on, run by run.
+  order_.uuid = "set-3";
+  order_.base_seq = 2;
+  expect_kept();
+  commit();
+  // It is read again even where the listing says of it what the catalog does.
+  source_.objects = before;
+  order_.uuid = "set-4";
+  order_.base_seq = 3;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code());
+  EXPECT_EQ(3u, events_->figure("saved"));
+  EXPECT_EQ(8u, events_->figure("unchanged"));
+}
+
+TEST_F(Backup, object_above_what_a_medium_can_carry_costs_only_itself) {
+  fill(5, 3000, 61);
+  source_.add("b/listed", "x");
+  source_.at("b/listed").listed_size = 9ull << 40;
+  source_.add("b/turns-out", "y");
+  source_.at("b/turns-out").listed_size = 10;
+  source_.at("b/turns-out").announced = 9ll << 40;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(5u, events_->figure("saved"));
+  EXPECT_EQ(2u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+  for (const char* path : {"/b/listed", "/b/turns-out"})
+    EXPECT_EQ("The object is larger than a medium can carry.", events_->message(path)) << path;
+}
+
+TEST_F(Backup, what_lies_on_a_medium_that_is_cut_or_gone_is_stored_anew_and_the_medium_named) {
+  fill(60, 3000, 62);
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  const std::string first = metadata_.set_uri, folder_of_first = folder();
+  std::map<unsigned, unsigned> on_channel;
+  {
+    const auto catalog = Catalog_Reader::open(folder(), error_);
+    ASSERT_TRUE(catalog) << error_;
+    ASSERT_TRUE(catalog->walk(
+        "", [&](const Catalog_Object& object) { return ++on_channel[object.channel] != 0; }, error_));
+  }
+  const std::string cut = folder_of_first + "/channel-0001.mtf", gone = folder_of_first + "/channel-0002.mtf";
+  fs::resize_file(cut, fs::file_size(cut) - 1024);
+  fs::remove(gone);
+  source_.add("b/new", "new");
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code());
+  EXPECT_EQ(on_channel[1] + on_channel[2] + 1, events_->figure("saved"));
+  EXPECT_EQ(on_channel[0], events_->figure("unchanged"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_NE(std::string::npos, events_->message(cut).find("bytes instead of")) << events_->message(cut);
+  EXPECT_NE(std::string::npos, events_->message(gone).find("it is missing")) << events_->message(gone);
+  expect_set_over({first});
+}
+
+TEST_F(Backup, what_is_marked_as_damaged_is_stored_anew) {
+  fill(40, 3000, 63);
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  const std::string first = metadata_.set_uri;
+  source_.add("b/new", "new");
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  const auto flags = [&](const char* set, const char* path) {
+    const auto catalog = Catalog_Reader::open(pool_.set_folder(std::string("host/res/") + set), error_);
+    Catalog_Object object;
+    EXPECT_TRUE(catalog && catalog->find(path, object, error_)) << error_;
+    return object;
+  };
+  // Found while the first set was verified; the second one points to the same data.
+  const std::unique_ptr<Damage_Marks> marks = Damage_Marks::make(error_);
+  ASSERT_TRUE(marks) << error_;
+  for (const char* path : {"b/d000/o00007", "b/d000/o00021"}) {
+    const Catalog_Object object = flags("set-1", path);
+    Verify_Damage damage;
+    damage.path = path;
+    damage.set = "set-1";
+    damage.channel = object.channel;
+    damage.offset = object.offset;
+    ASSERT_TRUE(marks->add(damage)) << marks->error();
+  }
+  unsigned long long rows = 0;
+  ASSERT_TRUE(marks->write(pool_, "host/res", rows)) << marks->error();
+  EXPECT_EQ(4u, rows);
+  for (const char* set : {"set-1", "set-2"}) {
+    EXPECT_EQ(catalog::FLAG_DAMAGED, flags(set, "b/d000/o00007").flags);
+    EXPECT_EQ(0u, flags(set, "b/d000/o00008").flags);
+    EXPECT_FALSE(fs::exists(pool_.set_folder(std::string("host/res/") + set) + "/mark.tmp"));
+  }
+  ASSERT_TRUE(marks->write(pool_, "host/res", rows)) << marks->error();
+  EXPECT_EQ(0u, rows);
+  // One of them cannot be read again: damaged data are no older version to keep.
+  source_.at("b/d000/o00021").fail_at = 0;
+  order_.uuid = "set-3";
+  order_.base_seq = 2;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(1u, events_->figure("saved"));
+  EXPECT_EQ(1u, events_->figure("failed"));
+  EXPECT_EQ(39u, events_->figure("unchanged"));
+  Catalog_Object object;
+  const auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  EXPECT_FALSE(catalog->find("b/d000/o00021", object, error_));
+  ASSERT_TRUE(catalog->find("b/d000/o00007", object, error_)) << error_;
+  EXPECT_EQ(0u, object.set);
+  EXPECT_EQ(0u, object.flags);
 }
 
 TEST_F(Backup, incremental_without_its_base_stores_everything) {
@@ -766,8 +943,12 @@ protected:
   Job* job_ = nullptr;
 };
 
-TEST_F(Backup_Of_Job, what_was_listed_and_not_handed_out_was_excluded) {
+TEST_F(Backup_Of_Job, what_the_filter_and_the_rules_leave_out_was_excluded) {
   fill(10, 100, 40);
+  for (const char* name : {"b/x/1.tmp", "b/x/2.tmp", "b/x/3.tmp", "b/x/4.tmp", "b/x/5.tmp", "b/x/6.tmp"})
+    source_.add(name, "left out");
+  Left_Out filter;
+  order_.filter = &filter;
   ledger().listed_keys = 17;
   ledger().head_objects = 1;
   ledger().folder_object("/b/empty/", 0);
@@ -783,6 +964,57 @@ TEST_F(Backup_Of_Job, what_was_listed_and_not_handed_out_was_excluded) {
   EXPECT_TRUE(events_->adds_up());
   EXPECT_TRUE(events_->named("/b/full/"));
   EXPECT_FALSE(events_->named("/b/empty/"));
+  EXPECT_FALSE(events_->named("/"));
+}
+
+TEST_F(Backup_Of_Job, key_that_the_lister_loses_is_a_named_problem_and_not_excluded) {
+  fill(10, 100, 48);
+  source_.add("b/x/1.tmp", "left out");
+  Left_Out filter;
+  order_.filter = &filter;
+  source_.lost = {"b/d000/o00003", "b/d000/o00007"};
+  ledger().listed_keys = source_.order.size();
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(11u, events_->figure("listed"));
+  EXPECT_EQ(8u, events_->figure("saved"));
+  EXPECT_EQ(1u, events_->figure("excluded"));
+  EXPECT_EQ(2u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_EQ("2 listed objects were not handed out.", events_->message("/"));
+  EXPECT_EQ(1u, handler_->skipped_dirs());
+  const json_spirit::Value* recorded = json_spirit::find(metadata_.figures, "skipped");
+  ASSERT_NE(nullptr, recorded);
+  EXPECT_EQ(2u, recorded->get_uint64());
+}
+
+TEST_F(Backup_Of_Job, more_objects_than_were_listed_do_not_add_up) {
+  fill(10, 100, 49);
+  ledger().listed_keys = 7;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ(7u, events_->figure("listed"));
+  EXPECT_EQ(10u, events_->figure("saved"));
+  EXPECT_FALSE(events_->adds_up());
+  EXPECT_EQ("3 more objects were handed out than were listed.", events_->message("/"));
+}
+
+TEST_F(Backup_Of_Job, objects_asked_for_by_name_count_as_listed_with_and_without_an_answer) {
+  source_.add("c/there", "1");
+  order_.sources = {"/c/there", "/c/gone", "/c/refused", "/c/unasked"};
+  // Of the three that were asked for the service has answered two.
+  ledger().head_objects = 2;
+  source_.on_list_start = [](Event_Handler* events) {
+    tell_skipped(events, "/c/gone", 0);
+    tell_skipped(events, "/c/refused", EACCES);
+    tell_skipped(events, "/c/unasked", json_spirit::Value());
+  };
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(4u, events_->figure("listed"));
+  EXPECT_EQ(1u, events_->figure("saved"));
+  EXPECT_EQ(3u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+  EXPECT_FALSE(events_->named("/"));
 }
 
 TEST_F(Backup_Of_Job, what_an_aborted_run_listed_was_not_reached) {
@@ -844,6 +1076,153 @@ TEST_F(Backup_Of_Job, prefix_that_could_not_be_listed_is_carried_over_unseen_and
   Catalog_Object object;
   EXPECT_TRUE(catalog->find("b/d001/o00079", object, error_));
   EXPECT_TRUE(catalog->find("b/d001/o00041", object, error_));
+}
+
+TEST_F(Backup_Of_Job, every_folder_object_with_data_stands_in_the_catalog) {
+  fill(3, 100, 64);
+  ledger().folder_object("/b/early/", 7);
+  source_.on_list_start = [this](Event_Handler*) {
+    for (unsigned i = 0; i < 1500; ++i)
+      ledger().folder_object("/b/f" + std::to_string(i) + "/", i % 3);
+  };
+  ledger().listed_keys = 1504;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(500u, events_->figure("excluded"));
+  EXPECT_EQ(1001u, events_->figure("skipped"));
+  EXPECT_TRUE(events_->adds_up());
+  ledger().folder_object("/b/too-late/", 7);
+  const auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  EXPECT_EQ(1001u, catalog->counts().problems);
+  std::set<std::string> found;
+  ASSERT_TRUE(catalog->problems([&](const Catalog_Problem& one) { return found.insert(one.path).second; }, error_));
+  EXPECT_EQ(1001u, found.size());
+  EXPECT_EQ(1u, found.count("b/early/"));
+  EXPECT_EQ(1u, found.count("b/f1499/"));
+  EXPECT_EQ(0u, found.count("b/f1497/"));
+}
+
+TEST_F(Backup_Of_Job, bucket_list_that_breaks_off_deletes_no_bucket) {
+  fill(20, 300, 50);
+  source_.add("c/x/one", "1");
+  source_.add("d/two.tmp", "2");
+  order_.sources = {"/"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  // The second page of the list does not come: neither c nor d are listed. In b one is gone, in d what is left out now.
+  source_.order.resize(20);
+  source_.order.erase(source_.order.begin() + 3);
+  ledger().listing_failed("/", "503 SlowDown");
+  Left_Out filter;
+  order_.filter = &filter;
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_END_WITH_SKIPPED_FILES, engine_->err_code());
+  EXPECT_EQ("503 SlowDown", events_->message("/"));
+  EXPECT_EQ(0u, events_->figure("deleted"));
+  const auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  Catalog_Object object;
+  ASSERT_TRUE(catalog->find("c/x/one", object, error_)) << error_;
+  EXPECT_EQ(catalog::FLAG_UNSEEN, object.flags);
+  EXPECT_TRUE(catalog->find("b/d000/o00003", object, error_)) << "it lies below what was not listed";
+  EXPECT_FALSE(catalog->find("d/two.tmp", object, error_));
+}
+
+TEST_F(Backup_Of_Job, root_as_a_source_records_deletions) {
+  fill(20, 300, 51);
+  source_.add("c/x/one", "1");
+  source_.add("d/y.tmp", "2");
+  order_.sources = {"/"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  source_.order.resize(20);
+  Left_Out filter;
+  order_.filter = &filter;
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(1u, events_->figure("deleted"));
+}
+
+TEST_F(Backup_Of_Job, keys_that_were_lost_or_not_handed_out_become_no_deletions) {
+  fill(30, 300, 52);
+  source_.add("c/x/one", "1");
+  order_.sources = {"/b/"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  const auto expect_all_kept = [&](const std::set<std::string>& unseen) {
+    EXPECT_EQ(0u, events_->figure("deleted"));
+    EXPECT_TRUE(events_->adds_up());
+    const auto catalog = Catalog_Reader::open(folder(), error_);
+    ASSERT_TRUE(catalog) << error_;
+    EXPECT_EQ(0u, catalog->counts().deletions);
+    std::set<std::string> found;
+    ASSERT_TRUE(catalog->walk(
+        "b/",
+        [&](const Catalog_Object& object) {
+          if (object.flags & catalog::FLAG_UNSEEN)
+            found.insert(object.path);
+          return true;
+        },
+        error_));
+    EXPECT_EQ(unseen, found);
+  };
+  order_.base_seq = 1;
+  order_.incremental = true;
+  // A key that the S3 layer counted and that came out nowhere.
+  order_.uuid = "set-2";
+  source_.lost = {"b/d000/o00011"};
+  ledger().listed_keys = 31;
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_all_kept({"b/d000/o00011"});
+  // One that the lister has named.
+  order_.uuid = "set-3";
+  source_.lost = {"b/d000/o00012"};
+  source_.on_list_start = [](Event_Handler* events) { tell_skipped(events, "/b/d000/o00012", json_spirit::Value()); };
+  ledger().listed_keys = 31;
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_all_kept({"b/d000/o00012"});
+  EXPECT_FALSE(events_->named("/"));
+  // A prefix that was given up in its middle.
+  order_.uuid = "set-4";
+  source_.lost.clear();
+  source_.on_list_start = nullptr;
+  source_.order.erase(source_.order.begin() + 20, source_.order.begin() + 30);
+  ledger().listed_keys = 0;
+  ledger().page_shown("/b/d000/", true);
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ("The listing broke off.", events_->message("/b/d000/"));
+  std::set<std::string> rest;
+  for (unsigned i = 20; i < 30; ++i)
+    rest.insert("b/d000/o000" + std::to_string(i));
+  expect_all_kept(rest);
+}
+
+TEST_F(Backup_Of_Job, object_for_which_no_client_could_be_made_is_not_deleted) {
+  source_.add("c/one", "1");
+  source_.add("c/two", "2");
+  order_.sources = {"/c/one", "/c/two"};
+  ASSERT_TRUE(run()) << engine_->failure();
+  commit();
+  source_.order = {"c/one"};
+  source_.on_list_start = [](Event_Handler* events) { tell_skipped(events, "/c/two", json_spirit::Value()); };
+  ledger().head_objects = 1;
+  order_.uuid = "set-2";
+  order_.base_seq = 1;
+  order_.incremental = true;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(0u, events_->figure("deleted"));
+  EXPECT_EQ(2u, events_->figure("listed"));
+  EXPECT_TRUE(events_->adds_up());
+  const auto catalog = Catalog_Reader::open(folder(), error_);
+  ASSERT_TRUE(catalog) << error_;
+  Catalog_Object object;
+  ASSERT_TRUE(catalog->find("c/two", object, error_)) << error_;
+  EXPECT_EQ(catalog::FLAG_UNSEEN, object.flags);
 }
 
 /// Bounds the size of any file that is written, as a full disk would.

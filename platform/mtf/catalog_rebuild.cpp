@@ -234,19 +234,11 @@ private:
   }
 
   bool install(std::string& error) {
-    const std::string path = folder_ + "/" + catalog::FILE_NAME;
-    if (!drop_catalog_sum(folder_, error))
+    if (!install_catalog(work_, folder_, error))
       return false;
-    if (::rename((work_ + "/" + catalog::FILE_NAME).c_str(), path.c_str()) != 0) {
-      error = "cannot write " + path + ": " + std::strerror(errno);
-      return false;
-    }
-    for (const char* const suffix : {"-journal", "-wal", "-shm"})
-      ::unlink((path + suffix).c_str());
     std::error_code ignored;
     fs::remove_all(work_, ignored);
-    return sync_folder(folder_, error) && write_catalog_sum(folder_, error) &&
-           write_set_record(folder_, report_.record, error);
+    return write_set_record(folder_, report_.record, error);
   }
 
   const Pool& pool_;

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,7 @@ public:
 
   std::map<std::string, Fake_Object> objects; ///< by "bucket/key"
   std::vector<std::string> order;             ///< of the listing
+  std::set<std::string> lost;                 ///< listed, and not handed out
   std::atomic<unsigned> opened{0};
   std::atomic<unsigned> open_now{0};
   std::atomic<unsigned> most_open{0};
@@ -132,8 +134,8 @@ private:
 
 class Fake_Lister : public MTF::ISrc_Lister {
 public:
-  Fake_Lister(Fake_Source& source, unsigned short seq, MTF::Event_Handler* events)
-      : source_(source), seq_(seq), events_(events) {}
+  Fake_Lister(Fake_Source& source, unsigned short seq, MTF::Event_Handler* events, const MTF::IFilter* filter)
+      : source_(source), seq_(seq), events_(events), filter_(filter) {}
 
   bool next(MTF::Cat_Blk&) override { return false; }
   int generate(std::function<bool(std::unique_ptr<MTF::Cat_Blk>)> handler) override {
@@ -144,6 +146,8 @@ public:
     for (const std::string& path : source_.order) {
       if (events_->is_canceling() || (source_.on_list && !source_.on_list(count++)))
         return -1;
+      if (!MTF::is_included(("/" + path).c_str(), false, filter_) || source_.lost.count(path) != 0)
+        continue;
       const std::string parent = path.substr(0, path.rfind('/') + 1);
       if (parent != folder) {
         // Every level below what is shared with the folder before.
@@ -190,6 +194,7 @@ private:
   Fake_Source& source_;
   unsigned short seq_;
   MTF::Event_Handler* events_;
+  const MTF::IFilter* filter_;
 };
 
 class Fake_Callback : public MTF::IBackup_Callback {
@@ -200,8 +205,9 @@ public:
   int readlink(const char*, char*, size_t) override { return -1; }
   MTF::IFile_Reader_var make_file_reader() override { return MTF::IFile_Reader_var(new Fake_Reader(source_)); }
   MTF::ISrc_Lister_var make_source_lister(const std::list<std::string>*, unsigned short seq, MTF::Event_Handler* events,
-                                          const MTF::IFilter*, int) override {
-    return source_.refuse_lister ? MTF::ISrc_Lister_var() : MTF::ISrc_Lister_var(new Fake_Lister(source_, seq, events));
+                                          const MTF::IFilter* filter, int) override {
+    return source_.refuse_lister ? MTF::ISrc_Lister_var()
+                                 : MTF::ISrc_Lister_var(new Fake_Lister(source_, seq, events, filter));
   }
   int read_dirs(const char*, std::list<std::string>&) override { return 0; }
 
@@ -248,6 +254,13 @@ public:
   bool adds_up() {
     return figure("listed") ==
            figure("saved") + figure("unchanged") + figure("excluded") + figure("skipped") + figure("failed");
+  }
+  /// What the outcome says of it; empty when nothing.
+  std::string message(const std::string& path) {
+    for (const json_spirit::Value& error : json_spirit::find(outcome, "errors")->get_array())
+      if (json_spirit::optional_str(error.get_obj(), "name") == path)
+        return json_spirit::optional_str(error.get_obj(), "message");
+    return std::string();
   }
   bool named(const std::string& path) {
     for (const json_spirit::Value& error : json_spirit::find(outcome, "errors")->get_array())

@@ -2,7 +2,10 @@
 
 #include "platform/catalog/open_catalog.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -17,6 +20,15 @@ std::string medium_name(unsigned channel) {
   char name[32];
   std::snprintf(name, sizeof name, "channel-%04u.mtf", channel);
   return name;
+}
+
+std::string medium_problem(const std::string& path, unsigned long long size) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0)
+    return errno == ENOENT ? "it is missing" : std::string("it cannot be looked at: ") + std::strerror(errno);
+  if (static_cast<unsigned long long>(status.st_size) == size)
+    return std::string();
+  return "it has " + std::to_string(status.st_size) + " bytes instead of " + std::to_string(size);
 }
 
 Media_Feed::Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog)

@@ -15,6 +15,8 @@
 
 /// The file name of a channel's medium inside its set's folder.
 std::string medium_name(unsigned channel);
+/// Why the medium's file cannot be all that was written: it is missing, or has another size. Empty where it may be.
+std::string medium_problem(const std::string& path, unsigned long long size);
 
 /// An object to be read, and the medium that holds it.
 struct Media_Task {

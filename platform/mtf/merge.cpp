@@ -425,15 +425,11 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
     Catalog_Db db;
     done = copy_catalog(folder, work, db, error, cipher, cipher) &&
            relink_catalog(db, *moves, {0, merged.uuid, merged.uri, merged.seq}, false, error) &&
-           finish_catalog_copy(db, work, error) && drop_catalog_sum(folder, error);
+           finish_catalog_copy(db, work, error);
   }
-  if (done &&
-      ::rename((work + "/" + catalog::FILE_NAME).c_str(), (folder + "/" + catalog::FILE_NAME).c_str()) != 0) {
-    error = "cannot replace the catalog in " + folder + ": " + std::strerror(errno);
-    done = false;
-  }
+  done = done && install_catalog(work, folder, error);
   fs::remove_all(work, code);
-  return done && sync_folder(folder, error) && write_catalog_sum(folder, error);
+  return done;
 }
 
 /// What is called ".tmp" in a set's folder is nobody's any more: whoever made it has lost the pool.

@@ -229,6 +229,17 @@ std::unique_ptr<Partial_Sets> Partial_Sets::open(const Pool& pool, const std::st
       problems.push_back(one.catalog ? "the catalog of the partial set " + record.uuid + " is that of another" : error);
       continue;
     }
+    bool bad = false;
+    for (const Set_Record::Medium& medium : record.media) {
+      const std::string path = pool.set_folder(record.uri) + "/" + medium.name;
+      const std::string why = medium_problem(path, medium.size);
+      if (why.empty())
+        continue;
+      problems.push_back(path + ": " + why);
+      bad = true;
+    }
+    if (bad)
+      continue;
     one.set = {first_index++, record.uuid, record.uri, record.seq};
     sets->sets_.push_back(std::move(one));
   }

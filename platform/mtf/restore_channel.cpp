@@ -16,23 +16,38 @@ constexpr size_t CHUNK = 1u << 20;
 /// What a channel's buffer may keep between two objects.
 constexpr size_t KEPT_BUFFER = 256u << 10;
 
+std::string with_reason(const std::string& message, const std::optional<S3_Error>& reason) {
+  return message + (reason ? ": " + reason->text() : std::string()) + ".";
+}
+
+struct Released_Buffer {
+  std::vector<char>& buffer;
+  ~Released_Buffer() {
+    if (buffer.capacity() > KEPT_BUFFER)
+      std::vector<char>().swap(buffer);
+  }
+};
+
 } // namespace
 
 void Restore_Channel::run() {
   Media_Task task;
-  while (shared_.wait_while_paused() && shared_.feed->next(task)) {
+  while (shared_.wait_while_paused() && shared_.feed->next(task))
     restore(task);
-    if (buffer_.capacity() > KEPT_BUFFER)
-      std::vector<char>().swap(buffer_);
-  }
 }
 
 void Restore_Channel::skip(const Media_Task& task, const std::string& message) {
   shared_.account->skipped(task.object.path, message);
 }
 
-void Restore_Channel::fail(const Media_Task& task, const std::string& message) {
-  shared_.account->failed(task.object.path, EIO, message);
+void Restore_Channel::fail(const Media_Task& task, const std::string& message, int number) {
+  shared_.account->failed(task.object.path, number != 0 ? number : EIO, message);
+}
+
+/// What the service said against the last request that this thread had it asked; the channel's callback and the
+/// converter only tell that something failed.
+std::optional<S3_Error> Restore_Channel::take_failure() {
+  return shared_.ledger ? shared_.ledger->take_failure_here() : std::nullopt;
 }
 
 void Restore_Channel::restore(const Media_Task& task) {
@@ -42,8 +57,13 @@ void Restore_Channel::restore(const Media_Task& task) {
     return skip(task, "A key with a NUL byte is not supported.");
   if (object.size > std::numeric_limits<size_t>::max())
     return skip(task, "The object is larger than this platform can write.");
+  take_failure();
   if (!shared_.converter.null()) {
     const Error_Code policy = shared_.converter->convert(path, to_time_t(object.mtime), false);
+    // A policy that cannot see the target takes it for missing. What nobody could see is not ours to replace.
+    if (const std::optional<S3_Error> unseen = take_failure())
+      return fail(task, "The target was left as it is, for it could not be looked at: " + unseen->text() + ".",
+                  unseen->number());
     if (policy == E_SKIP)
       return shared_.account->unchanged();
     if (policy != E_OK)
@@ -53,8 +73,12 @@ void Restore_Channel::restore(const Media_Task& task) {
   Stored_Reading reading;
   if (!reading.open(task))
     return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
-  const bool whole = object.size <= shared_.whole_object;
-  const size_t first = whole ? static_cast<size_t>(object.size) : std::min<size_t>(CHUNK, shared_.whole_object);
+  const bool whole = object.size <= shared_.memory.bytes();
+  const size_t first = whole ? static_cast<size_t>(object.size) : std::min(CHUNK, shared_.memory.bytes());
+  const Memory_Shares::Share share(shared_.memory, first);
+  const Released_Buffer released{buffer_};
+  if (!shared_.wait_while_paused())
+    return;
   // One byte more, so that the read which finds the end of a whole object, or of an empty one, has a place.
   buffer_.resize(first + 1);
   size_t filled = 0;
@@ -81,7 +105,7 @@ void Restore_Channel::restore(const Media_Task& task) {
 bool Restore_Channel::replace(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
                               Read_Outcome outcome, std::vector<std::string>& not_given) {
   if (!callback_->unlink(path.c_str())) {
-    skip(task, "The existing target could not be removed.");
+    skip(task, with_reason("The existing target could not be removed", take_failure()));
     return false;
   }
   struct Passage {
@@ -143,9 +167,11 @@ bool Restore_Channel::write(const Media_Task& task, const std::string& path, Sto
       not_given.insert(not_given.end(), sink->refused().begin(), sink->refused().end());
     return true;
   }
+  const std::optional<S3_Error> reason = take_failure();
+  const std::string message = with_reason("The object could not be written to its target", reason);
   if (result == E_SKIP)
-    skip(task, "The object could not be written to its target.");
+    skip(task, message);
   else
-    fail(task, "The object could not be written to its target.");
+    fail(task, message, reason ? reason->number() : 0);
   return false;
 }

@@ -1,12 +1,15 @@
 #pragma once
 
+#include "platform/mtf/memory_shares.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/run_account.h"
 #include "sdk/mtf/restore_callback.h"
 
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,7 +40,10 @@ struct Restore_Shared {
   MTF_FS::IPath_Converter_var converter;
   Media_Feed* feed = nullptr;
   Run_Account* account = nullptr;
-  size_t whole_object = 0;                 ///< objects up to this size are verified whole before anything is touched
+  std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
+  /// Memory for what is verified before its target is touched: objects whole, or the first chunk of those that are
+  /// larger than all of it.
+  Memory_Shares memory;
   std::function<bool()> wait_while_paused; ///< false once the run has to end
   /// Of the channels only so many write: while these wait for their service, as many others read and verify the next
   /// objects and clear the way for them, which is a request of its own.
@@ -59,7 +65,8 @@ private:
   bool write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
              Read_Outcome outcome, std::vector<std::string>& not_given);
   void skip(const Media_Task& task, const std::string& message);
-  void fail(const Media_Task& task, const std::string& message);
+  void fail(const Media_Task& task, const std::string& message, int number = 0);
+  std::optional<S3_Error> take_failure();
 
   Restore_Shared& shared_;
   MTF::IRestore_Callback_var callback_;

@@ -255,7 +255,8 @@ bool Restore_Engine::Impl::restore_objects() {
   shared.converter = order.converter;
   shared.feed = feed.get();
   shared.account = &account;
-  shared.whole_object = std::max<size_t>(order.byte_budget / count, 1);
+  shared.ledger = ledger;
+  shared.memory.open(order.byte_budget);
   shared.wait_while_paused = [this] { return wait_while_paused(); };
   channels = count;
   const auto failed = [this](const std::string& why) { fail(E_FAILED, "The restore ends: " + why + "."); };
@@ -284,7 +285,7 @@ bool Restore_Engine::Impl::restore_objects() {
 
 void Restore_Engine::Impl::conclude(const ACE_Time_Value& begun) {
   json_spirit::Object figures =
-      account.figures(ledger.get(), false, true, seconds_between(begun, Clock::instance().monotonic()));
+      account.figures(ledger.get(), true, seconds_between(begun, Clock::instance().monotonic()));
   if (!failure.empty())
     figures["failure"] = failure;
   if (code == E_OK && account.problems() != 0)

@@ -508,6 +508,24 @@ TEST_P(Restore, damage_behind_the_first_chunk_never_stores_a_wrong_object) {
   EXPECT_TRUE(events_->named("/b/large"));
 }
 
+TEST_P(Restore, object_that_fits_into_the_budget_is_verified_whole_however_many_channels_share_it) {
+  fill(60, 30000);
+  std::string large;
+  while (large.size() < 3000000)
+    large += std::to_string(large.size());
+  source_.add("b/large", large);
+  back_up();
+  damage("b/large");
+  target_.objects["/b/large"] = "the old one";
+  order_.byte_budget = 4000000;
+  order_.concurrent = 16;
+  ASSERT_TRUE(run());
+  EXPECT_EQ("the old one", target_.objects["/b/large"]);
+  EXPECT_TRUE(events_->named("/b/large"));
+  EXPECT_EQ(1u, events_->figure("failed"));
+  EXPECT_EQ(60u, events_->figure("saved"));
+}
+
 // Larger objects have their first chunk verified before their target is touched, others all of it.
 TEST_P(Restore, no_damage_to_a_medium_costs_an_object_that_is_there_or_puts_a_wrong_one_in_its_place) {
   const std::string large = std::string(9000, 'l') + std::string(9000, 'm');

@@ -36,11 +36,16 @@ public:
   void failed(const std::string& path, int number, const std::string& message);
   /// An object that counts as saved, but not with all that belongs to it; `missing` has a text for each thing.
   void incomplete(const std::string& path, const std::string& message, const std::vector<std::string>& missing);
+  /// An object that counts as saved has tags, and the run asks for none.
+  void without_tags() { ++without_tags_; }
   /// The lister could not hand out one object; it has told the event handler itself.
   void lister_skipped(unsigned long long count) {
     lister_skipped_ += count;
     problems_ += count;
   }
+  /// A key that stands for a folder and has data, as it is seen: told to the catalog alone. What the ledger keeps of
+  /// them is counted and told when the listing has ended.
+  void full_folder(const S3_Ledger::Folder_Object& folder);
   /// Adds one entry of the outcome's "errors" without counting anything or telling anybody.
   void note(const std::string& type, const std::string& path, const json_spirit::Value& number,
             const std::string& message);
@@ -60,18 +65,29 @@ public:
   /// Objects that were listed and are missing in the set, and prefixes that could not be listed.
   unsigned long long problems() const { return problems_; }
 
+  /// What the engine knows of a listing that has ended, beside what was handed out.
+  struct Listing_End {
+    bool whole = false;                ///< it got to its end: what was not handed out by now never will be
+    unsigned long long excluded = 0;   ///< objects that the filter left out
+    unsigned long long unanswered = 0; ///< objects asked for by name without an answer, which no listing has counted
+  };
   /// Takes over what the S3 layer saw that never reached the engine: folder objects and prefixes that could not be
-  /// listed. Once, when the listing has ended; `ledger` may be null.
-  void listing_ended(const S3_Ledger* ledger);
-  /// Closes the account. `ledger` may be null. `whole`: the run got to its end, so what was listed and not handed out
-  /// was left out by rule; else it was not reached, which counts as skipped. `kept`: there is a set; else nothing was
-  /// saved, whatever was written.
-  json_spirit::Object figures(const S3_Ledger* ledger, bool whole, bool kept, double seconds);
+  /// listed. Compares its count with what was handed out, and names the difference. Once; `ledger` may be null.
+  void listing_ended(const S3_Ledger* ledger, const Listing_End& end);
+  /// Objects that the S3 layer listed and that came out nowhere. Once a whole listing has ended.
+  unsigned long long lost_objects() const { return lost_; }
+  /// Closes the account. `ledger` may be null. What a listing that was cut short showed and did not hand out was not
+  /// reached, which counts as skipped. `kept`: there is a set; else nothing was saved, whatever was written.
+  json_spirit::Object figures(const S3_Ledger* ledger, bool kept, double seconds);
 
 private:
+  unsigned long long known() const;
   void tell(const char* type, const std::string& path, const json_spirit::Value& number, const std::string& message);
   void problem(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
                const std::string& message);
+  void record(Catalog_Problem::Kind kind, const std::string& path, int number, const std::string& message);
+  void count(Catalog_Problem::Kind kind, const char* type, const std::string& path, int number,
+             const std::string& message);
 
   MTF::Event_Handler_var handler_;
   std::atomic<Catalog_Writer*> catalog_{nullptr};
@@ -87,8 +103,12 @@ private:
   std::atomic<unsigned long long> bytes_read_{0};
   std::atomic<unsigned long long> problems_{0};
   std::atomic<unsigned long long> incomplete_{0};
+  std::atomic<unsigned long long> without_tags_{0};
   unsigned long long deleted_ = 0; ///< of the base and listed no more
   unsigned long long listed_ = 0;  ///< as the S3 layer counted; 0 where it saw nothing
+  unsigned long long excluded_ = 0; ///< by the filter
+  unsigned long long lost_ = 0;
+  bool counted_ = false; ///< `listed_` is the S3 layer's: nothing in here may change it
   unsigned long long empty_folders_ = 0;
   unsigned long long full_folders_ = 0;
   std::mutex mutex_; ///< guards `errors_`

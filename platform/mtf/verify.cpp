@@ -206,7 +206,8 @@ private:
       place.error = task.error;
     if (!good && task.object.set == 0 && damaged_.size() < MAX_DAMAGED_PLACES)
       damaged_.insert({task.object.channel, task.object.offset});
-    const Verify_Damage damage = {!good, task.object.path, task.object.size, place.set, place.medium, problem};
+    const Verify_Damage damage = {!good,        task.object.path, task.object.size,    place.set,
+                                  place.medium, problem,          task.object.channel, task.object.offset};
     if (report_.damages.size() < Verify_Report::MAX_DAMAGES)
       report_.damages.push_back(damage);
     if (options_.found)

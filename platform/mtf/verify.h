@@ -14,6 +14,8 @@ struct Verify_Damage {
   std::string set;    ///< uuid of the set whose media hold its data
   std::string medium; ///< file name there
   std::string message;
+  unsigned channel = 0;          ///< whose medium it is
+  unsigned long long offset = 0; ///< of the object there
 };
 
 struct Verify_Options {

@@ -33,7 +33,7 @@ bool from_store(const Pool& pool, Secret_Key& key, std::string& error) {
   bool found = false;
   if (store != nullptr && !store->find_note(NOTE_KIND, pool.uuid(), sealed, found, error))
     return false;
-  if (!found) {
+  if (!found || sealed.empty()) {
     error = "the key of the encrypted pool in " + pool.folder() + " is not known here: give it with \"pool unlock\"";
     return false;
   }
@@ -71,6 +71,14 @@ bool keep_pool_key(Store& store, const std::string& pool_uuid, const Secret_Key&
   if (good)
     hold_pool_key(pool_uuid, key);
   return good;
+}
+
+bool forget_pool_key(Store& store, const std::string& pool_uuid, std::string& error) {
+  {
+    const std::lock_guard<std::mutex> guard(held_mutex);
+    held_keys.erase(pool_uuid);
+  }
+  return store.put_note(NOTE_KIND, pool_uuid, std::string(), error);
 }
 
 bool find_pool_key(const Pool& pool, Secret_Key& key, std::string& error) {

@@ -11,6 +11,8 @@ class Store;
 void hold_pool_key(const std::string& pool_uuid, const Secret_Key& key);
 /// Keeps the key in the agent's database too, sealed under the master key. False with the reason.
 bool keep_pool_key(Store& store, const std::string& pool_uuid, const Secret_Key& key, std::string& error);
+/// Takes it out of the database again. False with the reason.
+bool forget_pool_key(Store& store, const std::string& pool_uuid, std::string& error);
 /// The key of an encrypted pool: the one this process holds, else the one in the agent's database. False with the
 /// reason, also when it turns out not to be this pool's.
 bool find_pool_key(const Pool& pool, Secret_Key& key, std::string& error);

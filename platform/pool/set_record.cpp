@@ -250,6 +250,22 @@ std::string record_text(const Set_Record& record) {
 
 } // namespace
 
+Set_Record describe_set(const MTF::Metadata& metadata) {
+  Set_Record record;
+  record.host_uuid = metadata.host_uuid;
+  record.minor_resource_id = metadata.minor_resource_id;
+  record.minor_resource_name = metadata.minor_resource_name;
+  record.resource_uuid = metadata.resource_uuid;
+  record.definition_uuid = metadata.definition_uuid;
+  record.name = metadata.name;
+  record.agent = metadata.agent;
+  record.host = metadata.host;
+  record.type = metadata.type;
+  record.start_time = metadata.start_time;
+  record.encryption = metadata.encryption;
+  return record;
+}
+
 bool write_set_record(const std::string& folder, const Set_Record& record, std::string& error) {
   return write_durable_file(folder, Set_Record::FILE_NAME, record_text(record), error);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "sdk/json/json_spirit.h"
+#include "sdk/mtf/metadata.h"
 
 #include <string>
 #include <vector>
@@ -52,6 +53,9 @@ struct Set_Record {
   /// untouched.
   static bool from_json(const json_spirit::Object& json, Set_Record& record, std::string& error);
 };
+
+/// A record of what an executor said about a set: names, times, type, encryption.
+Set_Record describe_set(const MTF::Metadata& metadata);
 
 /// Writes the record of the set in `folder` so that it is there whole or not at all: temporary file, fsync, rename,
 /// fsync of the folder. False with the reason.

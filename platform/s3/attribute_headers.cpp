@@ -226,11 +226,9 @@ void append_headers(const Object_Attributes& attributes, unsigned kinds, bool mu
         headers.emplace_back("x-amz-checksum-type", attributes.checksum_type);
     }
   }
-  // A checksum over the parts' checksums ("...-3") says nothing about a content sent at once.
   if ((kinds & KIND_CHECKSUM) && !multipart)
     for (const auto& [name, value] : attributes.checksums)
-      if (value.find('-') == std::string::npos)
-        headers.emplace_back(std::string(CHECKSUM) + name, value);
+      headers.emplace_back(std::string(CHECKSUM) + name, value);
 }
 
 std::string describe(const Object_Attributes& attributes, Attribute_Kind kind) {
@@ -285,6 +283,22 @@ void make_sendable(Object_Attributes& attributes, time_t now, std::vector<std::s
                     (dated ? "its time is over" : "its date makes no sense"));
   attributes.lock_mode.clear();
   attributes.lock_until.clear();
+}
+
+void keep_fitting_checksums(Object_Attributes& attributes, bool multipart, std::vector<std::string>& dropped) {
+  const std::string of_parts = multipart_checksum(attributes);
+  std::erase_if(attributes.checksums, [&](const std::pair<std::string, std::string>& one) {
+    const auto& [name, value] = one;
+    std::string reason;
+    // One over the parts' checksums ("...-3") says nothing about a content sent at once.
+    if (!multipart && value.find('-') != std::string::npos)
+      reason = "it is one of parts, and the object is sent at once";
+    else if (multipart && name != of_parts)
+      reason = of_parts.empty() ? "it cannot be made for parts" : "an upload in parts has one, " + of_parts;
+    if (!reason.empty())
+      dropped.push_back("the checksum " + name + ": " + reason);
+    return !reason.empty();
+  });
 }
 
 } // namespace s3

@@ -46,5 +46,7 @@ std::string describe(const Object_Attributes& attributes, Attribute_Kind kind);
 /// Takes out what no header field can carry, or what has no meaning any more at the time `now`, and adds a text for
 /// each to `dropped`.
 void make_sendable(Object_Attributes& attributes, time_t now, std::vector<std::string>& dropped);
+/// The same for checksums that an upload at once, or in parts, cannot have.
+void keep_fitting_checksums(Object_Attributes& attributes, bool multipart, std::vector<std::string>& dropped);
 
 } // namespace s3

@@ -34,7 +34,8 @@ Object_Attributes full() {
                {"content-disposition", "attachment; filename=\"a b.txt\""},
                {"content-type", "text/x; charset=utf-8"},
                {"x-amz-website-redirect-location", "/other"}};
-  a.metadata = {{"empty", ""}, {"latin", "caf\xE9"}, {"mime", "=?UTF-8?Q?=C3=A4?="}, {"utf-8", "\xC3\xA4  \xE2\x82\xAC"}};
+  a.metadata = {
+      {"empty", ""}, {"latin", "caf\xE9"}, {"mime", "=?UTF-8?Q?=C3=A4?="}, {"utf-8", "\xC3\xA4  \xE2\x82\xAC"}};
   a.tags = {{"a", "1"}, {"b c", "x&y=z/+"}};
   a.storage_class = "COLD";
   a.lock_mode = "GOVERNANCE";
@@ -117,25 +118,25 @@ TEST(attributes_text, texts_that_make_no_sense_are_refused_with_the_reason) {
 }
 
 TEST(attributes_headers, answer_fills_them_and_leaves_out_what_is_not_the_objects) {
-  const Object_Attributes a = read_attributes(
-      head_of({{"date", "x"},
-               {"content-length", "5"},
-               {"etag", "\"abc-2\""},
-               {"content-type", "a/b"},
-               {"x-amz-meta-a", "1"},
-               {"x-amz-meta-", "no name"},
-               {"x-amz-meta-a", "2"},
-               {"x-amz-storage-class", "STANDARD"},
-               {"x-amz-object-lock-mode", "COMPLIANCE"},
-               {"x-amz-object-lock-retain-until-date", "2030-01-02T00:00:00.000000000Z"},
-               {"x-amz-object-lock-legal-hold", "OFF"},
-               {"x-amz-checksum-sha256", "abc="},
-               {"x-amz-checksum-type", "COMPOSITE"},
-               {"x-amz-tagging-count", "3"},
-               {"x-amz-missing-meta", "2"},
-               {"x-amz-version-id", "v"},
-               {"content-encoding", "aws-chunked, gzip ,br"},
-               {"server", "y"}}));
+  const Object_Attributes a =
+      read_attributes(head_of({{"date", "x"},
+                               {"content-length", "5"},
+                               {"etag", "\"abc-2\""},
+                               {"content-type", "a/b"},
+                               {"x-amz-meta-a", "1"},
+                               {"x-amz-meta-", "no name"},
+                               {"x-amz-meta-a", "2"},
+                               {"x-amz-storage-class", "STANDARD"},
+                               {"x-amz-object-lock-mode", "COMPLIANCE"},
+                               {"x-amz-object-lock-retain-until-date", "2030-01-02T00:00:00.000000000Z"},
+                               {"x-amz-object-lock-legal-hold", "OFF"},
+                               {"x-amz-checksum-sha256", "abc="},
+                               {"x-amz-checksum-type", "COMPOSITE"},
+                               {"x-amz-tagging-count", "3"},
+                               {"x-amz-missing-meta", "2"},
+                               {"x-amz-version-id", "v"},
+                               {"content-encoding", "aws-chunked, gzip ,br"},
+                               {"server", "y"}}));
   EXPECT_EQ("abc-2", a.etag);
   EXPECT_EQ(2u, a.part_count());
   EXPECT_EQ((std::map<std::string, std::string>{{"content-encoding", "gzip, br"}, {"content-type", "a/b"}}),
@@ -264,14 +265,24 @@ TEST(part_plan, layout_that_was_not_told_is_the_one_that_tools_make) {
     }
 }
 
+TEST(part_plan, number_of_parts_that_no_size_gives_is_named) {
+  Object_Attributes a;
+  a.etag = "0123456789abcdef0123456789abcdef-4";
+  EXPECT_EQ("no parts of one size make up its size", Part_Plan(3, 16 << 20, &a).refused());
+  EXPECT_EQ("", Part_Plan(31 << 20, 16 << 20, &a).refused());
+}
+
 TEST(part_plan, object_stored_at_once_goes_at_once_where_memory_holds_it) {
   Object_Attributes a;
   a.etag = "0123456789abcdef0123456789abcdef";
-  EXPECT_FALSE(Part_Plan(64 << 20, 16 << 20, &a).multipart());
-  EXPECT_TRUE(Part_Plan(65 << 20, 16 << 20, &a).multipart());
-  EXPECT_EQ("", Part_Plan(65 << 20, 16 << 20, &a).refused()) << "it never had parts";
+  EXPECT_FALSE(Part_Plan(256 << 20, 16 << 20, &a).multipart());
+  EXPECT_EQ("", Part_Plan(256 << 20, 16 << 20, &a).refused());
+  EXPECT_TRUE(Part_Plan(257 << 20, 16 << 20, &a).multipart());
+  EXPECT_EQ("it was stored at once, and is larger than 256 MiB", Part_Plan(257 << 20, 16 << 20, &a).refused());
+  EXPECT_EQ("", Part_Plan(257 << 20, 300 << 20, &a).refused()) << "it goes at once anyway";
   a.etag = "opaque";
   EXPECT_TRUE(Part_Plan(30 << 20, 16 << 20, &a).multipart());
+  EXPECT_EQ("", Part_Plan(257 << 20, 16 << 20, &a).refused()) << "it is not known how it was stored";
   EXPECT_TRUE(Part_Plan(30 << 20, 16 << 20, nullptr).multipart());
   EXPECT_FALSE(Part_Plan(16 << 20, 16 << 20, nullptr).multipart());
 }
@@ -576,7 +587,8 @@ TEST_F(Attributes_Test, several_kinds_refused_one_behind_the_other_are_each_name
   });
   const std::vector<std::string> refused = store(service(), "k", "x", full_for_server());
   ASSERT_EQ(2u, refused.size()) << testing::PrintToString(refused);
-  EXPECT_NE(std::string::npos, (refused[0] + refused[1]).find("the storage class 'COLD' (InvalidStorageClass: no class)"));
+  EXPECT_NE(std::string::npos,
+            (refused[0] + refused[1]).find("the storage class 'COLD' (InvalidStorageClass: no class)"));
   EXPECT_NE(std::string::npos, (refused[0] + refused[1]).find("(InvalidRequest: no lock)"));
 }
 
@@ -623,8 +635,9 @@ TEST_F(Attributes_Test, busy_service_is_no_refusal) {
 }
 
 TEST_F(Attributes_Test, what_a_target_takes_and_forgets_is_named) {
-  server.configure([](S3_Server_Settings& s) { s.forgotten_headers = {"x-amz-storage-class", "x-amz-object-lock-",
-                                                                      "cache-control", "x-amz-meta-utf-8"}; });
+  server.configure([](S3_Server_Settings& s) {
+    s.forgotten_headers = {"x-amz-storage-class", "x-amz-object-lock-", "cache-control", "x-amz-meta-utf-8"};
+  });
   for (const size_t size : {700u, 3500u}) {
     const S3_Service_var s = service();
     for (int i = 0; i < 3; ++i) {
@@ -637,6 +650,26 @@ TEST_F(Attributes_Test, what_a_target_takes_and_forgets_is_named) {
       EXPECT_EQ(std::string::npos, all.find("tags")) << all;
     }
   }
+}
+
+TEST_F(Attributes_Test, what_could_not_be_looked_at_is_named_with_the_reason) {
+  server.add_fault(Fault::error(403, "AccessDenied").on("HeadObject"));
+  for (const size_t size : {700u, 3500u}) {
+    const std::vector<std::string> refused = store(service(), "k", std::string(size, 'x'), full_for_server());
+    ASSERT_EQ(1u, refused.size()) << testing::PrintToString(refused);
+    EXPECT_EQ(0u, refused[0].find("what it was given could not be checked (AccessDenied: ")) << refused[0];
+    EXPECT_TRUE(server.object("bucket", "k"));
+  }
+  // A head that counts no tags has them asked for.
+  server.clear_faults();
+  server.configure([](S3_Server_Settings& s) { s.counts_tags = false; });
+  server.add_fault(Fault::error(403, "AccessDenied").on("GetObjectTagging"));
+  const std::vector<std::string> refused = store(service(), "k", "x", full_for_server());
+  ASSERT_EQ(1u, refused.size()) << testing::PrintToString(refused);
+  EXPECT_EQ(0u, refused[0].find("the tags")) << refused[0];
+  EXPECT_NE(std::string::npos, refused[0].find(" could not be checked (AccessDenied: ")) << refused[0];
+  // Nothing was given that could be forgotten.
+  EXPECT_EQ(std::vector<std::string>(), store(service(), "plain", "x", Object_Attributes()));
 }
 
 TEST_F(Attributes_Test, target_that_keeps_what_it_takes_is_looked_at_once) {
@@ -674,6 +707,47 @@ TEST_F(Attributes_Test, checksums_of_parts_come_out_the_same) {
   ASSERT_TRUE(dynamic_cast<S3_Attribute_Service&>(*s).get_parts("bucket", "k", b));
   EXPECT_EQ(std::vector<std::string>(), store(s, "again", data, b));
   EXPECT_EQ(b.checksums, read(s, "again").checksums);
+}
+
+TEST_F(Attributes_Test, object_too_large_to_be_sent_at_once_again_is_named) {
+  Object_Attributes a;
+  a.etag = "0123456789abcdef0123456789abcdef";
+  const S3_Service_var s = service();
+  const S3_IWriter_ptr writer = dynamic_cast<S3_Attribute_Service&>(*s).upload("bucket", "k", 300ull << 20, a);
+  ASSERT_TRUE(writer) << s->error();
+  EXPECT_EQ((std::vector<std::string>{"the layout of its parts: it was stored at once, and is larger than 256 MiB"}),
+            dynamic_cast<const S3_Attribute_Report&>(*writer).refused());
+}
+
+TEST_F(Attributes_Test, parts_too_large_to_be_sent_again_are_named) {
+  Object_Attributes a;
+  a.etag = "0123456789abcdef0123456789abcdef-2";
+  a.parts = {{2, 300ull << 20}};
+  const S3_Service_var s = service();
+  const S3_IWriter_ptr writer = dynamic_cast<S3_Attribute_Service&>(*s).upload("bucket", "k", 600ull << 20, a);
+  ASSERT_TRUE(writer) << s->error();
+  EXPECT_EQ((std::vector<std::string>{"the layout of its parts: its parts are larger than 256 MiB"}),
+            dynamic_cast<const S3_Attribute_Report&>(*writer).refused());
+}
+
+TEST_F(Attributes_Test, checksum_of_parts_that_an_object_sent_at_once_cannot_have_is_named) {
+  Object_Attributes a;
+  a.checksum_type = "COMPOSITE";
+  a.checksums = {{"sha256", "of the parts-3"}};
+  EXPECT_EQ((std::vector<std::string>{"the checksum sha256: it is one of parts, and the object is sent at once"}),
+            store(service(), "k", "a few bytes", a));
+}
+
+TEST_F(Attributes_Test, checksums_that_an_object_sent_in_parts_cannot_have_are_named) {
+  const std::string data = s3_testing::synthetic_bytes(5, 0, 3500);
+  Object_Attributes a;
+  a.checksums = {{"sha256", to_base64(sha256(data))}, {"crc32", checksum("crc32", data)}, {"md6", "eA=="}};
+  EXPECT_EQ((std::vector<std::string>{"the checksum crc32: an upload in parts has one, sha256",
+                                      "the checksum md6: an upload in parts has one, sha256"}),
+            store(service(), "k", data, a));
+  a.checksums = {{"md6", "eA=="}};
+  EXPECT_EQ((std::vector<std::string>{"the checksum md6: it cannot be made for parts"}),
+            store(service(), "k", data, a));
 }
 
 TEST(checksum, published_check_values) {

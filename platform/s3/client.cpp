@@ -86,12 +86,15 @@ bool S3_Client::get_buckets(std::vector<json_spirit::Value>& buckets) {
                                             [&] { return outcome_of(service, service.get_service(param, content)); });
     if (!outcome.ok()) {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list buckets, error: %C.\n"), outcome.error.text().c_str()));
+      // Buckets that it did not come to are no buckets that are gone.
+      endpoint->ledger()->listing_failed("/", outcome.error.text());
       return false;
     }
     for (const S3_Bucket& bucket : content.buckets)
       buckets.emplace_back(json_spirit::Object{{"dir", json_spirit::Value(bucket.name)}});
     param.marker(content.next_marker.c_str());
   } while (content.truncated && !content.next_marker.empty());
+  endpoint->ledger()->listing_succeeded("/");
   return true;
 }
 
@@ -116,8 +119,10 @@ bool S3_Client::del(const std::string& bucket, const std::string& key) {
   const s3::Outcome outcome = s3::retried(endpoint->max_retry_seconds(), [&] {
     return outcome_of(service, service.del_object(bucket.c_str(), key.c_str()));
   });
-  if (!outcome.ok())
+  if (!outcome.ok()) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to delete object '%C' in bucket '%C', error: %C.\n"), key.c_str(),
                bucket.c_str(), outcome.error.text().c_str()));
+    endpoint->ledger()->failed_here(outcome.error);
+  }
   return outcome.ok();
 }

@@ -11,26 +11,40 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
-/// Counts what it is asked to sleep and returns at once.
+/// A clock that moves on as soon as somebody waits for it, and only then. Counts what it is asked to sleep; a wait of a
+/// second or more is as good as a sleep.
 class Test_Clock : public Clock {
 public:
   Test_Clock() : before_(Clock::instance(this)) {}
   ~Test_Clock() override { Clock::instance(before_); }
   time_t now() override { return now_.load(); }
-  ACE_Time_Value monotonic() override { return ACE_Time_Value(static_cast<time_t>(slept_.load())); }
+  ACE_Time_Value monotonic() override {
+    const unsigned long long passed = passed_;
+    return ACE_Time_Value(static_cast<time_t>(passed / 1000000), static_cast<suseconds_t>(passed % 1000000));
+  }
   void sleep(unsigned seconds) override {
-    slept_ += seconds;
+    passed_ += 1000000ull * seconds;
     ++sleeps_;
   }
+  void wait(std::unique_lock<std::mutex>& lock, std::condition_variable&, const ACE_Time_Value& time) override {
+    passed_ += static_cast<unsigned long long>(time.sec()) * 1000000 + static_cast<unsigned long long>(time.usec());
+    if (time.sec() > 0)
+      ++sleeps_;
+    // Whoever would have something to do meanwhile may.
+    lock.unlock();
+    std::this_thread::yield();
+    lock.lock();
+  }
   void now(time_t time) { now_ = time; }
-  unsigned long long slept() const { return slept_; }
+  unsigned long long slept() const { return passed_ / 1000000; } ///< whole seconds
   unsigned sleeps() const { return sleeps_; }
 
 private:
   std::atomic<time_t> now_{std::time(nullptr)};
-  std::atomic<unsigned long long> slept_{0};
+  std::atomic<unsigned long long> passed_{0}; ///< microseconds
   std::atomic<unsigned> sleeps_{0};
   Clock* before_;
 };

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <thread>
+
 namespace {
 
 TEST(Ledger, folder_objects_are_counted_by_whether_they_hold_data) {
@@ -18,6 +21,19 @@ TEST(Ledger, folder_objects_are_counted_by_whether_they_hold_data) {
   EXPECT_EQ("/b/full/", all[0].path);
   EXPECT_EQ(5u, all[0].size);
   EXPECT_EQ("/b/empty/", all[1].path);
+}
+
+TEST(Ledger, listing_of_which_no_further_page_was_asked_for_has_broken_off) {
+  S3_Ledger ledger;
+  ledger.page_shown("/b/a/", true);
+  ledger.page_shown("/b/c/", true);
+  ledger.page_shown("/b/d/", false);
+  ledger.page_shown("/b/e/", true);
+  ledger.page_shown("/b/c/", true);
+  ledger.page_shown("/b/c/", false);
+  ledger.listing_failed("/b/e/", "its second page was refused");
+  ASSERT_EQ(1u, ledger.broken_off_listings().size());
+  EXPECT_EQ("/b/a/", ledger.broken_off_listings()[0].path);
 }
 
 TEST(Ledger, list_is_bounded_but_the_count_is_not) {
@@ -56,6 +72,31 @@ TEST(Ledger, fresh_object_is_told_once) {
   EXPECT_FALSE(ledger.take_fresh("/b/c"));
   EXPECT_TRUE(ledger.take_fresh("/b/a"));
   EXPECT_FALSE(ledger.take_fresh("/b/a"));
+}
+
+TEST(Ledger, tags_that_nobody_asked_for_are_told_once) {
+  S3_Ledger ledger;
+  EXPECT_FALSE(ledger.take_unasked_tags("/b/a"));
+  ledger.tags_told("/b/a");
+  ledger.tags_told("/b/c");
+  ledger.tags_asked("/b/c");
+  EXPECT_FALSE(ledger.take_unasked_tags("/b/c"));
+  EXPECT_TRUE(ledger.take_unasked_tags("/b/a"));
+  EXPECT_FALSE(ledger.take_unasked_tags("/b/a"));
+}
+
+TEST(Ledger, failure_is_told_to_the_thread_that_it_was_met_by_and_once) {
+  S3_Ledger ledger;
+  EXPECT_FALSE(ledger.take_failure_here());
+  ledger.failed_here(S3_Error(EACCES, 403, "First", "", false));
+  ledger.failed_here(S3_Error(EACCES, 403, "Second", "", false));
+  std::thread([&] {
+    EXPECT_FALSE(ledger.take_failure_here());
+    ledger.failed_here(S3_Error(EACCES, 403, "Other", "", false));
+    EXPECT_EQ("Other", ledger.take_failure_here()->code());
+  }).join();
+  EXPECT_EQ("Second", ledger.take_failure_here()->code());
+  EXPECT_FALSE(ledger.take_failure_here());
 }
 
 TEST(Endpoint, settings_are_kept_by_host_port_and_key) {

@@ -154,6 +154,24 @@ TEST_F(Listing_Test, folder_objects_are_counted_by_what_they_hold) {
   EXPECT_EQ(3u, ledger->listed_keys.load());
 }
 
+TEST_F(Listing_Test, page_that_nobody_asks_for_leaves_its_prefix_broken_off) {
+  for (const char* key : {"p/a", "p/b", "p/c"})
+    server.put("bucket", key, "x");
+  const S3_Service_var s = service();
+  Get_Bucket_Parameter param;
+  param.prefix("p/");
+  param.max_keys(2);
+  Get_Bucket_Content content;
+  ASSERT_TRUE(s->get_bucket("bucket", param, content)) << s->error();
+  ASSERT_TRUE(content.truncated);
+  ASSERT_EQ(1u, ledger->broken_off_listings().size());
+  EXPECT_EQ("/bucket/p/", ledger->broken_off_listings()[0].path);
+  const std::string marker = content.next_marker;
+  param.marker(marker.c_str());
+  ASSERT_TRUE(s->get_bucket("bucket", param, content)) << s->error();
+  EXPECT_TRUE(ledger->broken_off_listings().empty());
+}
+
 TEST_F(Listing_Test, failed_listing_stands_in_the_ledger_until_it_is_repeated) {
   server.add_fault(Fault::error(503, "SlowDown").times(2));
   const S3_Service_var s = service();
@@ -222,9 +240,13 @@ TEST_F(Listing_Test, client_gives_buckets_as_folders) {
   ASSERT_EQ(2u, buckets.size());
   EXPECT_EQ("bucket", buckets[0].get_obj().at("dir").get_str());
   EXPECT_EQ("second", buckets[1].get_obj().at("dir").get_str());
-  server.add_fault(Fault::error(403, "AccessDenied"));
+  server.add_fault(Fault::error(403, "AccessDenied").times(1));
   EXPECT_FALSE(client.get_buckets(buckets));
   EXPECT_EQ(2u, buckets.size());
+  ASSERT_EQ(1u, ledger->failed_listings().size());
+  EXPECT_EQ("/", ledger->failed_listings()[0].path);
+  EXPECT_TRUE(client.get_buckets(buckets));
+  EXPECT_TRUE(ledger->failed_listings().empty());
 }
 
 } // namespace

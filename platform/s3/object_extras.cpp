@@ -286,7 +286,7 @@ void Object_Extras::look(const Object_Attributes& attributes, unsigned kinds, st
   const Request head{"HEAD", bucket_, key_, {}, {}, false, {}};
   const Outcome outcome = retried(max_retry_seconds_, [&] { return transport_.ask(head); });
   if (!outcome.ok()) {
-    // The object is there, for its upload was answered; whoever may not look knows no more than that.
+    refused.push_back("what it was given could not be checked (" + outcome.error.text() + ")");
     return;
   }
   const Object_Attributes now = read_attributes(outcome.head);
@@ -321,16 +321,21 @@ void Object_Extras::look(const Object_Attributes& attributes, unsigned kinds, st
   }
   if ((kinds & KIND_TAGS) && now.tag_count < 0) {
     Object_Attributes asked;
-    if (get_tags(asked).ok())
+    const Outcome told = get_tags(asked);
+    if (told.ok())
       settle(KIND_TAGS, has_all(attributes.tags, asked.tags));
+    else
+      refused.push_back(describe(attributes, KIND_TAGS) + " could not be checked (" + told.error.text() + ")");
   } else {
     settle(KIND_TAGS, now.tag_count >= static_cast<long long>(attributes.tags.size()));
   }
 }
 
 bool Service::get_tags(const char* bucket, const char* key, Object_Attributes& attributes) {
-  return named(bucket, key) &&
-         report(Object_Extras(transport_, bucket, key, endpoint_->max_retry_seconds()).get_tags(attributes));
+  if (!named(bucket, key))
+    return false;
+  endpoint_->ledger()->tags_asked(std::string("/") + bucket + '/' + key);
+  return report(Object_Extras(transport_, bucket, key, endpoint_->max_retry_seconds()).get_tags(attributes));
 }
 
 bool Service::get_acl(const char* bucket, const char* key, Object_Attributes& attributes) {

@@ -9,6 +9,11 @@ std::shared_ptr<S3_Ledger> current_ledger() {
   return job ? job->ledger() : nullptr;
 }
 
+int current_max_retry_seconds() {
+  Job* job = Job::current();
+  return job ? job->ledger()->max_retry_seconds.load() : 0;
+}
+
 } // namespace
 
 S3_Client_Options::S3_Client_Options() : ledger(current_ledger()) {}
@@ -19,6 +24,6 @@ S3_Client_Options::S3_Client_Options(const std::string& access_key, const std::s
 
 S3_Client_Options::~S3_Client_Options() = default;
 
-S3_Service_Options::S3_Service_Options() : ledger(current_ledger()) {}
+S3_Service_Options::S3_Service_Options() : max_retry_seconds(current_max_retry_seconds()), ledger(current_ledger()) {}
 
 S3_Service_Options::~S3_Service_Options() = default;

@@ -70,8 +70,12 @@ bool Part_Plan::take_layout(unsigned long long size, unsigned long long wanted, 
     // Only an ETag that is a digest of the content comes out the same when the content is sent at once.
     const bool digest = attributes.etag.size() == 32 &&
                         attributes.etag.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-    if (!digest || size <= wanted || size > LARGEST_AT_ONCE)
+    if (!digest || size <= wanted)
       return false;
+    if (size > LARGEST_PART) {
+      refused_ = "it was stored at once, and is larger than " + std::to_string(LARGEST_PART / MEBIBYTE) + " MiB";
+      return false;
+    }
     runs_.assign(1, {1, size});
     largest_ = size;
     return true;
@@ -80,8 +84,10 @@ bool Part_Plan::take_layout(unsigned long long size, unsigned long long wanted, 
   std::vector<Part_Run> runs = attributes.parts;
   if (runs.empty()) {
     const unsigned long long part = likely_part_size(size, count);
-    if (part == 0)
+    if (part == 0) {
+      refused_ = "no parts of one size make up its size";
       return false;
+    }
     runs.assign(1, {count, part});
   } else {
     unsigned long long sum = 0, parts = 0;

@@ -9,10 +9,9 @@
 
 namespace s3 {
 
-/// Parts above this size are not held in memory: such an object gets a layout of ours.
+/// Parts above this size are not held in memory: such an object gets a layout of ours. The same holds for an object that
+/// was stored at once, which is a single part.
 constexpr unsigned long long LARGEST_PART = 256ull << 20;
-/// Objects above this size are not sent at once: one request of that length is long to repeat.
-constexpr unsigned long long LARGEST_AT_ONCE = 64ull << 20;
 
 /// How an object is sent: at once, or in which parts.
 class Part_Plan {
@@ -29,7 +28,8 @@ public:
   unsigned long long next();
   /// The largest.
   unsigned long long largest() const { return largest_; }
-  /// Whether the layout that the object told was not taken; the reason.
+  /// Why the object cannot be stored as it was, so that its ETag comes out another; empty where it can, or nothing is
+  /// known of how it was.
   const std::string& refused() const { return refused_; }
 
 private:

@@ -1,9 +1,6 @@
 #include "platform/s3/part_sender.h"
 
-#include <pthread.h>
-
 #include <cerrno>
-#include <system_error>
 
 namespace s3 {
 
@@ -16,14 +13,7 @@ Part_Sender::~Part_Sender() {
 }
 
 void Part_Sender::stop() {
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    stop_ = true;
-    work_.notify_all();
-  }
-  for (std::thread& thread : threads_)
-    thread.join();
-  threads_.clear();
+  threads_.stop();
   for (const Part& part : waiting_)
     endpoint_->ledger()->part_memory.give_back(part.data.size());
   waiting_.clear();
@@ -73,16 +63,13 @@ bool Part_Sender::hand_over(Part& part) {
   if (!endpoint_->ledger()->part_memory.take(size))
     return false;
   std::unique_lock<std::mutex> lock(mutex_);
-  if (waiting_.size() + busy_ >= threads_.size()) {
-    try {
-      threads_.emplace_back([this] { work(); });
-    } catch (const std::system_error&) {
-      endpoint_->ledger()->part_memory.give_back(size);
-      return false;
-    }
+  if (waiting_.size() + busy_ >= threads_.count() && !threads_.start([this] { work(); })) {
+    endpoint_->ledger()->part_memory.give_back(size);
+    return false;
   }
   waiting_.push_back(std::move(part));
-  work_.notify_one();
+  // All: one of them may be waiting to repeat its part.
+  work_.notify_all();
   return true;
 }
 
@@ -93,23 +80,19 @@ bool Part_Sender::finish() {
 }
 
 void Part_Sender::work() {
-  pthread_setname_np(pthread_self(), "Part");
-  job_.adopt();
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    work_.wait(lock, [this] { return stop_ || !waiting_.empty(); });
-    if (stop_)
+    work_.wait(lock, [this] { return threads_.stopping() || !waiting_.empty(); });
+    if (threads_.stopping())
       return;
     Part part = std::move(waiting_.front());
     waiting_.pop_front();
     ++busy_;
     const size_t size = part.data.size();
-    if (error_.number() == 0) {
-      lock.unlock();
-      send_now(part);
-      std::string().swap(part.data);
-      lock.lock();
-    }
+    lock.unlock();
+    send_now(part);
+    std::string().swap(part.data);
+    lock.lock();
     endpoint_->ledger()->part_memory.give_back(size);
     --busy_;
     done_.notify_all();
@@ -123,15 +106,18 @@ bool Part_Sender::send_now(const Part& part) {
     put.query.emplace_back("partNumber", std::to_string(part.number));
     put.query.emplace_back("uploadId", part.id);
     Transport transport(endpoint_);
-    transport.stop_on(&stop_);
-    outcome = retried(max_retry_seconds_, [&] {
-      Outcome attempt;
-      if (stop_ || failed())
-        attempt.error = S3_Error(ECANCELED, 0, "Cancelled", "the upload was given up", false);
-      else
-        attempt = transport.ask(put);
-      return attempt;
-    });
+    transport.stop_on(&threads_.stopping());
+    outcome = retried(
+        max_retry_seconds_,
+        [&] {
+          Outcome attempt;
+          if (threads_.stopping())
+            attempt.error = S3_Error(ECANCELED, 0, "Cancelled", "the upload was given up", false);
+          else
+            attempt = transport.ask(put);
+          return attempt;
+        },
+        [&](unsigned seconds) { threads_.pause(seconds); });
     if (outcome.ok() && outcome.head.value("etag").empty())
       outcome.error = S3_Error(EPROTO, outcome.head.status, "MissingETag", "it was stored without an ETag", false);
   } catch (const std::exception& error) {
@@ -151,9 +137,10 @@ bool Part_Sender::keep(const Part& part, const Outcome& outcome) {
   if (error_.number() == 0) {
     const S3_Error& error = outcome.error;
     error_ = S3_Error(error.number(), error.status(), error.code(),
-                      "part " + std::to_string(part.number) + ", " + std::to_string(part.data.size()) +
-                          " bytes from " + std::to_string(part.at) + " on: " + error.message(),
+                      "part " + std::to_string(part.number) + ", " + std::to_string(part.data.size()) + " bytes from " +
+                          std::to_string(part.at) + " on: " + error.message(),
                       false);
+    threads_.tell_to_stop();
   }
   done_.notify_all();
   return false;

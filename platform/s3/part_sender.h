@@ -1,15 +1,13 @@
 #pragma once
 
-#include "platform/http/cancellation.h"
+#include "platform/s3/side_threads.h"
 #include "platform/s3/transport.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace s3 {
@@ -17,7 +15,7 @@ namespace s3 {
 /// Sends the parts of one multipart upload, several at the same time: each on a thread of its own as long as there are
 /// few of them and the job's budget (the ledger's) has memory for a part beside the one that is being filled; else
 /// `send` sends it itself before it returns. Each request is repeated while its waits add up to less than
-/// `max_retry_seconds`. Nothing more is sent once a part has failed for good.
+/// `max_retry_seconds`. Once a part has failed for good nothing more is sent, and what is on its way is broken off.
 ///
 /// One thread calls it. Its own threads work for that one's job, and have ended when `stop` returns.
 class Part_Sender {
@@ -45,8 +43,8 @@ private:
     std::string id;
     std::string data;
     Name_Values headers;
-    size_t number = 0;          ///< from 1
-    unsigned long long at = 0;  ///< its first byte in the object
+    size_t number = 0;         ///< from 1
+    unsigned long long at = 0; ///< its first byte in the object
   };
 
   bool hand_over(Part& part);
@@ -59,11 +57,8 @@ private:
   const std::string bucket_;
   const std::string key_;
   const int max_retry_seconds_;
-  const Callers_Job job_;
-  std::vector<std::thread> threads_;
   unsigned long long sent_ = 0; ///< bytes of the parts that were given to `send`
 
-  std::atomic<bool> stop_{false};
   mutable std::mutex mutex_; ///< guards what follows
   std::condition_variable work_;
   std::condition_variable done_;
@@ -71,6 +66,7 @@ private:
   unsigned busy_ = 0; ///< threads at a part
   std::vector<std::string> etags_;
   S3_Error error_;
+  Side_Threads threads_{"Part", mutex_, work_}; ///< the last: they use the others
 };
 
 } // namespace s3

@@ -2,12 +2,9 @@
 
 #include <ace/Log_Msg.h>
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <system_error>
 
 namespace s3 {
 namespace {
@@ -46,14 +43,7 @@ Ranged_Connection::~Ranged_Connection() {
 }
 
 void Ranged_Connection::close() {
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    stop_ = true;
-    work_.notify_all();
-  }
-  for (std::thread& thread : threads_)
-    thread.join();
-  threads_.clear();
+  threads_.stop();
   while (!pieces_.empty())
     drop_front();
   stream_ = Curl_Connection_ref();
@@ -183,7 +173,7 @@ void Ranged_Connection::adapt() {
   const unsigned streams = growth_.streams();
   if (!changed && !(alone && streams > 1))
     return;
-  if (streams > 1 && streams > threads_.size() && !start_threads(streams))
+  if (streams > 1 && streams > threads_.count() && !start_threads(streams))
     return;
   const std::lock_guard<std::mutex> guard(mutex_);
   if (broken_)
@@ -205,13 +195,10 @@ void Ranged_Connection::adapt() {
 }
 
 bool Ranged_Connection::start_threads(unsigned count) {
-  try {
-    while (threads_.size() < count)
-      threads_.emplace_back([this] { work(); });
-  } catch (const std::system_error&) {
-    // What there is has to do.
+  while (threads_.count() < count && threads_.start([this] { work(); })) {
   }
-  return threads_.size() > 1;
+  // What there is has to do.
+  return threads_.count() > 1;
 }
 
 /// Back to one stream, where the ranges have been read and there is no memory for more, or no use.
@@ -247,12 +234,10 @@ Curl_Connection_ref Ranged_Connection::open(Transport& transport, ACE_UINT64 fir
 
 /// Body of the threads: takes the next piece that nobody has, in order, while there may be one more stream.
 void Ranged_Connection::work() {
-  pthread_setname_np(pthread_self(), "Range");
-  job_.adopt();
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    work_.wait(lock, [&] { return stop_ || (!broken_ && begun_ < pieces_.size() && busy_ < allowed_); });
-    if (stop_)
+    work_.wait(lock, [&] { return threads_.stopping() || (!broken_ && begun_ < pieces_.size() && busy_ < allowed_); });
+    if (threads_.stopping())
       break;
     const Piece_ptr piece = pieces_[begun_++];
     ++busy_;
@@ -278,7 +263,7 @@ bool Ranged_Connection::fetch(Piece& piece) {
   for (int attempt = 1; attempt <= ATTEMPTS; ++attempt) {
     if (fetch_rest(piece))
       return true;
-    if (stop_)
+    if (threads_.stopping())
       break;
   }
   return false;
@@ -286,7 +271,7 @@ bool Ranged_Connection::fetch(Piece& piece) {
 
 bool Ranged_Connection::fetch_rest(Piece& piece) {
   Transport transport(endpoint_);
-  transport.stop_on(&stop_);
+  transport.stop_on(&threads_.stopping());
   const Curl_Connection_ref connection = open(transport, piece.begin + piece.got, piece.begin + piece.size);
   if (!connection)
     return false;

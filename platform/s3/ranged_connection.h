@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/http/cancellation.h"
 #include "platform/s3/range_growth.h"
+#include "platform/s3/side_threads.h"
 #include "platform/s3/transport.h"
 
 #include <atomic>
@@ -10,7 +10,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace s3 {
@@ -75,16 +74,13 @@ private:
 
   const std::shared_ptr<Endpoint> endpoint_;
   const Ranged_Object object_;
-  const Callers_Job job_;
   State state_ = HEADERS_READ;
   ACE_UINT64 position_; ///< of the next byte to hand out
   Curl_Connection_ref stream_;
   ACE_UINT64 stream_end_; ///< where the ranges take over from the stream
   Range_Growth growth_;
   double waited_ = 0; ///< seconds, by the reader
-  std::vector<std::thread> threads_;
 
-  std::atomic<bool> stop_{false};
   std::atomic<unsigned long long> received_{0};
   std::mutex mutex_; ///< guards what follows
   std::condition_variable arrived_;
@@ -96,6 +92,7 @@ private:
   unsigned allowed_ = 0;         ///< of them at the same time
   ACE_UINT64 planned_;           ///< end of the last piece
   bool broken_ = false;
+  Side_Threads threads_{"Range", mutex_, work_}; ///< the last: they use the others
 };
 
 } // namespace s3

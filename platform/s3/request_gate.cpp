@@ -5,23 +5,24 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <map>
 #include <tuple>
 
 namespace s3 {
 namespace {
 
-/// How often who waits looks whether its job is being cancelled.
+/// How often who waits looks whether anybody still wants its request.
 constexpr double LOOK = 0.2;
 
-/// Fractions of a second count here, which the injected clock does not sleep for.
 double seconds_now() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+  const ACE_Time_Value now = Clock::instance().monotonic();
+  return static_cast<double>(now.sec()) + static_cast<double>(now.usec()) / 1e6;
 }
 
-long long clock_now() {
-  const ACE_Time_Value now = Clock::instance().monotonic();
-  return static_cast<long long>(now.sec()) * 1000 + now.usec() / 1000;
+/// Less than a second, and never nothing: a wait takes the clock on.
+ACE_Time_Value to_time(double seconds) {
+  return ACE_Time_Value(0, static_cast<suseconds_t>(std::ceil(seconds * 1e6)));
 }
 
 typedef std::tuple<std::string, unsigned short, std::string> Gate_Key;
@@ -53,29 +54,26 @@ std::shared_ptr<Request_Gate> Request_Gate::of(const std::string& host, unsigned
   return gate;
 }
 
-Request_Gate::Ticket Request_Gate::enter() {
+Request_Gate::Ticket Request_Gate::enter(const std::atomic<bool>* stop) {
   Ticket ticket;
   std::unique_lock<std::mutex> guard(mutex_);
   for (;;) {
-    const long long closed = closed_until_ - clock_now();
-    if (closed > 0) {
-      guard.unlock();
-      Clock::instance().sleep(static_cast<unsigned>((closed + 999) / 1000));
-      if (current_job_cancelled())
-        return ticket;
-      guard.lock();
-      continue;
-    }
     const double now = seconds_now();
-    pace_.tick(now);
-    const double wait = pace_.wait(now);
-    if (wait == 0) {
-      ticket.generation = pace_.begin(now);
-      ticket.valid = true;
-      return ticket;
+    double wait = closed_until_ - now;
+    if (wait <= 0) {
+      pace_.tick(now);
+      wait = pace_.wait(now);
+      if (wait == 0) {
+        ticket.generation = pace_.begin(now);
+        ticket.valid = true;
+        return ticket;
+      }
     }
-    changed_.wait_for(guard, std::chrono::duration<double>(wait < 0 ? LOOK : std::min(wait, LOOK)));
-    if (current_job_cancelled())
+    if (wait > 0)
+      Clock::instance().wait(guard, changed_, to_time(std::min(wait, LOOK)));
+    else // It is no time that has to pass.
+      changed_.wait_for(guard, std::chrono::duration<double>(LOOK));
+    if (current_job_cancelled() || (stop != nullptr && *stop))
       return ticket;
   }
 }
@@ -95,7 +93,7 @@ void Request_Gate::refuse(const Ticket& ticket) {
 
 void Request_Gate::close_for(unsigned seconds) {
   const std::lock_guard<std::mutex> guard(mutex_);
-  closed_until_ = std::max(closed_until_, clock_now() + 1000ll * seconds);
+  closed_until_ = std::max(closed_until_, seconds_now() + seconds);
 }
 
 Request_Pace Request_Gate::pace() const {

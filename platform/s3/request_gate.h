@@ -2,6 +2,7 @@
 
 #include "platform/s3/request_pace.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -24,8 +25,9 @@ public:
     bool valid = false;
   };
 
-  /// Waits until a request may begin. Invalid when the calling thread's job is being cancelled.
-  Ticket enter();
+  /// Waits until a request may begin, by the clock in force. Invalid when it has to wait while the calling thread's job
+  /// is being cancelled or `stop` (may be null) is true.
+  Ticket enter(const std::atomic<bool>* stop);
   void leave(const Ticket& ticket, bool refused);
   /// A request that has left was refused all the same.
   void refuse(const Ticket& ticket);
@@ -39,7 +41,7 @@ private:
   mutable std::mutex mutex_; ///< guards all
   std::condition_variable changed_;
   Request_Pace pace_;
-  long long closed_until_ = 0; ///< by the clock's monotonic time, in milliseconds
+  double closed_until_ = 0; ///< seconds, by the clock's monotonic time
 };
 
 } // namespace s3

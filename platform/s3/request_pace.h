@@ -1,13 +1,16 @@
 #pragma once
 
+#include "platform/s3/refusal_noise.h"
+
 #include <deque>
 
 namespace s3 {
 
 /// How many requests a service takes, learned from what it refuses: a bound on those in flight and one on those begun
 /// per second. Both are open until the service asks for fewer; then they fall at once, stay a little below what the
-/// service took, and after a while feel their way up again, slowly at first. A value driven by the times it is told;
-/// in seconds of any monotonic clock. Not for several threads.
+/// service took, and after a while feel their way up again, slowly at first. Refusals that come at random whatever the
+/// rate (see Refusal_Noise) are tolerated. A value driven by the times it is told; in seconds of any monotonic clock.
+/// Not for several threads.
 class Request_Pace {
 public:
   /// Seconds until a request may begin: 0: now. Negative: when another one has ended.
@@ -26,6 +29,8 @@ public:
   double limit() const { return limit_; }
   /// Requests per second at the most; 0: no bound.
   double rate() const { return rate_; }
+  /// The part of the requests that the service refuses whatever the rate, as far as it is known.
+  double noise() const { return noise_.share(); }
 
 private:
   enum Phase {
@@ -36,6 +41,8 @@ private:
   void cut(double now);
   void end_epoch();
   void settle();
+  void weigh();
+  void note_place();
   void feel_up();
 
   unsigned in_flight_ = 0;
@@ -54,8 +61,12 @@ private:
   unsigned steps_ = 0; ///< up since the last one
   Phase phase_ = SEEKING;
   double last_step_ = 0;
-  double credit_ = 0;            ///< refusals that are taken as they come
-  std::deque<double> sustained_; ///< taken per second in the last epochs
+  double credit_ = 0; ///< refusals that are taken as they come
+  Refusal_Noise noise_;
+  double rate_to_go_back_to_ = 0; ///< where the refusals turn out to be noise
+  double limit_to_go_back_to_ = 0;
+  double rate_settled_ = 0;      ///< where they do not
+  std::deque<double> sustained_; ///< taken per second in the last epochs, noise made good
   std::deque<double> taken_at_;  ///< the last ones taken, while there is no rate yet
 };
 

@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <queue>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -17,13 +18,17 @@ using s3::Request_Pace;
 /// second, then asks again, as the client's own retries do; nothing ever fails for good.
 class Simulation {
 public:
-  Simulation(double admitted, double burst, double latency, int workers)
-      : admitted_(admitted), burst_(burst), latency_(latency), idle_(workers) {}
+  static constexpr double UNBOUNDED = 0;
+
+  Simulation(double admitted, double burst, double latency, int workers, double noise = 0, unsigned seed = 1,
+             bool paced = true)
+      : admitted_(admitted), burst_(burst), latency_(latency), idle_(workers), noise_(noise), random_(seed),
+        paced_(paced) {}
 
   void run(double until) {
     while (now_ < until) {
       double wait = 0;
-      while (idle_ > 0 && (wait = pace.wait(now_)) == 0)
+      while (idle_ > 0 && (wait = paced_ ? pace.wait(now_) : 0) == 0)
         begin();
       double next = until;
       if (!flying_.empty())
@@ -41,6 +46,7 @@ public:
         end();
     }
   }
+  void make_noise(double part) { noise_ = part; }
   void admit(double per_second) { admitted_ = per_second; }
   void count_anew() { taken = refused = 0; }
 
@@ -62,9 +68,12 @@ private:
     const double room = std::max(1.0, admitted_ * burst_);
     tokens_ = std::min(room, tokens_ + (now_ - tokens_at_) * admitted_);
     tokens_at_ = now_;
-    const bool refused = tokens_ < 1;
-    if (!refused)
-      tokens_ -= 1;
+    bool refused = std::uniform_real_distribution<>()(random_) < noise_;
+    if (!refused && admitted_ != UNBOUNDED) {
+      refused = tokens_ < 1;
+      if (!refused)
+        tokens_ -= 1;
+    }
     flying_.push({now_ + latency_, refused, pace.begin(now_)});
     most = std::max(most, pace.in_flight());
     --idle_;
@@ -84,6 +93,9 @@ private:
 
   double admitted_, burst_, latency_;
   int idle_;
+  double noise_; ///< this part of the requests is refused whatever the rate
+  std::mt19937 random_;
+  bool paced_;
   double now_ = 0, tokens_ = 0, tokens_at_ = 0;
   Earliest<Flight> flying_;
   Earliest<double> resting_;
@@ -200,6 +212,65 @@ TEST(Request_Pace, comes_back_after_a_service_was_gone) {
   simulation.count_anew();
   simulation.run(120);
   EXPECT_LE(0.85, simulation.taken / 10 / 200);
+}
+
+/// The mean over some seeds of what is taken per second from the one moment to the other.
+template <typename Check>
+double mean_taken(double admitted, double latency, double noise, bool paced, double from, double to, Check check) {
+  double sum = 0;
+  constexpr unsigned SEEDS = 5;
+  for (unsigned seed = 1; seed <= SEEDS; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Simulation simulation(admitted, 0.1, latency, 32, noise, seed, paced);
+    simulation.run(from);
+    simulation.count_anew();
+    simulation.run(to);
+    check(simulation);
+    sum += simulation.taken / (to - from);
+  }
+  return sum / SEEDS;
+}
+
+TEST(Request_Pace, service_that_refuses_at_random_is_not_held_back) {
+  for (const double noise : {0.01, 0.02, 0.05})
+    for (const double latency : {0.02, 0.1}) {
+      SCOPED_TRACE(std::to_string(noise) + " refused, latency " + std::to_string(latency));
+      const auto none = [](const Simulation&) {};
+      const double open = mean_taken(Simulation::UNBOUNDED, latency, noise, false, 100, 250, none);
+      const double paced =
+          mean_taken(Simulation::UNBOUNDED, latency, noise, true, 100, 250, [&](const Simulation& one) {
+            EXPECT_LE(open / 2, one.taken / 150);
+            EXPECT_LT(noise / 2, one.pace.noise());
+            EXPECT_GT(noise * 2, one.pace.noise());
+          });
+      EXPECT_LE(0.9 * open, paced);
+      // With what it costs to find out.
+      EXPECT_LE(0.5 * open, mean_taken(Simulation::UNBOUNDED, latency, noise, true, 0, 60, none));
+    }
+}
+
+TEST(Request_Pace, limit_is_found_among_random_refusals) {
+  for (const double noise : {0.01, 0.02})
+    for (const double admitted : {100.0, 500.0}) {
+      SCOPED_TRACE(std::to_string(noise) + " refused, " + std::to_string(admitted) + "/s");
+      EXPECT_LE(0.9, mean_taken(admitted, 0.02, noise, true, 100, 250, [&](const Simulation& one) {
+                       EXPECT_GT(noise + 0.02, one.refused / (one.refused + one.taken));
+                     }) / admitted);
+    }
+}
+
+TEST(Request_Pace, noise_that_is_gone_is_tolerated_no_longer) {
+  Simulation simulation(200, 0.1, 0.02, 32, 0.04);
+  simulation.run(150);
+  EXPECT_LT(0.01, simulation.pace.noise());
+  simulation.make_noise(0);
+  // It is looked at again, ever more rarely.
+  simulation.run(500);
+  EXPECT_GT(0.005, simulation.pace.noise());
+  simulation.count_anew();
+  simulation.run(600);
+  EXPECT_LE(0.85, simulation.taken / 100 / 200);
+  EXPECT_GT(0.01, simulation.refused / (simulation.refused + simulation.taken));
 }
 
 } // namespace

@@ -13,11 +13,11 @@ namespace s3 {
 namespace {
 
 /// Whether the answer's own date is less than two seconds behind the object's: with dates of whole seconds, another
-/// object may still get the same one.
+/// object may still get the same one. An answer without a date does not tell how old the object is.
 bool is_fresh(const HTTP_Head& head) {
   const time_t modified = curl_getdate(head.value("last-modified").c_str(), nullptr);
   const time_t now = curl_getdate(head.value("date").c_str(), nullptr);
-  return modified > 0 && now > 0 && now - modified < 2;
+  return modified > 0 && (now <= 0 || now - modified < 2);
 }
 
 void fill(S3_Object& object, const char* key, const HTTP_Head& head, ACE_UINT64 size) {
@@ -121,6 +121,7 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
     return report(std::move(outcome));
   }
   ledger.listing_succeeded(path);
+  ledger.page_shown(path, content.truncated);
   // Whoever lists goes on with a C string, and would come to another prefix.
   std::erase_if(content.common_prefixes, [&](const std::string& prefix) {
     if (prefix.find('\0') == std::string::npos)
@@ -182,7 +183,8 @@ bool Service::head_object(const char* bucket, const char* key, S3_Object& object
   if (!named(bucket, key))
     return false;
   object.name = key;
-  Outcome outcome = transport_.ask(Request{"HEAD", bucket, key, {}, {}, false, {}});
+  const Request head{"HEAD", bucket, key, {}, {}, false, {}};
+  Outcome outcome = retried(endpoint_->max_retry_seconds(), [&] { return transport_.ask(head); });
   ACE_UINT64 size = 0;
   if (outcome.ok()) {
     if (parse_size(outcome.head.value("content-length"), size)) {
@@ -199,6 +201,8 @@ bool Service::head_object(const char* bucket, const char* key, S3_Object& object
   }
   if (outcome.ok())
     endpoint_->ledger()->head_objects.fetch_add(1, std::memory_order_relaxed);
+  else
+    endpoint_->ledger()->failed_here(outcome.error);
   return report(std::move(outcome));
 }
 
@@ -261,6 +265,8 @@ void Service::remember(const char* bucket, const char* key, const HTTP_Head& hea
   generation_ = Generation{bucket, key, head.value("etag"), size};
   attributes_ = read_attributes(head);
   attributes_.size = size;
+  if (attributes_.tag_count > 0)
+    endpoint_->ledger()->tags_told(std::string("/") + bucket + '/' + key);
   if (attributes_.tag_count >= 0)
     endpoint_->attributes().tags_counted(bucket);
   else if (endpoint_->attributes().counts_tags(bucket))

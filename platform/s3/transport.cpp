@@ -80,7 +80,7 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
       connection->finish_despite_cancel(TIDY_UP_SECONDS);
     connection->stop_on(stop_);
     Request_Gate& gate = endpoint_->gate();
-    Within within(gate, last_ticket_ = despite_cancel_ ? Request_Gate::Ticket() : gate.enter());
+    Within within(gate, last_ticket_ = despite_cancel_ ? Request_Gate::Ticket() : gate.enter(stop_));
     const time_t now = endpoint_->now();
     const HTTP_Request http = build(request, address, endpoint_->credentials(), endpoint_->v4_key(address, now), now);
     endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
@@ -169,7 +169,7 @@ std::string Transport::describe(const Request& request) const {
   return request.method + ' ' + url_of(request, endpoint_->address(request.bucket));
 }
 
-Outcome retried(int max_seconds, const std::function<Outcome()>& attempt) {
+Outcome retried(int max_seconds, const std::function<Outcome()>& attempt, const std::function<void(unsigned)>& pause) {
   Exponential_Backoff_Iterator wait(1, UNLIMITED_RETRIES, 30, true);
   unsigned long long waited = 0;
   for (int count = 1;; ++count) {
@@ -180,7 +180,10 @@ Outcome retried(int max_seconds, const std::function<Outcome()>& attempt) {
     const unsigned seconds = std::max(*wait, outcome.retry_after);
     ++wait;
     ACE_DEBUG((LM_INFO, ACE_TEXT("Retry(%d) %N:%l at %u second(s) later.\n"), count, seconds));
-    Clock::instance().sleep(seconds);
+    if (pause)
+      pause(seconds);
+    else
+      Clock::instance().sleep(seconds);
     waited += seconds;
   }
 }

@@ -54,7 +54,9 @@ private:
   Request_Gate::Ticket last_ticket_; ///< of the last request, whose body may yet turn out to be a refusal
 };
 
-/// Calls `attempt` until it succeeds, fails for good, or the waits have added up to `max_seconds` (-1: no bound).
-Outcome retried(int max_seconds, const std::function<Outcome()>& attempt);
+/// Calls `attempt` until it succeeds, fails for good, or the waits have added up to `max_seconds` (-1: no bound). `pause`
+/// waits for so many seconds; empty: by the clock in force, which ends it when the job is being cancelled.
+Outcome retried(int max_seconds, const std::function<Outcome()>& attempt,
+                const std::function<void(unsigned)>& pause = nullptr);
 
 } // namespace s3

@@ -31,6 +31,7 @@ public:
       return;
     attributes_ = *attributes;
     make_sendable(attributes_, Clock::instance().now(), refused_);
+    keep_fitting_checksums(attributes_, plan.multipart(), refused_);
     if (!plan.refused().empty())
       refused_.push_back("the layout of its parts: " + plan.refused());
   }
@@ -99,9 +100,11 @@ protected:
 
   /// Always false. Says why, for the caller has no other way to tell.
   bool give_up(const S3_Error& error) {
-    if (!failed_)
+    if (!failed_) {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to store object '%C' in bucket '%C', error: %C.\n"), key_.c_str(),
                  bucket_.c_str(), error.text().c_str()));
+      transport_.endpoint().ledger()->failed_here(error);
+    }
     failed_ = true;
     return false;
   }
@@ -282,29 +285,9 @@ private:
   Part_Sender sender_{transport_.shared_endpoint(), bucket_, key_, max_retry_seconds_};
 };
 
-} // namespace
-
-std::string xml_escaped(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (const char c : text) {
-    if (c == '&')
-      out += "&amp;";
-    else if (c == '<')
-      out += "&lt;";
-    else if (c == '>')
-      out += "&gt;";
-    else if (c == '"')
-      out += "&quot;";
-    else
-      out.push_back(c);
-  }
-  return out;
-}
-
-S3_IWriter_ptr make_upload(std::shared_ptr<Endpoint> endpoint, const std::string& bucket, const std::string& key,
-                           ACE_UINT64 size, int max_retry_seconds, const Object_Attributes* attributes,
-                           S3_Error& error) {
+S3_IWriter_ptr begin_upload(std::shared_ptr<Endpoint> endpoint, const std::string& bucket, const std::string& key,
+                            ACE_UINT64 size, int max_retry_seconds, const Object_Attributes* attributes,
+                            S3_Error& error) {
   error = S3_Error();
   const Part_Plan plan(size, endpoint->part_size(), attributes);
   if (plan.largest() > std::numeric_limits<size_t>::max() / 2) {
@@ -330,6 +313,36 @@ S3_IWriter_ptr make_upload(std::shared_ptr<Endpoint> endpoint, const std::string
   if (multipart != nullptr)
     error = multipart->begin().error;
   return error.number() == 0 ? S3_IWriter_ptr(std::move(writer)) : nullptr;
+}
+
+} // namespace
+
+std::string xml_escaped(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    if (c == '&')
+      out += "&amp;";
+    else if (c == '<')
+      out += "&lt;";
+    else if (c == '>')
+      out += "&gt;";
+    else if (c == '"')
+      out += "&quot;";
+    else
+      out.push_back(c);
+  }
+  return out;
+}
+
+S3_IWriter_ptr make_upload(std::shared_ptr<Endpoint> endpoint, const std::string& bucket, const std::string& key,
+                           ACE_UINT64 size, int max_retry_seconds, const Object_Attributes* attributes,
+                           S3_Error& error) {
+  const std::shared_ptr<S3_Ledger> ledger = endpoint->ledger();
+  S3_IWriter_ptr writer = begin_upload(std::move(endpoint), bucket, key, size, max_retry_seconds, attributes, error);
+  if (!writer)
+    ledger->failed_here(error);
+  return writer;
 }
 
 } // namespace s3

@@ -1,7 +1,7 @@
 #include "platform/s3/client_fixture.h"
 
-#include "platform/s3/upload.h"
 #include "platform/s3/part_plan.h"
+#include "platform/s3/upload.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/Log_Msg_Callback.h>
@@ -287,6 +287,69 @@ TEST_F(Upload_Test, delete_is_repeated_by_the_client) {
   EXPECT_TRUE(client.del("bucket", "key"));
   EXPECT_EQ(2u, clock.sleeps());
   EXPECT_FALSE(server.get("bucket", "key"));
+}
+
+/// A clock by which no time passes for who sleeps: they wait until they are notified.
+class Stopped_Clock : public Test_Clock {
+public:
+  void wait(std::unique_lock<std::mutex>& lock, std::condition_variable& changed, const ACE_Time_Value& time) override {
+    // What is left of a pause that was woken is a little less than its second.
+    if (time < ACE_Time_Value(0, 900000))
+      return Test_Clock::wait(lock, changed, time);
+    ++sleepers;
+    sleepers.notify_all();
+    if (changed.wait_for(lock, std::chrono::seconds(20)) == std::cv_status::timeout)
+      ++left_alone;
+    Test_Clock::wait(lock, changed, ACE_Time_Value(0, 1));
+  }
+
+  std::atomic<unsigned> sleepers{0};
+  std::atomic<unsigned> left_alone{0};
+};
+
+/// An upload whose first part is waiting to be repeated.
+class Waiting_Part_Test : public Upload_Test {
+protected:
+  Waiting_Part_Test() {
+    settings.ranges.parts = 3;
+    server.add_fault(Fault::error(500, "InternalError").on("UploadPart").times(1));
+    EXPECT_TRUE(connect(client_, 600));
+    writer = client_.upload("bucket", "key", 6000);
+    EXPECT_TRUE(writer && write_all(*writer, std::string(1001, 'x')));
+    clock.sleepers.wait(0);
+  }
+
+  Stopped_Clock clock;
+  S3_IWriter_ptr writer;
+
+private:
+  S3_Client client_;
+};
+
+TEST_F(Waiting_Part_Test, ends_when_another_part_has_failed_for_good) {
+  server.add_fault(Fault::error(403, "AccessDenied").on("UploadPart").times(1));
+  EXPECT_FALSE(write_all(*writer, std::string(4999, 'x')) && writer->close());
+  EXPECT_EQ(1u, server.open_uploads());
+  writer.reset();
+  EXPECT_EQ(0u, server.open_uploads()) << "it is tidied up";
+  EXPECT_EQ(0u, clock.left_alone);
+  EXPECT_EQ(0u, ledger->part_memory.used());
+}
+
+TEST_F(Waiting_Part_Test, ends_when_the_upload_is_given_up) {
+  writer.reset();
+  EXPECT_EQ(0u, server.open_uploads());
+  EXPECT_EQ(0u, clock.left_alone);
+  EXPECT_EQ(1u, server.count("UploadPart"));
+}
+
+TEST_F(Waiting_Part_Test, goes_on_waiting_when_other_parts_are_handed_over) {
+  EXPECT_TRUE(write_all(*writer, std::string(3999, 'x')));
+  // Four parts are handed over or sent, each once, and the first one is not repeated.
+  EXPECT_GE(4u, server.count("UploadPart"));
+  writer.reset();
+  EXPECT_EQ(0u, clock.left_alone);
+  EXPECT_EQ(0u, server.open_uploads());
 }
 
 } // namespace

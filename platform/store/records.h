@@ -14,7 +14,7 @@ struct Account {
   std::string secret_key;                ///< cipher text of `seal_secret`, never the plain key
   std::string region;
   std::string vendor;
-  std::string sign_method;               ///< "v4", "v2"; empty: v4
+  std::string sign_method;               ///< "v4", "v2"; empty: the vendor's, else v4
   std::string addressing = "auto";       ///< "auto", "path", "virtual"
   std::string ca_file;                   ///< PEM; empty: the system's
   std::vector<std::string> buckets;      ///< the buckets that jobs may use; empty: all of the account
@@ -64,7 +64,7 @@ struct Activity {
   std::string id;
   std::string definition_id;             ///< may name a definition that is not kept
   std::string type;                      ///< "backup", "restore"
-  std::string state;                     ///< as `job_state_to_string`
+  std::string state;                     ///< "completed", "completed with errors", "cancelled", "failed"
   time_t start = 0;                      ///< seconds since the epoch
   time_t end = 0;
   std::string outcome;                   ///< JSON; empty while it runs

@@ -2,7 +2,9 @@
 
 #include <ace/Time_Value.h>
 
+#include <condition_variable>
 #include <ctime>
+#include <mutex>
 
 /// Time as the whole system sees it. Everything that waits or reads a clock does it through the one instance, so a
 /// test can put its own in place and no test has to wait.
@@ -19,6 +21,9 @@ public:
   /// Blocks the calling thread for `seconds`. Returns early when the job that the calling thread works for is being
   /// cancelled (see Job::set_job_thread).
   virtual void sleep(unsigned seconds) = 0;
+  /// A sleep that also ends when `changed` is notified, and now and then for no reason. `lock` is held by the caller
+  /// and released meanwhile. The machine's time passes unless a clock of a test lets its own pass.
+  virtual void wait(std::unique_lock<std::mutex>& lock, std::condition_variable& changed, const ACE_Time_Value& time);
 
   /// The clock in force; the machine's own unless a test has put another in place. Never fails.
   static Clock& instance();

@@ -15,7 +15,7 @@
 struct Pool_Info {
   std::string uuid;
   std::string name;
-  std::string location;                ///< URI, as "file:///var/backup"
+  std::string location; ///< URI, as "file:///var/backup"
   bool multidevice = false;
   Encryption_Algorithm encryption = ENCRYPTION_NONE;
 };
@@ -24,9 +24,10 @@ struct Pool_Info {
 /// answer on hosts that have several devices per pool and have no effect here. False, after a log line, when there is
 /// no such pool.
 bool get_pool_info(const std::string& pool_uuid, const std::string& device_uuid, Pool_Info& info, bool refresh = false,
-                   int timeout = 0, const void* credentials = nullptr, bool local = true,
-                   const void* session = nullptr, const void* channel = nullptr, bool force = false);
-/// The location of a pool; false when there is no such pool.
+                   int timeout = 0, const void* credentials = nullptr, bool local = true, const void* session = nullptr,
+                   const void* channel = nullptr, bool force = false);
+/// The location of a pool as a URI; false, `url` untouched, when there is no such pool. `session`, `refresh` and
+/// `channel` are accepted and have no effect here.
 bool get_url_by_pool_uuid(const std::string& pool_uuid, const void* session, std::string& url, bool refresh,
                           const void* channel);
 /// True for "mtf://" and "mtfs://".
@@ -34,6 +35,7 @@ bool is_mtf_uri(const std::string& url);
 
 namespace file_backup {
 
+/// What an engine found out about the set that it wrote.
 class File_Metadata : public MTF::Metadata {
 public:
   ~File_Metadata() override;
@@ -44,9 +46,9 @@ class Backup_Set {
 public:
   virtual ~Backup_Set();
   std::string uuid;
-  std::string incarnation;             ///< uuid of the full set that began the chain
-  std::list<std::string> bases;        ///< sets that this one was compared with
-  unsigned seq = 0;
+  std::string incarnation;      ///< uuid of the full set that began the chain
+  std::list<std::string> bases; ///< sets that this one was compared with
+  unsigned seq = 0;             ///< its number in the chain
 };
 
 class File_Backup_Set : public Backup_Set {
@@ -54,6 +56,9 @@ public:
   ~File_Backup_Set() override;
   File_Metadata metadata;
 };
+
+// The functions here may be called from any thread. `max_seconds_retry`: seconds for which a pool or database that
+// cannot be read is tried again; -1: until the job is cancelled.
 
 /// True while a merge rewrites sets of that resource in the pool.
 bool is_merging(const std::string& location, const std::string& pool_uuid, const std::string& minor_resource_id);
@@ -85,16 +90,16 @@ bool get_incarnation(const std::string& pool_uuid, const std::string& minor_reso
 
 /// Where a rehearsal of disaster recovery stands.
 struct File_DR_Test_Context {
-  bool update = false;                 ///< there is a set that was not rehearsed yet
-  int incarnation = 0;                 ///< for hosts that number their chains; 0 here, where `uri` tells the set
-  int seq = 0;
+  bool update = false; ///< there is a set that was not rehearsed yet
+  int incarnation = 0; ///< for hosts that number their chains; 0 here, where `uri` tells the set
+  int seq = 0;         ///< the set's number
   std::string minor_resource_id;
-  std::string host_uuid;
-  int channels = 0;
+  std::string host_uuid; ///< account that was backed up
+  int channels = 0;      ///< of the set
   std::string pool_uuid;
-  std::string uuid;
-  std::string uri;
-  ACE_INT64 backup_time = 0;
+  std::string uuid;          ///< of the set
+  std::string uri;           ///< the set's folder in the pool
+  ACE_INT64 backup_time = 0; ///< seconds since the epoch
 };
 /// Fills `context` with what the last rehearsal of that definition left; with nothing when there was none.
 void load_dr_test_context(const std::string& definition_id, File_DR_Test_Context& context);
@@ -111,6 +116,7 @@ void save_dr_test_context(const std::string& definition_id, const File_DR_Test_C
 /// the activity's state.
 class Backup_Event_Handler : public MTF::Event_Handler {
 public:
+  /// None is owned; all outlive it.
   Backup_Event_Handler(Job_Definition& def, Job_Activity& act, Job_Event_Handler& handler, Job& job);
   ~Backup_Event_Handler() override;
   int notify_event(unsigned code, const json_spirit::Object& options) override;
@@ -143,6 +149,7 @@ private:
 /// Makes sets appear.
 class Catalog_Operator {
 public:
+  /// Bounds for hosts that commit over a network; accepted, no effect here.
   Catalog_Operator(int timeout, int retries);
   /// Writes the set's record into the pool, which is the moment from which the set exists, and then into the agent's
   /// database. `online`: the set's data can be reached now. False, after a log line, when either fails; a set that is

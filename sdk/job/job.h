@@ -28,26 +28,28 @@ public:
   ~Job() override;
 
   // For the host.
-  int start(const Job_Run_Options* opts);     ///< -1 when the job runs already or cannot be started
-  int stop(const Job_Run_Options* opts);      ///< asks a running job to cancel; 0, or -1 when it cannot
-  int pause(const Job_Run_Options* opts);
+  int start(const Job_Run_Options* opts); ///< -1 when the job runs already or cannot be started
+  int stop(const Job_Run_Options* opts);  ///< asks a running job to cancel; 0, or -1 when it cannot
+  // These answer 0, or -1 when the job refuses. `opts` may be null and is not kept.
+  int pause(const Job_Run_Options* opts); ///< nothing new is begun until `resume`
   int resume(const Job_Run_Options* opts);
-  int abort(const Job_Run_Options* opts);
-  int remove(bool flag, const Job_Run_Options* opts);
-  int update(Job_Definition_var definition);
+  int abort(const Job_Run_Options* opts);             ///< as `stop`, and cancels the thread of the job
+  int remove(bool flag, const Job_Run_Options* opts); ///< the definition goes; `flag` has no effect here
+  int update(Job_Definition_var definition);          ///< takes the place of the definition, where the state allows it
   int rollback();
   /// Blocks until a started job has called `complete()`, at most `timeout` when one is given. False on time-out.
   bool wait(const ACE_Time_Value* timeout = nullptr);
   bool completed() const;
-  Error last_error() const;                   ///< id 0 when there is none
+  Error last_error() const; ///< id 0 when there is none
   std::vector<Job_Alert> alerts() const;
-  json_spirit::Object results() const;        ///< what the work published with `set_result`
+  json_spirit::Object results() const; ///< what the work published with `set_result`
   /// Where the job's log lines go; null: nowhere but the program's log. Before `start`.
   void log_sink(std::shared_ptr<ACE_Log_Msg_Callback> sink);
 
   // For the work.
-  Job_Definition& definition() { return *definition_; }
+  Job_Definition& definition() { return *definition_; } ///< the job's, as long as it lives
   const Job_Definition_var& definition_var() const { return definition_; }
+  /// Where the run stands; the job's. Any thread.
   Job_Activity& activity() { return activity_; }
   /// Tells that the calling thread works for this job from now on, until it ends or works for another. Threads that
   /// it starts through the platform's engines work for the same job.
@@ -61,12 +63,13 @@ public:
   int state_i(Job_State state);
   /// Changes the state from the work itself; always 0.
   int state(Job_State state);
-  /// Publishes the activity record to whoever observes the job.
+  /// Publishes the activity record to whoever observes the job. 0. Here the host looks at `activity()` itself.
   int sync(const Job_Run_Options* opts);
   /// Ends the job: wakes everyone in `wait`. The last thing that its thread does with it.
   void complete();
   /// Forwards to the job's log; never null.
   std::shared_ptr<ACE_Log_Msg_Callback> log_msg_callback();
+  // What the host asks for by `results`, `last_error` and `alerts`. Any thread.
   void set_result(const std::string& name, const json_spirit::Value& value);
   void set_last_error(const Error& error);
   void add_alert(const Job_Alert& alert);
@@ -74,6 +77,7 @@ public:
   /// What the S3 layer sees while it works for this job; never null.
   const std::shared_ptr<S3_Ledger>& ledger() const { return ledger_; }
 
+  // For Job_var: a new job has one reference, the last one that goes deletes it. Null is allowed.
   static void intrusive_add_ref(Job* job);
   static void intrusive_remove_ref(Job* job);
 
@@ -114,11 +118,11 @@ public:
   explicit Job_Event_Handler(Job& job);
   virtual ~Job_Event_Handler();
 
-  virtual void handle_start_job();            ///< state RUNNING, start and last-run time now
+  virtual void handle_start_job(); ///< state RUNNING, start and last-run time now
   /// State COMPLETED, or COMPLETED_WITH_ERRORS when the job raised alerts or counted problems.
   virtual void handle_success();
-  virtual void handle_paused();
-  virtual void handle_canceled();
+  virtual void handle_paused();   ///< state PAUSED
+  virtual void handle_canceled(); ///< state CANCELED
   /// State ERROR. `format` (printf's) may be null; else its text becomes the job's result "failure".
   virtual void handle_failure(int code, const char* format, ...);
   /// Progress of the work; always 0.
@@ -132,8 +136,8 @@ private:
 class Job_Creator {
 public:
   virtual ~Job_Creator();
-  virtual int init(int argc, char** argv);    ///< 0
-  virtual int fini();                         ///< 0
+  virtual int init(int argc, char** argv); ///< 0
+  virtual int fini();                      ///< 0
   /// A new job for `definition`, or null when the type is not the resource's or memory is short (`errno` ENOMEM).
   virtual Job_var create(Job_Definition_var definition) = 0;
 };

@@ -14,20 +14,26 @@ constexpr unsigned EVENT_ITEM_ERROR = 0x0100000A;
 /// The engine's account of a whole run, once at its end.
 constexpr unsigned EVENT_OUTCOME = 0x0100000B;
 
-/// Told of an engine's progress and asked whether it shall stop. Called from all of the engine's threads.
+/// Told of an engine's progress and asked whether it shall stop. The engine and whoever made it share it; every
+/// operation may be called from any of the engine's threads, several at once.
 class Event_Handler {
 public:
-  /// `mode` 0: progress is reported as it comes.
+  /// `mode` 0: progress is reported as it comes. Handed on by `mode()`; no other has an effect here.
   explicit Event_Handler(int mode);
   virtual ~Event_Handler();
 
+  /// `code` is one of those above; `options` lives as long as the call. What it returns is not looked at; the base: 0.
   virtual int notify_event(unsigned code, const json_spirit::Object& options);
-  /// `code` and three figures: objects, bytes read, bytes stored.
+  /// Where the run stands, about once a second and once at its end: objects saved, bytes read, bytes stored so far.
+  /// `code` is 0. What it returns is not looked at; the base: 0.
   virtual int handle_progress(int code, unsigned long long a, unsigned long long b, unsigned long long c);
+  /// True: the engine ends as soon as it can, with E_CANCELED. Asked all the time; must not block. The base: false.
   virtual bool canceling();
+  /// True: nothing new is begun until it is false again. As `canceling`.
   virtual bool pausing();
 
   bool is_canceling() { return canceling(); }
+  // Counts of what the engine had to leave out.
   void add_skipped_files(unsigned long long count) { skipped_files_ += count; }
   void add_skipped_dirs(unsigned long long count) { skipped_dirs_ += count; }
   unsigned long long skipped_files() const { return skipped_files_; }

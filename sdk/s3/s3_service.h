@@ -19,7 +19,7 @@ typedef std::unique_ptr<S3_IWriter> S3_IWriter_ptr;
 /// One conversation with a service: requests one after the other, each leaving its error in `last_error`. One thread
 /// at a time; services of one client share its live connections and may work side by side.
 ///
-/// A request is sent once: where repeating may help, the error says so and the caller decides. Keys are bytes.
+/// A request is sent once (a HEAD of an object again, within the options' bound); the caller decides. Keys are bytes.
 class S3_Service_Base {
 public:
   virtual ~S3_Service_Base();

@@ -11,7 +11,7 @@ namespace module_testing {
 struct Fake_Client_Script {
   Fake_Store store;
   bool connects = true;
-  bool lists_buckets = true;
+  bool lists_buckets = true;                     ///< false: fails with what it has so far filled in
   bool uploads = true;
   bool stores = true;                            ///< what closing an upload answers
   bool writes = true;                            ///< false: writing fails

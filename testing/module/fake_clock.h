@@ -8,7 +8,7 @@
 
 namespace module_testing {
 
-/// The clock of a test: stands still but for `sleep` and `advance`, and keeps what was slept. In place while it lives.
+/// The clock of a test: stands still but for `sleep`, `wait` and `advance`, and keeps what was slept. In place while it lives.
 /// All operations may be called from any thread.
 class Fake_Clock : public Clock {
 public:
@@ -19,7 +19,10 @@ public:
     const std::lock_guard<std::mutex> guard(lock_);
     return now_;
   }
-  ACE_Time_Value monotonic() override { return ACE_Time_Value(now()); }
+  ACE_Time_Value monotonic() override {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return ACE_Time_Value(now_) + waited_;
+  }
   /// Returns at once, `seconds` later by this clock, after `on_sleep`.
   void sleep(unsigned seconds) override {
     std::function<void(unsigned)> hook;
@@ -31,6 +34,11 @@ public:
     }
     if (hook)
       hook(seconds);
+  }
+  /// Returns at once, so much later by its monotonic time.
+  void wait(std::unique_lock<std::mutex>&, std::condition_variable&, const ACE_Time_Value& time) override {
+    const std::lock_guard<std::mutex> guard(lock_);
+    waited_ += time;
   }
 
   void advance(time_t seconds) {
@@ -51,6 +59,7 @@ public:
 private:
   mutable std::mutex lock_;
   time_t now_;
+  ACE_Time_Value waited_;
   std::vector<unsigned> sleeps_;
   std::function<void(unsigned)> on_sleep_;
   Clock* previous_;

@@ -65,8 +65,10 @@ class Build:
         depends, output = {}, None
         for line in self.ninja("-t", "deps").splitlines():
             if line.startswith(" "):
-                if output and line.strip().startswith(str(ROOT / MODULE)):
-                    depends.setdefault(str(pathlib.Path(line.strip()).relative_to(ROOT)), set()).add(output)
+                # Relative to the build folder where the compiler's cache made them so.
+                path = pathlib.Path(os.path.normpath(self.folder.resolve() / line.strip()))
+                if output and path.is_relative_to(ROOT / MODULE):
+                    depends.setdefault(str(path.relative_to(ROOT)), set()).add(output)
             else:
                 output = line.split(":")[0] if line else None
         return depends

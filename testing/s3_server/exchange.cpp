@@ -51,15 +51,18 @@ bool S3_Server::Impl::stall_here(int milliseconds) {
 }
 
 // A tenth of a second's worth of requests may come at once.
-bool S3_Server::Impl::admits(std::uint32_t per_second) {
+bool S3_Server::Impl::admits(const S3_Server_Settings& current) {
+  const std::uint32_t per_second = current.requests_per_second;
   if (per_second == 0)
     return true;
-  const auto now = std::chrono::steady_clock::now();
+  const double now = current.limit_clock
+                         ? current.limit_clock()
+                         : std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
   const double most = std::max(1.0, per_second / 10.0);
   std::lock_guard guard(lock);
-  const std::chrono::duration<double> passed = now - tokens_at;
+  const double passed = std::max(0.0, now - tokens_at);
   tokens_at = now;
-  tokens = std::min(most, tokens + passed.count() * per_second);
+  tokens = std::min(most, tokens + passed * per_second);
   if (tokens < 1)
     return false;
   tokens -= 1;
@@ -233,7 +236,7 @@ bool S3_Server::Impl::serve_one(Connection& connection, std::uint64_t number, co
   if (exchange.no_reply) {
     return false;
   }
-  if (!reply && !admits(current.requests_per_second))
+  if (!reply && !admits(current))
     reply = error_response(503, "SlowDown", "Please reduce your request rate.");
   const bool redirected = reply && (reply->status == 301 || reply->status == 307);
   if (!redirected) {
@@ -315,8 +318,9 @@ bool S3_Server::Impl::send(Connection& connection, Exchange& exchange, Http_Resp
     stated = off < 0 ? 0 : static_cast<std::uint64_t>(off);
   }
   std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " + status_text(response.status) + "\r\n";
-  head += "Date: " + http_date(exchange.settings->clock() + exchange.settings->date_ahead) + "\r\nServer: s3-testing\r\nx-amz-request-id: " + id +
-          "\r\n";
+  if (exchange.settings->dates)
+    head += "Date: " + http_date(exchange.settings->clock() + exchange.settings->date_ahead) + "\r\n";
+  head += std::string("Server: s3-testing\r\nx-amz-request-id: ") + id + "\r\n";
   for (const auto& [name, value] : response.headers)
     head += name + ": " + value + "\r\n";
   if (exchange.last)

@@ -70,6 +70,8 @@ struct S3_Server_Settings {
   int latency_milliseconds = 0;               // before each reply
   std::map<std::string, std::string> secrets; // access key -> secret key
   std::function<std::int64_t()> clock;        // seconds since 1970; any thread
+  bool dates = true;                          // false: replies have no Date
+  std::function<double()> limit_clock;        // what requests_per_second counts by; empty: the machine's. Any thread
   std::int64_t date_ahead = 0;                // seconds that replies' Date is ahead of the clock that dates objects
 };
 

@@ -48,7 +48,7 @@ public:
   std::atomic<std::uint64_t> body_bytes{0};
   std::atomic<std::uint64_t> objects_changed{0};
   double tokens = 0; // requests that are admitted at once
-  std::chrono::steady_clock::time_point tokens_at{};
+  double tokens_at = -1e9; // seconds, by the settings' limit_clock; long ago
 
 private:
   struct Peer {
@@ -76,7 +76,7 @@ private:
   void replace_object(const Exchange& exchange, const Fault& fault);
   void record(const Request_Info& info);
   // Whether the bound on requests per second lets one more in now.
-  bool admits(std::uint32_t per_second);
+  bool admits(const S3_Server_Settings& current);
 
   int listener_ = -1;
   int wake_[2] = {-1, -1}; // a pipe: a byte ends the accepting thread

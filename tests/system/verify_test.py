@@ -95,6 +95,44 @@ class Verify:
         text = self.agent("verify", second, "--sample", "1%", expect=1).stdout
         self.assertIn("a restore would lack 50 objects", text)
 
+    def test_what_is_marked_is_stored_anew_by_the_next_backup(self):
+        made = self.backup("/%s/" % self.bucket, "--channels", "1")["set"]
+        second = self.backup("/%s/" % self.bucket, "--channels", "1")["set"]
+        expected = self.contents(self.server, self.bucket)
+        medium, = self.media(made)
+        named = set()
+        for part in range(2, 10):   # until an object's own bytes are hit
+            self.flip(medium, os.path.getsize(medium) * part // 40)
+            lines = self.verify(second, expect=1 if named else None)
+            named = {line["name"] for line in lines[:-1]}
+            if len(named) >= 2:
+                break
+        self.assertGreaterEqual(len(named), 2)
+        self.assertIn("with --mark the next incremental backup", self.agent("verify", second, expect=1).stdout)
+        self.assertEqual(0, self.backup("/%s/" % self.bucket)["saved"], "nobody has said that anything is wrong")
+        marked = self.verify(second, "--mark", expect=1)[-1]
+        self.assertEqual(3 * len(named), marked["marked"], "the catalogs of all three sets point to the damage")
+        shown = self.agent("find", "/%s/**" % self.bucket, "--set", second, "--json").json_lines
+        self.assertEqual(named, {line["file"] for line in shown if line.get("damaged")})
+        text = self.agent("verify", second, "--mark", expect=1).stdout
+        self.assertIn("0 entries of catalogs are marked", text)
+        mended = self.backup("/%s/" % self.bucket)
+        self.assertEqual((len(named), 50 - len(named)), (mended["saved"], mended["unchanged"]))
+        self.assertTrue(self.verify(mended["set"])[-1]["clean"])
+        restored = self.agent("restore", mended["set"], "--map", "%s=%s" % (self.bucket, self.target), "--json").json
+        self.assertEqual((50, "completed"), (restored["saved"], restored["outcome"]))
+        self.assertEqual(expected, self.contents(self.server, self.target))
+
+    def test_medium_that_is_gone_is_named_and_its_objects_are_stored_anew(self):
+        made = self.backup("/%s/" % self.bucket, "--channels", "2")["set"]
+        gone = self.media(made)[1]
+        os.remove(gone)
+        again = self.backup("/%s/" % self.bucket)
+        self.assertGreater(again["saved"], 0)
+        self.assertEqual(50, again["saved"] + again["unchanged"])
+        self.assertIn(os.path.basename(gone), again["errors"][0]["name"])
+        self.assertTrue(self.verify(again["set"])[-1]["clean"])
+
     def test_sample_reads_a_part_and_says_which(self):
         made = self.backup("/%s/" % self.bucket)["set"]
         report = self.verify(made, "--sample", "40%")[-1]

@@ -1,6 +1,5 @@
 #include "tests/transfer/transfer_fixture.h"
 
-#include "obs/agent/job/obs_backup_callback.h"
 #include "obs/agent/job/obs_restore_callback.h"
 #include "platform/mtf/medium_reader.h"
 #include "platform/pool/set_record.h"
@@ -38,13 +37,14 @@ Transfer_Test::~Transfer_Test() {
   std::filesystem::remove_all(root_);
 }
 
-void Transfer_Test::new_job(const std::string& archived) {
+void Transfer_Test::new_job(const std::string& archived, int max_seconds_retry) {
   if (job_) {
     Job::current(nullptr);
     Job::intrusive_remove_ref(job_);
   }
   Job_Definition::Settings settings;
   settings.archived = archived;
+  settings.max_seconds_retry = max_seconds_retry;
   job_ = new Job(Job_Definition_var(new Job_Definition(settings)));
   Job::current(job_);
   ledger = job_->ledger();
@@ -62,8 +62,9 @@ bool Transfer_Test::backup() {
   Backup_Order one = order;
   one.uuid = "set-" + std::to_string(++sets_);
   one.uri_prefix = "host/res/" + one.uuid;
-  one.factory = IBackup_Callback_Factory_var(
-      new OBS_Backup_Callback_Factory(server.url(), S3_Client_Options(access, secret, 0), 0));
+  auto* const factory = new OBS_Backup_Callback_Factory(server.url(), S3_Client_Options(access, secret, 0), 0);
+  factory->wishes(wishes);
+  one.factory = IBackup_Callback_Factory_var(factory);
   Backup_Engine engine(one, handler_, metadata_, nullptr);
   const bool done = engine.run(url_, "pool-uuid");
   failure = engine.failure();
@@ -88,6 +89,7 @@ bool Transfer_Test::restore(const Buckets_Mapper& mapper) {
   one.seq = metadata_.seq;
   one.factory = IRestore_Callback_Factory_var(
       new OBS_Restore_Callback_Factory(server.url(), S3_Client_Options(access, secret, 0), mapper));
+  one.converter = converter;
   Restore_Engine engine(one, handler_, nullptr);
   const bool done = engine.run(url_, "pool-uuid");
   failure = engine.failure();

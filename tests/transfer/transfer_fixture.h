@@ -1,6 +1,7 @@
 #pragma once
 
 #include "obs/agent/job/buckets_mapper.h"
+#include "obs/agent/job/obs_backup_callback.h"
 #include "platform/catalog/catalog_reader.h"
 #include "platform/mtf/backup_engine.h"
 #include "platform/mtf/fake_source_test.h"
@@ -20,7 +21,7 @@ protected:
   ~Transfer_Test() override;
 
   /// A job of its own for each run, so that each has a fresh account. The policy is the job's.
-  void new_job(const std::string& archived = "skip");
+  void new_job(const std::string& archived = "skip", int max_seconds_retry = 0);
   /// Backs `order` up as a new set. Its outcome is in `events`; listed = saved + ... + failed is checked.
   bool backup();
   /// Restores the set of the last backup, buckets mapped by `mapper`.
@@ -38,6 +39,8 @@ protected:
   Test_Clock clock;
   Fake_Events* events = nullptr; ///< of the last run; `handler_` owns it
   Backup_Order order;            ///< of the next backup
+  Object_Wishes wishes;          ///< likewise
+  MTF_FS::IPath_Converter_var converter; ///< of the next restore
   std::string failure;           ///< of the last run; empty where it was none
   MTF::Error_Code code = MTF::E_OK; ///< likewise
 

@@ -1,6 +1,12 @@
 #include "obs/agent/instance_handler/obs_instance_handler.h"
 
+#include "testing/module/failing_allocator.h"
+
 #include <gtest/gtest.h>
+
+#include <cerrno>
+
+MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()
 
 extern "C" Instance_Handler* _make_OBS_Instance_Handler(void (**gobbler)(void*));
 
@@ -58,6 +64,19 @@ TEST(obs_instance_handler, factory_stores_its_disposer_and_makes_a_handler) {
   EXPECT_NE(nullptr, dynamic_cast<OBS_Instance_Handler*>(handler));
   gobbler(handler);
   gobbler(nullptr);
+}
+
+TEST(obs_instance_handler, factory_without_memory_makes_none_with_errno) {
+  void (*gobbler)(void*) = nullptr;
+  errno = 0;
+  Instance_Handler* none = nullptr;
+  {
+    const module_testing::Short_Memory short_memory(1);
+    none = _make_OBS_Instance_Handler(&gobbler);
+  }
+  EXPECT_EQ(nullptr, none);
+  EXPECT_EQ(ENOMEM, errno);
+  EXPECT_NE(nullptr, gobbler);
 }
 
 } // namespace

@@ -62,7 +62,6 @@ void Prefix_Entry::take_objects(Prefix_Entry& page) {
     obj_it_ = objects.before_begin();
   objects.splice_after(obj_it_, page.objects, page.objects.before_begin(), page.obj_it_, page.objects.size());
   obj_it_ = page.obj_it_;
-  page.obj_it_ = page.objects.before_begin();
 }
 
 void Async_OBS_Object_Lister::Statistics::clear() {

@@ -3,15 +3,17 @@
 #include "sdk/job/job.h"
 #include "testing/module/fake_clock.h"
 #include "testing/module/fake_s3.h"
+#include "testing/module/gate.h"
 #include "testing/module/log_sink.h"
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <set>
+#include <thread>
 
 using namespace module_testing;
 
@@ -280,24 +282,6 @@ TEST_F(object_lister, one_worker_without_service_does_not_hinder_the_others) {
   EXPECT_FALSE(lister.broken_off());
 }
 
-/// Waits, on a condition, for what other threads do.
-class Gate {
-public:
-  void change(const std::function<void()>& change) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    change();
-    changed_.notify_all();
-  }
-  bool wait(const std::function<bool()>& condition) {
-    std::unique_lock<std::mutex> guard(lock_);
-    return changed_.wait_for(guard, std::chrono::seconds(60), condition);
-  }
-
-private:
-  std::mutex lock_;
-  std::condition_variable changed_;
-};
-
 TEST_F(object_lister, with_limit_0_nothing_but_the_head_is_listed_while_anything_is_held) {
   for (const char* key : {"a/1", "a/2", "b/1", "c/1"})
     store.put("b", key);
@@ -347,21 +331,35 @@ TEST_F(object_lister, read_ahead_stops_at_the_limit_and_goes_on_when_the_consume
   EXPECT_EQ(expected(""), keys);
 }
 
+/// Until so many of this process's listing threads do nothing.
+void wait_until_asleep(unsigned workers) {
+  for (unsigned asleep = 0; asleep != workers; std::this_thread::yield()) {
+    asleep = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream file(task.path() / "stat");
+      std::string stat;
+      std::getline(file, stat);
+      asleep += stat.find("(AsyncObsLister) S ") != std::string::npos;
+    }
+  }
+}
+
 TEST_F(object_lister, reset_ends_paused_workers_at_once) {
   for (int i = 0; i < 100; ++i)
     store.put("b", std::to_string(i) + "/k");
   const auto begin = std::chrono::steady_clock::now();
-  for (int round = 0; round < 20; ++round) {
+  for (int round = 0; round < 10; ++round) {
     Async_OBS_Object_Lister lister(client, 8, 300, 0, nullptr);
     ASSERT_TRUE(lister.init("b", ""));
     Object_Entry object;
     ASSERT_TRUE(lister.next(object));
+    wait_until_asleep(8);
     lister.reset();
     EXPECT_FALSE(lister.next(object));
     EXPECT_EQ(0u, lister.statistics().cached_objects);
   }
-  // Pauses end by themselves after 5 seconds, so 20 rounds of those would take 100.
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(50));
+  // Pauses end by themselves after 5 seconds, so 10 rounds of those would take 50.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
 }
 
 size_t memory_mappings() {

@@ -6,7 +6,9 @@
 #include "sdk/base/check.h"
 #include "sdk/base/path.h"
 
+#include <cerrno>
 #include <exception>
+#include <new>
 
 namespace {
 
@@ -41,6 +43,9 @@ int Async_OBS_Source_Lister::generate(Handler handler) {
   CHECK_NULL_RETURN(handler, -1);
   try {
     return generate_i(handler);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
   } catch (const std::exception& e) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to generate obs backup list: %s.\n"), e.what()));
     return -1;
@@ -118,9 +123,10 @@ Async_OBS_Source_Lister::Blk_ptr Async_OBS_Source_Lister::make_dir_blk(const std
 
 Async_OBS_Source_Lister::Blk_ptr
 Async_OBS_Source_Lister::make_file_blk(const std::string& name, unsigned long long size, unsigned long long mtime) {
-  if (is_debug_enabled())
+  Blk_ptr blk = catalog_blocks::make_file(seq_, name, size, mtime);
+  if (blk && is_debug_enabled())
     ACE_DEBUG((LM_DEBUG, ACE_TEXT("OBS-Lister|FILE|%s.\n"), name.c_str()));
-  return catalog_blocks::make_file(seq_, name, size, mtime);
+  return blk;
 }
 
 int Async_OBS_Source_Lister::add_object(const std::string& bucket, const std::string& key, unsigned long long size,

@@ -1,5 +1,6 @@
 #include "obs/agent/job/backup_executor.h"
 
+#include "obs/agent/job/merge_wait.h"
 #include "obs/agent/job/obs_backup_callback.h"
 #include "obs/agent/job/obs_backup_util.h"
 #include "obs/agent/job_frame/object_creator_impl_t.h"
@@ -80,8 +81,9 @@ bool OBS_Backup_Executor::execute_i(const Job_Run_Options*) {
   try {
     const std::shared_ptr<Job_Mutex> mutex = Job_Mutex::get(minor_resource_id_);
     ACE_Guard<Job_Mutex> guard(*mutex);
-    if (!guard.locked() || !get_pool_info() || !wait_for_merge())
+    if (!guard.locked() || !get_pool_info())
       return false;
+    wait_for_merge();
 
     Last_Instance last;
     Plan plan;
@@ -103,7 +105,7 @@ bool OBS_Backup_Executor::execute_i(const Job_Run_Options*) {
     errno = ENOMEM;
     return false;
   } catch (const std::exception& e) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Obs entry exception: %s.\n"), e.what()));
+    ACE_ERROR((LM_ERROR, ACE_TEXT("Backup ended: %s.\n"), e.what()));
     return false;
   }
 }
@@ -129,15 +131,11 @@ bool OBS_Backup_Executor::get_pool_info() {
   return true;
 }
 
-// False only for a job that is cancelled meanwhile: the clock does not wait for those any more.
-bool OBS_Backup_Executor::wait_for_merge() {
+void OBS_Backup_Executor::wait_for_merge() {
   while (file_backup::is_merging(location_, target_id_, minor_resource_id_)) {
-    if (act_->state == JOB_STATE_CANCELING)
-      return false;
     ACE_DEBUG((LM_DEBUG, ACE_TEXT("OBS resource is merging, retry backup after %d seconds.\n"), RETRY_INTERVAL));
-    Clock::instance().sleep(RETRY_INTERVAL);
+    sleep_for_merge(RETRY_INTERVAL);
   }
-  return true;
 }
 
 bool OBS_Backup_Executor::get_last_instance(Last_Instance& last) {
@@ -200,29 +198,36 @@ bool OBS_Backup_Executor::connect(const json_spirit::Object& entry, std::unorder
 }
 
 MTF::IBackup_Callback_Factory_var OBS_Backup_Executor::make_factory(const json_spirit::Object& entry) {
-  const std::string& scheme = json_spirit::require_str(entry, "scheme");
-  const std::string& endpoint = json_spirit::require_str(entry, "endpoint");
-  const std::string& access_key = json_spirit::require_str(entry, "access_key");
-  const std::string& secret_key = json_spirit::require_str(entry, "secret_key");
-  char url[URL_SIZE];
-  ACE_OS::snprintf(url, sizeof url, "%s://%s", scheme.c_str(), endpoint.c_str());
+  try {
+    const std::string& scheme = json_spirit::require_str(entry, "scheme");
+    const std::string& endpoint = json_spirit::require_str(entry, "endpoint");
+    const std::string& access_key = json_spirit::require_str(entry, "access_key");
+    const std::string& secret_key = json_spirit::require_str(entry, "secret_key");
+    char url[URL_SIZE];
+    ACE_OS::snprintf(url, sizeof url, "%s://%s", scheme.c_str(), endpoint.c_str());
 
-  S3_Client_Options options(access_key, secret_key, def_->max_seconds_retry());
-  options.region = json_spirit::optional_str(entry, "region");
-  options.vendor = json_spirit::optional_str(entry, "vendor");
-  options.sign_method = json_spirit::optional_str(entry, "sign_method");
+    S3_Client_Options options(access_key, secret_key, def_->max_seconds_retry());
+    options.region = json_spirit::optional_str(entry, "region");
+    options.vendor = json_spirit::optional_str(entry, "vendor");
+    options.sign_method = json_spirit::optional_str(entry, "sign_method");
 
-  std::unique_ptr<OBS_Backup_Callback_Factory> factory =
-      std::make_unique<OBS_Backup_Callback_Factory>(url, options, opts_->list_cache_limits_);
-  factory->wishes({opts_->tags_, opts_->acl_});
-  if (const json_spirit::Array* const buckets = configured_buckets(entry))
-    factory->buckets(*buckets);
-  return adopt<MTF::IBackup_Callback_Factory_var>(std::move(factory));
+    std::unique_ptr<OBS_Backup_Callback_Factory> factory =
+        std::make_unique<OBS_Backup_Callback_Factory>(url, options, opts_->list_cache_limits_);
+    factory->wishes({opts_->tags_, opts_->acl_});
+    if (const json_spirit::Array* const buckets = configured_buckets(entry))
+      factory->buckets(*buckets);
+    return adopt<MTF::IBackup_Callback_Factory_var>(std::move(factory));
+  } catch (const json_spirit::Type_Error& e) {
+    ACE_ERROR((LM_ERROR, ACE_TEXT("Obs entry exception: %s.\n"), e.what()));
+    return no_object<MTF::IBackup_Callback_Factory_var>;
+  }
 }
 
 bool OBS_Backup_Executor::run(const Last_Instance& last, const Plan& plan, const std::vector<std::string>& entries,
                               const json_spirit::Object& entry) {
   const MTF::IBackup_Callback_Factory_var factory = make_factory(entry);
+  if (factory.null())
+    return false;
   job_.set_result("source_entries", json_spirit::Array(entries.begin(), entries.end()));
 
   file_backup::File_Metadata metadata;

@@ -13,8 +13,9 @@
 
 class MTF_Backup;
 
-/// Runs one backup of object storage: waits for its turn on the source and for a merge in the pool, decides between
-/// full and incremental, connects to the account, runs the engine and commits the catalog.
+/// Runs one backup of object storage: waits for its turn on the source and for a merge in the pool, which a cancelled
+/// job waits for as well, decides between full and incremental, connects to the account, runs the engine and commits
+/// the catalog.
 ///
 /// Made for one run, on the job's thread.
 class OBS_Backup_Executor : public Job_Executor_T<OBS_Backup_Job_Source, OBS_Backup_Job_Options, Job_Event_Handler> {
@@ -47,11 +48,12 @@ private:
   };
 
   bool get_pool_info();
-  bool wait_for_merge();
+  void wait_for_merge();
   bool get_last_instance(Last_Instance& last);
   void decide_kind(const Last_Instance& last, Plan& plan);
   bool get_entries(std::vector<std::string>& entries, std::unordered_set<std::string>& buckets);
   bool connect(const json_spirit::Object& entry, std::unordered_set<std::string>& buckets);
+  /// Null, after a log line, when the account's record lacks something.
   MTF::IBackup_Callback_Factory_var make_factory(const json_spirit::Object& entry);
   bool run(const Last_Instance& last, const Plan& plan, const std::vector<std::string>& entries,
            const json_spirit::Object& entry);

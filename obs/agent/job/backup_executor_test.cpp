@@ -194,13 +194,7 @@ TEST_F(backup_executor, missing_pool_is_an_alert) {
   platform().pool = false;
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to get pool info with, pool_uuid='pool', device uuid='device'\n"));
-  ASSERT_EQ(1u, job->alerts().size());
-  const Error alert = job->alerts().front().error;
-  EXPECT_EQ(48u, alert.id.code());
-  EXPECT_EQ(7u, alert.id.level());
-  EXPECT_NE(0u, alert.id.value() & MASK_FLAGS);
-  EXPECT_EQ("[\"pool\"]", json_spirit::write(alert.params));
-  EXPECT_EQ(1, job->alerts().front().count);
+  EXPECT_EQ((Texts{"7000100000000030 [\"pool\"] 1"}), alerts());
   EXPECT_EQ("mutex.release", platform().calls.back());
 }
 
@@ -216,23 +210,41 @@ TEST_F(backup_executor, merge_is_waited_for_without_bound) {
   EXPECT_EQ(1000u, clock.sleeps().size());
 }
 
-TEST_F(backup_executor, cancelled_job_does_not_wait_for_a_merge) {
-  platform().merging = 1000;
-  clock.on_sleep([this](unsigned) { job->activity().state = JOB_STATE_CANCELING; });
-  EXPECT_FALSE(run());
-  EXPECT_EQ(1u, clock.sleeps().size());
+TEST_F(backup_executor, cancelled_job_waits_for_a_merge_as_well) {
+  platform().merging = 50;
+  clock.on_sleep([this](unsigned) {
+    job->activity().state = JOB_STATE_CANCELING;
+    EXPECT_EQ(nullptr, Job::current()) << "the clock would cut the sleep short";
+  });
+  EXPECT_TRUE(run());
+  EXPECT_EQ(std::vector<unsigned>(50, 30), clock.sleeps());
+  EXPECT_EQ(50u, log.count(LM_DEBUG, "OBS resource is merging, retry backup after 30 seconds.\n"));
+  EXPECT_EQ(job.get(), Job::current());
 }
 
 TEST_F(backup_executor, unknown_last_set_fails) {
   platform().last_instance = false;
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to get last instance info.\n"));
+  EXPECT_TRUE(entries.asked.empty());
+  EXPECT_EQ("get_last_instance_info(resource,pool,0)", platform().calls.end()[-2]);
 }
 
 TEST_F(backup_executor, unknown_account_fails) {
   entries.refuse = true;
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to get obs entry with uuid 'account'.\n"));
+  EXPECT_FALSE(platform().called("get_entries_from_backupd(resource)"));
+  EXPECT_EQ(0, hook.made);
+  EXPECT_FALSE(engine_made());
+}
+
+TEST_F(backup_executor, exception_of_another_step_is_not_told_as_the_accounts) {
+  platform().on_run = [] { throw std::runtime_error("no such luck"); };
+  EXPECT_FALSE(run());
+  EXPECT_EQ(1u, log.count(LM_ERROR, "Backup ended: no such luck.\n"));
+  EXPECT_EQ(0u, log.count("Obs entry exception"));
+  EXPECT_EQ("mutex.release", platform().calls.back());
 }
 
 TEST_F(backup_executor, unknown_entries_fail_silently) {
@@ -350,8 +362,10 @@ TEST_F(backup_executor, job_settings_reach_the_channels) {
 TEST_F(backup_executor, nothing_backed_up_is_the_jobs_error) {
   platform().err_code = MTF::E_NO_FILES_BACKUPED;
   platform().engine = false;
+  platform().on_run = [this] { clock.advance(60); };
   EXPECT_FALSE(run());
   EXPECT_EQ("70000031E0100002 []", last_error());
+  EXPECT_EQ(1700000060, job->last_error().time);
   EXPECT_FALSE(platform().called("build_file_catalog()"));
 }
 
@@ -366,9 +380,7 @@ TEST_F(backup_executor, engine_without_its_pool_is_an_alert_without_parameters) 
   platform().err_code = MTF::E_GET_POOL_INFO;
   platform().engine = false;
   EXPECT_FALSE(run());
-  ASSERT_EQ(1u, job->alerts().size());
-  EXPECT_EQ(48u, job->alerts().front().error.id.code());
-  EXPECT_TRUE(job->alerts().front().error.params.empty());
+  EXPECT_EQ((Texts{"7000100000000030 [] 1"}), alerts());
 }
 
 TEST_F(backup_executor, incomplete_catalog_fails_silently) {
@@ -382,9 +394,7 @@ TEST_F(backup_executor, catalog_that_is_not_committed_is_an_alert) {
   platform().commit = false;
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to write catalog to backupd\n"));
-  ASSERT_EQ(1u, job->alerts().size());
-  EXPECT_EQ(45u, job->alerts().front().error.id.code());
-  EXPECT_EQ(7u, job->alerts().front().error.id.level());
+  EXPECT_EQ((Texts{"700010000000002D [] 1"}), alerts());
 }
 
 TEST_F(backup_executor, missing_options_fail) {

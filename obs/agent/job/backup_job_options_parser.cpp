@@ -53,10 +53,12 @@ bool OBS_Backup_Job_Options_Parser::handle_boolean_i(bool value) {
 }
 
 bool OBS_Backup_Job_Options_Parser::handle_number_i(const char* text, unsigned length) {
+  OBS_Backup_Job_Options* const options = record();
+  if (!options)
+    return true;
   if (level() != 1)
     return refuse(JSON_ERROR_WRONG_VALUE);
-  OBS_Backup_Job_Options* const options = record();
-  if (!options || !top().obj)
+  if (!top().obj)
     return true;
   switch (top().key) {
   case KEY_COMPRESSION_LEVEL:
@@ -79,6 +81,8 @@ bool OBS_Backup_Job_Options_Parser::handle_number_i(const char* text, unsigned l
 }
 
 bool OBS_Backup_Job_Options_Parser::handle_string_i(const char* text, unsigned length) {
+  if (!record())
+    return true;
   switch (level()) {
   case 1:
     return handle_level1_string(text, length);
@@ -90,11 +94,14 @@ bool OBS_Backup_Job_Options_Parser::handle_string_i(const char* text, unsigned l
 }
 
 bool OBS_Backup_Job_Options_Parser::handle_level1_string(const char* text, unsigned length) {
-  OBS_Backup_Job_Options* const options = record();
-  if (!options || !top().obj)
+  if (!top().obj)
     return true;
+  OBS_Backup_Job_Options* const options = record();
   switch (top().key) {
   case 0:
+  // Of another kind than they want, these two are skipped like a key that nobody knows.
+  case KEY_TAGS:
+  case KEY_ACL:
     return true;
   case KEY_COMPRESSION:
     options->compression_ = compression_name_to_value(text, static_cast<int>(length));
@@ -113,10 +120,10 @@ bool OBS_Backup_Job_Options_Parser::handle_level1_string(const char* text, unsig
 
 bool OBS_Backup_Job_Options_Parser::handle_level2_string(const char* text, unsigned length) {
   OBS_Backup_Job_Options* const options = record();
-  if (!options)
-    return true;
   switch (states_.front().key) {
   case 0:
+  case KEY_TAGS:
+  case KEY_ACL:
     return true;
   case KEY_EXCLUSION:
     options->exclusion_.emplace_back(text, length);

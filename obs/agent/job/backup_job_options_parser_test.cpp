@@ -52,6 +52,19 @@ TEST(backup_job_options_parser, level_as_text_and_as_number_are_the_same) {
   EXPECT_EQ(9, Backup_Options(R"({"compression_level":"9 or so"})").record().compression_level_);
 }
 
+TEST(backup_job_options_parser, level_that_does_not_fit_is_the_largest_signed_one) {
+  EXPECT_EQ(2147483647, Backup_Options(R"({"compression_level":4294967295})").record().compression_level_);
+  EXPECT_EQ(2147483647, Backup_Options(R"({"compression_level":-4294967295})").record().compression_level_);
+  EXPECT_EQ(2147483647, Backup_Options(R"({"compression_level":"4294967295"})").record().compression_level_);
+}
+
+TEST(backup_job_options_parser, key_with_more_bytes_than_a_known_one_is_unknown) {
+  for (const char* text : {R"({"channelsx":4})", R"({"channels\u0000":4})", R"({"channel":4})"}) {
+    const Backup_Options parsed(text);
+    EXPECT_EQ(0u, parsed.record().channels_) << text;
+  }
+}
+
 TEST(backup_job_options_parser, unknown_compression_is_none) {
   EXPECT_EQ(COMPR_NONE, Backup_Options(R"({"compression":"rar"})").record().compression_);
   EXPECT_EQ(COMPR_AUTO, Backup_Options(R"({"compression":"auto"})").record().compression_);
@@ -97,6 +110,30 @@ TEST(backup_job_options_parser, text_for_an_option_of_another_kind_is_error_9) {
 TEST(backup_job_options_parser, text_in_a_list_of_another_option_is_error_9) {
   expect_error_9(R"({"compression":["zstd"]})");
   expect_error_9(R"({"cache_dir":["/tmp"]})");
+}
+
+TEST(backup_job_options_parser, texts_of_an_object_belong_to_its_option) {
+  const Backup_Options parsed(R"({"exclusion":{"x":"a","channels":"b"},"inclusion":{"y":"c"}})");
+  ASSERT_TRUE(parsed.accepted) << parsed.reason;
+  EXPECT_EQ((String_Array{"a", "b"}), parsed.record().exclusion_);
+  EXPECT_EQ((String_Array{"c"}), parsed.record().inclusion_);
+  expect_error_9(R"({"channels":{"x":"a"}})");
+  expect_error_9(R"({"compression_level":{"exclusion":"a"}})");
+}
+
+TEST(backup_job_options_parser, text_for_tags_or_acl_is_skipped_as_for_an_unknown_key) {
+  for (const char* name : {"unknown", "tags", "acl"}) {
+    for (const char* value : {R"("x")", R"(["x"])", R"({"a":"b"})", "5", "null", R"(["x",true])"}) {
+      const std::string option = "\"" + std::string(name) + "\":" + value;
+      const Backup_Options parsed("{" + option + ",\"channels\":2}");
+      EXPECT_TRUE(parsed.accepted) << option << ": " << parsed.reason;
+      EXPECT_EQ(0, parsed.parser.err()) << option;
+      EXPECT_FALSE(parsed.record().tags_ || parsed.record().acl_) << option;
+      EXPECT_EQ(2u, parsed.record().channels_) << option;
+    }
+    expect_error_9("{\"" + std::string(name) + "\":[1]}");
+    expect_error_9("{\"" + std::string(name) + "\":[[\"x\"]]}");
+  }
 }
 
 TEST(backup_job_options_parser, text_three_levels_deep_is_error_9) {

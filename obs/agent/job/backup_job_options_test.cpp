@@ -27,6 +27,14 @@ TEST(backup_job_options, options_are_written_in_their_order) {
             yajl_generate(options));
 }
 
+TEST(backup_job_options, one_channel_is_written) {
+  OBS_Backup_Job_Options options;
+  options.channels_ = 1;
+  options.scan_file_threads_ = 1;
+  EXPECT_EQ(R"({"compression":"none","compression_level":1,"channels":1,"scan_file_threads":1,"list_cache_limits":0})",
+            yajl_generate(options));
+}
+
 TEST(backup_job_options, compression_without_a_name_is_left_out) {
   OBS_Backup_Job_Options options;
   options.compression_ = COMPR_MAX;

@@ -13,6 +13,6 @@ public:
   /// Writes the record as one JSON object. Always 0.
   int generate(yajl_gen_t* gen) const;
 
-  std::string minor_resource_id_;   ///< the account
+  std::string minor_resource_id_;   ///< the selection of the account
   std::string minor_resource_name_; ///< its name for people
 };

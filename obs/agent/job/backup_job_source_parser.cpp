@@ -30,7 +30,9 @@ bool OBS_Backup_Job_Source_Parser::handle_map_key_i(const char* text, unsigned l
 }
 
 bool OBS_Backup_Job_Source_Parser::handle_string_i(const char* text, unsigned length) {
-  return level() == 1 ? handle_level1_string(text, length) : refuse(JSON_ERROR_WRONG_VALUE);
+  if (level() == 1)
+    return handle_level1_string(text, length);
+  return record() ? refuse(JSON_ERROR_WRONG_VALUE) : true;
 }
 
 bool OBS_Backup_Job_Source_Parser::handle_level1_string(const char* text, unsigned length) {

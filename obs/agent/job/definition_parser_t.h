@@ -13,13 +13,14 @@
 /// definition object itself being level 1, and fill a record that is made with them.
 ///
 /// BASE is the platform's record class, RECORD the resource's. A derived class looks keys up and stores values. The
-/// first refused event ends the parse; what was stored until then stays. One thread at a time.
+/// first refused event ends the parse; what was stored until then stays. One parser reads one definition. One thread
+/// at a time.
 template <typename BASE, typename RECORD>
 class Definition_Parser_T : public YAJL_Parser<BASE> {
 public:
   typedef typename YAJL_Parser<BASE>::Result Result;
 
-  /// 0, or why an event was refused (JSON_Parse_Error).
+  /// 0, or why the first event that was refused was so (JSON_Parse_Error).
   int err() const { return err_; }
 
   bool handle_start_map_i() override {
@@ -35,7 +36,8 @@ public:
   Result result() override { return result_; }
 
 protected:
-  /// Where memory for the record is short, `errno` is ENOMEM and the record missing: values are then ignored.
+  /// Where memory for the record is short, `errno` is ENOMEM and the record missing: values are then ignored, at any
+  /// level.
   Definition_Parser_T() {
     try {
       result_ = adopt<Result>(std::make_unique<RECORD>());
@@ -50,7 +52,8 @@ protected:
   /// Null when memory was short.
   RECORD* record() const { return static_cast<RECORD*>(result_.get()); }
   bool refuse(JSON_Parse_Error error) {
-    err_ = error;
+    if (err_ == 0)
+      err_ = error;
     return false;
   }
   bool pop() {

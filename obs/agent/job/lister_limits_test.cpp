@@ -57,6 +57,7 @@ TEST_F(lister_limits, walked_object_without_a_block_ends_the_catalog) {
   store.put("b", TOO_LONG);
   EXPECT_EQ((std::vector<std::string>{"VOL", "DIR b/"}), walk({"/b/"}));
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to alloc block buffer for file /b/nnn"));
+  EXPECT_EQ(0u, log.count("OBS-Lister|FILE|")) << "no block, no line of one";
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to list objects.\n"));
 }
 
@@ -82,6 +83,7 @@ TEST_F(lister_limits, pushed_object_without_a_block_is_a_skipped_one_and_ends_th
   const std::string begin = "{\"errno\":null,\"message\":\"Make MTF description block failed.\",\"name\":\"/b/nnn";
   EXPECT_EQ(begin, events.errors[0].substr(0, begin.size()));
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to add 'nnn"));
+  EXPECT_EQ(0u, log.count("OBS-Lister|FILE|")) << "no block, no line of one";
 }
 
 TEST_F(lister_limits, refused_volume_is_named) {

@@ -1,80 +1,19 @@
 #include "obs/agent/job/backup_job_options_parser.h"
+#include "obs/agent/job/buckets_mapper.h"
 #include "obs/agent/job/definition_parser_testing.h"
 #include "obs/agent/job/obs_backup_callback.h"
 #include "obs/agent/job/obs_restore_callback.h"
 #include "obs/agent/job/restore_job_options_parser.h"
-#include "obs/agent/job/buckets_mapper.h"
+#include "testing/module/attributed_service.h"
 #include "testing/module/fake_client.h"
 
 #include <gtest/gtest.h>
 
 using namespace definition_testing;
+using module_testing::Attributed_Service;
 using module_testing::fake_client;
 
 namespace {
-
-/// A service over the fake store that can tell and take attributes.
-class Attributed_Service : public module_testing::Fake_Store_Service, public S3_Attribute_Service {
-public:
-  explicit Attributed_Service(module_testing::Fake_Store& store) : Fake_Store_Service(store), store_(store) {}
-
-  const Object_Attributes& attributes() const override { return told; }
-  bool get_tags(const char* bucket, const char* key, Object_Attributes& attributes) override {
-    asked.push_back(std::string("tags ") + bucket + "|" + key);
-    if (fails)
-      return fail();
-    attributes.tags = {{"t", "1"}};
-    return true;
-  }
-  bool get_acl(const char* bucket, const char* key, Object_Attributes& attributes) override {
-    asked.push_back(std::string("acl ") + bucket + "|" + key);
-    if (fails)
-      return fail();
-    attributes.owner = "me";
-    attributes.grants = {{"CanonicalUser", "me", "FULL_CONTROL"}};
-    return true;
-  }
-  bool get_parts(const char* bucket, const char* key, Object_Attributes& attributes) override {
-    asked.push_back(std::string("parts ") + bucket + "|" + key);
-    if (fails)
-      return fail();
-    attributes.parts = {{attributes.part_count(), 5}};
-    return true;
-  }
-  S3_IWriter_ptr upload(const char* bucket, const char* key, ACE_UINT64 size,
-                        const Object_Attributes& attributes) override {
-    asked.push_back(std::string("upload ") + bucket + "|" + key + "|" + std::to_string(size));
-    given = attributes;
-    if (fails)
-      return fail(), nullptr;
-    return S3_IWriter_ptr(new Writer(*this));
-  }
-  using Fake_Store_Service::upload;
-
-  Object_Attributes told, given;
-  std::vector<std::string> asked;
-  std::vector<std::string> refuses;
-  bool fails = false;
-  bool closes = true;
-
-private:
-  class Writer : public S3_IWriter, public S3_Attribute_Report {
-  public:
-    explicit Writer(Attributed_Service& service) : service_(service) {}
-    int write(const char*, size_t length) override { return static_cast<int>(length); }
-    bool close() override { return service_.closes; }
-    const std::vector<std::string>& refused() const override { return service_.refuses; }
-
-  private:
-    Attributed_Service& service_;
-  };
-  bool fail() {
-    set_error(S3_Error(EACCES, 403, "AccessDenied", "no", false));
-    return false;
-  }
-
-  module_testing::Fake_Store& store_;
-};
 
 class attributes_of_objects : public testing::Test {
 protected:
@@ -116,6 +55,22 @@ protected:
   MTF::File_Attributes told_;
   std::vector<std::string> problems_, refused_;
   MTF::IFile_Writer_var writer_;
+};
+
+/// A writer for one object after the other.
+struct Writer_Of {
+  explicit Writer_Of(const Buckets_Mapper& mapper)
+      : callback(mapper), writer(callback.make_file_writer()),
+        sink(dynamic_cast<MTF::IFile_Attributes_Sink&>(*writer)) {}
+  MTF::Error_Code open(const char* path, const char* common) {
+    if (common != nullptr)
+      sink.attributes({common, ""});
+    return writer->open(path, 3);
+  }
+
+  OBS_Restore_Callback callback;
+  MTF::IFile_Writer_var writer;
+  MTF::IFile_Attributes_Sink& sink;
 };
 
 TEST_F(attributes_of_objects, what_the_answer_told_costs_no_request) {
@@ -222,6 +177,19 @@ TEST_F(attributes_of_objects, failed_upload_or_close_costs_the_file_as_ever) {
   service_->refuses = {"x"};
   EXPECT_EQ(MTF::E_SKIP, write({}, {"{}", ""}));
   EXPECT_TRUE(refused_.empty());
+}
+
+TEST_F(attributes_of_objects, object_that_cannot_be_opened_leaves_the_next_one_nothing) {
+  Writer_Of writer(mapper_);
+  EXPECT_EQ(MTF::E_SKIP, writer.open("/", R"({"tags":{"t":"1"}})"));
+  EXPECT_EQ(MTF::E_OK, writer.open("/b/k", nullptr));
+  EXPECT_EQ(std::vector<std::string>{"b|k|3"}, fake_client().uploaded);
+  EXPECT_TRUE(service_->asked.empty());
+
+  EXPECT_EQ(MTF::E_OK, writer.open("/b/k", "{"));
+  EXPECT_EQ(1u, writer.sink.refused().size());
+  EXPECT_EQ(MTF::E_SKIP, writer.open("/", nullptr));
+  EXPECT_TRUE(writer.sink.refused().empty()) << "what the object before went without";
 }
 
 TEST(attribute_options, backup_options_are_read_and_written_when_set) {

@@ -256,7 +256,9 @@ std::list<std::string> OBS_Backup_Callback::all_buckets(const MTF::IFilter* filt
     add(bucket);
   if (buckets_.empty()) {
     std::vector<json_spirit::Value> listed;
-    clt_.get_buckets(listed);
+    // A request that failed may have brought a part of them.
+    if (!clt_.get_buckets(listed))
+      listed.clear();
     for (const json_spirit::Value& value : listed) {
       if (value.type() != json_spirit::obj_type)
         continue;

@@ -4,6 +4,7 @@
 #include "testing/module/fake_clock.h"
 #include "testing/module/fake_event_handler.h"
 #include "testing/module/log_sink.h"
+#include "testing/module/slash_filter.h"
 
 #include <gtest/gtest.h>
 
@@ -83,9 +84,10 @@ TEST_F(backup_callback, factory_connects_as_the_url_and_options_say) {
   EXPECT_EQ((std::vector<std::string>{"https s3.test 9000 ssl direct ak sk r v v4 9"}), fake_client().connections);
 }
 
-TEST_F(backup_callback, factory_whose_client_does_not_connect_makes_nothing) {
+TEST_F(backup_callback, factory_whose_client_does_not_connect_makes_nothing_and_logs_nothing) {
   fake_client().connects = false;
   EXPECT_TRUE(OBS_Backup_Callback_Factory("http://h", options(), 0).make().null());
+  EXPECT_TRUE(log.empty());
 }
 
 TEST_F(backup_callback, factory_takes_bucket_names_that_are_texts) {
@@ -167,6 +169,13 @@ TEST_F(backup_callback, without_buckets_either_the_service_is_asked_and_the_filt
   const Not_A filter;
   EXPECT_EQ((std::vector<std::string>{"VOL", "DIR b/", "FILE k", "DIR c/", "FILE k", "FEND"}),
             list({}, nullptr, &filter));
+}
+
+TEST_F(backup_callback, filter_is_asked_about_buckets_as_folders) {
+  store().put("a", "k");
+  const Slash_Filter by_slash;
+  EXPECT_EQ((std::vector<std::string>{"VOL", "DIR a/", "FILE k", "FEND"}), list({"a"}, nullptr, &by_slash));
+  EXPECT_EQ((std::vector<std::string>{"VOL", "DIR a/", "FILE k", "FEND"}), list({}, nullptr, &by_slash));
 }
 
 TEST_F(backup_callback, buckets_that_cannot_be_asked_for_leave_nothing_to_list) {
@@ -324,6 +333,38 @@ TEST_F(file_reader, closed_reader_has_no_description) {
   ASSERT_EQ(0, reader.open("/b/p/k"));
   reader.close();
   EXPECT_FALSE(reader.handle_file_blk(blk, size, stat));
+}
+
+TEST_F(file_reader, object_that_an_answer_says_is_not_there_has_no_description) {
+  struct Absent : Fake_Store_Service {
+    using Fake_Store_Service::Fake_Store_Service;
+    HTTP_Connection_var get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) override {
+      const HTTP_Connection_var connection = Fake_Store_Service::get_object(bucket, key, offset, object);
+      object->exists = false;
+      return connection;
+    }
+  };
+  OBS_File_Reader absent(std::make_shared<Absent>(store()));
+  ASSERT_EQ(0, absent.open("/b/p/k"));
+  ASSERT_TRUE(absent.is_open());
+  MTF::File_Blk blk;
+  MTF::Callback_Stat stat;
+  stat.size = 99;
+  unsigned long long size = 98;
+  EXPECT_FALSE(absent.handle_file_blk(blk, size, stat));
+  EXPECT_EQ(98u, size);
+  EXPECT_EQ(99u, stat.size);
+}
+
+TEST_F(file_reader, closed_reader_reads_nothing_and_asks_nothing) {
+  ASSERT_EQ(0, reader.open("/b/p/k"));
+  ASSERT_EQ(0, reader.close());
+  char memory[4] = "abc";
+  MTF::Buffer buffer(memory, sizeof memory);
+  EXPECT_EQ(1, reader.read(buffer));
+  EXPECT_EQ(0u, buffer.used());
+  EXPECT_EQ(std::string("abc"), memory);
+  EXPECT_EQ(1u, service->gets.size());
 }
 
 TEST_F(file_reader, readers_of_a_callback_have_services_of_their_own) {

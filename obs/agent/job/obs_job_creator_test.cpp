@@ -1,6 +1,10 @@
 #include "obs/agent/job/obs_job_creator.h"
 
+#include "testing/module/failing_allocator.h"
+
 #include <gtest/gtest.h>
+
+#include <cerrno>
 
 extern "C" Job_Creator* _make_OBS_Job_Creator(void (**gobbler)(void*));
 
@@ -28,6 +32,19 @@ TEST_F(obs_job_creator, factory_stores_its_disposer_and_makes_the_creator) {
   Job_Creator* const unasked = _make_OBS_Job_Creator(nullptr);
   ASSERT_NE(nullptr, unasked);
   gobbler(unasked);
+}
+
+TEST_F(obs_job_creator, factory_without_memory_makes_none_with_errno) {
+  void (*stored)(void*) = nullptr;
+  errno = 0;
+  Job_Creator* none = nullptr;
+  {
+    const module_testing::Short_Memory short_memory(1);
+    none = _make_OBS_Job_Creator(&stored);
+  }
+  EXPECT_EQ(nullptr, none);
+  EXPECT_EQ(ENOMEM, errno);
+  EXPECT_EQ(gobbler, stored);
 }
 
 TEST_F(obs_job_creator, backup_and_restore_have_jobs_of_their_own) {

@@ -23,6 +23,11 @@ MTF::Error_Code OBS_File_Writer::open(const char* path, ACE_UINT64 size) {
 }
 
 MTF::Error_Code OBS_File_Writer::open_i(const char* path, ACE_UINT64 size) {
+  // Those of an object that cannot be opened are not left for the one behind it.
+  const MTF::File_Attributes given = std::move(attributes_);
+  attributes_ = MTF::File_Attributes();
+  refused_.clear();
+
   const OBS_Path source(path, false);
   if (!source)
     return MTF::E_SKIP;
@@ -33,7 +38,7 @@ MTF::Error_Code OBS_File_Writer::open_i(const char* path, ACE_UINT64 size) {
   const size_t length = static_cast<size_t>(size);
   writer_.reset();
   if (length == size)
-    writer_ = upload(target.bucket, target.key, length);
+    writer_ = upload(target.bucket, target.key, length, given);
   if (!writer_) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to open OBS writer(%s, %s, size: %Q).\n"), mapping.bucket.c_str(),
                target.key.c_str(), size));
@@ -51,10 +56,8 @@ void OBS_File_Writer::attributes(const MTF::File_Attributes& attributes) {
   }
 }
 
-S3_IWriter_ptr OBS_File_Writer::upload(const std::string& bucket, const std::string& key, size_t length) {
-  const MTF::File_Attributes given = std::move(attributes_);
-  attributes_ = MTF::File_Attributes();
-  refused_.clear();
+S3_IWriter_ptr OBS_File_Writer::upload(const std::string& bucket, const std::string& key, size_t length,
+                                       const MTF::File_Attributes& given) {
   if (given.empty() && policy_.storage_class.empty())
     return clt_.upload(bucket, key, length);
   const std::shared_ptr<S3_Service_Base> service = clt_.make_service();
@@ -84,6 +87,15 @@ MTF::Error_Code OBS_File_Writer::write(const char* data, size_t length) {
     return MTF::E_SKIP;
   }
   CHECK_NULL_RETURN(writer_, MTF::E_SKIP);
+  try {
+    return write_i(data, length);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return MTF::E_SKIP;
+  }
+}
+
+MTF::Error_Code OBS_File_Writer::write_i(const char* data, size_t length) {
   while (length > 0) {
     const int count = writer_->write(data, length);
     if (count < 0) {
@@ -102,19 +114,28 @@ MTF::Error_Code OBS_File_Writer::write(const char* data, size_t length) {
 
 MTF::Error_Code OBS_File_Writer::close() {
   CHECK_NULL_RETURN(writer_, MTF::E_SKIP);
-  // One try only: what a failed close left of the upload goes with the stream.
-  const S3_IWriter_ptr writer = std::move(writer_);
-  if (!writer->close())
-    return MTF::E_SKIP;
-  const auto* const report = dynamic_cast<const S3_Attribute_Report*>(writer.get());
+  MTF::Error_Code result = MTF::E_SKIP;
+  bool short_of_memory = false;
   try {
-    if (report != nullptr)
-      refused_.insert(refused_.end(), report->refused().begin(), report->refused().end());
+    result = close_i();
   } catch (const std::bad_alloc&) {
-    errno = ENOMEM;
-    // What the object went without cannot be told: better one that is written again than one that only seems whole.
-    return MTF::E_SKIP;
+    short_of_memory = true;
   }
+  // One try only: what a failed close left of the upload goes with the stream.
+  writer_.reset();
+  if (short_of_memory)
+    errno = ENOMEM;
+  return result;
+}
+
+MTF::Error_Code OBS_File_Writer::close_i() {
+  if (!writer_->close())
+    return MTF::E_SKIP;
+  // Where there is no memory to tell what the object went without: better one that is written again than one that only
+  // seems whole.
+  const auto* const report = dynamic_cast<const S3_Attribute_Report*>(writer_.get());
+  if (report != nullptr)
+    refused_.insert(refused_.end(), report->refused().begin(), report->refused().end());
   return MTF::E_OK;
 }
 

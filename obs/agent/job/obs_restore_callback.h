@@ -32,13 +32,17 @@ public:
   MTF::Error_Code write(const char* data, size_t length) override;
   MTF::Error_Code close() override;
 
-  /// The object of the next `open` is given them, as far as the policy wants and the target takes them.
+  /// The object of the next `open`, whether that succeeds or not, is given them, as far as the policy wants and the
+  /// target takes them.
   void attributes(const MTF::File_Attributes& attributes) override;
   const std::vector<std::string>& refused() const override { return refused_; }
 
 private:
   MTF::Error_Code open_i(const char* path, ACE_UINT64 size);
-  S3_IWriter_ptr upload(const std::string& bucket, const std::string& key, size_t length);
+  S3_IWriter_ptr upload(const std::string& bucket, const std::string& key, size_t length,
+                        const MTF::File_Attributes& given);
+  MTF::Error_Code write_i(const char* data, size_t length);
+  MTF::Error_Code close_i();
 
   S3_Client& clt_;
   S3_IWriter_ptr writer_; ///< empty until `open` has succeeded

@@ -82,8 +82,17 @@ TEST_F(restore_callback, factory_makes_a_connected_callback_for_each_channel) {
   EXPECT_EQ('/', one->directory_separator());
   EXPECT_EQ((Texts{"http h 8080 plain direct a s    3", "http h 8080 plain direct a s    3"}),
             fake_client().connections);
+}
+
+TEST_F(restore_callback, factory_connects_with_tls_where_the_url_says_so) {
+  EXPECT_FALSE(OBS_Restore_Callback_Factory("https://h", S3_Client_Options("a", "s", 3), mapper).make().null());
+  EXPECT_EQ((Texts{"https h 443 ssl direct a s    3"}), fake_client().connections);
+}
+
+TEST_F(restore_callback, factory_whose_client_does_not_connect_makes_nothing_and_logs_nothing) {
   fake_client().connects = false;
-  EXPECT_TRUE(factory.make().null());
+  EXPECT_TRUE(OBS_Restore_Callback_Factory("http://h", S3_Client_Options("a", "s", 3), mapper).make().null());
+  EXPECT_TRUE(log.empty());
 }
 
 TEST_F(restore_callback, unlink_deletes_the_mapped_object) {

@@ -7,7 +7,9 @@
 #include "sdk/base/exponential_backoff.h"
 #include "sdk/base/path.h"
 
+#include <cerrno>
 #include <exception>
+#include <new>
 
 namespace {
 
@@ -30,6 +32,9 @@ bool OBS_Source_Lister::next(MTF::Cat_Blk& blk) {
   CHECK_NULL_RETURN(svr_, false);
   try {
     return next_i(blk);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
   } catch (const std::exception& e) {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list objects: %s.\n"), e.what()));
     return false;
@@ -84,12 +89,12 @@ bool OBS_Source_Lister::add_dir_blk(std::string path) {
 
 bool OBS_Source_Lister::add_file_blk(const std::string& key, unsigned long long size, unsigned long long mtime) {
   const std::string name = scrt::basename(key, '/');
-  if (is_debug_enabled())
-    ACE_DEBUG(
-        (LM_DEBUG, ACE_TEXT("OBS-Lister|FILE|%s/%s%s.\n"), cur_bucket_.c_str(), cur_prefix_.c_str(), name.c_str()));
   catalog_blocks::Blk_ptr blk = catalog_blocks::make_file(seq_, name, size, mtime);
   if (!blk)
     return false;
+  if (is_debug_enabled())
+    ACE_DEBUG(
+        (LM_DEBUG, ACE_TEXT("OBS-Lister|FILE|%s/%s%s.\n"), cur_bucket_.c_str(), cur_prefix_.c_str(), name.c_str()));
   blocks_.push_back(std::move(blk));
   return true;
 }
@@ -119,19 +124,17 @@ bool OBS_Source_Lister::list_objects() {
 
   Get_Bucket_Content content;
   if (!request_page(param, content)) {
-    report_prefix();
-    end_prefix_ = true;
+    lose_prefix(svr_->last_error().number(), svr_->error());
+    return true;
+  }
+  // A service that sends the same page again would be listed for ever.
+  if (content.truncated && content.next_marker == marker_) {
+    lose_prefix(EPROTO, "the service sends the same page again");
     return true;
   }
   if (!take_objects(content))
     return false;
   take_prefixes(content);
-  // A service that sends the same page again would be listed for ever.
-  if (content.truncated && content.next_marker == marker_) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list object from '%s' with prefix '%s', error: %s.\n"),
-               cur_bucket_.c_str(), cur_prefix_.c_str(), "the service sends the same page again"));
-    content.truncated = false;
-  }
   if (content.truncated) {
     marker_ = content.next_marker;
     return true;
@@ -154,16 +157,17 @@ bool OBS_Source_Lister::request_page(const Get_Bucket_Parameter& param, Get_Buck
   return true;
 }
 
-void OBS_Source_Lister::report_prefix() {
+void OBS_Source_Lister::lose_prefix(int number, const std::string& error) {
+  end_prefix_ = true;
   if (evt_handler_ != nullptr) {
     evt_handler_->add_skipped_dirs(1);
     evt_handler_->notify_event(MTF::EVENT_ITEM_ERROR, {{"type", "directory"},
                                                        {"name", "/" + cur_bucket_ + "/" + cur_prefix_},
-                                                       {"errno", svr_->last_error().number()},
-                                                       {"message", svr_->error()}});
+                                                       {"errno", number},
+                                                       {"message", error}});
   }
   ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list object from '%s' with prefix '%s', error: %s.\n"), cur_bucket_.c_str(),
-             cur_prefix_.c_str(), svr_->error()));
+             cur_prefix_.c_str(), error.c_str()));
 }
 
 bool OBS_Source_Lister::take_objects(const Get_Bucket_Content& content) {

@@ -34,9 +34,11 @@ private:
   bool request_page(const Get_Bucket_Parameter& param, Get_Bucket_Content& content);
   bool take_objects(const Get_Bucket_Content& content);
   void take_prefixes(const Get_Bucket_Content& content);
-  void report_prefix();
+  /// Ends the current prefix with the rest of it unlisted, and reports that.
+  void lose_prefix(int number, const std::string& error);
   bool walk_next();
   bool walk_object(const std::string& src);
+  bool skip_dir(const std::string& path); // nothing skips a folder so far: declared only
 
   std::shared_ptr<S3_Service_Base> svr_;
   std::string cur_bucket_;          ///< of the entry being walked; empty before the first one

@@ -1,9 +1,11 @@
 #include "obs/agent/job/obs_source_lister.h"
 
+#include "sdk/base/exponential_backoff.h"
 #include "testing/module/fake_clock.h"
 #include "testing/module/fake_event_handler.h"
 #include "testing/module/fake_s3.h"
 #include "testing/module/log_sink.h"
+#include "testing/module/slash_filter.h"
 
 #include <gtest/gtest.h>
 
@@ -107,6 +109,17 @@ TEST_F(source_lister, excluded_prefix_is_not_walked) {
   EXPECT_EQ((Texts{"/b/d/", "/b/e/", "/b/e/2"}), without.asked);
 }
 
+TEST_F(source_lister, excluded_object_has_no_block_and_is_no_skipped_one) {
+  struct Without_2 : MTF::IFilter {
+    bool is_included(const char* path, bool) const override { return std::string(path) != "/b/e/2"; }
+  } without;
+  for (const char* key : {"e/1", "e/2", "e/3"})
+    store.put("b", key);
+  filter = &without;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/e/", "FILE 1", "FILE 3", "FEND"}), list({"/b/"}));
+  EXPECT_EQ(0u, handler.skipped_files());
+}
+
 TEST_F(source_lister, final_failure_is_not_repeated_and_costs_the_prefix_only) {
   store.put("b", "p/1");
   store.put("c", "2");
@@ -136,6 +149,97 @@ TEST_F(source_lister, retriable_failure_is_repeated_three_times) {
   for (const char* attempt : {"Retry(1) ", "Retry(2) ", "Retry(3) "})
     EXPECT_EQ(1u, log.count(LM_INFO, std::string(attempt) + "obs/agent/job/obs_source_lister.cpp:"));
   EXPECT_EQ(1u, handler.skipped_dirs());
+}
+
+unsigned draw_largest(unsigned n) {
+  return n - 1;
+}
+
+TEST_F(source_lister, waits_are_1_2_and_3_seconds_at_most_and_announced) {
+  store.make_bucket("b");
+  store.on_list = [](const std::string&, const std::string&, const std::string&) { return retriable_failure(); };
+  set_backoff_random(&draw_largest);
+  list({"/b/"});
+  set_backoff_random(nullptr);
+  EXPECT_EQ((std::vector<unsigned>{1, 2, 3}), clock.sleeps());
+  Texts waits;
+  for (const Log_Line& line : log.lines())
+    if (line.priority == LM_INFO)
+      waits.push_back(line.text.substr(0, 9) + line.text.substr(line.text.find(" at ")));
+  EXPECT_EQ((Texts{"Retry(1) "
+                   " at 1 second(s) later.\n",
+                   "Retry(2) "
+                   " at 2 second(s) later.\n",
+                   "Retry(3) "
+                   " at 3 second(s) later.\n"}),
+            waits);
+}
+
+/// Two pages of "p/": an object and a folder on each; the second one fails.
+void second_page_fails(Fake_Store& store) {
+  for (const char* key : {"p/1", "p/2/x", "p/3", "p/4/y"})
+    store.put("b", key);
+  store.page_size = [](const std::string& prefix, const std::string&) { return prefix == "p/" ? 2u : 1000u; };
+  store.on_list = [](const std::string&, const std::string& prefix, const std::string& marker) {
+    return prefix == "p/" && !marker.empty() ? final_failure() : S3_Error();
+  };
+}
+
+TEST_F(source_lister, failure_of_a_later_page_keeps_the_files_and_the_folders_wait_for_the_next_prefix) {
+  second_page_fails(store);
+  store.put("c", "k");
+  store.put("d", "l");
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "FILE 1", "DIR c/", "FILE k", "DIR b/", "DIR b/p/", "DIR b/p/2/",
+                   "FILE x", "DIR d/", "FILE l", "FEND"}),
+            list({"/b/p/", "/c/", "/d/"}));
+  EXPECT_EQ(1u, handler.skipped_dirs());
+  EXPECT_EQ((Texts{"{\"errno\":13,\"message\":\"AccessDenied: no\",\"name\":\"/b/p/\",\"type\":\"directory\"}"}),
+            handler.errors);
+}
+
+TEST_F(source_lister, folders_of_a_prefix_that_fails_later_are_lost_with_it_when_none_follows) {
+  second_page_fails(store);
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "FILE 1", "FEND"}), list({"/b/p/"}));
+  EXPECT_EQ(1u, handler.skipped_dirs());
+  EXPECT_EQ(1u, handler.errors.size());
+}
+
+TEST_F(source_lister, same_page_again_loses_the_rest_of_the_prefix_and_reports_it) {
+  class Stuck : public Fake_Store_Service {
+  public:
+    using Fake_Store_Service::Fake_Store_Service;
+    bool get_bucket(const char*, const Get_Bucket_Parameter&, Get_Bucket_Content& content) override {
+      content = Get_Bucket_Content();
+      if (++requests > 5)
+        return true;
+      S3_Object object;
+      object.name = "k";
+      content.objects = {object};
+      content.truncated = true;
+      content.next_marker = "k";
+      return true;
+    }
+    int requests = 0;
+  };
+  const auto stuck = std::make_shared<Stuck>(store);
+  service = stuck;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FILE k", "FEND"}), list({"/b/"}));
+  EXPECT_EQ(2, stuck->requests);
+  EXPECT_EQ(1u, handler.skipped_dirs());
+  EXPECT_EQ((Texts{"{\"errno\":71,\"message\":\"the service sends the same page again\",\"name\":\"/b/\","
+                   "\"type\":\"directory\"}"}),
+            handler.errors);
+  EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to list object from 'b' with prefix '', error: the service sends the same "
+                                    "page again.\n"));
+}
+
+TEST_F(source_lister, filter_is_told_folders_from_objects) {
+  for (const char* key : {"p/", "p/1", "p/q/2"})
+    store.put("b", key);
+  const Slash_Filter by_slash;
+  filter = &by_slash;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "FILE 1", "DIR b/p/q/", "FILE 2", "FEND"}), list({"/b/"}));
+  EXPECT_EQ(4u, by_slash.asked);
 }
 
 TEST_F(source_lister, single_object_that_is_not_there_is_passed_over) {

@@ -1,5 +1,6 @@
 #include "obs/agent/job/restore_executor.h"
 
+#include "obs/agent/job/merge_wait.h"
 #include "obs/agent/job/obs_backup_util.h"
 #include "obs/agent/job/obs_restore_callback.h"
 #include "obs/agent/job_frame/object_creator_impl_t.h"
@@ -42,7 +43,7 @@ bool OBS_Restore_Executor::execute_post_action() {
   return true;
 }
 
-bool OBS_Restore_Executor::execute_i(const Job_Run_Options*) {
+bool OBS_Restore_Executor::execute_i(const Action_Options*) {
   CHECK_NULL_RETURN(src_, false);
   CHECK_NULL_RETURN(opts_, false);
   try {
@@ -106,12 +107,8 @@ bool OBS_Restore_Executor::wait_for_pool() {
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to get info of pool %s\n"), pool_uuid_.c_str()));
     return false;
   }
-  while (is_mtf_uri(url) && file_backup::is_merging(url, pool_uuid_, backup_minor_resource_id_)) {
-    // The clock does not wait for a cancelled job any more.
-    if (act_->state == JOB_STATE_CANCELING)
-      return false;
-    Clock::instance().sleep(RETRY_INTERVAL);
-  }
+  while (is_mtf_uri(url) && file_backup::is_merging(url, pool_uuid_, backup_minor_resource_id_))
+    sleep_for_merge(RETRY_INTERVAL);
   return true;
 }
 

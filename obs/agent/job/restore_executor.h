@@ -4,6 +4,7 @@
 #include "obs/agent/job/restore_job_source.h"
 #include "obs/agent/job_frame/job_executor_t.h"
 #include "sdk/file_backup/file_backup.h"
+#include "sdk/job/action_options.h"
 #include "sdk/mtf/restore_callback.h"
 
 #include <string>
@@ -11,7 +12,7 @@
 class MTF_Restore;
 
 /// Runs one restore into object storage: finds the set (for a rehearsal of disaster recovery the one that is due),
-/// waits for a merge in the pool, connects to the account and runs the engine.
+/// waits for a merge in the pool, also when it is cancelled meanwhile, connects to the account and runs the engine.
 ///
 /// Made for one run, on the job's thread.
 class OBS_Restore_Executor : public Job_Executor_T<OBS_Restore_Job_Source, OBS_Restore_Job_Options, Job_Event_Handler> {
@@ -20,7 +21,7 @@ public:
   ~OBS_Restore_Executor() override;
 
 protected:
-  bool execute_i(const Job_Run_Options* params) override;
+  bool execute_i(const Action_Options* params) override;
   /// Nothing: the engine runs the pre-action.
   bool execute_pre_action() override;
   /// Runs the post-action where the engine, which does it otherwise, was never started.

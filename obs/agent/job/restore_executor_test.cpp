@@ -1,5 +1,7 @@
 #include "obs/agent/job/restore_executor.h"
 
+#include "sdk/mtf/file_attributes.h"
+#include "testing/module/attributed_service.h"
 #include "testing/module/executor_fixture.h"
 
 using json_spirit::Array;
@@ -113,23 +115,14 @@ TEST_F(restore_executor, unknown_set_is_an_alert) {
   platform().incarnation_found = false;
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to get incarnation to restore.\n"));
-  ASSERT_EQ(1u, job->alerts().size());
-  const Error alert = job->alerts().front().error;
-  EXPECT_EQ(49u, alert.id.code());
-  EXPECT_EQ(7u, alert.id.level());
-  EXPECT_EQ(0u, alert.id.value() & MASK_FLAGS);
-  EXPECT_TRUE(alert.params.empty());
+  EXPECT_EQ((Texts{"7000000000000031 [] 1"}), alerts());
 }
 
 TEST_F(restore_executor, unknown_pool_is_an_alert) {
   platform().pool_url_found = false;
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to get info of pool pool\n"));
-  ASSERT_EQ(1u, job->alerts().size());
-  const Error alert = job->alerts().front().error;
-  EXPECT_EQ(48u, alert.id.code());
-  EXPECT_NE(0u, alert.id.value() & MASK_FLAGS);
-  EXPECT_EQ("[\"pool\"]", json_spirit::write(alert.params));
+  EXPECT_EQ((Texts{"7000100000000030 [\"pool\"] 1"}), alerts());
 }
 
 TEST_F(restore_executor, merge_is_waited_for_in_a_pool_of_that_kind_only) {
@@ -147,12 +140,16 @@ TEST_F(restore_executor, merge_is_waited_for_without_bound) {
   EXPECT_TRUE(platform().called("is_merging(mtfs://pool.test/x,pool,their-resource)"));
 }
 
-TEST_F(restore_executor, cancelled_job_does_not_wait_for_a_merge) {
+TEST_F(restore_executor, cancelled_job_waits_for_a_merge_as_well) {
   platform().merging = 50;
   platform().pool_url = "mtf://pool.test/x";
-  clock.on_sleep([this](unsigned) { job->activity().state = JOB_STATE_CANCELING; });
-  EXPECT_FALSE(run());
-  EXPECT_EQ(1u, clock.sleeps().size());
+  clock.on_sleep([this](unsigned) {
+    job->activity().state = JOB_STATE_CANCELING;
+    EXPECT_EQ(nullptr, Job::current()) << "the clock would cut the sleep short";
+  });
+  EXPECT_TRUE(run());
+  EXPECT_EQ(std::vector<unsigned>(50, 30), clock.sleeps());
+  EXPECT_EQ(job.get(), Job::current());
 }
 
 TEST_F(restore_executor, unknown_account_fails) {
@@ -166,6 +163,7 @@ TEST_F(restore_executor, failed_connection_is_the_jobs_error) {
   service->buckets = {};
   EXPECT_FALSE(run());
   EXPECT_EQ("70000031E0100001 [\"Failed to get all buckets, errcode: NoSuchBucket.\"]", last_error());
+  EXPECT_EQ(1700000000, job->last_error().time);
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to get all buckets, errcode: NoSuchBucket.\n"));
 }
 
@@ -194,8 +192,10 @@ TEST_F(restore_executor, factory_writes_to_the_account_under_the_mapping) {
 TEST_F(restore_executor, nothing_restored_is_the_jobs_error) {
   platform().err_code = MTF::E_NO_FILES_RESTORED;
   platform().engine = false;
+  platform().on_run = [this] { clock.advance(60); };
   EXPECT_FALSE(run());
   EXPECT_EQ("70000031E0200004 []", last_error());
+  EXPECT_EQ(1700000060, job->last_error().time);
   EXPECT_EQ(0u, job->activity().size);
 }
 
@@ -210,9 +210,7 @@ TEST_F(restore_executor, engine_without_its_pool_is_an_alert) {
   platform().err_code = MTF::E_GET_POOL_INFO;
   platform().engine = false;
   EXPECT_FALSE(run());
-  ASSERT_EQ(1u, job->alerts().size());
-  EXPECT_EQ(48u, job->alerts().front().error.id.code());
-  EXPECT_EQ("[\"pool\"]", json_spirit::write(job->alerts().front().error.params));
+  EXPECT_EQ((Texts{"7000100000000030 [\"pool\"] 1"}), alerts());
 }
 
 TEST_F(restore_executor, rehearsal_restores_the_set_that_is_due) {
@@ -272,6 +270,72 @@ TEST_F(restore_executor, post_action_runs_when_the_engine_was_never_started) {
   EXPECT_FALSE(executor->execute_post_action());
   job->activity().state = JOB_STATE_CANCELING;
   EXPECT_TRUE(executor->execute_post_action());
+}
+
+TEST_F(restore_executor, post_action_that_does_not_always_run_is_left_out) {
+  settings.post_action = "exit 1";
+  platform().incarnation_found = false;
+  run();
+  EXPECT_TRUE(executor->execute_post_action());
+}
+
+TEST_F(restore_executor, wait_of_the_definition_bounds_every_lookup) {
+  settings.max_seconds_retry = 77;
+  entries.refuse = true;
+  EXPECT_FALSE(run());
+  EXPECT_TRUE(platform().called("get_incarnation(pool,their-resource,6,77)"));
+  unsigned waited = 0;
+  for (const unsigned seconds : clock.sleeps())
+    waited += seconds;
+  EXPECT_GE(waited, 77u);
+  EXPECT_LT(waited, 77u + 60u);
+}
+
+TEST_F(restore_executor, wait_of_the_definition_bounds_the_lookup_of_a_rehearsal) {
+  dr_test();
+  settings.max_seconds_retry = 77;
+  EXPECT_TRUE(run());
+  EXPECT_TRUE(platform().called("get_dr_test_seqs(their-resource,77,pool)"));
+}
+
+/// A service of the account in which every object is there.
+struct Full_Service : module_testing::Fake_S3_Service {
+  bool head_object(const char* bucket, const char* key, S3_Object& object) override {
+    heads.push_back(std::string(bucket) + "|" + key);
+    object.exists = true;
+    return true;
+  }
+  Texts heads;
+};
+
+TEST_F(restore_executor, converter_protects_the_mapped_object_by_the_jobs_policy) {
+  const auto full = std::make_shared<Full_Service>();
+  full->buckets = {"b"};
+  module_testing::service_maker() = [&](const S3_Service_Options&) { return full; };
+  options->existing_ = OBS_PCT_EXISTING_SKIP;
+  ASSERT_TRUE(run());
+  std::string path = "/a/k";
+  EXPECT_EQ(MTF::E_SKIP, platform().converter->convert(path, 1, false));
+  EXPECT_EQ((Texts{"b|k"}), full->heads);
+}
+
+TEST_F(restore_executor, factory_keeps_to_the_jobs_policy_for_attributes) {
+  const auto attributed = std::make_shared<module_testing::Attributed_Service>(fake_client().store);
+  fake_client().makes = [&] { return attributed; };
+  options->no_acl_ = true;
+  options->drop_tags_ = true;
+  options->storage_class_ = "COLD";
+  ASSERT_TRUE(run());
+  const MTF::IRestore_Callback_var callback = platform().restore_factory->make();
+  ASSERT_FALSE(callback.null());
+  const MTF::IFile_Writer_var writer = callback->make_file_writer();
+  dynamic_cast<MTF::IFile_Attributes_Sink&>(*writer).attributes(
+      {R"({"tags":{"t":"1"},"owner":"o","grants":[{"type":"Group","grantee":"g","permission":"READ"}]})", ""});
+  ASSERT_EQ(MTF::E_OK, writer->open("/a/k", 1));
+  EXPECT_TRUE(attributed->given.tags.empty());
+  EXPECT_TRUE(attributed->given.grants.empty());
+  EXPECT_EQ("", attributed->given.owner);
+  EXPECT_EQ("COLD", attributed->given.storage_class);
 }
 
 TEST_F(restore_executor, post_action_that_expects_the_jobs_data_does_not_run) {

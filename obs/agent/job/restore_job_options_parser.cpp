@@ -56,26 +56,33 @@ bool OBS_Restore_Job_Options_Parser::handle_map_key_i(const char* text, unsigned
 }
 
 bool OBS_Restore_Job_Options_Parser::handle_boolean_i(bool value) {
+  OBS_Restore_Job_Options* const options = record();
+  if (!options)
+    return true;
   if (level() != 1)
     return refuse(JSON_ERROR_WRONG_VALUE);
-  if (record() && top().key == KEY_STANDALONE)
-    record()->standalone_ = value;
-  else if (record() && top().key == KEY_NO_ACL)
-    record()->no_acl_ = value;
-  else if (record() && top().key == KEY_DROP_TAGS)
-    record()->drop_tags_ = value;
+  if (top().key == KEY_STANDALONE)
+    options->standalone_ = value;
+  else if (top().key == KEY_NO_ACL)
+    options->no_acl_ = value;
+  else if (top().key == KEY_DROP_TAGS)
+    options->drop_tags_ = value;
   return accept();
 }
 
 bool OBS_Restore_Job_Options_Parser::handle_number_i(const char* text, unsigned length) {
+  if (!record())
+    return true;
   if (level() != 1)
     return refuse(JSON_ERROR_WRONG_VALUE);
-  if (record() && top().obj && top().key == KEY_CHANNELS)
+  if (top().obj && top().key == KEY_CHANNELS)
     record()->channels_ = natoi<ACE_UINT32>(text, length);
   return true;
 }
 
 bool OBS_Restore_Job_Options_Parser::handle_string_i(const char* text, unsigned length) {
+  if (!record())
+    return true;
   switch (level()) {
   case 1:
     return handle_level1_string(text, length);
@@ -91,14 +98,13 @@ bool OBS_Restore_Job_Options_Parser::handle_string_i(const char* text, unsigned 
 bool OBS_Restore_Job_Options_Parser::handle_level1_string(const char* text, unsigned length) {
   if (!top().obj || top().key == 0)
     return true;
-  if (OBS_Restore_Job_Options* const options = record()) {
-    if (top().key == KEY_EXISTING)
-      options->existing_ = OBS_Restore_Job_Options::name_to_existing(text, static_cast<int>(length));
-    else if (top().key == KEY_CACHE_DIR)
-      options->cache_dir_.assign(text, length);
-    else if (top().key == KEY_STORAGE_CLASS)
-      options->storage_class_.assign(text, length);
-  }
+  OBS_Restore_Job_Options* const options = record();
+  if (top().key == KEY_EXISTING)
+    options->existing_ = OBS_Restore_Job_Options::name_to_existing(text, static_cast<int>(length));
+  else if (top().key == KEY_CACHE_DIR)
+    options->cache_dir_.assign(text, length);
+  else if (top().key == KEY_STORAGE_CLASS)
+    options->storage_class_.assign(text, length);
   return accept();
 }
 

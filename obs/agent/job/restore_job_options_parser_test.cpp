@@ -94,7 +94,14 @@ TEST(restore_job_options_parser, explicit_item_behind_the_wildcard_gets_no_bucke
 TEST(restore_job_options_parser, wildcard_without_a_target_is_an_empty_default_that_is_not_written) {
   Maps maps(R"({"source":"*","prefix":"p"})");
   EXPECT_EQ("", maps.record().mapper_.default_mapper().bucket);
-  EXPECT_EQ(R"({"standalone":false,"bucket_maps":[]})", yajl_generate(maps.record()));
+  const std::string written = yajl_generate(maps.record());
+  EXPECT_EQ(R"({"standalone":false,"bucket_maps":[]})", written);
+  Restore_Options again(written);
+  ASSERT_TRUE(again.accepted) << again.reason;
+  EXPECT_EQ("", again.record().mapper_.default_mapper().bucket);
+  EXPECT_EQ("", again.record().mapper_.default_mapper().prefix);
+  EXPECT_EQ("", again.record().mapper_.mapper("any").bucket);
+  EXPECT_TRUE(again.record().mapper_.mappers().empty());
 }
 
 TEST(restore_job_options_parser, text_of_another_kind_is_accepted_and_not_stored) {
@@ -102,6 +109,28 @@ TEST(restore_job_options_parser, text_of_another_kind_is_accepted_and_not_stored
   ASSERT_TRUE(parsed.accepted);
   EXPECT_EQ(0u, parsed.record().channels_);
   EXPECT_FALSE(parsed.record().standalone_);
+}
+
+TEST(restore_job_options_parser, value_of_another_kind_is_accepted_and_keeps_the_default) {
+  for (const char* text :
+       {R"({"channels":true,"bucket_maps":false,"existing":true,"cache_dir":false})",
+        R"({"bucket_maps":7,"standalone":1,"existing":2,"cache_dir":3})",
+        R"({"channels":null,"bucket_maps":null,"standalone":null,"existing":null,"cache_dir":null})",
+        R"({"no_acl":"true","drop_tags":1,"storage_class":true})",
+        R"({"no_acl":1,"drop_tags":"true","storage_class":5})",
+        R"({"no_acl":["x"],"drop_tags":{"a":"b"},"storage_class":[{"source":"a","target":"t"}]})"}) {
+    Restore_Options parsed(text);
+    EXPECT_TRUE(parsed.accepted) << text << ": " << parsed.reason;
+    EXPECT_EQ(0, parsed.parser.err()) << text;
+    const OBS_Restore_Job_Options& options = parsed.record();
+    EXPECT_EQ(0u, options.channels_) << text;
+    EXPECT_FALSE(options.standalone_) << text;
+    EXPECT_EQ(OBS_PCT_NONE, options.existing_) << text;
+    EXPECT_EQ("", options.cache_dir_) << text;
+    EXPECT_FALSE(options.no_acl_ || options.drop_tags_) << text;
+    EXPECT_EQ("", options.storage_class_) << text;
+    EXPECT_EQ(R"({"standalone":false,"bucket_maps":[]})", yajl_generate(parsed.record())) << text;
+  }
 }
 
 TEST(restore_job_options_parser, bare_text_in_the_maps_is_ignored) {

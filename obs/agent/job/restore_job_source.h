@@ -18,9 +18,9 @@ public:
   int generate(yajl_gen_t* gen) const;
 
   std::string catalog_id_;
-  std::string backup_minor_resource_id_;  ///< the account that was backed up
+  std::string backup_minor_resource_id_;  ///< the selection that was backed up
   std::list<json_spirit::Value> entries_; ///< each {"dir": text} or {"file": text}, in the order given
-  std::string backup_host_id_;            ///< the host that made the backup
+  std::string backup_host_id_;            ///< the account that was backed up
   std::string pool_uuid_;                 ///< the pool that holds it
   ACE_INT64 seq_ = 0;                     ///< sequence number of the backup
 };

@@ -55,13 +55,15 @@ bool OBS_Restore_Job_Source_Parser::handle_map_key_i(const char* text, unsigned 
 
 bool OBS_Restore_Job_Source_Parser::handle_number_i(const char* text, unsigned length) {
   if (level() != 1)
-    return refuse(JSON_ERROR_WRONG_VALUE);
+    return record() ? refuse(JSON_ERROR_WRONG_VALUE) : true;
   if (record() && top().key == KEY_SEQ)
     record()->seq_ = natoi<ACE_INT64>(text, length);
   return accept();
 }
 
 bool OBS_Restore_Job_Source_Parser::handle_string_i(const char* text, unsigned length) {
+  if (!record())
+    return true;
   switch (level()) {
   case 1:
     return handle_level1_string(text, length);
@@ -76,8 +78,6 @@ bool OBS_Restore_Job_Source_Parser::handle_level1_string(const char* text, unsig
   if (!top().obj || top().key == 0)
     return true;
   OBS_Restore_Job_Source* const source = record();
-  if (!source)
-    return true;
   const std::string value(text, length);
   switch (top().key) {
   case KEY_ID:
@@ -108,8 +108,6 @@ bool OBS_Restore_Job_Source_Parser::handle_level3_string(const char* text, unsig
   if (!top().obj || top().key == 0)
     return true;
   OBS_Restore_Job_Source* const source = record();
-  if (!source)
-    return true;
   const std::string value(text, length);
   switch (top().key) {
   case KEY_DIR:

@@ -14,6 +14,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()
 
 typedef Object_Creator_T<YAJL_Handler> Parser_Creator;
@@ -26,6 +29,41 @@ Parser_Creator* _make_OBS_Restore_Job_Source_Parser_Creator(Gobbler*);
 JSON_RPC_Handler* _make_JSON_RPC_OBS_List_Handler(Gobbler*);
 JSON_RPC_Handler* _make_JSON_RPC_OBS_Test_Handler(Gobbler*);
 }
+
+/// What the host asks a factory for.
+struct Probe_Base {
+  virtual ~Probe_Base() = default;
+  virtual int fini() { return 0; }
+};
+
+/// Tells what its disposer does with it.
+struct Probe : Probe_Base {
+  ~Probe() override { events.push_back("~"); }
+  int fini() override {
+    events.push_back("fini");
+    return 0;
+  }
+  static inline std::vector<std::string> events;
+};
+
+OBS_DEFINE_FACTORY_I(Probe_Factory, Probe_Base, Probe, OBS_FINI_BEFORE_DELETE)
+
+struct Probe_Parser : YAJL_Handler {};
+
+/// A parser creator that tells the same, as those of the module have nothing to do in `fini`.
+template <>
+class Object_Creator_Impl_T<Parser_Creator, Probe_Parser> : public Parser_Creator {
+public:
+  ~Object_Creator_Impl_T() override { Probe::events.push_back("~"); }
+  int fini() override {
+    Probe::events.push_back("fini");
+    return 0;
+  }
+  YAJL_Handler* create() override { return make_without_throwing<Probe_Parser>(); }
+  void destroy(YAJL_Handler* parser) override { delete parser; }
+};
+
+OBS_DEFINE_PARSER_CREATOR_FACTORY(Probe_Parser)
 
 namespace {
 
@@ -108,23 +146,26 @@ TEST(exports, web_services_are_made_as_handlers) {
   expect_factory<JSON_RPC_OBS_Test_Handler>(_make_JSON_RPC_OBS_Test_Handler);
 }
 
-TEST(exports, parser_without_its_record_ignores_every_value) {
-  for (int nth = 1; nth < 20; ++nth) {
-    std::unique_ptr<OBS_Restore_Job_Source_Parser> parser;
-    {
-      const module_testing::Short_Memory short_memory(nth);
-      parser.reset(make_without_throwing<OBS_Restore_Job_Source_Parser>());
-    }
-    if (!parser || parser->result().get())
-      continue;
-    parser->handle_start_map_i();
-    parser->handle_map_key_i("seq", 3);
-    EXPECT_TRUE(parser->handle_string_i("refused otherwise", 7));
-    EXPECT_TRUE(parser->handle_number_i("1", 1));
-    EXPECT_EQ(0, parser->err());
-    return;
-  }
-  FAIL() << "no parser was left without its record";
+TEST(exports, disposer_calls_fini_once_and_deletes_then) {
+  Probe::events.clear();
+  Gobbler gobbler = nullptr;
+  Probe_Base* const probe = _make_Probe_Factory(&gobbler);
+  ASSERT_NE(nullptr, probe);
+  gobbler(nullptr);
+  EXPECT_TRUE(Probe::events.empty());
+  gobbler(probe);
+  EXPECT_EQ((std::vector<std::string>{"fini", "~"}), Probe::events);
+}
+
+TEST(exports, disposer_of_a_parser_creator_calls_fini_once_and_deletes_then) {
+  Probe::events.clear();
+  Gobbler gobbler = nullptr;
+  Parser_Creator* const creator = _make_Probe_Parser_Creator(&gobbler);
+  ASSERT_NE(nullptr, creator);
+  gobbler(nullptr);
+  EXPECT_TRUE(Probe::events.empty());
+  gobbler(creator);
+  EXPECT_EQ((std::vector<std::string>{"fini", "~"}), Probe::events);
 }
 
 TEST(exports, job_creator_without_memory_answers_none_with_errno) {

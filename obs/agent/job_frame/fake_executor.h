@@ -3,6 +3,7 @@
 #include "obs/agent/job_frame/default_job_t.h"
 #include "obs/agent/job_frame/job_executor_t.h"
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -40,6 +41,7 @@ struct Plan {
   bool setup = true;
   std::function<void(Job&)> work; ///< called by execute_i
   std::function<void()> rollback_work;
+  std::atomic<int> conditions{0}; ///< how often `check_condition` was asked
 
   mutable std::mutex lock; ///< guards what follows
   std::vector<std::string> events;
@@ -99,7 +101,10 @@ protected:
       plan.work(job_);
     return plan.done;
   }
-  bool check_condition() override { return Plan::current()->condition; }
+  bool check_condition() override {
+    ++Plan::current()->conditions;
+    return Plan::current()->condition;
+  }
   bool is_active(const Job_Run_Options*) override { return Plan::current()->active; }
   int check_password() override {
     Plan::current()->happened("password");

@@ -86,6 +86,12 @@ TEST_F(job_executor, refused_password_fails_with_its_code) {
   EXPECT_EQ("password failure:77", plan.story());
 }
 
+TEST_F(job_executor, negative_refusal_of_a_password_is_one_too) {
+  plan.password_code = -1;
+  EXPECT_FALSE(execute([](Settings& s) { s.backup_protection_password = "secret"; }));
+  EXPECT_EQ("password failure:-1", plan.story());
+}
+
 TEST_F(job_executor, accepted_password_lets_the_job_run) {
   EXPECT_TRUE(execute([](Settings& s) { s.backup_protection_password = "secret"; }));
   EXPECT_EQ("password start execute success", plan.story());
@@ -127,6 +133,61 @@ TEST_F(job_executor, unmet_condition_leaves_the_job_idle_without_a_report) {
 TEST_F(job_executor, met_precondition_lets_the_job_run) {
   EXPECT_TRUE(execute([](Settings& s) { s.precondition = "exit 0"; }));
   EXPECT_EQ("start execute success", plan.story());
+}
+
+TEST_F(job_executor, missing_source_is_seen_before_the_password) {
+  plan.password_code = 77;
+  const Job_Definition_var def = definition([](Settings& s) { s.backup_protection_password = "secret"; });
+  def->source = Job_Source_var();
+  EXPECT_FALSE(execute(def));
+  EXPECT_EQ("", plan.story());
+  EXPECT_EQ(1u, log.count(", src_ is NULL:\n"));
+}
+
+TEST_F(job_executor, refused_password_is_told_before_the_job_could_be_skipped) {
+  plan.password_code = 77;
+  plan.active = false;
+  EXPECT_FALSE(execute([](Settings& s) { s.backup_protection_password = "secret"; }));
+  EXPECT_EQ("password failure:77", plan.story());
+  EXPECT_EQ(JOB_STATE_ERROR, state());
+}
+
+TEST_F(job_executor, refused_password_is_told_before_the_precondition_runs) {
+  plan.password_code = 77;
+  EXPECT_FALSE(execute([](Settings& s) {
+    s.backup_protection_password = "secret";
+    s.precondition = "echo asked; exit 1";
+  }));
+  EXPECT_EQ("password failure:77", plan.story());
+  EXPECT_EQ(JOB_STATE_ERROR, state());
+  EXPECT_EQ(0u, log.count("asked"));
+  EXPECT_EQ(0, plan.conditions);
+}
+
+TEST_F(job_executor, inactive_job_is_skipped_before_the_precondition_runs) {
+  plan.active = false;
+  EXPECT_TRUE(execute([](Settings& s) { s.precondition = "echo asked; exit 1"; }));
+  EXPECT_EQ("", plan.story());
+  EXPECT_EQ(JOB_STATE_SKIPPED, state());
+  EXPECT_EQ(0u, log.count("asked"));
+  EXPECT_EQ(0, plan.conditions);
+}
+
+TEST_F(job_executor, condition_is_asked_behind_a_precondition_that_succeeds_only) {
+  EXPECT_TRUE(execute([](Settings& s) { s.precondition = "exit 1"; }));
+  EXPECT_EQ(0, plan.conditions);
+  EXPECT_EQ(JOB_STATE_IDLE, state());
+  EXPECT_TRUE(execute([](Settings& s) { s.precondition = "exit 0"; }));
+  EXPECT_EQ(1, plan.conditions);
+}
+
+TEST_F(job_executor, output_of_the_precondition_goes_to_the_programs_log_alone) {
+  std::vector<std::string> lines;
+  on_line = [&](const std::string& line) { lines.push_back(line); };
+  EXPECT_TRUE(execute([](Settings& s) { s.precondition = "echo asked"; }));
+  EXPECT_EQ("start execute success", plan.story());
+  EXPECT_TRUE(lines.empty());
+  EXPECT_EQ(1u, log.count("asked"));
 }
 
 TEST_F(job_executor, failed_work_fails_the_job) {
@@ -242,6 +303,55 @@ TEST_F(post_action, runs_after_a_failed_pre_action_when_it_always_does) {
   }));
   EXPECT_EQ(1, runs);
   EXPECT_EQ("start failure:-1", plan.story());
+}
+
+// It takes a paused or cancelled job to completing: what was asked for is not seen any more when the outcome is told.
+TEST_F(post_action, that_always_runs_makes_a_failure_of_a_pause_during_the_work) {
+  plan.done = false;
+  plan.work = [](Job& j) { EXPECT_EQ(0, j.pause(nullptr)); };
+  EXPECT_FALSE(execute([](Settings& s) {
+    s.post_action = "echo x";
+    s.run_post_action_always = true;
+  }));
+  EXPECT_EQ(1, runs);
+  EXPECT_EQ(JOB_STATE_COMPLETING, seen);
+  EXPECT_EQ("start execute failure:-1", plan.story());
+  EXPECT_EQ(JOB_STATE_ERROR, state());
+}
+
+TEST_F(post_action, that_always_runs_makes_a_failure_of_a_cancel_during_the_work) {
+  plan.done = false;
+  plan.work = [](Job& j) { EXPECT_EQ(0, j.stop(nullptr)); };
+  EXPECT_FALSE(execute([](Settings& s) {
+    s.post_action = "echo x";
+    s.run_post_action_always = true;
+  }));
+  EXPECT_EQ(1, runs);
+  EXPECT_EQ(JOB_STATE_COMPLETING, seen);
+  EXPECT_EQ("start execute failure:-1", plan.story());
+}
+
+TEST_F(post_action, that_always_runs_makes_a_failure_of_a_pause_during_the_pre_action) {
+  std::vector<Job_State> states;
+  on_line = [&](const std::string& line) {
+    states.push_back(state());
+    if (line == "before") {
+      EXPECT_EQ(0, job->pause(nullptr));
+    }
+  };
+  EXPECT_FALSE(execute([](Settings& s) {
+    s.pre_action = "echo before";
+    s.post_action = "echo after";
+    s.run_post_action_always = true;
+  }));
+  EXPECT_EQ((std::vector<Job_State>{JOB_STATE_RUNNING, JOB_STATE_COMPLETING}), states);
+  EXPECT_EQ("start failure:-1", plan.story());
+}
+
+TEST_F(post_action, cancel_during_one_that_fails_is_reported) {
+  on_line = [this](const std::string&) { EXPECT_EQ(0, job->stop(nullptr)); };
+  EXPECT_FALSE(execute([](Settings& s) { s.post_action = "echo x; exit 1"; }));
+  EXPECT_EQ("start execute canceled", plan.story());
 }
 
 TEST_F(post_action, failure_fails_a_job_whose_work_succeeded) {

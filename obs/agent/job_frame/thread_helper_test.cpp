@@ -9,10 +9,15 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 
 #include <pthread.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
@@ -223,6 +228,64 @@ TEST(thread_name, longer_name_is_cut_with_one_warning) {
     EXPECT_EQ(LM_WARNING, log.lines()[0].priority);
     EXPECT_EQ("Thread name(" + std::string(name) + ") is too long, truncate to 15 chars.\n", log.lines()[0].text);
   }
+}
+
+/// A thread that has ended and waits for its join: there is nobody left who could be named.
+class Ended_Thread {
+public:
+  Ended_Thread() {
+    started_ = pthread_create(&thread, nullptr, &tell_task, this) == 0;
+    if (!started_)
+      return;
+    task_.wait(0);
+    // Its end in the system comes behind all that the thread can tell by itself.
+    while (::syscall(SYS_tgkill, ::getpid(), task_.load(), 0) == 0)
+      ::sched_yield();
+  }
+  ~Ended_Thread() {
+    if (started_)
+      pthread_join(thread, nullptr);
+  }
+  Ended_Thread(const Ended_Thread&) = delete;
+  Ended_Thread& operator=(const Ended_Thread&) = delete;
+  bool started() const { return started_; }
+
+  pthread_t thread{};
+
+private:
+  static void* tell_task(void* self) {
+    std::atomic<long>& task = static_cast<Ended_Thread*>(self)->task_;
+    task = ::syscall(SYS_gettid);
+    task.notify_all();
+    return nullptr;
+  }
+
+  bool started_ = false;
+  std::atomic<long> task_{0};
+};
+
+TEST(thread_name, thread_that_has_ended_is_an_error_with_its_code) {
+  const Ended_Thread ended;
+  ASSERT_TRUE(ended.started());
+  module_testing::Log_Sink log;
+  set_thread_name("123456789012345", ended.thread);
+  const std::vector<module_testing::Log_Line> lines = log.lines();
+  ASSERT_EQ(1u, lines.size());
+  EXPECT_EQ(LM_ERROR, lines[0].priority);
+  EXPECT_EQ("Failed to set thread name(123456789012345): " + std::to_string(ENOENT) + "\n", lines[0].text);
+}
+
+TEST(thread_name, error_behind_the_cut_shows_the_whole_name) {
+  const Ended_Thread ended;
+  ASSERT_TRUE(ended.started());
+  module_testing::Log_Sink log;
+  set_thread_name("1234567890123456", ended.thread);
+  const std::vector<module_testing::Log_Line> lines = log.lines();
+  ASSERT_EQ(2u, lines.size());
+  EXPECT_EQ(LM_WARNING, lines[0].priority);
+  EXPECT_EQ("Thread name(1234567890123456) is too long, truncate to 15 chars.\n", lines[0].text);
+  EXPECT_EQ(LM_ERROR, lines[1].priority);
+  EXPECT_EQ("Failed to set thread name(1234567890123456): " + std::to_string(ENOENT) + "\n", lines[1].text);
 }
 
 } // namespace

@@ -6,6 +6,9 @@
 
 #include <ace/Guard_T.h>
 
+#include <cerrno>
+#include <new>
+
 /// A service for one request. Where all are lent another one is made, and where that fails one is waited for.
 class OBS_Existing_Handler::Loan {
 public:
@@ -17,8 +20,7 @@ public:
     }
     S3_Service_var another = make_client(handler_.entry_);
     const ACE_Guard<ACE_Thread_Mutex> guard(handler_.lock_);
-    if (another) {
-      handler_.idle_.reserve(handler_.services_ + 1);
+    if (another && make_room()) {
       ++handler_.services_;
       service_ = std::move(another);
       return;
@@ -44,6 +46,16 @@ private:
     return true;
   }
 
+  /// For one more; giving it back must not fail. Without memory the service that was made is not used.
+  bool make_room() {
+    try {
+      handler_.idle_.reserve(handler_.services_ + 1);
+      return true;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
   const OBS_Existing_Handler& handler_;
   S3_Service_var service_;
 };
@@ -56,6 +68,15 @@ OBS_Existing_Handler::OBS_Existing_Handler(const MTF_FS::IPath_Converter_var& pr
 OBS_Existing_Handler::~OBS_Existing_Handler() = default;
 
 MTF::Error_Code OBS_Existing_Handler::convert_i(std::string& path, time_t mtime, bool is_dir) const {
+  try {
+    return convert_ii(path, mtime, is_dir);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return MTF::E_FAILED;
+  }
+}
+
+MTF::Error_Code OBS_Existing_Handler::convert_ii(const std::string& path, time_t mtime, bool is_dir) const {
   if (is_dir || type_ == OBS_PCT_EXISTING_OVERWRITE || type_ == OBS_PCT_NONE || !svr_)
     return MTF::E_OK;
 

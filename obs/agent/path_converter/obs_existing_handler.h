@@ -25,10 +25,13 @@ public:
 
   /// `mtime` of the backed-up file in seconds since the epoch. E_SKIP for a path that names no bucket, and where the
   /// policy protects the object that is there; else E_OK. An object that cannot be asked for counts as missing.
+  /// E_FAILED, with `errno` ENOMEM, when memory is short.
   MTF::Error_Code convert_i(std::string& path, time_t mtime, bool is_dir) const;
 
 private:
   class Loan;
+
+  MTF::Error_Code convert_ii(const std::string& path, time_t mtime, bool is_dir) const;
 
   S3_Service_var svr_; ///< empty when it could not be made
   const Buckets_Mapper& mapper_;

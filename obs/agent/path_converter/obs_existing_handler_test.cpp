@@ -1,16 +1,20 @@
 #include "obs/agent/path_converter/obs_existing_handler.h"
 
+#include "testing/module/failing_allocator.h"
 #include "testing/module/fake_s3.h"
 #include "testing/module/fake_s3_service.h"
+#include "testing/module/gate.h"
 #include "testing/module/log_sink.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
+MODULE_TESTING_DEFINE_FAILING_ALLOCATOR()
 MODULE_TESTING_DEFINE_SERVICE_HOOK()
 
 using namespace module_testing;
@@ -126,6 +130,86 @@ TEST_F(existing_handler, threads_do_not_wait_for_one_another) {
   for (std::thread& thread : threads)
     thread.join();
   EXPECT_EQ(THREADS, asking);
+}
+
+/// Asks for an object from two threads, the second while the first has the only service, and lets the second one's
+/// service be what `make` answers. Both have to come through with that one service.
+void ask_twice(existing_handler& test, const std::function<std::shared_ptr<S3_Service_Base>()>& make) {
+  const OBS_Existing_Handler handler(MTF_FS::IPath_Converter_var(), test.entry, test.mapper, OBS_PCT_EXISTING_SKIP);
+  Gate gate;
+  bool asking = false;
+  bool tried = false;
+  const auto wait = [&](const bool& condition) { EXPECT_TRUE(gate.wait([&] { return condition; })); };
+  const auto tell = [&](bool& condition) { gate.change([&] { condition = true; }); };
+  test.store.on_head = [&](const std::string&, const std::string&) {
+    tell(asking);
+    wait(tried);
+    return S3_Error();
+  };
+  service_maker() = [&](const S3_Service_Options&) {
+    tell(tried);
+    return make();
+  };
+  const auto ask = [&] {
+    std::string path = "/b/k";
+    EXPECT_EQ(MTF::E_SKIP, handler.convert(path, TIME, false));
+  };
+  std::thread first(ask);
+  wait(asking);
+  std::thread second(ask);
+  first.join();
+  second.join();
+  EXPECT_EQ(2u, test.service->heads.size());
+}
+
+TEST_F(existing_handler, thread_that_gets_no_service_of_its_own_waits_for_another_ones) {
+  int made = 0;
+  ask_twice(*this, [&] {
+    ++made;
+    return nullptr;
+  });
+  EXPECT_EQ(1, made);
+}
+
+TEST_F(existing_handler, service_that_there_is_no_room_for_is_dropped_and_another_ones_waited_for) {
+  const auto dropped = std::make_shared<Fake_Store_Service>(store);
+  ask_twice(*this, [&] {
+    allocations_left = 0;
+    return dropped;
+  });
+  EXPECT_TRUE(dropped->heads.empty());
+  EXPECT_EQ(1, dropped.use_count());
+}
+
+TEST_F(existing_handler, short_memory_fails_the_file_and_throws_nothing) {
+  mapper.default_mapper().bucket = "t";
+  mapper.default_mapper().prefix = "a_prefix_that_is_longer_than_a_short_string";
+  store.put("t", mapper.default_mapper().prefix + "/k");
+  const OBS_Existing_Handler handler(MTF_FS::IPath_Converter_var(), entry, mapper, OBS_PCT_EXISTING_SKIP);
+  std::string path = "/b/k";
+  for (int nth = 1; nth < 1000; ++nth) {
+    errno = 0;
+    MTF::Error_Code result = MTF::E_OK;
+    bool failed = false;
+    int error = 0;
+    try {
+      const Short_Memory short_memory(nth);
+      result = handler.convert_i(path, TIME, false);
+      error = errno;
+      failed = allocations_left < 0;
+    } catch (const std::bad_alloc&) {
+      FAIL() << "thrown at allocation " << nth;
+    }
+    if (!failed) {
+      EXPECT_EQ(MTF::E_SKIP, result);
+      EXPECT_GT(nth, 3);
+      EXPECT_TRUE(log.empty());
+      return;
+    }
+    EXPECT_EQ(MTF::E_FAILED, result) << nth;
+    EXPECT_EQ(ENOMEM, error) << nth;
+  }
+  FAIL() << "there is no end of allocations";
 }
 
 TEST_F(existing_handler, without_a_service_every_file_passes) {

@@ -2,6 +2,7 @@
 
 #include "platform/crypto/master_key.h"
 #include "platform/crypto/secret.h"
+#include "sdk/base/exponential_backoff.h"
 #include "sdk/base/uri.h"
 #include "sdk/job/job.h"
 #include "sdk/rpc/json_rpc.h"
@@ -170,6 +171,36 @@ TEST_F(entry_info, wait_without_a_bound_goes_on_with_at_most_60_seconds_each) {
     EXPECT_LE(wait, 60u);
   }
   EXPECT_GT(clock.sleeps().back(), 29u);
+}
+
+/// Makes every jitter the shortest or the longest there is.
+struct Jitter {
+  explicit Jitter(bool longest) {
+    set_backoff_random(longest ? [](unsigned n) { return n - 1; } : [](unsigned) { return 0u; });
+  }
+  ~Jitter() { set_backoff_random(nullptr); }
+};
+
+TEST_F(entry_info, waits_double_from_1_second_to_60_and_half_of_each_is_jitter) {
+  server->answer = [this](const JSON_RPC_Request& request, JSON_RPC_Object_var& reply) {
+    if (server->requests < 10)
+      return -1;
+    reply = JSON_RPC_Object_var(new JSON_RPC_Response(request.id(), Object{{"secret_key", keys.seal("s")}}));
+    return 0;
+  };
+  {
+    const Jitter longest(true);
+    EXPECT_TRUE(get(-1));
+  }
+  EXPECT_EQ((std::vector<unsigned>{1, 2, 4, 8, 16, 32, 60, 60, 60}), clock.sleeps());
+
+  server->requests = 0;
+  module_testing::Fake_Clock other_clock;
+  {
+    const Jitter shortest(false);
+    EXPECT_TRUE(get(-1));
+  }
+  EXPECT_EQ((std::vector<unsigned>{1, 1, 2, 4, 8, 16, 30, 30, 30}), other_clock.sleeps());
 }
 
 TEST_F(entry_info, cancelled_job_is_not_kept_waiting) {

@@ -99,7 +99,7 @@ int Listing::list_objects(const OBS_Path& path, const json_spirit::Object& param
     try {
       param.max_keys(limit->get_int());
     } catch (const json_spirit::Type_Error&) {
-      return fail(RPC_INVALID_PARAMS, "Invalid limit");
+      // As with the other members: of another kind it counts as absent.
     }
   }
   const std::string marker = text_param(params, "marker");

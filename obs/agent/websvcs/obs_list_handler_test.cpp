@@ -166,11 +166,19 @@ TEST_F(browse, failure_behind_the_first_page_ends_the_list) {
   EXPECT_TRUE(log.empty());
 }
 
-TEST_F(browse, page_with_the_same_marker_again_ends_the_list) {
+TEST_F(browse, page_is_followed_by_another_when_it_is_truncated_and_says_where_it_begins) {
   service->add_service_page({bucket("a")}, "m1");
   service->add_service_page({bucket("b")}, "m1");
-  service->add_service_page({bucket("never")});
-  EXPECT_EQ(R"({"result":[{"dir":"/a/"},{"dir":"/b/"}],"truncated":false})", list(""));
+  service->add_service_page({bucket("c")});
+  EXPECT_EQ(R"({"result":[{"dir":"/a/"},{"dir":"/b/"},{"dir":"/c/"}],"truncated":false})", list(""));
+
+  service->add_service_page({bucket("a")});
+  service->service_pages.back().content.truncated = true;
+  EXPECT_EQ(R"({"result":[{"dir":"/a/"}],"truncated":false})", list(""));
+  service->add_service_page({bucket("a")}, "m1");
+  service->service_pages.back().content.truncated = false;
+  EXPECT_EQ(R"({"result":[{"dir":"/a/"}],"truncated":false})", list(""));
+  EXPECT_EQ((std::vector<std::string>{"", "m1", "m1", "", ""}), service->service_markers);
 }
 
 TEST_F(browse, region_of_the_account_decides_which_buckets_are_listed) {
@@ -244,8 +252,13 @@ TEST_F(browse, limit_of_0_is_passed_on_and_an_empty_marker_is_not) {
   EXPECT_EQ("", service->asked_listing.marker());
 }
 
-TEST_F(browse, limit_that_is_no_number_is_refused) {
-  EXPECT_EQ("-32602 Invalid limit", answer(Object{{"uuid", "u"}, {"path", "/b/"}, {"limit", "2"}}));
+TEST_F(browse, limit_that_is_no_number_counts_as_absent) {
+  for (const Value& limit : {Value("2"), Value(true), Value(), Value(1ll << 40)}) {
+    service->asked_listing = Get_Bucket_Parameter();
+    EXPECT_EQ(R"({"result":[],"truncated":false})", answer(Object{{"uuid", "u"}, {"path", "/b/"}, {"limit", limit}}));
+    EXPECT_EQ("/", service->asked_listing.delimiter());
+    EXPECT_EQ(-1, service->asked_listing.max_keys());
+  }
 }
 
 TEST_F(browse, failed_object_list_tells_why_and_whether_repeating_may_help) {

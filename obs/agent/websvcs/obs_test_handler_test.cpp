@@ -135,6 +135,17 @@ TEST_F(connection_test, only_the_last_page_is_returned) {
   EXPECT_EQ((std::vector<std::string>{"", "m1"}), service->service_markers);
 }
 
+TEST_F(connection_test, page_is_followed_by_another_when_it_is_truncated_and_says_where_it_begins) {
+  service->add_service_page({bucket("a")});
+  service->service_pages.back().content.truncated = true;
+  test();
+  EXPECT_EQ(1u, channel->result.get_obj().at("buckets").get_array().size());
+  service->add_service_page({bucket("b")}, "m1");
+  service->service_pages.back().content.truncated = false;
+  test();
+  EXPECT_EQ((std::vector<std::string>{"", ""}), service->service_markers);
+}
+
 TEST_F(connection_test, failure_behind_the_first_page_keeps_the_last_good_one) {
   service->add_service_page({bucket("a")}, "m1");
   service->add_service_failure(S3_Error(5, 500, "InternalError", "x", true));

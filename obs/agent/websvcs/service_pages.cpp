@@ -22,8 +22,7 @@ bool for_each_service_page(S3_Service_Base& service, const std::function<void(Ge
       return succeeded;
     succeeded = true;
     handle_page(content);
-    // A service that hands out the same marker again would be asked for ever.
-    if (!content.truncated || content.next_marker.empty() || content.next_marker == param.marker())
+    if (!content.truncated || content.next_marker.empty())
       return succeeded;
     param.marker(content.next_marker.c_str());
   }

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "sdk/mtf/filter.h"
+
+#include <atomic>
+
+/// Passes on what a filter says and counts the objects that it leaves out. What lies below a folder that is left out is
+/// never listed, so it needs no counting. Any thread; the filter outlives it.
+class Counting_Filter : public MTF::IFilter {
+public:
+  explicit Counting_Filter(const MTF::IFilter& filter) : filter_(filter) {}
+
+  bool is_included(const char* path, bool is_dir) const override {
+    const bool included = filter_.is_included(path, is_dir);
+    if (!included && !is_dir)
+      excluded_.fetch_add(1, std::memory_order_relaxed);
+    return included;
+  }
+  unsigned long long excluded_objects() const { return excluded_; }
+
+private:
+  const MTF::IFilter& filter_;
+  mutable std::atomic<unsigned long long> excluded_{0};
+};

@@ -1,0 +1,96 @@
+"""What commands print: for people and as JSON, of runs that end well and of runs that do not."""
+import os
+
+import harness
+
+
+class Command_Line(harness.Scenario):
+    def setUp(self):
+        super().setUp()
+        self.server = harness.Test_Server("--bucket", "target")
+        self.addCleanup(self.server.stop)
+        self.client = self.server.client()
+        self.client.create_bucket(Bucket="data")
+        for key in ("a/one", "a/two", "three"):
+            self.client.put_object(Bucket="data", Key=key, Body=key.encode() * 1000)
+        self.add_account(self.server)
+        self.add_pool()
+
+    def damage_contents(self):
+        """Flips a bit in every content that lies on the pool's media."""
+        for medium in self.media():
+            with open(medium, "r+b") as file:
+                data = file.read()
+                for key in (b"a/one", b"a/two", b"three"):
+                    place = data.find(key * 1000)
+                    if place >= 0:
+                        file.seek(place + 2000)
+                        file.write(bytes([data[place + 2000] ^ 1]))
+
+    def test_restore_in_which_every_object_fails_names_every_object(self):
+        made = self.backup("/data/")["set"]
+        self.damage_contents()
+        report = self.agent("restore", made, "--map", "data=target", expect=1)
+        self.assertIn("3 listed = 0 saved + 0 unchanged + 0 excluded + 0 skipped + 3 failed", report.stdout)
+        for key in ("a/one", "a/two", "three"):
+            self.assertRegex(report.stdout, "'[^']*%s'" % key)
+        answer = self.agent("restore", made, "--map", "data=target", "--json", expect=report.returncode).json
+        self.assertEqual((3, 3), (answer["failed"], len(answer["errors"])))
+
+    def test_run_that_never_began_says_why(self):
+        made = self.backup("/data/")["set"]
+        self.agent("account", "change", "work", "--access-key", "WRONG")
+        report = self.agent("restore", made, "--map", "data=target", expect=1)
+        self.assertIn("cannot be reached", report.stderr)
+        answer = self.agent("restore", made, "--map", "data=target", "--json", expect=1)
+        self.assertEqual("failed", answer.json["outcome"])
+        self.assertTrue(answer.json["message"])
+        self.assertIn(answer.json["message"], answer.stderr)
+
+    def test_refused_command_prints_nothing_on_standard_output(self):
+        for arguments, code in ((("ls", "none"), 1), (("restore", "none"), 1), (("backup", "nobody", "--pool", "x"), 1),
+                                (("verify",), 2), (("no-such-command",), 2)):
+            refused = self.agent(*arguments, "--json", expect=code)
+            self.assertEqual("", refused.stdout, arguments)
+            self.assertTrue(refused.stderr, arguments)
+
+    def test_sets_show_names_beside_uuids(self):
+        made = self.backup("/data/", "--name", "everything\nelse")["set"]
+        row, = self.agent("sets", "--json").json["sets"]
+        self.assertEqual(("work", "disk", "everything\nelse"),
+                         (row["account_name"], row["pool_name"], row["selection_name"]))
+        for uuid in ("account", "pool", "selection"):
+            self.assertRegex(row[uuid], "^[0-9a-f-]{36}$")
+        line, = self.agent("sets").stdout.splitlines()
+        self.assertTrue(line.startswith(made), line)
+        self.assertTrue(line.endswith("  work  disk  everything?else"), line)
+
+    def test_dry_run_of_a_backup_has_a_line_per_object(self):
+        lines = self.agent("backup", "work", "/data/", "--pool", "disk", "--exclude", "/data/three", "--dry-run",
+                           "--json").json_lines
+        self.assertEqual([("/data/a/one", 5000), ("/data/a/two", 5000)],
+                         [(line["file"], line["size"]) for line in lines[:-1]])
+        for line in lines[:-1]:
+            self.assertRegex(line["mtime"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+        self.assertEqual({"objects": 2, "bytes": 10000, "excluded": 1, "skipped": 0}, lines[-1])
+
+    def test_dry_run_counts_folder_objects_as_the_backup_does(self):
+        self.client.put_object(Bucket="data", Key="empty/", Body=b"")
+        self.client.put_object(Bucket="data", Key="full/", Body=b"not empty")
+        dry = self.agent("backup", "work", "/data/", "--pool", "disk", "--dry-run", "--json").json
+        run = self.backup("/data/", expect=3)
+        self.assertEqual((run["saved"], run["excluded"], run["skipped"]),
+                         (dry["objects"], dry["excluded"], dry["skipped"]))
+        self.assertEqual((3, 1, 1), (dry["objects"], dry["excluded"], dry["skipped"]))
+
+    def test_description_of_a_medium_is_the_same_as_text_and_as_json(self):
+        self.backup("/data/", "--channels", "1")
+        medium, = self.media()
+        text = self.agent("media", "dump", medium).stdout.splitlines()
+        self.assertTrue(text)
+        self.assertEqual([{"medium": medium, "text": line} for line in text],
+                         self.agent("media", "dump", medium, "--json").json_lines)
+
+
+if __name__ == "__main__":
+    harness.main()
