@@ -192,7 +192,7 @@ bool Stored_Reading::open(const Media_Task& task) {
   error_ = task.error;
   if (!medium_)
     return false;
-  reader_ = medium_->object(object_->offset, error_);
+  reader_ = medium_->object(object_->offset, error_, object_->stored);
   if (!reader_)
     return false;
   const Object_Head& head = reader_->head();

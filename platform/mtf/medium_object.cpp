@@ -18,10 +18,14 @@ constexpr size_t AHEAD = 16 * 1024;
 } // namespace
 
 Medium_Object::Medium_Object(std::shared_ptr<Medium_Source> source)
-    : source_(std::move(source)), window_(*source_, AHEAD) {}
+    : source_(std::move(source)), window_(*source_, AHEAD), end_(*source_, AHEAD) {}
 
-bool Medium_Object::open(unsigned long long offset, std::string& error) {
+bool Medium_Object::open(unsigned long long offset, std::string& error, unsigned long long stored) {
   offset_ = offset;
+  if (stored != 0 && stored <= source_->size()) {
+    window_.limit(offset + stored);
+    end_.limit(offset + stored);
+  }
   if (offset % FLB != 0 || offset < SSET_OFFSET || !read_object_start(window_, offset, start_, error)) {
     if (offset % FLB != 0 || offset < SSET_OFFSET)
       error = "no object can begin there";
@@ -41,22 +45,28 @@ bool Medium_Object::open(unsigned long long offset, std::string& error) {
 }
 
 bool Medium_Object::damaged(const std::string& what) {
-  failure_ = window_.failed() ? Read_Outcome::FAILED : Read_Outcome::DAMAGED;
+  failure_ = window_.failed() || end_.failed() ? Read_Outcome::FAILED : Read_Outcome::DAMAGED;
   error_ = "\"" + start_.head.path + "\" in " + source_->path() + " at " + std::to_string(offset_) + ": " + what;
   return false;
 }
 
-bool Medium_Object::check_end(unsigned long long offset) {
+bool Medium_Object::check_end(Medium_Window& window, unsigned long long offset) {
   std::string reason;
-  if (!read_object_end(window_, offset, start_, last_, reason))
+  if (!read_object_end(window, offset, start_, last_, reason))
     return damaged(reason);
   have_digest_ = true;
   return true;
 }
 
 bool Medium_Object::next_plain_chunk() {
-  if (!have_digest_ && !check_end(start_.content.next()))
-    return false;
+  if (!have_digest_) {
+    const unsigned long long next = start_.content.next();
+    const bool near = window_.holds(next, next + STREAM_HEADER);
+    if (!check_end(near ? window_ : end_, next))
+      return false;
+    if (!near)
+      window_.limit(next);
+  }
   const size_t size = static_cast<size_t>(std::min<unsigned long long>(CHUNK, start_.head.size - done_));
   if (size == 0)
     return true;
@@ -132,7 +142,7 @@ bool Medium_Object::next_frame() {
   }
   const unsigned long long next = stream.next();
   if (last)
-    return check_end(next);
+    return check_end(window_, next);
   if (!read_stream(window_, next, frame_, reason))
     return damaged(reason);
   return true;

@@ -10,7 +10,7 @@ public:
   explicit Medium_Object(std::shared_ptr<Medium_Source> source);
 
   /// Reads what stands before the content. False with the reason: there is no object at `offset`.
-  bool open(unsigned long long offset, std::string& error);
+  bool open(unsigned long long offset, std::string& error, unsigned long long stored = 0);
   const Object_Head& head() const override { return start_.head; }
   const std::string& attributes_problem() const override { return start_.attributes_problem; }
   Read_Outcome read(char* buffer, size_t size, size_t& got) override;
@@ -28,10 +28,11 @@ private:
   bool next_frame();
   bool frame_bytes(const Frame& frame, bool last, const unsigned char*& data, const std::string& where);
   bool damaged(const std::string& what);
-  bool check_end(unsigned long long offset);
+  bool check_end(Medium_Window& window, unsigned long long offset);
 
   std::shared_ptr<Medium_Source> source_;
   Medium_Window window_;
+  Medium_Window end_; ///< shows what stands behind a plain content, which is read before it
   Object_Start start_;
   Object_End last_;
   Content_Digest digest_;

@@ -15,10 +15,11 @@ class File_Medium_Reader : public Medium_Reader {
 public:
   explicit File_Medium_Reader(std::shared_ptr<Medium_Source> source) : source_(std::move(source)) {}
 
-  std::unique_ptr<Object_Reader> object(unsigned long long offset, std::string& error) override {
+  std::unique_ptr<Object_Reader> object(unsigned long long offset, std::string& error,
+                                        unsigned long long stored) override {
     try {
       auto reader = std::make_unique<Medium_Object>(source_);
-      if (reader->open(offset, error))
+      if (reader->open(offset, error, stored))
         return reader;
     } catch (const std::bad_alloc&) {
       error = "no memory to read " + source_->path();

@@ -63,8 +63,10 @@ public:
                                              const Set_Cipher_ptr& cipher = nullptr);
   virtual ~Medium_Reader() = default;
 
-  /// A reader for the object whose FILE block lies at `offset`. Null with the reason when there is none there.
-  virtual std::unique_ptr<Object_Reader> object(unsigned long long offset, std::string& error) = 0;
+  /// A reader for the object whose FILE block lies at `offset`. Null with the reason when there is none there. Where it
+  /// is known that the object takes `stored` bytes, nothing behind them is read.
+  virtual std::unique_ptr<Object_Reader> object(unsigned long long offset, std::string& error,
+                                                unsigned long long stored = 0) = 0;
   /// Walks the medium block by block and tells `found`, which returns false to stop. Damage is reported with its place
   /// and length, and the walk goes on with the next block that holds. With `content` every object's bytes are read and
   /// checked. False when the medium cannot be read at all.

@@ -11,6 +11,8 @@
 
 using namespace MTF_Format;
 
+const Medium_Source::Watch* Medium_Source::watch_ = nullptr;
+
 Medium_Source::~Medium_Source() {
   if (fd_ >= 0)
     ::close(fd_);
@@ -36,6 +38,8 @@ std::shared_ptr<Medium_Source> Medium_Source::open(const std::string& path, std:
 }
 
 bool Medium_Source::read(unsigned long long offset, unsigned char* buffer, size_t size, std::string& error) const {
+  if (watch_ != nullptr)
+    (*watch_)(path_, offset, size);
   while (size != 0) {
     const ssize_t count = ::pread(fd_, buffer, size, static_cast<off_t>(offset));
     if (count < 0 && errno == EINTR)
@@ -60,12 +64,17 @@ const unsigned char* Medium_Window::at(unsigned long long offset, size_t size) {
              " bytes at " + std::to_string(offset);
     return nullptr;
   }
-  const size_t wanted =
-      static_cast<size_t>(std::min<unsigned long long>(std::max(size, ahead_), source_.size() - offset));
+  const unsigned long long end = std::min(limit_, source_.size());
+  const size_t ahead = end <= offset ? 0 : static_cast<size_t>(std::min<unsigned long long>(ahead_, end - offset));
+  const size_t wanted = std::max(size, ahead);
+  // What is there of it already stays.
+  const size_t kept = offset >= begin_ && offset - begin_ < used_ ? used_ - static_cast<size_t>(offset - begin_) : 0;
+  if (kept != 0)
+    std::memmove(bytes_.data(), bytes_.data() + (used_ - kept), kept);
   used_ = 0;
   if (bytes_.size() < wanted)
     bytes_.resize(wanted);
-  if (!source_.read(offset, bytes_.data(), wanted, error_)) {
+  if (!source_.read(offset + kept, bytes_.data() + kept, wanted - kept, error_)) {
     failed_ = true;
     return nullptr;
   }

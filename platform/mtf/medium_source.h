@@ -4,6 +4,7 @@
 #include "platform/mtf/medium_blocks.h"
 #include "platform/mtf/object_stream.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,14 +22,22 @@ public:
   const std::string& path() const { return path_; }
   const Set_Cipher* cipher() const { return cipher_.get(); }
 
+  /// Path, place and size of a read.
+  typedef std::function<void(const std::string&, unsigned long long, size_t)> Watch;
+  /// For tests of what is read and in which order: `told` of every read, by all threads, until it is null again. Not
+  /// while a medium is being read.
+  static void watch(const Watch* told) { watch_ = told; }
+
 private:
+  static const Watch* watch_;
   int fd_ = -1;
   unsigned long long size_ = 0;
   std::string path_;
   Set_Cipher_ptr cipher_;
 };
 
-/// A piece of a medium in memory that moves on with what is asked for. One thread.
+/// A piece of a medium in memory that moves on with what is asked for: whoever asks in order reads no byte twice. One
+/// thread.
 class Medium_Window {
 public:
   /// `ahead`: bytes that are read at once at least, where the medium has them.
@@ -36,6 +45,12 @@ public:
   /// The `size` bytes at `offset`, valid until the next call; null, with `error` set, when the medium has not so
   /// many, or cannot be read (`failed`).
   const unsigned char* at(unsigned long long offset, size_t size);
+  /// Nothing behind `end` is read ahead any more; what is asked for is read all the same.
+  void limit(unsigned long long end) { limit_ = end; }
+  /// Whether the bytes from `offset` on to `end` are in memory.
+  bool holds(unsigned long long offset, unsigned long long end) const {
+    return offset >= begin_ && end <= begin_ + used_;
+  }
   bool failed() const { return failed_; }
   const std::string& error() const { return error_; }
   const Medium_Source& source() const { return source_; }
@@ -45,6 +60,7 @@ private:
   size_t ahead_;
   std::vector<unsigned char> bytes_;
   unsigned long long begin_ = 0;
+  unsigned long long limit_ = ~0ull;
   size_t used_ = 0;
   bool failed_ = false;
   std::string error_;

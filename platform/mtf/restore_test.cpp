@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -304,6 +305,77 @@ TEST_P(Restore, everything_comes_back_byte_for_byte) {
   EXPECT_EQ(153u, events_->figure("listed"));
   // As many again clear the way for the next objects.
   EXPECT_EQ(8u, target_.made);
+}
+
+// Of a plain object that is larger than what is read at once, the checks that stand behind the content come first: no
+// byte of it is handed out unchecked.
+TEST_P(Restore, media_are_read_once_and_in_order) {
+  fill(120, 60000);
+  source_.add("b/large", std::string(3500000, 'L'));
+  source_.add("b2/empty", "");
+  back_up();
+  struct Read {
+    unsigned long long offset, end;
+  };
+  std::map<std::thread::id, std::map<std::string, std::vector<Read>>> reads;
+  std::mutex mutex;
+  const Medium_Source::Watch watch = [&](const std::string& path, unsigned long long offset, size_t size) {
+    std::lock_guard<std::mutex> guard(mutex);
+    reads[std::this_thread::get_id()][path].push_back({offset, offset + size});
+  };
+  Medium_Source::watch(&watch);
+  const bool done = run();
+  Medium_Source::watch(nullptr);
+  ASSERT_TRUE(done) << engine_->failure();
+  expect_restored(all());
+
+  std::map<std::string, std::map<unsigned long long, Catalog_Object>> objects; // by medium and place
+  const auto catalog = open_set_catalog(pool_, record_, error_);
+  ASSERT_TRUE(catalog) << error_;
+  ASSERT_TRUE(catalog->walk_media(
+      Catalog_Selection(),
+      [&](const Catalog_Object& object) {
+        objects[medium_of(record_, object.channel)][object.offset] = object;
+        return true;
+      },
+      error_));
+  std::map<std::string, std::map<unsigned long long, unsigned long long>> all; // all reads, by medium and place
+  for (const auto& [thread, by_medium] : reads)
+    for (const auto& [path, list] : by_medium) {
+      unsigned long long object = 0, behind = 0;
+      for (const Read& read : list) {
+        EXPECT_TRUE(all[path].emplace(read.offset, read.end).second) << path << " twice at " << read.offset;
+        auto at = objects[path].upper_bound(read.offset);
+        if (at == objects[path].begin())
+          continue; // the first blocks, which tell whose medium it is
+        --at;
+        const Catalog_Object& of = at->second;
+        EXPECT_LE(read.end, of.offset + of.stored) << "nothing of the next object";
+        EXPECT_GE(of.offset, object) << path << ": back to an object before";
+        if (of.offset != object)
+          behind = 0;
+        object = of.offset;
+        if (!GetParam() && read.end == of.offset + of.stored && read.offset != of.offset)
+          continue; // the checks behind a plain content
+        EXPECT_GE(read.offset, behind) << path << ": back inside an object";
+        behind = read.end;
+      }
+    }
+  unsigned long long bytes = 0, stored = 0;
+  for (const auto& [path, list] : all) {
+    unsigned long long end = 0;
+    for (const auto& [from, to] : list) {
+      EXPECT_GE(from, end) << path << ": a byte is read twice";
+      end = to;
+      bytes += to - from;
+    }
+  }
+  for (const auto& [path, list] : objects)
+    for (const auto& [at, object] : list)
+      stored += object.stored;
+  // All that was stored but padding, and the first blocks of each medium.
+  EXPECT_LE(bytes, stored + 4096 * objects.size());
+  EXPECT_GE(bytes, stored - 1024 * 122);
 }
 
 TEST_P(Restore, writers_are_as_many_as_asked_for_while_others_clear_the_way) {
