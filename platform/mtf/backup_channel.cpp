@@ -150,7 +150,7 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
     if (reader.null())
       reader = shared_.callback->make_file_reader();
     Object_Reading reading(reader, shared_.limits);
-    Reading_Outcome outcome = reading.open(path, item.size, item.mtime);
+    Reading_Outcome outcome = reading.open(path, item.listed_size, item.listed_mtime);
     if (outcome == Reading_Outcome::DONE) {
       const unsigned long long listed = item.size;
       take_status(item, reading);
@@ -263,7 +263,7 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
       if (!item.md5.empty())
         reading.expect_md5(item.md5);
     } else {
-      outcome = reading.open(path, item.size, item.mtime);
+      outcome = reading.open(path, item.listed_size, item.listed_mtime);
       if (outcome == Reading_Outcome::DONE) {
         take_status(item, reading);
       }

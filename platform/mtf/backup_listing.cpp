@@ -188,8 +188,8 @@ bool Backup_Listing::object(const Cat_Blk& block) {
   auto item = std::make_unique<Backup_Item>();
   item->folder = folder_;
   item->name = std::move(name);
-  item->size = size;
-  item->mtime = mtime;
+  item->size = item->listed_size = size;
+  item->mtime = item->listed_mtime = mtime;
   item->ordinal = ordinal_;
   item->older = std::move(older);
   return queue_.push(std::move(item));

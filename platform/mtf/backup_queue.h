@@ -24,8 +24,10 @@ struct Backup_Item {
   std::shared_ptr<const std::string> folder; ///< "bucket/a/", shared by the objects of one visit
   std::string name;
   unsigned long long ordinal = 0;
-  unsigned long long size = 0; ///< as listed, then as the answer said
-  long long mtime = 0;
+  unsigned long long listed_size = 0;
+  long long listed_mtime = 0;
+  unsigned long long size = 0;           ///< as listed, then as the answer said
+  long long mtime = 0;                   ///< the same
   MTF::File_Attributes attributes;       ///< what else belongs to it
   std::vector<std::string> not_had;      ///< of that, a text each
   std::unique_ptr<Catalog_Object> older; ///< what the base has of it; null: nothing that could be kept

@@ -135,8 +135,8 @@ Reading_Outcome Object_Reading::finish() {
   File_Blk block;
   Callback_Stat stat;
   unsigned long long size = 0;
-  const bool same = reader_->is_open() && reader_->handle_file_blk(block, size, stat) && size == size_ &&
-                    stat.mtime == mtime_;
+  const bool same =
+      reader_->is_open() && reader_->handle_file_blk(block, size, stat) && size == size_ && stat.mtime == mtime_;
   close();
   if (same && !has_expected_md5())
     return fail(EIO, "The service contradicts itself: what it sends as the object's " + std::to_string(size_) +
