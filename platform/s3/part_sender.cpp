@@ -1,6 +1,7 @@
 #include "platform/s3/part_sender.h"
 
 #include <cerrno>
+#include <utility>
 
 namespace s3 {
 
@@ -17,6 +18,16 @@ void Part_Sender::stop() {
   for (const Part& part : waiting_)
     endpoint_->ledger()->part_memory.give_back(part.data.size());
   waiting_.clear();
+  take_spare();
+}
+
+/// Memory of a part that was sent, which counts as the job's until here; or none.
+std::string Part_Sender::take_spare() {
+  std::string memory;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  memory.swap(spare_);
+  endpoint_->ledger()->part_memory.give_back(std::exchange(spare_charge_, 0));
+  return memory;
 }
 
 bool Part_Sender::failed() const {
@@ -43,8 +54,11 @@ bool Part_Sender::send(const std::string& id, std::string& data, const Name_Valu
   part.at = sent_;
   sent_ += data.size();
   part.data.swap(data);
-  if (hand_over(part))
+  std::string spare = take_spare();
+  if (hand_over(part)) {
+    data.swap(spare);
     return true;
+  }
   const bool done = send_now(part);
   // Its memory serves the next part.
   part.data.clear();
@@ -74,9 +88,12 @@ bool Part_Sender::hand_over(Part& part) {
 }
 
 bool Part_Sender::finish() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  done_.wait(lock, [this] { return (waiting_.empty() && busy_ == 0) || error_.number() != 0; });
-  return error_.number() == 0;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    done_.wait(lock, [this] { return (waiting_.empty() && busy_ == 0) || error_.number() != 0; });
+  }
+  take_spare();
+  return !failed();
 }
 
 void Part_Sender::work() {
@@ -91,9 +108,18 @@ void Part_Sender::work() {
     const size_t size = part.data.size();
     lock.unlock();
     send_now(part);
-    std::string().swap(part.data);
+    part.data.clear();
     lock.lock();
-    endpoint_->ledger()->part_memory.give_back(size);
+    // Fresh memory costs more than the copy into it.
+    if (spare_charge_ == 0) {
+      spare_.swap(part.data);
+      spare_charge_ = size;
+    } else {
+      lock.unlock();
+      std::string().swap(part.data);
+      lock.lock();
+      endpoint_->ledger()->part_memory.give_back(size);
+    }
     --busy_;
     done_.notify_all();
   }

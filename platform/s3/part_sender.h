@@ -26,7 +26,8 @@ public:
   Part_Sender(const Part_Sender&) = delete;
   Part_Sender& operator=(const Part_Sender&) = delete;
 
-  /// Sends the next part of the upload `id`; `data` is empty afterwards. False when this part or one before it failed.
+  /// Sends the next part of the upload `id`; `data` is empty afterwards, often with memory for another part.
+  /// False when this part or one before it failed.
   bool send(const std::string& id, std::string& data, const Name_Values& headers = {});
   /// Waits until all parts were sent. False when one failed.
   bool finish();
@@ -48,6 +49,7 @@ private:
   };
 
   bool hand_over(Part& part);
+  std::string take_spare();
   bool send_now(const Part& part);
   bool keep(const Part& part, const Outcome& outcome);
   void work();
@@ -66,6 +68,8 @@ private:
   unsigned busy_ = 0; ///< threads at a part
   std::vector<std::string> etags_;
   S3_Error error_;
+  std::string spare_;       ///< the memory of a part that was sent, for the next one
+  size_t spare_charge_ = 0; ///< bytes of the job's budget that it holds; 0: there is none
   Side_Threads threads_{"Part", mutex_, work_}; ///< the last: they use the others
 };
 
