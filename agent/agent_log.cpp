@@ -17,12 +17,17 @@ namespace {
 const char* priority_name(ACE_UINT32 type) {
   switch (type) {
   case LM_DEBUG:
-  case LM_TRACE: return "debug";
+  case LM_TRACE:
+    return "debug";
   case LM_INFO:
-  case LM_NOTICE: return "info";
-  case LM_WARNING: return "warning";
-  case LM_EMERGENCY: return "emergency";
-  default: return "error";
+  case LM_NOTICE:
+    return "info";
+  case LM_WARNING:
+    return "warning";
+  case LM_EMERGENCY:
+    return "emergency";
+  default:
+    return "error";
   }
 }
 
@@ -37,7 +42,7 @@ void write_all(int file, const std::string& text) {
     if (n < 0 && errno == EINTR)
       continue;
     if (n <= 0)
-      return;   // a log that cannot be written must not stop the work
+      return; // a log that cannot be written must not stop the work
     done += static_cast<size_t>(n);
   }
 }
@@ -75,9 +80,15 @@ Agent_Log::~Agent_Log() {
     ::close(file_);
 }
 
-int Agent_Log::open(const ACE_TCHAR*) { return 0; }
-int Agent_Log::reset() { return 0; }
-int Agent_Log::close() { return 0; }
+int Agent_Log::open(const ACE_TCHAR*) {
+  return 0;
+}
+int Agent_Log::reset() {
+  return 0;
+}
+int Agent_Log::close() {
+  return 0;
+}
 
 ssize_t Agent_Log::log(ACE_Log_Record& record) {
   std::string text(record.msg_data());

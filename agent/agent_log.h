@@ -33,7 +33,7 @@ private:
   int file_ = -1;
   Verbosity verbosity_ = QUIET;
   std::atomic<unsigned long long> errors_{0};
-  mutable std::mutex mutex_;        ///< guards the texts
+  mutable std::mutex mutex_; ///< guards the texts
   std::string first_error_;
   std::string last_error_;
 };

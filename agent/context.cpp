@@ -40,8 +40,9 @@ Store& Context::store() {
   store_ = Store::open(state_folder, error);
   if (!store_)
     throw Command_Error(error);
-  const Agent_Log::Verbosity level =
-      verbosity == 0 ? Agent_Log::QUIET : verbosity == 1 ? Agent_Log::VERBOSE : Agent_Log::DEBUG;
+  const Agent_Log::Verbosity level = verbosity == 0   ? Agent_Log::QUIET
+                                     : verbosity == 1 ? Agent_Log::VERBOSE
+                                                      : Agent_Log::DEBUG;
   if (!log_.start(state_folder + "/agent.log", level, error))
     throw Command_Error(error);
   Store::instance(store_.get());
@@ -77,8 +78,7 @@ JSON_RPC_Channel& Context::rpc() {
 void Context::lock_state() {
   store();
   std::string error;
-  std::shared_ptr<Process_Lock> lock =
-      Process_Lock::acquire(state_folder, "the state folder " + state_folder, error);
+  std::shared_ptr<Process_Lock> lock = Process_Lock::acquire(state_folder, "the state folder " + state_folder, error);
   if (!lock)
     throw Command_Error(error);
   locks_.push_back(std::move(lock));

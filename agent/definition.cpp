@@ -102,7 +102,9 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
       settings.archived != "request")
     reader.wrong("archived", "\"skip\", \"fail\" or \"request\"");
 
-  settings.type = type == "backup" ? JOB_DEFINITION_BACKUP : type == "restore" ? JOB_DEFINITION_RESTORE : JOB_DEFINITION_NONE;
+  settings.type = type == "backup"    ? JOB_DEFINITION_BACKUP
+                  : type == "restore" ? JOB_DEFINITION_RESTORE
+                                      : JOB_DEFINITION_NONE;
   if (settings.type == JOB_DEFINITION_NONE)
     reader.wrong("type", "\"backup\" or \"restore\"");
   if (!subtype.empty()) {

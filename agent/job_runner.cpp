@@ -45,12 +45,16 @@ Exit_Code exit_code(Job_State state, const Agent_Log& log) {
   case JOB_STATE_COMPLETED:
     // Whatever was logged as an error makes the run one that an operator should look at.
     return log.errors() > 0 ? EXIT_COMPLETED_WITH_ERRORS : EXIT_COMPLETED;
-  case JOB_STATE_COMPLETED_WITH_ERRORS: return EXIT_COMPLETED_WITH_ERRORS;
+  case JOB_STATE_COMPLETED_WITH_ERRORS:
+    return EXIT_COMPLETED_WITH_ERRORS;
   case JOB_STATE_SKIPPED:
-  case JOB_STATE_IDLE: return EXIT_COMPLETED;
+  case JOB_STATE_IDLE:
+    return EXIT_COMPLETED;
   case JOB_STATE_CANCELING:
-  case JOB_STATE_CANCELED: return EXIT_CANCELLED;
-  default: return EXIT_FAILED;
+  case JOB_STATE_CANCELED:
+    return EXIT_CANCELLED;
+  default:
+    return EXIT_FAILED;
   }
 }
 

@@ -36,7 +36,8 @@ bool Module::make(const std::string& path, const char* factory, Made<T>& object,
   Disposer disposer = nullptr;
   T* made = make_object(&disposer);
   if (made == nullptr || disposer == nullptr) {
-    error = "'" + path + "': '" + factory + "' made " + (made == nullptr ? "no object" : "an object without a disposer");
+    error =
+        "'" + path + "': '" + factory + "' made " + (made == nullptr ? "no object" : "an object without a disposer");
     return false;
   }
   object = Made<T>(made, disposer);

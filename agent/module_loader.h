@@ -41,7 +41,7 @@ private:
   template <typename T>
   bool make(const std::string& path, const char* factory, Made<T>& object, std::string& error);
 
-  Handle handle_;   ///< first member: closed after everything below is disposed of
+  Handle handle_; ///< first member: closed after everything below is disposed of
   Made<Instance_Handler> instance_handler_;
   Made<Job_Creator> job_creator_;
   Made<Object_Creator_T<YAJL_Handler>> backup_options_;

@@ -7,7 +7,9 @@
 
 namespace {
 
-std::string library(const std::string& name) { return std::string(OBS_LIBRARY_FOLDER "/") + name; }
+std::string library(const std::string& name) {
+  return std::string(OBS_LIBRARY_FOLDER "/") + name;
+}
 
 /// Loads a file that must be refused and returns the message.
 std::string refusal(const std::string& path) {
@@ -20,7 +22,9 @@ std::string refusal(const std::string& path) {
 
 } // namespace
 
-TEST(module_loader, missing_file_is_refused_by_name) { refusal("/nonexistent/module.so"); }
+TEST(module_loader, missing_file_is_refused_by_name) {
+  refusal("/nonexistent/module.so");
+}
 
 TEST(module_loader, text_file_is_refused_by_name) {
   const std::string path = testing::TempDir() + "no_module.so";

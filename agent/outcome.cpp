@@ -4,8 +4,8 @@
 
 namespace {
 
-const char* const FIGURES[] = {"listed",  "saved",      "unchanged",    "excluded", "skipped", "failed",
-                               "deleted", "bytes_read", "bytes_stored", "requests"};
+const char* const FIGURES[] = {"listed", "saved",   "unchanged",  "excluded",     "skipped",
+                               "failed", "deleted", "bytes_read", "bytes_stored", "requests"};
 /// More than this many problems are not read on a terminal; all of them are in the JSON.
 constexpr size_t ERRORS_SHOWN = 20;
 
@@ -26,10 +26,14 @@ std::string human_bytes(unsigned long long bytes) {
 
 const char* Outcome::name() const {
   switch (code) {
-  case EXIT_COMPLETED: return "completed";
-  case EXIT_COMPLETED_WITH_ERRORS: return "completed with errors";
-  case EXIT_CANCELLED: return "cancelled";
-  default: return "failed";
+  case EXIT_COMPLETED:
+    return "completed";
+  case EXIT_COMPLETED_WITH_ERRORS:
+    return "completed with errors";
+  case EXIT_CANCELLED:
+    return "cancelled";
+  default:
+    return "failed";
   }
 }
 

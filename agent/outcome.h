@@ -16,9 +16,9 @@ enum Exit_Code {
 /// The account of one run, as it is printed and as it stands in JSON.
 struct Outcome {
   Exit_Code code = EXIT_FAILED;
-  std::string failure;               ///< why it failed, one line; empty otherwise
-  std::string set;                   ///< uuid of the set; empty when there is none
-  json_spirit::Object figures;       ///< as the engine gave them; may lack members
+  std::string failure;         ///< why it failed, one line; empty otherwise
+  std::string set;             ///< uuid of the set; empty when there is none
+  json_spirit::Object figures; ///< as the engine gave them; may lack members
 
   /// "completed", "completed with errors", "cancelled" or "failed".
   const char* name() const;

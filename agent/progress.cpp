@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr double TERMINAL_INTERVAL = 0.2;   ///< seconds
+constexpr double TERMINAL_INTERVAL = 0.2; ///< seconds
 constexpr double LOG_INTERVAL = 10;
 
 } // namespace

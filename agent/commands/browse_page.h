@@ -8,15 +8,15 @@
 /// One page of what an account holds now, as the module answers "obs.list".
 struct Browse_Page {
   struct File {
-    std::string name;                  ///< behind the asked path
-    unsigned long long size = 0;       ///< bytes
-    std::string mtime;                 ///< "%Y-%m-%d %H:%M:%S", UTC
+    std::string name;            ///< behind the asked path
+    unsigned long long size = 0; ///< bytes
+    std::string mtime;           ///< "%Y-%m-%d %H:%M:%S", UTC
   };
-  std::vector<std::string> folders;    ///< "/bucket/" at the root, else behind the asked path
+  std::vector<std::string> folders; ///< "/bucket/" at the root, else behind the asked path
   std::vector<File> files;
   bool truncated = false;
-  std::string marker;                  ///< where the next page begins
-  json_spirit::Object json;            ///< the answer itself
+  std::string marker;       ///< where the next page begins
+  json_spirit::Object json; ///< the answer itself
 };
 
 /// Asks for the page of `path` ("": the buckets) behind `marker`; `limit` 0: the service's own page. Throws

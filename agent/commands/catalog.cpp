@@ -21,8 +21,8 @@ struct Place {
   std::string uri;
 };
 
-/// The set of that name, or the folder of that path, absolute or inside one of the pools: a set whose record is lost has
-/// no name.
+/// The set of that name, or the folder of that path, absolute or inside one of the pools: a set whose record is lost
+/// has no name.
 Place find_place(Context& context, const std::string& name) {
   Place place;
   std::string error;

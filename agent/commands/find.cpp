@@ -20,8 +20,7 @@ struct Find_Arguments {
 
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
   if (!context.json) {
-    print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path +
-                flags_text(object));
+    print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + flags_text(object));
     return;
   }
   json_spirit::Object line = object_json(object);
@@ -102,7 +101,9 @@ void add_find_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Find_Arguments>();
   CLI::App* command = app.add_subcommand(
       "find", "Find objects in sets: when they were there, when they were gone, and which versions are held");
-  command->add_option("glob", arguments->glob, "/bucket/key with *, ? and **; without the leading / it matches at any depth")
+  command
+      ->add_option("glob", arguments->glob,
+                   "/bucket/key with *, ? and **; without the leading / it matches at any depth")
       ->required()
       ->type_name("GLOB");
   CLI::Option* set = command->add_option("--set", arguments->set, "In this set only")->type_name("SET");

@@ -37,8 +37,8 @@ void print_objects(const Context& context, Catalog_Reader& catalog, const Catalo
     return true;
   };
   // All of a set comes as it was listed; a selection as it lies on the media, each object once.
-  const bool walked = selection.everything() ? catalog.walk(std::string(), print, error)
-                                             : catalog.walk_media(selection, print, error);
+  const bool walked =
+      selection.everything() ? catalog.walk(std::string(), print, error) : catalog.walk_media(selection, print, error);
   if (!walked)
     throw Command_Error(error);
 }
@@ -65,8 +65,8 @@ void restore_dry_run(Context& context, const Account& account, Catalog_Reader& c
   json_spirit::Array collisions;
   std::string text;
   for (const Collision& one : plan.collisions()) {
-    collisions.push_back(json_spirit::Object{
-        {"first", "/" + one.first}, {"second", "/" + one.second}, {"target", "/" + one.target}});
+    collisions.push_back(
+        json_spirit::Object{{"first", "/" + one.first}, {"second", "/" + one.second}, {"target", "/" + one.target}});
     text += "collision: '/" + one.first + "' and '/" + one.second + "' would both become '/" + one.target + "'\n";
   }
   for (const std::string& path : absent)
@@ -85,5 +85,7 @@ void restore_dry_run(Context& context, const Account& account, Catalog_Reader& c
   json["collisions"] = collisions;
   json["collision_count"] = plan.collision_count();
   context.print(json, text);
-  context.exit_code = plan.collision_count() != 0 ? EXIT_FAILED : absent.empty() ? EXIT_COMPLETED : EXIT_COMPLETED_WITH_ERRORS;
+  context.exit_code = plan.collision_count() != 0 ? EXIT_FAILED
+                      : absent.empty()            ? EXIT_COMPLETED
+                                                  : EXIT_COMPLETED_WITH_ERRORS;
 }

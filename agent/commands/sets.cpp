@@ -60,8 +60,8 @@ std::string set_line(const Set& set, const Names& names) {
   std::string line = set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) +
                      " objects  " + human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) +
                      " stored)";
-  for (const std::string& name : {Names::of(names.accounts, set.account_uuid), Names::of(names.pools, set.pool_uuid),
-                                  set.minor_resource_name})
+  for (const std::string& name :
+       {Names::of(names.accounts, set.account_uuid), Names::of(names.pools, set.pool_uuid), set.minor_resource_name})
     line += "  " + (name.empty() ? std::string("-") : name);
   for (char& c : line)
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
@@ -194,10 +194,13 @@ void ls(Context& context, const std::string& set_id, const std::string& given_pa
     list_folder(*catalog, path, printer);
     return;
   }
-  const bool walked = catalog->walk(path, [&printer](const Catalog_Object& object) {
-    printer.object(object);
-    return true;
-  }, error);
+  const bool walked = catalog->walk(
+      path,
+      [&printer](const Catalog_Object& object) {
+        printer.object(object);
+        return true;
+      },
+      error);
   if (!walked)
     throw Command_Error(error);
 }

@@ -180,8 +180,11 @@ void add_verify_command(CLI::App& app, Context& context) {
       ->type_name("N%")
       ->capture_default_str();
   check->add_flag("--mark", arguments->mark, "Have the next incremental backup store anew what is damaged");
-  CLI::Option* seed = check->add_option("--seed", arguments->seed, "The sample of an earlier run again, by the number it printed; a new one each time unless given")
-                          ->type_name("N");
+  CLI::Option* seed =
+      check
+          ->add_option("--seed", arguments->seed,
+                       "The sample of an earlier run again, by the number it printed; a new one each time unless given")
+          ->type_name("N");
   check->callback([&context, arguments, seed] {
     arguments->seed_given = seed->count() != 0;
     verify(context, *arguments);

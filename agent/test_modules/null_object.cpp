@@ -1,6 +1,8 @@
 // A module whose factories are all there but make nothing.
-#define FACTORY(name) \
-  extern "C" void* name(void (**)(void*)) { return nullptr; }
+#define FACTORY(name)                                                                                                  \
+  extern "C" void* name(void (**)(void*)) {                                                                            \
+    return nullptr;                                                                                                    \
+  }
 
 FACTORY(_make_OBS_Instance_Handler)
 FACTORY(_make_OBS_Job_Creator)

@@ -17,7 +17,10 @@ constexpr size_t MAX_HEAD = 64 * 1024;
 constexpr uint64_t SMALL = 64 * 1024;
 
 int digit(char c) {
-  return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+  return c >= '0' && c <= '9'   ? c - '0'
+         : c >= 'a' && c <= 'f' ? c - 'a' + 10
+         : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                : -1;
 }
 
 std::string decode(std::string_view text, bool plus) {
@@ -98,9 +101,9 @@ bool Connection::parse_head() {
     target.remove_prefix(target.find_first_of("?&") + 1);
     const std::string_view one = target.substr(0, target.find('&'));
     const size_t equals = one.find('=');
-    request_.query.emplace_back(
-        decode(one.substr(0, equals), true),
-        equals == std::string_view::npos ? std::string() : decode(one.substr(equals + 1), true));
+    request_.query.emplace_back(decode(one.substr(0, equals), true), equals == std::string_view::npos
+                                                                         ? std::string()
+                                                                         : decode(one.substr(equals + 1), true));
     if (target.find('&') == std::string_view::npos)
       break;
   }
@@ -162,7 +165,8 @@ void Connection::send(const Pattern* patterns, uint64_t pattern_size) {
     } else if (answer_.pattern_left != 0) {
       off_t at = static_cast<off_t>(answer_.pattern_at);
       const uint64_t piece = std::min(answer_.pattern_left, pattern_size - answer_.pattern_at);
-      count = ::sendfile(fd_, patterns[answer_.pattern].fd, &at, static_cast<size_t>(std::min<uint64_t>(piece, 4 << 20)));
+      count =
+          ::sendfile(fd_, patterns[answer_.pattern].fd, &at, static_cast<size_t>(std::min<uint64_t>(piece, 4 << 20)));
       if (count > 0) {
         answer_.pattern_left -= static_cast<uint64_t>(count);
         answer_.pattern_at = (answer_.pattern_at + static_cast<uint64_t>(count)) % pattern_size;

@@ -17,8 +17,8 @@
 #include <unordered_map>
 
 // An S3 service for measurements: buckets that are made up as they are asked for, next to no CPU, and as much delay
-// before each answer as is asked for. Any signature is accepted. It listens on 127.0.0.1, prints its port, and ends when
-// its standard input does.
+// before each answer as is asked for. Any signature is accepted. It listens on 127.0.0.1, prints its port, and ends
+// when its standard input does.
 //
 //   s3-source NAME:TREE:SIZE[:text]...      TREE: 100x100x100 folders, folders, objects
 //   PUT /NAME                               a bucket that takes what is written to it and keeps the sizes
@@ -49,9 +49,9 @@ Pattern make_pattern(bool text) {
   if (at == MAP_FAILED)
     give_up("pattern");
   char* const bytes = static_cast<char*>(at);
-  static const char* const words[] = {"object ", "storage ", "backup ", "2026-01-01 ", "information ", "of ", "the ",
-                                      "failed\n", "request ", "10.0.0.1 ", "and ", "GET /", "status=200 ", "user ",
-                                      "latency ", "\n"};
+  static const char* const words[] = {"object ",     "storage ", "backup ",  "2026-01-01 ", "information ", "of ",
+                                      "the ",        "failed\n", "request ", "10.0.0.1 ",   "and ",         "GET /",
+                                      "status=200 ", "user ",    "latency ", "\n"};
   uint64_t x = 0x9E3779B97F4A7C15ull;
   for (uint64_t i = 0; i < PATTERN;) {
     x ^= x << 13;

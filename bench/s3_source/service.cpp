@@ -18,7 +18,8 @@ uint64_t hash_of(std::string_view text) {
 }
 
 /// Not the form of an MD5, so that nobody tries to compare it with one.
-/// Neither a digest of the content, which nobody computes, nor one of an object in parts, which clients would restore so.
+/// Neither a digest of the content, which nobody computes, nor one of an object in parts, which clients would restore
+/// so.
 std::string etag_of(std::string_view key) {
   char text[40];
   std::snprintf(text, sizeof text, "\"%016llx.made-up\"", static_cast<unsigned long long>(hash_of(key)));
@@ -26,8 +27,8 @@ std::string etag_of(std::string_view key) {
 }
 
 void finish(Answer& answer, int status, const char* reason, std::string_view headers, std::string_view document) {
-  answer.head = "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\nServer: s3-source\r\nContent-Length: " +
-                std::to_string(document.size()) + "\r\n";
+  answer.head = "HTTP/1.1 " + std::to_string(status) + " " + reason +
+                "\r\nServer: s3-source\r\nContent-Length: " + std::to_string(document.size()) + "\r\n";
   if (!document.empty())
     answer.head += "Content-Type: application/xml\r\n";
   answer.head.append(headers).append("\r\n").append(document);

@@ -12,7 +12,7 @@
 /// A request as far as the service needs it.
 struct Request {
   std::string method;
-  std::string path; ///< decoded
+  std::string path;                                       ///< decoded
   std::vector<std::pair<std::string, std::string>> query; ///< decoded
   std::string range;
   uint64_t body_size = 0;
@@ -24,9 +24,9 @@ struct Request {
 
 /// An answer: head and document, then bytes of a pattern.
 struct Answer {
-  std::string head;         ///< with the document, where there is one
-  int pattern = -1;         ///< which of the patterns
-  uint64_t pattern_at = 0;  ///< where the first byte comes from, within the pattern
+  std::string head;        ///< with the document, where there is one
+  int pattern = -1;        ///< which of the patterns
+  uint64_t pattern_at = 0; ///< where the first byte comes from, within the pattern
   uint64_t pattern_left = 0;
 };
 

@@ -49,14 +49,30 @@ void __sanitizer_cov_trace_pc() {
   count = static_cast<unsigned char>(count + (count != 255));
   last_place = hash >> 1;
 }
-void __sanitizer_cov_trace_cmp1(uint8_t a, uint8_t b) { note(a, b, 1); }
-void __sanitizer_cov_trace_cmp2(uint16_t a, uint16_t b) { note(a, b, 2); }
-void __sanitizer_cov_trace_cmp4(uint32_t a, uint32_t b) { note(a, b, 4); }
-void __sanitizer_cov_trace_cmp8(uint64_t a, uint64_t b) { note(a, b, 8); }
-void __sanitizer_cov_trace_const_cmp1(uint8_t a, uint8_t b) { note(a, b, 1); }
-void __sanitizer_cov_trace_const_cmp2(uint16_t a, uint16_t b) { note(a, b, 2); }
-void __sanitizer_cov_trace_const_cmp4(uint32_t a, uint32_t b) { note(a, b, 4); }
-void __sanitizer_cov_trace_const_cmp8(uint64_t a, uint64_t b) { note(a, b, 8); }
+void __sanitizer_cov_trace_cmp1(uint8_t a, uint8_t b) {
+  note(a, b, 1);
+}
+void __sanitizer_cov_trace_cmp2(uint16_t a, uint16_t b) {
+  note(a, b, 2);
+}
+void __sanitizer_cov_trace_cmp4(uint32_t a, uint32_t b) {
+  note(a, b, 4);
+}
+void __sanitizer_cov_trace_cmp8(uint64_t a, uint64_t b) {
+  note(a, b, 8);
+}
+void __sanitizer_cov_trace_const_cmp1(uint8_t a, uint8_t b) {
+  note(a, b, 1);
+}
+void __sanitizer_cov_trace_const_cmp2(uint16_t a, uint16_t b) {
+  note(a, b, 2);
+}
+void __sanitizer_cov_trace_const_cmp4(uint32_t a, uint32_t b) {
+  note(a, b, 4);
+}
+void __sanitizer_cov_trace_const_cmp8(uint64_t a, uint64_t b) {
+  note(a, b, 8);
+}
 void __sanitizer_cov_trace_cmpf(float, float) {}
 void __sanitizer_cov_trace_cmpd(double, double) {}
 void __sanitizer_cov_trace_switch(uint64_t value, uint64_t* cases) {

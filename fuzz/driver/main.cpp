@@ -18,10 +18,11 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr size_t MAX_INPUT = 256 * 1024;
-const char* const USAGE = "usage: fuzz_TARGET [--seconds N] [--seed N] [--findings DIR] [--keep DIR] [--limit N] CORPUS...\n"
-                          "  CORPUS: folders and files to begin with. Without --seconds they are only run.\n"
-                          "  --keep: where inputs that reach something new are put, and taken from\n"
-                          "  --limit: seconds of the processor that one input may take (20)\n";
+const char* const USAGE =
+    "usage: fuzz_TARGET [--seconds N] [--seed N] [--findings DIR] [--keep DIR] [--limit N] CORPUS...\n"
+    "  CORPUS: folders and files to begin with. Without --seconds they are only run.\n"
+    "  --keep: where inputs that reach something new are put, and taken from\n"
+    "  --limit: seconds of the processor that one input may take (20)\n";
 
 struct Settings {
   double seconds = 0;

@@ -13,9 +13,9 @@ std::string bytes_of(uint64_t value, unsigned size, bool reversed) {
   return bytes;
 }
 
-constexpr uint64_t EDGES[] = {0,          1,          2,          0x7F,       0x80,       0xFF,
-                              0x100,      0x3FF,      0x400,      0x7FFF,     0x8000,     0xFFFF,
-                              0x10000,    0x100000,   0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x100000000,
+constexpr uint64_t EDGES[] = {0,          1,           2,          0x7F,       0x80,       0xFF,
+                              0x100,      0x3FF,       0x400,      0x7FFF,     0x8000,     0xFFFF,
+                              0x10000,    0x100000,    0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x100000000,
                               ~0ull >> 1, ~0ull << 63, ~0ull - 21, ~0ull};
 
 } // namespace

@@ -57,7 +57,7 @@ void list_all(Catalog_Reader& catalog, const std::string& path, unsigned depth, 
 } // namespace
 
 const std::vector<std::string>& fuzz_words() {
-  static const std::vector<std::string> words = {"CREATE TABLE", "objects", "folders", "visits", "meta",
+  static const std::vector<std::string> words = {"CREATE TABLE",    "objects",       "folders", "visits", "meta",
                                                  "SQLite format 3", "WITHOUT ROWID", "bucket/", "INTEGER"};
   return words;
 }
@@ -87,7 +87,8 @@ void fuzz_one(std::string_view input) {
         return ++told < MANY;
       },
       error);
-  catalog->walk("bucket/a/", [&](const Catalog_Object&) { return ++told < MANY; }, error);
+  catalog->walk(
+      "bucket/a/", [&](const Catalog_Object&) { return ++told < MANY; }, error);
 
   Catalog_Object object;
   for (const std::string& path : paths) {
@@ -102,10 +103,12 @@ void fuzz_one(std::string_view input) {
   catalog->has_folder("bucket/a/", error);
 
   Catalog_Selection selection;
-  catalog->walk_media(selection, [&](const Catalog_Object&) { return ++told < 2 * MANY; }, error);
+  catalog->walk_media(
+      selection, [&](const Catalog_Object&) { return ++told < 2 * MANY; }, error);
   selection.folders = {"bucket/a/", "bucket/nowhere/"};
   selection.objects = paths;
-  catalog->walk_media(selection, [&](const Catalog_Object&) { return ++told < 3 * MANY; }, error);
+  catalog->walk_media(
+      selection, [&](const Catalog_Object&) { return ++told < 3 * MANY; }, error);
   unsigned long long objects = 0, bytes = 0;
   std::vector<std::string> unmatched;
   catalog->count(selection, objects, bytes, unmatched, error);

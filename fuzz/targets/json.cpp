@@ -28,8 +28,11 @@ void define(const std::string& text) {
 bool is_utf8(std::string_view text) {
   for (size_t i = 0; i < text.size();) {
     const unsigned char c = static_cast<unsigned char>(text[i]);
-    const size_t more = c < 0x80 ? 0 : c >= 0xC2 && c < 0xE0 ? 1 : c >= 0xE0 && c < 0xF0 ? 2 : c >= 0xF0 && c < 0xF5 ? 3
-                                                                                                                 : 9;
+    const size_t more = c < 0x80                ? 0
+                        : c >= 0xC2 && c < 0xE0 ? 1
+                        : c >= 0xE0 && c < 0xF0 ? 2
+                        : c >= 0xF0 && c < 0xF5 ? 3
+                                                : 9;
     if (more == 9 || text.size() - i <= more)
       return false;
     for (size_t k = 1; k <= more; ++k)
@@ -59,8 +62,8 @@ void message(const json_spirit::Value& value) {
   const json_spirit::Object& object = value.get_obj();
   const json_spirit::Value* params = json_spirit::find(object, "params");
   const json_spirit::Value* id = json_spirit::find(object, "id");
-  const JSON_RPC_Request request(json_spirit::optional_str(object, "method"),
-                                 params ? *params : json_spirit::Value(), id ? *id : json_spirit::Value());
+  const JSON_RPC_Request request(json_spirit::optional_str(object, "method"), params ? *params : json_spirit::Value(),
+                                 id ? *id : json_spirit::Value());
   JSON_RPC_Object_var reply;
   if (channel.request(request, reply) != 0)
     return;
@@ -92,16 +95,57 @@ void rules(const json_spirit::Value& value) {
 } // namespace
 
 const std::vector<std::string>& fuzz_words() {
-  static const std::vector<std::string> words = {
-      "{", "}", "[", "]", ":", ",", "\"\"", "null", "true", "false", "-9223372036854775808", "18446744073709551615",
-      "1e308", "0.1", "\\u0000", "\\ud800", "\\udc00", "\"id\":", "\"name\":", "\"catalog_id\":", "\"backup_minor_resource_id\":", "\"backup_host_id\":",
-      "\"backup_definition_id\":", "\"pool_uuid\":", "\"seq\":", "\"entries\":", "\"dir\":", "\"file\":",
-      "\"bucket_maps\":", "\"source\":", "\"target\":", "\"prefix\":", "\"existing\":",
-      "\"standalone\":", "\"cache_dir\":", "\"channels\":", "\"compression\":", "\"compression_level\":",
-      "\"exclusion\":", "\"inclusion\":", "\"list_cache_limits\":", "\"scan_file_threads\":",
-      "\"minor_resource_id\":", "\"minor_resource_name\":",
-      "\"method\":\"echo\"",
-      "\"params\":", "**/", "*", "?", "http://", "/bucket/"};
+  static const std::vector<std::string> words = {"{",
+                                                 "}",
+                                                 "[",
+                                                 "]",
+                                                 ":",
+                                                 ",",
+                                                 "\"\"",
+                                                 "null",
+                                                 "true",
+                                                 "false",
+                                                 "-9223372036854775808",
+                                                 "18446744073709551615",
+                                                 "1e308",
+                                                 "0.1",
+                                                 "\\u0000",
+                                                 "\\ud800",
+                                                 "\\udc00",
+                                                 "\"id\":",
+                                                 "\"name\":",
+                                                 "\"catalog_id\":",
+                                                 "\"backup_minor_resource_id\":",
+                                                 "\"backup_host_id\":",
+                                                 "\"backup_definition_id\":",
+                                                 "\"pool_uuid\":",
+                                                 "\"seq\":",
+                                                 "\"entries\":",
+                                                 "\"dir\":",
+                                                 "\"file\":",
+                                                 "\"bucket_maps\":",
+                                                 "\"source\":",
+                                                 "\"target\":",
+                                                 "\"prefix\":",
+                                                 "\"existing\":",
+                                                 "\"standalone\":",
+                                                 "\"cache_dir\":",
+                                                 "\"channels\":",
+                                                 "\"compression\":",
+                                                 "\"compression_level\":",
+                                                 "\"exclusion\":",
+                                                 "\"inclusion\":",
+                                                 "\"list_cache_limits\":",
+                                                 "\"scan_file_threads\":",
+                                                 "\"minor_resource_id\":",
+                                                 "\"minor_resource_name\":",
+                                                 "\"method\":\"echo\"",
+                                                 "\"params\":",
+                                                 "**/",
+                                                 "*",
+                                                 "?",
+                                                 "http://",
+                                                 "/bucket/"};
   return words;
 }
 

@@ -63,13 +63,40 @@ std::string buckets(std::string_view document, size_t piece) {
 } // namespace
 
 const std::vector<std::string>& fuzz_words() {
-  static const std::vector<std::string> words = {
-      "<ListBucketResult>", "</ListBucketResult>", "<Contents>", "</Contents>", "<Key>", "</Key>", "<Size>", "</Size>",
-      "<LastModified>2009-10-12T17:50:30.000Z</LastModified>", "<ETag>", "</ETag>", "<CommonPrefixes>",
-      "</CommonPrefixes>", "<Prefix>", "</Prefix>", "<EncodingType>url</EncodingType>",
-      "<IsTruncated>true</IsTruncated>", "<NextMarker>", "</NextMarker>", "<Owner><ID>", "</ID></Owner>", "<Error>",
-      "<Code>", "<!DOCTYPE a [", "<!ENTITY b \"c\">", "&amp;", "&#x1;", "&#65534;", "<![CDATA[", "]]>", "%2F", "%00",
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>", "xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\""};
+  static const std::vector<std::string> words = {"<ListBucketResult>",
+                                                 "</ListBucketResult>",
+                                                 "<Contents>",
+                                                 "</Contents>",
+                                                 "<Key>",
+                                                 "</Key>",
+                                                 "<Size>",
+                                                 "</Size>",
+                                                 "<LastModified>2009-10-12T17:50:30.000Z</LastModified>",
+                                                 "<ETag>",
+                                                 "</ETag>",
+                                                 "<CommonPrefixes>",
+                                                 "</CommonPrefixes>",
+                                                 "<Prefix>",
+                                                 "</Prefix>",
+                                                 "<EncodingType>url</EncodingType>",
+                                                 "<IsTruncated>true</IsTruncated>",
+                                                 "<NextMarker>",
+                                                 "</NextMarker>",
+                                                 "<Owner><ID>",
+                                                 "</ID></Owner>",
+                                                 "<Error>",
+                                                 "<Code>",
+                                                 "<!DOCTYPE a [",
+                                                 "<!ENTITY b \"c\">",
+                                                 "&amp;",
+                                                 "&#x1;",
+                                                 "&#65534;",
+                                                 "<![CDATA[",
+                                                 "]]>",
+                                                 "%2F",
+                                                 "%00",
+                                                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>",
+                                                 "xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\""};
   return words;
 }
 

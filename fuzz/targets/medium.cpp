@@ -110,7 +110,8 @@ void fuzz_one(std::string_view input) {
   const bool checked = check_medium(
       file.path(), [&](const Media_Problem&) { return ++problems < 10000; }, figures, error);
   unsigned long long lines = 0;
-  dump_medium(file.path(), [&](const std::string&) { return ++lines < 10000; }, error);
+  dump_medium(
+      file.path(), [&](const std::string&) { return ++lines < 10000; }, error);
 
   const auto medium = Medium_Reader::open(file.path(), 0, error);
   if (!medium) {

@@ -6,8 +6,21 @@
 
 const std::vector<std::string>& fuzz_words() {
   static const std::vector<std::string> words = [] {
-    std::vector<std::string> all = {"{", "}", "[", "]", ":", ",", "\"", "null", "true", "1e9", "-1", "\\u0000",
-                                    "18446744073709551615", "18446744073709551616", "\"../x\""};
+    std::vector<std::string> all = {"{",
+                                    "}",
+                                    "[",
+                                    "]",
+                                    ":",
+                                    ",",
+                                    "\"",
+                                    "null",
+                                    "true",
+                                    "1e9",
+                                    "-1",
+                                    "\\u0000",
+                                    "18446744073709551615",
+                                    "18446744073709551616",
+                                    "\"../x\""};
     for (const auto& member : Set_Record().to_json())
       all.push_back("\"" + member.first + "\":");
     return all;

@@ -70,7 +70,7 @@ std::unique_ptr<Catalog_Moves> Catalog_Moves::open(const std::string& folder, st
   error.clear();
   Catalog_Statement there;
   if (!moves->own_->open(folder + "/" + catalog::FILE_NAME, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, error,
-                          cipher) ||
+                         cipher) ||
       !there.prepare(moves->db_->get(), "SELECT count(*) FROM sqlite_master WHERE name='moved_sets'", error))
     return nullptr;
   if (there.step() != SQLITE_ROW) {

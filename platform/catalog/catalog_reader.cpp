@@ -559,7 +559,7 @@ private:
   int version_ = 0;
   Catalog_Statement text_;
   std::unordered_map<unsigned long long, std::string> texts_; ///< of attributes, by id
-  unsigned long long last_id_ = 0; ///< of the text asked for last; 0: none
+  unsigned long long last_id_ = 0;                            ///< of the text asked for last; 0: none
   const std::string* last_text_ = nullptr;
   Catalog_Counts counts_;
   std::vector<Catalog_Set> sets_;

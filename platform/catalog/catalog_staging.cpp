@@ -6,14 +6,14 @@
 std::unique_ptr<Catalog_Staging> Catalog_Staging::make(std::string& error, const Set_Cipher_ptr& cipher) {
   std::unique_ptr<Catalog_Staging> staging(new Catalog_Staging);
   // An empty name makes a database of its own that spills to a temporary file.
-  if (staging->db_.open("", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, error,
-                        cipher) &&
+  if (staging->db_.open("", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, error, cipher) &&
       staging->db_.execute("PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; PRAGMA cache_size=-8192;"
                            "CREATE TABLE objects(ordinal INTEGER PRIMARY KEY, path BLOB, size INTEGER, mtime INTEGER,"
                            "place INTEGER, channel INTEGER, position INTEGER, stored INTEGER, sha256 BLOB,"
                            "flags INTEGER, common BLOB, own BLOB); BEGIN",
                            error) &&
-      staging->add_.prepare(staging->db_.get(), "INSERT OR IGNORE INTO objects VALUES(?,?,?,?,?,?,?,?,?,?,?,?)", error) &&
+      staging->add_.prepare(staging->db_.get(), "INSERT OR IGNORE INTO objects VALUES(?,?,?,?,?,?,?,?,?,?,?,?)",
+                            error) &&
       staging->read_.prepare(staging->db_.get(), "SELECT * FROM objects ORDER BY ordinal", error))
     return staging;
   return nullptr;

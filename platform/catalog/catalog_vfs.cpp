@@ -74,9 +74,7 @@ public:
   using Sealed_File::Sealed_File;
 
   /// Makes the key of a file that is to be written.
-  bool begin() {
-    return random_bytes(salt_, sizeof salt_) && take_salt(reinterpret_cast<const char*>(salt_));
-  }
+  bool begin() { return random_bytes(salt_, sizeof salt_) && take_salt(reinterpret_cast<const char*>(salt_)); }
   int read(unsigned char* out, int size, sqlite3_int64 offset) override;
   int write(const unsigned char* in, int size, sqlite3_int64 offset) override;
 
@@ -126,8 +124,8 @@ bool Page_File::open_page(sqlite3_int64 number, const unsigned char* raw, unsign
   if (number == 1)
     have_key_ = false;
   if (std::memcmp(raw + AT_CHECK, check_, CHECK) != 0)
-    layer_.fail(SQLITE_IOERR_READ, page + " was not encrypted for the set " + layer_.cipher().set_uuid() +
-                                       ", or it is damaged");
+    layer_.fail(SQLITE_IOERR_READ,
+                page + " was not encrypted for the set " + layer_.cipher().set_uuid() + ", or it is damaged");
   else
     layer_.fail(SQLITE_IOERR_READ, page + " is damaged");
   return false;
@@ -244,11 +242,15 @@ struct File_Handle {
   sqlite3_file file;
   Sealed_File* sealed;
 };
-constexpr size_t HANDLE = (sizeof(File_Handle) + alignof(std::max_align_t) - 1) / alignof(std::max_align_t) *
-                          alignof(std::max_align_t);
+constexpr size_t HANDLE =
+    (sizeof(File_Handle) + alignof(std::max_align_t) - 1) / alignof(std::max_align_t) * alignof(std::max_align_t);
 
-Sealed_File& sealed(sqlite3_file* file) { return *reinterpret_cast<File_Handle*>(file)->sealed; }
-sqlite3_file* real(sqlite3_file* file) { return sealed(file).real(); }
+Sealed_File& sealed(sqlite3_file* file) {
+  return *reinterpret_cast<File_Handle*>(file)->sealed;
+}
+sqlite3_file* real(sqlite3_file* file) {
+  return sealed(file).real();
+}
 
 int file_close(sqlite3_file* file) {
   sqlite3_file* const base = real(file);
@@ -269,12 +271,24 @@ int file_write(sqlite3_file* file, const void* in, int size, sqlite3_int64 offse
     return SQLITE_IOERR_NOMEM;
   }
 }
-int file_truncate(sqlite3_file* file, sqlite3_int64 size) { return real(file)->pMethods->xTruncate(real(file), size); }
-int file_sync(sqlite3_file* file, int flags) { return real(file)->pMethods->xSync(real(file), flags); }
-int file_size(sqlite3_file* file, sqlite3_int64* size) { return real(file)->pMethods->xFileSize(real(file), size); }
-int file_lock(sqlite3_file* file, int level) { return real(file)->pMethods->xLock(real(file), level); }
-int file_unlock(sqlite3_file* file, int level) { return real(file)->pMethods->xUnlock(real(file), level); }
-int file_reserved(sqlite3_file* file, int* out) { return real(file)->pMethods->xCheckReservedLock(real(file), out); }
+int file_truncate(sqlite3_file* file, sqlite3_int64 size) {
+  return real(file)->pMethods->xTruncate(real(file), size);
+}
+int file_sync(sqlite3_file* file, int flags) {
+  return real(file)->pMethods->xSync(real(file), flags);
+}
+int file_size(sqlite3_file* file, sqlite3_int64* size) {
+  return real(file)->pMethods->xFileSize(real(file), size);
+}
+int file_lock(sqlite3_file* file, int level) {
+  return real(file)->pMethods->xLock(real(file), level);
+}
+int file_unlock(sqlite3_file* file, int level) {
+  return real(file)->pMethods->xUnlock(real(file), level);
+}
+int file_reserved(sqlite3_file* file, int* out) {
+  return real(file)->pMethods->xCheckReservedLock(real(file), out);
+}
 int file_control(sqlite3_file* file, int op, void* argument) {
   if (op == FCNTL_LAYER) {
     *static_cast<const Catalog_Vfs**>(argument) = &sealed(file).layer();
@@ -282,16 +296,22 @@ int file_control(sqlite3_file* file, int op, void* argument) {
   }
   return real(file)->pMethods->xFileControl(real(file), op, argument);
 }
-int file_sector(sqlite3_file* file) { return real(file)->pMethods->xSectorSize(real(file)); }
-int file_traits(sqlite3_file* file) { return real(file)->pMethods->xDeviceCharacteristics(real(file)); }
+int file_sector(sqlite3_file* file) {
+  return real(file)->pMethods->xSectorSize(real(file));
+}
+int file_traits(sqlite3_file* file) {
+  return real(file)->pMethods->xDeviceCharacteristics(real(file));
+}
 
 /// Version 1: no shared memory and no memory mapping, which would both go past the encryption.
-const sqlite3_io_methods FILE_METHODS = {1,          file_close,  file_read,     file_write,   file_truncate,
-                                         file_sync,  file_size,   file_lock,     file_unlock,  file_reserved,
-                                         file_control, file_sector, file_traits, nullptr,      nullptr,
-                                         nullptr,    nullptr,     nullptr,       nullptr};
+const sqlite3_io_methods FILE_METHODS = {
+    1,         file_close,  file_read,     file_write,   file_truncate, file_sync,   file_size,
+    file_lock, file_unlock, file_reserved, file_control, file_sector,   file_traits, nullptr,
+    nullptr,   nullptr,     nullptr,       nullptr,      nullptr};
 
-sqlite3_vfs* base_of(sqlite3_vfs* vfs) { return static_cast<Layer*>(vfs->pAppData)->base(); }
+sqlite3_vfs* base_of(sqlite3_vfs* vfs) {
+  return static_cast<Layer*>(vfs->pAppData)->base();
+}
 
 template <typename T>
 std::unique_ptr<Sealed_File> made(Layer& layer, sqlite3_file* base, bool begin) {
@@ -325,17 +345,27 @@ int vfs_open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags, 
   return SQLITE_OK;
 }
 
-int vfs_delete(sqlite3_vfs* vfs, const char* name, int sync) { return base_of(vfs)->xDelete(base_of(vfs), name, sync); }
+int vfs_delete(sqlite3_vfs* vfs, const char* name, int sync) {
+  return base_of(vfs)->xDelete(base_of(vfs), name, sync);
+}
 int vfs_access(sqlite3_vfs* vfs, const char* name, int flags, int* out) {
   return base_of(vfs)->xAccess(base_of(vfs), name, flags, out);
 }
 int vfs_path(sqlite3_vfs* vfs, const char* name, int size, char* out) {
   return base_of(vfs)->xFullPathname(base_of(vfs), name, size, out);
 }
-int vfs_random(sqlite3_vfs* vfs, int size, char* out) { return base_of(vfs)->xRandomness(base_of(vfs), size, out); }
-int vfs_sleep(sqlite3_vfs* vfs, int microseconds) { return base_of(vfs)->xSleep(base_of(vfs), microseconds); }
-int vfs_time(sqlite3_vfs* vfs, double* out) { return base_of(vfs)->xCurrentTime(base_of(vfs), out); }
-int vfs_error(sqlite3_vfs* vfs, int size, char* out) { return base_of(vfs)->xGetLastError(base_of(vfs), size, out); }
+int vfs_random(sqlite3_vfs* vfs, int size, char* out) {
+  return base_of(vfs)->xRandomness(base_of(vfs), size, out);
+}
+int vfs_sleep(sqlite3_vfs* vfs, int microseconds) {
+  return base_of(vfs)->xSleep(base_of(vfs), microseconds);
+}
+int vfs_time(sqlite3_vfs* vfs, double* out) {
+  return base_of(vfs)->xCurrentTime(base_of(vfs), out);
+}
+int vfs_error(sqlite3_vfs* vfs, int size, char* out) {
+  return base_of(vfs)->xGetLastError(base_of(vfs), size, out);
+}
 
 bool Layer::enroll(std::string& error) {
   static std::atomic<unsigned long long> number{0};

@@ -62,7 +62,8 @@ protected:
       object.offset = static_cast<unsigned long long>(i) * 7919 % count * 4096;
       ASSERT_TRUE(writer->add_object(object));
       if (i % 1000 == 999 || i + 1 == count) {
-        ASSERT_TRUE(writer->add_visit({object.path.substr(0, object.path.rfind('/') + 1), i / 1000 * 1000 + 1, i + 1, true}));
+        ASSERT_TRUE(
+            writer->add_visit({object.path.substr(0, object.path.rfind('/') + 1), i / 1000 * 1000 + 1, i + 1, true}));
       }
     }
     ASSERT_TRUE(writer->add_problem({Catalog_Problem::SKIPPED, "secretbucket/skipped", 0, "secretreason"}));
@@ -140,7 +141,8 @@ TEST_F(Sealed_Catalog, flipped_bit_in_any_page_is_found_by_page) {
       bad[page * PAGE + at] ^= 0x10;
       save(bad);
       EXPECT_EQ(-1, read_all(cipher_)) << page << " " << at;
-      EXPECT_NE(std::string::npos, error_.find("page " + std::to_string(page + 1) + " ")) << page << " " << at << error_;
+      EXPECT_NE(std::string::npos, error_.find("page " + std::to_string(page + 1) + " "))
+          << page << " " << at << error_;
     }
   save(bytes_);
   EXPECT_EQ(1500, read_all(cipher_)) << error_;

@@ -147,7 +147,8 @@ private:
            meta_.prepare(db_.get(), "INSERT INTO meta VALUES(?,?)", error);
   }
 
-  template <class Kind> bool add(const Kind& row) {
+  template <class Kind>
+  bool add(const Kind& row) {
     std::unique_lock<std::mutex> lock(mutex_);
     room_.wait(lock, [this] { return queued_ < QUEUE_LIMIT || failed_; });
     if (failed_)

@@ -6,9 +6,9 @@
 
 std::string to_base64(const std::string& data) {
   std::string text((data.size() + 2) / 3 * 4 + 1, '\0');
-  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                     reinterpret_cast<const unsigned char*>(data.data()),
-                                     static_cast<int>(data.size()));
+  const int length =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                      reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size()));
   text.resize(static_cast<size_t>(length));
   return text;
 }

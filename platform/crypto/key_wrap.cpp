@@ -13,7 +13,9 @@ const std::string PREFIX = "obsk1:";
 constexpr size_t CHECK_SIZE = 8;
 constexpr size_t SIZE = CHECK_SIZE + AEAD_NONCE + Secret_Key::SIZE + AEAD_TAG + CHECK_SIZE;
 
-const unsigned char* bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
+const unsigned char* bytes(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
 
 /// Of what was written, against damage; no secret is in it.
 std::string check_of(const std::string& purpose, const std::string& data) {

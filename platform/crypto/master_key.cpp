@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* FILE_NAME = "master.key";
 
-std::mutex folder_mutex;   // guards `folder_name`
+std::mutex folder_mutex; // guards `folder_name`
 std::string folder_name;
 
 std::string reason(const char* what, const std::string& path) {
@@ -81,8 +81,8 @@ bool read_key(const std::string& path, Secret_Key& key, bool& missing, std::stri
     return false;
   }
   if ((status.st_mode & 077) != 0) {
-    error = "the master key " + path + " can be read by others: run chmod 600 on it, and replace the accounts' keys if " +
-            "others had access";
+    error = "the master key " + path +
+            " can be read by others: run chmod 600 on it, and replace the accounts' keys if " + "others had access";
     return false;
   }
   unsigned char bytes[Secret_Key::SIZE + 1];
@@ -126,7 +126,9 @@ bool make_key(const std::string& folder, const std::string& path, std::string& e
 
 } // namespace
 
-Secret_Key::~Secret_Key() { OPENSSL_cleanse(bytes_.data(), bytes_.size()); }
+Secret_Key::~Secret_Key() {
+  OPENSSL_cleanse(bytes_.data(), bytes_.size());
+}
 
 void set_key_folder(const std::string& folder) {
   const std::lock_guard<std::mutex> guard(folder_mutex);

@@ -22,8 +22,12 @@ constexpr size_t MAX_SECRET = 1u << 20;
 
 typedef std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> Cipher_Ctx;
 
-unsigned char* bytes(std::string& text) { return reinterpret_cast<unsigned char*>(text.data()); }
-const unsigned char* bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
+unsigned char* bytes(std::string& text) {
+  return reinterpret_cast<unsigned char*>(text.data());
+}
+const unsigned char* bytes(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
 
 /// Tells keys apart without saying anything useful about them.
 bool master_key_check(const Secret_Key& key, std::string& check) {

@@ -29,7 +29,9 @@ void make_nonce(uint32_t stream, uint32_t index, unsigned char nonce[AEAD_NONCE]
   }
 }
 
-std::string purpose_of(const std::string& set_uuid) { return "obs-agent set data key " + set_uuid; }
+std::string purpose_of(const std::string& set_uuid) {
+  return "obs-agent set data key " + set_uuid;
+}
 
 } // namespace
 

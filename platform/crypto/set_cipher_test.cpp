@@ -56,18 +56,20 @@ TEST(aead, matches_the_published_vector) {
   ASSERT_TRUE(from_hex("feffe9928665731c6d6a8f9467308308feffe9928665731c6d6a8f9467308308", key));
   ASSERT_TRUE(from_hex("cafebabefacedbaddecaf888", nonce));
   ASSERT_TRUE(from_hex("feedfacedeadbeeffeedfacedeadbeefabaddad2", aad));
-  ASSERT_TRUE(from_hex("d9313225f88406e5a55909c5aff5269a86a7a9531534f7da2e4c303d8a318a721c3c0c95956809532fcf0e2449a6b525b16a"
-                       "edf5aa0de657ba637b39",
-                       plain));
+  ASSERT_TRUE(
+      from_hex("d9313225f88406e5a55909c5aff5269a86a7a9531534f7da2e4c303d8a318a721c3c0c95956809532fcf0e2449a6b525b16a"
+               "edf5aa0de657ba637b39",
+               plain));
   Secret_Key secret;
   std::memcpy(secret.data(), key.data(), Secret_Key::SIZE);
   std::string out(plain.size(), '\0');
   unsigned char tag[AEAD_TAG];
   const auto* const iv = reinterpret_cast<const unsigned char*>(nonce.data());
   ASSERT_TRUE(aead_seal(secret, iv, aad, plain.data(), plain.size(), out.data(), tag));
-  EXPECT_EQ("522dc1f099567d07f47f37a32a84427d643a8cdcbfe5c0c97598a2bd2555d1aa8cb08e48590dbb3da7b08b1056828838c5f61e6393ba7a"
-            "0abcc9f662",
-            to_hex(reinterpret_cast<const unsigned char*>(out.data()), out.size()));
+  EXPECT_EQ(
+      "522dc1f099567d07f47f37a32a84427d643a8cdcbfe5c0c97598a2bd2555d1aa8cb08e48590dbb3da7b08b1056828838c5f61e6393ba7a"
+      "0abcc9f662",
+      to_hex(reinterpret_cast<const unsigned char*>(out.data()), out.size()));
   EXPECT_EQ("76fc6ece0f4e1768cddf8853bb2d551b", to_hex(tag, sizeof tag));
   ASSERT_TRUE(aead_open(secret, iv, aad, out.data(), out.size(), out.data(), tag));
   EXPECT_EQ(plain, out);

@@ -8,12 +8,12 @@ namespace {
 /// What one state waits for.
 struct Token {
   enum Kind {
-    BYTE,         ///< `byte`
-    ONE,          ///< any byte but "/"
-    STAR,         ///< stays on any byte but "/", goes on without one
-    DOUBLE_STAR,  ///< stays on any byte, goes on without one
-    FOLDERS,      ///< the beginning of "**/": goes on to its inside, and past it
-    INSIDE        ///< the inside of "**/": stays on any byte, goes on with a "/"
+    BYTE,        ///< `byte`
+    ONE,         ///< any byte but "/"
+    STAR,        ///< stays on any byte but "/", goes on without one
+    DOUBLE_STAR, ///< stays on any byte, goes on without one
+    FOLDERS,     ///< the beginning of "**/": goes on to its inside, and past it
+    INSIDE       ///< the inside of "**/": stays on any byte, goes on with a "/"
   } kind;
   unsigned char byte;
 };

@@ -21,10 +21,10 @@
 /// is, and matching allocates nothing. Any thread.
 class Glob_Rule {
 public:
-  static constexpr size_t MAX_LENGTH = 4000;   ///< bytes; keys have at most 1024
+  static constexpr size_t MAX_LENGTH = 4000; ///< bytes; keys have at most 1024
   enum Result {
-    NONE,         ///< no match, and nothing below can match
-    BELOW,        ///< no match, but something below the folder could
+    NONE,  ///< no match, and nothing below can match
+    BELOW, ///< no match, but something below the folder could
     MATCH
   };
 

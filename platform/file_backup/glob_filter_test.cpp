@@ -127,8 +127,8 @@ TEST(glob_rule, matches_as_documented) {
 }
 
 TEST(glob_rule, refuses_what_makes_no_sense) {
-  for (const std::string& text : Rules{"", "/", "//x", "a***b", "***", std::string("a\0b", 3),
-                                       std::string(Glob_Rule::MAX_LENGTH + 1, 'a')}) {
+  for (const std::string& text :
+       Rules{"", "/", "//x", "a***b", "***", std::string("a\0b", 3), std::string(Glob_Rule::MAX_LENGTH + 1, 'a')}) {
     Glob_Rule rule;
     std::string error;
     EXPECT_FALSE(rule.compile(text, error)) << text.substr(0, 20);
@@ -202,7 +202,8 @@ TEST(glob_rule, agrees_with_plain_backtracking_on_random_rules) {
       path += "ab/"[draw(3)];
     // "**/" where a component begins and a trailing "/" mean more than the characters say, and a folder is no end of
     // "*".
-    if (path.back() == '/' || rule.find("***") != std::string::npos || rule.find("/**/") != std::string::npos || rule.back() == '/')
+    if (path.back() == '/' || rule.find("***") != std::string::npos || rule.find("/**/") != std::string::npos ||
+        rule.back() == '/')
       continue;
     Glob_Rule compiled;
     std::string error;

@@ -33,8 +33,8 @@ bool is_merging(const std::string& location, const std::string& pool_uuid, const
   Pool pool;
   std::string error;
   if (!Pool::open(location, pool_uuid, pool, error)) {
-    ACE_ERROR((LM_WARNING, ACE_TEXT("Cannot tell whether pool %C is merging: %C.\n"), pool_uuid.c_str(),
-               error.c_str()));
+    ACE_ERROR(
+        (LM_WARNING, ACE_TEXT("Cannot tell whether pool %C is merging: %C.\n"), pool_uuid.c_str(), error.c_str()));
     return false;
   }
   const std::string folder = merge_lock_folder(pool.folder(), minor_resource_id);
@@ -80,8 +80,8 @@ bool get_entries_from_backupd(const std::string& minor_resource_id, std::vector<
   if (store != nullptr && store->find_selection(minor_resource_id, selection, found, error) && !found)
     error = "it is not known";
   if (!found) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to look up selection '%C': %C.\n"), minor_resource_id.c_str(),
-               error.c_str()));
+    ACE_ERROR(
+        (LM_ERROR, ACE_TEXT("Failed to look up selection '%C': %C.\n"), minor_resource_id.c_str(), error.c_str()));
     return false;
   }
   entries = std::move(selection.paths);

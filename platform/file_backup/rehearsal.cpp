@@ -40,8 +40,8 @@ void load_dr_test_context(const std::string& definition_id, File_DR_Test_Context
   std::string error = "the agent's database is not open";
   bool found = false;
   if (store == nullptr || !store->find_note(NOTE_KIND, definition_id, text, found, error)) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to load the rehearsal of '%C': %C.\n"), definition_id.c_str(),
-               error.c_str()));
+    ACE_ERROR(
+        (LM_ERROR, ACE_TEXT("Failed to load the rehearsal of '%C': %C.\n"), definition_id.c_str(), error.c_str()));
     return;
   }
   if (!found)
@@ -112,8 +112,8 @@ void save_dr_test_context(const std::string& definition_id, const File_DR_Test_C
   Store* const store = Store::instance();
   std::string error = "the agent's database is not open";
   if (store == nullptr || !store->put_note(NOTE_KIND, definition_id, json_spirit::write(json), error))
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to keep the rehearsal of '%C': %C.\n"), definition_id.c_str(),
-               error.c_str()));
+    ACE_ERROR(
+        (LM_ERROR, ACE_TEXT("Failed to keep the rehearsal of '%C': %C.\n"), definition_id.c_str(), error.c_str()));
 }
 
 } // namespace file_backup

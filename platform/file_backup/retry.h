@@ -21,7 +21,8 @@ bool retry_within(int max_seconds, const char* what, ATTEMPT attempt) {
     Job* const job = Job::current();
     const bool canceling = job != nullptr && job->activity().state == JOB_STATE_CANCELING;
     if (canceling || wait == Exponential_Backoff_Iterator() ||
-        (max_seconds != -1 && wait.cumulation() >= static_cast<unsigned long long>(max_seconds > 0 ? max_seconds : 0))) {
+        (max_seconds != -1 &&
+         wait.cumulation() >= static_cast<unsigned long long>(max_seconds > 0 ? max_seconds : 0))) {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to %C: %C.\n"), what, error.c_str()));
       return false;
     }

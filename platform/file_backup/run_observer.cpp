@@ -103,9 +103,13 @@ int Backup_Event_Handler::handle_progress(int code, unsigned long long a, unsign
   return impl_->progress(code, a, b, c, skipped_files() + skipped_dirs());
 }
 
-bool Backup_Event_Handler::canceling() { return impl_->canceling(); }
+bool Backup_Event_Handler::canceling() {
+  return impl_->canceling();
+}
 
-bool Backup_Event_Handler::pausing() { return impl_->pausing(); }
+bool Backup_Event_Handler::pausing() {
+  return impl_->pausing();
+}
 
 struct Restore_Event_Handler::Impl : Run_Observer {
   using Run_Observer::Run_Observer;
@@ -121,13 +125,16 @@ int Restore_Event_Handler::notify_event(unsigned code, const Object& options) {
   return 0;
 }
 
-int Restore_Event_Handler::handle_progress(int code, unsigned long long a, unsigned long long b,
-                                           unsigned long long c) {
+int Restore_Event_Handler::handle_progress(int code, unsigned long long a, unsigned long long b, unsigned long long c) {
   return impl_->progress(code, a, b, c, skipped_files() + skipped_dirs());
 }
 
-bool Restore_Event_Handler::canceling() { return impl_->canceling(); }
+bool Restore_Event_Handler::canceling() {
+  return impl_->canceling();
+}
 
-bool Restore_Event_Handler::pausing() { return impl_->pausing(); }
+bool Restore_Event_Handler::pausing() {
+  return impl_->pausing();
+}
 
 } // namespace file_backup

@@ -29,7 +29,7 @@ private:
   Job_Activity& activity_;
   Job_Event_Handler& handler_;
   Job& job_;
-  std::mutex mutex_;                     ///< guards what follows
+  std::mutex mutex_; ///< guards what follows
   unsigned long long errors_seen_ = 0;
   json_spirit::Array errors_;
 };

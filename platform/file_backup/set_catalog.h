@@ -11,9 +11,9 @@ Set set_from_record(const Set_Record& record, const std::string& pool_uuid);
 /// Opens the pool of that uuid as the store knows it. False with the reason.
 bool open_known_pool(Store& store, const std::string& pool_uuid, Pool& pool, std::string& error);
 
-/// The number of the first set of a new chain. Whoever restores names a set by its number, so it does not take that of a
-/// set which another chain holds, but goes on behind them all; where these are used up it begins again with 1. `uuid` is
-/// the new set's own. False with the reason.
+/// The number of the first set of a new chain. Whoever restores names a set by its number, so it does not take that of
+/// a set which another chain holds, but goes on behind them all; where these are used up it begins again with 1. `uuid`
+/// is the new set's own. False with the reason.
 bool first_seq(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
                const std::string& uuid, unsigned& seq, std::string& error);
 

@@ -75,9 +75,9 @@ private:
   bool paused_ = false;
   bool cancellable_ = true;
   const std::atomic<bool>* stop_ = nullptr; ///< null: none
-  unsigned idle_timeout_;           ///< seconds
-  unsigned long long progress_ = 0; ///< grows with every byte in either direction
-  std::string buffer_;              ///< received, not yet asked for, from buffer_at_ on
+  unsigned idle_timeout_;                   ///< seconds
+  unsigned long long progress_ = 0;         ///< grows with every byte in either direction
+  std::string buffer_;                      ///< received, not yet asked for, from buffer_at_ on
   size_t buffer_at_ = 0;
   char* direct_ = nullptr; ///< where the body goes while somebody waits for it
   size_t direct_left_ = 0;

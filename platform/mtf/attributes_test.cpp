@@ -100,8 +100,8 @@ TEST(attributes_on_media, damage_to_them_costs_no_content) {
   const size_t begin = good.find("OBSA", static_cast<size_t>(places[victim].offset));
   ASSERT_NE(std::string::npos, begin);
   const size_t data = begin + MTF_Format::STREAM_HEADER;
-  const size_t length = ATTRIBUTES_FIXED + objects[victim].attributes.common.size() +
-                        objects[victim].attributes.own.size() + CHECK;
+  const size_t length =
+      ATTRIBUTES_FIXED + objects[victim].attributes.common.size() + objects[victim].attributes.own.size() + CHECK;
   unsigned tried = 0;
   for (size_t at = data; at < data + length; at += 17, ++tried) {
     std::string bad = good;
@@ -429,9 +429,10 @@ TEST_F(attributes_in_engines, what_the_target_refused_is_named_and_the_object_co
   EXPECT_EQ(1u, events_->figure("incomplete"));
   ASSERT_EQ(1u, events_->items.size());
   EXPECT_EQ("/b/f3/o131", json_spirit::optional_str(events_->items[0], "name"));
-  EXPECT_EQ("The object is restored without all that belongs to it: the storage class 'COLD' (InvalidStorageClass: no); "
-            "the tags (2) (no).",
-            json_spirit::optional_str(events_->items[0], "message"));
+  EXPECT_EQ(
+      "The object is restored without all that belongs to it: the storage class 'COLD' (InvalidStorageClass: no); "
+      "the tags (2) (no).",
+      json_spirit::optional_str(events_->items[0], "message"));
 }
 
 TEST_F(attributes_in_engines, damaged_ones_are_replaced_by_those_of_the_catalog_and_named) {

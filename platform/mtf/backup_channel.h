@@ -38,7 +38,8 @@ public:
   void read();
   void write();
 
-  /// For the time after all threads have ended. Ends the medium; false, the run having failed, when that cannot be done.
+  /// For the time after all threads have ended. Ends the medium; false, the run having failed, when that cannot be
+  /// done.
   bool finish(const Set_Copy* copy = nullptr);
   /// How large it is.
   unsigned long long size() const { return medium_->size(); }

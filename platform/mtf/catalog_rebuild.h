@@ -15,7 +15,7 @@ struct Rebuild_Report {
   std::vector<std::string> problems; ///< damage that was met
 };
 
-/// Makes the catalog of the set in the folder `uri`, and its record where that cannot be read, from its media alone. What
-/// is there is replaced at the end, at once; a rebuild that is cut short has changed nothing. The caller has locked the
-/// pool. False with the reason.
+/// Makes the catalog of the set in the folder `uri`, and its record where that cannot be read, from its media alone.
+/// What is there is replaced at the end, at once; a rebuild that is cut short has changed nothing. The caller has
+/// locked the pool. False with the reason.
 bool rebuild_catalog(const Pool& pool, const std::string& uri, Rebuild_Report& report, std::string& error);

@@ -86,8 +86,8 @@ std::string fields(const Dblk_Header& header, const unsigned char* block) {
     return " id " + std::to_string(get32(block + 76)) + " name " + name(80);
   case FILE_:
     return " directory " + std::to_string(get32(block + 76)) + " id " + std::to_string(get32(block + 80)) + " size " +
-           std::to_string(header.displayable) + " modified " + std::to_string(MTF::mtf_date_time_to_time(block + 56)) + " name " +
-           name(84);
+           std::to_string(header.displayable) + " modified " + std::to_string(MTF::mtf_date_time_to_time(block + 56)) +
+           " name " + name(84);
   case SFMB:
     return " entries " + std::to_string(get32(block + 56)) + " of " + std::to_string(get32(block + 52));
   default:
@@ -147,7 +147,8 @@ std::string stream_fields(Medium_Window& window, const Medium_Stream& stream) {
   }
   if (stream.header.id == OBSK) {
     Medium_Key key;
-    return key.parse(data, size) ? " set " + quoted(key.set_uuid) + " key " + key.wrapped : " (does not match its check)";
+    return key.parse(data, size) ? " set " + quoted(key.set_uuid) + " key " + key.wrapped
+                                 : " (does not match its check)";
   }
   if (stream.header.id == OBSN) {
     std::string path;

@@ -22,7 +22,8 @@ void set_byte(const std::string& path, size_t at, char value) {
   file.put(value);
 }
 
-// Every byte; under a sanitizer, which takes a hundred times as long, every 37th: no block's fields repeat at that distance.
+// Every byte; under a sanitizer, which takes a hundred times as long, every 37th: no block's fields repeat at that
+// distance.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t STRIDE = 37;
 #else

@@ -14,8 +14,8 @@ using namespace MTF_Format;
 namespace {
 
 /// Puts filemark, end of set and filemark behind the last whole block.
-bool end_set(const std::string& path, const Medium_Set& set, const Set_Cipher_ptr& cipher, const Medium_Walker::Data_End& end,
-             unsigned long long& size, std::string& error) {
+bool end_set(const std::string& path, const Medium_Set& set, const Set_Cipher_ptr& cipher,
+             const Medium_Walker::Data_End& end, unsigned long long& size, std::string& error) {
   std::vector<uint64_t> filemarks{1};
   std::string bytes, block;
   const uint64_t place = end.offset / FLB;

@@ -343,7 +343,8 @@ protected:
     size_t at = static_cast<size_t>(places_[object].offset);
     at += get16(bytes_of(bytes_) + at + 8);
     while (read_stream(window, at, stream, error) && stream.header.id != SPAD) {
-      pieces.push_back({stream.header.id, at, static_cast<size_t>(stream.data()), static_cast<size_t>(stream.header.length)});
+      pieces.push_back(
+          {stream.header.id, at, static_cast<size_t>(stream.data()), static_cast<size_t>(stream.header.length)});
       at = static_cast<size_t>(stream.next());
     }
     return pieces;

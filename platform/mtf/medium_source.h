@@ -94,14 +94,14 @@ struct Object_Start {
   Medium_Stream attributes;        ///< OBSA; its offset is 0 where the object has none
   std::string attributes_problem;  ///< why they cannot be read; empty: they can, or there are none
   Medium_Stream content;           ///< STAN, or the first OBSZ or OBSX
-  bool block_holds = true; ///< the FILE block matches the check in the head stream
+  bool block_holds = true;         ///< the FILE block matches the check in the head stream
 };
 /// Reads FILE block and head stream. When the block itself is damaged the head stream is looked for behind it.
 /// False with the reason.
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error);
 /// What stands behind an object's content.
 struct Object_End {
-  Object_Digest digest; ///< empty when the object is encrypted and its key is not known
+  Object_Digest digest;              ///< empty when the object is encrypted and its key is not known
   unsigned long long digest_end = 0; ///< behind the digest stream's data
   unsigned long long end = 0;        ///< where the next block begins
 };

@@ -251,8 +251,8 @@ bool Medium_Walker::sealed_content(const Medium_Stream& stream, const Frame& fra
   const unsigned char* data = window_.at(stream.data(), FRAME_HEADER + frame.behind());
   if (data != nullptr && XXH3_64bits(data + FRAME_HEADER, frame.behind()) == frame.stored_check)
     return true;
-  reason_ = data == nullptr ? window_.error()
-                            : "the frame at " + std::to_string(stream.offset) + " does not match its check";
+  reason_ =
+      data == nullptr ? window_.error() : "the frame at " + std::to_string(stream.offset) + " does not match its check";
   return false;
 }
 

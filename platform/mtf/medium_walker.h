@@ -58,7 +58,7 @@ private:
   std::string object_name_; ///< of the object at `at_`, as far as it is known
   std::string directory_;
   Object_Head head_;
-  uint64_t plain_ = 0; ///< bytes of content that the frames of the object at `at_` announce
+  uint64_t plain_ = 0;      ///< bytes of content that the frames of the object at `at_` announce
   bool in_step_ = true;     ///< nothing was left out since the last block: numbers must follow
   uint64_t control_id_ = 0; ///< of the next block
   uint64_t directory_id_ = 0;

@@ -239,7 +239,8 @@ bool File_Medium_Writer::put_plain_header() {
 
 bool File_Medium_Writer::put_sealed_chunk() {
   if (!object_.sealed->append(scratch_, chunk_.data(), chunk_.size()))
-    return fail("\"" + object_.head.path + "\" cannot be encrypted: memory is short or the cryptographic library failed");
+    return fail("\"" + object_.head.path +
+                "\" cannot be encrypted: memory is short or the cryptographic library failed");
   chunk_.clear();
   return put(scratch_);
 }
@@ -343,7 +344,8 @@ bool File_Medium_Writer::finish(const Set_Copy* copy) {
     return false;
   if (copy != nullptr) {
     std::string why;
-    if (!write_set_copy(*copy, file_.size(), [this](const std::string& piece) { return put(piece); }, why))
+    if (!write_set_copy(
+            *copy, file_.size(), [this](const std::string& piece) { return put(piece); }, why))
       return fail(why);
     scratch_.clear();
     append_spad(scratch_, file_.size());

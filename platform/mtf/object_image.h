@@ -8,13 +8,13 @@
 
 /// What is stored about an object beside its content. Also what a catalog is rebuilt from.
 struct Object_Head {
-  std::string path;                    ///< "bucket/key": bytes
-  unsigned long long ordinal = 0;      ///< place in the set's listing, from 1
-  unsigned long long size = 0;         ///< bytes of the content
-  long long mtime = 0;                 ///< seconds since the epoch
-  unsigned seq = 0;                    ///< the set's sequence number
-  unsigned flags = 0;                  ///< see Object_Flag
-  MTF::File_Attributes attributes;     ///< what else belongs to it; empty: nothing is known
+  std::string path;                ///< "bucket/key": bytes
+  unsigned long long ordinal = 0;  ///< place in the set's listing, from 1
+  unsigned long long size = 0;     ///< bytes of the content
+  long long mtime = 0;             ///< seconds since the epoch
+  unsigned seq = 0;                ///< the set's sequence number
+  unsigned flags = 0;              ///< see Object_Flag
+  MTF::File_Attributes attributes; ///< what else belongs to it; empty: nothing is known
 };
 
 enum Object_Flag : unsigned {

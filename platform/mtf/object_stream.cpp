@@ -28,8 +28,8 @@ bool check_holds(const unsigned char* data, size_t covered) {
 constexpr uint32_t SEALED_HEAD_ATTRIBUTES = 1;
 
 bool has_attributes(const Object_Head& head) {
-  return !head.attributes.empty() && head.attributes.common.size() + head.attributes.own.size() <=
-                                         MAX_ATTRIBUTES_STREAM - ATTRIBUTES_FIXED - CHECK;
+  return !head.attributes.empty() &&
+         head.attributes.common.size() + head.attributes.own.size() <= MAX_ATTRIBUTES_STREAM - ATTRIBUTES_FIXED - CHECK;
 }
 
 /// What the FILE block of an encrypted object, and a reader without the key, call it.

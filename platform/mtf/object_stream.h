@@ -10,18 +10,19 @@
 
 struct XXH3_state_s;
 
-// The private streams of a FILE block: head (OBSH), attributes (OBSA), frames (OBSZ) and digest (OBSD). Layouts in doc/format/medium.md.
+// The private streams of a FILE block: head (OBSH), attributes (OBSA), frames (OBSZ) and digest (OBSD). Layouts in
+// doc/format/medium.md.
 
 /// Bytes of content that one check covers, and that one frame holds at most.
 constexpr unsigned CHUNK = 1024 * 1024;
 
 constexpr unsigned STREAM_VERSION = 1;
-constexpr unsigned HEAD_FIXED = 48;       ///< before the path, or before the encrypted part
+constexpr unsigned HEAD_FIXED = 48;        ///< before the path, or before the encrypted part
 constexpr unsigned SEALED_HEAD_FIXED = 32; ///< of the encrypted part, before the path
-constexpr unsigned HEAD_BLOCK_CHECK = 40; ///< where the check of the descriptor block stands
-constexpr unsigned CHECK = 8;             ///< XXH3-64
+constexpr unsigned HEAD_BLOCK_CHECK = 40;  ///< where the check of the descriptor block stands
+constexpr unsigned CHECK = 8;              ///< XXH3-64
 constexpr unsigned FRAME_HEADER = 40;
-constexpr unsigned DIGEST_FIXED = 64; ///< before the chunk checks
+constexpr unsigned DIGEST_FIXED = 64;     ///< before the chunk checks
 constexpr unsigned ATTRIBUTES_FIXED = 24; ///< before the texts
 /// Of the attributes stream: far above what services keep of an object.
 constexpr uint64_t MAX_ATTRIBUTES_STREAM = 4ull * 1024 * 1024;
@@ -59,8 +60,8 @@ struct Head_Stream {
 bool parse_object_head(const unsigned char* data, size_t size, const Set_Cipher* cipher, Object_Head& head,
                        Head_Stream& stream, std::string& error);
 
-/// Appends the attributes stream where there is something to tell; `out` begins at a multiple of 4 of the medium and ends
-/// at one afterwards. What is too long for the stream is left out. Encrypted with a `seal`.
+/// Appends the attributes stream where there is something to tell; `out` begins at a multiple of 4 of the medium and
+/// ends at one afterwards. What is too long for the stream is left out. Encrypted with a `seal`.
 void append_attributes(std::string& out, const Object_Head& head, const Object_Seal* seal = nullptr);
 /// Reads the data of an attributes stream into `head`, whose ordinal is known. False, with the reason, when its check
 /// does not hold, it contradicts itself or belongs to another object.
@@ -72,9 +73,9 @@ enum Frame_Method : unsigned char { FRAME_STORED = 0, FRAME_ZSTD = 1, FRAME_LZO1
 struct Frame {
   bool sealed = false; ///< of an OBSX stream: encrypted, with a tag behind the stored bytes
   Frame_Method method = FRAME_STORED;
-  uint32_t sequence = 0; ///< from 0 in each object
-  uint32_t plain = 0;    ///< bytes
-  uint32_t stored = 0;   ///< bytes
+  uint32_t sequence = 0;     ///< from 0 in each object
+  uint32_t plain = 0;        ///< bytes
+  uint32_t stored = 0;       ///< bytes
   uint64_t stored_check = 0; ///< of the bytes behind the header
   uint64_t plain_check = 0;  ///< of an encrypted frame 0: it would tell something about the content
 

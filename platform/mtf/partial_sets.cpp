@@ -53,7 +53,8 @@ bool find_cipher(const Pool& pool, const std::string& folder, Set_Cipher_ptr& ci
   for (unsigned channel = 0; channel < MAX_GAP; ++channel) {
     Medium_Set set;
     std::string ignored;
-    if (exists(folder + "/" + medium_name(channel)) && read_medium_set(folder + "/" + medium_name(channel), set, ignored))
+    if (exists(folder + "/" + medium_name(channel)) &&
+        read_medium_set(folder + "/" + medium_name(channel), set, ignored))
       return open_set_cipher(pool, set.uuid, set.wrapped_key, cipher, error);
   }
   return true;
@@ -127,7 +128,8 @@ bool make_partial(const Pool& pool, const std::string& uri, Set_Record& record, 
     error = staging->error().empty() ? catalog->error() : staging->error();
     return false;
   }
-  return seal_record(cipher, record, error) && sync_folder(folder, error) && write_partial_record(folder, record, error);
+  return seal_record(cipher, record, error) && sync_folder(folder, error) &&
+         write_partial_record(folder, record, error);
 }
 
 } // namespace

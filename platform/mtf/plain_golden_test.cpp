@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <map>
 
-// A plain pool with one set of two media that the program wrote: attributes, the copies of record and catalog, the checks
-// of both. Reads for ever.
+// A plain pool with one set of two media that the program wrote: attributes, the copies of record and catalog, the
+// checks of both. Reads for ever.
 
 namespace fs = std::filesystem;
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/mtf/memory_shares.h"
 #include "platform/mtf/media_feed.h"
+#include "platform/mtf/memory_shares.h"
 #include "platform/mtf/run_account.h"
 #include "sdk/mtf/restore_callback.h"
 

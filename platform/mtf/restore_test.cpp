@@ -16,7 +16,6 @@
 #include <set>
 #include <thread>
 
-
 namespace fs = std::filesystem;
 using namespace MTF;
 
@@ -854,8 +853,7 @@ TEST_P(Restore, object_of_another_place_is_not_taken_for_the_one_looked_for) {
 }
 
 INSTANTIATE_TEST_SUITE_P(encrypted, Encrypted_Restore, testing::Values(true));
-INSTANTIATE_TEST_SUITE_P(plain_and_encrypted, Restore, testing::Bool(), [](const auto& info) {
-  return std::string(info.param ? "encrypted" : "plain");
-});
+INSTANTIATE_TEST_SUITE_P(plain_and_encrypted, Restore, testing::Bool(),
+                         [](const auto& info) { return std::string(info.param ? "encrypted" : "plain"); });
 
 } // namespace

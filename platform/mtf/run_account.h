@@ -104,8 +104,8 @@ private:
   std::atomic<unsigned long long> problems_{0};
   std::atomic<unsigned long long> incomplete_{0};
   std::atomic<unsigned long long> without_tags_{0};
-  unsigned long long deleted_ = 0; ///< of the base and listed no more
-  unsigned long long listed_ = 0;  ///< as the S3 layer counted; 0 where it saw nothing
+  unsigned long long deleted_ = 0;  ///< of the base and listed no more
+  unsigned long long listed_ = 0;   ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long excluded_ = 0; ///< by the filter
   unsigned long long lost_ = 0;
   bool counted_ = false; ///< `listed_` is the S3 layer's: nothing in here may change it

@@ -10,8 +10,8 @@ public:
   /// `size` is that of the whole content. `seal` must outlive the frames.
   Sealed_Frames(const Codec_Options& options, uint64_t size, const Object_Seal& seal);
 
-  /// Appends the next chunk; `out` begins at a multiple of 4 of the medium and ends at one afterwards. False when memory
-  /// is short or the cryptographic library fails.
+  /// Appends the next chunk; `out` begins at a multiple of 4 of the medium and ends at one afterwards. False when
+  /// memory is short or the cryptographic library fails.
   bool append(std::string& out, const char* data, size_t size);
 
 private:
@@ -26,7 +26,7 @@ private:
   uint32_t sequence_ = 0;
 };
 
-/// Opens one frame into `out`, which has room for `frame.stored` bytes. `header` is the frame's header as it lies on the
-/// medium, the encrypted bytes and the tag behind it. False when it is not that frame of that object.
+/// Opens one frame into `out`, which has room for `frame.stored` bytes. `header` is the frame's header as it lies on
+/// the medium, the encrypted bytes and the tag behind it. False when it is not that frame of that object.
 bool open_sealed_frame(const Object_Seal& seal, const Frame& frame, bool last, const unsigned char* header,
                        unsigned char* out);

@@ -44,7 +44,8 @@ bool open_private_stream(uint32_t id, const Object_Seal* seal, std::string_view 
   const unsigned char* const at = bytes_of(data);
   const size_t size = data.size() - SEALED_OVERHEAD;
   plain.resize(size);
-  if (!seal->open(id, 0, data.substr(0, SEALED_FIXED), at + SEALED_FIXED, size, plain.data(), at + SEALED_FIXED + size)) {
+  if (!seal->open(id, 0, data.substr(0, SEALED_FIXED), at + SEALED_FIXED, size, plain.data(),
+                  at + SEALED_FIXED + size)) {
     error = "the encrypted stream " + four_text(id) + " is not the one that was written with this object";
     return false;
   }

@@ -16,7 +16,7 @@ using namespace MTF_Format;
 
 namespace {
 
-constexpr unsigned RECORD_FIXED = 16; ///< before the record's text
+constexpr unsigned RECORD_FIXED = 16;     ///< before the record's text
 constexpr unsigned char COPY_PLAIN = 1;   ///< version 1: the data as they are
 constexpr unsigned char COPY_GUARDED = 2; ///< with zeros at every FLB boundary
 constexpr unsigned GUARD = 4;             ///< bytes of them: those of a block's type

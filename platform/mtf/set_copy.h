@@ -18,8 +18,8 @@ struct Set_Copy {
   std::string catalog; ///< path of the catalog's file, closed
 };
 
-/// Writes the streams of `copy` through `put`, which gets them piece by piece, each a multiple of 4 bytes long. The first
-/// one will stand at `place` of the medium, a multiple of 4. False with the reason. Throws std::bad_alloc.
+/// Writes the streams of `copy` through `put`, which gets them piece by piece, each a multiple of 4 bytes long. The
+/// first one will stand at `place` of the medium, a multiple of 4. False with the reason. Throws std::bad_alloc.
 bool write_set_copy(const Set_Copy& copy, unsigned long long place, const std::function<bool(const std::string&)>& put,
                     std::string& error);
 

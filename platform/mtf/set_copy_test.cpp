@@ -130,7 +130,8 @@ TEST(set_copy, changed_byte_at_a_boundary_is_found) {
       save(path, bad);
       EXPECT_FALSE(problems_of(path).empty()) << at + i;
       std::string read, error;
-      EXPECT_FALSE(read_set_copy(path, read, [](const char*, size_t) { return true; }, error));
+      EXPECT_FALSE(read_set_copy(
+          path, read, [](const char*, size_t) { return true; }, error));
       EXPECT_NE(error.find("OBSR does not match its check"), std::string::npos) << error;
     }
 }

@@ -6,7 +6,9 @@
 
 namespace {
 
-bool names_nothing(const std::string& source) { return source.empty() || source == "/"; }
+bool names_nothing(const std::string& source) {
+  return source.empty() || source == "/";
+}
 
 /// The source with the "/" that a bucket may lack: "/bucket" is "/bucket/".
 std::string whole(const std::string& source) {
@@ -14,9 +16,13 @@ std::string whole(const std::string& source) {
 }
 
 /// The folder that the source's first objects lie in, with its "/".
-std::string folder_of(const std::string& source) { return source.substr(0, source.rfind('/') + 1); }
+std::string folder_of(const std::string& source) {
+  return source.substr(0, source.rfind('/') + 1);
+}
 
-bool is_folder(const std::string& source) { return source.back() == '/'; }
+bool is_folder(const std::string& source) {
+  return source.back() == '/';
+}
 
 /// A folder's own objects come before its subfolders; where a folder and objects in it are asked for one by one, the
 /// objects come first.

@@ -19,9 +19,9 @@ struct Verify_Damage {
 };
 
 struct Verify_Options {
-  unsigned threads = 0;    ///< objects read at the same time; 0: 4
-  double sample = 100;     ///< per cent of the objects that are read; those on media that are missing are found anyway
-  unsigned long long seed = 0; ///< which ones: another seed takes others
+  unsigned threads = 0; ///< objects read at the same time; 0: 4
+  double sample = 100;  ///< per cent of the objects that are read; those on media that are missing are found anyway
+  unsigned long long seed = 0;     ///< which ones: another seed takes others
   std::function<bool()> canceling; ///< asked between objects, from all threads; may be empty
   /// Told about once a second: objects and bytes checked so far. May be empty.
   std::function<void(unsigned long long, unsigned long long)> progress;
@@ -46,9 +46,9 @@ struct Verify_Report {
     std::string error; ///< why none of it can be read; empty when it can
   };
 
-  unsigned long long objects = 0;    ///< in the catalog
-  unsigned long long checked = 0;    ///< read back to their end, good or damaged
-  unsigned long long passed = 0;     ///< not read, as the sample left them out
+  unsigned long long objects = 0; ///< in the catalog
+  unsigned long long checked = 0; ///< read back to their end, good or damaged
+  unsigned long long passed = 0;  ///< not read, as the sample left them out
   unsigned long long good = 0;
   unsigned long long damaged = 0;    ///< damaged, or on a medium or in a set that is missing
   unsigned long long lost = 0;       ///< of these, what a restore would lack
@@ -65,7 +65,8 @@ struct Verify_Report {
 };
 
 /// Reads every stored byte of a set and compares it with the set's catalog: every object is there under its own path,
-/// with its size, digest, modification time and attributes, the catalog matches its check, every medium is complete, and what stands on the set's own media between objects is as it
-/// must be. Objects whose data lie in other sets are read there. With a sample only that part of the objects is read,
-/// and nothing between them. Returns `report.clean()`. Blocks; one call at a time per report.
+/// with its size, digest, modification time and attributes, the catalog matches its check, every medium is complete,
+/// and what stands on the set's own media between objects is as it must be. Objects whose data lie in other sets are
+/// read there. With a sample only that part of the objects is read, and nothing between them. Returns `report.clean()`.
+/// Blocks; one call at a time per report.
 bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options& options, Verify_Report& report);

@@ -229,8 +229,8 @@ bool Pool::unlock(const Pool_Secret& secret, Secret_Key& key, std::string& error
 bool Pool::relock(const Secret_Key& key, const Pool_Secret& secret, const Scrypt_Cost& cost, std::string& error) {
   json_spirit::Object locked;
   if (!encrypted_ || check_text(key) != key_check_) {
-    error = encrypted_ ? "the key is not that of the pool in " + folder_
-                       : "the pool in " + folder_ + " is not encrypted";
+    error =
+        encrypted_ ? "the key is not that of the pool in " + folder_ : "the pool in " + folder_ + " is not encrypted";
     return false;
   }
   if (!lock_pool_key(key, uuid_, secret, cost, locked, error) ||

@@ -42,8 +42,8 @@ public:
   std::string set_folder(const std::string& uri) const { return folder_ + "/" + uri; }
 
   /// Records of all sets below `prefix` ("" for all, "HOST", "HOST/RESOURCE"), oldest first. Folders without a record
-  /// are no sets; unreadable records are named in `errors`. Names in records of an encrypted pool are empty when its key
-  /// is not known here.
+  /// are no sets; unreadable records are named in `errors`. Names in records of an encrypted pool are empty when its
+  /// key is not known here.
   std::vector<Set_Record> sets(const std::string& prefix, std::vector<std::string>& errors) const;
   /// Records of the sets there that a merged set has replaced and that are not dropped yet: they are none of the pool's
   /// sets any more.

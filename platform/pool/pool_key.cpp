@@ -25,8 +25,12 @@ const char* name_of(Pool_Secret::Kind kind) {
   return kind == Pool_Secret::PASSPHRASE ? "passphrase" : "key-file";
 }
 
-unsigned char* bytes(std::string& text) { return reinterpret_cast<unsigned char*>(text.data()); }
-const unsigned char* bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
+unsigned char* bytes(std::string& text) {
+  return reinterpret_cast<unsigned char*>(text.data());
+}
+const unsigned char* bytes(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
 
 /// The key that wraps the pool's key.
 bool wrapping_key(const Pool_Secret& secret, const Scrypt_Cost& cost, const std::string& salt, Secret_Key& key,

@@ -19,10 +19,16 @@ Scrypt_Cost cheap() {
   return cost;
 }
 
-Pool_Secret passphrase(const std::string& text) { return Pool_Secret(Pool_Secret::PASSPHRASE, text); }
-Pool_Secret key_file(const std::string& text) { return Pool_Secret(Pool_Secret::KEY_FILE, text); }
+Pool_Secret passphrase(const std::string& text) {
+  return Pool_Secret(Pool_Secret::PASSPHRASE, text);
+}
+Pool_Secret key_file(const std::string& text) {
+  return Pool_Secret(Pool_Secret::KEY_FILE, text);
+}
 
-bool equal(const Secret_Key& a, const Secret_Key& b) { return std::memcmp(a.data(), b.data(), Secret_Key::SIZE) == 0; }
+bool equal(const Secret_Key& a, const Secret_Key& b) {
+  return std::memcmp(a.data(), b.data(), Secret_Key::SIZE) == 0;
+}
 
 class Encrypted_Pools : public testing::Test {
 protected:

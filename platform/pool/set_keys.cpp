@@ -89,8 +89,7 @@ bool find_pool_key(const Pool& pool, Secret_Key& key, std::string& error) {
   }
   if (to_hex(reinterpret_cast<const unsigned char*>(key_check(key).data()), 8) == pool.key_check())
     return true;
-  error = "the key that is kept for the pool in " + pool.folder() +
-          " is not its own: give it with \"pool unlock\"";
+  error = "the key that is kept for the pool in " + pool.folder() + " is not its own: give it with \"pool unlock\"";
   return false;
 }
 

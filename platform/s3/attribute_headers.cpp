@@ -14,8 +14,9 @@ constexpr std::string_view META = "x-amz-meta-";
 constexpr std::string_view CHECKSUM = "x-amz-checksum-";
 constexpr const char* REDIRECT = "x-amz-website-redirect-location";
 /// What was written for a service's own use of them, and stays the object's.
-constexpr const char* HEADERS[] = {"content-type",     "cache-control", "content-disposition", "content-encoding",
-                                   "content-language", "expires",       REDIRECT};
+constexpr const char* HEADERS[] = {
+    "content-type", "cache-control", "content-disposition", "content-encoding", "content-language",
+    "expires",      REDIRECT};
 
 constexpr const char* ALL_USERS = "http://acs.amazonaws.com/groups/global/AllUsers";
 constexpr const char* AUTHENTICATED_USERS = "http://acs.amazonaws.com/groups/global/AuthenticatedUsers";
@@ -127,8 +128,8 @@ Object_Attributes read_attributes(const HTTP_Head& head) {
       if (parse_size(value, count))
         out.missing = static_cast<unsigned>(std::min<ACE_UINT64>(count, 1000));
     } else if (name == "etag") {
-      out.etag = value.size() >= 2 && value.front() == '"' && value.back() == '"' ? value.substr(1, value.size() - 2)
-                                                                                  : value;
+      out.etag =
+          value.size() >= 2 && value.front() == '"' && value.back() == '"' ? value.substr(1, value.size() - 2) : value;
     } else if (name == "content-encoding") {
       const std::string codings = without_transfer_coding(value);
       if (!codings.empty())
@@ -279,8 +280,8 @@ void make_sendable(Object_Attributes& attributes, time_t now, std::vector<std::s
   if (!attributes.lock_mode.empty() && sendable_value(attributes.lock_mode) && dated && until > now)
     return;
   // Services refuse a date that has passed; the lock protects nothing any more.
-  dropped.push_back("the object lock (" + attributes.lock_mode + " until " + attributes.lock_until + "): " +
-                    (dated ? "its time is over" : "its date makes no sense"));
+  dropped.push_back("the object lock (" + attributes.lock_mode + " until " + attributes.lock_until +
+                    "): " + (dated ? "its time is over" : "its date makes no sense"));
   attributes.lock_mode.clear();
   attributes.lock_until.clear();
 }

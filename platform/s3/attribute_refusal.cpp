@@ -26,14 +26,11 @@ constexpr Refusal_Row REFUSALS[] = {
 };
 
 /// Refusals that no attribute can have caused.
-constexpr const char* OTHER_CAUSES[] = {"AccountProblem",      "AllAccessDisabled",
-                                        "AuthorizationHeaderMalformed", "EntityTooLarge",
-                                        "ExpiredToken",        "InvalidAccessKeyId",
-                                        "InvalidBucketName",   "InvalidSecurity",
-                                        "InvalidToken",        "KeyTooLongError",
-                                        "MissingContentLength", "NoSuchBucket",
-                                        "NoSuchUpload",        "QuotaExceeded",
-                                        "RequestTimeTooSkewed"};
+constexpr const char* OTHER_CAUSES[] = {"AccountProblem",    "AllAccessDisabled",    "AuthorizationHeaderMalformed",
+                                        "EntityTooLarge",    "ExpiredToken",         "InvalidAccessKeyId",
+                                        "InvalidBucketName", "InvalidSecurity",      "InvalidToken",
+                                        "KeyTooLongError",   "MissingContentLength", "NoSuchBucket",
+                                        "NoSuchUpload",      "QuotaExceeded",        "RequestTimeTooSkewed"};
 
 /// The message without what stands in it about this one request.
 std::string reason_of(const S3_Error& error) {
@@ -94,7 +91,8 @@ std::string Attributed_Request::value_of(Attribute_Kind kind) const {
 void Attributed_Request::leave_out(const std::string& bucket, Attribute_Kind kind, const std::string& reason,
                                    bool learn) {
   refused_.push_back(s3::describe(attributes_, kind) + " (" + reason + ")");
-  const bool for_all = reason.compare(0, 14, "NotImplemented") == 0 && (kind & (KIND_TAGS | KIND_CHECKSUM | KIND_REDIRECT));
+  const bool for_all =
+      reason.compare(0, 14, "NotImplemented") == 0 && (kind & (KIND_TAGS | KIND_CHECKSUM | KIND_REDIRECT));
   if (learn && (for_all || (kind & (KIND_STORAGE_CLASS | KIND_ACL | KIND_LOCK))))
     refusals_.refused(bucket, kind, value_of(kind), reason);
 }

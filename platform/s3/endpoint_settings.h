@@ -25,19 +25,19 @@ struct Endpoint_Settings {
   /// Of the bodies of V4 requests. Auto: signed where TLS does not cover them.
   enum Payload_Signing { SIGNING_AUTO, SIGNING_ON, SIGNING_OFF };
 
-  Addressing addressing = ADDRESSING_AUTO;   ///< auto: path style for addresses and single-label hosts
+  Addressing addressing = ADDRESSING_AUTO; ///< auto: path style for addresses and single-label hosts
   List_Version list_version = LIST_AUTO;
   Url_Encoding url_encoding = ENCODING_AUTO;
   Payload_Signing payload_signing = SIGNING_AUTO;
-  std::string ca_file;                       ///< PEM; empty: the system's
-  std::string client_cert;                   ///< PEM; empty: none
-  std::string client_key;                    ///< PEM; empty: in the certificate's file
-  std::string proxy;                         ///< URL; empty: what the client is given
-  std::string user_agent;                    ///< empty: none is sent
-  unsigned connect_timeout = 10;             ///< seconds
-  unsigned idle_timeout = 60;                ///< seconds without a byte
-  unsigned total_timeout = 0;                ///< seconds for a whole exchange; 0: no bound
-  unsigned long long part_size = 16ull << 20;      ///< bytes of a multipart part; objects above it go in parts
+  std::string ca_file;                        ///< PEM; empty: the system's
+  std::string client_cert;                    ///< PEM; empty: none
+  std::string client_key;                     ///< PEM; empty: in the certificate's file
+  std::string proxy;                          ///< URL; empty: what the client is given
+  std::string user_agent;                     ///< empty: none is sent
+  unsigned connect_timeout = 10;              ///< seconds
+  unsigned idle_timeout = 60;                 ///< seconds without a byte
+  unsigned total_timeout = 0;                 ///< seconds for a whole exchange; 0: no bound
+  unsigned long long part_size = 16ull << 20; ///< bytes of a multipart part; objects above it go in parts
 
   Range_Settings ranges;
 
@@ -48,8 +48,8 @@ struct Endpoint_Settings {
   static Endpoint_Settings get(const std::string& host, unsigned short port, const std::string& access_key);
 
   // The settings by name; what is no such name reads as auto.
-  static Addressing read_addressing(const std::string& text);      ///< "path", "virtual"
-  static List_Version read_list_version(const std::string& text);  ///< "1", "2"
-  static Url_Encoding read_url_encoding(const std::string& text);  ///< "on", "off"
+  static Addressing read_addressing(const std::string& text);     ///< "path", "virtual"
+  static List_Version read_list_version(const std::string& text); ///< "1", "2"
+  static Url_Encoding read_url_encoding(const std::string& text); ///< "on", "off"
   static Payload_Signing read_payload_signing(const std::string& text);
 };

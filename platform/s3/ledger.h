@@ -20,21 +20,21 @@ class S3_Ledger {
 public:
   /// A key that a listing showed but that cannot be an object in the catalog: it equals the listed prefix.
   struct Folder_Object {
-    std::string path;                     ///< "/bucket/key/"
+    std::string path; ///< "/bucket/key/"
     unsigned long long size = 0;
   };
   /// A prefix whose listing failed and was not successfully repeated.
   struct Failed_Listing {
-    std::string path;                     ///< "/bucket/prefix"
+    std::string path; ///< "/bucket/prefix"
     std::string message;
   };
 
-  std::atomic<unsigned long long> requests{0};        ///< sent, successful or not
-  std::atomic<unsigned long long> listed_keys{0};     ///< keys on all pages received, folder objects included
-  std::atomic<unsigned long long> head_objects{0};    ///< single objects asked for by name
-  std::atomic<unsigned long long> bytes_read{0};      ///< of object bodies
+  std::atomic<unsigned long long> requests{0};     ///< sent, successful or not
+  std::atomic<unsigned long long> listed_keys{0};  ///< keys on all pages received, folder objects included
+  std::atomic<unsigned long long> head_objects{0}; ///< single objects asked for by name
+  std::atomic<unsigned long long> bytes_read{0};   ///< of object bodies
   std::atomic<unsigned long long> bytes_written{0};
-  std::atomic<unsigned long long> thaw_requests{0};   ///< archived objects that the service was asked to thaw
+  std::atomic<unsigned long long> thaw_requests{0}; ///< archived objects that the service was asked to thaw
 
   /// Of the job: for services that are made without a bound of their own.
   std::atomic<int> max_retry_seconds{0};
@@ -76,8 +76,8 @@ public:
   /// Takes what was last said so by the calling thread.
   std::optional<S3_Error> take_failure_here();
 
-  unsigned long long empty_folder_objects() const;    ///< of size 0
-  unsigned long long full_folder_objects() const;     ///< with data
+  unsigned long long empty_folder_objects() const; ///< of size 0
+  unsigned long long full_folder_objects() const;  ///< with data
   /// Up to 1000 of them, those with data first.
   std::vector<Folder_Object> folder_objects() const;
   std::vector<Failed_Listing> failed_listings() const;
@@ -86,7 +86,7 @@ public:
   std::vector<Failed_Listing> broken_off_listings() const;
 
 private:
-  mutable std::mutex mutex_;                          ///< guards what follows
+  mutable std::mutex mutex_; ///< guards what follows
   unsigned long long empty_folders_ = 0;
   unsigned long long full_folders_ = 0;
   std::shared_ptr<const Folder_Listener> told_;
@@ -97,7 +97,7 @@ private:
   std::set<std::string> fresh_;
   std::set<std::string> tagged_;
   std::map<std::thread::id, S3_Error> failures_;
-  std::atomic<bool> any_failures_{false};             ///< these spare the lock on the common road
+  std::atomic<bool> any_failures_{false}; ///< these spare the lock on the common road
   std::atomic<bool> any_failed_{false};
   std::atomic<bool> any_fresh_{false};
   std::atomic<bool> any_tagged_{false};

@@ -306,9 +306,7 @@ void Object_Extras::look(const Object_Attributes& attributes, unsigned kinds, st
   settle(KIND_LOCK, now.lock_mode == attributes.lock_mode && now.legal_hold == attributes.legal_hold);
   settle(KIND_STORAGE_CLASS, now.storage_class == attributes.storage_class);
   settle(KIND_METADATA, has_all(attributes.metadata, now.metadata));
-  const auto redirects = [](const Object_Attributes& one) {
-    return (kinds_of(one) & KIND_REDIRECT) != 0;
-  };
+  const auto redirects = [](const Object_Attributes& one) { return (kinds_of(one) & KIND_REDIRECT) != 0; };
   settle(KIND_REDIRECT, redirects(now));
   for (const std::string& name : header_names(attributes, kinds)) {
     bool found = false;
@@ -353,8 +351,7 @@ S3_IWriter_ptr Service::upload(const char* bucket, const char* key, ACE_UINT64 s
   if (!named(bucket, key))
     return nullptr;
   S3_Error error;
-  S3_IWriter_ptr writer =
-      make_upload(endpoint_, bucket, key, size, endpoint_->max_retry_seconds(), &attributes, error);
+  S3_IWriter_ptr writer = make_upload(endpoint_, bucket, key, size, endpoint_->max_retry_seconds(), &attributes, error);
   set_error(error);
   if (!writer)
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to begin to store object '%C' in bucket '%C', error: %C.\n"), key, bucket,

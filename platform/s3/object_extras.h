@@ -13,8 +13,8 @@ namespace s3 {
 class Object_Extras {
 public:
   Object_Extras(Transport& transport, std::string bucket, std::string key, int max_retry_seconds)
-      : transport_(transport), bucket_(std::move(bucket)), key_(std::move(key)),
-        max_retry_seconds_(max_retry_seconds) {}
+      : transport_(transport), bucket_(std::move(bucket)), key_(std::move(key)), max_retry_seconds_(max_retry_seconds) {
+  }
 
   Outcome get_tags(Object_Attributes& attributes);
   Outcome get_acl(Object_Attributes& attributes);

@@ -9,8 +9,8 @@
 
 namespace s3 {
 
-/// Parts above this size are not held in memory: such an object gets a layout of ours. The same holds for an object that
-/// was stored at once, which is a single part.
+/// Parts above this size are not held in memory: such an object gets a layout of ours. The same holds for an object
+/// that was stored at once, which is a single part.
 constexpr unsigned long long LARGEST_PART = 256ull << 20;
 
 /// How an object is sent: at once, or in which parts.

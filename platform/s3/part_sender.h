@@ -68,8 +68,8 @@ private:
   unsigned busy_ = 0; ///< threads at a part
   std::vector<std::string> etags_;
   S3_Error error_;
-  std::string spare_;       ///< the memory of a part that was sent, for the next one
-  size_t spare_charge_ = 0; ///< bytes of the job's budget that it holds; 0: there is none
+  std::string spare_;                           ///< the memory of a part that was sent, for the next one
+  size_t spare_charge_ = 0;                     ///< bytes of the job's budget that it holds; 0: there is none
   Side_Threads threads_{"Part", mutex_, work_}; ///< the last: they use the others
 };
 

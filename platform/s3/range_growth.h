@@ -2,9 +2,9 @@
 
 namespace s3 {
 
-/// Decides over how many streams one object is read: begins with few, usually one, and doubles as long as whoever reads has to wait
-/// and the last step brought more bytes per second. A step that did not is taken back, and the next one tried a good
-/// while later. A value; time is passed in.
+/// Decides over how many streams one object is read: begins with few, usually one, and doubles as long as whoever reads
+/// has to wait and the last step brought more bytes per second. A step that did not is taken back, and the next one
+/// tried a good while later. A value; time is passed in.
 class Range_Growth {
 public:
   Range_Growth(unsigned first, unsigned most) : most_(most), streams_(first < most ? first : most) {}

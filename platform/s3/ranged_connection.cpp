@@ -93,8 +93,8 @@ size_t Ranged_Connection::take(char* buffer, size_t size, const ACE_Time_Value* 
 }
 
 size_t Ranged_Connection::take_stream(char* buffer, size_t size, const ACE_Time_Value* timeout) {
-  size_t got = stream_->recv(buffer, static_cast<size_t>(std::min<ACE_UINT64>({size, stream_end_ - position_, STEP})),
-                             timeout);
+  size_t got =
+      stream_->recv(buffer, static_cast<size_t>(std::min<ACE_UINT64>({size, stream_end_ - position_, STEP})), timeout);
   if (got == RECV_FAILED)
     got = 0;
   received_ += got;

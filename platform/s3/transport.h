@@ -16,7 +16,7 @@ struct Outcome {
   S3_Error error;           ///< number 0: success
   unsigned retry_after = 0; ///< seconds that the service asked for; 0: none
   HTTP_Head head;
-  std::string body; ///< of a small answer
+  std::string body;          ///< of a small answer
   std::string storage_class; ///< that an error document names as the reason
 
   bool ok() const { return error.number() == 0; }
@@ -54,8 +54,8 @@ private:
   Request_Gate::Ticket last_ticket_; ///< of the last request, whose body may yet turn out to be a refusal
 };
 
-/// Calls `attempt` until it succeeds, fails for good, or the waits have added up to `max_seconds` (-1: no bound). `pause`
-/// waits for so many seconds; empty: by the clock in force, which ends it when the job is being cancelled.
+/// Calls `attempt` until it succeeds, fails for good, or the waits have added up to `max_seconds` (-1: no bound).
+/// `pause` waits for so many seconds; empty: by the clock in force, which ends it when the job is being cancelled.
 Outcome retried(int max_seconds, const std::function<Outcome()>& attempt,
                 const std::function<void(unsigned)>& pause = nullptr);
 

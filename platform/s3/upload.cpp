@@ -38,7 +38,8 @@ public:
 
   /// Waits for memory where the parts are larger than usual.
   bool reserve() {
-    return plan_.largest() <= transport_.endpoint().part_size() || share_.take(std::min<ACE_UINT64>(plan_.largest(), size_));
+    return plan_.largest() <= transport_.endpoint().part_size() ||
+           share_.take(std::min<ACE_UINT64>(plan_.largest(), size_));
   }
 
   const std::vector<std::string>& refused() const override { return refused_; }
@@ -211,8 +212,8 @@ protected:
     const std::vector<std::string>& etags = sender_.etags();
     std::string body("<CompleteMultipartUpload>");
     for (size_t i = 0; i < etags.size(); ++i)
-      body += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + xml_escaped(etags[i]) +
-              "</ETag>" + checksum_element(i) + "</Part>";
+      body += "<Part><PartNumber>" + std::to_string(i + 1) + "</PartNumber><ETag>" + xml_escaped(etags[i]) + "</ETag>" +
+              checksum_element(i) + "</Part>";
     body += "</CompleteMultipartUpload>";
     Request post = request("POST");
     post.query.emplace_back("uploadId", upload_id_);
@@ -297,11 +298,11 @@ S3_IWriter_ptr begin_upload(std::shared_ptr<Endpoint> endpoint, const std::strin
   std::unique_ptr<Upload> writer;
   Multipart_Upload* multipart = nullptr;
   if (plan.multipart())
-    writer.reset(multipart = new (std::nothrow) Multipart_Upload(std::move(endpoint), bucket, key, size, plan,
-                                                                 attributes, max_retry_seconds));
+    writer.reset(multipart = new (std::nothrow)
+                     Multipart_Upload(std::move(endpoint), bucket, key, size, plan, attributes, max_retry_seconds));
   else
-    writer.reset(new (std::nothrow) Single_Upload(std::move(endpoint), bucket, key, size, plan, attributes,
-                                                  max_retry_seconds));
+    writer.reset(new (std::nothrow)
+                     Single_Upload(std::move(endpoint), bucket, key, size, plan, attributes, max_retry_seconds));
   if (!writer) {
     error = S3_Error(ENOMEM, 0, "OutOfMemory", "no memory for an upload", false);
     return nullptr;

@@ -78,10 +78,10 @@ private:
   XML_Mender mender_;
   bool skims_ = true;
   XML_Skimmer skimmer_;
-  bool between_ = false;     ///< all that was parsed ends with the end of one of the root's children
-  size_t parsed_ = 0;        ///< bytes that the parser has had
-  size_t end_at_ = 0;        ///< where among these the last element ended
-  std::string held_;         ///< the beginning of an element that may be plain
+  bool between_ = false; ///< all that was parsed ends with the end of one of the root's children
+  size_t parsed_ = 0;    ///< bytes that the parser has had
+  size_t end_at_ = 0;    ///< where among these the last element ended
+  std::string held_;     ///< the beginning of an element that may be plain
 };
 
 } // namespace s3

@@ -70,19 +70,37 @@ TEST(xml_skimmer, every_beginning_of_a_plain_element_is_partial) {
 }
 
 TEST(xml_skimmer, what_needs_a_parser_is_not_plain) {
-  for (const char* text :
-       {"<a b=\"c\">d</a>", "<a/>", "<a >b</a>", "<x:a>b</x:a>", "<!-- -->", "<![CDATA[a]]>", "<?a?>", "</a>", "a<b></b>",
-        "<a>&#65;</a>", "<a>&other;</a>", "<a>&</a>", "<a>b&ampc;</a>", "<a>]]></a>", "<a>\xC3\xA9</a>", "<a>\x01</a>",
-        "<a>line\nend</a>", "<a>text<b></b></a>", "<a><b></b>text</a>", "<a><b></a></b>", "<1>a</1>",
-        "<a><b><c><d><e></e></d></c></b></a>"})
+  for (const char* text : {"<a b=\"c\">d</a>",
+                           "<a/>",
+                           "<a >b</a>",
+                           "<x:a>b</x:a>",
+                           "<!-- -->",
+                           "<![CDATA[a]]>",
+                           "<?a?>",
+                           "</a>",
+                           "a<b></b>",
+                           "<a>&#65;</a>",
+                           "<a>&other;</a>",
+                           "<a>&</a>",
+                           "<a>b&ampc;</a>",
+                           "<a>]]></a>",
+                           "<a>\xC3\xA9</a>",
+                           "<a>\x01</a>",
+                           "<a>line\nend</a>",
+                           "<a>text<b></b></a>",
+                           "<a><b></b>text</a>",
+                           "<a><b></a></b>",
+                           "<1>a</1>",
+                           "<a><b><c><d><e></e></d></c></b></a>"})
     EXPECT_EQ(XML_Skimmer::NOT_PLAIN, look(text)) << text;
 }
 
 TEST(xml_reader, plain_and_other_elements_are_told_alike) {
   EXPECT_EQ("<A1>A=1;<B1<C2>C=2&;>B=;<D1>D=3;>/=;",
             read_every_way("<R><A>1</A><B><C>2&amp;</C></B><D x=\"y\">3</D></R>"));
-  EXPECT_EQ("<A1>A=;<B1>B=b;<C1>C=\xC3\xA9;<D1>D=d;>/=\n ;",
-            read_every_way("<?xml version=\"1.0\"?>\n<R xmlns=\"u\">\n <A></A>\n <B>b</B> <C>\xC3\xA9</C><D>d</D>\n </R>\n"));
+  EXPECT_EQ(
+      "<A1>A=;<B1>B=b;<C1>C=\xC3\xA9;<D1>D=d;>/=\n ;",
+      read_every_way("<?xml version=\"1.0\"?>\n<R xmlns=\"u\">\n <A></A>\n <B>b</B> <C>\xC3\xA9</C><D>d</D>\n </R>\n"));
 }
 
 TEST(xml_reader, plain_text_in_comments_and_sections_is_no_element) {
@@ -93,7 +111,8 @@ TEST(xml_reader, plain_text_in_comments_and_sections_is_no_element) {
 }
 
 TEST(xml_reader, broken_documents_stay_broken) {
-  for (const char* document : {"<R><A>1</A><B>2</B>", "<R><A>1</A><B>2", "<R><A>1</A><B>2</C></R>", "<R><A>1</A></R><B>2</B>",
-                               "<R><A>1</A><B>2</B></R>x", "<R><A>1</A><B>]]></B></R>", "<R><A>1</A><B>&x;</B></R>"})
+  for (const char* document :
+       {"<R><A>1</A><B>2</B>", "<R><A>1</A><B>2", "<R><A>1</A><B>2</C></R>", "<R><A>1</A></R><B>2</B>",
+        "<R><A>1</A><B>2</B></R>x", "<R><A>1</A><B>]]></B></R>", "<R><A>1</A><B>&x;</B></R>"})
     EXPECT_EQ("failed", read_every_way(document)) << document;
 }

@@ -70,8 +70,8 @@ Store_Statement& Store_Statement::bound(int result) {
 }
 
 Store_Statement& Store_Statement::text(const std::string& value) {
-  return bound(sqlite3_bind_text64(statement_.get(), ++place_, value.data(), value.size(), SQLITE_TRANSIENT,
-                                   SQLITE_UTF8));
+  return bound(
+      sqlite3_bind_text64(statement_.get(), ++place_, value.data(), value.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
 }
 
 Store_Statement& Store_Statement::blob(const std::string& value) {
@@ -117,7 +117,9 @@ unsigned long long Store_Statement::get_number() {
   return static_cast<unsigned long long>(sqlite3_column_int64(statement_.get(), column_++));
 }
 
-time_t Store_Statement::get_time() { return static_cast<time_t>(sqlite3_column_int64(statement_.get(), column_++)); }
+time_t Store_Statement::get_time() {
+  return static_cast<time_t>(sqlite3_column_int64(statement_.get(), column_++));
+}
 
 Store_Transaction::~Store_Transaction() {
   if (open_)

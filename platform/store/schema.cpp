@@ -79,8 +79,8 @@ bool bring_up_to_date(Store_Db& db, std::string& error) {
     return false;
   }
   if (version > STORE_SCHEMA_VERSION) {
-    error = "the agent's database " + db.path() + " was written by a newer version (format " +
-            std::to_string(version) + ", known up to " + std::to_string(STORE_SCHEMA_VERSION) + ")";
+    error = "the agent's database " + db.path() + " was written by a newer version (format " + std::to_string(version) +
+            ", known up to " + std::to_string(STORE_SCHEMA_VERSION) + ")";
     return false;
   }
   if (version == STORE_SCHEMA_VERSION)

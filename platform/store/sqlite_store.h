@@ -56,8 +56,7 @@ public:
   bool find_set_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq, Set& set,
                        bool& found, std::string& error) override;
 
-  bool put_note(const std::string& kind, const std::string& key, const std::string& text,
-                std::string& error) override;
+  bool put_note(const std::string& kind, const std::string& key, const std::string& text, std::string& error) override;
   bool find_note(const std::string& kind, const std::string& key, std::string& text, bool& found,
                  std::string& error) override;
 
@@ -65,8 +64,7 @@ private:
   SQLite_Store() = default;
 
   // The inner halves expect the lock to be held.
-  bool put_items(const std::string& owner, const char* kind, const std::vector<std::string>& items,
-                 std::string& error);
+  bool put_items(const std::string& owner, const char* kind, const std::vector<std::string>& items, std::string& error);
   bool get_items(const std::string& owner, const char* kind, std::vector<std::string>& items, std::string& error);
   bool read_accounts(Store_Statement& statement, std::vector<Account>& accounts, std::string& error);
   bool read_pools(Store_Statement& statement, std::vector<Pool_Entry>& pools, std::string& error);
@@ -80,6 +78,6 @@ private:
   bool count_sets(const char* sql, const std::string& owner, unsigned long long& count, std::string& error);
   bool remove_row(const char* sql, const char* what, const std::string& key, std::string& error);
 
-  std::mutex mutex_;                     ///< guards the connection
+  std::mutex mutex_; ///< guards the connection
   Store_Db db_;
 };

@@ -1,8 +1,8 @@
 #include "platform/store/sqlite_store.h"
 
-#define ACCOUNT_COLUMNS \
-  "uuid,name,scheme,endpoint,access_key,secret_key,region,vendor,sign_method,addressing,ca_file," \
-  "list_version,url_encoding,payload_signing,client_cert,client_key,proxy,connect_timeout,idle_timeout,user_agent," \
+#define ACCOUNT_COLUMNS                                                                                                \
+  "uuid,name,scheme,endpoint,access_key,secret_key,region,vendor,sign_method,addressing,ca_file,"                      \
+  "list_version,url_encoding,payload_signing,client_cert,client_key,proxy,connect_timeout,idle_timeout,user_agent,"    \
   "found_addressing,found_list_version,found_url_encoding"
 
 namespace {
@@ -216,7 +216,8 @@ bool SQLite_Store::add_pool(const Pool_Entry& pool, std::string& error) {
   const std::lock_guard<std::mutex> guard(mutex_);
   Store_Transaction transaction(db_);
   bool found = false;
-  if (!transaction.begin(error) || !exists("SELECT 1 FROM pools WHERE name=? AND uuid<>?", pool.name, pool.uuid, found, error))
+  if (!transaction.begin(error) ||
+      !exists("SELECT 1 FROM pools WHERE name=? AND uuid<>?", pool.name, pool.uuid, found, error))
     return false;
   if (found) {
     error = taken("pool", pool.name);

@@ -1,7 +1,7 @@
 #include "platform/store/sqlite_store.h"
 
-#define SET_COLUMNS \
-  "uuid,pool_uuid,account_uuid,minor_resource_id,minor_resource_name,name,seq,channels,incarnation,uri,type," \
+#define SET_COLUMNS                                                                                                    \
+  "uuid,pool_uuid,account_uuid,minor_resource_id,minor_resource_name,name,seq,channels,incarnation,uri,type,"          \
   "start_time,end_time,source_size,backup_set_size,backup_set_storage_size,objects,state"
 
 namespace {
@@ -26,7 +26,8 @@ bool SQLite_Store::add_selection(const Selection& selection, std::string& error)
   bool name = false;
   bool uuid = false;
   if (!transaction.begin(error) ||
-      !exists("SELECT 1 FROM accounts WHERE uuid=? AND ?<>''", selection.account_uuid, selection.uuid, account, error) ||
+      !exists("SELECT 1 FROM accounts WHERE uuid=? AND ?<>''", selection.account_uuid, selection.uuid, account,
+              error) ||
       !exists("SELECT 1 FROM selections WHERE account_uuid=? AND name=?", selection.account_uuid, selection.name, name,
               error) ||
       !exists("SELECT 1 FROM selections WHERE uuid=? AND ?<>''", selection.uuid, selection.uuid, uuid, error))
@@ -89,8 +90,7 @@ bool SQLite_Store::remove_selection(const std::string& uuid, std::string& error)
   return remove_row("DELETE FROM selections WHERE uuid=?", "selection", uuid, error);
 }
 
-bool SQLite_Store::read_selections(Store_Statement& statement, std::vector<Selection>& selections,
-                                   std::string& error) {
+bool SQLite_Store::read_selections(Store_Statement& statement, std::vector<Selection>& selections, std::string& error) {
   while (statement.next()) {
     Selection& selection = selections.emplace_back();
     selection.uuid = statement.get_text();
@@ -129,8 +129,7 @@ bool SQLite_Store::find_selection(const std::string& account_uuid, const std::st
   return true;
 }
 
-bool SQLite_Store::selections(const std::string& account_uuid, std::vector<Selection>& selections,
-                              std::string& error) {
+bool SQLite_Store::selections(const std::string& account_uuid, std::vector<Selection>& selections, std::string& error) {
   const std::lock_guard<std::mutex> guard(mutex_);
   Store_Statement select(db_, "SELECT uuid,account_uuid,name FROM selections WHERE ?1='' OR account_uuid=?1 "
                               "ORDER BY name, uuid");
@@ -190,9 +189,11 @@ bool SQLite_Store::replace_set(const std::string& old_uuid, const Set& set, std:
         !exists("SELECT 1 FROM sets WHERE uuid=? AND ?<>''", set.uuid, set.uuid, there, error))
       return false;
     // A row of the new set's own may have come first; one cut short here is completed by the next look at the pool.
-    const char* const change = there ? "DELETE FROM sets WHERE uuid=?1 AND ?2<>''" : "UPDATE sets SET uuid=?2 WHERE uuid=?1";
+    const char* const change =
+        there ? "DELETE FROM sets WHERE uuid=?1 AND ?2<>''" : "UPDATE sets SET uuid=?2 WHERE uuid=?1";
     if (!Store_Statement(db_, change).text(old_uuid).text(set.uuid).run(error) ||
-        !Store_Statement(db_, "DELETE FROM items WHERE owner=?").text(old_uuid).run(error) || !transaction.commit(error))
+        !Store_Statement(db_, "DELETE FROM items WHERE owner=?").text(old_uuid).run(error) ||
+        !transaction.commit(error))
       return false;
   }
   return put_set(set, error);
@@ -265,8 +266,8 @@ bool SQLite_Store::sets(const std::string& pool_uuid, const std::string& account
   return read_sets(select.text(pool_uuid).text(account_uuid).text(minor_resource_id).number(all), sets, error);
 }
 
-bool SQLite_Store::newest_set(const std::string& pool_uuid, const std::string& minor_resource_id, Set& set,
-                              bool& found, std::string& error) {
+bool SQLite_Store::newest_set(const std::string& pool_uuid, const std::string& minor_resource_id, Set& set, bool& found,
+                              std::string& error) {
   const std::lock_guard<std::mutex> guard(mutex_);
   std::vector<Set> rows;
   Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE pool_uuid=? AND minor_resource_id=? AND "

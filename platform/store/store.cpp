@@ -20,9 +20,13 @@ std::unique_ptr<Store> Store::open(const std::string& state_folder, std::string&
   return SQLite_Store::open(state_folder, error);
 }
 
-Store* Store::instance() { return the_store; }
+Store* Store::instance() {
+  return the_store;
+}
 
-void Store::instance(Store* store) { the_store = store; }
+void Store::instance(Store* store) {
+  the_store = store;
+}
 
 bool split_endpoint_url(const std::string& url, std::string& scheme, std::string& endpoint, std::string& error) {
   const std::string whole = url.find("://") == std::string::npos ? "https://" + url : url;

@@ -55,8 +55,7 @@ public:
   virtual bool find_selection(const std::string& account_uuid, const std::string& name, Selection& selection,
                               bool& found, std::string& error) = 0;
   /// Those of one account; of all accounts when `account_uuid` is empty.
-  virtual bool selections(const std::string& account_uuid, std::vector<Selection>& selections,
-                          std::string& error) = 0;
+  virtual bool selections(const std::string& account_uuid, std::vector<Selection>& selections, std::string& error) = 0;
 
   // Definitions, by name. Names may repeat.
   /// Adds or replaces the definition of that id.
@@ -84,8 +83,8 @@ public:
   /// Online sets whose uuid begins with `prefix`, oldest first.
   virtual bool sets_by_prefix(const std::string& prefix, std::vector<Set>& sets, std::string& error) = 0;
   /// Sets, oldest first, also those that are gone when `all`; an empty argument does not narrow.
-  virtual bool sets(const std::string& pool_uuid, const std::string& account_uuid,
-                    const std::string& minor_resource_id, bool all, std::vector<Set>& sets, std::string& error) = 0;
+  virtual bool sets(const std::string& pool_uuid, const std::string& account_uuid, const std::string& minor_resource_id,
+                    bool all, std::vector<Set>& sets, std::string& error) = 0;
   /// The online set of a resource in a pool that was added last.
   virtual bool newest_set(const std::string& pool_uuid, const std::string& minor_resource_id, Set& set, bool& found,
                           std::string& error) = 0;

@@ -519,10 +519,9 @@ TEST_P(Store_Contract, several_stores_on_one_folder_see_each_other) {
 }
 
 INSTANTIATE_TEST_SUITE_P(implementations, Store_Contract,
-                         testing::Values(Implementation{"sqlite",
-                                                        [](const std::string& folder, std::string& error) {
-                                                          return Store::open(folder, error);
-                                                        }}),
+                         testing::Values(Implementation{
+                             "sqlite",
+                             [](const std::string& folder, std::string& error) { return Store::open(folder, error); }}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST(store, the_instance_is_forgotten_when_it_is_closed) {
@@ -631,9 +630,9 @@ TEST(sqlite_store, accounts_of_the_first_format_get_the_settings_they_never_had)
   {
     Store_Db db;
     ASSERT_TRUE(db.open(folder / "state/agent.db", error));
-    for (const char* column : {"list_version", "url_encoding", "payload_signing", "client_cert", "client_key", "proxy",
-                               "connect_timeout", "idle_timeout", "user_agent", "found_addressing",
-                               "found_list_version", "found_url_encoding"})
+    for (const char* column :
+         {"list_version", "url_encoding", "payload_signing", "client_cert", "client_key", "proxy", "connect_timeout",
+          "idle_timeout", "user_agent", "found_addressing", "found_list_version", "found_url_encoding"})
       ASSERT_TRUE(db.execute(("ALTER TABLE accounts DROP COLUMN " + std::string(column)).c_str(), error)) << error;
     ASSERT_TRUE(db.execute("INSERT INTO accounts VALUES('u','old','https','host','access','obs1:x','','','v2','path',"
                            "x'2f63'); PRAGMA user_version=1",

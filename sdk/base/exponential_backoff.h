@@ -35,7 +35,7 @@ private:
   unsigned slot_time_ = 0;
   unsigned capped_ = 0;
   bool jitter_ = false;
-  ACE_UINT32 left_ = 0;   ///< waits still to hand out, the present one included
+  ACE_UINT32 left_ = 0; ///< waits still to hand out, the present one included
   ACE_UINT32 step_ = 0;
   unsigned wait_ = 0;
   unsigned long long cumulation_ = 0;

@@ -42,8 +42,8 @@ struct Error {
   Error(Error_ID id, time_t time, json_spirit::Array params = {}) : id(id), time(time), params(std::move(params)) {}
 
   Error_ID id;
-  time_t time = 0;                ///< seconds since the epoch
-  json_spirit::Array params;      ///< what fills the message's places, in order
+  time_t time = 0;           ///< seconds since the epoch
+  json_spirit::Array params; ///< what fills the message's places, in order
 };
 
 /// Keeps the last error of each job.

@@ -22,12 +22,12 @@ public:
     SENDING_BODY = 6,
     SENT = 7,
     READING_HEADERS = 8,
-    HEADERS_READ = 9,     ///< a successful answer; no byte of the body was read yet
+    HEADERS_READ = 9, ///< a successful answer; no byte of the body was read yet
     REDIRECTED = 10,
     READING_BODY = 11,
-    BODY_READ = 12,       ///< the whole announced body was handed out
-    CLOSED = 13,          ///< closed by us, or broken off by the peer in the middle of the body
-    FAILED = 14           ///< never got as far as a successful answer
+    BODY_READ = 12, ///< the whole announced body was handed out
+    CLOSED = 13,    ///< closed by us, or broken off by the peer in the middle of the body
+    FAILED = 14     ///< never got as far as a successful answer
   };
   /// What `recv` returns when it could not read at all.
   static constexpr size_t RECV_FAILED = static_cast<size_t>(-1);

@@ -12,12 +12,12 @@ public:
   struct Settings {
     Job_Definition_Type type = JOB_DEFINITION_NONE;
     Job_Definition_Subtype subtype = JOB_DEFINITION_SUBTYPE_NONE;
-    std::string id;                    ///< the definition's id
-    std::string uid;                   ///< its uuid as text
+    std::string id;  ///< the definition's id
+    std::string uid; ///< its uuid as text
     std::string name;
-    std::string agent;                 ///< name of the agent that runs it
-    std::string host_id;               ///< uuid of the host; for object storage of the account entry
-    std::string precondition;          ///< scripts, for /bin/sh; empty: none
+    std::string agent;        ///< name of the agent that runs it
+    std::string host_id;      ///< uuid of the host; for object storage of the account entry
+    std::string precondition; ///< scripts, for /bin/sh; empty: none
     std::string pre_action;
     std::string post_action;
     bool redirect_pre_action_stdout = false;
@@ -26,11 +26,11 @@ public:
     bool ignore_post_action_failure = false;
     bool run_post_action_always = false;
     std::string backup_protection_password;
-    int max_seconds_retry = 300;       ///< seconds of waiting after which a failing request is given up; -1: no bound
+    int max_seconds_retry = 300; ///< seconds of waiting after which a failing request is given up; -1: no bound
     ACE_UINT64 resumption_buffer_size = 0;
-    ACE_UINT64 rate_limit = 0;         ///< bytes per second of the whole job; 0: none
-    unsigned readers = 0;              ///< objects read at the same time over the whole run; 0: the default
-    std::string archived;              ///< objects that must be thawed first: "skip" (also empty), "fail", "request"
+    ACE_UINT64 rate_limit = 0; ///< bytes per second of the whole job; 0: none
+    unsigned readers = 0;      ///< objects read at the same time over the whole run; 0: the default
+    std::string archived;      ///< objects that must be thawed first: "skip" (also empty), "fail", "request"
     bool server_side_dedup = false;
     Job_Target target;
   };
@@ -63,9 +63,9 @@ public:
   const std::string& archived() const { return settings_.archived; }
   const Job_Target& target() const { return settings_.target; }
 
-  std::vector<std::shared_ptr<Job_Schedule>> schedules;   ///< members may be null
-  Job_Source_var source;                                  ///< the record that the module's source parser made
-  Job_Options_var options;                                ///< likewise
+  std::vector<std::shared_ptr<Job_Schedule>> schedules; ///< members may be null
+  Job_Source_var source;                                ///< the record that the module's source parser made
+  Job_Options_var options;                              ///< likewise
 
 private:
   Settings settings_;

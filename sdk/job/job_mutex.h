@@ -8,10 +8,10 @@
 class Job_Mutex {
 public:
   virtual ~Job_Mutex();
-  virtual int acquire() = 0;      ///< blocks; 0, or -1 with errno when it cannot be had
-  virtual int tryacquire() = 0;   ///< -1 with errno EBUSY when somebody else holds it
+  virtual int acquire() = 0;    ///< blocks; 0, or -1 with errno when it cannot be had
+  virtual int tryacquire() = 0; ///< -1 with errno EBUSY when somebody else holds it
   virtual int release() = 0;
-  virtual int remove() = 0;       ///< 0; for ACE's lock adapters
+  virtual int remove() = 0; ///< 0; for ACE's lock adapters
 
   /// The mutex of `name`; the same one for the same name while anybody holds a reference. Never null.
   static std::shared_ptr<Job_Mutex> get(const std::string& name);

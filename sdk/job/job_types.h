@@ -25,7 +25,7 @@ enum Job_Definition_Subtype {
   JOB_DEFINITION_SUBTYPE_CUMULATIVE = 3,
   JOB_DEFINITION_SUBTYPE_MERGE = 6,
   JOB_DEFINITION_SUBTYPE_ONDEMAND = 7,
-  JOB_DEFINITION_SUBTYPE_DR_TEST = 17   ///< a restore that rehearses disaster recovery
+  JOB_DEFINITION_SUBTYPE_DR_TEST = 17 ///< a restore that rehearses disaster recovery
 };
 
 enum Job_State {
@@ -70,17 +70,17 @@ typedef json_spirit::Object Job_Run_Options;
 /// The running record of a job, which its work fills and any thread may read at any time. Every member that changes
 /// while the job runs is atomic; there is no lock.
 struct Job_Activity {
-  unsigned char uid[16] = {};                      ///< binary uuid of the job's definition
-  std::string id;                                  ///< uuid of this activity as text; set before the job starts
+  unsigned char uid[16] = {}; ///< binary uuid of the job's definition
+  std::string id;             ///< uuid of this activity as text; set before the job starts
   std::atomic<Job_State> state{JOB_STATE_CREATED};
-  std::atomic<time_t> start_time{0};               ///< seconds since the epoch
+  std::atomic<time_t> start_time{0}; ///< seconds since the epoch
   std::atomic<time_t> last_run_time{0};
   std::atomic<time_t> end_time{0};
-  std::atomic<ACE_UINT64> size{0};                 ///< bytes of the objects that were read or written
-  std::atomic<ACE_UINT64> set_size{0};             ///< bytes that the set takes
-  std::atomic<ACE_UINT64> objects{0};              ///< objects done so far
-  std::atomic<ACE_UINT64> listed{0};               ///< objects listed so far
-  std::atomic<ACE_UINT64> problems{0};             ///< objects and folders skipped or failed so far
+  std::atomic<ACE_UINT64> size{0};     ///< bytes of the objects that were read or written
+  std::atomic<ACE_UINT64> set_size{0}; ///< bytes that the set takes
+  std::atomic<ACE_UINT64> objects{0};  ///< objects done so far
+  std::atomic<ACE_UINT64> listed{0};   ///< objects listed so far
+  std::atomic<ACE_UINT64> problems{0}; ///< objects and folders skipped or failed so far
 };
 
 /// What a job works on. Resources derive their own records from it.
@@ -113,9 +113,9 @@ public:
   Job_Target(std::string id, std::string device_id, std::string location)
       : id_(std::move(id)), device_id_(std::move(device_id)), location_(std::move(location)) {}
 
-  const std::string& id() const { return id_; }                ///< for a backup the pool's uuid
-  const std::string& device_id() const { return device_id_; }  ///< may be empty
-  const std::string& location() const { return location_; }    ///< for a restore a location of its own; may be empty
+  const std::string& id() const { return id_; }               ///< for a backup the pool's uuid
+  const std::string& device_id() const { return device_id_; } ///< may be empty
+  const std::string& location() const { return location_; }   ///< for a restore a location of its own; may be empty
 
 private:
   std::string id_;

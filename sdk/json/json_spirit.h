@@ -28,8 +28,8 @@ public:
 /// One JSON value, copied deeply. Not for use by several threads while one of them changes it.
 class Value {
 public:
-  Value();                                  ///< null
-  Value(const char* text);                  ///< null pointer: JSON null
+  Value();                 ///< null
+  Value(const char* text); ///< null pointer: JSON null
   Value(const std::string& text);
   Value(std::string&& text);
   Value(const Object& object);
@@ -66,7 +66,7 @@ public:
   int get_int() const;
   ACE_INT64 get_int64() const;
   ACE_UINT64 get_uint64() const;
-  double get_real() const;                  ///< whole numbers too
+  double get_real() const; ///< whole numbers too
 
   bool operator==(const Value& other) const;
   bool operator!=(const Value& other) const { return !(*this == other); }

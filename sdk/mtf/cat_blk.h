@@ -9,10 +9,10 @@
 
 /// Type codes of catalog blocks: four ASCII bytes as a little-endian number.
 enum MTF_Cat_Blk_Type : ACE_UINT32 {
-  MTF_CAT_VOLB_BLK = 0x424C4F56,   ///< "VOLB"
-  MTF_CAT_DIRB_BLK = 0x42524944,   ///< "DIRB"
-  MTF_CAT_FILE_BLK = 0x454C4946,   ///< "FILE"
-  MTF_CAT_FEND_BLK = 0x444E4546    ///< "FEND"
+  MTF_CAT_VOLB_BLK = 0x424C4F56, ///< "VOLB"
+  MTF_CAT_DIRB_BLK = 0x42524944, ///< "DIRB"
+  MTF_CAT_FILE_BLK = 0x454C4946, ///< "FILE"
+  MTF_CAT_FEND_BLK = 0x444E4546  ///< "FEND"
 };
 
 namespace MTF {
@@ -29,10 +29,10 @@ public:
   explicit Cat_Hdr(unsigned char* at) : at_(at) {}
 
   void type(ACE_UINT32 value);
-  void length(ACE_UINT32 value);              ///< of the whole block, this header included
+  void length(ACE_UINT32 value); ///< of the whole block, this header included
   void seq(ACE_UINT16 value);
-  void size(ACE_UINT64 value);                ///< of the object, in bytes
-  void str_type(unsigned char value);         ///< 0 no names, 1 bytes, 2 UTF-16
+  void size(ACE_UINT64 value);        ///< of the object, in bytes
+  void str_type(unsigned char value); ///< 0 no names, 1 bytes, 2 UTF-16
   void backup_set_attr(ACE_UINT32 value);
   void ino(ACE_UINT64 value);
   void check(ACE_UINT16 value);

@@ -10,11 +10,11 @@ class Client_IO_Base {
 public:
   /// How an engine's channels move their data.
   struct Options {
-    int max_seconds_retry = 300;               ///< seconds; -1: no bound
-    ACE_UINT64 resumption_buffer_size = 0;     ///< bytes
-    ACE_UINT64 channel_rate_limit = 0;         ///< bytes per second of one channel; 0: none
+    int max_seconds_retry = 300;           ///< seconds; -1: no bound
+    ACE_UINT64 resumption_buffer_size = 0; ///< bytes
+    ACE_UINT64 channel_rate_limit = 0;     ///< bytes per second of one channel; 0: none
     bool server_side_dedup = false;
-    unsigned readers = 0;                      ///< requests in flight over the whole run; 0: the engine's default
+    unsigned readers = 0; ///< requests in flight over the whole run; 0: the engine's default
     std::string access_key;
   };
 };

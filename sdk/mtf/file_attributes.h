@@ -8,8 +8,8 @@ namespace MTF {
 /// What belongs to a file beside path, dates and content, in the resource's own words: two JSON objects as text,
 /// empty where there is nothing. The engines keep them and give them back; they look at nothing inside.
 struct File_Attributes {
-  std::string common;   ///< what many files have alike; a catalog keeps each text once
-  std::string own;      ///< what only this file has
+  std::string common; ///< what many files have alike; a catalog keeps each text once
+  std::string own;    ///< what only this file has
 
   bool empty() const { return common.empty() && own.empty(); }
 };

@@ -9,7 +9,7 @@ namespace MTF {
 /// The header part of a data block that a resource may fill.
 class DBLK_Hdr {
 public:
-  void size(ACE_UINT64 bytes) { size_ = bytes; }   ///< the displayable size
+  void size(ACE_UINT64 bytes) { size_ = bytes; } ///< the displayable size
   ACE_UINT64 size() const { return size_; }
 
 private:
@@ -44,12 +44,12 @@ struct Callback_Stat {
   ACE_UINT64 dev = 0;
   ACE_UINT64 rdev = 0;
   ACE_UINT64 ino = 0;
-  ACE_UINT64 size = 0;        ///< bytes
-  long long atime = 0;        ///< seconds since the epoch
+  ACE_UINT64 size = 0; ///< bytes
+  long long atime = 0; ///< seconds since the epoch
   long long mtime = 0;
   long long ctime = 0;
-  ACE_UINT32 blksize = 0;     ///< bytes
-  ACE_UINT64 blocks = 0;      ///< of 512 bytes
+  ACE_UINT32 blksize = 0; ///< bytes
+  ACE_UINT64 blocks = 0;  ///< of 512 bytes
   std::string owner;
   std::string group;
 
@@ -61,8 +61,8 @@ class Buffer {
 public:
   Buffer(char* base, size_t size) : base_(base), size_(size) {}
   char* base() { return base_; }
-  size_t size() const { return size_; }           ///< what fits
-  size_t used() const { return used_; }           ///< what was filled
+  size_t size() const { return size_; } ///< what fits
+  size_t used() const { return used_; } ///< what was filled
   void used(size_t count) { used_ = count; }
 
 private:

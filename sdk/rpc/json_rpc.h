@@ -102,8 +102,7 @@ class JSON_RPC_Session {
 public:
   explicit JSON_RPC_Session(std::weak_ptr<JSON_RPC_Channel> channel) : channel_(std::move(channel)) {}
   /// Makes a request with an id of its own.
-  static void make_rpc_request(const std::string& method, const json_spirit::Object& params,
-                               JSON_RPC_Request& request);
+  static void make_rpc_request(const std::string& method, const json_spirit::Object& params, JSON_RPC_Request& request);
   /// 0 when `reply` holds an answer, -1 when the channel is gone or failed.
   int request(const JSON_RPC_Request& request, JSON_RPC_Object_var& reply);
 

@@ -8,9 +8,9 @@
 
 /// One right that an object's access list gives.
 struct Object_Grant {
-  std::string type;         ///< "CanonicalUser", "Group", "AmazonCustomerByEmail"
-  std::string grantee;      ///< id, URI or address, as the type says
-  std::string permission;   ///< "READ", "WRITE", "READ_ACP", "WRITE_ACP", "FULL_CONTROL"
+  std::string type;       ///< "CanonicalUser", "Group", "AmazonCustomerByEmail"
+  std::string grantee;    ///< id, URI or address, as the type says
+  std::string permission; ///< "READ", "WRITE", "READ_ACP", "WRITE_ACP", "FULL_CONTROL"
 
   bool operator==(const Object_Grant& other) const = default;
 };
@@ -18,7 +18,7 @@ struct Object_Grant {
 /// Parts of one size that follow one another.
 struct Part_Run {
   unsigned long long count = 0;
-  unsigned long long size = 0;   ///< bytes
+  unsigned long long size = 0; ///< bytes
 
   bool operator==(const Part_Run& other) const = default;
 };
@@ -33,21 +33,21 @@ struct Object_Attributes {
   /// What users put there: names in lower case, without "x-amz-meta-".
   Named metadata;
   Named tags;
-  std::string storage_class;     ///< empty: the service's default
-  std::string lock_mode;         ///< "GOVERNANCE" or "COMPLIANCE"
-  std::string lock_until;        ///< ISO 8601, UTC
+  std::string storage_class; ///< empty: the service's default
+  std::string lock_mode;     ///< "GOVERNANCE" or "COMPLIANCE"
+  std::string lock_until;    ///< ISO 8601, UTC
   bool legal_hold = false;
-  std::string owner;             ///< id; asked for together with the grants
+  std::string owner; ///< id; asked for together with the grants
   std::vector<Object_Grant> grants;
   /// By algorithm in lower case, as "crc32c": the value as it came.
   Named checksums;
-  std::string checksum_type;     ///< "FULL_OBJECT", "COMPOSITE"
-  std::string etag;              ///< without quotes
+  std::string checksum_type; ///< "FULL_OBJECT", "COMPOSITE"
+  std::string etag;          ///< without quotes
   /// The parts that the object was stored in, in order; empty where it was not, or the service does not tell.
   std::vector<Part_Run> parts;
-  long long tag_count = -1;      ///< as the answer said; -1: it did not
-  unsigned missing = 0;          ///< pieces of metadata that the service could not tell
-  ACE_UINT64 size = 0;           ///< bytes of the object; not part of the texts below
+  long long tag_count = -1; ///< as the answer said; -1: it did not
+  unsigned missing = 0;     ///< pieces of metadata that the service could not tell
+  ACE_UINT64 size = 0;      ///< bytes of the object; not part of the texts below
 
   /// The number at the end of a multipart ETag ("...-12"); 0 for any other ETag.
   unsigned long long part_count() const;

@@ -39,8 +39,7 @@ public:
   /// that failed gives a connection in state FAILED, and `last_error` says why.
   /// A request with an offset is answered only from the same generation of the object that this service's last
   /// request for the same key began with; else it fails, not retriable, with code "PreconditionFailed".
-  virtual HTTP_Connection_var get_object(const char* bucket, const char* key, ACE_UINT64 offset,
-                                         S3_Object* object) = 0;
+  virtual HTTP_Connection_var get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) = 0;
   /// True when the object is gone, also when there was none.
   virtual bool del_object(const char* bucket, const char* key) = 0;
   /// Empty on failure. Large objects are sent in parts.

@@ -8,8 +8,8 @@
 
 namespace module_testing {
 
-/// The clock of a test: stands still but for `sleep`, `wait` and `advance`, and keeps what was slept. In place while it lives.
-/// All operations may be called from any thread.
+/// The clock of a test: stands still but for `sleep`, `wait` and `advance`, and keeps what was slept. In place while it
+/// lives. All operations may be called from any thread.
 class Fake_Clock : public Clock {
 public:
   explicit Fake_Clock(time_t now = 1700000000) : now_(now), previous_(Clock::instance(this)) {}

@@ -22,7 +22,9 @@ std::string file_text(const std::filesystem::path& path) {
 
 } // namespace
 
-Real_Server::~Real_Server() { stop(); }
+Real_Server::~Real_Server() {
+  stop();
+}
 
 bool Real_Server::installed() {
   for (const char* program : {"/usr/bin/radosgw", "/usr/bin/ceph-mon", "/usr/bin/ceph-osd", "/usr/bin/ceph"})

@@ -139,7 +139,8 @@ std::optional<Http_Response> refused_attributes(const Call& call) {
   if (const std::string* tags = request.header("x-amz-tagging")) {
     std::map<std::string, std::string> parsed;
     if (!parse_tags(*tags, parsed))
-      return error_response(400, "InvalidArgument", "The header 'x-amz-tagging' shall be encoded as UTF-8 then URLEncoded");
+      return error_response(400, "InvalidArgument",
+                            "The header 'x-amz-tagging' shall be encoded as UTF-8 then URLEncoded");
   }
   if (const std::string* sum = request.header("x-amz-checksum-sha256");
       sum && call.operation == "PutObject" && *sum != to_base64(sha256(request.body)))
@@ -158,7 +159,8 @@ std::optional<Http_Response> refused_attributes(const Call& call) {
   const std::string* mode = request.header("x-amz-object-lock-mode");
   const std::string* until = request.header("x-amz-object-lock-retain-until-date");
   if (!mode != !until)
-    return error_response(400, "InvalidArgument", "x-amz-object-lock-retain-until-date and x-amz-object-lock-mode must both be supplied");
+    return error_response(400, "InvalidArgument",
+                          "x-amz-object-lock-retain-until-date and x-amz-object-lock-mode must both be supplied");
   return std::nullopt;
 }
 

@@ -14,7 +14,9 @@ constexpr std::size_t chunk_bytes = 256 * 1024;
 
 } // namespace
 
-Connection::~Connection() { ::close(fd_); }
+Connection::~Connection() {
+  ::close(fd_);
+}
 
 bool Connection::handshake(SSL_CTX* context) {
   ssl_.reset(SSL_new(context));
@@ -113,7 +115,9 @@ bool Connection::write(std::string_view bytes) {
   return true;
 }
 
-void Connection::shut_down() { ::shutdown(fd_, SHUT_RDWR); }
+void Connection::shut_down() {
+  ::shutdown(fd_, SHUT_RDWR);
+}
 
 void Connection::close_with_reset() {
   const linger now{1, 0};

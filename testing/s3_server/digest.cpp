@@ -23,10 +23,18 @@ std::string hmac(const EVP_MD* type, std::string_view key, std::string_view data
 
 } // namespace
 
-std::string md5(std::string_view data) { return digest(EVP_md5(), data); }
-std::string sha256(std::string_view data) { return digest(EVP_sha256(), data); }
-std::string hmac_sha256(std::string_view key, std::string_view data) { return hmac(EVP_sha256(), key, data); }
-std::string hmac_sha1(std::string_view key, std::string_view data) { return hmac(EVP_sha1(), key, data); }
+std::string md5(std::string_view data) {
+  return digest(EVP_md5(), data);
+}
+std::string sha256(std::string_view data) {
+  return digest(EVP_sha256(), data);
+}
+std::string hmac_sha256(std::string_view key, std::string_view data) {
+  return hmac(EVP_sha256(), key, data);
+}
+std::string hmac_sha1(std::string_view key, std::string_view data) {
+  return hmac(EVP_sha1(), key, data);
+}
 
 std::string to_hex(std::string_view bytes) {
   static const char digits[] = "0123456789abcdef";

@@ -27,7 +27,9 @@ Fault Fault::redirect(int status, std::string region, std::string location) {
   return fault;
 }
 
-Fault Fault::no_reply() { return Fault(Kind::no_reply); }
+Fault Fault::no_reply() {
+  return Fault(Kind::no_reply);
+}
 
 Fault Fault::cut_upload(std::uint64_t bytes) {
   Fault fault(Kind::cut_upload);
@@ -68,8 +70,12 @@ Fault Fault::flip_byte(std::uint64_t offset) {
   return fault;
 }
 
-Fault Fault::empty_body() { return Fault(Kind::empty_body); }
-Fault Fault::garbage_body() { return Fault(Kind::garbage_body); }
+Fault Fault::empty_body() {
+  return Fault(Kind::empty_body);
+}
+Fault Fault::garbage_body() {
+  return Fault(Kind::garbage_body);
+}
 
 Fault Fault::truncated_body(std::uint64_t bytes) {
   Fault fault(Kind::truncated_body);
@@ -83,10 +89,18 @@ Fault Fault::delay(int milliseconds) {
   return fault;
 }
 
-Fault Fault::repeat_page() { return Fault(Kind::repeat_page); }
-Fault Fault::no_next_marker() { return Fault(Kind::no_next_marker); }
-Fault Fault::empty_next_marker() { return Fault(Kind::empty_next_marker); }
-Fault Fault::refuse_connection() { return Fault(Kind::refuse_connection); }
+Fault Fault::repeat_page() {
+  return Fault(Kind::repeat_page);
+}
+Fault Fault::no_next_marker() {
+  return Fault(Kind::no_next_marker);
+}
+Fault Fault::empty_next_marker() {
+  return Fault(Kind::empty_next_marker);
+}
+Fault Fault::refuse_connection() {
+  return Fault(Kind::refuse_connection);
+}
 
 Fault& Fault::reply_header(std::string name, std::string value) {
   reply_headers_.emplace_back(std::move(name), std::move(value));
@@ -186,9 +200,8 @@ std::vector<Fault> Fault_Script::strike(const Request_Info& request) {
 
 bool Fault_Script::strike_connection() {
   std::lock_guard guard(lock_);
-  return std::any_of(faults_.begin(), faults_.end(), [this](Fault& fault) {
-    return fault.kind_ == Fault::Kind::refuse_connection && strikes(fault);
-  });
+  return std::any_of(faults_.begin(), faults_.end(),
+                     [this](Fault& fault) { return fault.kind_ == Fault::Kind::refuse_connection && strikes(fault); });
 }
 
 std::uint64_t Fault_Script::struck() const {

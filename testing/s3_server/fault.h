@@ -16,11 +16,11 @@ namespace s3_testing {
 
 // What is known of a request; what the log keeps and what a fault's predicate sees.
 struct Request_Info {
-  std::string operation; // "GetObject", ...: see S3_Server::count
+  std::string operation;           // "GetObject", ...: see S3_Server::count
   std::string method, path, query; // path and query as sent, still encoded
   std::string bucket;
-  std::string key; // decoded; of a listing: its prefix
-  Headers headers; // names in lower case
+  std::string key;              // decoded; of a listing: its prefix
+  Headers headers;              // names in lower case
   std::uint64_t connection = 0; // 1 for the first that was opened
 };
 
@@ -70,18 +70,33 @@ public:
   // One more header of the reply of `error`, `error_in_200` and `redirect`; takes the place of one of that name.
   Fault& reply_header(std::string name, std::string value);
 
-  Fault& on(std::string operation);      // also "ListObjects*": a glob
+  Fault& on(std::string operation); // also "ListObjects*": a glob
   Fault& method(std::string method);
   Fault& bucket(std::string bucket);
-  Fault& key(std::string glob);          // "*" any bytes, "?" one byte; of a listing: over its prefix
+  Fault& key(std::string glob); // "*" any bytes, "?" one byte; of a listing: over its prefix
   Fault& when(std::function<bool(const Request_Info&)> predicate); // called on server threads, one at a time
-  Fault& from_nth(std::uint64_t nth);    // the first so many - 1 requests that it would meet pass
-  Fault& times(std::uint64_t count);     // how often it strikes; default: for ever
-  Fault& probability(double chance);     // of each request that it would meet
+  Fault& from_nth(std::uint64_t nth); // the first so many - 1 requests that it would meet pass
+  Fault& times(std::uint64_t count);  // how often it strikes; default: for ever
+  Fault& probability(double chance);  // of each request that it would meet
 
   enum class Kind {
-    error, error_in_200, redirect, no_reply, cut_upload, cut, stall, wrong_length, change_object, flip_byte,
-    empty_body, garbage_body, truncated_body, delay, repeat_page, no_next_marker, empty_next_marker,
+    error,
+    error_in_200,
+    redirect,
+    no_reply,
+    cut_upload,
+    cut,
+    stall,
+    wrong_length,
+    change_object,
+    flip_byte,
+    empty_body,
+    garbage_body,
+    truncated_body,
+    delay,
+    repeat_page,
+    no_next_marker,
+    empty_next_marker,
     refuse_connection
   };
   Kind kind() const { return kind_; }

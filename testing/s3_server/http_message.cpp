@@ -184,8 +184,7 @@ std::string_view trimmed(std::string_view text) {
 namespace {
 
 const char* const day_names[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-const char* const month_names[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+const char* const month_names[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 std::tm broken_down(std::int64_t seconds) {
   const std::time_t time = static_cast<std::time_t>(seconds);

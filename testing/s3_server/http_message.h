@@ -17,9 +17,9 @@ using Headers = std::vector<std::pair<std::string, std::string>>;
 // A request as it was sent, and the same taken apart. Header names are in lower case, values trimmed.
 struct Http_Request {
   std::string method;
-  std::string raw_path;  // still percent-encoded
-  std::string raw_query; // without "?"
-  std::string path;      // decoded to bytes
+  std::string raw_path;                                   // still percent-encoded
+  std::string raw_query;                                  // without "?"
+  std::string path;                                       // decoded to bytes
   std::vector<std::pair<std::string, std::string>> query; // decoded, in the order sent
   Headers headers;
   std::string body;
@@ -36,7 +36,7 @@ struct Http_Response {
   std::string body; // sent where `content` is null
   Object_Ptr content;
   std::uint64_t offset = 0, length = 0; // the part of `content` that is sent
-  bool close = false; // end the connection after this reply
+  bool close = false;                   // end the connection after this reply
   // Where the code is not empty the body is an error document.
   std::string error_code, error_message;
   Extra_Elements error_extra;

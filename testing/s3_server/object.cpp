@@ -98,9 +98,9 @@ Http_Response get(const Call& call) {
     if (!parse_range(*text, object->size, range))
       return error_response(400, "InvalidArgument", "The Range header is malformed.", {{"Range", *text}});
     if (range.length == 0) {
-      Http_Response refusal = error_response(416, "InvalidRange", "The requested range is not satisfiable",
-                                             {{"RangeRequested", *text},
-                                              {"ActualObjectSize", std::to_string(object->size)}});
+      Http_Response refusal =
+          error_response(416, "InvalidRange", "The requested range is not satisfiable",
+                         {{"RangeRequested", *text}, {"ActualObjectSize", std::to_string(object->size)}});
       refusal.set("Content-Range", "bytes */" + std::to_string(object->size));
       return refusal;
     }

@@ -11,8 +11,8 @@ constexpr std::size_t max_key_bytes = 1024;
 
 bool legal_bucket_name(const std::string& name) {
   return name.size() >= 3 && name.size() <= 63 && std::all_of(name.begin(), name.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
-  });
+           return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
+         });
 }
 
 std::string operation_on_bucket(const Http_Request& request) {
@@ -34,8 +34,9 @@ std::string operation_on_object(const Http_Request& request) {
   const bool upload = request.has_parameter("uploadId");
   for (const auto& [parameter, name] : {std::pair("tagging", "Tagging"), std::pair("acl", "Acl")})
     if (request.has_parameter(parameter))
-      return method == "GET" ? std::string("GetObject") + name
-                             : method == "PUT" ? std::string("PutObject") + name : std::string();
+      return method == "GET"   ? std::string("GetObject") + name
+             : method == "PUT" ? std::string("PutObject") + name
+                               : std::string();
   if (method == "POST")
     return request.has_parameter("uploads")   ? "CreateMultipartUpload"
            : upload                           ? "CompleteMultipartUpload"
@@ -53,8 +54,8 @@ std::string operation_on_object(const Http_Request& request) {
 // Parts of the protocol that must not be mistaken for a plain request.
 const char* unserved_feature(const Http_Request& request) {
   for (const char* name : {"cors", "delete", "lifecycle", "logging", "notification", "policy", "requestPayment",
-                           "select", "torrent", "versionId", "versioning", "versions", "website",
-                           "attributes", "encryption", "object-lock", "legal-hold", "retention"})
+                           "select", "torrent", "versionId", "versioning", "versions", "website", "attributes",
+                           "encryption", "object-lock", "legal-hold", "retention"})
     if (request.has_parameter(name))
       return name;
   for (const char* name : {"x-amz-copy-source", "transfer-encoding", "x-amz-trailer", "if-modified-since",
@@ -102,8 +103,8 @@ Target find_target(const Http_Request& request, const S3_Server_Settings& settin
   if (target.bucket.empty()) {
     target.operation = request.method == "GET" ? "ListBuckets" : "";
   } else if (!legal_bucket_name(target.bucket)) {
-    target.refusal = error_response(400, "InvalidBucketName", "The specified bucket is not valid.",
-                                    {{"BucketName", target.bucket}});
+    target.refusal =
+        error_response(400, "InvalidBucketName", "The specified bucket is not valid.", {{"BucketName", target.bucket}});
   } else if (target.key.empty()) {
     target.operation = operation_on_bucket(request);
     if (const std::string* prefix = request.parameter("prefix"))
@@ -111,13 +112,13 @@ Target find_target(const Http_Request& request, const S3_Server_Settings& settin
   } else {
     target.operation = operation_on_object(request);
     if (target.key.size() > max_key_bytes)
-      target.refusal = error_response(400, "KeyTooLongError", "Your key is too long",
-                                      {{"Size", std::to_string(target.key.size())},
-                                       {"MaxSizeAllowed", std::to_string(max_key_bytes)}});
+      target.refusal = error_response(
+          400, "KeyTooLongError", "Your key is too long",
+          {{"Size", std::to_string(target.key.size())}, {"MaxSizeAllowed", std::to_string(max_key_bytes)}});
   }
   if (target.operation.empty() && !target.refusal)
-    target.refusal = error_response(405, "MethodNotAllowed",
-                                    "The specified method is not allowed against this resource.");
+    target.refusal =
+        error_response(405, "MethodNotAllowed", "The specified method is not allowed against this resource.");
   return target;
 }
 
@@ -145,7 +146,9 @@ Http_Response no_such_key(const std::string& key) {
   return error_response(404, "NoSuchKey", "The specified key does not exist.", {{"Key", key}});
 }
 
-std::string quoted(const std::string& etag) { return "\"" + etag + "\""; }
+std::string quoted(const std::string& etag) {
+  return "\"" + etag + "\"";
+}
 
 Object object_like_request(const Http_Request& request) {
   Object object;

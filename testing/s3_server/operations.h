@@ -16,7 +16,7 @@ struct Upload {
   struct Part {
     std::shared_ptr<const std::string> bytes; // null: thrown away
     std::uint64_t size = 0;
-    std::string md5; // raw
+    std::string md5;    // raw
     std::string sha256; // raw; where the upload has checksums of that kind
     std::int64_t mtime = 0;
   };
@@ -70,7 +70,8 @@ Object object_like_request(const Http_Request& request);
 inline constexpr char owner_id[] = "the-owner";
 // The answer to a request whose attributes are not taken here.
 std::optional<Http_Response> refused_attributes(const Call& call);
-// Keeps what a PUT or the start of a multipart upload gives beside content type and headers; says what GET and HEAD say.
+// Keeps what a PUT or the start of a multipart upload gives beside content type and headers; says what GET and HEAD
+// say.
 void take_attributes(const Call& call, Object& object);
 void tell_attributes(const Call& call, const Object& object, Http_Response& response);
 // Whether the request is for one part; `response` is then that.

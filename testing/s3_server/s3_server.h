@@ -32,9 +32,9 @@ struct Header_Refusal {
 struct S3_Server_Options {
   bool tls = false;
   std::string tls_names = "DNS:localhost,DNS:*.localhost,IP:127.0.0.1"; // whom the certificate is for
-  long tls_valid_seconds = 30 * 24 * 3600; // from now on; negative: it has expired
-  bool tls_client_certificate = false;     // only clients that show the certificate of client_certificate_file()
-  std::uint64_t seed = 0; // of the faults' randomness; 0: a random one, see S3_Server::seed
+  long tls_valid_seconds = 30 * 24 * 3600;                              // from now on; negative: it has expired
+  bool tls_client_certificate = false; // only clients that show the certificate of client_certificate_file()
+  std::uint64_t seed = 0;              // of the faults' randomness; 0: a random one, see S3_Server::seed
   std::string access_key = "TESTACCESSKEY0000001";
   std::string secret_key = "testsecretkey/00000000000000000000000001";
   std::string region = "us-east-1";
@@ -46,15 +46,15 @@ struct S3_Server_Settings {
   Addressing addressing = Addressing::any;
   Key_Encoding key_encoding = Key_Encoding::as_asked;
   Expect_Reply expect = Expect_Reply::send_continue;
-  bool list_v1 = true;                        // false: listings without list-type are answered with 501
-  bool list_v2 = true;                        // false: list-type=2 is answered with 501
-  bool list_type_ignored = false;             // list-type=2 is answered as if it were not there
-  bool ranges = true;                         // false: Range is ignored
-  bool if_match = true;                       // false: If-Match is ignored
-  bool unsigned_payload = true;               // false: bodies must be signed
-  std::uint32_t requests_per_second = 0;      // what is above it gets 503 SlowDown; 0: no bound
-  std::uint32_t page_size = 1000;             // cap on max-keys
-  std::uint64_t min_part_size = 5u << 20;     // of all parts but the last
+  bool list_v1 = true;                    // false: listings without list-type are answered with 501
+  bool list_v2 = true;                    // false: list-type=2 is answered with 501
+  bool list_type_ignored = false;         // list-type=2 is answered as if it were not there
+  bool ranges = true;                     // false: Range is ignored
+  bool if_match = true;                   // false: If-Match is ignored
+  bool unsigned_payload = true;           // false: bodies must be signed
+  std::uint32_t requests_per_second = 0;  // what is above it gets 503 SlowDown; 0: no bound
+  std::uint32_t page_size = 1000;         // cap on max-keys
+  std::uint64_t min_part_size = 5u << 20; // of all parts but the last
   std::string region;
   std::optional<std::string> location;        // what GetBucketLocation answers; else the region, us-east-1 as empty
   bool etags = true;                          // false: GET and HEAD name none
@@ -90,8 +90,8 @@ public:
   S3_Server& operator=(const S3_Server&) = delete;
 
   std::uint16_t port() const;
-  std::string endpoint() const; // "127.0.0.1:PORT"
-  std::string url() const;      // with "http://" or "https://"
+  std::string endpoint() const;      // "127.0.0.1:PORT"
+  std::string url() const;           // with "http://" or "https://"
   const std::string& ca_pem() const; // empty without TLS
   // A file with the same, removed by the destructor.
   const std::string& ca_file() const;

@@ -191,13 +191,27 @@ std::shared_ptr<const S3_Server_Settings> S3_Server::Impl::settings() const {
 S3_Server::S3_Server(S3_Server_Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
 S3_Server::~S3_Server() = default;
 
-std::uint16_t S3_Server::port() const { return impl_->port; }
-std::string S3_Server::endpoint() const { return "127.0.0.1:" + std::to_string(impl_->port); }
-std::string S3_Server::url() const { return (impl_->tls ? "https://" : "http://") + endpoint(); }
-const std::string& S3_Server::ca_pem() const { return impl_->ca_pem; }
-const std::string& S3_Server::ca_file() const { return impl_->ca_file; }
-const std::string& S3_Server::client_certificate_file() const { return impl_->client_certificate_file; }
-std::uint64_t S3_Server::seed() const { return impl_->seed; }
+std::uint16_t S3_Server::port() const {
+  return impl_->port;
+}
+std::string S3_Server::endpoint() const {
+  return "127.0.0.1:" + std::to_string(impl_->port);
+}
+std::string S3_Server::url() const {
+  return (impl_->tls ? "https://" : "http://") + endpoint();
+}
+const std::string& S3_Server::ca_pem() const {
+  return impl_->ca_pem;
+}
+const std::string& S3_Server::ca_file() const {
+  return impl_->ca_file;
+}
+const std::string& S3_Server::client_certificate_file() const {
+  return impl_->client_certificate_file;
+}
+std::uint64_t S3_Server::seed() const {
+  return impl_->seed;
+}
 
 void S3_Server::configure(const std::function<void(S3_Server_Settings&)>& change) {
   std::lock_guard guard(impl_->settings_lock);
@@ -214,11 +228,19 @@ void S3_Server::add_credentials(const std::string& access_key, const std::string
   configure([&](S3_Server_Settings& settings) { settings.secrets[access_key] = secret_key; });
 }
 
-void S3_Server::add_fault(Fault fault) { impl_->faults.add(std::move(fault)); }
-void S3_Server::clear_faults() { impl_->faults.clear(); }
-std::uint64_t S3_Server::faults_struck() const { return impl_->faults.struck(); }
+void S3_Server::add_fault(Fault fault) {
+  impl_->faults.add(std::move(fault));
+}
+void S3_Server::clear_faults() {
+  impl_->faults.clear();
+}
+std::uint64_t S3_Server::faults_struck() const {
+  return impl_->faults.struck();
+}
 
-std::uint64_t S3_Server::objects_changed() const { return impl_->objects_changed; }
+std::uint64_t S3_Server::objects_changed() const {
+  return impl_->objects_changed;
+}
 
 void S3_Server::release_stalls() {
   std::lock_guard guard(impl_->lock);
@@ -226,14 +248,22 @@ void S3_Server::release_stalls() {
   impl_->changed.notify_all();
 }
 
-void S3_Server::stop_listening() { impl_->stop_listening(); }
-void S3_Server::listen_again() { impl_->listen_on(impl_->port); }
-void S3_Server::drop_connections() { impl_->drop_connections(); }
+void S3_Server::stop_listening() {
+  impl_->stop_listening();
+}
+void S3_Server::listen_again() {
+  impl_->listen_on(impl_->port);
+}
+void S3_Server::drop_connections() {
+  impl_->drop_connections();
+}
 
 bool S3_Server::create_bucket(const std::string& bucket) {
   return impl_->store.create_bucket(bucket, impl_->settings()->clock());
 }
-bool S3_Server::has_bucket(const std::string& bucket) const { return impl_->store.has_bucket(bucket); }
+bool S3_Server::has_bucket(const std::string& bucket) const {
+  return impl_->store.has_bucket(bucket);
+}
 
 bool S3_Server::put(const std::string& bucket, const std::string& key, std::string bytes) {
   return put(bucket, key, make_object(std::move(bytes)));
@@ -243,8 +273,8 @@ bool S3_Server::put(const std::string& bucket, const std::string& key, Object ob
   if (object.mtime == 0)
     object.mtime = impl_->settings()->clock();
   if (object.etag.empty())
-    object.etag = object.synthetic ? make_synthetic_object(object.size, object.seed).etag
-                                   : make_object(object.bytes()).etag;
+    object.etag =
+        object.synthetic ? make_synthetic_object(object.size, object.seed).etag : make_object(object.bytes()).etag;
   return impl_->store.put(bucket, key, std::move(object));
 }
 
@@ -282,7 +312,9 @@ Object_Ptr S3_Server::object(const std::string& bucket, const std::string& key) 
   return impl_->store.find(bucket, key);
 }
 
-bool S3_Server::remove(const std::string& bucket, const std::string& key) { return impl_->store.remove(bucket, key); }
+bool S3_Server::remove(const std::string& bucket, const std::string& key) {
+  return impl_->store.remove(bucket, key);
+}
 
 std::vector<std::string> S3_Server::keys(const std::string& bucket) const {
   std::vector<std::string> out;
@@ -293,7 +325,9 @@ std::vector<std::string> S3_Server::keys(const std::string& bucket) const {
   return out;
 }
 
-std::uint64_t S3_Server::object_count(const std::string& bucket) const { return impl_->store.object_count(bucket); }
+std::uint64_t S3_Server::object_count(const std::string& bucket) const {
+  return impl_->store.object_count(bucket);
+}
 
 std::size_t S3_Server::open_uploads() const {
   std::lock_guard guard(impl_->uploads.lock);
@@ -339,7 +373,9 @@ std::uint64_t S3_Server::connections_opened() const {
   return impl_->opened;
 }
 
-std::uint64_t S3_Server::body_bytes_sent() const { return impl_->body_bytes; }
+std::uint64_t S3_Server::body_bytes_sent() const {
+  return impl_->body_bytes;
+}
 
 void S3_Server::reset_counts() {
   std::lock_guard guard(impl_->lock);

@@ -47,7 +47,7 @@ public:
   std::vector<Request_Info> log;
   std::atomic<std::uint64_t> body_bytes{0};
   std::atomic<std::uint64_t> objects_changed{0};
-  double tokens = 0; // requests that are admitted at once
+  double tokens = 0;       // requests that are admitted at once
   double tokens_at = -1e9; // seconds, by the settings' limit_clock; long ago
 
 private:

@@ -91,7 +91,8 @@ TEST_F(S3_server, a_million_synthetic_keys_list_and_read_without_being_stored) {
   EXPECT_EQ(Texts({"many/0000999998", "many/0000999999"}), texts(page.body, "Contents/Key"));
   const Test_Reply whole = client.call("GET", "/bucket/many/0000123456");
   EXPECT_EQ(1000u, whole.body.size());
-  EXPECT_EQ(whole.body.substr(333, 5), client.call("GET", "/bucket/many/0000123456", {}, "Range: bytes=333-337\r\n").body);
+  EXPECT_EQ(whole.body.substr(333, 5),
+            client.call("GET", "/bucket/many/0000123456", {}, "Range: bytes=333-337\r\n").body);
   EXPECT_NE(whole.body, client.call("GET", "/bucket/many/0000123457").body);
   EXPECT_EQ(404, client.call("GET", "/bucket/many/0001000000").status);
   EXPECT_TRUE(server.remove("bucket", "many/0000000000"));

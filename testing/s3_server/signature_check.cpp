@@ -19,15 +19,16 @@ bool same(std::string_view a, std::string_view b) {
   return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
-Refusal signature_refused(const std::string& access_key, const std::string& string_to_sign, std::string_view canonical) {
-  return error_response(403, "SignatureDoesNotMatch",
-                        "The request signature we calculated does not match the signature you provided.",
-                        {{"AWSAccessKeyId", access_key},
-                         {"StringToSign", string_to_sign},
-                         {"CanonicalRequest", std::string(canonical)}});
+Refusal signature_refused(const std::string& access_key, const std::string& string_to_sign,
+                          std::string_view canonical) {
+  return error_response(
+      403, "SignatureDoesNotMatch", "The request signature we calculated does not match the signature you provided.",
+      {{"AWSAccessKeyId", access_key}, {"StringToSign", string_to_sign}, {"CanonicalRequest", std::string(canonical)}});
 }
 
-Refusal malformed(const std::string& why) { return error_response(400, "AuthorizationHeaderMalformed", why); }
+Refusal malformed(const std::string& why) {
+  return error_response(400, "AuthorizationHeaderMalformed", why);
+}
 
 Refusal check_skew(std::int64_t sent, const S3_Server_Settings& settings) {
   const std::int64_t now = settings.clock();
@@ -127,8 +128,7 @@ Refusal check_v4(const Http_Request& request, std::string_view authorization, co
     canonical += (i ? "&" : "") + parameters[i];
   canonical += "\n";
   const std::vector<std::string> names = split(signed_headers, ';');
-  if (!std::is_sorted(names.begin(), names.end()) ||
-      std::adjacent_find(names.begin(), names.end()) != names.end())
+  if (!std::is_sorted(names.begin(), names.end()) || std::adjacent_find(names.begin(), names.end()) != names.end())
     return malformed("SignedHeaders is not in order.");
   for (const std::string& name : names) {
     const std::string* value = request.header(name);
@@ -158,11 +158,31 @@ Refusal check_v4(const Http_Request& request, std::string_view authorization, co
 // Authorization: AWS KEY:BASE64
 Refusal check_v2(const Http_Request& request, std::string_view authorization, const std::string& resource_bucket,
                  const S3_Server_Settings& settings) {
-  static const std::set<std::string, std::less<>> sub_resources = {
-      "acl", "cors", "delete", "lifecycle", "location", "logging", "notification", "partNumber", "policy",
-      "requestPayment", "response-cache-control", "response-content-disposition", "response-content-encoding",
-      "response-content-language", "response-content-type", "response-expires", "restore", "tagging", "torrent",
-      "uploadId", "uploads", "versionId", "versioning", "versions", "website"};
+  static const std::set<std::string, std::less<>> sub_resources = {"acl",
+                                                                   "cors",
+                                                                   "delete",
+                                                                   "lifecycle",
+                                                                   "location",
+                                                                   "logging",
+                                                                   "notification",
+                                                                   "partNumber",
+                                                                   "policy",
+                                                                   "requestPayment",
+                                                                   "response-cache-control",
+                                                                   "response-content-disposition",
+                                                                   "response-content-encoding",
+                                                                   "response-content-language",
+                                                                   "response-content-type",
+                                                                   "response-expires",
+                                                                   "restore",
+                                                                   "tagging",
+                                                                   "torrent",
+                                                                   "uploadId",
+                                                                   "uploads",
+                                                                   "versionId",
+                                                                   "versioning",
+                                                                   "versions",
+                                                                   "website"};
   const auto colon = authorization.find(':');
   if (colon == std::string_view::npos || colon == 0)
     return error_response(400, "InvalidArgument", "AWS authorization header is invalid.");

@@ -21,10 +21,10 @@ namespace s3_testing {
 struct Object {
   std::uint64_t size = 0;
   std::int64_t mtime = 0; // seconds since 1970; 0 when stored through S3_Server: the server's clock
-  std::string etag;       // without quotes; empty when stored through S3_Server: MD5, or made up for large synthetic content
+  std::string etag; // without quotes; empty when stored through S3_Server: MD5, or made up for large synthetic content
   std::string content_type = "binary/octet-stream";
-  std::string storage_class = "STANDARD"; // GLACIER and DEEP_ARCHIVE answer GET with 403 InvalidObjectState,
-                                          // unless "x-amz-restore" in `headers` names a copy that is there
+  std::string storage_class = "STANDARD";     // GLACIER and DEEP_ARCHIVE answer GET with 403 InvalidObjectState,
+                                              // unless "x-amz-restore" in `headers` names a copy that is there
   std::map<std::string, std::string> headers; // "x-amz-meta-*", "cache-control" and the like; names in lower case
   std::map<std::string, std::string> tags;
   std::map<std::string, std::string> checksums; // header names; told where x-amz-checksum-mode asks
@@ -32,8 +32,8 @@ struct Object {
     std::string type, grantee, permission;
     bool operator==(const Grant& other) const = default;
   };
-  std::vector<Grant> grants;              // empty: private
-  std::vector<std::uint64_t> part_sizes;  // of a multipart upload
+  std::vector<Grant> grants;             // empty: private
+  std::vector<std::uint64_t> part_sizes; // of a multipart upload
   bool synthetic = false;
   std::uint64_t seed = 0;
   std::vector<std::shared_ptr<const std::string>> segments;

@@ -107,8 +107,7 @@ void on_text(void* user, const char* text, int length) {
 } // namespace
 
 bool parse_xml(std::string_view document, std::vector<std::pair<std::string, std::string>>& elements) {
-  const std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> parser(XML_ParserCreate(nullptr),
-                                                                            &XML_ParserFree);
+  const std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> parser(XML_ParserCreate(nullptr), &XML_ParserFree);
   Reader reader{&elements, {}, {}};
   XML_SetUserData(parser.get(), &reader);
   XML_SetElementHandler(parser.get(), on_start, on_end);

@@ -1,6 +1,6 @@
 // The test server as a process of its own, for system tests and benches that drive whole programs against it.
-// Prints "endpoint=", "access_key=", "secret_key=" and "ready", serves until its standard input ends. Each line of it is
-// a question, which is answered with one line:
+// Prints "endpoint=", "access_key=", "secret_key=" and "ready", serves until its standard input ends. Each line of it
+// is a question, which is answered with one line:
 //     difference BUCKET KEY BUCKET KEY    "none", or what differs between the two objects' contents
 //     uploads                             how many multipart uploads were begun and neither completed nor aborted
 //     struck                              how many requests met a fault
@@ -37,8 +37,7 @@ bool add_synthetic(s3_testing::S3_Server& server, const std::string& text) {
   keys.count = std::stoull(count_text);
   keys.key = [](std::uint64_t index) {
     char key[64];
-    std::snprintf(key, sizeof key, "d%04llu/e%02llu/object-%010llu",
-                  static_cast<unsigned long long>(index / 10000),
+    std::snprintf(key, sizeof key, "d%04llu/e%02llu/object-%010llu", static_cast<unsigned long long>(index / 10000),
                   static_cast<unsigned long long>(index / 100 % 100), static_cast<unsigned long long>(index));
     return std::string(key);
   };
@@ -151,7 +150,8 @@ int main(int argc, char** argv) {
   CLI::App app("An S3 server for tests, on a free port of 127.0.0.1. It ends when its standard input does.");
   app.add_option("--synthetic", synthetic, "BUCKET,COUNT,SIZE: a bucket of made-up objects")->allow_extra_args(false);
   app.add_option("--object", objects, "BUCKET,KEY,SIZE: one made-up object")->allow_extra_args(false);
-  app.add_option("--cut", cuts, "KEY,BYTES: the first reply that begins behind so many bytes of this key's content ends early")
+  app.add_option("--cut", cuts,
+                 "KEY,BYTES: the first reply that begins behind so many bytes of this key's content ends early")
       ->allow_extra_args(false);
   app.add_option("--stall", stalls, "OPERATION,BYTES: replies to it never go on after so many bytes")
       ->allow_extra_args(false);

@@ -6,7 +6,9 @@
 
 namespace boundary {
 
-std::string module_path() { return BOUNDARY_MODULE; }
+std::string module_path() {
+  return BOUNDARY_MODULE;
+}
 
 bool is_module_mapped() {
   std::ifstream maps("/proc/self/maps");
@@ -28,8 +30,12 @@ Loaded_Module::Loaded_Module() : handle_(dlopen(module_path().c_str(), RTLD_NOW 
     throw std::runtime_error(dlerror());
 }
 
-Loaded_Module::~Loaded_Module() { dlclose(handle_); }
+Loaded_Module::~Loaded_Module() {
+  dlclose(handle_);
+}
 
-void* Loaded_Module::symbol(const char* name) const { return dlsym(handle_, name); }
+void* Loaded_Module::symbol(const char* name) const {
+  return dlsym(handle_, name);
+}
 
 } // namespace boundary

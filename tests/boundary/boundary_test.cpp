@@ -182,10 +182,9 @@ void drive_web_services(const Loaded_Module& module) {
   EXPECT_EQ("-32602 Params is not Object", refusal(channel, "obs.test", Value()));
   EXPECT_EQ("-32602 Missing required attributes", refusal(channel, "obs.test", Object{{"scheme", "http"}}));
   // Port 1 of the loopback: nobody answers, which is an outcome and no error.
-  EXPECT_EQ("", refusal(channel, "obs.test", Object{{"scheme", "http"},
-                                                    {"endpoint", "127.0.0.1:1"},
-                                                    {"access_key", "a"},
-                                                    {"secret_key", "s"}}));
+  EXPECT_EQ("",
+            refusal(channel, "obs.test",
+                    Object{{"scheme", "http"}, {"endpoint", "127.0.0.1:1"}, {"access_key", "a"}, {"secret_key", "s"}}));
 }
 
 TEST_F(module_boundary, every_factory_makes_an_object_and_hands_out_its_disposer) {
@@ -218,9 +217,13 @@ TEST_F(module_boundary, disposers_are_not_found_by_name) {
   }
 }
 
-TEST_F(module_boundary, instance_handler_answers_its_host) { drive_instances(*module); }
+TEST_F(module_boundary, instance_handler_answers_its_host) {
+  drive_instances(*module);
+}
 
-TEST_F(module_boundary, parsers_read_definitions_and_refuse_bad_ones) { drive_parsers(*module); }
+TEST_F(module_boundary, parsers_read_definitions_and_refuse_bad_ones) {
+  drive_parsers(*module);
+}
 
 TEST_F(module_boundary, records_stay_when_their_parser_and_its_creator_are_gone) {
   Job_Source_var source;
@@ -232,9 +235,13 @@ TEST_F(module_boundary, records_stay_when_their_parser_and_its_creator_are_gone)
   EXPECT_EQ("s", source->id());
 }
 
-TEST_F(module_boundary, jobs_of_every_definition_type_run_or_are_refused) { drive_jobs(*module); }
+TEST_F(module_boundary, jobs_of_every_definition_type_run_or_are_refused) {
+  drive_jobs(*module);
+}
 
-TEST_F(module_boundary, web_services_answer_through_a_channel_in_the_process) { drive_web_services(*module); }
+TEST_F(module_boundary, web_services_answer_through_a_channel_in_the_process) {
+  drive_web_services(*module);
+}
 
 TEST_F(module_boundary, module_is_gone_when_it_was_unloaded_and_works_when_it_is_loaded_again) {
   for (int round = 0; round < 5; ++round) {

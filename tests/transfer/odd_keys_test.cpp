@@ -88,19 +88,35 @@ protected:
 };
 
 TEST_F(Odd_Keys, slashes_and_dots_are_bytes_and_nothing_is_folded) {
-  round_trip({"/", "//", "///", "/a", "//a", "a", "a/", "/a/", "a//", "a//b", "a/b", "a///b", "a/b/", "a//b//c",
-              ".", "..", "...", "./a", "../a", "a/.", "a/..", "a/./b", "a/../b", "a/../../b", "a/...", "/.", "/..",
-              "./", "../", ".hidden", "abc", "abc/", "/abc", "abc/def/ghi/jkl/mno"});
+  round_trip({"/",      "//",
+              "///",    "/a",
+              "//a",    "a",
+              "a/",     "/a/",
+              "a//",    "a//b",
+              "a/b",    "a///b",
+              "a/b/",   "a//b//c",
+              ".",      "..",
+              "...",    "./a",
+              "../a",   "a/.",
+              "a/..",   "a/./b",
+              "a/../b", "a/../../b",
+              "a/...",  "/.",
+              "/..",    "./",
+              "../",    ".hidden",
+              "abc",    "abc/",
+              "/abc",   "abc/def/ghi/jkl/mno"});
 }
 
 TEST_F(Odd_Keys, key_equal_to_a_prefix_and_keys_that_begin_like_another_stay_apart) {
-  round_trip({"p", "p/", "p/q", "p/q/", "p/q/r", "pq", "p-q", "p q", "p.", "p!", "p0", "p/q0", "p/q-", "p\xff", "p\x01",
-              "a", "aa", "aaa", "aaaa", "a/a", "aa/a", "a/aa", "a/a/a"});
+  round_trip({"p",    "p/",    "p/q",   "p/q/", "p/q/r", "pq",  "p-q",  "p q", "p.",   "p!",   "p0",   "p/q0",
+              "p/q-", "p\xff", "p\x01", "a",    "aa",    "aaa", "aaaa", "a/a", "aa/a", "a/aa", "a/a/a"});
 }
 
 TEST_F(Odd_Keys, case_and_composition_tell_keys_apart) {
-  round_trip({"Key", "key", "KEY", "K\xc3\x89y", "K\xc3\xa9y", "Ke\xcc\x81y", "\xef\xac\x81", "fi", "stra\xc3\x9f" "e", "strasse",
-              "\xc4\xb0", "i\xcc\x87", "\xe2\x84\xab", "\xc3\x85", "A\xcc\x8a"});
+  round_trip({"Key", "key", "KEY", "K\xc3\x89y", "K\xc3\xa9y", "Ke\xcc\x81y", "\xef\xac\x81", "fi",
+              "stra\xc3\x9f"
+              "e",
+              "strasse", "\xc4\xb0", "i\xcc\x87", "\xe2\x84\xab", "\xc3\x85", "A\xcc\x8a"});
 }
 
 struct Key_Class {
@@ -111,8 +127,8 @@ struct Key_Class {
 Keys spread(const Keys& texts) {
   Keys keys;
   for (const std::string& text : texts)
-    for (const std::string& key : {text, "a" + text, text + "a", "a" + text + "b", text + text, "dir/" + text, text + "/file",
-                                   "dir/" + text + "/file", "dir/a" + text + "/b" + text})
+    for (const std::string& key : {text, "a" + text, text + "a", "a" + text + "b", text + text, "dir/" + text,
+                                   text + "/file", "dir/" + text + "/file", "dir/a" + text + "/b" + text})
       keys.push_back(key);
   return keys;
 }
@@ -138,9 +154,14 @@ const Key_Class CLASSES[] = {
     {"hash_and_plus", {"#", "+", "a+b c", "#?#"}},
     {"angles_and_ampersand", {"<", ">", "&", "&amp;", "&#x41;", "<Key>", "]]>", "<!--", "<![CDATA["}},
     {"dollar_semicolon_comma_equals", {"$", ";", ",", "=", "@", "!", "^", "(x)", "[x]", "{x}"}},
-    {"invalid_utf8", {"\x80", "\xbf", "\xc0\xaf", "\xff", "\xfe", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xc3", "\xe2\x82", "a\xc3(", "\xf8\x88\x80\x80\x80"}},
+    {"invalid_utf8",
+     {"\x80", "\xbf", "\xc0\xaf", "\xff", "\xfe", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xc3", "\xe2\x82", "a\xc3(",
+      "\xf8\x88\x80\x80\x80"}},
     {"not_in_xml", {"\xef\xbf\xbe", "\xef\xbf\xbf", "\xef\xbb\xbf", "\xe2\x80\xa8", "\xc2\x85", "\xef\xbf\xbd"}},
-    {"wide_and_combining", {"\xf0\x9f\x98\x80", "\xe6\x97\xa5\xe6\x9c\xac", "\xd7\xa9\xd7\x9c\xd7\x95\xd7\x9d", "e\xcc\x81\xcc\x82", "\xe2\x80\xae" "abc"}},
+    {"wide_and_combining",
+     {"\xf0\x9f\x98\x80", "\xe6\x97\xa5\xe6\x9c\xac", "\xd7\xa9\xd7\x9c\xd7\x95\xd7\x9d", "e\xcc\x81\xcc\x82",
+      "\xe2\x80\xae"
+      "abc"}},
     {"names_of_other_systems", {"CON", "nul.txt", "LPT1", "desktop.ini", "Thumbs.db", ".DS_Store", "~$doc.docx"}},
     {"queries", {"?acl", "?uploads", "a?versionId=1", "?list-type=2&prefix=", "a&b=c", "x;y=z"}},
 };

@@ -198,11 +198,11 @@ TEST_F(Torn_Object, none_of_ten_thousand_replacements_is_mixed_with_what_it_repl
     server.clear_faults();
     for (unsigned i = 0; i < 40; ++i) {
       const bool other = i % 4 == 0;
-      server.add_fault(Fault::change_object(upto(i % 5 == 0 ? 40000 : 6000), random() % 4 != 0,
-                                            other ? std::optional<std::string>(contents[upto(CONTENTS - 1)])
-                                                  : std::nullopt)
-                           .on("GetObject")
-                           .probability(0.02));
+      server.add_fault(
+          Fault::change_object(upto(i % 5 == 0 ? 40000 : 6000), random() % 4 != 0,
+                               other ? std::optional<std::string>(contents[upto(CONTENTS - 1)]) : std::nullopt)
+              .on("GetObject")
+              .probability(0.02));
     }
     server.add_fault(Fault::cut(upto(6000)).on("GetObject").probability(0.02));
     // Once per key: an answer whose length is wrong twice in the same way cannot be told from a true one.

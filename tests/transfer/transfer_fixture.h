@@ -37,12 +37,12 @@ protected:
   Job& job() { return *job_; }
 
   Test_Clock clock;
-  Fake_Events* events = nullptr; ///< of the last run; `handler_` owns it
-  Backup_Order order;            ///< of the next backup
-  Object_Wishes wishes;          ///< likewise
+  Fake_Events* events = nullptr;         ///< of the last run; `handler_` owns it
+  Backup_Order order;                    ///< of the next backup
+  Object_Wishes wishes;                  ///< likewise
   MTF_FS::IPath_Converter_var converter; ///< of the next restore
-  std::string failure;           ///< of the last run; empty where it was none
-  MTF::Error_Code code = MTF::E_OK; ///< likewise
+  std::string failure;                   ///< of the last run; empty where it was none
+  MTF::Error_Code code = MTF::E_OK;      ///< likewise
 
 private:
   void new_events();

@@ -236,8 +236,8 @@ bool OBS_Backup_Executor::run(const Last_Instance& last, const Plan& plan, const
     return false;
   }
 
-  const MTF::Event_Handler_var handler = make_counted<MTF::Event_Handler_var, file_backup::Backup_Event_Handler>(
-      *def_, *act_, evt_handler_, job_);
+  const MTF::Event_Handler_var handler =
+      make_counted<MTF::Event_Handler_var, file_backup::Backup_Event_Handler>(*def_, *act_, evt_handler_, job_);
   if (handler.null())
     return false;
   MTF_Backup engine(handler, metadata, job_.log_msg_callback());

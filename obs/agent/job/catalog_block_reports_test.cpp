@@ -69,8 +69,10 @@ std::string starve(int nth, MAKE make) {
 TEST(catalog_block_reports, short_memory_gives_no_block_and_names_it) {
   // The block, then its buffer.
   for (int nth = 1; nth <= 2; ++nth) {
-    EXPECT_EQ("error: Failed to alloc buffer for VOL block.\n", starve(nth, [] { return catalog_blocks::make_vol(1); }));
-    EXPECT_EQ("error: Failed to alloc buffer for FEND block.\n", starve(nth, [] { return catalog_blocks::make_fend(); }));
+    EXPECT_EQ("error: Failed to alloc buffer for VOL block.\n",
+              starve(nth, [] { return catalog_blocks::make_vol(1); }));
+    EXPECT_EQ("error: Failed to alloc buffer for FEND block.\n",
+              starve(nth, [] { return catalog_blocks::make_fend(); }));
     EXPECT_EQ("error: Failed to make dir block for 'b/'.\n",
               starve(nth, [] { return catalog_blocks::make_dir(1, "b/"); }));
     EXPECT_EQ("", starve(nth, [] { return catalog_blocks::make_file(1, "k", 0, 0); }));

@@ -85,8 +85,8 @@ TEST(definition_parser, numbers_of_a_restore_source_count_as_given_without_a_rec
   const std::unique_ptr<OBS_Restore_Job_Source_Parser> parser = parser_without_record<OBS_Restore_Job_Source_Parser>();
   ASSERT_NE(nullptr, parser);
   std::string reason;
-  EXPECT_TRUE(yajl_parse(R"({"id":1,"backup_host_id":2,"backup_minor_resource_id":3,"seq":4,"pool_uuid":5})", *parser,
-                         reason))
+  EXPECT_TRUE(
+      yajl_parse(R"({"id":1,"backup_host_id":2,"backup_minor_resource_id":3,"seq":4,"pool_uuid":5})", *parser, reason))
       << reason;
   EXPECT_EQ(0, parser->err());
 }

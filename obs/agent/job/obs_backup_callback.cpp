@@ -287,7 +287,8 @@ MTF::IBackup_Callback_var OBS_Backup_Callback_Factory::make() {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs entry uri: %s.\n"), url_.c_str()));
       return no_object<MTF::IBackup_Callback_var>;
     }
-    std::unique_ptr<OBS_Backup_Callback> callback = std::make_unique<OBS_Backup_Callback>(buckets_, cache_limit_, wishes_);
+    std::unique_ptr<OBS_Backup_Callback> callback =
+        std::make_unique<OBS_Backup_Callback>(buckets_, cache_limit_, wishes_);
     if (callback->connect(uri, opts_))
       return adopt<MTF::IBackup_Callback_var>(std::move(callback));
   } catch (const std::bad_alloc&) {

@@ -113,8 +113,8 @@ bool OBS_Restore_Executor::wait_for_pool() {
 }
 
 bool OBS_Restore_Executor::run(const Set& set, const file_backup::File_DR_Test_Context& context) {
-  const MTF::Event_Handler_var handler = make_counted<MTF::Event_Handler_var, file_backup::Restore_Event_Handler>(
-      *def_, *act_, evt_handler_, job_);
+  const MTF::Event_Handler_var handler =
+      make_counted<MTF::Event_Handler_var, file_backup::Restore_Event_Handler>(*def_, *act_, evt_handler_, job_);
   if (handler.null())
     return false;
   MTF_Restore engine(handler, job_.log_msg_callback());

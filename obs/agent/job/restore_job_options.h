@@ -33,8 +33,8 @@ public:
   Buckets_Mapper mapper_;   ///< where the objects go
   bool standalone_ = false;
   OBS_PATH_CONVERTER_TYPE existing_ = OBS_PCT_NONE;
-  std::string cache_dir_; ///< empty: not given
-  bool no_acl_ = false;   ///< objects get no access lists
+  std::string cache_dir_;     ///< empty: not given
+  bool no_acl_ = false;       ///< objects get no access lists
   bool drop_tags_ = false;    ///< nor tags
   std::string storage_class_; ///< for all objects; empty: each one's own
 };

@@ -23,8 +23,8 @@ enum Key : ACE_UINT64 {
 } // namespace
 
 const JSON_Key OBS_Restore_Job_Options_Parser::key_table_1[] = {
-    {"channels", 8, KEY_CHANNELS}, {"bucket_maps", 11, KEY_BUCKET_MAPS}, {"standalone", 10, KEY_STANDALONE},
-    {"existing", 8, KEY_EXISTING}, {"cache_dir", 9, KEY_CACHE_DIR},      {"no_acl", 6, KEY_NO_ACL},
+    {"channels", 8, KEY_CHANNELS},   {"bucket_maps", 11, KEY_BUCKET_MAPS},     {"standalone", 10, KEY_STANDALONE},
+    {"existing", 8, KEY_EXISTING},   {"cache_dir", 9, KEY_CACHE_DIR},          {"no_acl", 6, KEY_NO_ACL},
     {"drop_tags", 9, KEY_DROP_TAGS}, {"storage_class", 13, KEY_STORAGE_CLASS}, {"", 0, 0},
 };
 

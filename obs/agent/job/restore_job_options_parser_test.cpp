@@ -112,13 +112,12 @@ TEST(restore_job_options_parser, text_of_another_kind_is_accepted_and_not_stored
 }
 
 TEST(restore_job_options_parser, value_of_another_kind_is_accepted_and_keeps_the_default) {
-  for (const char* text :
-       {R"({"channels":true,"bucket_maps":false,"existing":true,"cache_dir":false})",
-        R"({"bucket_maps":7,"standalone":1,"existing":2,"cache_dir":3})",
-        R"({"channels":null,"bucket_maps":null,"standalone":null,"existing":null,"cache_dir":null})",
-        R"({"no_acl":"true","drop_tags":1,"storage_class":true})",
-        R"({"no_acl":1,"drop_tags":"true","storage_class":5})",
-        R"({"no_acl":["x"],"drop_tags":{"a":"b"},"storage_class":[{"source":"a","target":"t"}]})"}) {
+  for (const char* text : {R"({"channels":true,"bucket_maps":false,"existing":true,"cache_dir":false})",
+                           R"({"bucket_maps":7,"standalone":1,"existing":2,"cache_dir":3})",
+                           R"({"channels":null,"bucket_maps":null,"standalone":null,"existing":null,"cache_dir":null})",
+                           R"({"no_acl":"true","drop_tags":1,"storage_class":true})",
+                           R"({"no_acl":1,"drop_tags":"true","storage_class":5})",
+                           R"({"no_acl":["x"],"drop_tags":{"a":"b"},"storage_class":[{"source":"a","target":"t"}]})"}) {
     Restore_Options parsed(text);
     EXPECT_TRUE(parsed.accepted) << text << ": " << parsed.reason;
     EXPECT_EQ(0, parsed.parser.err()) << text;

@@ -4,7 +4,9 @@
 
 namespace {
 
-size_t bound(size_t size) { return size + size / 16 + 64 + 3; }
+size_t bound(size_t size) {
+  return size + size / 16 + 64 + 3;
+}
 
 size_t compress(const char* data, size_t size, char* out, void* work) {
   lzo_uint written = 0;

@@ -5,8 +5,8 @@
 /// What the codec's shared object exports, by one symbol, `agent_codec_lzop`. It is loaded when it is there: the
 /// library behind it stands under another licence than the rest.
 struct Codec_Lzop {
-  unsigned version;                     ///< CODEC_LZOP_VERSION
-  size_t work_size;                     ///< bytes of working memory that `compress` needs
+  unsigned version; ///< CODEC_LZOP_VERSION
+  size_t work_size; ///< bytes of working memory that `compress` needs
   /// The most bytes that `size` bytes can become.
   size_t (*bound)(size_t size);
   /// Bytes written to `out`, or 0 on failure.
