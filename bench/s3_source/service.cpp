@@ -7,6 +7,8 @@
 namespace {
 
 constexpr const char* DATE = "Thu, 01 Jan 2026 00:00:00 GMT";
+/// What its clock shows, long after: objects without a date beside theirs would count as just written.
+constexpr const char* NOW = "Date: Sun, 01 Feb 2026 00:00:00 GMT\r\n";
 constexpr const char* ISO_DATE = "2026-01-01T00:00:00.000Z";
 constexpr size_t PAGE = 1000;
 
@@ -28,7 +30,7 @@ std::string etag_of(std::string_view key) {
 
 void finish(Answer& answer, int status, const char* reason, std::string_view headers, std::string_view document) {
   answer.head = "HTTP/1.1 " + std::to_string(status) + " " + reason +
-                "\r\nServer: s3-source\r\nContent-Length: " + std::to_string(document.size()) + "\r\n";
+                "\r\n" + NOW + "Server: s3-source\r\nContent-Length: " + std::to_string(document.size()) + "\r\n";
   if (!document.empty())
     answer.head += "Content-Type: application/xml\r\n";
   answer.head.append(headers).append("\r\n").append(document);
@@ -309,6 +311,7 @@ void Service::read(const Request& request, const Layout* layout, const std::stri
     return refuse(answer, 416, "Range Not Satisfiable", "InvalidRange");
   const uint64_t length = size == 0 ? 0 : last - first + 1;
   answer.head = part ? "HTTP/1.1 206 Partial Content\r\n" : "HTTP/1.1 200 OK\r\n";
+  answer.head += NOW;
   answer.head += "Server: s3-source\r\nAccept-Ranges: bytes\r\nContent-Type: application/octet-stream\r\nETag: ";
   answer.head += etag_of(key);
   answer.head += "\r\nLast-Modified: ";

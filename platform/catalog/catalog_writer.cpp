@@ -23,7 +23,7 @@ namespace {
 
 /// Rows that may wait for the database. A row is a few hundred bytes; a path, and what services keep beside an object,
 /// are at most some thousand each. Rows that were written keep their memory for those that follow.
-constexpr size_t QUEUE_LIMIT = 2048;
+constexpr size_t QUEUE_LIMIT = 1024;
 /// Texts of attributes whose ids are at hand.
 constexpr size_t KNOWN_ATTRIBUTES = 1024;
 constexpr size_t KNOWN_ATTRIBUTES_BYTES = 1u << 20;
@@ -92,7 +92,7 @@ public:
     // Nothing refers to the file before the set's record does, so a torn one costs nothing and needs no journal.
     if (!db_.open(path_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, why, cipher_) ||
         !db_.execute("PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF;"
-                     "PRAGMA temp_store=FILE; PRAGMA cache_size=-8192; BEGIN",
+                     "PRAGMA temp_store=FILE; PRAGMA cache_size=-4096; BEGIN",
                      why) ||
         !db_.execute(SCHEMA, why) || !prepare(why)) {
       error = "cannot make catalog " + path_ + ": " + why;

@@ -29,6 +29,7 @@ class Command_Line(harness.Scenario):
 
     def test_restore_in_which_every_object_fails_names_every_object(self):
         made = self.backup("/data/")["set"]
+        self.damages_media = True
         self.damage_contents()
         report = self.agent("restore", made, "--map", "data=target", expect=1)
         self.assertIn("3 listed = 0 saved + 0 unchanged + 0 excluded + 0 skipped + 3 failed", report.stdout)

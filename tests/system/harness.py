@@ -167,10 +167,17 @@ class Scenario(unittest.TestCase):
                               stdin=None if input is not None else subprocess.DEVNULL)
         result = Result(done.returncode, done.stdout.decode(errors="surrogateescape"),
                         done.stderr.decode(errors="replace"))
-        if expect is not None:
-            self.assertEqual(expect, result.returncode,
-                             "%s\n%s\n%s" % (" ".join(arguments), result.stdout, result.stderr))
+        if expect is not None and expect != result.returncode:
+            self.fail("%s: ended with %d instead of %d\n%s\n%s\n%s" % (
+                " ".join(arguments), result.returncode, expect, result.stdout, result.stderr, self.last_log_lines()))
         return result
+
+    def last_log_lines(self):
+        try:
+            with open(os.path.join(self.state, "agent.log"), errors="replace") as log:
+                return "agent.log ends with:\n" + "".join(log.readlines()[-40:])
+        except OSError:
+            return ""
 
     def add_account(self, server, name="work", **options):
         arguments = ["account", "add", name, "--endpoint", options.pop("endpoint", server.endpoint),

@@ -96,6 +96,7 @@ class Verify:
         self.assertIn("a restore would lack 50 objects", text)
 
     def test_what_is_marked_is_stored_anew_by_the_next_backup(self):
+        self.damages_media = True
         made = self.backup("/%s/" % self.bucket, "--channels", "1")["set"]
         second = self.backup("/%s/" % self.bucket, "--channels", "1")["set"]
         expected = self.contents(self.server, self.bucket)
