@@ -196,16 +196,25 @@ private:
     }
   }
 
-  /// Catalogs are complete: what one points into it names, and no further step is needed.
+  /// A set that stays because another one points into it is a set like any other: what it points into stays as well.
   void keep_needed() {
-    std::map<std::string, std::vector<std::string>> needed;
-    for (const Candidate& one : sets_)
-      if (!one.reasons.empty() || decided_.count(one.record.uuid) == 0)
-        for (const std::string& uuid : one.needs)
-          needed[uuid].push_back("needed by " + one.record.uuid);
-    for (Candidate& one : sets_)
-      if (const auto found = needed.find(one.record.uuid); found != needed.end())
-        one.reasons.insert(one.reasons.end(), found->second.begin(), found->second.end());
+    for (bool settled = false; !settled;) {
+      settled = true;
+      for (const Candidate& one : sets_) {
+        if ((one.reasons.empty() && decided_.count(one.record.uuid) != 0) || !looked_at_.insert(&one).second)
+          continue;
+        keep_needed_by(one);
+        settled = false;
+      }
+    }
+  }
+
+  void keep_needed_by(const Candidate& one) {
+    for (Candidate& other : sets_)
+      if (std::count(one.needs.begin(), one.needs.end(), other.record.uuid) != 0) {
+        other.reasons.push_back("needed by " + one.record.uuid);
+        other.guard.release();
+      }
   }
 
   /// A set that somebody is reading stays, with all that it needs; what goes takes no new readers from here on.
@@ -218,11 +227,7 @@ private:
             one.guard.own(pool_.set_folder(one.record.uri), error) == Set_Guard::HELD)
           continue;
         one.reasons.push_back("it is being read");
-        for (Candidate& other : sets_)
-          if (std::count(one.needs.begin(), one.needs.end(), other.record.uuid) != 0) {
-            other.reasons.push_back("needed by " + one.record.uuid);
-            other.guard.release();
-          }
+        keep_needed();
         settled = false;
       }
     }
@@ -308,11 +313,12 @@ private:
   const Forget_Arguments& arguments_;
   Pool pool_;
   std::vector<Set_Lock> locks_;
-  std::set<std::string> busy_;     ///< places where a run is under way
-  std::vector<Candidate> sets_;    ///< oldest first
-  std::set<std::string> replaced_; ///< by merged sets, and not dropped yet
-  std::set<std::string> orphans_;  ///< what removed sets pointed into
-  std::set<std::string> decided_;  ///< uuids of the sets that the rules were applied to
+  std::set<std::string> busy_;           ///< places where a run is under way
+  std::vector<Candidate> sets_;          ///< oldest first
+  std::set<std::string> replaced_;       ///< by merged sets, and not dropped yet
+  std::set<std::string> orphans_;        ///< what removed sets pointed into
+  std::set<const Candidate*> looked_at_; ///< what those point into stays
+  std::set<std::string> decided_;        ///< uuids of the sets that the rules were applied to
 };
 
 void forget(Context& context, Forget_Arguments arguments) {
