@@ -191,6 +191,9 @@ private:
   Attributed_Source& source_;
 };
 
+constexpr const char* MD5_OF_WHOLE = "9e107d9d372bb6826bd81d3542a419d6"; // of WHOLE
+constexpr const char* WHOLE = "The quick brown fox jumps over the lazy dog";
+
 /// Where objects are restored to.
 struct Attributed_Target {
   std::mutex mutex;
@@ -457,6 +460,30 @@ TEST_F(attributes_in_engines, damaged_ones_are_replaced_by_those_of_the_catalog_
   EXPECT_TRUE(events_->named("/b/f1/o111"));
   EXPECT_EQ(common, target_.objects["b/f1/o111"].second.common);
   EXPECT_TRUE(source_.objects["b/f1/o111"].data == target_.objects["b/f1/o111"].first);
+}
+
+// A length announced too short by a service that has just replaced the object: only the ETag tells.
+TEST_F(attributes_in_engines, other_size_than_listed_counts_only_with_the_content_that_the_etag_stands_for) {
+  const std::string whole = WHOLE;
+  const auto add = [&](const char* name, const std::string& data, const std::string& etag) {
+    source_.add(name, data);
+    source_.at(name).listed_size = whole.size() + 1;
+    source_.attributes[name] = {"", R"({"etag":")" + etag + "\"}"};
+  };
+  for (const size_t small_object : {size_t(1) << 20, size_t(1)}) {
+    SCOPED_TRACE(small_object);
+    source_.objects.clear();
+    source_.order.clear();
+    add("b/good", whole, MD5_OF_WHOLE);
+    add("b/good in capitals", whole, "9E107D9D372BB6826BD81D3542A419D6");
+    add("b/cut", whole.substr(0, 40), MD5_OF_WHOLE);
+    add("b/cut in parts", whole.substr(0, 40), std::string(MD5_OF_WHOLE) + "-3");
+    back_up(small_object == 1 ? 2 : 1, small_object);
+    EXPECT_EQ(3u, events_->figure("saved"));
+    EXPECT_EQ(1u, events_->figure("failed"));
+    EXPECT_TRUE(events_->named("/b/cut"));
+    EXPECT_FALSE(events_->named("/b/cut in parts")) << "nothing speaks against it";
+  }
 }
 
 } // namespace

@@ -20,15 +20,12 @@ constexpr unsigned MAX_FAILURES = 1;
 /// What a reader's buffer may keep between two objects.
 constexpr size_t KEPT_BUFFER = 128u << 10;
 
-/// The digest of the whole content that the ETag is with most services; empty where it cannot be one. A service whose
-/// ETags only look like that has an object which was just replaced read again by the next run.
+/// What the ETag says about the content; empty where it says nothing. With a service whose ETags only look like
+/// digests, an object which was just replaced is read by the next run.
 std::string md5_of(const File_Attributes& attributes) {
   Object_Attributes object;
   std::string error;
-  if (!object.parse(attributes.common, attributes.own, error) || object.etag.size() != 32 ||
-      object.etag.find_first_not_of("0123456789abcdef") != std::string::npos)
-    return std::string();
-  return object.etag;
+  return object.parse(attributes.common, attributes.own, error) ? object.content_md5() : std::string();
 }
 
 double monotonic_seconds() {

@@ -66,6 +66,15 @@ unsigned long long Object_Attributes::part_count() const {
              : 0;
 }
 
+std::string Object_Attributes::content_md5() const {
+  std::string digest = etag;
+  for (char& c : digest)
+    if (c >= 'A' && c <= 'F')
+      c = static_cast<char>(c - 'A' + 'a');
+  const bool hex = digest.size() == 32 && digest.find_first_not_of("0123456789abcdef") == std::string::npos;
+  return hex ? digest : std::string();
+}
+
 std::string Object_Attributes::common_text() const {
   Object out;
   put(out, "headers", headers);

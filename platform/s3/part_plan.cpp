@@ -68,9 +68,7 @@ bool Part_Plan::take_layout(unsigned long long size, unsigned long long wanted, 
   const unsigned long long count = attributes.part_count();
   if (count == 0) {
     // Only an ETag that is a digest of the content comes out the same when the content is sent at once.
-    const bool digest = attributes.etag.size() == 32 &&
-                        attributes.etag.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-    if (!digest || size <= wanted)
+    if (attributes.content_md5().empty() || size <= wanted)
       return false;
     if (size > LARGEST_PART) {
       refused_ = "it was stored at once, and is larger than " + std::to_string(LARGEST_PART / MEBIBYTE) + " MiB";

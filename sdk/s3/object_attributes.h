@@ -51,6 +51,9 @@ struct Object_Attributes {
 
   /// The number at the end of a multipart ETag ("...-12"); 0 for any other ETag.
   unsigned long long part_count() const;
+  /// The ETag in lower case where it has the form of an MD5, which it then is of the whole content with most services;
+  /// else empty.
+  std::string content_md5() const;
 
   /// As two JSON objects: what many objects have alike, and what only this one has (ETag, checksums, layout of the
   /// parts). Empty texts where there is nothing to tell. Strings are bytes, also where they are no UTF-8.

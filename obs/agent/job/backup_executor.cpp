@@ -27,7 +27,6 @@ constexpr ACE_UINT64 AGENT_OBS_ERROR_FAILED_TO_PROBE_OBS = 0x70000031E0100001;
 constexpr ACE_UINT64 AGENT_OBS_ERROR_NO_OBJECTS_BACKUPED = 0x70000031E0100002;
 constexpr ACE_UINT64 AGENT_OBS_WARNING_BACKUP_END_WITH_SKIPPED_OBJECTS = 0x50000031E0100003;
 constexpr ACE_INT64 LAST_SEQ_OF_CHAIN = 65535; // a new chain begins behind it
-constexpr size_t URL_SIZE = 4096;
 constexpr const char* TIME_FORMAT = "%Y-%m-%d %H:%M:%S";
 
 std::string time_text(time_t time) {
@@ -199,20 +198,9 @@ bool OBS_Backup_Executor::connect(const json_spirit::Object& entry, std::unorder
 
 MTF::IBackup_Callback_Factory_var OBS_Backup_Executor::make_factory(const json_spirit::Object& entry) {
   try {
-    const std::string& scheme = json_spirit::require_str(entry, "scheme");
-    const std::string& endpoint = json_spirit::require_str(entry, "endpoint");
-    const std::string& access_key = json_spirit::require_str(entry, "access_key");
-    const std::string& secret_key = json_spirit::require_str(entry, "secret_key");
-    char url[URL_SIZE];
-    ACE_OS::snprintf(url, sizeof url, "%s://%s", scheme.c_str(), endpoint.c_str());
-
-    S3_Client_Options options(access_key, secret_key, def_->max_seconds_retry());
-    options.region = json_spirit::optional_str(entry, "region");
-    options.vendor = json_spirit::optional_str(entry, "vendor");
-    options.sign_method = json_spirit::optional_str(entry, "sign_method");
-
+    const Client_Entry client = client_entry(entry, def_->max_seconds_retry());
     std::unique_ptr<OBS_Backup_Callback_Factory> factory =
-        std::make_unique<OBS_Backup_Callback_Factory>(url, options, opts_->list_cache_limits_);
+        std::make_unique<OBS_Backup_Callback_Factory>(client.url, client.options, opts_->list_cache_limits_);
     factory->wishes({opts_->tags_, opts_->acl_});
     if (const json_spirit::Array* const buckets = configured_buckets(entry))
       factory->buckets(*buckets);

@@ -22,7 +22,6 @@ constexpr ACE_UINT64 AGENT_OBS_ERROR_NO_OBJECTS_RESTORED = 0x70000031E0200004;
 constexpr ACE_UINT64 AGENT_OBS_WARNING_RESTORE_END_WITH_SKIPPED_OBJECTS = 0x50000031E0200005;
 constexpr ACE_UINT64 NO_FLAGS = 0;
 constexpr unsigned RETRY_INTERVAL = 30; // seconds between looks while the pool is merging
-constexpr size_t URL_SIZE = 4096;
 
 } // namespace
 
@@ -167,20 +166,9 @@ bool OBS_Restore_Executor::connect(const json_spirit::Object& entry) {
 // Null, after a log line, when the account's record lacks something.
 MTF::IRestore_Callback_Factory_var OBS_Restore_Executor::make_factory(const json_spirit::Object& entry) {
   try {
-    const std::string& scheme = json_spirit::require_str(entry, "scheme");
-    const std::string& endpoint = json_spirit::require_str(entry, "endpoint");
-    const std::string& access_key = json_spirit::require_str(entry, "access_key");
-    const std::string& secret_key = json_spirit::require_str(entry, "secret_key");
-    char url[URL_SIZE];
-    ACE_OS::snprintf(url, sizeof url, "%s://%s", scheme.c_str(), endpoint.c_str());
-
-    S3_Client_Options options(access_key, secret_key, def_->max_seconds_retry());
-    options.region = json_spirit::optional_str(entry, "region");
-    options.vendor = json_spirit::optional_str(entry, "vendor");
-    options.sign_method = json_spirit::optional_str(entry, "sign_method");
-
+    const Client_Entry client = client_entry(entry, def_->max_seconds_retry());
     std::unique_ptr<OBS_Restore_Callback_Factory> factory =
-        std::make_unique<OBS_Restore_Callback_Factory>(url, options, opts_->mapper_);
+        std::make_unique<OBS_Restore_Callback_Factory>(client.url, client.options, opts_->mapper_);
     factory->policy({opts_->no_acl_, opts_->drop_tags_, opts_->storage_class_});
     return adopt<MTF::IRestore_Callback_Factory_var>(std::move(factory));
   } catch (const std::bad_alloc&) {

@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr size_t URL_SIZE = 4096;
+
 /// One attempt. True when the server answered with a result, now in `reply`.
 bool query(const JSON_RPC_Request& request, JSON_RPC_Object_var& reply) {
   const JSON_RPC_Channel_var channel = Global_JSON_RPC_Channel::instance();
@@ -85,6 +87,21 @@ bool get_entry_info(const std::string& uuid, json_spirit::Object& entry, int max
   return true;
 }
 
+Client_Entry client_entry(const json_spirit::Object& entry, int max_retry_seconds) {
+  const std::string& scheme = json_spirit::require_str(entry, "scheme");
+  const std::string& endpoint = json_spirit::require_str(entry, "endpoint");
+  const std::string& access_key = json_spirit::require_str(entry, "access_key");
+  const std::string& secret_key = json_spirit::require_str(entry, "secret_key");
+  char url[URL_SIZE];
+  std::snprintf(url, sizeof url, "%s://%s", scheme.c_str(), endpoint.c_str());
+
+  Client_Entry client{url, S3_Client_Options(access_key, secret_key, max_retry_seconds)};
+  client.options.region = json_spirit::optional_str(entry, "region");
+  client.options.vendor = json_spirit::optional_str(entry, "vendor");
+  client.options.sign_method = json_spirit::optional_str(entry, "sign_method");
+  return client;
+}
+
 std::shared_ptr<S3_Service_Base> make_client(const json_spirit::Object& entry) {
   try {
     const std::string& access_key = json_spirit::require_str(entry, "access_key");
@@ -92,8 +109,8 @@ std::shared_ptr<S3_Service_Base> make_client(const json_spirit::Object& entry) {
     const std::string& scheme = json_spirit::require_str(entry, "scheme");
     const std::string& endpoint = json_spirit::require_str(entry, "endpoint");
 
-    char text[4096];
-    std::snprintf(text, sizeof(text), "%s://%s", scheme.c_str(), endpoint.c_str());
+    char text[URL_SIZE];
+    std::snprintf(text, sizeof text, "%s://%s", scheme.c_str(), endpoint.c_str());
     URI uri;
     if (!URI_Parser::parse(text, uri)) {
       ACE_ERROR((LM_ERROR, ACE_TEXT("Invalid obs endpoint '%s' in entry object\n"), text));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "sdk/json/json_spirit.h"
+#include "sdk/s3/s3_types.h"
 
 #include <memory>
 #include <string>
@@ -16,6 +17,15 @@ bool get_entry_info(const std::string& uuid, json_spirit::Object& entry, int max
 /// A service for the account, from its record as `get_entry_info` leaves it. Empty, after a log line, when the record
 /// lacks something or its endpoint makes no URI. No request is sent.
 std::shared_ptr<S3_Service_Base> make_client(const json_spirit::Object& entry);
+
+/// What clients for an account need beside the job.
+struct Client_Entry {
+  std::string url; ///< "scheme://endpoint"
+  S3_Client_Options options;
+};
+/// The same from the account's record as `get_entry_info` leaves it. Throws json_spirit::Type_Error when that lacks
+/// something.
+Client_Entry client_entry(const json_spirit::Object& entry, int max_retry_seconds);
 
 /// The array "extended_attrs"."buckets" of an account's record, which says to which buckets the account is confined;
 /// null when it is missing, empty or no array. Valid while `entry` is unchanged.
