@@ -15,6 +15,15 @@ std::string full_folder_message(unsigned long long size) {
   return "A key that ends with \"/\" and has data is not supported (" + std::to_string(size) + " bytes).";
 }
 
+Object error_entry(const std::string& type, const std::string& path, const Value& number, const std::string& message) {
+  Object entry;
+  entry["type"] = type;
+  entry["name"] = path;
+  entry["errno"] = number;
+  entry["message"] = message;
+  return entry;
+}
+
 } // namespace
 
 void Run_Account::saved(unsigned long long size, unsigned long long stored) {
@@ -32,19 +41,6 @@ void Run_Account::failed(const std::string& path, int number, const std::string&
   ++failed_;
   problem(Catalog_Problem::FAILED, "file", path, number, message);
 }
-
-namespace {
-
-Object error_entry(const std::string& type, const std::string& path, const Value& number, const std::string& message) {
-  Object entry;
-  entry["type"] = type;
-  entry["name"] = path;
-  entry["errno"] = number;
-  entry["message"] = message;
-  return entry;
-}
-
-} // namespace
 
 void Run_Account::note(const std::string& type, const std::string& path, const Value& number,
                        const std::string& message) {

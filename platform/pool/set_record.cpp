@@ -1,5 +1,6 @@
 #include "platform/pool/set_record.h"
 
+#include "platform/crypto/base64.h"
 #include "platform/pool/durable_file.h"
 
 #include <openssl/sha.h>
@@ -188,12 +189,7 @@ std::string check_of(const Object& json) {
   const std::string text = json_spirit::write(json);
   unsigned char digest[SHA256_DIGEST_LENGTH];
   SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
-  std::string digits;
-  for (const unsigned char byte : digest) {
-    digits += "0123456789abcdef"[byte >> 4];
-    digits += "0123456789abcdef"[byte & 15];
-  }
-  return digits;
+  return to_hex(digest, sizeof digest);
 }
 
 /// Records of older versions have no check.

@@ -55,6 +55,21 @@ class Forget(harness.Scenario):
         self.assertEqual((0, 41), (following["saved"], following["unchanged"]))
         self.agent("verify", following["set"])
 
+    def test_set_that_stays_for_another_ones_sake_stays_whole(self):
+        self.client.put_object(Bucket="bucket", Key="x", Body=b"x")
+        self.client.put_object(Bucket="bucket", Key="y", Body=b"y")
+        base = self.backup("/bucket/y", "/bucket/x", "--name", "two")["set"]
+        self.client.put_object(Bucket="bucket", Key="x", Body=b"xx")
+        middle = self.backup("/bucket/y", "/bucket/x", "--name", "two")["set"]
+        self.client.put_object(Bucket="bucket", Key="y", Body=b"yy")
+        last = self.backup("/bucket/y", "/bucket/x", "--name", "two")["set"]
+        # The last one has nothing of the first any more, but the one between has.
+        answer = self.forget("--keep-last", "1")
+        self.assertEqual({base: ["needed by " + middle], middle: ["needed by " + last], last: ["last"]},
+                         self.reasons(answer))
+        for one in (base, middle, last):
+            self.agent("verify", one)
+
     def test_set_that_another_is_removed_for_may_go_with_it(self):
         old = [self.backup("/bucket/")["set"], self.backup("/bucket/")["set"]]
         full = self.backup("/bucket/", "--full")["set"]
