@@ -34,8 +34,8 @@ public:
     if (::access(path_.c_str(), R_OK) != 0)
       why = std::strerror(errno);
     else if (db_.open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, why, cipher_) &&
-             db_.execute("PRAGMA temp_store=FILE; PRAGMA cache_size=-4096", why) && check(why) && load(why) &&
-             prepare(why))
+             db_.execute("PRAGMA temp_store=FILE; PRAGMA cache_size=-4096", why) && begin(why) && check(why) &&
+             load(why) && prepare(why))
       return true;
     error = "cannot read catalog " + path_ + ": " + why;
     return false;
@@ -166,8 +166,8 @@ public:
     return row_ == SQLITE_DONE ? false : failed(scan_, error);
   }
 
-  bool walk(const std::string& path, const std::function<bool(const Catalog_Object&)>& told,
-            std::string& error) override {
+  bool walk(const std::string& path, const std::function<bool(const Catalog_Object&)>& told, std::string& error,
+            const Narrow& narrow) override {
     // Statements of its own, so that `told` may use the reader's.
     Catalog_Statement visits, objects;
     if (!visits.prepare(db_.get(),
@@ -184,16 +184,20 @@ public:
     int step;
     while ((step = visits.step()) == SQLITE_ROW) {
       const std::string folder(visits.blob(2));
-      objects.reset();
-      objects.bind(1, visits.number(0)).bind(2, visits.number(1));
-      int row;
-      while ((row = objects.step()) == SQLITE_ROW) {
-        fill(objects, folder, object);
-        if (!told(object))
-          return true;
+      const unsigned long long end = visits.number(1);
+      unsigned long long first = visits.number(0), last = end;
+      for (; first <= end && (!narrow || narrow(first, last)); first = last + 1, last = end) {
+        objects.reset();
+        objects.bind(1, first).bind(2, last);
+        int row;
+        while ((row = objects.step()) == SQLITE_ROW) {
+          fill(objects, folder, object);
+          if (!told(object))
+            return true;
+        }
+        if (row != SQLITE_DONE)
+          return failed(objects, error);
       }
-      if (row != SQLITE_DONE)
-        return failed(objects, error);
     }
     return step == SQLITE_DONE || failed(visits, error);
   }
@@ -361,6 +365,10 @@ private:
     return true;
   }
 
+  /// One transaction for the reader's whole life: without it each statement takes the file's lock and looks anew
+  /// whether somebody has changed the file, which costs more than reading a folder.
+  bool begin(std::string& error) { return db_.execute("BEGIN", error); }
+
   bool check(std::string& error) {
     unsigned long long id = 0, version = 0;
     if (!pragma("PRAGMA application_id", id, error) || !pragma("PRAGMA user_version", version, error))
@@ -515,7 +523,7 @@ private:
                          error) ||
         !one.prepare(db_.get(), "INSERT OR IGNORE INTO temp.selected VALUES(?,?)", error))
       return false;
-    if (!db_.execute("BEGIN", error))
+    if (!db_.execute("SAVEPOINT selection", error))
       return false;
     bool done = true;
     for (const std::string& folder : selection.folders) {
@@ -544,7 +552,7 @@ private:
     }
     if (!done && error.empty())
       error = std::string("cannot select from catalog: ") + catalog_error(db_.get());
-    return db_.execute("COMMIT", error) && done;
+    return db_.execute("RELEASE selection", error) && done;
   }
 
   const std::string path_;

@@ -57,10 +57,13 @@ public:
   /// which the folder has them, else what `find` costs. False when it is not there, or on failure, with `error` set.
   virtual bool match(const std::string& name, Catalog_Object& object, std::string& error) = 0;
 
+  /// Makes the ordinals `first` to `last` the first run among them that is wanted; false when none is.
+  typedef std::function<bool(unsigned long long& first, unsigned long long& last)> Narrow;
   /// Tells `object` every object below the folder `path` ("" for all) in hand-out order until it returns false. The
-  /// reader may be asked other things meanwhile. False on failure.
+  /// reader may be asked other things meanwhile. What `narrow`, which may be empty, leaves out is not read. False on
+  /// failure.
   virtual bool walk(const std::string& path, const std::function<bool(const Catalog_Object&)>& object,
-                    std::string& error) = 0;
+                    std::string& error, const Narrow& narrow = Narrow()) = 0;
   /// Tells `object` every selected object once, ordered by set, channel and offset, the order in which media are read,
   /// until it returns false. False on failure.
   virtual bool walk_media(const Catalog_Selection& selection, const std::function<bool(const Catalog_Object&)>& object,

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -111,6 +112,76 @@ TEST_F(Catalog, shuffled_rows_come_back_in_hand_out_order) {
   EXPECT_EQ(450u, reader->counts().bytes);
   EXPECT_EQ("own", reader->set_uuid());
   EXPECT_EQ(7u, reader->sets().front().seq);
+}
+
+TEST_F(Catalog, walk_passes_over_what_is_narrowed_away) {
+  write(TREE);
+  auto reader = open();
+  ASSERT_TRUE(reader);
+  const auto told = [&](const std::set<unsigned long long>& wanted) {
+    std::vector<unsigned long long> found;
+    EXPECT_TRUE(reader->walk(
+        "",
+        [&](const Catalog_Object& o) {
+          found.push_back(o.ordinal);
+          return true;
+        },
+        error_,
+        [&](unsigned long long& first, unsigned long long& last) {
+          while (first <= last && wanted.count(first) == 0)
+            ++first;
+          if (first > last)
+            return false;
+          unsigned long long end = first;
+          while (end < last && wanted.count(end + 1) != 0)
+            ++end;
+          last = end;
+          return true;
+        }))
+        << error_;
+    return found;
+  };
+  for (const std::set<unsigned long long>& wanted :
+       {std::set<unsigned long long>{}, {1}, {2, 3}, {1, 4, 5, 10}, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}})
+    EXPECT_EQ(std::vector<unsigned long long>(wanted.begin(), wanted.end()), told(wanted));
+}
+
+TEST_F(Catalog, objects_that_come_many_at_once_are_all_there) {
+  auto writer = Catalog_Writer::create(folder_, error_);
+  ASSERT_TRUE(writer) << error_;
+  ASSERT_TRUE(writer->add_set({0, "own", "h/r/a", 7}));
+  constexpr unsigned long long OBJECTS = 20000;
+  std::vector<Catalog_Object> some;
+  size_t count = 0;
+  for (unsigned long long i = 1; i <= OBJECTS; ++i) {
+    some.resize(std::max<size_t>(some.size(), count + 1)); // what comes back is as large as it happens to be
+    some[count++] = object(i, "b/" + std::to_string(i));
+    if (i % 97 == 0) {
+      ASSERT_TRUE(writer->add_objects(some, count)) << writer->error();
+      count = 0;
+    } else if (i % 1000 == 0) {
+      ASSERT_TRUE(writer->add_object(some[--count]));
+    }
+  }
+  ASSERT_TRUE(writer->add_objects(some, count)) << writer->error();
+  ASSERT_TRUE(writer->add_visit({"b/", 1, OBJECTS, false}));
+  ASSERT_TRUE(writer->finish()) << writer->error();
+  auto reader = open();
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(OBJECTS, reader->counts().objects);
+  unsigned long long next = 1;
+  EXPECT_TRUE(reader->walk(
+      "",
+      [&](const Catalog_Object& o) {
+        EXPECT_EQ(next, o.ordinal);
+        EXPECT_EQ("b/" + std::to_string(next), o.path);
+        EXPECT_EQ(next * 4096, o.offset);
+        ++next;
+        return true;
+      },
+      error_))
+      << error_;
+  EXPECT_EQ(OBJECTS + 1, next);
 }
 
 TEST_F(Catalog, object_is_found_with_all_that_is_known) {

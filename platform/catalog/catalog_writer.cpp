@@ -23,12 +23,12 @@ namespace {
 
 /// Rows that may wait for the database. A row is a few hundred bytes; a path, and what services keep beside an object,
 /// are at most some thousand each. Rows that were written keep their memory for those that follow.
-constexpr size_t QUEUE_LIMIT = 1024;
+constexpr size_t QUEUE_LIMIT = 2048;
 /// Texts of attributes whose ids are at hand.
 constexpr size_t KNOWN_ATTRIBUTES = 1024;
 constexpr size_t KNOWN_ATTRIBUTES_BYTES = 1u << 20;
 /// Rows for which the database's thread is woken; fewer wait for others, or for the end.
-constexpr size_t WORTH_WAKING = 512;
+constexpr size_t WORTH_WAKING = 1024;
 
 const char* const SCHEMA = R"(
 CREATE TABLE meta(name TEXT PRIMARY KEY, value) WITHOUT ROWID;
@@ -54,6 +54,12 @@ std::string_view name_of(const std::string& path) {
 
 struct Folder {
   std::string path;
+};
+
+/// The first `count` of `objects`.
+struct Batch {
+  std::vector<Catalog_Object> objects;
+  size_t count = 0;
 };
 
 typedef std::variant<Catalog_Object, Folder, Catalog_Visit, Catalog_Problem, Catalog_Deletion, Catalog_Set> Row;
@@ -108,6 +114,21 @@ public:
   }
 
   bool add_object(const Catalog_Object& object) override { return add(object); }
+  bool add_objects(std::vector<Catalog_Object>& objects, size_t count) override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!wait_for_room(lock))
+      return false;
+    Batch batch;
+    if (!spare_.empty()) {
+      batch = std::move(spare_.back());
+      spare_.pop_back();
+    }
+    batch.objects.swap(objects);
+    batch.count = count;
+    batches_.push_back(std::move(batch));
+    queued(count);
+    return true;
+  }
   bool add_folder(const std::string& path) override { return add(Folder{path}); }
   bool add_visit(const Catalog_Visit& visit) override { return add(visit); }
   bool add_problem(const Catalog_Problem& problem) override { return add(problem); }
@@ -150,16 +171,26 @@ private:
   template <class Kind>
   bool add(const Kind& row) {
     std::unique_lock<std::mutex> lock(mutex_);
-    room_.wait(lock, [this] { return queued_ < QUEUE_LIMIT || failed_; });
-    if (failed_)
+    if (!wait_for_room(lock))
       return false;
-    if (queued_ < queue_.size())
-      queue_[queued_] = row; // into the strings of a row of the same kind, most often
+    if (single_ < queue_.size())
+      queue_[single_] = row; // into the strings of a row of the same kind, most often
     else
       queue_.emplace_back(row);
-    if (++queued_ == WORTH_WAKING)
-      rows_.notify_one();
+    ++single_;
+    queued(1);
     return true;
+  }
+
+  bool wait_for_room(std::unique_lock<std::mutex>& lock) {
+    room_.wait(lock, [this] { return queued_ < QUEUE_LIMIT || failed_; });
+    return !failed_;
+  }
+
+  void queued(size_t rows) {
+    if (queued_ < WORTH_WAKING && queued_ + rows >= WORTH_WAKING)
+      rows_.notify_one();
+    queued_ += rows;
   }
 
   void fail(const std::string& error) {
@@ -182,26 +213,41 @@ private:
 
   void run() {
     pthread_setname_np(pthread_self(), "Catalog");
-    std::vector<Row> batch;
+    std::vector<Row> rows;
+    std::vector<Batch> batches;
     size_t count = 0;
     for (;;) {
       {
         std::unique_lock<std::mutex> lock(mutex_);
+        for (Batch& batch : batches)
+          spare_.push_back(std::move(batch));
+        batches.clear();
         rows_.wait(lock, [this] { return queued_ >= WORTH_WAKING || closing_; });
         if (queued_ == 0 || failed_)
           return;
-        batch.swap(queue_);
-        count = queued_;
-        queued_ = 0;
+        rows.swap(queue_);
+        batches.swap(batches_);
+        count = single_;
+        queued_ = single_ = 0;
         room_.notify_all();
       }
-      for (size_t i = 0; i < count; ++i) {
-        if (!std::visit([this](const auto& r) { return write(r); }, batch[i])) {
-          fail("cannot write catalog " + path_ + ": " + catalog_error(db_.get()));
-          return;
-        }
+      bool done = true;
+      for (size_t i = 0; done && i < count; ++i)
+        done = std::visit([this](const auto& row) { return write(row); }, rows[i]);
+      for (size_t i = 0; done && i < batches.size(); ++i)
+        done = write(batches[i]);
+      if (!done) {
+        fail("cannot write catalog " + path_ + ": " + catalog_error(db_.get()));
+        return;
       }
     }
+  }
+
+  bool write(const Batch& batch) {
+    for (size_t i = 0; i < batch.count; ++i)
+      if (!write(batch.objects[i]))
+        return false;
+    return true;
   }
 
   bool write(const Catalog_Object& o) {
@@ -355,8 +401,11 @@ private:
   mutable std::mutex mutex_; ///< guards the queue, `closing_` and `error_`
   std::condition_variable rows_;
   std::condition_variable room_;
-  std::vector<Row> queue_; ///< the first `queued_` wait
-  size_t queued_ = 0;
+  std::vector<Row> queue_; ///< the first `single_` wait
+  size_t single_ = 0;
+  std::vector<Batch> batches_;
+  std::vector<Batch> spare_; ///< the memory of batches that were written
+  size_t queued_ = 0;        ///< rows, those of batches among them
   bool closing_ = false;
   std::string error_;
   std::atomic<bool> failed_{false};

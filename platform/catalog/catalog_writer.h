@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 /// Writes the catalog of a set. Rows may come from any thread and in any order, since each carries its ordinal; a
 /// thread of the writer's own puts them into the database behind a bounded queue, so that memory does not depend on
@@ -21,6 +22,9 @@ public:
 
   /// Any thread; blocks while the queue is full. False once the writer has failed.
   virtual bool add_object(const Catalog_Object& object) = 0;
+  /// The first `count` objects at once. The vector comes back with other objects, which are of no use but for the
+  /// memory that they hold.
+  virtual bool add_objects(std::vector<Catalog_Object>& objects, size_t count) = 0;
   /// Makes the folder `path` ("bucket/a/") known, whether it holds objects or not, and those above it.
   virtual bool add_folder(const std::string& path) = 0;
   virtual bool add_visit(const Catalog_Visit& visit) = 0;

@@ -9,6 +9,7 @@ namespace {
 
 /// Far more sets than a catalog ever points into.
 constexpr unsigned MAX_PLACES = 1u << 20;
+const std::string TRACKING = "cannot keep track of the listing: ";
 
 } // namespace
 
@@ -55,6 +56,7 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
       !base->add_run_.prepare(base->shown_.get(), "INSERT OR REPLACE INTO runs VALUES(?,?)", error) ||
       !base->find_run_.prepare(base->shown_.get(), "SELECT last FROM runs WHERE first<=? ORDER BY first DESC LIMIT 1",
                                error) ||
+      !base->next_run_.prepare(base->shown_.get(), "SELECT min(first) FROM runs WHERE first BETWEEN ? AND ?", error) ||
       !base->inner_end_.prepare(base->shown_.get(), "SELECT max(last) FROM runs WHERE first BETWEEN ? AND ?", error) ||
       !base->remove_inner_.prepare(base->shown_.get(), "DELETE FROM runs WHERE first BETWEEN ? AND ?", error))
     return nullptr;
@@ -128,14 +130,37 @@ bool Backup_Base::store_run() {
   first_ = 1;
   last_ = 0;
   if (!done)
-    error_ = "cannot keep track of the listing: " + add_run_.error();
+    error_ = TRACKING + add_run_.error();
   return done;
 }
 
-bool Backup_Base::is_shown(unsigned long long first, unsigned long long last) {
-  const bool shown = find_run_.bind(1, first).step() == SQLITE_ROW && find_run_.number(0) >= last;
+/// Where the last run ends that begins at `ordinal` or before; 0 when none does, or with `error_` on failure.
+unsigned long long Backup_Base::run_end(unsigned long long ordinal) {
+  const int step = find_run_.bind(1, ordinal).step();
+  const unsigned long long end = step == SQLITE_ROW ? find_run_.number(0) : 0;
   find_run_.reset();
-  return shown;
+  if (step != SQLITE_ROW && step != SQLITE_DONE)
+    error_ = TRACKING + find_run_.error();
+  return end;
+}
+
+bool Backup_Base::is_shown(unsigned long long first, unsigned long long last) {
+  return run_end(first) >= last;
+}
+
+/// Makes `first` to `last` the first run of ordinals among them that was not shown; false when there is none.
+bool Backup_Base::first_gap(unsigned long long& first, unsigned long long& last) {
+  for (unsigned long long end; first <= last && (end = run_end(first)) >= first;)
+    first = end + 1;
+  if (first > last || !error_.empty())
+    return false;
+  const int step = next_run_.bind(1, first).bind(2, last).step();
+  if (step == SQLITE_ROW && next_run_.number(0) != 0)
+    last = next_run_.number(0) - 1;
+  next_run_.reset();
+  if (step != SQLITE_ROW)
+    error_ = TRACKING + next_run_.error();
+  return error_.empty();
 }
 
 bool Backup_Base::not_shown(const std::string& path, bool take,
@@ -145,8 +170,8 @@ bool Backup_Base::not_shown(const std::string& path, bool take,
     return false;
   bool done = true;
   const auto one = [&](const Catalog_Object& found) {
-    if (is_shown(found.ordinal, found.ordinal) || !wanted(found))
-      return true;
+    if (is_shown(found.ordinal, found.ordinal) || !error_.empty() || !wanted(found))
+      return error_.empty();
     Catalog_Object object = found;
     if (take && found.set >= places_) {
       error_ = "the catalog of the set " + record_.uuid + " is damaged";
@@ -161,8 +186,9 @@ bool Backup_Base::not_shown(const std::string& path, bool take,
     }
     return done && told(object);
   };
+  const auto gaps = [this](unsigned long long& first, unsigned long long& last) { return first_gap(first, last); };
   if (path.empty() || path.back() == '/')
-    return catalog_->walk(path, one, error_) && done && store_run();
+    return catalog_->walk(path, one, error_, gaps) && done && error_.empty() && store_run();
   Catalog_Object object;
   if (catalog_->find(path, object, error_))
     one(object);

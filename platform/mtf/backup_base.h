@@ -62,7 +62,9 @@ public:
 private:
   bool show(unsigned long long ordinal);
   bool store_run();
+  unsigned long long run_end(unsigned long long ordinal);
   bool is_shown(unsigned long long first, unsigned long long last);
+  bool first_gap(unsigned long long& first, unsigned long long& last);
   void look_at_media(const Pool& pool, unsigned index, const Set_Record& record);
   bool is_good(const Catalog_Object& object) const;
 
@@ -74,6 +76,6 @@ private:
   std::vector<Bad_Medium> bad_media_;
   unsigned long long first_ = 1, last_ = 0; ///< the run that grows
   Catalog_Db shown_;                        ///< a temporary database: the runs before it
-  Catalog_Statement add_run_, find_run_, inner_end_, remove_inner_;
+  Catalog_Statement add_run_, find_run_, next_run_, inner_end_, remove_inner_;
   std::string error_;
 };

@@ -8,6 +8,8 @@ namespace {
 
 /// Objects that are kept one by one, beside those that were asked for by name.
 constexpr size_t MAX_UNSEEN = 1000;
+/// Objects that go to the catalog at once.
+constexpr size_t KNOWN_AT_ONCE = 128;
 
 std::string without_root(const std::string& path) {
   return path.substr(!path.empty() && path.front() == '/' ? 1 : 0);
@@ -115,6 +117,10 @@ bool Backup_Listing::take(const Cat_Blk& block) {
 }
 
 bool Backup_Listing::finish() {
+  return end_folder() && hand_over();
+}
+
+bool Backup_Listing::end_folder() {
   if (visit_.first == 0)
     return true;
   const bool done = catalog_.add_visit(visit_);
@@ -122,8 +128,20 @@ bool Backup_Listing::finish() {
   return done;
 }
 
+/// The object in the making is one for the catalog.
+bool Backup_Listing::keep() {
+  known_[known_count_].ordinal = ordinal_;
+  return ++known_count_ < KNOWN_AT_ONCE || hand_over();
+}
+
+bool Backup_Listing::hand_over() {
+  const bool done = known_count_ == 0 || catalog_.add_objects(known_, known_count_);
+  known_count_ = 0;
+  return done;
+}
+
 bool Backup_Listing::enter(const std::string& name) {
-  if (!finish())
+  if (!end_folder())
     return false;
   std::string path = name;
   std::replace(path.begin(), path.end(), '\0', '/');
@@ -159,15 +177,17 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   visit(name);
+  if (known_.size() < KNOWN_AT_ONCE)
+    known_.resize(KNOWN_AT_ONCE);
+  Catalog_Object& known = known_[known_count_];
   std::unique_ptr<Catalog_Object> older;
   if (base_ != nullptr)
-    switch (base_->match(name, size, mtime, known_)) {
+    switch (base_->match(name, size, mtime, known)) {
     case Backup_Base::Match::UNCHANGED:
-      known_.ordinal = ordinal_;
       account_.unchanged();
-      return catalog_.add_object(known_);
+      return keep();
     case Backup_Base::Match::CHANGED:
-      older = std::make_unique<Catalog_Object>(known_);
+      older = std::make_unique<Catalog_Object>(known);
       break;
     case Backup_Base::Match::NONE:
       break;
@@ -176,10 +196,9 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     error_ = base_->error();
     return false;
   }
-  if (partial_ != nullptr && partial_->find(name, size, mtime, known_)) {
-    known_.ordinal = ordinal_;
-    account_.continued(known_.size);
-    return catalog_.add_object(known_);
+  if (partial_ != nullptr && partial_->find(name, size, mtime, known)) {
+    account_.continued(known.size);
+    return keep();
   }
   if (partial_ != nullptr && !partial_->error().empty()) {
     error_ = partial_->error();
@@ -212,7 +231,7 @@ bool Backup_Listing::carry(Catalog_Object& object) {
   const size_t name = object.path.rfind('/') + 1;
   const std::string folder = object.path.substr(0, name);
   if (!folder_ || *folder_ != folder) {
-    if (!finish() || !catalog_.add_folder(folder))
+    if (!end_folder() || !catalog_.add_folder(folder))
       return false;
     folder_ = std::make_shared<const std::string>(folder);
   }

@@ -74,7 +74,7 @@ public:
   /// After the last block: carries over from the base what is `unlisted` and records what is gone below the `sources`,
   /// both as far as it would pass the `filter`, which may be null. False when a catalog failed.
   bool compare(const Unlisted& unlisted, const std::list<std::string>& sources, const MTF::IFilter* filter);
-  /// Ends the last folder. False when the catalog failed.
+  /// Ends the last folder, and hands the catalog what is left. False when the catalog failed.
   bool finish();
   /// What was wrong with a refused block; empty when it was not the block.
   const std::string& error() const { return error_; }
@@ -84,6 +84,9 @@ private:
   bool object(const MTF::Cat_Blk& block);
   void visit(const std::string& name);
   bool carry(Catalog_Object& object);
+  bool end_folder();
+  bool keep();
+  bool hand_over();
 
   Backup_Queue& queue_;
   Catalog_Writer& catalog_;
@@ -94,6 +97,7 @@ private:
   Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;
   unsigned long long ordinal_ = 0;
-  Catalog_Object known_; ///< its strings' memory serves one object after the other
+  std::vector<Catalog_Object> known_; ///< the first `known_count_` are for the catalog, the next is in the making
+  size_t known_count_ = 0;
   std::string error_;
 };

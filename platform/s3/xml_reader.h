@@ -54,9 +54,10 @@ protected:
   static bool is(const Path& path, std::string_view a, std::string_view b, std::string_view c);
 
 private:
-  struct Parser_Free {
+  struct Parser_Return {
     void operator()(XML_ParserStruct* parser) const;
   };
+  static XML_ParserStruct* take_parser();
   static void on_start(void* self, const char* name, const char** attributes);
   static void on_end(void* self, const char* name);
   static void on_text(void* self, const char* text, int size);
@@ -66,7 +67,7 @@ private:
   void parse(const char* data, size_t size);
   void tell(const std::vector<XML_Skimmer::Tag>& tags);
 
-  std::unique_ptr<XML_ParserStruct, Parser_Free> parser_;
+  std::unique_ptr<XML_ParserStruct, Parser_Return> parser_;
   std::string problem_;
   std::string root_;
   Path path_;
