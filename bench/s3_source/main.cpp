@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -206,6 +207,8 @@ private:
 } // namespace
 
 int main(int argc, char** argv) {
+  // A client that goes away while a file is sent to it ends that connection, not the service.
+  ::signal(SIGPIPE, SIG_IGN);
   std::vector<Layout> layouts;
   for (int i = 1; i < argc; ++i) {
     layouts.emplace_back();
