@@ -14,15 +14,18 @@ const std::string TRACKING = "cannot keep track of the listing: ";
 } // namespace
 
 std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
-                                               std::string& error) {
+                                               const std::string& uuid, std::string& error) {
   std::vector<std::string> errors;
   std::unique_ptr<Backup_Base> base(new Backup_Base);
   bool found = false;
   for (Set_Record& record : pool.sets(place, errors)) {
-    if (record.seq != seq)
+    const bool asked = !uuid.empty() && record.uuid == uuid;
+    if (!asked && record.seq != seq)
       continue;
     base->record_ = std::move(record);
     found = true;
+    if (asked)
+      break;
   }
   if (!found) {
     error = "there is no set " + std::to_string(seq) + " to compare with";
