@@ -238,8 +238,11 @@ void Backup_Engine::Impl::take_up_unfinished() {
   if (report.removed != 0)
     engine_log(log, LM_INFO,
                "Removed " + std::to_string(report.removed) + " unfinished sets without any whole object.");
-  for (const std::string& problem : report.problems)
-    engine_log(log, LM_WARNING, "An unfinished set stays: " + problem + ".");
+  for (const Salvage_Report::Problem& problem : report.problems) {
+    const std::string message = "An unfinished set stays for the next run: " + problem.message + ".";
+    engine_log(log, LM_WARNING, message);
+    account.note("set", problem.folder, json_spirit::Value(), message);
+  }
 }
 
 bool Backup_Engine::Impl::make_media() {

@@ -45,6 +45,7 @@ bool Medium_Source::read(unsigned long long offset, unsigned char* buffer, size_
     if (count < 0 && errno == EINTR)
       continue;
     if (count <= 0) {
+      failed_ = true;
       error = "cannot read the medium " + path_ + " at " + std::to_string(offset) + ": " +
               (count == 0 ? "it has become shorter" : std::strerror(errno));
       return false;

@@ -4,6 +4,7 @@
 #include "platform/mtf/medium_blocks.h"
 #include "platform/mtf/object_stream.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,6 +19,8 @@ public:
                                              const Set_Cipher_ptr& cipher = nullptr);
   /// Fills `size` bytes from `offset`. False with the reason; what lies behind the end is a failure too.
   bool read(unsigned long long offset, unsigned char* buffer, size_t size, std::string& error) const;
+  /// Whether a read has failed, by any thread, so that what was taken for damage may be none.
+  bool failed() const { return failed_; }
   unsigned long long size() const { return size_; }
   const std::string& path() const { return path_; }
   const Set_Cipher* cipher() const { return cipher_.get(); }
@@ -31,6 +34,7 @@ public:
 private:
   static const Watch* watch_;
   int fd_ = -1;
+  mutable std::atomic<bool> failed_{false};
   unsigned long long size_ = 0;
   std::string path_;
   Set_Cipher_ptr cipher_;
