@@ -25,9 +25,9 @@ public:
   const std::string& path() const { return path_; }
   const Set_Cipher* cipher() const { return cipher_.get(); }
 
-  /// Path, place and size of a read.
-  typedef std::function<void(const std::string&, unsigned long long, size_t)> Watch;
-  /// For tests of what is read and in which order: `told` of every read, by all threads, until it is null again. Not
+  /// Path, place and size of a read; false from it makes the read fail, as a bad disk does.
+  typedef std::function<bool(const std::string&, unsigned long long, size_t)> Watch;
+  /// For tests of what is read, and in which order: `told` of every read, by all threads, until it is null again. Not
   /// while a medium is being read.
   static void watch(const Watch* told) { watch_ = told; }
 
