@@ -417,6 +417,7 @@ bool Backup_Engine::Impl::complete() {
     fail(E_WRITE_MEDIUM, catalog->error());
     return false;
   }
+  account.set_holds(catalog->counts().objects);
   const Set_Copy copy{copied_record(), pool.set_folder(uri) + "/" + catalog::FILE_NAME};
   if (!channels[0]->finish(&copy))
     return false;

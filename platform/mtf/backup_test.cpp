@@ -731,6 +731,8 @@ TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
   Catalog_Object unseen;
   ASSERT_TRUE(catalog->find("c/unseen", unseen, error_)) << error_;
   EXPECT_EQ(catalog::FLAG_UNSEEN, unseen.flags & catalog::FLAG_UNSEEN);
+  EXPECT_EQ(catalog->counts().objects, events_->figure("objects"));
+  EXPECT_LT(events_->figure("saved") + events_->figure("unchanged"), events_->figure("objects"));
   EXPECT_FALSE(catalog->find("b/y/inside", unseen, error_));
 }
 
@@ -764,6 +766,7 @@ TEST_F(Backup, older_version_is_kept_where_the_new_one_cannot_be_read) {
     const auto catalog = Catalog_Reader::open(folder(), error_);
     ASSERT_TRUE(catalog) << error_;
     EXPECT_EQ(11u, catalog->counts().objects);
+    EXPECT_EQ(11u, events_->figure("objects")) << "what is kept is in the set too";
     for (const std::string& path : hurt) {
       EXPECT_TRUE(events_->message("/" + path).ends_with(" The version of 2023-11-14 22:13:20 is kept.")) << path;
       Catalog_Object object;

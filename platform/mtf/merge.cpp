@@ -379,6 +379,7 @@ private:
     if (!catalog->walk_media(Catalog_Selection(), count, error))
       return false;
     record.source_size = record.backup_set_size = bytes;
+    record.figures["objects"] = catalog->counts().objects;
     record.figures["saved"] = own;
     record.figures["unchanged"] = catalog->counts().objects - own;
     record.figures["continued"] = 0;
