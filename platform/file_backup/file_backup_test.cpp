@@ -209,6 +209,15 @@ TEST_F(file_backup_services, a_commit_whose_row_fails_is_reported_and_made_good)
   EXPECT_EQ(1u, sets.size());
 }
 
+TEST_F(file_backup_services, a_set_that_was_compared_with_nothing_has_no_base_and_goes_on_in_its_chain) {
+  ASSERT_TRUE(commit(write_set("a", 1, "2026-01-01 00:00:00")));
+  ASSERT_TRUE(commit(write_set("b", 2, "2026-01-02 00:00:00"), "a", false));
+  const Set_Record record = record_of("b");
+  EXPECT_TRUE(record.bases.empty());
+  EXPECT_EQ("chain of a", record.incarnation);
+  EXPECT_EQ(2u, record.seq);
+}
+
 TEST_F(file_backup_services, a_row_has_the_number_of_objects_that_the_catalog_has) {
   file_backup::File_Metadata metadata = write_set("a", 1, "2026-01-01 00:00:00");
   metadata.figures["saved"] = 3;
