@@ -562,6 +562,35 @@ TEST_F(Continuation, unfinished_incremental_is_gone_on_with_too) {
   expect_set_over({"host/res/full", "host/res/killed"});
 }
 
+TEST_F(Continuation, what_cannot_be_taken_up_is_named_and_taken_up_by_a_later_run) {
+  fill(60, 2000, 57);
+  leave("killed", 0.8);
+  const std::string medium = pool_.set_folder("host/res/killed/channel-0001.mtf");
+  fs::rename(medium, root_ + "/away");
+  fs::create_symlink(medium, medium); // leads nowhere for ever
+  next("set-2");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code()) << "every object is in the set";
+  EXPECT_EQ(60u, events_->figure("saved"));
+  EXPECT_EQ(0u, events_->figure("continued"));
+  const std::string told = events_->message(pool_.set_folder("host/res/killed"));
+  EXPECT_NE(std::string::npos, told.find(medium)) << told;
+  EXPECT_EQ(std::vector<std::string>{"host/res/killed"}, [this] {
+    auto left = pool_.unfinished("host/res");
+    left.erase(std::remove(left.begin(), left.end(), "host/res/set-2"), left.end());
+    return left;
+  }());
+  engine_.reset();
+  ASSERT_TRUE(pool_.remove_set("host/res/set-2", error_)) << error_;
+  fs::remove(medium);
+  fs::rename(root_ + "/away", medium);
+  next("set-3");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_GT(events_->figure("continued"), 20u);
+  EXPECT_EQ("", events_->message(pool_.set_folder("host/res/killed")));
+  expect_media_are_valid();
+}
+
 TEST_F(Continuation, unfinished_run_of_another_source_is_left_alone) {
   fill(20, 100, 56);
   leave("killed", 1);
