@@ -90,7 +90,8 @@ bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string&
   const std::string& pool_uuid = set.metadata.pool_uuid;
   Set_Record record = make_record(set);
   Pool pool;
-  if (!open_known_pool(*store, pool_uuid, pool, error) || !choose_seq(*store, pool_uuid, set.bases.empty(), record, error))
+  if (!open_known_pool(*store, pool_uuid, pool, error) ||
+      !choose_seq(*store, pool_uuid, set.bases.empty(), record, error))
     return false;
   Set_Cipher_ptr cipher;
   if (!open_set_cipher(pool, record.uuid, set.metadata.data_key, cipher, error) || !seal_record(cipher, record, error))

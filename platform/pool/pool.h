@@ -52,8 +52,8 @@ public:
   std::vector<Set_Record> replaced_sets(const std::string& prefix) const;
   /// Records of the partial sets there, newest first.
   std::vector<Set_Record> partial_sets(const std::string& prefix, std::vector<std::string>& errors) const;
-  /// Locks the pool against other processes that would change it, and removes what a killed one left of the pool's file.
-  /// Null with a message that names who has it.
+  /// Locks the pool against other processes that would change it, and removes what a killed one left of the pool's
+  /// file. Null with a message that names who has it.
   std::shared_ptr<Process_Lock> lock(std::string& error) const;
   /// Makes the folder of a new set. False with the reason, also when it exists.
   bool make_set_folder(const std::string& uri, std::string& error) const;
