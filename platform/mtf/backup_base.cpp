@@ -11,20 +11,30 @@ namespace {
 constexpr unsigned MAX_PLACES = 1u << 20;
 const std::string TRACKING = "cannot keep track of the listing: ";
 
+/// The record of the newest set of that number.
+bool find_record(const Pool& pool, const std::string& place, unsigned seq, Set_Record& found) {
+  std::vector<std::string> ignored;
+  bool done = false;
+  for (Set_Record& record : pool.sets(place, ignored)) {
+    if (record.seq != seq)
+      continue;
+    found = std::move(record);
+    done = true;
+  }
+  return done;
+}
+
 } // namespace
+
+std::string Backup_Base::chain_of(const Pool& pool, const std::string& place, unsigned seq) {
+  Set_Record record;
+  return find_record(pool, place, seq, record) ? record.incarnation : std::string();
+}
 
 std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
                                                std::string& error) {
-  std::vector<std::string> errors;
   std::unique_ptr<Backup_Base> base(new Backup_Base);
-  bool found = false;
-  for (Set_Record& record : pool.sets(place, errors)) {
-    if (record.seq != seq)
-      continue;
-    base->record_ = std::move(record);
-    found = true;
-  }
-  if (!found) {
+  if (!find_record(pool, place, seq, base->record_)) {
     error = "there is no set " + std::to_string(seq) + " to compare with";
     return nullptr;
   }
