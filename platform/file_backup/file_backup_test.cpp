@@ -223,6 +223,40 @@ TEST_F(file_backup_services, a_commit_whose_row_fails_is_reported_and_made_good)
   EXPECT_EQ(1u, sets.size());
 }
 
+TEST_F(file_backup_services, a_set_that_was_compared_with_nothing_has_no_base_and_goes_on_in_its_chain) {
+  ASSERT_TRUE(commit(write_set("a", 1, "2026-01-01 00:00:00")));
+  ASSERT_TRUE(commit(write_set("b", 2, "2026-01-02 00:00:00"), "a", false));
+  const Set_Record record = record_of("b");
+  EXPECT_TRUE(record.bases.empty());
+  EXPECT_EQ("chain of a", record.incarnation);
+  EXPECT_EQ(2u, record.seq);
+}
+
+TEST_F(file_backup_services, a_row_has_the_number_of_objects_that_the_catalog_has) {
+  file_backup::File_Metadata metadata = write_set("a", 1, "2026-01-01 00:00:00");
+  metadata.figures["saved"] = 3;
+  metadata.figures["unchanged"] = 4;
+  metadata.figures["objects"] = 9;
+  ASSERT_TRUE(commit(metadata));
+  metadata = write_set("of an older version", 2, "2026-01-02 00:00:00");
+  metadata.figures["saved"] = 3;
+  metadata.figures["unchanged"] = 4;
+  ASSERT_TRUE(commit(metadata));
+  // As from the run, so from the records alone.
+  for (const bool afresh : {false, true}) {
+    std::vector<Set> sets;
+    if (afresh) {
+      ASSERT_TRUE(store_->remove_set("a", error_));
+      ASSERT_TRUE(store_->remove_set("of an older version", error_));
+      ASSERT_FALSE(last_instance().empty());
+    }
+    ASSERT_TRUE(store_->sets(POOL, "", "", true, sets, error_));
+    ASSERT_EQ(2u, sets.size());
+    EXPECT_EQ(9u, sets[0].objects);
+    EXPECT_EQ(7u, sets[1].objects);
+  }
+}
+
 TEST_F(file_backup_services, a_row_without_set_is_marked_gone_and_comes_back) {
   const file_backup::File_Metadata metadata = write_set("a", 1, "2026-01-01 00:00:00");
   ASSERT_TRUE(commit(metadata));

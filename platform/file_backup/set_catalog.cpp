@@ -58,7 +58,10 @@ Set set_from_record(const Set_Record& record, const std::string& pool_uuid) {
   set.source_size = record.source_size;
   set.backup_set_size = record.backup_set_size;
   set.backup_set_storage_size = record.backup_set_storage_size;
-  set.objects = figure(record.figures, "saved") + figure(record.figures, "unchanged");
+  // Records of older versions do not say it.
+  set.objects = json_spirit::find(record.figures, "objects") != nullptr
+                    ? figure(record.figures, "objects")
+                    : figure(record.figures, "saved") + figure(record.figures, "unchanged");
   return set;
 }
 

@@ -32,6 +32,9 @@ public:
   static std::unique_ptr<Backup_Base> open(const Pool& pool, const std::string& place, unsigned seq,
                                            const std::string& uuid, std::string& error);
 
+  /// The chain that the same set belongs to, so far as its record can be read; else empty.
+  static std::string chain_of(const Pool& pool, const std::string& place, unsigned seq, const std::string& uuid);
+
   const std::string& uuid() const { return record_.uuid; }
   const std::string& incarnation() const { return record_.incarnation; }
   /// A medium that is missing or not as large as recorded.

@@ -119,6 +119,7 @@ struct Backup_Engine::Impl {
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
   std::unique_ptr<Backup_Base> base;       ///< null: every object is stored
+  std::string chain;                       ///< of an incremental without base, where that is known
   std::unique_ptr<Partial_Sets> partial;   ///< null: there is nothing to go on with
   std::unique_ptr<Counting_Filter> filter; ///< null: everything passes
   std::unique_ptr<Listing_Events> events;
@@ -208,8 +209,10 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
   account.catalog(catalog.get());
   if (order.incremental && order.base_seq != 0) {
     base = Backup_Base::open(pool, place, order.base_seq, order.base_uuid, error);
-    if (!base)
+    if (!base) {
       engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
+      chain = Backup_Base::chain_of(pool, place, order.base_seq, order.base_uuid);
+    }
     for (const Backup_Base::Bad_Medium& medium : base ? base->bad_media() : std::vector<Backup_Base::Bad_Medium>()) {
       engine_log(log, LM_WARNING, medium.path + ": " + medium.message);
       account.note("medium", medium.path, json_spirit::Value(), medium.message);
@@ -239,8 +242,11 @@ void Backup_Engine::Impl::take_up_unfinished() {
   if (report.removed != 0)
     engine_log(log, LM_INFO,
                "Removed " + std::to_string(report.removed) + " unfinished sets without any whole object.");
-  for (const std::string& problem : report.problems)
-    engine_log(log, LM_WARNING, "An unfinished set stays: " + problem + ".");
+  for (const Salvage_Report::Problem& problem : report.problems) {
+    const std::string message = "An unfinished set stays for the next run: " + problem.message + ".";
+    engine_log(log, LM_WARNING, message);
+    account.note("set", problem.folder, json_spirit::Value(), message);
+  }
 }
 
 /// While the pool is locked: no other run can take the same one.
@@ -404,7 +410,8 @@ std::string Backup_Engine::Impl::copied_record() {
   Set_Record record = describe_set(metadata);
   record.uuid = order.uuid;
   record.uri = uri;
-  record.incarnation = base ? base->incarnation() : order.uuid;
+  // The number goes on in the same chain, whether the set before could be opened or not.
+  record.incarnation = base ? base->incarnation() : order.incremental ? chain : order.uuid;
   if (base)
     record.bases.push_back(base->uuid());
   record.seq = seq;
@@ -428,6 +435,7 @@ bool Backup_Engine::Impl::complete() {
     fail(E_WRITE_MEDIUM, catalog->error());
     return false;
   }
+  account.set_holds(catalog->counts().objects);
   const Set_Copy copy{copied_record(), pool.set_folder(uri) + "/" + catalog::FILE_NAME};
   if (!channels[0]->finish(&copy))
     return false;

@@ -562,6 +562,35 @@ TEST_F(Continuation, unfinished_incremental_is_gone_on_with_too) {
   expect_set_over({"host/res/full", "host/res/killed"});
 }
 
+TEST_F(Continuation, what_cannot_be_taken_up_is_named_and_taken_up_by_a_later_run) {
+  fill(60, 2000, 57);
+  leave("killed", 0.8);
+  const std::string medium = pool_.set_folder("host/res/killed/channel-0001.mtf");
+  fs::rename(medium, root_ + "/away");
+  fs::create_symlink(medium, medium); // leads nowhere for ever
+  next("set-2");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code()) << "every object is in the set";
+  EXPECT_EQ(60u, events_->figure("saved"));
+  EXPECT_EQ(0u, events_->figure("continued"));
+  const std::string told = events_->message(pool_.set_folder("host/res/killed"));
+  EXPECT_NE(std::string::npos, told.find(medium)) << told;
+  EXPECT_EQ(std::vector<std::string>{"host/res/killed"}, [this] {
+    auto left = pool_.unfinished("host/res");
+    left.erase(std::remove(left.begin(), left.end(), "host/res/set-2"), left.end());
+    return left;
+  }());
+  engine_.reset();
+  ASSERT_TRUE(pool_.remove_set("host/res/set-2", error_)) << error_;
+  fs::remove(medium);
+  fs::rename(root_ + "/away", medium);
+  next("set-3");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_GT(events_->figure("continued"), 20u);
+  EXPECT_EQ("", events_->message(pool_.set_folder("host/res/killed")));
+  expect_media_are_valid();
+}
+
 TEST_F(Continuation, unfinished_run_of_another_source_is_left_alone) {
   fill(20, 100, 56);
   leave("killed", 1);
@@ -731,6 +760,8 @@ TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
   Catalog_Object unseen;
   ASSERT_TRUE(catalog->find("c/unseen", unseen, error_)) << error_;
   EXPECT_EQ(catalog::FLAG_UNSEEN, unseen.flags & catalog::FLAG_UNSEEN);
+  EXPECT_EQ(catalog->counts().objects, events_->figure("objects"));
+  EXPECT_LT(events_->figure("saved") + events_->figure("unchanged"), events_->figure("objects"));
   EXPECT_FALSE(catalog->find("b/y/inside", unseen, error_));
 }
 
@@ -764,6 +795,7 @@ TEST_F(Backup, older_version_is_kept_where_the_new_one_cannot_be_read) {
     const auto catalog = Catalog_Reader::open(folder(), error_);
     ASSERT_TRUE(catalog) << error_;
     EXPECT_EQ(11u, catalog->counts().objects);
+    EXPECT_EQ(11u, events_->figure("objects")) << "what is kept is in the set too";
     for (const std::string& path : hurt) {
       EXPECT_TRUE(events_->message("/" + path).ends_with(" The version of 2023-11-14 22:13:20 is kept.")) << path;
       Catalog_Object object;

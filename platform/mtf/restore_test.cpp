@@ -347,6 +347,7 @@ TEST_P(Restore, media_are_read_once_and_in_order) {
   const Medium_Source::Watch watch = [&](const std::string& path, unsigned long long offset, size_t size) {
     std::lock_guard<std::mutex> guard(mutex);
     reads[std::this_thread::get_id()][path].push_back({offset, offset + size});
+    return true;
   };
   Medium_Source::watch(&watch);
   const bool done = run();
