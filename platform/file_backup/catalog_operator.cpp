@@ -7,7 +7,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -70,15 +69,18 @@ Set_Record make_record(const file_backup::File_Backup_Set& set) {
   return record;
 }
 
-/// Most often the run has asked for its number already, and it stands on the media. `begins`: the set begins a chain.
+/// The engine gives a set a number that is free, and it stands on the media. One that is taken all the same, as the
+/// engine may not have known the store's sets, is no other set's afterwards. `begins`: the set begins a chain.
 bool choose_seq(Store& store, const std::string& pool_uuid, bool begins, Set_Record& record, std::string& error) {
-  unsigned seq = 0;
-  if (!begins)
-    return true;
-  if (!first_seq(store, pool_uuid, record.minor_resource_id, record.uuid, seq, error))
+  Set_Numbers numbers;
+  if (!numbers_in_use(store, pool_uuid, record.minor_resource_id, record.uuid, numbers, error))
     return false;
-  record.seq = std::max(record.seq, seq);
-  return true;
+  if (!numbers.is_taken(record.seq))
+    return true;
+  record.seq = begins ? numbers.first_of_chain() : numbers.behind(record.seq);
+  if (record.seq == 0)
+    error = Set_Numbers::NONE_FREE;
+  return record.seq != 0;
 }
 
 bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string& error) {

@@ -1335,6 +1335,80 @@ TEST_F(Backup, prefix_that_is_taken_gets_a_new_folder_beside_it) {
   EXPECT_EQ("host/res/set-3", metadata_.set_uri);
 }
 
+/// A place in the pool that has sets of the numbers given, all empty.
+class Numbering : public Backup {
+protected:
+  void add(const std::string& uuid, unsigned seq, const std::string& start) {
+    order_.uuid = uuid;
+    order_.uri_prefix = "host/res/" + uuid;
+    ASSERT_TRUE(run()) << engine_->failure();
+    Set_Record record;
+    record.uuid = uuid;
+    record.seq = seq;
+    record.uri = metadata_.set_uri;
+    record.start_time = start;
+    ASSERT_TRUE(write_set_record(folder(), record, error_)) << error_;
+  }
+  /// The number that a set gets which is compared with number `base`; of a full set when that is 0.
+  unsigned number(unsigned base) {
+    order_.uuid = "next";
+    order_.uri_prefix = "host/res/next";
+    order_.incremental = base != 0;
+    order_.base_seq = base;
+    EXPECT_TRUE(run()) << engine_->failure();
+    engine_.reset();
+    EXPECT_TRUE(pool_.remove_set(metadata_.set_uri, error_)) << error_;
+    return metadata_.seq;
+  }
+};
+
+TEST_F(Numbering, no_set_gets_a_number_of_one_that_lies_in_the_pool) {
+  EXPECT_EQ(1u, number(0));
+  add("one", 1, "2026-01-01 00:00:00");
+  add("two", 2, "2026-01-02 00:00:00");
+  EXPECT_EQ(3u, number(0));
+  EXPECT_EQ(3u, number(1));
+  EXPECT_EQ(3u, number(2));
+  add("last but one", 65534, "2025-01-01 00:00:00");
+  EXPECT_EQ(3u, number(0));
+  EXPECT_EQ(65535u, number(65534));
+  add("last", 65535, "2025-01-02 00:00:00");
+  EXPECT_EQ(3u, number(0));
+  EXPECT_EQ(3u, number(65534));
+}
+
+TEST_F(Numbering, no_set_gets_a_number_that_only_the_agent_knows) {
+  order_.numbers.take(1);
+  order_.numbers.take(2);
+  EXPECT_EQ(3u, number(0));
+  add("one", 1, "2026-01-01 00:00:00");
+  EXPECT_EQ(3u, number(1));
+}
+
+TEST_F(Numbering, without_a_free_number_there_is_no_set) {
+  for (unsigned seq = 1; seq <= Set_Numbers::LAST; ++seq)
+    order_.numbers.take(seq);
+  EXPECT_FALSE(run());
+  EXPECT_NE(std::string::npos, engine_->failure().find("have taken all numbers")) << engine_->failure();
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+}
+
+TEST_F(Numbering, of_bases_with_one_number_the_one_that_is_named_is_compared_with) {
+  fill(5, 100, 61);
+  add("first", 2, "2026-01-01 00:00:00");
+  fill(5, 100, 62);
+  add("second", 2, "2026-01-02 00:00:00");
+  number(2);
+  EXPECT_EQ("second", metadata_.base_uuid);
+  order_.base_uuid = "first";
+  number(2);
+  EXPECT_EQ("first", metadata_.base_uuid);
+  // One that a merge has replaced meanwhile.
+  order_.base_uuid = "neither";
+  number(2);
+  EXPECT_EQ("second", metadata_.base_uuid);
+}
+
 TEST_F(Backup, what_cannot_begin_says_why) {
   fill(3, 100, 18);
   engine_.reset(new Backup_Engine(order_, handler_, metadata_, nullptr));
