@@ -94,8 +94,8 @@ public:
   const std::string& bytes() const { return bytes_; }
   void write() { save(path_, bytes_); }
 
-  /// What the strict check finds; afterwards the medium is again as it was before all changes. Of an encrypted set, with
-  /// its key or without.
+  /// What the strict check finds; afterwards the medium is again as it was before all changes. Of an encrypted set,
+  /// with its key or without.
   std::vector<std::string> problems(bool keyed = true) {
     write();
     std::vector<std::string> messages;

@@ -11,6 +11,8 @@ using namespace MTF_Format;
 
 namespace {
 
+constexpr const char* NO_MEDIUM = " is no medium: neither its first block nor its volume's is whole";
+
 class File_Medium_Reader : public Medium_Reader {
 public:
   explicit File_Medium_Reader(std::shared_ptr<Medium_Source> source) : source_(std::move(source)) {}
@@ -92,6 +94,7 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
   Medium_Stream stream;
   std::string ignored;
   unsigned long long at = 0;
+  bool identity = false;
   if (!read_block(window, offset, header, ignored) || header.type != type ||
       !descriptor_holds(window, offset, header, at, ignored))
     return false;
@@ -105,6 +108,7 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
     if (stream.header.id == OBSI) {
       if (!self.parse(data, length))
         return false;
+      identity = true;
       set.uuid = self.set_uuid;
       set.name = self.set_name;
       set.family = self.family;
@@ -117,7 +121,7 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
       set.wrapped_key = key.wrapped;
     }
   }
-  return stream.header.id == SPAD && !set.uuid.empty();
+  return stream.header.id == SPAD && !set.uuid.empty() && (type == ESET || identity);
 }
 
 } // namespace
@@ -128,14 +132,22 @@ bool read_medium_set(const std::string& path, Medium_Set& set, std::string& erro
     if (!source)
       return false;
     Medium_Window window(*source, FLB);
+    unsigned family = 0;
+    if (!find_family(*source, family)) {
+      error = path + NO_MEDIUM;
+      return false;
+    }
     set = Medium_Set();
     if (read_set_at(window, VOLB_OFFSET, VOLB, set))
       return true;
+    // The end does not tell the family, and who reads the medium needs it.
     set = Medium_Set();
     unsigned long long end = 0;
     std::string ignored;
-    if (find_set_end(window, source->size(), end, ignored) && read_set_at(window, end, ESET, set))
+    if (find_set_end(window, source->size(), end, ignored) && read_set_at(window, end, ESET, set)) {
+      set.family = family;
       return true;
+    }
     error = path + " does not say which set it belongs to: its volume block is damaged";
   } catch (const std::bad_alloc&) {
     error = "no memory to read " + path;
@@ -151,7 +163,7 @@ std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsi
       return nullptr;
     unsigned found = 0;
     if (!find_family(*source, found)) {
-      error = path + " is no medium: neither its first block nor its volume's is whole";
+      error = path + NO_MEDIUM;
       return nullptr;
     }
     if (family != 0 && family != found) {

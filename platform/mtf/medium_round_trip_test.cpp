@@ -79,9 +79,12 @@ TEST(medium, first_chunk_decides_whether_an_object_is_stored_plain) {
   const struct {
     std::string content;
     bool framed, framed_auto;
-  } cases[] = {{noise(3 * CHUNK + 5, 3), false, false}, {prose(3 * CHUNK + 5, 4), true, true},
-               {dense + loose + loose, false, false},   {loose + dense + dense, true, true},
-               {noise(CHUNK + 1, 5), false, false},     {noise(1000, 6), false, false},
+  } cases[] = {{noise(3 * CHUNK + 5, 3), false, false},
+               {prose(3 * CHUNK + 5, 4), true, true},
+               {dense + loose + loose, false, false},
+               {loose + dense + dense, true, true},
+               {noise(CHUNK + 1, 5), false, false},
+               {noise(1000, 6), false, false},
                {noise(CHUNK - 50000, 7) + std::string(50000 + CHUNK, 'x'), true, false}};
   for (const MTF_Compression compression : {MTF_COMPRESSION_ZSTD, MTF_COMPRESSION_LZOP, MTF_COMPRESSION_AUTO})
     for (const auto& one : cases) {

@@ -103,11 +103,11 @@ struct Object_Start {
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error);
 /// What stands behind an object's content.
 struct Object_End {
-  Object_Digest digest;              ///< empty when the object is encrypted and its key is not known
+  Object_Digest digest; ///< empty when the object is encrypted and its key is not known
   Medium_Stream digest_stream;
   unsigned long long digest_end = 0; ///< behind the digest stream's data
   Medium_Stream padding;
-  unsigned long long end = 0;        ///< where the next block begins
+  unsigned long long end = 0; ///< where the next block begins
 };
 /// Reads the digest stream at `offset`, compares it with the head, and finds the end of the object's streams.
 bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Start& start, Object_End& end,

@@ -82,18 +82,22 @@ TEST(medium_structure, block_out_of_order_is_told) {
     EXPECT_TRUE(tells(told, "a block " + four_text(type) + " out of order")) << told;
   }
   // Filemark and end of set change places.
-  const std::string end = medium.change_bytes([&](std::string& bytes) {
-                                  const std::string last = bytes.substr(bytes.size() - 2 * FLB, FLB);
-                                  bytes.erase(bytes.size() - 2 * FLB, FLB);
-                                  bytes.insert(bytes.size() - 2 * FLB, last);
-                                }).first_problem();
+  const std::string end = medium
+                              .change_bytes([&](std::string& bytes) {
+                                const std::string last = bytes.substr(bytes.size() - 2 * FLB, FLB);
+                                bytes.erase(bytes.size() - 2 * FLB, FLB);
+                                bytes.insert(bytes.size() - 2 * FLB, last);
+                              })
+                              .first_problem();
   EXPECT_TRUE(tells(end, "a block ESET out of order")) << end;
   // An object in front of the root; a volume behind it.
-  const std::string early = medium.change_bytes([&](std::string& bytes) {
-                                    const std::string root = bytes.substr(4 * FLB, FLB);
-                                    bytes.erase(4 * FLB, FLB);
-                                    bytes.insert(3 * FLB, root);
-                                  }).first_problem();
+  const std::string early = medium
+                                .change_bytes([&](std::string& bytes) {
+                                  const std::string root = bytes.substr(4 * FLB, FLB);
+                                  bytes.erase(4 * FLB, FLB);
+                                  bytes.insert(3 * FLB, root);
+                                })
+                                .first_problem();
   EXPECT_TRUE(tells(early, "a block DIRB out of order")) << early;
 }
 
@@ -124,9 +128,12 @@ TEST(medium_structure, padding_that_ends_elsewhere_is_told) {
   Changed_Medium medium(OBJECTS);
   for (const int more : {-4, 4, 1024})
     for (const uint32_t type : {TAPE, SSET, VOLB, DIRB, FILE_, ESET}) {
-      const std::string told = medium.change_stream(type, SPAD, [&](unsigned char* header) {
-                                       put64(header + 8, get64(header + 8) + static_cast<uint64_t>(more));
-                                     }).first_problem();
+      const std::string told = medium
+                                   .change_stream(type, SPAD,
+                                                  [&](unsigned char* header) {
+                                                    put64(header + 8, get64(header + 8) + static_cast<uint64_t>(more));
+                                                  })
+                                   .first_problem();
       EXPECT_TRUE(tells(told, type == FILE_ ? "the object does not end with padding to a block boundary"
                                             : "the padding does not end at a block boundary"))
           << four_text(type) << more << told;
@@ -180,7 +187,9 @@ TEST(medium_structure, every_stream_of_every_object_is_held_to_the_rules) {
   Test_Object object{"folder/hello.txt", "Hello, MTF!\n"};
   const auto expect = [](Changed_Medium& medium, unsigned number, uint32_t id, unsigned nth, uint16_t good) {
     const auto attributes = [&](uint16_t value) {
-      return medium.change_stream(medium.block(FILE_, number), id, [&](unsigned char* h) { put16(h + 6, value); }, nth)
+      return medium
+          .change_stream(
+              medium.block(FILE_, number), id, [&](unsigned char* h) { put16(h + 6, value); }, nth)
           .first_problem();
     };
     const auto with = [good](unsigned bit) { return static_cast<uint16_t>(good | bit); };
@@ -200,9 +209,11 @@ TEST(medium_structure, every_stream_of_every_object_is_held_to_the_rules) {
       EXPECT_TRUE(tells(attributes(with(4)), who + "it is said to be encrypted or of variable length")) << who;
     }
     for (const unsigned field : {4u, 16u, 18u}) {
-      const std::string told = medium.change_stream(medium.block(FILE_, number), id,
-                                                    [&](unsigned char* h) { put16(h + field, 8); }, nth)
-                                   .first_problem();
+      const std::string told =
+          medium
+              .change_stream(
+                  medium.block(FILE_, number), id, [&](unsigned char* h) { put16(h + field, 8); }, nth)
+              .first_problem();
       EXPECT_TRUE(tells(told, who)) << field << told;
     }
   };
@@ -273,9 +284,9 @@ TEST(medium_structure, file_blocks_of_an_encrypted_set_tell_nothing_of_their_obj
   EXPECT_TRUE(tells(of([](unsigned char* block) { block[56] = 1; }), "one of its dates"));
   EXPECT_TRUE(tells(of([](unsigned char* block) { block[get16(block + 86)] = 'p'; }), "its name is not"));
   // A folder's name would tell something too.
-  const auto folder = medium.change_bytes([&](std::string& bytes) {
-                              bytes.insert(5 * FLB, directory(std::string("secret\0", 7)));
-                            }).problems();
+  const auto folder =
+      medium.change_bytes([&](std::string& bytes) { bytes.insert(5 * FLB, directory(std::string("secret\0", 7))); })
+          .problems();
   EXPECT_TRUE(tells(folder, "the block DIRB names a folder of an encrypted set"));
   // Nor may an object lie there as it is.
   Changed_Medium plain(OBJECTS);
@@ -288,12 +299,14 @@ TEST(medium_structure, file_blocks_of_an_encrypted_set_tell_nothing_of_their_obj
 
 TEST(medium_structure, first_directory_must_be_the_root) {
   Changed_Medium medium(OBJECTS);
-  const auto problems = medium.change_bytes([](std::string& bytes) {
-                                std::string block = directory(std::string("folder\0", 7));
-                                put32(bytes_at(block, 36), 2);
-                                seal_dblk_header(bytes_at(block, 0));
-                                bytes.replace(4 * FLB, FLB, block);
-                              }).problems();
+  const auto problems = medium
+                            .change_bytes([](std::string& bytes) {
+                              std::string block = directory(std::string("folder\0", 7));
+                              put32(bytes_at(block, 36), 2);
+                              seal_dblk_header(bytes_at(block, 0));
+                              bytes.replace(4 * FLB, FLB, block);
+                            })
+                            .problems();
   ASSERT_FALSE(problems.empty());
   EXPECT_TRUE(tells(problems[0], "the first directory is not the root")) << problems[0];
 }
@@ -318,18 +331,24 @@ TEST(medium_structure, name_of_a_directory_is_that_of_its_path) {
   EXPECT_TRUE(tells(told, "the block DIRB: its name is not that of its folder")) << told;
   // Another path with the same name.
   const std::string path("bucket\0\xFE\0", 9);
-  told = medium.change_stream(at, OBSN, [&](unsigned char* header) {
-                 const std::string digits = hex_path(path);
-                 ASSERT_EQ(get64(header + 8), digits.size());
-                 std::copy(digits.begin(), digits.end(), header + STREAM_HEADER);
-               }).first_problem();
+  told = medium
+             .change_stream(at, OBSN,
+                            [&](unsigned char* header) {
+                              const std::string digits = hex_path(path);
+                              ASSERT_EQ(get64(header + 8), digits.size());
+                              std::copy(digits.begin(), digits.end(), header + STREAM_HEADER);
+                            })
+             .first_problem();
   EXPECT_TRUE(tells(told, "the block DIRB: its name is not that of its folder")) << told;
   // A name that no file system takes, and no path beside it.
   Changed_Medium plain(std::vector<Test_Object>{{"ab/c", "x"}});
-  told = plain.change(plain.block(DIRB, 2), [](unsigned char* block) {
-                unsigned char* const name = block + get16(block + 82) + 14;
-                name[0] = name[2] = '.';
-              }).first_problem();
+  told = plain
+             .change(plain.block(DIRB, 2),
+                     [](unsigned char* block) {
+                       unsigned char* const name = block + get16(block + 82) + 14;
+                       name[0] = name[2] = '.';
+                     })
+             .first_problem();
   EXPECT_TRUE(tells(told, "the block DIRB: its name")) << told;
 }
 

@@ -60,9 +60,9 @@ private:
   unsigned long long at_ = 0;
   unsigned long long next_ = 0;
   std::string reason_;
-  std::string object_name_; ///< of the object at `at_`, as far as it is known
-  std::string directory_; ///< path of the current one, with a NUL behind each component
-  bool encrypted_ = false; ///< the volume has the wrapped key of its set
+  std::string object_name_;     ///< of the object at `at_`, as far as it is known
+  std::string directory_;       ///< path of the current one, with a NUL behind each component
+  bool encrypted_ = false;      ///< the volume has the wrapped key of its set
   bool directory_known_ = true; ///< no block that may have begun another one was left out
   Object_Head head_;
   uint64_t plain_ = 0;      ///< bytes of content that the frames of the object at `at_` announce
