@@ -5,7 +5,7 @@
   small        backup of 20,000 objects of 4 KiB, at 0 and 20 ms, with 32 and 64 readers; restore     | rclone copy
   large        backup of 8 objects of 512 MiB; restore                                                | rclone copy, curl -o
   incremental  incremental backup of 1,000,000 unchanged objects (and of 3,000,000: the same memory)
-  rate         bytes per CPU second, plain and with zstd level 1
+  rate         bytes per CPU second of noise, text and a log: plain, zstd level 1, AES-256-GCM, and both
   browse       one folder of the set of 1,000,000 objects, nothing in the page cache
 
   ./dev bench [--quick] [--runs N] [--dir DIR] [CASE...]      all cases unless told
@@ -140,12 +140,12 @@ class Agent:
         text = measure(self.command(*arguments), figures or Figures())
         return json.loads(text.strip().splitlines()[-1])
 
-    def new_pool(self):
+    def new_pool(self, *flags):
         """Every full backup begins with an empty one; the last one's bytes go."""
         self.drop_pool()
         self.pool = tempfile.mkdtemp(dir=self.folder, prefix="pool.")
         self.pool_name = os.path.basename(self.pool)
-        self.do("pool", "add", self.pool_name, "file://" + self.pool)
+        self.do("pool", "add", self.pool_name, "file://" + self.pool, *flags)
 
     def drop_pool(self):
         shutil.rmtree(getattr(self, "pool", ""), ignore_errors=True)
@@ -334,23 +334,31 @@ class Bench:
             raise Failed(f"not all is unchanged: {answer}")
 
     def rate(self):
-        count, size = (4, 32 * MIB) if self.quick else (16, 64 * MIB)
-        with Source(f"text:{count}:{size}:text") as source:
-            agent = Agent(self.folder, source)
+        count, size = (4, 4 * MIB) if self.quick else (16, 64 * MIB)
+        key = os.path.join(self.folder, "key")
+        with open(key, "wb") as file:
+            file.write(os.urandom(32))
+        sealed = ["--encrypt", "--key-file", key]
+        packed = ["--compression", "zstd", "--compression-level", "1"]
+        for content in ("noise", "text", "log"):
+            with Source(f"{content}:{count}:{size}" + ("" if content == "noise" else ":" + content)) as source:
+                agent = Agent(self.folder, source)
 
-            def one(*arguments):
-                def run(figures):
-                    agent.new_pool()
-                    agent.backup(figures, "text", count, "--full", *arguments)
+                def one(pool, *arguments):
+                    def run(figures):
+                        agent.new_pool(*pool)
+                        answer = agent.backup(figures, content, count, "--full", *arguments)
+                        figures.stored = answer["bytes_stored"] / (count * size)
 
-                return run
+                    return run
 
-            tools = {"plain": one(), "zstd 1": one("--compression", "zstd", "--compression-level", "1")}
-            figures = in_turn(self.runs, tools)
-            for name, taken in figures.items():
-                self.row(f"rate per core, {count} x {size // MIB} MiB of text", "obs-agent, " + name, taken,
-                         f"{count * size / MIB / taken.cpu:,.0f} MiB per CPU s, {figures['plain'].cpu / taken.cpu:.2f} of the plain rate")
-            agent.remove()
+                tools = {"plain": one([]), "zstd 1": one([], *packed), "AES": one(sealed), "zstd 1 and AES": one(sealed, *packed)}
+                figures = in_turn(self.runs, tools)
+                for name, taken in figures.items():
+                    self.row(f"rate per core, {count} x {size // MIB} MiB, {content}", "obs-agent, " + name, taken,
+                             f"{count * size / MIB / taken.cpu:,.0f} MiB per CPU s, {figures['plain'].cpu / taken.cpu:.2f} of the "
+                             f"plain rate; {taken.stored:.2f} of the size stored")
+                agent.remove()
 
     def browse(self):
         def run(agent, source, objects):

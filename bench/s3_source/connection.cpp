@@ -140,7 +140,7 @@ bool Connection::parse_head() {
   return true;
 }
 
-void Connection::send(const Pattern* patterns, uint64_t pattern_size) {
+void Connection::send(const Pattern* patterns) {
   while (state_ == SENDING) {
     ssize_t count;
     if (sent_ < answer_.head.size()) {
@@ -149,7 +149,7 @@ void Connection::send(const Pattern* patterns, uint64_t pattern_size) {
       message.msg_iov = pieces;
       message.msg_iovlen = 1;
       if (answer_.pattern_left != 0 && answer_.pattern_left <= SMALL &&
-          answer_.pattern_left <= pattern_size - answer_.pattern_at) {
+          answer_.pattern_left <= Pattern::SIZE - answer_.pattern_at) {
         pieces[1] = {const_cast<char*>(patterns[answer_.pattern].bytes) + answer_.pattern_at,
                      static_cast<size_t>(answer_.pattern_left)};
         message.msg_iovlen = 2;
@@ -160,16 +160,16 @@ void Connection::send(const Pattern* patterns, uint64_t pattern_size) {
         sent_ += of_head;
         const uint64_t of_pattern = static_cast<uint64_t>(count) - of_head;
         answer_.pattern_left -= of_pattern;
-        answer_.pattern_at = (answer_.pattern_at + of_pattern) % pattern_size;
+        answer_.pattern_at = (answer_.pattern_at + of_pattern) % Pattern::SIZE;
       }
     } else if (answer_.pattern_left != 0) {
       off_t at = static_cast<off_t>(answer_.pattern_at);
-      const uint64_t piece = std::min(answer_.pattern_left, pattern_size - answer_.pattern_at);
+      const uint64_t piece = std::min(answer_.pattern_left, Pattern::SIZE - answer_.pattern_at);
       count =
           ::sendfile(fd_, patterns[answer_.pattern].fd, &at, static_cast<size_t>(std::min<uint64_t>(piece, 4 << 20)));
       if (count > 0) {
         answer_.pattern_left -= static_cast<uint64_t>(count);
-        answer_.pattern_at = (answer_.pattern_at + static_cast<uint64_t>(count)) % pattern_size;
+        answer_.pattern_at = (answer_.pattern_at + static_cast<uint64_t>(count)) % Pattern::SIZE;
       }
     } else {
       answer_ = Answer();

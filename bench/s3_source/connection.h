@@ -1,14 +1,9 @@
 #pragma once
 
+#include "bench/s3_source/pattern.h"
 #include "bench/s3_source/service.h"
 
 #include <string>
-
-/// The bytes that all contents are made of, in memory and as files to send from.
-struct Pattern {
-  int fd = -1;
-  const char* bytes = nullptr;
-};
 
 /// One keep-alive connection: reads a request, hands it out, and sends the answer when its time has come. Non-blocking.
 class Connection {
@@ -29,8 +24,8 @@ public:
   Answer& answer() { return answer_; }
   void wait() { state_ = WAITING; }
   void due() { state_ = SENDING; }
-  /// Sends as much as goes. When all is sent the next request is read.
-  void send(const Pattern* patterns, uint64_t pattern_size);
+  /// Sends as much as goes, of the `patterns` by their kind. When all is sent the next request is read.
+  void send(const Pattern* patterns);
 
 private:
   bool parse_head();

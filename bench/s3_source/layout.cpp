@@ -1,5 +1,6 @@
 #include "bench/s3_source/layout.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace {
@@ -28,10 +29,9 @@ bool Layout::parse(const std::string& text) {
     return false;
   name_ = text.substr(0, tree);
   std::string_view rest = std::string_view(text).substr(size + 1);
-  compresses_ = rest.size() > 5 && rest.substr(rest.size() - 5) == ":text";
-  if (compresses_)
-    rest.remove_suffix(5);
-  if (!read_number(rest, size_))
+  const size_t kind = std::min(rest.find(':'), rest.size());
+  if (!Pattern::parse(std::string(rest.substr(std::min(kind + 1, rest.size()))), pattern_) ||
+      !read_number(rest.substr(0, kind), size_))
     return false;
   rest = std::string_view(text).substr(tree + 1, size - tree - 1);
   objects_ = 1;

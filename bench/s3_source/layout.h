@@ -1,5 +1,7 @@
 #pragma once
 
+#include "bench/s3_source/pattern.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -10,14 +12,14 @@
 /// so that the order of the keys is the order of their numbers. A value; read by any thread.
 class Layout {
 public:
-  /// `text`: "NAME:4x100x100:4096" for 4 folders of 100 folders of 100 objects of 4096 bytes each, ":text" behind it
-  /// for contents that compress. False when it makes no sense.
+  /// `text`: "NAME:4x100x100:4096" for 4 folders of 100 folders of 100 objects of 4096 bytes each, ":text" or
+  /// ":log" behind it for contents that compress. False when it makes no sense.
   bool parse(const std::string& text);
 
   const std::string& name() const { return name_; }
   uint64_t objects() const { return objects_; }
   uint64_t object_size() const { return size_; }
-  bool compresses() const { return compresses_; }
+  Pattern::Kind pattern() const { return pattern_; }
   /// Appends the key of the object `number`, from 0.
   void append_key(uint64_t number, std::string& out) const;
   /// The number of the key, or `objects` when there is no such key.
@@ -31,5 +33,5 @@ private:
   std::vector<uint64_t> below_; ///< by level: objects in one folder of it
   uint64_t objects_ = 0;
   uint64_t size_ = 0;
-  bool compresses_ = false;
+  Pattern::Kind pattern_ = Pattern::NOISE;
 };

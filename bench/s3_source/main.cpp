@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +12,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <unordered_map>
@@ -20,14 +20,12 @@
 // before each answer as is asked for. Any signature is accepted. It listens on 127.0.0.1, prints its port, and ends
 // when its standard input does.
 //
-//   s3-source NAME:TREE:SIZE[:text]...      TREE: 100x100x100 folders, folders, objects
+//   s3-source NAME:TREE:SIZE[:text|:log]...      TREE: 100x100x100 folders, folders, objects
 //   PUT /NAME                               a bucket that takes what is written to it and keeps the sizes
 //   PUT /NAME/KEY                           of a made-up bucket: taken where the key is there, and changes nothing
 //   GET /-/latency?us=N, /-/counts, /-/forget
 
 namespace {
-
-constexpr uint64_t PATTERN = 16u << 20;
 
 int64_t now_us() {
   return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
@@ -37,44 +35,6 @@ int64_t now_us() {
 [[noreturn]] void give_up(const char* what) {
   std::fprintf(stderr, "s3-source: %s: %s\n", what, std::strerror(errno));
   std::exit(1);
-}
-
-/// Bytes without pattern, or words in no order.
-Pattern make_pattern(bool text) {
-  Pattern pattern;
-  pattern.fd = ::memfd_create("pattern", MFD_CLOEXEC);
-  if (pattern.fd < 0 || ::ftruncate(pattern.fd, PATTERN) != 0)
-    give_up("pattern");
-  void* const at = ::mmap(nullptr, PATTERN, PROT_READ | PROT_WRITE, MAP_SHARED, pattern.fd, 0);
-  if (at == MAP_FAILED)
-    give_up("pattern");
-  char* const bytes = static_cast<char*>(at);
-  static const char* const words[] = {"object ",     "storage ", "backup ",  "2026-01-01 ", "information ", "of ",
-                                      "the ",        "failed\n", "request ", "10.0.0.1 ",   "and ",         "GET /",
-                                      "status=200 ", "user ",    "latency ", "\n"};
-  uint64_t x = 0x9E3779B97F4A7C15ull;
-  for (uint64_t i = 0; i < PATTERN;) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    char number[9];
-    const char* piece = reinterpret_cast<const char*>(&x);
-    size_t size = 8;
-    if (text) {
-      piece = words[x >> 60];
-      size = std::strlen(piece);
-      if ((x >> 40 & 7) == 0) {
-        std::snprintf(number, sizeof number, "%07u ", static_cast<unsigned>(x & 0xFFFFF));
-        piece = number;
-        size = 8;
-      }
-    }
-    size = std::min<uint64_t>(size, PATTERN - i);
-    std::memcpy(bytes + i, piece, size);
-    i += size;
-  }
-  pattern.bytes = bytes;
-  return pattern;
 }
 
 int listen_somewhere() {
@@ -94,8 +54,12 @@ int listen_somewhere() {
 class Server {
 public:
   explicit Server(std::vector<Layout> layouts)
-      : patterns_{make_pattern(false), make_pattern(true)}, service_(std::move(layouts), PATTERN),
-        listener_(listen_somewhere()), epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+      : service_(std::move(layouts)), listener_(listen_somewhere()), epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+    for (int kind = 0; kind < Pattern::KINDS; ++kind) {
+      patterns_[kind] = Pattern::make(static_cast<Pattern::Kind>(kind));
+      if (patterns_[kind].bytes == nullptr)
+        give_up("pattern");
+    }
     watch(listener_, EPOLLIN);
     watch(0, EPOLLIN);
   }
@@ -166,7 +130,7 @@ private:
     Connection& connection = *client.connection;
     for (;;) {
       if (connection.state() == Connection::SENDING)
-        connection.send(patterns_, PATTERN);
+        connection.send(patterns_);
       if (connection.state() != Connection::READING || !connection.receive())
         break;
       service_.answer(connection.request(), connection.answer());
@@ -194,7 +158,7 @@ private:
     }
   }
 
-  const Pattern patterns_[2];
+  Pattern patterns_[Pattern::KINDS];
   Service service_;
   const int listener_;
   const int epoll_;
@@ -206,11 +170,13 @@ private:
 } // namespace
 
 int main(int argc, char** argv) {
+  // A client that goes away while a file is sent to it ends that connection, not the service.
+  ::signal(SIGPIPE, SIG_IGN);
   std::vector<Layout> layouts;
   for (int i = 1; i < argc; ++i) {
     layouts.emplace_back();
     if (!layouts.back().parse(argv[i])) {
-      std::fprintf(stderr, "s3-source: '%s' is no NAME:TREE:SIZE[:text]\n", argv[i]);
+      std::fprintf(stderr, "s3-source: '%s' is no NAME:TREE:SIZE[:text|:log]\n", argv[i]);
       return 2;
     }
   }

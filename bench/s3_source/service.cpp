@@ -29,8 +29,8 @@ std::string etag_of(std::string_view key) {
 }
 
 void finish(Answer& answer, int status, const char* reason, std::string_view headers, std::string_view document) {
-  answer.head = "HTTP/1.1 " + std::to_string(status) + " " + reason +
-                "\r\n" + NOW + "Server: s3-source\r\nContent-Length: " + std::to_string(document.size()) + "\r\n";
+  answer.head = "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\n" + NOW +
+                "Server: s3-source\r\nContent-Length: " + std::to_string(document.size()) + "\r\n";
   if (!document.empty())
     answer.head += "Content-Type: application/xml\r\n";
   answer.head.append(headers).append("\r\n").append(document);
@@ -82,8 +82,7 @@ std::string Request::get(std::string_view name) const {
   return std::string();
 }
 
-Service::Service(std::vector<Layout> layouts, uint64_t pattern_size)
-    : layouts_(std::move(layouts)), pattern_size_(pattern_size) {}
+Service::Service(std::vector<Layout> layouts) : layouts_(std::move(layouts)) {}
 
 const Layout* Service::layout(const std::string& name) const {
   for (const Layout& layout : layouts_)
@@ -323,8 +322,8 @@ void Service::read(const Request& request, const Layout* layout, const std::stri
   answer.head += "\r\n";
   if (request.method == "HEAD")
     return;
-  answer.pattern = layout != nullptr && layout->compresses() ? 1 : 0;
-  answer.pattern_at = (hash_of(key) + first) % pattern_size_;
+  answer.pattern = layout != nullptr ? layout->pattern() : Pattern::NOISE;
+  answer.pattern_at = (hash_of(key) + first) % Pattern::SIZE;
   answer.pattern_left = length;
 }
 

@@ -34,7 +34,7 @@ struct Answer {
 /// its size. One thread.
 class Service {
 public:
-  Service(std::vector<Layout> layouts, uint64_t pattern_size);
+  explicit Service(std::vector<Layout> layouts);
   void answer(const Request& request, Answer& answer);
   /// Delay of each answer in microseconds, as the requests to "/-/latency?us=N" set it.
   uint64_t latency() const { return latency_; }
@@ -56,7 +56,6 @@ private:
   const Layout* layout(const std::string& name) const;
 
   std::vector<Layout> layouts_;
-  const uint64_t pattern_size_;
   std::map<std::string, Stored> stored_;
   std::map<std::string, Upload> uploads_;
   uint64_t last_upload_ = 0;

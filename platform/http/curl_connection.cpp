@@ -312,7 +312,8 @@ size_t Curl_Connection::header(std::string_view line) {
 }
 
 size_t Curl_Connection::body(const char* data, size_t size) {
-  if (buffered() >= BUFFER_LIMIT) {
+  // Whoever reads piece by piece comes back for more; what is held for them until then is copied twice.
+  if (direct_left_ == 0 && (state_ == READING_BODY || buffered() >= BUFFER_LIMIT)) {
     paused_ = true;
     return CURL_WRITEFUNC_PAUSE;
   }

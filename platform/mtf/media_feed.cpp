@@ -217,7 +217,17 @@ const MTF::File_Attributes& Stored_Reading::attributes() const {
 
 Read_Outcome Stored_Reading::read(char* buffer, size_t size, size_t& got) {
   got = 0;
-  Read_Outcome outcome = reader_->read(buffer, size, got);
+  const Read_Outcome outcome = reader_->read(buffer, size, got);
+  return judged(outcome, got);
+}
+
+Read_Outcome Stored_Reading::next(std::string_view& bytes) {
+  const Read_Outcome outcome = reader_->next(bytes);
+  return judged(outcome, bytes.size());
+}
+
+/// What came of a read that brought `got` bytes, held to the catalog.
+Read_Outcome Stored_Reading::judged(Read_Outcome outcome, size_t got) {
   read_ += got;
   if (outcome == Read_Outcome::DAMAGED || outcome == Read_Outcome::FAILED) {
     error_ = reader_->error();

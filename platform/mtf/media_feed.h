@@ -79,6 +79,7 @@ public:
   bool open(const Media_Task& task);
   /// As Object_Reader's, with the catalog's digest and size checked before END.
   Read_Outcome read(char* buffer, size_t size, size_t& got);
+  Read_Outcome next(std::string_view& bytes);
   /// What else belongs to the object: as stored beside it or, where that is damaged or gone, as the catalog has it.
   const MTF::File_Attributes& attributes() const;
   /// Why they are not those stored beside it; empty where they are.
@@ -89,6 +90,8 @@ public:
   const std::string& error() const { return error_; }
 
 private:
+  Read_Outcome judged(Read_Outcome outcome, size_t got);
+
   const Catalog_Object* object_ = nullptr;
   std::shared_ptr<Medium_Reader> medium_; ///< outlives `reader_`
   std::unique_ptr<Object_Reader> reader_;

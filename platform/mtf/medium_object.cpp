@@ -73,7 +73,8 @@ bool Medium_Object::next_plain_chunk() {
   const unsigned char* data = window_.at(start_.content.data() + done_, size);
   if (data == nullptr)
     return damaged(window_.error());
-  if (XXH3_64bits(data, size) != last_.digest.chunks[static_cast<size_t>(chunk_number_)])
+  check_ = XXH3_64bits(data, size);
+  if (check_ != last_.digest.chunks[static_cast<size_t>(chunk_number_)])
     return damaged("the content at " + std::to_string(start_.content.data() + done_) + ", " + std::to_string(size) +
                    " bytes from byte " + std::to_string(done_) + " of the object on, does not match its check");
   chunk_ = data;
@@ -152,7 +153,11 @@ bool Medium_Object::next_chunk() {
   if (start_.content.header.id == STAN ? !next_plain_chunk() : !next_frame())
     return false;
   if (left_ != 0) {
-    digest_.update(reinterpret_cast<const char*>(chunk_), left_);
+    const char* const content = reinterpret_cast<const char*>(chunk_);
+    if (check_)
+      digest_.update_checked(content, left_, *check_);
+    else
+      digest_.update(content, left_);
     done_ += left_;
     ++chunk_number_;
   }
@@ -167,27 +172,45 @@ bool Medium_Object::next_chunk() {
   return true;
 }
 
-Read_Outcome Medium_Object::read(char* buffer, size_t size, size_t& got) {
-  got = 0;
+/// The next chunk, verified. False, with `failure_` set, when there is none that is good.
+bool Medium_Object::refill() {
+  if (failure_ != Read_Outcome::MORE)
+    return false;
   try {
-    while (failure_ == Read_Outcome::MORE) {
-      const size_t piece = std::min(size - got, left_);
-      if (piece != 0)
-        std::memcpy(buffer + got, chunk_, piece);
-      chunk_ += piece;
-      left_ -= piece;
-      got += piece;
-      if (finished_ && left_ == 0)
-        return Read_Outcome::END;
-      if (got == size)
-        return Read_Outcome::MORE;
-      if (!next_chunk())
-        left_ = 0;
-    }
+    if (next_chunk())
+      return true;
   } catch (const std::bad_alloc&) {
     error_ = "no memory to read \"" + start_.head.path + "\"";
     failure_ = Read_Outcome::FAILED;
   }
-  // What was verified before the damage is handed out first.
-  return got != 0 ? Read_Outcome::MORE : failure_;
+  left_ = 0;
+  return false;
+}
+
+Read_Outcome Medium_Object::read(char* buffer, size_t size, size_t& got) {
+  for (got = 0;;) {
+    const size_t piece = std::min(size - got, left_);
+    if (piece != 0)
+      std::memcpy(buffer + got, chunk_, piece);
+    chunk_ += piece;
+    left_ -= piece;
+    got += piece;
+    if (finished_ && left_ == 0)
+      return Read_Outcome::END;
+    if (got == size)
+      return Read_Outcome::MORE;
+    // What was verified before the damage is handed out first.
+    if (!refill())
+      return got != 0 ? Read_Outcome::MORE : failure_;
+  }
+}
+
+Read_Outcome Medium_Object::next(std::string_view& bytes) {
+  bytes = std::string_view();
+  if (left_ == 0 && !finished_ && !refill())
+    return failure_;
+  bytes = std::string_view(reinterpret_cast<const char*>(chunk_), left_);
+  chunk_ += left_;
+  left_ = 0;
+  return finished_ ? Read_Outcome::END : Read_Outcome::MORE;
 }

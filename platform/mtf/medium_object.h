@@ -3,6 +3,8 @@
 #include "platform/mtf/medium_reader.h"
 #include "platform/mtf/medium_source.h"
 
+#include <optional>
+
 /// Reads one object: every chunk is checked before a byte of it is handed out, and the whole content's digest before
 /// the last chunk is. Holds its own piece of the medium. One thread.
 class Medium_Object : public Object_Reader {
@@ -14,6 +16,7 @@ public:
   const Object_Head& head() const override { return start_.head; }
   const std::string& attributes_problem() const override { return start_.attributes_problem; }
   Read_Outcome read(char* buffer, size_t size, size_t& got) override;
+  Read_Outcome next(std::string_view& bytes) override;
   const unsigned char* sha256() const override { return last_.digest.sha256; }
   unsigned long long stored() const override { return stored_; }
   const std::string& error() const override { return error_; }
@@ -23,6 +26,7 @@ public:
   unsigned long long end() const { return last_.end; }
 
 private:
+  bool refill();
   bool next_chunk();
   bool next_plain_chunk();
   bool next_frame();
@@ -43,6 +47,7 @@ private:
   Medium_Stream frame_;
   const unsigned char* chunk_ = nullptr; ///< what is left to hand out
   size_t left_ = 0;
+  std::optional<uint64_t> check_;     ///< of the chunk, where it is known already
   std::vector<unsigned char> plain_;  ///< a decompressed chunk
   std::vector<unsigned char> opened_; ///< a decrypted frame
   bool have_digest_ = false;

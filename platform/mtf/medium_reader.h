@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 /// How reading a stored object ended.
 enum class Read_Outcome {
@@ -23,6 +24,8 @@ public:
   virtual const std::string& attributes_problem() const = 0;
   /// Hands out up to `size` bytes of the content; `got` is their number. END comes with or after the last bytes.
   virtual Read_Outcome read(char* buffer, size_t size, size_t& got) = 0;
+  /// The same without a copy: as many of the next bytes as are at hand, valid until the next call.
+  virtual Read_Outcome next(std::string_view& bytes) = 0;
   /// The digest stored with the object; valid after END.
   virtual const unsigned char* sha256() const = 0;
   /// Bytes of the medium that were read for this object.

@@ -165,6 +165,15 @@ inline Read_Outcome read_all(Object_Reader& reader, std::string& content, size_t
   }
 }
 
+inline Read_Outcome read_in_place(Object_Reader& reader, std::string& content) {
+  for (std::string_view bytes;;) {
+    const Read_Outcome outcome = reader.next(bytes);
+    content.append(bytes);
+    if (outcome != Read_Outcome::MORE)
+      return outcome;
+  }
+}
+
 inline std::vector<Media_Problem> problems_of(const std::string& path, Media_Figures* figures = nullptr,
                                               const Set_Cipher_ptr& cipher = nullptr) {
   std::vector<Media_Problem> problems;
@@ -205,6 +214,11 @@ inline void expect_round_trip(const std::string& path, const std::vector<Test_Ob
     EXPECT_EQ(object->stored(), places[i].stored);
     EXPECT_EQ(std::string(object->sha256(), object->sha256() + 32),
               std::string(places[i].sha256, places[i].sha256 + 32));
+    const auto again = reader->object(places[i].offset, error);
+    ASSERT_TRUE(again) << error;
+    content.clear();
+    ASSERT_EQ(read_in_place(*again, content), Read_Outcome::END) << again->error();
+    EXPECT_TRUE(content == objects[i].content) << objects[i].key;
   }
   Media_Figures figures;
   for (const Media_Problem& problem : problems_of(path, &figures, cipher))

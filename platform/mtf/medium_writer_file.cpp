@@ -53,22 +53,15 @@ bool Medium_Writer_File::flush() {
 bool Medium_Writer_File::append(const char* data, size_t size) {
   if (!error_.empty())
     return false;
+  if (size >= LARGE)
+    return flush() && write(data, size);
   while (size != 0) {
-    const size_t room = PIECE - static_cast<size_t>(flushed_ % PIECE);
-    if (used_ == 0 && size >= room) {
-      const size_t direct = room + (size - room) / PIECE * PIECE;
-      if (!write(data, direct))
-        return false;
-      data += direct;
-      size -= direct;
-      continue;
-    }
-    const size_t piece = std::min(size, room - used_);
+    const size_t piece = std::min(size, PIECE - used_);
     std::memcpy(piece_.get() + used_, data, piece);
     used_ += piece;
     data += piece;
     size -= piece;
-    if (used_ == room && !flush())
+    if (used_ == PIECE && !flush())
       return false;
   }
   return true;

@@ -7,8 +7,10 @@
 /// stays: every further call fails, and `error` keeps the first reason.
 class Medium_Writer_File {
 public:
-  /// Bytes that are written at once; also the alignment of the writes.
+  /// What small pieces are gathered to.
   static constexpr size_t PIECE = 1024 * 1024;
+  /// What goes straight to the file.
+  static constexpr size_t LARGE = 64 * 1024;
 
   Medium_Writer_File() = default;
   ~Medium_Writer_File();

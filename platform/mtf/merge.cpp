@@ -29,7 +29,6 @@ namespace {
 
 /// Where a catalog is made anew, inside the folder of its set.
 constexpr const char* WORK_FOLDER = "relink.tmp";
-constexpr size_t BUFFER = 256u << 10;
 constexpr unsigned long long TELL_EVERY = 256; ///< objects
 
 std::string place_of(const std::string& uri) {
@@ -268,12 +267,11 @@ private:
       if (!medium.begin_object(head, codec))
         return failed();
     }
-    buffer_.resize(BUFFER);
     Read_Outcome outcome = Read_Outcome::MORE;
     while (outcome == Read_Outcome::MORE) {
-      size_t got = 0;
-      outcome = reading.read(buffer_.data(), buffer_.size(), got);
-      if (writing && got != 0 && !medium.write(buffer_.data(), got))
+      std::string_view bytes;
+      outcome = reading.next(bytes);
+      if (writing && !bytes.empty() && !medium.write(bytes.data(), bytes.size()))
         return failed();
     }
     if (outcome != Read_Outcome::END) {
@@ -401,7 +399,6 @@ private:
   std::unique_ptr<Catalog_Moves> moves_;
   std::vector<std::unique_ptr<Medium_Writer>> media_;
   std::vector<std::string> folders_; ///< by medium, of the object written last
-  std::vector<char> buffer_;
 };
 
 /// Makes the catalog of `record` point into the merged set. The old catalog stays until the new one is whole.

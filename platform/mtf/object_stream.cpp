@@ -288,6 +288,11 @@ void Content_Digest::update(const char* data, size_t size) {
   }
 }
 
+void Content_Digest::update_checked(const char* data, size_t size, uint64_t check) {
+  EVP_DigestUpdate(context_.get(), data, size);
+  chunks_.push_back(check);
+}
+
 void Content_Digest::finish(unsigned char sha256[32]) {
   unsigned length = 0;
   EVP_DigestFinal_ex(context_.get(), sha256, &length);

@@ -99,6 +99,8 @@ public:
 
   bool begin();
   void update(const char* data, size_t size);
+  /// A whole chunk, or the last one, whose check is known.
+  void update_checked(const char* data, size_t size, uint64_t check);
   /// Ends the content: the digest, and the check of the last chunk.
   void finish(unsigned char sha256[32]);
   const std::vector<uint64_t>& chunks() const { return chunks_; }

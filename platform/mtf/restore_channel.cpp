@@ -133,17 +133,17 @@ bool Restore_Channel::write(const Media_Task& task, const std::string& path, Sto
       not_given.push_back(reading.attributes_problem());
   }
   Error_Code result = writer->open(path.c_str(), object.size);
-  size_t size = first;
+  std::string_view bytes(buffer_.data(), first);
   unsigned long long written = 0;
   while (result == E_OK) {
-    if (size != 0)
-      result = writer->write(buffer_.data(), size);
-    written += size;
+    if (!bytes.empty())
+      result = writer->write(bytes.data(), bytes.size());
+    written += bytes.size();
     if (result != E_OK || outcome == Read_Outcome::END)
       break;
     if (!shared_.wait_while_paused())
       return false;
-    outcome = reading.read(buffer_.data(), buffer_.size(), size);
+    outcome = reading.next(bytes);
     if (outcome == Read_Outcome::DAMAGED || outcome == Read_Outcome::FAILED) {
       fail(task, "What is stored of the object is damaged after " + std::to_string(written) +
                      " bytes: " + reading.error() + ".");

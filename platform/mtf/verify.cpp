@@ -16,7 +16,6 @@ namespace {
 
 constexpr unsigned DEFAULT_THREADS = 4;
 constexpr unsigned MAX_THREADS = 256;
-constexpr size_t BUFFER = 256u << 10;
 /// What is kept of what stands wrong beside objects, and of where damaged objects lie.
 constexpr size_t MAX_FINDINGS = 1000;
 constexpr size_t MAX_DAMAGED_PLACES = 100000;
@@ -52,7 +51,6 @@ public:
     if (options_.sample >= 100)
       for (size_t i; (i = next_medium_++) < record_.media.size() && !feed_.stopped();)
         check_blocks(i);
-    std::vector<char> buffer(BUFFER);
     Media_Task task;
     while (feed_.next(task)) {
       if (is_canceling())
@@ -61,9 +59,9 @@ public:
       Read_Outcome outcome = reading.open(task) ? Read_Outcome::MORE : Read_Outcome::DAMAGED;
       unsigned long long bytes = 0;
       while (outcome == Read_Outcome::MORE) {
-        size_t got = 0;
-        outcome = reading.read(buffer.data(), buffer.size(), got);
-        bytes += got;
+        std::string_view piece;
+        outcome = reading.next(piece);
+        bytes += piece.size();
         if (feed_.stopped())
           return;
       }

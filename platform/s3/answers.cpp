@@ -127,6 +127,14 @@ void Listing_Reader::begin(const Path& path) {
   content_.objects.back().exists = true;
 }
 
+/// Of an entry what the records have, and its own end. ETags are in every listing and nobody asks listings for them.
+bool Listing_Reader::wants(const Path& path) const {
+  if (path.size() < 2 || path[0] != "Contents" || is_error())
+    return true;
+  const std::string& name = path[1];
+  return path.size() == 2 && (name == "Key" || name == "Size" || name == "LastModified" || name == "StorageClass");
+}
+
 void Listing_Reader::element(const Path& path, std::string& text) {
   if (path.size() == 2 && path[0] == "Contents") {
     S3_Object& object = content_.objects.back();
@@ -141,8 +149,6 @@ void Listing_Reader::element(const Path& path, std::string& text) {
       if (!parse_iso_time(text, time))
         refuse("the date of a key is none");
       object.mtime = time < 0 ? 0 : static_cast<ACE_UINT64>(time);
-    } else if (name == "ETag") {
-      object.etag = std::move(text);
     } else if (name == "StorageClass") {
       if (text != "STANDARD")
         object.storage_class = std::move(text);

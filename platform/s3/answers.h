@@ -76,6 +76,7 @@ public:
 
 protected:
   void begin(const Path& path) override;
+  bool wants(const Path& path) const override;
   void element(const Path& path, std::string& text) override;
 
 private:

@@ -1,5 +1,6 @@
 #include "platform/s3/diagnosis.h"
 
+#include "platform/http/http_date.h"
 #include "platform/s3/percent_encoding.h"
 #include "platform/s3/transport.h"
 #include "platform/s3/vendor_presets.h"
@@ -249,7 +250,7 @@ bool Diagnoser::reach() {
 
 void Diagnoser::look_at_clock(const Outcome& outcome) {
   const std::string& date = outcome.head.value("date");
-  const time_t theirs = curl_getdate(date.c_str(), nullptr);
+  const time_t theirs = parse_http_date(date);
   const std::string tried = "compare the answer's date with this machine's";
   if (date.empty() || theirs <= 0) {
     add("clock", Check::SKIPPED, "", tried, "the answer has no date");

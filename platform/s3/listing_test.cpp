@@ -36,7 +36,6 @@ TEST_F(Listing_Test, record_of_a_key_is_complete) {
   EXPECT_TRUE(object.exists);
   EXPECT_EQ(5u, object.size);
   EXPECT_EQ(static_cast<ACE_UINT64>(server.object("bucket", "a key")->mtime), object.mtime);
-  EXPECT_EQ('"' + server.object("bucket", "a key")->etag + '"', object.etag);
   EXPECT_FALSE(content.truncated);
   EXPECT_EQ("", content.next_marker);
 }

@@ -17,24 +17,30 @@ constexpr double PAUSE = 10;
 
 } // namespace
 
-void Range_Growth::begin(double now, unsigned long long received, double waited) {
+void Range_Growth::begin(double now, unsigned long long received, double taking, double busy) {
   begun_ = true;
   since_ = now;
   received_ = received;
-  waited_ = waited;
+  taking_ = taking;
+  busy_ = busy;
 }
 
-bool Range_Growth::update(double now, unsigned long long received, double waited) {
+bool Range_Growth::due(double now) const {
+  return !begun_ || now - since_ >= (trying_ ? FIRST_WINDOW : WINDOW);
+}
+
+bool Range_Growth::update(double now, unsigned long long received, double taking, double busy) {
+  if (!due(now))
+    return false;
   if (!begun_) {
-    begin(now, received, waited);
+    begin(now, received, taking, busy);
     return false;
   }
   const double span = now - since_;
-  if (span < (trying_ ? FIRST_WINDOW : WINDOW))
-    return false;
   const double rate = static_cast<double>(received - received_) / span;
-  const double waiting = (waited - waited_) / span;
-  begin(now, received, waited);
+  // Taking bytes is work as well. Where processors are what is short, more streams would only want them, too.
+  const double waiting = std::min(taking - taking_, span - (busy - busy_)) / span;
+  begin(now, received, taking, busy);
   if (trying_) {
     trying_ = false;
     // Where the reader does not wait any more, the streams have done what they could.

@@ -5,8 +5,10 @@
 namespace {
 
 /// A service whose every stream brings `per_stream` bytes a second, over a link of `link`; the reader takes `reader`.
+/// What it is at it for longer, it waits for bytes, but for the share `busy` of all its time.
 struct Line {
   double per_stream, link, reader;
+  double busy = 0;
   s3::Range_Growth growth{1, 8};
   double now = 0, received = 0, waited = 0;
 
@@ -17,7 +19,7 @@ struct Line {
       const double rate = std::min(offered, reader);
       received += rate * step;
       waited += step * (1 - rate / reader);
-      growth.update(now, static_cast<unsigned long long>(received), waited);
+      growth.update(now, static_cast<unsigned long long>(received), waited, busy * now);
     }
   }
 };
@@ -58,6 +60,15 @@ TEST(range_growth, reader_that_never_waits_needs_no_more_than_one_stream) {
   Line line{200e6, 1e9, 100e6};
   line.run(20);
   EXPECT_EQ(1u, line.growth.streams());
+}
+
+TEST(range_growth, reader_that_waits_for_a_processor_gets_no_more_streams_and_one_that_waits_for_bytes_does) {
+  Line short_of_processors{20e6, 1e9, 500e6, 0.8};
+  short_of_processors.run(5);
+  EXPECT_EQ(1u, short_of_processors.growth.streams());
+  Line short_of_bytes{20e6, 1e9, 500e6, 0.3};
+  short_of_bytes.run(5);
+  EXPECT_EQ(8u, short_of_bytes.growth.streams());
 }
 
 TEST(range_growth, growth_ends_when_the_reader_is_busy) {

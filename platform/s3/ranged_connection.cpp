@@ -1,5 +1,7 @@
 #include "platform/s3/ranged_connection.h"
 
+#include "platform/s3/busy_time.h"
+
 #include <ace/Log_Msg.h>
 
 #include <algorithm>
@@ -60,7 +62,7 @@ size_t Ranged_Connection::recv(void* buffer, size_t size, const ACE_Time_Value* 
   while (got < size && state_ != BODY_READ && state_ != CLOSED) {
     const double began = seconds_now();
     const size_t more = take(static_cast<char*>(buffer) + got, size - got, timeout);
-    waited_ += seconds_now() - began;
+    taking_ += seconds_now() - began;
     got += more;
     position_ += more;
     state_ = READING_BODY;
@@ -169,7 +171,8 @@ void Ranged_Connection::plan() {
 /// More or fewer streams, by how reading goes.
 void Ranged_Connection::adapt() {
   const bool alone = stream_ && stream_end_ == object_.size;
-  const bool changed = growth_.update(seconds_now(), received_, waited_);
+  const double now = seconds_now();
+  const bool changed = growth_.due(now) && growth_.update(now, received_, taking_, busy_seconds());
   const unsigned streams = growth_.streams();
   if (!changed && !(alone && streams > 1))
     return;

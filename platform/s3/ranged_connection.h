@@ -79,7 +79,7 @@ private:
   Curl_Connection_ref stream_;
   ACE_UINT64 stream_end_; ///< where the ranges take over from the stream
   Range_Growth growth_;
-  double waited_ = 0; ///< seconds, by the reader
+  double taking_ = 0; ///< seconds that the reader has been at it
 
   std::atomic<unsigned long long> received_{0};
   std::mutex mutex_; ///< guards what follows

@@ -1,5 +1,6 @@
 #include "platform/s3/service.h"
 
+#include "platform/http/http_date.h"
 #include "platform/s3/attribute_headers.h"
 #include "platform/s3/ranged_connection.h"
 #include "platform/s3/storage_class.h"
@@ -15,8 +16,8 @@ namespace {
 /// Whether the answer's own date is less than two seconds behind the object's: with dates of whole seconds, another
 /// object may still get the same one. An answer without a date does not tell how old the object is.
 bool is_fresh(const HTTP_Head& head) {
-  const time_t modified = curl_getdate(head.value("last-modified").c_str(), nullptr);
-  const time_t now = curl_getdate(head.value("date").c_str(), nullptr);
+  const time_t modified = parse_http_date(head.value("last-modified"));
+  const time_t now = parse_http_date(head.value("date"));
   return modified > 0 && (now <= 0 || now - modified < 2);
 }
 
@@ -25,7 +26,7 @@ void fill(S3_Object& object, const char* key, const HTTP_Head& head, ACE_UINT64 
   object.name = key;
   object.exists = true;
   object.size = size;
-  const time_t time = curl_getdate(head.value("last-modified").c_str(), nullptr);
+  const time_t time = parse_http_date(head.value("last-modified"));
   object.mtime = time > 0 ? static_cast<ACE_UINT64>(time) : 0;
   object.etag = head.value("etag");
   const std::string& storage_class = head.value("x-amz-storage-class");

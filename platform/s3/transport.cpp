@@ -1,5 +1,6 @@
 #include "platform/s3/transport.h"
 
+#include "platform/http/http_date.h"
 #include "platform/s3/redirect.h"
 #include "sdk/base/clock.h"
 #include "sdk/base/exponential_backoff.h"
@@ -27,8 +28,8 @@ unsigned retry_after(const HTTP_Head& head, time_t now) {
   const std::string& text = head.value("retry-after");
   ACE_UINT64 seconds = 0;
   if (!parse_size(text, seconds)) {
-    const time_t until = text.empty() ? -1 : curl_getdate(text.c_str(), nullptr);
-    const time_t theirs = curl_getdate(head.value("date").c_str(), nullptr);
+    const time_t until = text.empty() ? -1 : parse_http_date(text);
+    const time_t theirs = parse_http_date(head.value("date"));
     const time_t from = theirs > 0 ? theirs : now;
     if (until <= from)
       return 0;
@@ -114,7 +115,7 @@ Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
       }
     }
     if (may_set_clock) {
-      const time_t server = curl_getdate(outcome.head.value("date").c_str(), nullptr);
+      const time_t server = parse_http_date(outcome.head.value("date"));
       if (server > 0 &&
           blames_clock(outcome.head, document, static_cast<long long>(server) - static_cast<long long>(now))) {
         may_set_clock = false;

@@ -59,6 +59,10 @@ XML_Reader::~XML_Reader() = default;
 
 void XML_Reader::begin(const Path&) {}
 
+bool XML_Reader::wants(const Path&) const {
+  return true;
+}
+
 bool XML_Reader::feed(const char* data, size_t size) {
   if (failed())
     return false;
@@ -135,11 +139,13 @@ void XML_Reader::tell(const std::vector<XML_Skimmer::Tag>& tags) {
         path_.emplace_back(tag.name);
         begin(path_);
       } else {
-        if (tag.escaped)
-          XML_Skimmer::unescape(tag.text, text_);
-        else
-          text_.assign(tag.text);
-        end(path_, text_);
+        if (wants(path_)) {
+          if (tag.escaped)
+            XML_Skimmer::unescape(tag.text, text_);
+          else
+            text_.assign(tag.text);
+          end(path_, text_);
+        }
         path_.pop_back();
       }
       if (failed())
@@ -220,7 +226,8 @@ void XML_Reader::on_end(void* data, const char*) {
       return;
     if (self->mends_)
       self->text_ = XML_Mender::restore(self->text_);
-    self->end(self->path_, self->text_);
+    if (self->wants(self->path_))
+      self->end(self->path_, self->text_);
     self->text_.clear();
     --self->depth_;
     self->end_at_ = static_cast<size_t>(XML_GetCurrentByteIndex(self->parser_.get())) +

@@ -41,7 +41,9 @@ protected:
 
   /// An element begins; for records that are gathered from several elements.
   virtual void begin(const Path& path);
-  /// An element has ended. `text` is its own text; may be moved from.
+  /// Whether anybody wants to know of the element's end. What nobody wants is not put together.
+  virtual bool wants(const Path& path) const;
+  /// An element that is wanted has ended. `text` is its own text; may be moved from.
   virtual void end(const Path& path, std::string& text) = 0;
   /// The root's name is known. False refuses the document.
   virtual bool accepts(const std::string& root) = 0;

@@ -38,7 +38,7 @@ struct S3_Object {
   bool exists = false;
   ACE_UINT64 mtime = 0;      ///< seconds since the epoch
   ACE_UINT64 size = 0;       ///< bytes
-  std::string etag;          ///< opaque, quotes included; empty where it was not asked for
+  std::string etag;          ///< opaque, quotes included; empty in listings and where the service tells none
   std::string storage_class; ///< empty for the service's default
 };
 
