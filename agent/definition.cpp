@@ -145,6 +145,9 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
   }
 
   const bool backup = settings.type == JOB_DEFINITION_BACKUP;
+  // A rehearsal finds its set itself.
+  if (!backup && settings.subtype != JOB_DEFINITION_SUBTYPE_DR_TEST && source != nullptr)
+    settings.set_uuid = json_spirit::optional_str(*source, "catalog_id");
   Job_Definition_var definition(new Job_Definition(settings));
   if (!parse_record<Job_Source>(source, "source",
                                 backup ? module.backup_source_parsers() : module.restore_source_parsers(),

@@ -16,5 +16,6 @@
 ///       "archived": "skip" | "fail" | "request",
 ///       "source": { ... }, "options": { ... } as the module's parsers read them }
 ///
+/// The "catalog_id" of a restore's source is the uuid of the set: numbers of sets may repeat.
 /// Builds the definition with the module's parsers. Null with a message that names the member that is wrong.
 Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& module, std::string& error);

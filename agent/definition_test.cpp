@@ -51,6 +51,20 @@ TEST_F(definition, backup_without_subtype_is_incremental) {
   EXPECT_EQ(JOB_DEFINITION_SUBTYPE_INCREMENTAL, made->subtype());
 }
 
+TEST_F(definition, restore_names_its_set_by_the_catalog_s_id) {
+  const auto set_uuid = [this](const std::string& subtype, const std::string& catalog_id) {
+    const Job_Definition_var made =
+        make(R"({"type":"restore",)" + subtype + R"("host_id":"h","source":{"id":"i","backup_host_id":"h",)" +
+             R"("backup_minor_resource_id":"m","pool_uuid":"p","seq":4)" + catalog_id + "}}");
+    EXPECT_FALSE(made.null()) << error_;
+    return made.null() ? std::string() : made->set_uuid();
+  };
+  EXPECT_EQ("u", set_uuid("", R"(,"catalog_id":"u")"));
+  EXPECT_EQ("", set_uuid("", ""));
+  EXPECT_EQ("", set_uuid("", R"(,"catalog_id":7)"));
+  EXPECT_EQ("", set_uuid(R"("subtype":"dr_test",)", R"(,"catalog_id":"u")"));
+}
+
 TEST_F(definition, missing_or_wrong_members_are_named) {
   expect_refused("{}", "\"type\"");
   expect_refused(R"({"type":5})", "\"type\"");

@@ -4,16 +4,21 @@
 #include <openssl/rand.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
+#include <vector>
 
 namespace {
 
 constexpr const char* FILE_NAME = "master.key";
+/// What the names of key files that are being made begin with.
+constexpr const char* TEMPORARY = ".master.key.";
 
 std::mutex folder_mutex; // guards `folder_name`
 std::string folder_name;
@@ -98,10 +103,54 @@ bool read_key(const std::string& path, Secret_Key& key, bool& missing, std::stri
   return whole;
 }
 
+int lock_file(int fd, int how) {
+  int result;
+  do {
+    result = ::flock(fd, how);
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
+/// A new file for a key, locked as long as it is open; its name ends up in `path`. -1 with `errno`.
+int make_temporary(const std::string& folder, std::string& path) {
+  for (;;) {
+    path = folder + "/" + TEMPORARY + "XXXXXX";
+    const int fd = ::mkostemp(path.data(), O_CLOEXEC);
+    if (fd < 0)
+      return -1;
+    struct stat status;
+    const bool locked = lock_file(fd, LOCK_EX) == 0 && ::fstat(fd, &status) == 0;
+    // Before it was locked somebody may have taken it for left over.
+    if (locked && status.st_nlink != 0)
+      return fd;
+    const int code = errno;
+    ::unlink(path.c_str());
+    ::close(fd);
+    if (!locked) {
+      errno = code;
+      return -1;
+    }
+  }
+}
+
+/// Removes the temporary files of processes that have ended: nobody else's can be locked.
+void remove_left_over(const std::string& folder) {
+  std::error_code code;
+  std::vector<std::string> paths;
+  for (std::filesystem::directory_iterator it(folder, code), end; !code && it != end; it.increment(code))
+    if (it->path().filename().string().compare(0, std::strlen(TEMPORARY), TEMPORARY) == 0)
+      paths.push_back(it->path().string());
+  for (const std::string& path : paths) {
+    const File file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (file.fd() >= 0 && lock_file(file.fd(), LOCK_EX | LOCK_NB) == 0)
+      ::unlink(path.c_str());
+  }
+}
+
 /// Makes a key file unless somebody else is faster: the file appears whole, by a link from a temporary name.
 bool make_key(const std::string& folder, const std::string& path, std::string& error) {
-  std::string temporary = folder + "/.master.key.XXXXXX";
-  const File file(::mkostemp(temporary.data(), O_CLOEXEC));
+  std::string temporary;
+  const File file(make_temporary(folder, temporary));
   if (file.fd() < 0) {
     error = reason("cannot make the master key", path);
     return false;
@@ -148,6 +197,8 @@ bool load_master_key(bool make, Secret_Key& key, std::string& error) {
   }
   const std::string path = folder + "/" + FILE_NAME;
   bool missing = false;
+  if (make)
+    remove_left_over(folder);
   if (read_key(path, key, missing, error))
     return true;
   if (!missing || !make)

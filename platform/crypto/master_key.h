@@ -24,6 +24,7 @@ void set_key_folder(const std::string& folder);
 std::string key_folder();
 
 /// Reads the master key, a file of 32 random bytes that nobody but its owner may read. With `make` a missing one is
-/// made (mode 0600); of several processes that do so at once, all get the same key. False with the reason, which never
+/// made (mode 0600), and what processes left that were killed while they made one is removed; of several processes that
+/// make one at once, all get the same key. False with the reason, which never
 /// holds key bytes.
 bool load_master_key(bool make, Secret_Key& key, std::string& error);

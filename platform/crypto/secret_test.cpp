@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -152,6 +155,30 @@ TEST_F(secret, without_a_folder_there_is_no_key) {
   set_key_folder(folder_ + "/missing");
   EXPECT_FALSE(seal_secret(SECRET, text, error_));
   EXPECT_NE(std::string::npos, error_.find("missing")) << error_;
+}
+
+TEST_F(secret, what_a_killed_process_left_is_removed_and_what_a_living_one_makes_is_not) {
+  std::ofstream(folder_ + "/.master.key.left1") << "torn";
+  std::ofstream(folder_ + "/.master.key.left2") << std::string(32, 'k');
+  std::ofstream(folder_ + "/.master.keys") << "somebody else's";
+  const std::string living = folder_ + "/.master.key.living";
+  const int fd = ::open(living.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  ASSERT_EQ(0, ::flock(fd, LOCK_EX));
+  const auto files = [&] {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_))
+      names.insert(entry.path().filename().string());
+    return names;
+  };
+  const std::string text = sealed();
+  EXPECT_EQ((std::set<std::string>{".master.key.living", ".master.keys", "master.key"}), files());
+  // As when it was killed between its last two steps.
+  ::close(fd);
+  std::filesystem::remove(living);
+  std::filesystem::create_hard_link(key_file(), living);
+  sealed();
+  EXPECT_EQ((std::set<std::string>{".master.keys", "master.key"}), files());
+  EXPECT_TRUE(open_secret(text, plain_, error_)) << error_;
 }
 
 TEST_F(secret, threads_that_make_the_key_at_once_get_the_same_one) {

@@ -7,7 +7,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -56,7 +55,9 @@ Set_Record make_record(const file_backup::File_Backup_Set& set) {
   record.uuid = set.uuid;
   record.uri = metadata.set_uri;
   record.incarnation = set.incarnation;
-  record.bases.assign(set.bases.begin(), set.bases.end());
+  // The set before it in the chain is none of its bases where that could not be opened: then nothing was compared.
+  if (!set.bases.empty() && !metadata.base_uuid.empty())
+    record.bases.push_back(metadata.base_uuid);
   record.seq = set.seq;
   record.channels = metadata.channels;
   record.end_time = metadata.end_time;
@@ -68,15 +69,18 @@ Set_Record make_record(const file_backup::File_Backup_Set& set) {
   return record;
 }
 
-/// Most often the run has asked for its number already, and it stands on the media.
-bool choose_seq(Store& store, const std::string& pool_uuid, Set_Record& record, std::string& error) {
-  unsigned seq = 0;
-  if (!record.bases.empty())
-    return true;
-  if (!first_seq(store, pool_uuid, record.minor_resource_id, record.uuid, seq, error))
+/// The engine gives a set a number that is free, and it stands on the media. One that is taken all the same, as the
+/// engine may not have known the store's sets, is no other set's afterwards. `begins`: the set begins a chain.
+bool choose_seq(Store& store, const std::string& pool_uuid, bool begins, Set_Record& record, std::string& error) {
+  Set_Numbers numbers;
+  if (!numbers_in_use(store, pool_uuid, record.minor_resource_id, record.uuid, numbers, error))
     return false;
-  record.seq = std::max(record.seq, seq);
-  return true;
+  if (!numbers.is_taken(record.seq))
+    return true;
+  record.seq = begins ? numbers.first_of_chain() : numbers.behind(record.seq);
+  if (record.seq == 0)
+    error = Set_Numbers::NONE_FREE;
+  return record.seq != 0;
 }
 
 bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string& error) {
@@ -88,7 +92,8 @@ bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string&
   const std::string& pool_uuid = set.metadata.pool_uuid;
   Set_Record record = make_record(set);
   Pool pool;
-  if (!open_known_pool(*store, pool_uuid, pool, error) || !choose_seq(*store, pool_uuid, record, error))
+  if (!open_known_pool(*store, pool_uuid, pool, error) ||
+      !choose_seq(*store, pool_uuid, set.bases.empty(), record, error))
     return false;
   Set_Cipher_ptr cipher;
   if (!open_set_cipher(pool, record.uuid, set.metadata.data_key, cipher, error) || !seal_record(cipher, record, error))

@@ -136,13 +136,27 @@ TEST_F(file_backup_services, a_new_chain_takes_no_number_of_another) {
   EXPECT_FALSE(file_backup::get_incarnation(POOL, RESOURCE, 4, incarnation, channels, uri, 0));
 }
 
-TEST_F(file_backup_services, of_two_sets_with_one_number_the_newest_is_found) {
+TEST_F(file_backup_services, no_set_is_committed_with_the_number_of_another) {
   ASSERT_TRUE(commit(write_set("a", 5, "2026-01-01 00:00:00"), "base"));
   ASSERT_TRUE(commit(write_set("b", 5, "2026-01-02 00:00:00"), "base"));
-  std::string incarnation, uri;
-  unsigned channels = 0;
-  ASSERT_TRUE(file_backup::get_incarnation(POOL, RESOURCE, 5, incarnation, channels, uri, 0));
-  EXPECT_EQ(std::string(ACCOUNT) + "/" + RESOURCE + "/b", uri);
+  EXPECT_EQ(6u, record_of("b").seq);
+  // A set that is gone may come back.
+  ASSERT_TRUE(store_->set_state("b", Set::STATE_GONE, error_));
+  ASSERT_TRUE(commit(write_set("c", 5, "2026-01-03 00:00:00"), "a"));
+  EXPECT_EQ(7u, record_of("c").seq);
+}
+
+TEST_F(file_backup_services, behind_the_last_number_a_new_chain_takes_a_free_one) {
+  const auto seq_of_new = [this](const char* uuid, unsigned seq, const char* base = "") {
+    EXPECT_TRUE(commit(write_set(uuid, seq, "2026-01-01 00:00:00"), base));
+    return record_of(uuid).seq;
+  };
+  EXPECT_EQ(65534u, seq_of_new("a", 65534));
+  EXPECT_EQ(65535u, seq_of_new("b", 65535, "a"));
+  EXPECT_EQ(1u, seq_of_new("c", 1));
+  EXPECT_EQ(2u, seq_of_new("d", 2, "c"));
+  EXPECT_EQ(3u, seq_of_new("e", 1));
+  EXPECT_EQ(4u, seq_of_new("f", 2, "e"));
 }
 
 TEST_F(file_backup_services, a_set_without_media_is_not_committed) {
@@ -207,6 +221,40 @@ TEST_F(file_backup_services, a_commit_whose_row_fails_is_reported_and_made_good)
   std::vector<Set> sets;
   ASSERT_TRUE(store_->sets(POOL, "", "", true, sets, error_));
   EXPECT_EQ(1u, sets.size());
+}
+
+TEST_F(file_backup_services, a_set_that_was_compared_with_nothing_has_no_base_and_goes_on_in_its_chain) {
+  ASSERT_TRUE(commit(write_set("a", 1, "2026-01-01 00:00:00")));
+  ASSERT_TRUE(commit(write_set("b", 2, "2026-01-02 00:00:00"), "a", false));
+  const Set_Record record = record_of("b");
+  EXPECT_TRUE(record.bases.empty());
+  EXPECT_EQ("chain of a", record.incarnation);
+  EXPECT_EQ(2u, record.seq);
+}
+
+TEST_F(file_backup_services, a_row_has_the_number_of_objects_that_the_catalog_has) {
+  file_backup::File_Metadata metadata = write_set("a", 1, "2026-01-01 00:00:00");
+  metadata.figures["saved"] = 3;
+  metadata.figures["unchanged"] = 4;
+  metadata.figures["objects"] = 9;
+  ASSERT_TRUE(commit(metadata));
+  metadata = write_set("of an older version", 2, "2026-01-02 00:00:00");
+  metadata.figures["saved"] = 3;
+  metadata.figures["unchanged"] = 4;
+  ASSERT_TRUE(commit(metadata));
+  // As from the run, so from the records alone.
+  for (const bool afresh : {false, true}) {
+    std::vector<Set> sets;
+    if (afresh) {
+      ASSERT_TRUE(store_->remove_set("a", error_));
+      ASSERT_TRUE(store_->remove_set("of an older version", error_));
+      ASSERT_FALSE(last_instance().empty());
+    }
+    ASSERT_TRUE(store_->sets(POOL, "", "", true, sets, error_));
+    ASSERT_EQ(2u, sets.size());
+    EXPECT_EQ(9u, sets[0].objects);
+    EXPECT_EQ(7u, sets[1].objects);
+  }
 }
 
 TEST_F(file_backup_services, a_row_without_set_is_marked_gone_and_comes_back) {

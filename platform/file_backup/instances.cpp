@@ -3,8 +3,11 @@
 #include "platform/file_backup/retry.h"
 #include "platform/file_backup/set_catalog.h"
 #include "sdk/file_backup/file_backup.h"
+#include "sdk/job/job.h"
 
 #include <sys/stat.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -13,6 +16,45 @@ Store* open_store(std::string& error) {
   if (store == nullptr)
     error = "the agent's database is not open";
   return store;
+}
+
+/// The one of `sets`, which have one number, that is `wanted`, or a merged one that took its place; where nothing is
+/// wanted, the only one. `chosen` is null when there is none. False with the reason when the pool cannot be read.
+bool choose_set(Store& store, const std::string& pool_uuid, const std::string& wanted, const std::vector<Set>& sets,
+                const Set*& chosen, std::string& error) {
+  chosen = nullptr;
+  if (wanted.empty()) {
+    if (sets.size() == 1)
+      chosen = &sets.front();
+    return true;
+  }
+  for (const Set& set : sets)
+    if (set.uuid == wanted)
+      chosen = &set;
+  if (chosen != nullptr || sets.empty())
+    return true;
+  Pool pool;
+  if (!open_known_pool(store, pool_uuid, pool, error))
+    return false;
+  for (const Set& set : sets) {
+    Set_Record record;
+    std::string ignored;
+    if (read_set_record(pool.set_folder(set.uri), record, ignored) &&
+        std::find(record.replaces.begin(), record.replaces.end(), wanted) != record.replaces.end())
+      chosen = &set;
+  }
+  return true;
+}
+
+std::string why_no_set(const std::vector<Set>& sets, const std::string& wanted) {
+  if (sets.empty())
+    return "there is none of that number" + (wanted.empty() ? std::string() : ", and it is to be " + wanted);
+  std::string names;
+  for (const Set& set : sets)
+    names += (names.empty() ? "" : " and ") + set.uuid;
+  if (!wanted.empty())
+    return "it is to be " + wanted + ", but that number is " + names + "'s";
+  return "the number is that of " + names + ": name the set by \"catalog_id\"";
 }
 
 } // namespace
@@ -106,23 +148,29 @@ bool make_filter(const std::vector<std::string>& exclusions, const std::vector<s
 
 bool get_incarnation(const std::string& pool_uuid, const std::string& minor_resource_id, ACE_UINT32 seq,
                      std::string& incarnation, unsigned& channels, std::string& uri_prefix, int max_seconds_retry) {
-  Set set;
-  bool found = false;
+  Job* const job = Job::current();
+  const std::string wanted = job != nullptr ? job->definition().set_uuid() : std::string();
+  std::vector<Set> sets;
+  const Set* set = nullptr;
   const bool read = retry_within(max_seconds_retry, "find the set", [&](std::string& error) {
     Store* const store = open_store(error);
     return store != nullptr && reconcile_sets(*store, pool_uuid, minor_resource_id, error) &&
-           store->find_set_by_seq(pool_uuid, minor_resource_id, seq, set, found, error);
+           store->sets_by_seq(pool_uuid, minor_resource_id, seq, sets, error) &&
+           choose_set(*store, pool_uuid, wanted, sets, set, error);
   });
   if (!read)
     return false;
-  if (!found) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("There is no set %u of '%C' in pool '%C'.\n"), static_cast<unsigned>(seq),
-               minor_resource_id.c_str(), pool_uuid.c_str()));
+  if (set == nullptr) {
+    const std::string problem = "Set " + std::to_string(seq) + " of '" + minor_resource_id + "' in pool '" + pool_uuid +
+                                "' is not restored: " + why_no_set(sets, wanted) + ".";
+    ACE_ERROR((LM_ERROR, ACE_TEXT("%C\n"), problem.c_str()));
+    if (job != nullptr)
+      job->set_result("failure", problem);
     return false;
   }
-  incarnation = set.incarnation;
-  channels = set.channels;
-  uri_prefix = set.uri;
+  incarnation = set->incarnation;
+  channels = set->channels;
+  uri_prefix = set->uri;
   return true;
 }
 

@@ -8,9 +8,6 @@
 
 namespace {
 
-/// The last number of a chain: a set with it starts a new chain in any case.
-constexpr unsigned LAST_SEQ = 65535;
-
 unsigned long long figure(const json_spirit::Object& figures, const char* name) {
   const json_spirit::Value* value = json_spirit::find(figures, name);
   if (value == nullptr || value->type() != json_spirit::int_type)
@@ -18,11 +15,12 @@ unsigned long long figure(const json_spirit::Object& figures, const char* name) 
   return value->is_uint64() || value->get_int64() >= 0 ? value->get_uint64() : 0;
 }
 
-/// Whether a row says what the record says. Sizes and names of a set never change; its place may.
+/// Whether a row says what the record says. Sizes and names of a set never change; its place may, and what was made
+/// again from media.
 bool same(const Set& row, const Set& record) {
   return row.state == record.state && row.pool_uuid == record.pool_uuid && row.uri == record.uri &&
-         row.seq == record.seq && row.channels == record.channels && row.incarnation == record.incarnation &&
-         row.bases == record.bases;
+         row.seq == record.seq && row.start_time == record.start_time && row.channels == record.channels &&
+         row.incarnation == record.incarnation && row.bases == record.bases;
 }
 
 /// Where the sets of a resource lie: below its account's folder when the selection is known.
@@ -60,20 +58,21 @@ Set set_from_record(const Set_Record& record, const std::string& pool_uuid) {
   set.source_size = record.source_size;
   set.backup_set_size = record.backup_set_size;
   set.backup_set_storage_size = record.backup_set_storage_size;
-  set.objects = figure(record.figures, "saved") + figure(record.figures, "unchanged");
+  // Records of older versions do not say it.
+  set.objects = json_spirit::find(record.figures, "objects") != nullptr
+                    ? figure(record.figures, "objects")
+                    : figure(record.figures, "saved") + figure(record.figures, "unchanged");
   return set;
 }
 
-bool first_seq(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
-               const std::string& uuid, unsigned& seq, std::string& error) {
-  std::vector<Set> others;
-  if (!store.sets(pool_uuid, std::string(), minor_resource_id, true, others, error))
+bool numbers_in_use(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
+                    const std::string& uuid, Set_Numbers& numbers, std::string& error) {
+  std::vector<Set> sets;
+  if (!store.sets(pool_uuid, std::string(), minor_resource_id, true, sets, error))
     return false;
-  unsigned last = 0;
-  for (const Set& other : others)
-    if (other.uuid != uuid)
-      last = std::max(last, other.seq);
-  seq = last + 1 < LAST_SEQ ? last + 1 : 1;
+  for (const Set& set : sets)
+    if (set.uuid != uuid)
+      numbers.take(set.seq);
   return true;
 }
 

@@ -121,8 +121,10 @@ protected:
     return metadata;
   }
 
-  bool commit(const file_backup::File_Metadata& metadata, const std::string& base = std::string()) {
+  /// `opened`: the run could compare with the `base`.
+  bool commit(file_backup::File_Metadata metadata, const std::string& base = std::string(), bool opened = true) {
     file_backup::File_Backup_Set set;
+    metadata.base_uuid = opened ? base : std::string();
     EXPECT_EQ(0, file_backup::build_file_catalog(metadata, set));
     set.incarnation = base.empty() ? metadata.uuid : "chain of " + base;
     if (!base.empty())

@@ -22,6 +22,8 @@ struct MTF_Backup::Impl {
   Impl(MTF::Event_Handler_var h, MTF::Metadata& m, std::shared_ptr<ACE_Log_Msg_Callback> l)
       : handler(h), metadata(m), log(std::move(l)) {}
 
+  void ask_store();
+
   MTF::Event_Handler_var handler;
   MTF::Metadata& metadata;
   std::shared_ptr<ACE_Log_Msg_Callback> log;
@@ -35,6 +37,21 @@ struct MTF_Backup::Impl {
   unsigned base_seq = 0;
   std::unique_ptr<Backup_Engine> engine; ///< keeps the set's folder locked until it is committed
 };
+
+/// What the agent's database knows beyond what lies in the pool. Without it, or where it cannot be read, the pool alone
+/// decides.
+void MTF_Backup::Impl::ask_store() {
+  Store* const store = Store::instance();
+  const std::string& pool = pool_uuid.empty() ? device_uuid : pool_uuid;
+  std::string error;
+  Set base;
+  bool found = false;
+  if (store == nullptr || !numbers_in_use(*store, pool, minor_resource_id, order.uuid, order.numbers, error))
+    return;
+  // The number came from the last instance; another set may have it too.
+  if (seq != 0 && store->newest_set(pool, minor_resource_id, base, found, error) && found && base.seq == seq)
+    order.base_uuid = base.uuid;
+}
 
 MTF_Backup::MTF_Backup(MTF::Event_Handler_var event_handler, MTF::Metadata& metadata,
                        std::shared_ptr<ACE_Log_Msg_Callback> log)
@@ -103,15 +120,7 @@ void MTF_Backup::incremental(bool value) {
 bool MTF_Backup::backup(const std::string& target) {
   Impl& i = *impl_;
   i.order.base_seq = i.seq;
-  i.order.seq = 0;
-  if (i.seq == 0) {
-    // Without the database, or where it cannot be read, the set gets its number when it is committed.
-    std::string error;
-    Store* const store = Store::instance();
-    unsigned seq = 0;
-    if (store != nullptr && first_seq(*store, i.pool_uuid, i.minor_resource_id, i.order.uuid, seq, error))
-      i.order.seq = seq;
-  }
+  i.ask_store();
   i.order.sources = arrange_sources(std::move(i.order.sources));
   std::string pool_uuid = i.pool_uuid;
   std::string location = target;

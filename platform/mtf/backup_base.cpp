@@ -11,20 +11,33 @@ namespace {
 constexpr unsigned MAX_PLACES = 1u << 20;
 const std::string TRACKING = "cannot keep track of the listing: ";
 
+/// The record of the set `uuid`, else that of the newest set of that number.
+bool find_record(const Pool& pool, const std::string& place, unsigned seq, const std::string& uuid, Set_Record& found) {
+  std::vector<std::string> ignored;
+  bool done = false;
+  for (Set_Record& record : pool.sets(place, ignored)) {
+    const bool asked = !uuid.empty() && record.uuid == uuid;
+    if (!asked && record.seq != seq)
+      continue;
+    found = std::move(record);
+    done = true;
+    if (asked)
+      break;
+  }
+  return done;
+}
+
 } // namespace
 
+std::string Backup_Base::chain_of(const Pool& pool, const std::string& place, unsigned seq, const std::string& uuid) {
+  Set_Record record;
+  return find_record(pool, place, seq, uuid, record) ? record.incarnation : std::string();
+}
+
 std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
-                                               std::string& error) {
-  std::vector<std::string> errors;
+                                               const std::string& uuid, std::string& error) {
   std::unique_ptr<Backup_Base> base(new Backup_Base);
-  bool found = false;
-  for (Set_Record& record : pool.sets(place, errors)) {
-    if (record.seq != seq)
-      continue;
-    base->record_ = std::move(record);
-    found = true;
-  }
-  if (!found) {
+  if (!find_record(pool, place, seq, uuid, base->record_)) {
     error = "there is no set " + std::to_string(seq) + " to compare with";
     return nullptr;
   }

@@ -26,10 +26,14 @@ public:
     UNCHANGED ///< this very one
   };
 
-  /// The newest set of number `seq` under `place` ("HOST/RESOURCE") whose catalog and all sets that it points into are
-  /// there. What lies on media that are missing or not as large as recorded counts as damaged. Null with the reason.
+  /// The set `uuid` under `place` ("HOST/RESOURCE"); the newest one of number `seq` when that is empty or not there.
+  /// Its catalog and all sets that it points into must be there. What lies on media that are missing or not as large as
+  /// recorded counts as damaged. Null with the reason.
   static std::unique_ptr<Backup_Base> open(const Pool& pool, const std::string& place, unsigned seq,
-                                           std::string& error);
+                                           const std::string& uuid, std::string& error);
+
+  /// The chain that the same set belongs to, so far as its record can be read; else empty.
+  static std::string chain_of(const Pool& pool, const std::string& place, unsigned seq, const std::string& uuid);
 
   const std::string& uuid() const { return record_.uuid; }
   const std::string& incarnation() const { return record_.incarnation; }

@@ -97,7 +97,7 @@ TEST_F(Base_Of_Incremental, exactly_what_was_not_shown_is_told_whatever_the_orde
     const Tree tree = some_tree(random);
     fs::remove_all(pool_.set_folder("host"));
     make_set(tree, 1 + seed % 3);
-    auto base = Backup_Base::open(pool_, "host/res", 1, error_);
+    auto base = Backup_Base::open(pool_, "host/res", 1, "", error_);
     ASSERT_TRUE(base) << error_;
 
     std::vector<std::string> folders, gone, gone_below;

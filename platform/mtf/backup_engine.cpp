@@ -78,10 +78,7 @@ struct Backup_Engine::Impl {
   Impl(Backup_Order o, Event_Handler_var h, Metadata& m, std::shared_ptr<ACE_Log_Msg_Callback> l)
       : order(std::move(o)), handler(h), metadata(m), log(std::move(l)), job(Job::current()),
         ledger(job != nullptr ? job->ledger() : nullptr), account(h),
-        queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {
-    if (order.seq == 0)
-      order.seq = order.base_seq + 1;
-  }
+        queue(order.limits, order.channels = std::clamp(order.channels, 1u, MAX_CHANNELS)) {}
 
   ~Impl() {
     if (ledger)
@@ -90,6 +87,7 @@ struct Backup_Engine::Impl {
 
   bool prepare(const std::string& location, const std::string& pool_uuid);
   void take_up_unfinished();
+  bool choose_seq();
   bool make_media();
   bool write_objects();
   std::string copied_record();
@@ -114,12 +112,14 @@ struct Backup_Engine::Impl {
   Set_Lock lock;
   std::string place; ///< "HOST/RESOURCE"
   std::string uri;
+  unsigned seq = 0; ///< the set's number
   bool made_folder = false;
   unsigned family = 0;
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
   std::unique_ptr<Backup_Base> base;       ///< null: every object is stored
+  std::string chain;                       ///< of an incremental without base, where that is known
   std::unique_ptr<Partial_Sets> partial;   ///< null: there is nothing to go on with
   std::unique_ptr<Counting_Filter> filter; ///< null: everything passes
   std::unique_ptr<Listing_Events> events;
@@ -193,6 +193,8 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
   }
   place = place_of(order.uri_prefix);
   take_up_unfinished();
+  if (!choose_seq())
+    return false;
   uri = set_uri(pool, order.uri_prefix, order.uuid);
   if (!pool.make_set_folder(uri, lock, error)) {
     fail(E_OPEN_MEDIUM, error);
@@ -200,15 +202,17 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
   }
   made_folder = true;
   catalog = Catalog_Writer::create(pool.set_folder(uri), error, order.codec.cipher);
-  if (!catalog || !catalog->add_set({0, order.uuid, uri, order.seq})) {
+  if (!catalog || !catalog->add_set({0, order.uuid, uri, seq})) {
     fail(E_OPEN_MEDIUM, catalog ? catalog->error() : error);
     return false;
   }
   account.catalog(catalog.get());
   if (order.incremental && order.base_seq != 0) {
-    base = Backup_Base::open(pool, place, order.base_seq, error);
-    if (!base)
+    base = Backup_Base::open(pool, place, order.base_seq, order.base_uuid, error);
+    if (!base) {
       engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
+      chain = Backup_Base::chain_of(pool, place, order.base_seq, order.base_uuid);
+    }
     for (const Backup_Base::Bad_Medium& medium : base ? base->bad_media() : std::vector<Backup_Base::Bad_Medium>()) {
       engine_log(log, LM_WARNING, medium.path + ": " + medium.message);
       account.note("medium", medium.path, json_spirit::Value(), medium.message);
@@ -238,8 +242,24 @@ void Backup_Engine::Impl::take_up_unfinished() {
   if (report.removed != 0)
     engine_log(log, LM_INFO,
                "Removed " + std::to_string(report.removed) + " unfinished sets without any whole object.");
-  for (const std::string& problem : report.problems)
-    engine_log(log, LM_WARNING, "An unfinished set stays: " + problem + ".");
+  for (const Salvage_Report::Problem& problem : report.problems) {
+    const std::string message = "An unfinished set stays for the next run: " + problem.message + ".";
+    engine_log(log, LM_WARNING, message);
+    account.note("set", problem.folder, json_spirit::Value(), message);
+  }
+}
+
+/// While the pool is locked: no other run can take the same one.
+bool Backup_Engine::Impl::choose_seq() {
+  // What cannot be read has been told, and its number is among those of the order where it was known.
+  std::vector<std::string> errors;
+  for (const Set_Record& record : pool.sets(place, errors))
+    if (record.uuid != order.uuid)
+      order.numbers.take(record.seq);
+  seq = order.base_seq == 0 ? order.numbers.first_of_chain() : order.numbers.behind(order.base_seq);
+  if (seq == 0)
+    fail(E_OPEN_MEDIUM, "There is no number for the set: " + std::string(Set_Numbers::NONE_FREE) + ".");
+  return seq != 0;
 }
 
 bool Backup_Engine::Impl::make_media() {
@@ -350,15 +370,15 @@ bool Backup_Engine::Impl::write_objects() {
     filter = std::make_unique<Counting_Filter>(*order.filter);
   if (ledger)
     ledger->tell_full_folder_objects([this](const S3_Ledger::Folder_Object& one) { account.full_folder(one); });
-  lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(order.seq), events.get(),
-                                        filter.get(), static_cast<int>(order.scan_threads));
+  lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(seq), events.get(), filter.get(),
+                                        static_cast<int>(order.scan_threads));
   if (lister.null()) {
     fail(E_LIST_SOURCE, "The source's lister cannot be made.");
     return false;
   }
   shared.limits = order.limits;
   shared.codec = order.codec;
-  shared.seq = order.seq;
+  shared.seq = seq;
   shared.rate_limit = order.io.channel_rate_limit;
   shared.callback = callback;
   shared.queue = &queue;
@@ -390,10 +410,11 @@ std::string Backup_Engine::Impl::copied_record() {
   Set_Record record = describe_set(metadata);
   record.uuid = order.uuid;
   record.uri = uri;
-  record.incarnation = base ? base->incarnation() : order.uuid;
+  // The number goes on in the same chain, whether the set before could be opened or not.
+  record.incarnation = base ? base->incarnation() : order.incremental ? chain : order.uuid;
   if (base)
     record.bases.push_back(base->uuid());
-  record.seq = order.seq;
+  record.seq = seq;
   record.channels = static_cast<unsigned>(channels.size());
   record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
   record.source_size = record.backup_set_size = account.saved_bytes();
@@ -414,6 +435,7 @@ bool Backup_Engine::Impl::complete() {
     fail(E_WRITE_MEDIUM, catalog->error());
     return false;
   }
+  account.set_holds(catalog->counts().objects);
   const Set_Copy copy{copied_record(), pool.set_folder(uri) + "/" + catalog::FILE_NAME};
   if (!channels[0]->finish(&copy))
     return false;
@@ -426,7 +448,7 @@ bool Backup_Engine::Impl::complete() {
     metadata.media.push_back(std::move(medium));
     set_bytes += channels[i]->size();
   }
-  metadata.seq = order.seq;
+  metadata.seq = seq;
   metadata.channels = static_cast<unsigned>(channels.size());
   metadata.set_uri = uri;
   metadata.data_key = order.codec.cipher ? order.codec.cipher->wrapped() : std::string();

@@ -4,6 +4,7 @@
 #include "platform/mtf/object_image.h"
 #include "platform/mtf/run_account.h"
 #include "platform/pool/pool.h"
+#include "platform/pool/set_numbers.h"
 #include "sdk/mtf/mtf_backup.h"
 
 #include <list>
@@ -19,7 +20,8 @@ struct Backup_Order {
   std::string uuid;       ///< of the set
   std::string uri_prefix; ///< "HOST/RESOURCE/ACTIVITY", or one of which only HOST and RESOURCE count
   unsigned base_seq = 0;  ///< of the last set of the chain; 0: none
-  unsigned seq = 0;       ///< number of the new set; 0: the one behind `base_seq`
+  std::string base_uuid;  ///< of that set; empty: `base_seq` says it
+  Set_Numbers numbers;    ///< of other sets, beside those that lie in the pool: the new one gets none of them
   bool incremental = false;
   unsigned channels = 1;
   unsigned scan_threads = 8;

@@ -562,6 +562,35 @@ TEST_F(Continuation, unfinished_incremental_is_gone_on_with_too) {
   expect_set_over({"host/res/full", "host/res/killed"});
 }
 
+TEST_F(Continuation, what_cannot_be_taken_up_is_named_and_taken_up_by_a_later_run) {
+  fill(60, 2000, 57);
+  leave("killed", 0.8);
+  const std::string medium = pool_.set_folder("host/res/killed/channel-0001.mtf");
+  fs::rename(medium, root_ + "/away");
+  fs::create_symlink(medium, medium); // leads nowhere for ever
+  next("set-2");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code()) << "every object is in the set";
+  EXPECT_EQ(60u, events_->figure("saved"));
+  EXPECT_EQ(0u, events_->figure("continued"));
+  const std::string told = events_->message(pool_.set_folder("host/res/killed"));
+  EXPECT_NE(std::string::npos, told.find(medium)) << told;
+  EXPECT_EQ(std::vector<std::string>{"host/res/killed"}, [this] {
+    auto left = pool_.unfinished("host/res");
+    left.erase(std::remove(left.begin(), left.end(), "host/res/set-2"), left.end());
+    return left;
+  }());
+  engine_.reset();
+  ASSERT_TRUE(pool_.remove_set("host/res/set-2", error_)) << error_;
+  fs::remove(medium);
+  fs::rename(root_ + "/away", medium);
+  next("set-3");
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_GT(events_->figure("continued"), 20u);
+  EXPECT_EQ("", events_->message(pool_.set_folder("host/res/killed")));
+  expect_media_are_valid();
+}
+
 TEST_F(Continuation, unfinished_run_of_another_source_is_left_alone) {
   fill(20, 100, 56);
   leave("killed", 1);
@@ -731,6 +760,8 @@ TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
   Catalog_Object unseen;
   ASSERT_TRUE(catalog->find("c/unseen", unseen, error_)) << error_;
   EXPECT_EQ(catalog::FLAG_UNSEEN, unseen.flags & catalog::FLAG_UNSEEN);
+  EXPECT_EQ(catalog->counts().objects, events_->figure("objects"));
+  EXPECT_LT(events_->figure("saved") + events_->figure("unchanged"), events_->figure("objects"));
   EXPECT_FALSE(catalog->find("b/y/inside", unseen, error_));
 }
 
@@ -764,6 +795,7 @@ TEST_F(Backup, older_version_is_kept_where_the_new_one_cannot_be_read) {
     const auto catalog = Catalog_Reader::open(folder(), error_);
     ASSERT_TRUE(catalog) << error_;
     EXPECT_EQ(11u, catalog->counts().objects);
+    EXPECT_EQ(11u, events_->figure("objects")) << "what is kept is in the set too";
     for (const std::string& path : hurt) {
       EXPECT_TRUE(events_->message("/" + path).ends_with(" The version of 2023-11-14 22:13:20 is kept.")) << path;
       Catalog_Object object;
@@ -1301,6 +1333,80 @@ TEST_F(Backup, prefix_that_is_taken_gets_a_new_folder_beside_it) {
   order_.uri_prefix = "host/res/";
   ASSERT_TRUE(run()) << engine_->failure();
   EXPECT_EQ("host/res/set-3", metadata_.set_uri);
+}
+
+/// A place in the pool that has sets of the numbers given, all empty.
+class Numbering : public Backup {
+protected:
+  void add(const std::string& uuid, unsigned seq, const std::string& start) {
+    order_.uuid = uuid;
+    order_.uri_prefix = "host/res/" + uuid;
+    ASSERT_TRUE(run()) << engine_->failure();
+    Set_Record record;
+    record.uuid = uuid;
+    record.seq = seq;
+    record.uri = metadata_.set_uri;
+    record.start_time = start;
+    ASSERT_TRUE(write_set_record(folder(), record, error_)) << error_;
+  }
+  /// The number that a set gets which is compared with number `base`; of a full set when that is 0.
+  unsigned number(unsigned base) {
+    order_.uuid = "next";
+    order_.uri_prefix = "host/res/next";
+    order_.incremental = base != 0;
+    order_.base_seq = base;
+    EXPECT_TRUE(run()) << engine_->failure();
+    engine_.reset();
+    EXPECT_TRUE(pool_.remove_set(metadata_.set_uri, error_)) << error_;
+    return metadata_.seq;
+  }
+};
+
+TEST_F(Numbering, no_set_gets_a_number_of_one_that_lies_in_the_pool) {
+  EXPECT_EQ(1u, number(0));
+  add("one", 1, "2026-01-01 00:00:00");
+  add("two", 2, "2026-01-02 00:00:00");
+  EXPECT_EQ(3u, number(0));
+  EXPECT_EQ(3u, number(1));
+  EXPECT_EQ(3u, number(2));
+  add("last but one", 65534, "2025-01-01 00:00:00");
+  EXPECT_EQ(3u, number(0));
+  EXPECT_EQ(65535u, number(65534));
+  add("last", 65535, "2025-01-02 00:00:00");
+  EXPECT_EQ(3u, number(0));
+  EXPECT_EQ(3u, number(65534));
+}
+
+TEST_F(Numbering, no_set_gets_a_number_that_only_the_agent_knows) {
+  order_.numbers.take(1);
+  order_.numbers.take(2);
+  EXPECT_EQ(3u, number(0));
+  add("one", 1, "2026-01-01 00:00:00");
+  EXPECT_EQ(3u, number(1));
+}
+
+TEST_F(Numbering, without_a_free_number_there_is_no_set) {
+  for (unsigned seq = 1; seq <= Set_Numbers::LAST; ++seq)
+    order_.numbers.take(seq);
+  EXPECT_FALSE(run());
+  EXPECT_NE(std::string::npos, engine_->failure().find("have taken all numbers")) << engine_->failure();
+  EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+}
+
+TEST_F(Numbering, of_bases_with_one_number_the_one_that_is_named_is_compared_with) {
+  fill(5, 100, 61);
+  add("first", 2, "2026-01-01 00:00:00");
+  fill(5, 100, 62);
+  add("second", 2, "2026-01-02 00:00:00");
+  number(2);
+  EXPECT_EQ("second", metadata_.base_uuid);
+  order_.base_uuid = "first";
+  number(2);
+  EXPECT_EQ("first", metadata_.base_uuid);
+  // One that a merge has replaced meanwhile.
+  order_.base_uuid = "neither";
+  number(2);
+  EXPECT_EQ("second", metadata_.base_uuid);
 }
 
 TEST_F(Backup, what_cannot_begin_says_why) {

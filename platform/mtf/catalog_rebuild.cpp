@@ -224,6 +224,7 @@ private:
     if (cipher_ && !record.sealed.empty() && !open_record(*cipher_, record, why))
       problem(why);
     record.uri = uri_;
+    record.figures["objects"] = report_.objects;
     record.figures["rebuilt"] = report_.exact ? "copy" : "media";
     record.channels = std::max<unsigned>(record.channels, media_.back().channel + 1);
     record.media.clear();

@@ -126,33 +126,36 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
 
 } // namespace
 
+bool read_medium_set(const Medium_Source& source, Medium_Set& set, std::string& error) {
+  Medium_Window window(source, FLB);
+  unsigned family = 0;
+  if (!find_family(source, family)) {
+    error = source.path() + NO_MEDIUM;
+    return false;
+  }
+  set = Medium_Set();
+  if (read_set_at(window, VOLB_OFFSET, VOLB, set))
+    return true;
+  // The end does not tell the family, and who reads the medium needs it.
+  set = Medium_Set();
+  unsigned long long end = 0;
+  std::string ignored;
+  if (find_set_end(window, source.size(), end, ignored) && read_set_at(window, end, ESET, set)) {
+    set.family = family;
+    return true;
+  }
+  error = source.path() + " does not say which set it belongs to: its volume block is damaged";
+  return false;
+}
+
 bool read_medium_set(const std::string& path, Medium_Set& set, std::string& error) {
   try {
     const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error);
-    if (!source)
-      return false;
-    Medium_Window window(*source, FLB);
-    unsigned family = 0;
-    if (!find_family(*source, family)) {
-      error = path + NO_MEDIUM;
-      return false;
-    }
-    set = Medium_Set();
-    if (read_set_at(window, VOLB_OFFSET, VOLB, set))
-      return true;
-    // The end does not tell the family, and who reads the medium needs it.
-    set = Medium_Set();
-    unsigned long long end = 0;
-    std::string ignored;
-    if (find_set_end(window, source->size(), end, ignored) && read_set_at(window, end, ESET, set)) {
-      set.family = family;
-      return true;
-    }
-    error = path + " does not say which set it belongs to: its volume block is damaged";
+    return source && read_medium_set(*source, set, error);
   } catch (const std::bad_alloc&) {
     error = "no memory to read " + path;
+    return false;
   }
-  return false;
 }
 
 std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsigned family, std::string& error,

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+class Medium_Source;
+
 /// How reading a stored object ended.
 enum class Read_Outcome {
   MORE,    ///< some verified bytes were handed out
@@ -56,6 +58,8 @@ struct Medium_Set {
 /// Reads it from the start of a medium, or, of an encrypted set, from its end where the start is damaged (uuid and key,
 /// and the family of the first block, only). False with the reason; a medium that it takes can be opened.
 bool read_medium_set(const std::string& path, Medium_Set& set, std::string& error);
+/// The same from an open one, which knows whether it was read at all. Throws std::bad_alloc.
+bool read_medium_set(const Medium_Source& source, Medium_Set& set, std::string& error);
 
 /// Reads a medium. `object` may be called from several threads on one reader; each object's reader has its own place.
 class Medium_Reader {

@@ -38,13 +38,17 @@ std::shared_ptr<Medium_Source> Medium_Source::open(const std::string& path, std:
 }
 
 bool Medium_Source::read(unsigned long long offset, unsigned char* buffer, size_t size, std::string& error) const {
-  if (watch_ != nullptr)
-    (*watch_)(path_, offset, size);
+  if (watch_ != nullptr && !(*watch_)(path_, offset, size)) {
+    failed_ = true;
+    error = "cannot read the medium " + path_ + " at " + std::to_string(offset) + ": " + std::strerror(EIO);
+    return false;
+  }
   while (size != 0) {
     const ssize_t count = ::pread(fd_, buffer, size, static_cast<off_t>(offset));
     if (count < 0 && errno == EINTR)
       continue;
     if (count <= 0) {
+      failed_ = true;
       error = "cannot read the medium " + path_ + " at " + std::to_string(offset) + ": " +
               (count == 0 ? "it has become shorter" : std::strerror(errno));
       return false;

@@ -4,6 +4,7 @@
 #include "platform/mtf/medium_blocks.h"
 #include "platform/mtf/object_stream.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,19 +19,22 @@ public:
                                              const Set_Cipher_ptr& cipher = nullptr);
   /// Fills `size` bytes from `offset`. False with the reason; what lies behind the end is a failure too.
   bool read(unsigned long long offset, unsigned char* buffer, size_t size, std::string& error) const;
+  /// Whether a read has failed, by any thread, so that what was taken for damage may be none.
+  bool failed() const { return failed_; }
   unsigned long long size() const { return size_; }
   const std::string& path() const { return path_; }
   const Set_Cipher* cipher() const { return cipher_.get(); }
 
-  /// Path, place and size of a read.
-  typedef std::function<void(const std::string&, unsigned long long, size_t)> Watch;
-  /// For tests of what is read and in which order: `told` of every read, by all threads, until it is null again. Not
+  /// Path, place and size of a read; false from it makes the read fail, as a bad disk does.
+  typedef std::function<bool(const std::string&, unsigned long long, size_t)> Watch;
+  /// For tests of what is read, and in which order: `told` of every read, by all threads, until it is null again. Not
   /// while a medium is being read.
   static void watch(const Watch* told) { watch_ = told; }
 
 private:
   static const Watch* watch_;
   int fd_ = -1;
+  mutable std::atomic<bool> failed_{false};
   unsigned long long size_ = 0;
   std::string path_;
   Set_Cipher_ptr cipher_;

@@ -1,6 +1,7 @@
 #include "platform/mtf/changed_medium_test.h"
 #include "platform/mtf/dblk_name.h"
 #include "platform/mtf/medium_rules.h"
+#include "platform/mtf/medium_salvage.h"
 
 #include <xxhash.h>
 
@@ -164,6 +165,23 @@ TEST(medium_structure, what_follows_the_end_of_the_set_is_told) {
     EXPECT_TRUE(tells(problems[0], "something follows the end of the set") || tells(problems[0], "SFMB out of order") ||
                 tells(problems[0], "no block header"))
         << problems[0];
+  }
+}
+
+TEST(medium_structure, what_follows_the_end_of_a_set_that_was_left_is_cut_off) {
+  Changed_Medium medium(OBJECTS);
+  for (const std::string& more : {std::string(1, '\0'), std::string(FLB, '\0'), std::string(5000, 'x')}) {
+    save(medium.path(), medium.bytes() + more);
+    Left_Medium left;
+    left.path = medium.path();
+    std::string error;
+    ASSERT_EQ(look_at_left_medium(left, error), Left_Kind::MEDIUM) << error;
+    ASSERT_TRUE(read_left_medium(
+        left, nullptr, [](const Medium_Finding&) { return true; }, error))
+        << error;
+    ASSERT_TRUE(cut_left_medium(left, error) && end_left_medium(left, nullptr, error)) << error;
+    EXPECT_EQ(left.objects, OBJECTS.size());
+    EXPECT_TRUE(load(medium.path()) == medium.bytes()) << more.size();
   }
 }
 

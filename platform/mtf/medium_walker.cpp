@@ -469,7 +469,8 @@ bool Medium_Walker::walk(std::string& error) {
         data_end_.control_id = control_id_;
         data_end_.totals = totals_;
       }
-      data_end_.finished = ended_;
+      // With something behind its end a set is none: it has to be ended anew.
+      data_end_.finished = ended_ && at_ == source_->size();
       continue;
     }
     if (window_.failed()) {

@@ -21,7 +21,7 @@ public:
     unsigned long long offset = 0; ///< 0: not even the blocks that a medium begins with are whole
     uint64_t control_id = 0;       ///< of the next block
     Medium_Totals totals;
-    bool finished = false; ///< the set has its end
+    bool finished = false; ///< the set has its end, and nothing follows it
   };
   /// When `walk` has returned.
   const Data_End& data_end() const { return data_end_; }

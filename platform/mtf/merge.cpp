@@ -44,13 +44,15 @@ public:
   }
 
   bool run(std::string& error) {
-    if (!take_partial_sets(error) || !begin(error))
+    if (!take_partial_sets(error))
       return false;
-    const bool done = find_live(error) && copy_live(error) && report_.damaged == 0 && end(error);
-    if (!done) {
+    const bool done = begin(error) && find_live(error) && copy_live(error) && report_.damaged == 0 && end(error);
+    // Without the lock there is no folder of ours.
+    if (!done && lock_.held()) {
       if (report_.damaged != 0)
         error = std::to_string(report_.damaged) + " objects are damaged; nothing is merged";
       media_.clear();
+      moves_.reset();
       catalog_ = Catalog_Db();
       std::string why;
       if (!pool_.remove_set(uri_, why))
@@ -380,6 +382,7 @@ private:
     if (!catalog->walk_media(Catalog_Selection(), count, error))
       return false;
     record.source_size = record.backup_set_size = bytes;
+    record.figures["objects"] = catalog->counts().objects;
     record.figures["saved"] = own;
     record.figures["unchanged"] = catalog->counts().objects - own;
     record.figures["continued"] = 0;

@@ -34,103 +34,183 @@ std::string time_text(long long time) {
   return POSIX_Time_To_ISO8601(to_time_t(time), "%Y-%m-%d %H:%M:%S").str();
 }
 
-/// The unfinished catalog, and whatever else the run was about to write.
-void remove_all_but_media(const std::string& folder, const Set_Record& record) {
+/// What the files in a folder hold, as far as that can be seen.
+unsigned long long bytes_in(const std::string& folder) {
+  unsigned long long bytes = 0;
   std::error_code code;
-  std::vector<fs::path> others;
   for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
-    const std::string name = it->path().filename().string();
-    if (name != Set_Lock::FILE_NAME && std::none_of(record.media.begin(), record.media.end(),
-                                                    [&](const Set_Record::Medium& one) { return one.name == name; }))
-      others.push_back(it->path());
+    std::error_code none;
+    const auto size = it->file_size(none);
+    bytes += none ? 0 : size;
   }
-  for (const fs::path& path : others)
-    fs::remove_all(path, code);
+  return bytes;
 }
 
-/// The cipher of the set that the media of an unfinished folder belong to. True, with none, where no medium tells.
-bool find_cipher(const Pool& pool, const std::string& folder, Set_Cipher_ptr& cipher, std::string& error) {
-  for (unsigned channel = 0; channel < MAX_GAP; ++channel) {
-    Medium_Set set;
-    std::string ignored;
-    if (exists(folder + "/" + medium_name(channel)) &&
-        read_medium_set(folder + "/" + medium_name(channel), set, ignored))
-      return open_set_cipher(pool, set.uuid, set.wrapped_key, cipher, error);
-  }
-  return true;
-}
+/// What became of an unfinished folder.
+enum class Salvage {
+  PARTIAL, ///< it is a partial set
+  NOTHING, ///< all of it was read, and nothing in it is whole
+  STAYS    ///< something failed; what is whole in it still is
+};
 
-/// Makes a partial set of one unfinished folder. False when there is nothing to make it of.
-bool make_partial(const Pool& pool, const std::string& uri, Set_Record& record, std::string& error) {
-  const std::string folder = pool.set_folder(uri);
-  Set_Cipher_ptr cipher;
-  if (!find_cipher(pool, folder, cipher, error))
-    return false;
-  const std::unique_ptr<Catalog_Staging> staging = Catalog_Staging::make(error, cipher);
-  if (!staging)
-    return false;
-  record = Set_Record();
-  long long begun = 0;
-  for (unsigned channel = 0, gap = 0; channel < MAX_MEDIA && gap < MAX_GAP; ++channel, ++gap) {
-    const std::string name = medium_name(channel);
-    const std::string path = folder + "/" + name;
-    if (!exists(path))
-      continue;
-    gap = 0;
-    Salvaged_Medium medium;
-    std::string why;
-    const bool whole = salvage_medium(
-        path, cipher, [&](const Medium_Finding& finding) { return staging->add(found_object(finding, channel)); },
-        medium, why);
-    if (!staging->error().empty()) {
-      error = staging->error();
-      return false;
-    }
-    if (!whole || medium.objects == 0) {
-      if (whole || error.empty())
-        error = why;
-      // Objects that were told before it failed are of no use without it.
-      if (medium.objects != 0)
+/// Makes a partial set of one unfinished folder. All of it is read before anything in it is changed, and no change
+/// touches what is whole: so it can fail, or be cut short, at every step, and be done again.
+class Unfinished_Set {
+public:
+  Unfinished_Set(const Pool& pool, const std::string& uri) : pool_(pool), uri_(uri), folder_(pool.set_folder(uri)) {}
+
+  Salvage make_partial(Set_Record& record, std::string& error) {
+    if (!find_media(error))
+      return Salvage::STAYS;
+    if (media_.empty())
+      return Salvage::NOTHING;
+    const Medium_Set& set = media_.front().medium.set;
+    if (!open_set_cipher(pool_, set.uuid, set.wrapped_key, cipher_, error) || !read_media(error))
+      return Salvage::STAYS;
+    if (staging_->objects() == 0)
+      return Salvage::NOTHING;
+    describe(record);
+    if (change(record, error))
+      return Salvage::PARTIAL;
+    give_room();
+    return Salvage::STAYS;
+  }
+
+private:
+  struct Channel {
+    unsigned number;
+    Left_Medium medium;
+  };
+
+  bool find_media(std::string& error) {
+    for (unsigned channel = 0, gap = 0; channel < MAX_MEDIA && gap < MAX_GAP; ++channel, ++gap) {
+      Channel one{channel, {}};
+      one.medium.path = folder_ + "/" + medium_name(channel);
+      struct stat status;
+      if (::lstat(one.medium.path.c_str(), &status) != 0) {
+        if (errno == ENOENT)
+          continue;
+        error = "cannot look at " + one.medium.path + ": " + std::strerror(errno);
         return false;
-      ::unlink(path.c_str());
-      continue;
+      }
+      gap = 0;
+      std::string why;
+      const Left_Kind kind = look_at_left_medium(one.medium, why);
+      if (kind == Left_Kind::NOTHING)
+        continue;
+      error = why;
+      if (kind == Left_Kind::UNREAD)
+        return false;
+      media_.push_back(std::move(one));
+      const std::string& uuid = media_.back().medium.set.uuid;
+      if (uuid != media_.front().medium.set.uuid) {
+        error = media_.back().medium.path + " belongs to another set (" + uuid + ") than the media before it";
+        return false;
+      }
     }
-    if (record.uuid.empty()) {
-      record.uuid = medium.set.uuid;
-      record.name = medium.set.name;
-      begun = medium.set.write_date;
-    } else if (record.uuid != medium.set.uuid) {
-      error = path + " belongs to another set (" + medium.set.uuid + ") than the media before it";
-      return false;
-    }
-    record.media.push_back({name, medium.size, medium.set.family});
-    record.backup_set_storage_size += medium.size;
-    record.channels = channel + 1;
+    return true;
   }
-  if (staging->objects() == 0)
-    return false;
-  error.clear();
-  record.uri = uri;
-  record.host_uuid = uri.substr(0, uri.find('/'));
-  record.minor_resource_id = uri.substr(record.host_uuid.size() + 1, uri.rfind('/') - record.host_uuid.size() - 1);
-  record.type = "partial";
-  record.encryption = cipher ? "aes-256-gcm" : "none";
-  record.start_time = time_text(begun);
-  record.end_time = time_text(Clock::instance().now());
-  record.source_size = record.backup_set_size = staging->bytes();
-  record.figures["saved"] = staging->objects();
 
-  remove_all_but_media(folder, record);
-  const auto catalog = Catalog_Writer::create(folder, error, cipher);
-  if (!catalog)
-    return false;
-  if (!catalog->add_set({0, record.uuid, uri, 0}) || !staging->write(*catalog) || !catalog->finish()) {
-    error = staging->error().empty() ? catalog->error() : staging->error();
+  /// Puts what is whole into `staging_`, and forgets media without any.
+  bool read_media(std::string& error) {
+    staging_ = Catalog_Staging::make(error, cipher_);
+    if (!staging_)
+      return false;
+    for (Channel& one : media_) {
+      const auto found = [&](const Medium_Finding& finding) {
+        return staging_->add(found_object(finding, one.number));
+      };
+      if (!read_left_medium(one.medium, cipher_, found, error)) {
+        if (!staging_->error().empty())
+          error = staging_->error();
+        return false;
+      }
+    }
+    media_.erase(
+        std::remove_if(media_.begin(), media_.end(), [](const Channel& one) { return one.medium.objects == 0; }),
+        media_.end());
+    return true;
+  }
+
+  void describe(Set_Record& record) const {
+    const Medium_Set& set = media_.front().medium.set;
+    record = Set_Record();
+    record.uuid = set.uuid;
+    record.name = set.name;
+    record.uri = uri_;
+    record.host_uuid = uri_.substr(0, uri_.find('/'));
+    record.minor_resource_id = uri_.substr(record.host_uuid.size() + 1, uri_.rfind('/') - record.host_uuid.size() - 1);
+    record.type = "partial";
+    record.encryption = cipher_ ? "aes-256-gcm" : "none";
+    record.start_time = time_text(set.write_date);
+    record.end_time = time_text(Clock::instance().now());
+    record.channels = media_.back().number + 1;
+    record.source_size = record.backup_set_size = staging_->bytes();
+    record.figures["saved"] = staging_->objects();
+  }
+
+  /// What is no use is given up first: on a full disk that is the room for what is written then. The record makes it a
+  /// partial set, so all else is durable before.
+  bool change(Set_Record& record, std::string& error) {
+    remove_all_but_media();
+    for (const Channel& one : media_)
+      if (!cut_left_medium(one.medium, error))
+        return false;
+    if (!write_catalog(error))
+      return false;
+    for (Channel& one : media_) {
+      if (!end_left_medium(one.medium, cipher_, error))
+        return false;
+      record.media.push_back({medium_name(one.number), one.medium.size, one.medium.set.family});
+      record.backup_set_storage_size += one.medium.size;
+    }
+    return seal_record(cipher_, record, error) && sync_folder(folder_, error) &&
+           write_partial_record(folder_, record, error);
+  }
+
+  bool write_catalog(std::string& error) {
+    const auto catalog = Catalog_Writer::create(folder_, error, cipher_);
+    if (!catalog)
+      return false;
+    const std::string& uuid = media_.front().medium.set.uuid;
+    if (catalog->add_set({0, uuid, uri_, 0}) && staging_->write(*catalog) && catalog->finish())
+      return true;
+    error = staging_->error().empty() ? catalog->error() : staging_->error();
     return false;
   }
-  return seal_record(cipher, record, error) && sync_folder(folder, error) &&
-         write_partial_record(folder, record, error);
-}
+
+  /// The unfinished catalog, media without anything whole, and whatever else the run was about to write.
+  void remove_all_but_media() const {
+    std::error_code code;
+    std::vector<fs::path> others;
+    for (fs::directory_iterator it(folder_, code), end; !code && it != end; it.increment(code)) {
+      const std::string name = it->path().filename().string();
+      if (name != Set_Lock::FILE_NAME && std::none_of(media_.begin(), media_.end(), [&](const Channel& one) {
+            return medium_name(one.number) == name;
+          }))
+        others.push_back(it->path());
+    }
+    for (const fs::path& path : others)
+      fs::remove_all(path, code);
+  }
+
+  /// Leaves nothing but what is whole. Only a record that is there, and may or may not be durable, forbids it.
+  void give_room() const {
+    struct stat status;
+    if (::lstat((folder_ + "/" + Set_Record::PARTIAL_FILE_NAME).c_str(), &status) == 0 || errno != ENOENT)
+      return;
+    remove_all_but_media();
+    std::string ignored;
+    for (const Channel& one : media_)
+      cut_left_medium(one.medium, ignored);
+  }
+
+  const Pool& pool_;
+  const std::string uri_, folder_;
+  std::vector<Channel> media_;
+  Set_Cipher_ptr cipher_;
+  std::unique_ptr<Catalog_Staging> staging_;
+};
 
 } // namespace
 
@@ -150,25 +230,32 @@ Catalog_Object found_object(const Medium_Finding& finding, unsigned channel) {
 }
 
 void salvage_unfinished(const Pool& pool, const std::string& place, Salvage_Report& report) {
-  for (const std::string& uri : pool.unfinished(place)) {
+  // On a full disk small ones, of which often nothing is left, make room for the others.
+  std::vector<std::pair<unsigned long long, std::string>> left;
+  for (const std::string& uri : pool.unfinished(place))
+    left.emplace_back(bytes_in(pool.set_folder(uri)), uri);
+  std::sort(left.begin(), left.end());
+  for (const auto& [bytes, uri] : left) {
+    const std::string folder = pool.set_folder(uri);
     Set_Lock lock;
     std::string error;
     if (!pool.lock_unfinished(uri, lock, error)) {
       if (!error.empty())
-        report.problems.push_back(error);
+        report.problems.push_back({folder, error});
       continue;
     }
     Set_Record record;
-    if (!exists(pool.set_folder(uri) + "/" + MERGE_MARK) && make_partial(pool, uri, record, error)) {
+    const Salvage made =
+        exists(folder + "/" + MERGE_MARK) ? Salvage::NOTHING : Unfinished_Set(pool, uri).make_partial(record, error);
+    if (made == Salvage::PARTIAL) {
       ++report.salvaged;
       report.objects += json_spirit::find(record.figures, "saved")->get_uint64();
       report.bytes += record.source_size;
-      continue;
-    }
-    if (pool.remove_set(uri, error))
+    } else if (made == Salvage::NOTHING && pool.remove_set(uri, error)) {
       ++report.removed;
-    else
-      report.problems.push_back(error);
+    } else {
+      report.problems.push_back({folder, error});
+    }
   }
 }
 

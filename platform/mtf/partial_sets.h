@@ -22,14 +22,20 @@ constexpr const char* MERGE_MARK = "merging";
 Catalog_Object found_object(const Medium_Finding& finding, unsigned channel);
 
 struct Salvage_Report {
+  /// A folder that stays for the next run, with all that is whole in it.
+  struct Problem {
+    std::string folder;
+    std::string message;
+  };
   unsigned salvaged = 0; ///< folders that became partial sets
-  unsigned removed = 0;  ///< folders that held nothing to use
+  unsigned removed = 0;  ///< folders that were read and hold nothing to use
   unsigned long long objects = 0;
-  unsigned long long bytes = 0;      ///< of their contents
-  std::vector<std::string> problems; ///< folders that stay as they are, and why
+  unsigned long long bytes = 0; ///< of their contents
+  std::vector<Problem> problems;
 };
-/// Makes partial sets of what unfinished runs left at `place` ("HOST/RESOURCE") and removes what cannot be used.
-/// Folders of living runs are left alone. Memory does not depend on the number of objects.
+/// Makes partial sets of what unfinished runs left at `place` ("HOST/RESOURCE"). A folder is removed only when all of
+/// it could be read and nothing whole was found; where anything else fails, as on a full disk, it stays. Folders of
+/// living runs are left alone. Memory does not depend on the number of objects.
 void salvage_unfinished(const Pool& pool, const std::string& place, Salvage_Report& report);
 
 /// The uuids that the catalogs of the sets at `place` name. False, with the reason, when not all could be read.

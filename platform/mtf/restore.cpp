@@ -2,6 +2,7 @@
 
 #include "platform/mtf/restore_engine.h"
 #include "sdk/file_backup/file_backup.h"
+#include "sdk/job/job.h"
 
 struct MTF_Restore::Impl {
   Impl(MTF::Event_Handler_var h, std::shared_ptr<ACE_Log_Msg_Callback> l) : handler(h), log(std::move(l)) {}
@@ -79,6 +80,8 @@ void MTF_Restore::cache_path(const std::string& path) {
 
 bool MTF_Restore::restore(const std::string& target) {
   Impl& i = *impl_;
+  if (Job* const job = Job::current())
+    i.order.set_uuid = job->definition().set_uuid();
   if (i.order.uri_prefix.empty())
     i.order.uri_prefix = i.backup_host_uuid + "/" + i.order.minor_resource_id;
   i.engine.reset(new Restore_Engine(i.order, i.handler, i.log));

@@ -36,6 +36,11 @@ std::string place_of(const std::string& uri) {
   return slash == std::string::npos ? uri : uri.substr(0, uri.find('/', slash + 1));
 }
 
+bool is_wanted(const Set_Record& record, const std::string& uuid) {
+  return uuid.empty() || record.uuid == uuid ||
+         std::find(record.replaces.begin(), record.replaces.end(), uuid) != record.replaces.end();
+}
+
 } // namespace
 
 bool parse_restore_selection(const std::list<json_spirit::Value>& entries, Catalog_Selection& selection,
@@ -76,26 +81,35 @@ bool find_restore_set(const Pool& pool, const Restore_Order& order, Set_Record& 
   const std::string prefix = without_end(order.uri_prefix);
   std::vector<std::string> errors;
   const std::vector<Set_Record> sets = pool.sets(place_of(prefix), errors);
-  const Set_Record* found = nullptr;
+  std::vector<const Set_Record*> found;
   for (const Set_Record& one : sets) {
-    if (one.seq != order.seq || (!order.minor_resource_id.empty() && !one.minor_resource_id.empty() &&
-                                 one.minor_resource_id != order.minor_resource_id))
+    if (one.seq != order.seq || !is_wanted(one, order.set_uuid) ||
+        (!order.minor_resource_id.empty() && !one.minor_resource_id.empty() &&
+         one.minor_resource_id != order.minor_resource_id))
       continue;
     if (one.uri == prefix) {
-      found = &one;
+      found = {&one};
       break;
     }
     // The prefix of an incremental may be that of the full set which began its chain.
     if (order.incarnation.empty() || one.incarnation.empty() || one.incarnation == order.incarnation)
-      found = &one;
+      found.push_back(&one);
   }
-  if (found != nullptr) {
-    record = *found;
+  if (found.size() == 1) {
+    record = *found.front();
     return true;
   }
-  error = "There is no set " + std::to_string(order.seq) + " of '" + prefix + "' in the pool.";
-  for (const std::string& one : errors)
-    error += " " + one + ".";
+  if (found.empty()) {
+    error = "There is no set " + std::to_string(order.seq) + " of '" + prefix + "' in the pool" +
+            (order.set_uuid.empty() ? "." : " that is " + order.set_uuid + ".");
+    for (const std::string& one : errors)
+      error += " " + one + ".";
+    return false;
+  }
+  error = "Several sets of '" + prefix + "' have the number " + std::to_string(order.seq) + ":";
+  for (const Set_Record* one : found)
+    error += " " + one->uuid;
+  error += ".";
   return false;
 }
 

@@ -18,6 +18,7 @@ struct Restore_Order {
   std::string minor_resource_id;
   std::string incarnation;    ///< of the chain that the set belongs to; empty: any
   unsigned long long seq = 0; ///< of the set in its chain
+  std::string set_uuid;       ///< of the set, or of one whose place it took in a merge; empty: any
   std::list<json_spirit::Value> select;
   unsigned concurrent = 16; ///< objects written at the same time
   /// Bytes of memory for objects that are verified whole before they are written, over all channels.
@@ -28,8 +29,8 @@ struct Restore_Order {
 bool parse_restore_selection(const std::list<json_spirit::Value>& entries, Catalog_Selection& selection,
                              std::string& error);
 
-/// The set that an order names among those of the pool: by its folder, else the newest of its place in the chain.
-/// False with the reason.
+/// The set that an order names among those of the pool: by its folder, else by its uuid or place in the chain. False
+/// with the reason: there is none, or there are several.
 bool find_restore_set(const Pool& pool, const Restore_Order& order, Set_Record& record, std::string& error);
 
 /// Runs one restore. Made for one run; one thread.

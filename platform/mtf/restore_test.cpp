@@ -347,6 +347,7 @@ TEST_P(Restore, media_are_read_once_and_in_order) {
   const Medium_Source::Watch watch = [&](const std::string& path, unsigned long long offset, size_t size) {
     std::lock_guard<std::mutex> guard(mutex);
     reads[std::this_thread::get_id()][path].push_back({offset, offset + size});
+    return true;
   };
   Medium_Source::watch(&watch);
   const bool done = run();
@@ -669,6 +670,37 @@ TEST_P(Restore, set_is_found_by_folder_or_by_its_place_in_the_chain) {
   Restore_Engine engine(order_, handler_, nullptr);
   EXPECT_FALSE(engine.run("file://" + root_ + "/none", ""));
   EXPECT_EQ(E_GET_POOL_INFO, engine.err_code());
+}
+
+TEST_P(Restore, of_sets_with_one_number_the_one_that_is_named_is_restored_and_else_none) {
+  fill(3, 100);
+  back_up();
+  Set_Record other = made("set-2", 0, 1u << 20, 1);
+  other.seq = 1;
+  other.replaces = {"before"};
+  ASSERT_TRUE(write_set_record(pool_.set_folder(other.uri), other, error_)) << error_;
+  Set_Record found;
+  const auto find = [&](const std::string& prefix, const std::string& uuid) {
+    order_.uri_prefix = prefix;
+    order_.set_uuid = uuid;
+    found.uuid.clear();
+    error_.clear();
+    return find_restore_set(pool_, order_, found, error_) ? found.uuid : "none";
+  };
+  EXPECT_EQ("set-1", find("host/res/set-1", ""));
+  EXPECT_EQ("set-2", find("host/res/set-2", ""));
+  EXPECT_EQ("set-1", find("host/res", "set-1"));
+  EXPECT_EQ("set-2", find("host/res", "set-2"));
+  EXPECT_EQ("set-2", find("host/res/set-2", "before"));
+  EXPECT_EQ("none", find("host/res", ""));
+  EXPECT_EQ("Several sets of 'host/res' have the number 1: set-1 set-2.", error_);
+  // What lies in the folder is another set.
+  EXPECT_EQ("none", find("host/res", "unknown"));
+  EXPECT_EQ("There is no set 1 of 'host/res' in the pool that is unknown.", error_);
+  order_.uri_prefix = "host/res/set-1";
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_NO_SET, engine_->err_code());
+  EXPECT_TRUE(target_.objects.empty());
 }
 
 TEST_P(Restore, medium_that_is_gone_costs_only_its_objects) {

@@ -192,6 +192,8 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
   result["listed"] = listed;
   result["saved"] = kept ? saved_.load() : 0ull;
   result["continued"] = kept ? continued_.load() : 0ull;
+  if (kept && set_objects_)
+    result["objects"] = *set_objects_;
   result["unchanged"] = kept ? unchanged_.load() : 0ull;
   result["excluded"] = empty_folders_ + excluded_;
   result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + lost_ + not_reached + dropped;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,9 @@ public:
   void selected(unsigned long long count) { listed_ = count; }
   /// Something that was asked for by name and is not there: no object, but a problem.
   void absent(const std::string& path);
+  /// There will be a set whose catalog has so many objects: more than were saved or unchanged, where some that the run
+  /// did not see, or could not read, were kept from the set before.
+  void set_holds(unsigned long long objects) { set_objects_ = objects; }
   /// Problems are also written there; null: nowhere any more.
   void catalog(Catalog_Writer* catalog) { catalog_ = catalog; }
 
@@ -108,6 +112,7 @@ private:
   unsigned long long listed_ = 0;   ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long excluded_ = 0; ///< by the filter
   unsigned long long lost_ = 0;
+  std::optional<unsigned long long> set_objects_;
   bool counted_ = false; ///< `listed_` is the S3 layer's: nothing in here may change it
   unsigned long long empty_folders_ = 0;
   unsigned long long full_folders_ = 0;

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <set>
 
 namespace fs = std::filesystem;
@@ -20,6 +21,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* POOL_FILE = "pool.json";
+/// What a process that was killed while it wrote that one leaves.
+constexpr const char* TORN_POOL_FILE = "pool.json.tmp";
 /// What the names of sets that are being removed begin with.
 constexpr const char* REMOVED = ".removed-";
 /// A plain pool is of format 1, an encrypted one of format 2.
@@ -152,6 +155,23 @@ std::string parent_of(const std::string& uri) {
 
 namespace {
 
+std::mutex pool_file_mutex; // the threads of a process share a pool's lock: guards the writing of its file
+
+/// Whether the folder holds nothing but what a process that was killed while it made a pool may have left.
+bool is_free(const std::string& folder, std::string& error) {
+  std::error_code code;
+  for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
+    const std::string name = it->path().filename().string();
+    if (name != Process_Lock::FILE_NAME && name != TORN_POOL_FILE) {
+      error = "pool folder " + folder + " is not empty";
+      return false;
+    }
+  }
+  if (code)
+    error = "cannot read pool folder " + folder + ": " + code.message();
+  return !code;
+}
+
 bool make_pool(const std::string& folder, const json_spirit::Object& json, std::string& error) {
   std::error_code code;
   fs::create_directories(folder, code);
@@ -159,11 +179,13 @@ bool make_pool(const std::string& folder, const json_spirit::Object& json, std::
     error = "cannot make pool folder " + folder + ": " + code.message();
     return false;
   }
-  if (!fs::is_empty(folder, code) || code) {
-    error =
-        code ? "cannot read pool folder " + folder + ": " + code.message() : "pool folder " + folder + " is not empty";
+  // Nothing is put into a folder of somebody else's, and another process may be making the same pool.
+  if (!is_free(folder, error))
     return false;
-  }
+  const auto lock = Process_Lock::acquire(folder, "the pool in " + folder, error);
+  const std::lock_guard<std::mutex> guard(pool_file_mutex);
+  if (!lock || !is_free(folder, error))
+    return false;
   if (!write_durable_file(folder, POOL_FILE, json_spirit::write_formatted(json) + "\n", error))
     return false;
   const std::string parent = fs::path(folder).parent_path().string();
@@ -233,8 +255,10 @@ bool Pool::relock(const Secret_Key& key, const Pool_Secret& secret, const Scrypt
         encrypted_ ? "the key is not that of the pool in " + folder_ : "the pool in " + folder_ + " is not encrypted";
     return false;
   }
-  if (!lock_pool_key(key, uuid_, secret, cost, locked, error) ||
-      !write_durable_file(folder_, POOL_FILE,
+  if (!lock_pool_key(key, uuid_, secret, cost, locked, error))
+    return false;
+  const std::lock_guard<std::mutex> guard(pool_file_mutex);
+  if (!write_durable_file(folder_, POOL_FILE,
                           json_spirit::write_formatted(encrypted_pool(uuid_, key_check_, locked)) + "\n", error))
     return false;
   locked_key_ = locked;
@@ -366,7 +390,12 @@ std::vector<Set_Record> Pool::partial_sets(const std::string& prefix, std::vecto
 }
 
 std::shared_ptr<Process_Lock> Pool::lock(std::string& error) const {
-  return Process_Lock::acquire(folder_, "the pool in " + folder_, error);
+  auto lock = Process_Lock::acquire(folder_, "the pool in " + folder_, error);
+  if (lock) {
+    const std::lock_guard<std::mutex> guard(pool_file_mutex);
+    ::unlink((folder_ + "/" + TORN_POOL_FILE).c_str());
+  }
+  return lock;
 }
 
 bool Pool::make_set_folder(const std::string& uri, std::string& error) const {

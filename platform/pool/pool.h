@@ -20,7 +20,8 @@
 /// A value; any thread.
 class Pool {
 public:
-  /// Makes a pool in an empty or missing folder. False with the reason (not a file URL, not empty, not writable).
+  /// Makes a pool in an empty or missing folder, or one in which that was cut short. False with the reason (not a file
+  /// URL, not empty, not writable, another process is making one there).
   static bool create(const std::string& url, const std::string& uuid, std::string& error);
   /// The same for an encrypted pool, whose key is made here and locked with `secret`.
   static bool create(const std::string& url, const std::string& uuid, const Pool_Secret& secret,
@@ -38,6 +39,7 @@ public:
   /// Unlocks the key of an encrypted pool. False with the reason, which tells a wrong secret from damage.
   bool unlock(const Pool_Secret& secret, Secret_Key& key, std::string& error) const;
   /// Locks the pool's key with another secret; the file is as before or as after. What is in the pool stays as it is.
+  /// The caller has locked the pool.
   bool relock(const Secret_Key& key, const Pool_Secret& secret, const Scrypt_Cost& cost, std::string& error);
   std::string set_folder(const std::string& uri) const { return folder_ + "/" + uri; }
 
@@ -50,7 +52,8 @@ public:
   std::vector<Set_Record> replaced_sets(const std::string& prefix) const;
   /// Records of the partial sets there, newest first.
   std::vector<Set_Record> partial_sets(const std::string& prefix, std::vector<std::string>& errors) const;
-  /// Locks the pool against other processes that would change it. Null with a message that names who has it.
+  /// Locks the pool against other processes that would change it, and removes what a killed one left of the pool's
+  /// file. Null with a message that names who has it.
   std::shared_ptr<Process_Lock> lock(std::string& error) const;
   /// Makes the folder of a new set. False with the reason, also when it exists.
   bool make_set_folder(const std::string& uri, std::string& error) const;

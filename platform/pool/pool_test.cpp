@@ -78,6 +78,59 @@ TEST_F(Pools, what_is_no_pool_is_refused_by_reason) {
   }
 }
 
+TEST_F(Pools, pool_whose_making_was_killed_is_made_again) {
+  fs::create_directory(root_ + "/pool");
+  std::ofstream(root_ + "/pool/pool.json.tmp") << "{";
+  std::ofstream(root_ + "/pool/.lock") << "1\n";
+  make();
+  EXPECT_FALSE(fs::exists(root_ + "/pool/pool.json.tmp"));
+}
+
+TEST_F(Pools, pool_that_another_process_is_making_is_left_alone) {
+  fs::create_directory(root_ + "/pool");
+  std::ofstream(root_ + "/pool/pool.json.tmp") << "half";
+  int ready[2], end[2];
+  ASSERT_EQ(0, ::pipe(ready));
+  ASSERT_EQ(0, ::pipe(end));
+  const pid_t child = fork();
+  if (child == 0) {
+    ::close(end[1]);
+    const int fd = ::open((root_ + "/pool/.lock").c_str(), O_CREAT | O_RDWR, 0600);
+    char byte = fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 'y' : 'n';
+    _exit(::write(ready[1], &byte, 1) == 1 && ::read(end[0], &byte, 1) == 0 ? 0 : 1);
+  }
+  ::close(end[0]);
+  char byte = 0;
+  ASSERT_EQ(1, ::read(ready[0], &byte, 1));
+  ASSERT_EQ('y', byte);
+  EXPECT_FALSE(Pool::create(url_, "uuid-1", error_));
+  EXPECT_NE(std::string::npos, error_.find("in use")) << error_;
+  EXPECT_EQ("half", text(root_ + "/pool/pool.json.tmp"));
+  for (const int fd : {end[1], ready[0], ready[1]})
+    ::close(fd);
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+  make();
+}
+
+TEST_F(Pools, nothing_is_put_into_a_folder_that_is_no_pool) {
+  fs::create_directory(root_ + "/pool");
+  std::ofstream(root_ + "/pool/letter") << "dear";
+  EXPECT_FALSE(Pool::create(url_, "uuid-1", error_));
+  EXPECT_NE(std::string::npos, error_.find("not empty")) << error_;
+  EXPECT_FALSE(fs::exists(root_ + "/pool/.lock"));
+}
+
+TEST_F(Pools, what_is_left_of_a_new_pool_file_goes_with_the_next_change) {
+  make();
+  const std::string before = text(root_ + "/pool/pool.json");
+  std::ofstream(root_ + "/pool/pool.json.tmp") << "{ torn";
+  EXPECT_TRUE(pool_.lock(error_)) << error_;
+  EXPECT_FALSE(fs::exists(root_ + "/pool/pool.json.tmp"));
+  EXPECT_EQ(before, text(root_ + "/pool/pool.json"));
+}
+
 TEST_F(Pools, percent_escapes_name_the_folder) {
   ASSERT_TRUE(Pool::create("file://" + root_ + "/with%20space", "u", error_)) << error_;
   EXPECT_TRUE(fs::exists(root_ + "/with space/pool.json"));

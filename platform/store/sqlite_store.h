@@ -53,8 +53,8 @@ public:
             bool all, std::vector<Set>& sets, std::string& error) override;
   bool newest_set(const std::string& pool_uuid, const std::string& minor_resource_id, Set& set, bool& found,
                   std::string& error) override;
-  bool find_set_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq, Set& set,
-                       bool& found, std::string& error) override;
+  bool sets_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq,
+                   std::vector<Set>& sets, std::string& error) override;
 
   bool put_note(const std::string& kind, const std::string& key, const std::string& text, std::string& error) override;
   bool find_note(const std::string& kind, const std::string& key, std::string& text, bool& found,

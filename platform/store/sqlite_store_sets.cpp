@@ -1,10 +1,50 @@
 #include "platform/store/sqlite_store.h"
 
+#include <algorithm>
+#include <map>
+#include <string_view>
+
 #define SET_COLUMNS                                                                                                    \
   "uuid,pool_uuid,account_uuid,minor_resource_id,minor_resource_name,name,seq,channels,incarnation,uri,type,"          \
   "start_time,end_time,source_size,backup_set_size,backup_set_storage_size,objects,state"
 
+// A set whose row comes late, as one that was made again from its media, is no newer for that.
+#define OLDEST_FIRST " ORDER BY start_time, added"
+
 namespace {
+
+typedef std::vector<Set>::iterator Set_Iterator;
+
+/// Whether one of the sets stands before one that it was compared with.
+bool is_before_base(Set_Iterator begin, Set_Iterator end) {
+  std::map<std::string_view, Set_Iterator> places;
+  for (Set_Iterator set = begin; set != end; ++set)
+    places.emplace(set->uuid, set);
+  for (Set_Iterator set = begin; set != end; ++set)
+    for (const std::string& base : set->bases)
+      if (const auto place = places.find(base); place != places.end() && place->second > set)
+        return true;
+  return false;
+}
+
+/// Of one second, a set stands behind those that it was compared with, in whatever order they became known.
+void put_behind_bases(std::vector<Set>& sets) {
+  for (Set_Iterator begin = sets.begin(), end; begin != sets.end(); begin = end) {
+    end = std::find_if(begin, sets.end(), [&](const Set& set) { return set.start_time != begin->start_time; });
+    if (end - begin == 1 || !is_before_base(begin, end))
+      continue;
+    for (Set_Iterator set = begin; set != end; ++set) {
+      // As often as there are sets: bases may go in a circle.
+      auto moves = end - set;
+      for (Set_Iterator later = set + 1; later != end && moves != 0; ++later)
+        if (std::find(set->bases.begin(), set->bases.end(), later->uuid) != set->bases.end()) {
+          std::rotate(set, later, later + 1);
+          later = set;
+          --moves;
+        }
+    }
+  }
+}
 
 bool first_of(std::vector<Set>& rows, Set& set, bool& found) {
   found = !rows.empty();
@@ -251,7 +291,7 @@ bool SQLite_Store::find_set(const std::string& uuid, Set& set, bool& found, std:
 bool SQLite_Store::sets_by_prefix(const std::string& prefix, std::vector<Set>& sets, std::string& error) {
   const std::lock_guard<std::mutex> guard(mutex_);
   Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE state='online' AND "
-                              "substr(uuid,1,length(?1))=?1 ORDER BY added");
+                              "substr(uuid,1,length(?1))=?1" OLDEST_FIRST);
   sets.clear();
   return read_sets(select.text(prefix), sets, error);
 }
@@ -261,26 +301,31 @@ bool SQLite_Store::sets(const std::string& pool_uuid, const std::string& account
   const std::lock_guard<std::mutex> guard(mutex_);
   Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE (?1='' OR pool_uuid=?1) AND "
                               "(?2='' OR account_uuid=?2) AND (?3='' OR minor_resource_id=?3) AND "
-                              "(?4 OR state='online') ORDER BY added");
+                              "(?4 OR state='online')" OLDEST_FIRST);
   sets.clear();
-  return read_sets(select.text(pool_uuid).text(account_uuid).text(minor_resource_id).number(all), sets, error);
+  if (!read_sets(select.text(pool_uuid).text(account_uuid).text(minor_resource_id).number(all), sets, error))
+    return false;
+  put_behind_bases(sets);
+  return true;
 }
 
 bool SQLite_Store::newest_set(const std::string& pool_uuid, const std::string& minor_resource_id, Set& set, bool& found,
                               std::string& error) {
   const std::lock_guard<std::mutex> guard(mutex_);
   std::vector<Set> rows;
-  Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE pool_uuid=? AND minor_resource_id=? AND "
-                              "state='online' ORDER BY added DESC LIMIT 1");
+  Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE pool_uuid=?1 AND minor_resource_id=?2 AND "
+                              "state='online' AND CAST(uuid AS BLOB) NOT IN (SELECT item FROM sets AS later JOIN items "
+                              "ON owner=later.uuid AND kind='base' WHERE later.pool_uuid=?1 AND "
+                              "later.minor_resource_id=?2 AND later.state='online') "
+                              "ORDER BY start_time DESC, added DESC LIMIT 1");
   return read_sets(select.text(pool_uuid).text(minor_resource_id), rows, error) && first_of(rows, set, found);
 }
 
-bool SQLite_Store::find_set_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq,
-                                   Set& set, bool& found, std::string& error) {
+bool SQLite_Store::sets_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq,
+                               std::vector<Set>& sets, std::string& error) {
   const std::lock_guard<std::mutex> guard(mutex_);
-  std::vector<Set> rows;
   Store_Statement select(db_, "SELECT " SET_COLUMNS " FROM sets WHERE pool_uuid=? AND minor_resource_id=? AND seq=? "
-                              "AND state='online' ORDER BY added DESC LIMIT 1");
-  return read_sets(select.text(pool_uuid).text(minor_resource_id).number(seq), rows, error) &&
-         first_of(rows, set, found);
+                              "AND state='online'" OLDEST_FIRST);
+  sets.clear();
+  return read_sets(select.text(pool_uuid).text(minor_resource_id).number(seq), sets, error);
 }

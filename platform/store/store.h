@@ -82,15 +82,17 @@ public:
   virtual bool find_set(const std::string& uuid, Set& set, bool& found, std::string& error) = 0;
   /// Online sets whose uuid begins with `prefix`, oldest first.
   virtual bool sets_by_prefix(const std::string& prefix, std::vector<Set>& sets, std::string& error) = 0;
-  /// Sets, oldest first, also those that are gone when `all`; an empty argument does not narrow.
+  /// Sets, oldest first by the time at which they began, also those that are gone when `all`; an empty argument does
+  /// not narrow. Of one second, a set stands behind those that it was compared with, else as the rows were added.
   virtual bool sets(const std::string& pool_uuid, const std::string& account_uuid, const std::string& minor_resource_id,
                     bool all, std::vector<Set>& sets, std::string& error) = 0;
-  /// The online set of a resource in a pool that was added last.
+  /// The online set of a resource in a pool that began last. One that another online set was compared with is never
+  /// it, whatever the clock said.
   virtual bool newest_set(const std::string& pool_uuid, const std::string& minor_resource_id, Set& set, bool& found,
                           std::string& error) = 0;
-  /// The same among those with that sequence number: numbers repeat from chain to chain.
-  virtual bool find_set_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq,
-                               Set& set, bool& found, std::string& error) = 0;
+  /// All online sets of a resource in a pool with that number, oldest first: there may be several.
+  virtual bool sets_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq,
+                           std::vector<Set>& sets, std::string& error) = 0;
 
   // Small texts that the platform keeps, by kind and key.
   virtual bool put_note(const std::string& kind, const std::string& key, const std::string& text,

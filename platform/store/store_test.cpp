@@ -436,7 +436,7 @@ TEST_P(Store_Contract, a_set_comes_back_as_it_was) {
   EXPECT_STREQ("online", read.state.c_str());
 }
 
-TEST_P(Store_Contract, the_newest_set_is_the_one_added_last_that_is_online) {
+TEST_P(Store_Contract, of_sets_of_one_second_the_newest_is_the_one_added_last_that_is_online) {
   add_parents();
   ASSERT_TRUE(store_->put_set(set("full", 1), error_));
   ASSERT_TRUE(store_->put_set(set("incremental", 2), error_));
@@ -447,12 +447,6 @@ TEST_P(Store_Contract, the_newest_set_is_the_one_added_last_that_is_online) {
   Set read;
   ASSERT_TRUE(store_->newest_set(pool("p").uuid, "resource", read, found_, error_));
   EXPECT_EQ("second full", read.uuid);
-  ASSERT_TRUE(store_->find_set_by_seq(pool("p").uuid, "resource", 1, read, found_, error_));
-  EXPECT_EQ("second full", read.uuid);
-  ASSERT_TRUE(store_->find_set_by_seq(pool("p").uuid, "resource", 2, read, found_, error_));
-  EXPECT_EQ("incremental", read.uuid);
-  ASSERT_TRUE(store_->find_set_by_seq(pool("p").uuid, "resource", 3, read, found_, error_));
-  EXPECT_FALSE(found_);
   ASSERT_TRUE(store_->set_state("second full", Set::STATE_GONE, error_));
   ASSERT_TRUE(store_->newest_set(pool("p").uuid, "resource", read, found_, error_));
   EXPECT_EQ("incremental", read.uuid);
@@ -460,6 +454,89 @@ TEST_P(Store_Contract, the_newest_set_is_the_one_added_last_that_is_online) {
   // One that comes back stands where it stood.
   ASSERT_TRUE(store_->put_set(set("full", 1), error_));
   EXPECT_EQ((std::vector<std::string>{"full", "incremental", "other resource", "second full"}), set_uuids(true));
+}
+
+TEST_P(Store_Contract, sets_are_told_by_their_time_and_not_by_when_they_became_known) {
+  add_parents();
+  Set later = set("later", 2);
+  later.start_time = "2026-01-02 00:00:00";
+  later.bases = {"other"};
+  ASSERT_TRUE(store_->put_set(later, error_));
+  Set earlier = set("earlier", 1);
+  earlier.bases = {};
+  ASSERT_TRUE(store_->put_set(earlier, error_));
+  EXPECT_EQ((std::vector<std::string>{"earlier", "later"}), set_uuids(true));
+  Set read;
+  ASSERT_TRUE(store_->newest_set(pool("p").uuid, "resource", read, found_, error_));
+  EXPECT_EQ("later", read.uuid);
+  std::vector<Set> sets;
+  ASSERT_TRUE(store_->sets_by_prefix("", sets, error_));
+  ASSERT_EQ(2u, sets.size());
+  EXPECT_EQ("earlier", sets[0].uuid);
+}
+
+TEST_P(Store_Contract, of_one_second_a_set_stands_behind_what_it_was_compared_with) {
+  add_parents();
+  const auto put = [&](const char* uuid, std::vector<std::string> bases) {
+    Set one = set(uuid, 1);
+    one.bases = std::move(bases);
+    EXPECT_TRUE(store_->put_set(one, error_)) << error_;
+  };
+  // Each became known before what it was compared with.
+  put("third", {"second"});
+  put("second", {"first"});
+  put("beside", {});
+  put("first", {});
+  EXPECT_EQ((std::vector<std::string>{"first", "second", "third", "beside"}), set_uuids(false));
+  Set read;
+  ASSERT_TRUE(store_->remove_set("beside", error_));
+  ASSERT_TRUE(store_->newest_set(pool("p").uuid, "resource", read, found_, error_));
+  EXPECT_EQ("third", read.uuid);
+  // Records that contradict each other are listed all the same.
+  put("first", {"third"});
+  EXPECT_EQ(3u, set_uuids(false).size());
+}
+
+TEST_P(Store_Contract, set_that_another_one_was_compared_with_is_not_the_newest_whatever_the_clock_said) {
+  add_parents();
+  Set base = set("base", 1);
+  base.start_time = "2036-01-01 00:00:00";
+  base.bases = {};
+  ASSERT_TRUE(store_->put_set(base, error_));
+  Set next = set("next", 2);
+  next.bases = {"base"};
+  ASSERT_TRUE(store_->put_set(next, error_));
+  Set read;
+  ASSERT_TRUE(store_->newest_set(pool("p").uuid, "resource", read, found_, error_));
+  EXPECT_EQ("next", read.uuid);
+  // A set of another resource, or one that is gone, says nothing.
+  ASSERT_TRUE(store_->set_state("next", Set::STATE_GONE, error_));
+  next.uuid = "elsewhere";
+  next.minor_resource_id = "else";
+  ASSERT_TRUE(store_->put_set(next, error_));
+  ASSERT_TRUE(store_->newest_set(pool("p").uuid, "resource", read, found_, error_));
+  EXPECT_EQ("base", read.uuid);
+}
+
+TEST_P(Store_Contract, all_online_sets_of_a_number_are_found) {
+  add_parents();
+  Set late = set("late", 1);
+  late.start_time = "2026-01-02 00:00:00";
+  ASSERT_TRUE(store_->put_set(late, error_));
+  ASSERT_TRUE(store_->put_set(set("early", 1), error_));
+  ASSERT_TRUE(store_->put_set(set("other number", 2), error_));
+  ASSERT_TRUE(store_->put_set(set("gone", 1), error_));
+  ASSERT_TRUE(store_->set_state("gone", Set::STATE_GONE, error_));
+  Set elsewhere = set("elsewhere", 1);
+  elsewhere.minor_resource_id = "else";
+  ASSERT_TRUE(store_->put_set(elsewhere, error_));
+  std::vector<Set> sets;
+  ASSERT_TRUE(store_->sets_by_seq(pool("p").uuid, "resource", 1, sets, error_));
+  ASSERT_EQ(2u, sets.size());
+  EXPECT_EQ("early", sets[0].uuid);
+  EXPECT_EQ("late", sets[1].uuid);
+  ASSERT_TRUE(store_->sets_by_seq(pool("p").uuid, "resource", 3, sets, error_));
+  EXPECT_TRUE(sets.empty());
 }
 
 TEST_P(Store_Contract, sets_are_found_by_the_beginning_of_their_uuid) {

@@ -84,7 +84,10 @@ bool make_filter(const std::vector<std::string>& exclusions, const std::vector<s
 /// Fills `set` from what the engine left in `metadata`. 0, or non-zero when that is incomplete.
 int build_file_catalog(const File_Metadata& metadata, File_Backup_Set& set);
 
-/// The incarnation, channel count and URI prefix of a set; false when there is no such set.
+/// The incarnation, channel count and URI prefix of the set with that number. Several may have it: the one is meant
+/// that the calling thread's job names (Job_Definition::set_uuid), or a merged set that took that one's place. False,
+/// after a log line, when there is none, when it is another one than the job names, and when several have the number
+/// and the job names none.
 bool get_incarnation(const std::string& pool_uuid, const std::string& minor_resource_id, ACE_UINT32 seq,
                      std::string& incarnation, unsigned& channels, std::string& uri_prefix, int max_seconds_retry);
 

@@ -32,6 +32,8 @@ public:
     unsigned readers = 0;      ///< objects read at the same time over the whole run; 0: the default
     std::string archived;      ///< objects that must be thawed first: "skip" (also empty), "fail", "request"
     bool server_side_dedup = false;
+    /// Restore: uuid of the set that `source` means by its number; empty: the number alone says it.
+    std::string set_uuid;
     Job_Target target;
   };
 
@@ -61,6 +63,7 @@ public:
   bool server_side_dedup() const { return settings_.server_side_dedup; }
   unsigned readers() const { return settings_.readers; }
   const std::string& archived() const { return settings_.archived; }
+  const std::string& set_uuid() const { return settings_.set_uuid; }
   const Job_Target& target() const { return settings_.target; }
 
   std::vector<std::shared_ptr<Job_Schedule>> schedules; ///< members may be null

@@ -28,7 +28,7 @@ class Definition(harness.Scenario):
         found = [text for text in self.examples if json.loads(text)["type"] == kind]
         self.assertEqual(1, len(found))
         text = found[0]
-        for word in ("account", "pool", "selection"):
+        for word in ("account", "pool", "selection", "set"):
             text = text.replace(word.upper(), self.row[word])
         definition = json.loads(text)
         for member, value in changes.items():
@@ -52,7 +52,8 @@ class Definition(harness.Scenario):
         path = self.example("restore")
         with open(path) as file:
             definition = json.load(file)
-        definition["source"]["seq"] = self.agent("sets", "--json").json["sets"][-1]["seq"]
+        row = self.agent("sets", "--json").json["sets"][-1]
+        definition["source"].update(seq=row["seq"], catalog_id=row["set"])
         with open(path, "w") as file:
             json.dump(definition, file)
         outcome = self.agent("run", path, "--json").json

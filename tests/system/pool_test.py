@@ -25,6 +25,24 @@ class Pool(harness.Scenario):
         self.agent("restore", made, "--map", "data=back")
         return len(self.contents(self.server, "back"))
 
+    def write(self, *parts):
+        with open(os.path.join(*parts), "w") as file:
+            file.write("{ torn")
+
+    def test_what_killed_commands_left_beside_sets_is_cleared(self):
+        # A `pool add` that was killed while it wrote the pool's file, and was the first to need a master key.
+        os.mkdir(self.pool)
+        self.write(self.pool, "pool.json.tmp")
+        self.write(self.state, ".master.key.a8Zx3k")
+        self.agent("pool", "add", "disk", self.url("pool"), "--encrypt", "--passphrase-file", self.passphrase)
+        self.assertEqual({"pool.json", ".lock"}, set(os.listdir(self.pool)))
+        self.assertEqual([], [name for name in os.listdir(self.state) if name.startswith(".master.key.")])
+        # A `pool rekey` that was.
+        self.write(self.pool, "pool.json.tmp")
+        made = self.backup("/data/")["set"]
+        self.assertFalse(os.path.exists(os.path.join(self.pool, "pool.json.tmp")))
+        self.assertEqual(5, self.restored(made))
+
     def test_moved_pool_is_found_where_it_lies_now(self):
         self.add_pool()
         made = self.backup("/data/")["set"]

@@ -39,6 +39,23 @@ class Problems(harness.Scenario):
         self.assertIn('skipped  /data/f0001/: A key that ends with "/" and has data is not supported (2 bytes).\n', text)
         self.assertIn("there is no set 'none'", self.agent("problems", "none", expect=None).stderr)
 
+    def test_what_is_kept_of_a_bucket_that_is_gone_counts_as_held_by_the_set(self):
+        client = self.server.client()
+        for bucket, count in (("here", 3), ("gone", 5)):
+            client.create_bucket(Bucket=bucket)
+            for number in range(count):
+                client.put_object(Bucket=bucket, Key="k%d" % number, Body=b"x")
+        first = self.backup("/here/", "/gone/")
+        self.assertEqual(8, first["objects"])
+        for number in range(5):
+            client.delete_object(Bucket="gone", Key="k%d" % number)
+        client.delete_bucket(Bucket="gone")
+        second = self.backup("/here/", "/gone/", expect=3)
+        self.assertEqual((0, 3, 8), tuple(second[name] for name in ("saved", "unchanged", "objects")))
+        self.assertEqual(8, len(self.agent("ls", second["set"], "--recursive", "--json").json_lines))
+        rows = {row["set"]: row["objects"] for row in self.agent("sets", "--json").json["sets"]}
+        self.assertEqual({first["set"]: 8, second["set"]: 8}, rows)
+
 
 if __name__ == "__main__":
     harness.main()

@@ -69,6 +69,39 @@ class Rebuild(harness.Scenario):
             self.agent("catalog", "rebuild", set_id)
             self.assertEqual(number, self.rows()[-1]["seq"])
 
+    def record(self, set_id):
+        with open(os.path.join(self.folder_of(set_id), "set.json")) as file:
+            return json.load(file)
+
+    def test_record_and_copy_say_the_same_where_the_set_before_could_not_be_opened(self):
+        full = self.backup("/bucket/")["set"]
+        before = full
+        for damaged in (False, True):
+            self.put("another", b"object" * (1 + damaged))
+            if damaged:
+                path = os.path.join(self.folder_of(before), "catalog.db")
+                catalog = open(path, "rb").read()
+                with open(path, "wb") as file:
+                    file.write(b"no database" * 1000)
+            outcome = self.backup("/bucket/")
+            self.assertEqual(401 if damaged else 1, outcome["saved"])
+            made = self.record(outcome["set"])
+            self.assertEqual(("incremental", full, [] if damaged else [before]),
+                             (made["type"], made["incarnation"], made["bases"]))
+            os.remove(os.path.join(self.folder_of(outcome["set"]), "set.json"))
+            self.agent("catalog", "rebuild", outcome["set"])
+            again = self.record(outcome["set"])
+            for name in ("seq", "type", "incarnation", "bases", "uri", "resource_uuid", "start_time"):
+                self.assertEqual(made[name], again[name], name)
+            if damaged:
+                with open(path, "wb") as file:
+                    file.write(catalog)
+            before = outcome["set"]
+        # Neither needs the other, and the chain goes on.
+        self.agent("verify", before)
+        last = self.backup("/bucket/")["set"]
+        self.assertEqual((full, [before]), tuple(self.record(last)[name] for name in ("incarnation", "bases")))
+
     def test_set_is_made_again_from_its_media_alone(self):
         sets = self.chain()
         rows, listings = self.rows(), [self.listing(set_id) for set_id in sets]
