@@ -98,6 +98,7 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
   if (!read_block(window, offset, header, ignored) || header.type != type ||
       !descriptor_holds(window, offset, header, at, ignored))
     return false;
+  const unsigned long long streams = at;
   for (; read_stream(window, at, stream, ignored) && stream.header.id != SPAD; at = stream.next()) {
     const size_t length = static_cast<size_t>(std::min<uint64_t>(stream.header.length, FLB));
     const unsigned char* const data = window.at(stream.data(), length);
@@ -108,7 +109,8 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
     if (stream.header.id == OBSI) {
       if (!self.parse(data, length))
         return false;
-      identity = true;
+      // Where whoever opens the medium looks for it.
+      identity = at == streams;
       set.uuid = self.set_uuid;
       set.name = self.set_name;
       set.family = self.family;
@@ -128,14 +130,14 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
 
 bool read_medium_set(const Medium_Source& source, Medium_Set& set, std::string& error) {
   Medium_Window window(source, FLB);
+  set = Medium_Set();
+  if (read_set_at(window, VOLB_OFFSET, VOLB, set))
+    return true;
   unsigned family = 0;
   if (!find_family(source, family)) {
     error = source.path() + NO_MEDIUM;
     return false;
   }
-  set = Medium_Set();
-  if (read_set_at(window, VOLB_OFFSET, VOLB, set))
-    return true;
   // The end does not tell the family, and who reads the medium needs it.
   set = Medium_Set();
   unsigned long long end = 0;
