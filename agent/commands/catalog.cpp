@@ -91,6 +91,7 @@ void rebuild(Context& context, const std::string& name) {
   json["exact"] = report.exact;
   json["record_made"] = report.record_made;
   json["objects"] = report.objects;
+  json["of_others"] = report.of_others;
   json_spirit::Array problems;
   std::string text;
   for (const std::string& problem : report.problems) {
@@ -104,6 +105,9 @@ void rebuild(Context& context, const std::string& name) {
   // An incremental's media do not hold what did not change.
   if (!report.exact && report.record.type != "full")
     text += "\nobjects whose data lie in other sets are missing in it: take a set before or after it for those";
+  if (!report.exact && !report.record.replaces.empty() && report.of_others == 0)
+    text += "\nthe set was merged from others: where an earlier version did that, versions of objects that are not of "
+            "its moment may be among its own";
   context.print(json, text);
   if (!report.problems.empty())
     context.exit_code = EXIT_COMPLETED_WITH_ERRORS;

@@ -1,17 +1,35 @@
+#include "fuzz/fuzz_cipher.h"
 #include "fuzz/fuzz_target.h"
-
+#include "platform/catalog/catalog_moves.h"
 #include "platform/catalog/catalog_reader.h"
+#include "platform/crypto/aead.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <unistd.h>
 
-// A damaged catalog file: everything that readers of a catalog are asked, page by page, each within bounds that a whole
-// catalog of this size cannot reach.
+// A damaged catalog file, encrypted or not: everything that readers of a catalog are asked, page by page, each within
+// bounds that a whole catalog of this size cannot reach.
 
 namespace {
 
 constexpr unsigned MANY = 100000;
+
+// Of a page of an encrypted catalog.
+constexpr size_t PAGE = Catalog_Vfs::PAGE;
+constexpr size_t CONTENT = PAGE - Catalog_Vfs::RESERVED;
+constexpr size_t AT_WRITE = CONTENT + 16;
+constexpr size_t AT_MARK = AT_WRITE + 8;
+constexpr size_t AT_TAG = PAGE - AEAD_TAG;
+constexpr size_t MARK = 4;
+
+/// Whether the first page says that it was encrypted for the set of the inputs.
+bool encrypted(std::string_view input) {
+  Secret_Key mark;
+  return input.size() >= PAGE && fuzz_cipher()->derive("catalog mark", std::string_view(), mark) &&
+         std::memcmp(input.data() + AT_MARK, mark.data(), MARK) == 0;
+}
 
 /// A folder with the file: SQLite goes by the name, so that a file without one does not do.
 class Folder {
@@ -56,9 +74,30 @@ void list_all(Catalog_Reader& catalog, const std::string& path, unsigned depth, 
 
 } // namespace
 
+// What is encrypted is the plain text and a stream of bytes that depends on the key alone: encrypting it once more
+// shows the page as the mutation has changed it, and that one gets its tag.
+void fuzz_mend(std::string& input) {
+  Secret_Key key;
+  if (!encrypted(input) || !fuzz_cipher()->derive("catalog", std::string_view(input).substr(CONTENT, 16), key))
+    return;
+  for (size_t at = 0; at + PAGE <= input.size(); at += PAGE) {
+    unsigned char* const page = reinterpret_cast<unsigned char*>(input.data()) + at;
+    std::memcpy(page + CONTENT, input.data() + CONTENT, 16);
+    unsigned char nonce[AEAD_NONCE] = {}, tag[AEAD_TAG], plain[CONTENT];
+    std::memcpy(nonce, page + AT_WRITE, 8);
+    std::string bound(page + CONTENT, page + AT_TAG);
+    for (unsigned shift = 0; shift < 64; shift += 8)
+      bound.push_back(static_cast<char>(static_cast<uint64_t>(at / PAGE + 1) >> shift));
+    if (!aead_seal(key, nonce, bound, page, CONTENT, plain, tag) ||
+        !aead_seal(key, nonce, bound, plain, CONTENT, page, page + AT_TAG))
+      return;
+  }
+}
+
 const std::vector<std::string>& fuzz_words() {
-  static const std::vector<std::string> words = {"CREATE TABLE",    "objects",       "folders", "visits", "meta",
-                                                 "SQLite format 3", "WITHOUT ROWID", "bucket/", "INTEGER"};
+  static const std::vector<std::string> words = {
+      "CREATE TABLE", "objects",   "folders",         "visits",        "meta",    "moved",
+      "moved_sets",   "deletions", "SQLite format 3", "WITHOUT ROWID", "bucket/", "INTEGER"};
   return words;
 }
 
@@ -67,7 +106,11 @@ void fuzz_one(std::string_view input) {
   folder.fill(input);
 
   std::string error;
-  const auto catalog = Catalog_Reader::open(folder.path(), error);
+  const Set_Cipher_ptr cipher = encrypted(input) ? fuzz_cipher() : nullptr;
+  if (cipher && Catalog_Reader::open(folder.path(), error))
+    fuzz_fail("an encrypted catalog is read without its key");
+  error.clear();
+  const auto catalog = Catalog_Reader::open(folder.path(), error, cipher);
   if (!catalog) {
     if (error.empty())
       fuzz_fail("a catalog is refused without a reason");
@@ -113,4 +156,15 @@ void fuzz_one(std::string_view input) {
   std::vector<std::string> unmatched;
   catalog->count(selection, objects, bytes, unmatched, error);
   catalog->problems([&](const Catalog_Problem&) { return ++told < 4 * MANY; }, error);
+  catalog->deletions([&](const Catalog_Deletion&) { return ++told < 5 * MANY; }, error);
+  catalog->check_pages(error);
+
+  const auto moves = Catalog_Moves::open(folder.path(), error, cipher);
+  if (!moves)
+    return;
+  Moved_Object to;
+  for (const std::string& set : moves->sets())
+    for (unsigned long long at = 0; at < 8; ++at)
+      moves->find(set, 0, 4096 * at, to);
+  moves->find("none", 1, 0, to);
 }

@@ -1,21 +1,21 @@
+#include "fuzz/fuzz_cipher.h"
 #include "fuzz/fuzz_target.h"
-
+#include "fuzz/medium_bytes.h"
 #include "platform/mtf/media_check.h"
 #include "platform/mtf/medium_reader.h"
 #include "platform/mtf/object_stream.h"
+#include "platform/mtf/set_copy.h"
 
 #include <cstring>
 #include <openssl/sha.h>
-#include <xxhash.h>
 
 using namespace MTF_Format;
 
-// A medium: the strict check, the dump, the walk, and each object that the walk names. No object may read to its end
+// A medium, encrypted or not: the strict check, the dump, the copy at its end, the walk, and each object that the walk
+// names. No object may read to its end
 // with other bytes than its digest says, and a medium that the check has nothing against must read whole.
 
 namespace {
-
-constexpr unsigned HEAD_SIZE_FIELD = 4;
 
 /// Whether the object at `offset` reads to its end.
 bool reads(Medium_Reader& medium, unsigned long long offset) {
@@ -43,61 +43,14 @@ bool reads(Medium_Reader& medium, unsigned long long offset) {
   }
 }
 
-void seal(unsigned char* data, size_t covered) {
-  put64(data + covered, XXH3_64bits(data, covered));
-}
-
-/// Puts the checks of the streams from `at` on right, those of the block at `block` included.
-void mend_streams(std::string& input, size_t block, size_t at) {
-  const size_t first = at - block;
-  while (at + STREAM_HEADER <= input.size()) {
-    unsigned char* header = bytes_at(input, at);
-    const uint32_t id = get32(header);
-    if (id != STAN && id != SPAD && id != OBSC && id != OBSI && id != OBSN && id != OBSH && id != OBSZ && id != OBSD &&
-        id != OBST)
-      return;
-    put16(header + 20, xor_words(header, 10));
-    const uint64_t length = get64(header + 8);
-    const size_t data = at + STREAM_HEADER;
-    if (length > input.size() - data || id == SPAD)
-      return;
-    unsigned char* const bytes = header + STREAM_HEADER;
-    const size_t size = static_cast<size_t>(length);
-    if (id == OBSC && size == CHECK)
-      put64(bytes, block_check(bytes_at(input, block), first));
-    if (id == OBSH && size >= HEAD_FIXED + CHECK) {
-      put32(bytes + HEAD_SIZE_FIELD, static_cast<uint32_t>(size - HEAD_FIXED - CHECK));
-      put64(bytes + HEAD_BLOCK_CHECK, block_check(bytes_at(input, block), first));
-    }
-    if (id == OBSZ && size >= FRAME_HEADER) {
-      put64(bytes + 16, XXH3_64bits(bytes + FRAME_HEADER, size - FRAME_HEADER));
-      seal(bytes, FRAME_HEADER - CHECK);
-    } else if ((id == OBSH || id == OBSD || id == OBST || id == OBSI || id == OBSN) && size > CHECK) {
-      seal(bytes, size - CHECK);
-    }
-    at = data + (size + 3) / 4 * 4;
-  }
-}
-
 } // namespace
 
 void fuzz_mend(std::string& input) {
-  for (size_t block = 0; block + DBLK_HEADER <= input.size(); block += FLB) {
-    unsigned char* at = bytes_at(input, block);
-    if (!is_dblk_type(get32(at)))
-      continue;
-    const size_t first = get16(at + 8);
-    seal_dblk_header(at);
-    if (first >= DBLK_HEADER && first <= FLB && block + first < input.size())
-      mend_streams(input, block, block + first);
-  }
+  mend_medium(input);
 }
 
 const std::vector<std::string>& fuzz_words() {
-  static const std::vector<std::string> words = {"TAPE", "SSET", "VOLB", "DIRB", "FILE", "CFIL", "ESPB",
-                                                 "ESET", "EOTM", "SFMB", "STAN", "SPAD", "OBSC", "OBSI",
-                                                 "OBSN", "OBSH", "OBSZ", "OBSD", "OBST"};
-  return words;
+  return medium_words();
 }
 
 void fuzz_one(std::string_view input) {
@@ -105,15 +58,30 @@ void fuzz_one(std::string_view input) {
   file.fill(input);
 
   std::string error;
+  Medium_Set set;
+  const Set_Cipher_ptr cipher =
+      read_medium_set(file.path(), set, error) && !set.wrapped_key.empty() ? fuzz_cipher() : nullptr;
   Media_Figures figures;
   unsigned long long problems = 0;
-  const bool checked = check_medium(
-      file.path(), [&](const Media_Problem&) { return ++problems < 10000; }, figures, error);
+  const auto count = [&](const Media_Problem&) { return ++problems < 10000; };
+  if (cipher) // as whoever has not got the key
+    check_medium(file.path(), count, figures, error);
+  problems = 0;
+  const bool checked = check_medium(file.path(), count, figures, error, cipher);
   unsigned long long lines = 0;
   dump_medium(
-      file.path(), [&](const std::string&) { return ++lines < 10000; }, error);
+      file.path(), [&](const std::string&) { return ++lines < 10000; }, error, cipher);
+  std::string record;
+  read_set_copy(
+      file.path(), record,
+      [](const char*, size_t size) {
+        if (size == 0 || size > CHUNK)
+          fuzz_fail("a piece of a catalog's copy has a size that no chunk has");
+        return true;
+      },
+      error);
 
-  const auto medium = Medium_Reader::open(file.path(), 0, error);
+  const auto medium = Medium_Reader::open(file.path(), 0, error, cipher);
   if (!medium) {
     if (checked && problems == 0)
       fuzz_fail("a medium that the check has nothing against cannot be opened: " + error);
@@ -129,6 +97,14 @@ void fuzz_one(std::string_view input) {
       },
       error);
   const bool complete = medium->complete(error);
+  // The corpus comes first: mending that damages what is whole would keep all mutations at the first checksum.
+  static unsigned whole = 0;
+  if (checked && problems == 0 && whole < 8) {
+    std::string mended(input);
+    mend_medium(mended);
+    if (++whole; mended != input)
+      fuzz_fail("mending a whole medium changes it");
+  }
   for (const unsigned long long offset : objects)
     if (!reads(*medium, offset) && checked && problems == 0)
       fuzz_fail("an object that the check has nothing against cannot be read");

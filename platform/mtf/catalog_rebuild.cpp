@@ -165,6 +165,10 @@ private:
               problem(medium.name + ": " + finding.message);
             if (finding.kind != Medium_Finding::OBJECT)
               return true;
+            if ((finding.head.flags & OBJECT_OF_OTHERS) != 0) {
+              ++report_.of_others;
+              return true;
+            }
             ++found;
             seq_ = std::max(seq_, finding.head.seq);
             return staging->add(found_object(finding, medium.channel));

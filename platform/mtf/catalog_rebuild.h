@@ -12,6 +12,9 @@ struct Rebuild_Report {
   bool exact = false;
   bool record_made = false; ///< there was no readable record
   unsigned long long objects = 0;
+  /// Without the copy, of a merged set: objects on its media that only catalogs of other sets point to, and that are
+  /// left out. None where an earlier version merged it: there they are among `objects`.
+  unsigned long long of_others = 0;
   std::vector<std::string> problems; ///< damage that was met
 };
 

@@ -152,5 +152,5 @@ bool Frame_Writer::append(std::string& out, const char* data, size_t size, uint6
 bool Frame_Writer::pays() const {
   if (options_.compression == MTF_COMPRESSION_AUTO)
     return stored_ <= plain_ - plain_ / 10;
-  return stored_ < plain_ || plain_ < size_;
+  return stored_ < plain_;
 }

@@ -27,8 +27,8 @@ public:
   /// Appends the next chunk as a segment to `out`, which begins at a multiple of 4 of the medium and ends at one
   /// afterwards. `check` is the chunk's own. False when memory is short.
   bool append(std::string& out, const char* data, size_t size, uint64_t check);
-  /// Whether what was appended so far saves enough to keep it; asked behind the first chunk, and for what lies in
-  /// memory behind the last.
+  /// Whether what was appended so far saves enough to keep it. Asked behind the first chunk, which decides how the
+  /// whole object is stored: so an object gets the same bytes whether it lies in memory or streams.
   bool pays() const;
 
 private:

@@ -77,5 +77,6 @@ constexpr unsigned SFMB_ENTRIES = (FLB - SFMB_FIXED) / 4;
 /// Where the blocks before the first directory lie.
 constexpr unsigned SSET_OFFSET = 2 * FLB;
 constexpr unsigned VOLB_OFFSET = 3 * FLB;
+constexpr unsigned ROOT_OFFSET = 4 * FLB; ///< of the first directory
 
 } // namespace MTF_Format

@@ -11,6 +11,8 @@ using namespace MTF_Format;
 
 namespace {
 
+constexpr const char* NO_MEDIUM = " is no medium: neither its first block nor its volume's is whole";
+
 class File_Medium_Reader : public Medium_Reader {
 public:
   explicit File_Medium_Reader(std::shared_ptr<Medium_Source> source) : source_(std::move(source)) {}
@@ -92,9 +94,11 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
   Medium_Stream stream;
   std::string ignored;
   unsigned long long at = 0;
+  bool identity = false;
   if (!read_block(window, offset, header, ignored) || header.type != type ||
       !descriptor_holds(window, offset, header, at, ignored))
     return false;
+  const unsigned long long streams = at;
   for (; read_stream(window, at, stream, ignored) && stream.header.id != SPAD; at = stream.next()) {
     const size_t length = static_cast<size_t>(std::min<uint64_t>(stream.header.length, FLB));
     const unsigned char* const data = window.at(stream.data(), length);
@@ -105,6 +109,8 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
     if (stream.header.id == OBSI) {
       if (!self.parse(data, length))
         return false;
+      // Where whoever opens the medium looks for it.
+      identity = at == streams;
       set.uuid = self.set_uuid;
       set.name = self.set_name;
       set.family = self.family;
@@ -117,7 +123,7 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
       set.wrapped_key = key.wrapped;
     }
   }
-  return stream.header.id == SPAD && !set.uuid.empty();
+  return stream.header.id == SPAD && !set.uuid.empty() && (type == ESET || identity);
 }
 
 } // namespace
@@ -127,11 +133,19 @@ bool read_medium_set(const Medium_Source& source, Medium_Set& set, std::string& 
   set = Medium_Set();
   if (read_set_at(window, VOLB_OFFSET, VOLB, set))
     return true;
+  unsigned family = 0;
+  if (!find_family(source, family)) {
+    error = source.path() + NO_MEDIUM;
+    return false;
+  }
+  // The end does not tell the family, and who reads the medium needs it.
   set = Medium_Set();
   unsigned long long end = 0;
   std::string ignored;
-  if (find_set_end(window, source.size(), end, ignored) && read_set_at(window, end, ESET, set))
+  if (find_set_end(window, source.size(), end, ignored) && read_set_at(window, end, ESET, set)) {
+    set.family = family;
     return true;
+  }
   error = source.path() + " does not say which set it belongs to: its volume block is damaged";
   return false;
 }
@@ -154,7 +168,7 @@ std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsi
       return nullptr;
     unsigned found = 0;
     if (!find_family(*source, found)) {
-      error = path + " is no medium: neither its first block nor its volume's is whole";
+      error = path + NO_MEDIUM;
       return nullptr;
     }
     if (family != 0 && family != found) {

@@ -55,8 +55,8 @@ struct Medium_Set {
   bool incremental = false;
   long long write_date = 0; ///< seconds since the epoch
 };
-/// Reads it from the start of a medium, or from its end where the start is damaged (uuid and key only). False with the
-/// reason.
+/// Reads it from the start of a medium, or, of an encrypted set, from its end where the start is damaged (uuid and key,
+/// and the family of the first block, only). False with the reason; a medium that it takes can be opened.
 bool read_medium_set(const std::string& path, Medium_Set& set, std::string& error);
 /// The same from an open one, which knows whether it was read at all. Throws std::bad_alloc.
 bool read_medium_set(const Medium_Source& source, Medium_Set& set, std::string& error);

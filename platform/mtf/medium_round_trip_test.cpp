@@ -1,5 +1,6 @@
 #include "platform/mtf/medium_test_support.h"
 
+#include "platform/mtf/medium_source.h"
 #include "platform/mtf/object_stream.h"
 
 #include <algorithm>
@@ -57,6 +58,48 @@ TEST(medium, both_ways_of_writing_give_the_same_bytes) {
     write_medium(folder.file("streamed"), objects, {compression, 3}, Way::STREAMED);
     EXPECT_TRUE(load(folder.file("image")) == load(folder.file("streamed"))) << compression;
   }
+}
+
+/// The id of the stream that holds the content of the medium's only object.
+uint32_t content_stream(const std::string& path, unsigned long long offset) {
+  std::string error;
+  const auto source = Medium_Source::open(path, error);
+  EXPECT_TRUE(source) << error;
+  Medium_Window window(*source, 4096);
+  Object_Start start;
+  EXPECT_TRUE(read_object_start(window, offset, start, error)) << error;
+  return start.content.header.id;
+}
+
+// Readers elsewhere extract what stands in a stream STAN, and nothing else.
+TEST(medium, first_chunk_decides_whether_an_object_is_stored_plain) {
+  Scratch_Folder folder;
+  const std::string path = folder.file("medium");
+  const std::string dense = noise(CHUNK, 1), loose = prose(CHUNK, 2);
+  const struct {
+    std::string content;
+    bool framed, framed_auto;
+  } cases[] = {{noise(3 * CHUNK + 5, 3), false, false},
+               {prose(3 * CHUNK + 5, 4), true, true},
+               {dense + loose + loose, false, false},
+               {loose + dense + dense, true, true},
+               {noise(CHUNK + 1, 5), false, false},
+               {noise(1000, 6), false, false},
+               {noise(CHUNK - 50000, 7) + std::string(50000 + CHUNK, 'x'), true, false}};
+  for (const MTF_Compression compression : {MTF_COMPRESSION_ZSTD, MTF_COMPRESSION_LZOP, MTF_COMPRESSION_AUTO})
+    for (const auto& one : cases) {
+      const std::vector<Test_Object> objects = {{"object", one.content}};
+      const bool framed = compression == MTF_COMPRESSION_AUTO ? one.framed_auto : one.framed;
+      std::string bytes[2];
+      for (const Way way : {Way::IMAGE, Way::STREAMED}) {
+        const auto places = write_medium(path, objects, {compression, 1}, way);
+        EXPECT_EQ(four_text(content_stream(path, places[0].offset)), framed ? "OBSZ" : "STAN")
+            << compression << " " << (&one - cases);
+        expect_round_trip(path, objects, places);
+        bytes[way == Way::STREAMED] = load(path);
+      }
+      EXPECT_TRUE(bytes[0] == bytes[1]) << compression << " " << (&one - cases);
+    }
 }
 
 TEST(medium, every_length_that_moves_the_padding_over_a_block_boundary_comes_back) {

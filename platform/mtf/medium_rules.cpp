@@ -1,5 +1,11 @@
 #include "platform/mtf/medium_rules.h"
 
+#include "platform/mtf/dblk_name.h"
+#include "platform/mtf/object_stream.h"
+#include "sdk/mtf/cat_blk.h"
+
+#include <cstring>
+
 using namespace MTF_Format;
 
 namespace {
@@ -7,6 +13,10 @@ namespace {
 constexpr uint32_t TAPE_SOFT_FILEMARKS = 1;
 constexpr unsigned BLOCK_OS_DATA = 44;
 constexpr uint32_t VOLUME_NAME_KINDS = 4 | 8 | 0x10 | 0x20;
+constexpr unsigned DIRECTORY_NAME = 80; // tape addresses
+constexpr unsigned FILE_NAME = 84;
+constexpr unsigned MTF_DATE = 5;
+constexpr unsigned FILE_MODIFIED = 56, FILE_CREATED = 61, FILE_SAVED = 66, FILE_ACCESSED = 71;
 constexpr uint16_t STREAM_CONTINUE = 1;
 constexpr uint16_t STREAM_COMPRESSED = 0x10;
 
@@ -43,7 +53,7 @@ std::string broken_tape_rule(const Dblk_Header& header, const unsigned char* blo
 }
 
 std::string broken_directory_rule(const Dblk_Header& header, const unsigned char* block) {
-  const std::string_view name = string_at(header, block, 80);
+  const std::string_view name = string_at(header, block, DIRECTORY_NAME);
   if (name.size() < 2 || name.substr(name.size() - 2) != std::string_view("\0\0", 2))
     return "its name does not end with a NUL";
   if (get32(block + 76) == 0)
@@ -68,7 +78,7 @@ std::string broken_rule_of_kind(const Dblk_Header& header, const unsigned char* 
   case DIRB:
     return broken_directory_rule(header, block);
   case FILE_:
-    if (string_at(header, block, 84).empty())
+    if (string_at(header, block, FILE_NAME).empty())
       return "its name is empty";
     return get32(block + 76) == 0 || get32(block + 80) == 0 ? "it has the number 0" : std::string();
   case ESET:
@@ -125,17 +135,62 @@ std::string broken_block_rule(const Dblk_Header& header, const unsigned char* bl
   return broken.empty() ? std::string() : who + broken;
 }
 
-std::string broken_stream_rule(uint32_t type, const Stream_Header& stream) {
+std::string broken_directory_name_rule(const Dblk_Header& header, const unsigned char* block, const std::string& path,
+                                       bool exact_beside) {
+  const Dblk_Name name = directory_name_field(path);
+  if (name.utf16 != string_at(header, block, DIRECTORY_NAME))
+    return "the block DIRB: its name is not that of its folder";
+  return name.exact || exact_beside ? std::string() : "the block DIRB: its name needs a substitute";
+}
+
+std::string broken_file_rule(const Dblk_Header& header, const unsigned char* block, const Object_Head& head,
+                             bool sealed) {
+  const std::string who = "the block FILE: ";
+  const uint64_t size = sealed ? 0 : head.size;
+  if (header.displayable != size)
+    return who + "its displayable size is " + std::to_string(header.displayable) + ", and should be " +
+           std::to_string(size);
+  unsigned char date[MTF_DATE] = {}, none[MTF_DATE] = {};
+  if (!sealed)
+    MTF::time_to_mtf_date_time(head.mtime, date);
+  for (const unsigned at : {FILE_MODIFIED, FILE_CREATED, FILE_ACCESSED})
+    if (std::memcmp(block + at, date, MTF_DATE) != 0)
+      return who + "one of its dates is not the object's";
+  if (std::memcmp(block + FILE_SAVED, none, MTF_DATE) != 0)
+    return who + "its backup date is not zero";
+  const size_t slash = head.path.rfind('/');
+  const std::string last = head.path.substr(slash == std::string::npos ? 0 : slash + 1);
+  if (file_name_field(sealed ? sealed_object_name(head.ordinal) : last).utf16 != string_at(header, block, FILE_NAME))
+    return who + "its name is not that of its object";
+  return std::string();
+}
+
+std::string broken_stream_rule(uint32_t type, const Stream_Header& stream, bool sealed) {
   const std::string who = "the stream " + four_text(stream.id) + ": ";
-  if ((stream.format_attributes & STREAM_CONTINUE) != 0)
+  const bool frame = type == FILE_ && (stream.id == OBSZ || stream.id == OBSX);
+  const bool plain = type != FILE_ || stream.id == STAN || stream.id == SPAD || stream.id == OBSZ;
+  uint16_t expected = 0;
+  if (frame)
+    expected = STREAM_VARIABLE;
+  if (!plain && sealed)
+    expected = static_cast<uint16_t>(expected | STREAM_ENCRYPTED);
+  // Which of its object's frames is the last is for whoever counts their bytes.
+  const uint16_t told =
+      static_cast<uint16_t>(frame ? stream.format_attributes & ~STREAM_VARIABLE_END : stream.format_attributes);
+  if ((told & STREAM_CONTINUE) != 0)
     return who + "it is said to go on from another medium";
-  if ((stream.format_attributes & STREAM_COMPRESSED) != 0 || stream.compression != 0 || stream.encryption != 0)
+  if ((told & STREAM_COMPRESSED) != 0 || stream.compression != 0 || stream.encryption != 0)
     return who + "it is said to be compressed or encrypted by a method of the format";
   if (stream.system_attributes != 0)
     return who + "it has attributes of a file system";
-  const bool plain = stream.id == STAN || stream.id == SPAD;
-  const uint16_t others = STREAM_VARIABLE | STREAM_VARIABLE_END | STREAM_ENCRYPTED;
-  if ((plain || type != FILE_) && (stream.format_attributes & others) != 0)
+  const uint16_t kinds = STREAM_VARIABLE | STREAM_VARIABLE_END | STREAM_ENCRYPTED;
+  if ((told & kinds & ~expected) != 0)
     return who + "it is said to be encrypted or of variable length";
+  if ((expected & ~told) != 0)
+    return who + "it is not said to be encrypted or of variable length, as it is";
+  if (told != expected)
+    return who + "it has the attributes " + std::to_string(stream.format_attributes);
+  if (stream.id != STAN && stream.length > MAX_PRIVATE_STREAM)
+    return who + "it has " + std::to_string(stream.length) + " bytes, more than readers elsewhere keep of a stream";
   return std::string();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/mtf/dblk.h"
+#include "platform/mtf/object_image.h"
 
 #include <string>
 
@@ -11,5 +12,14 @@
 /// stream, `header` was read from it.
 std::string broken_block_rule(const Dblk_Header& header, const unsigned char* block);
 
-/// The same for the header of a stream that belongs to a block of `type`.
-std::string broken_stream_rule(uint32_t type, const Stream_Header& stream);
+/// The same for a DIRB and the exact path of its folder, with a NUL behind each component. `exact_beside`: the path
+/// stands in a stream of its own; else it was read from the name, which must then be exact.
+std::string broken_directory_name_rule(const Dblk_Header& header, const unsigned char* block, const std::string& path,
+                                       bool exact_beside);
+
+/// The same for a FILE block and the head of its object, which is `sealed` in an encrypted set.
+std::string broken_file_rule(const Dblk_Header& header, const unsigned char* block, const Object_Head& head,
+                             bool sealed);
+
+/// The same for the header of a stream that belongs to a block of `type`, for a FILE of a `sealed` object.
+std::string broken_stream_rule(uint32_t type, const Stream_Header& stream, bool sealed = false);

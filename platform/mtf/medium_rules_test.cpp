@@ -1,76 +1,19 @@
 #include "platform/mtf/medium_rules.h"
 
-#include "platform/mtf/medium_test_support.h"
-#include "platform/mtf/object_stream.h"
+#include "platform/mtf/changed_medium_test.h"
 
 using namespace MTF_Format;
 
 namespace {
-
-/// Changes a medium as somebody does who knows the format: all checks are made anew.
-class Changed_Medium {
-public:
-  Changed_Medium() : path_(folder_.file("medium")) {
-    write_medium(path_, {{"folder/hello.txt", "Hello, MTF!\n"}}, {}, Way::IMAGE);
-    bytes_ = load(path_);
-  }
-  /// Of the `number`th block of that type.
-  size_t block(uint32_t type, unsigned number = 0) const {
-    for (size_t at = 0; at < bytes_.size(); at += FLB) {
-      Dblk_Header header;
-      if (header.parse(bytes_of(bytes_) + at) && header.type == type && number-- == 0)
-        return at;
-    }
-    ADD_FAILURE() << "no block " << four_text(type);
-    return 0;
-  }
-  /// The one problem that the strict check finds when `change` was made to a block; empty when it finds none.
-  std::string problem(uint32_t type, const std::function<void(unsigned char*)>& change) {
-    std::string changed = bytes_;
-    unsigned char* const at = bytes_at(changed, block(type));
-    change(at);
-    seal_dblk_header(at);
-    const unsigned first = get16(at + 8);
-    if (type == FILE_)
-      place_object(at, {get64(at + 20), get32(at + 36), get32(at + 76), get32(at + 80)});
-    else if (type != SFMB)
-      put64(at + first + STREAM_HEADER, block_check(at, first));
-    save(path_, changed);
-    const auto problems = problems_of(path_);
-    EXPECT_LE(problems.size(), 1u);
-    return problems.empty() ? std::string() : problems.front().message;
-  }
-  std::string stream_problem(uint32_t type, uint32_t stream, const std::function<void(unsigned char*)>& change) {
-    std::string changed = bytes_;
-    unsigned char id[4];
-    put32(id, stream);
-    const size_t at = changed.find(std::string(id, id + 4), block(type));
-    unsigned char* const header = bytes_at(changed, at);
-    change(header);
-    put16(header + 20, xor_words(header, 10));
-    save(path_, changed);
-    const auto problems = problems_of(path_);
-    return problems.empty() ? std::string() : problems.front().message;
-  }
-
-private:
-  Scratch_Folder folder_;
-  std::string path_;
-  std::string bytes_;
-};
-
-bool tells(const std::string& message, const std::string& part) {
-  return message.find(part) != std::string::npos;
-}
 
 constexpr uint32_t DESCRIPTORS[] = {TAPE, SSET, VOLB, DIRB, FILE_, ESET};
 
 TEST(medium_rules, what_every_block_must_say_of_itself_is_checked) {
   Changed_Medium medium;
   for (const uint32_t type : DESCRIPTORS) {
-    EXPECT_EQ(medium.problem(type, [](unsigned char*) {}), "");
+    EXPECT_EQ(medium.change(type, [](unsigned char*) {}).problem(), "");
     const auto changed = [&](unsigned at, unsigned char value) {
-      return medium.problem(type, [&](unsigned char* block) { block[at] = value; });
+      return medium.change(type, [&](unsigned char* block) { block[at] = value; }).problem();
     };
     EXPECT_TRUE(tells(changed(4, 1), "continued")) << four_text(type);
     EXPECT_TRUE(tells(changed(4, 8), "last of its medium")) << four_text(type);
@@ -79,14 +22,14 @@ TEST(medium_rules, what_every_block_must_say_of_itself_is_checked) {
     EXPECT_TRUE(tells(changed(44, 2), "has data of one")) << four_text(type);
     EXPECT_TRUE(tells(changed(48, 1), "strings are of the type 1")) << four_text(type);
   }
-  EXPECT_NE(medium.problem(SFMB, [](unsigned char* block) { block[4] = 1; }), "");
-  EXPECT_NE(medium.problem(SFMB, [](unsigned char* block) { block[10] = 14; }), "");
+  EXPECT_NE(medium.change(SFMB, [](unsigned char* block) { block[4] = 1; }).first_problem(), "");
+  EXPECT_NE(medium.change(SFMB, [](unsigned char* block) { block[10] = 14; }).first_problem(), "");
 }
 
 TEST(medium_rules, fields_that_readers_elsewhere_need_are_checked) {
   Changed_Medium medium;
   const auto number = [&](uint32_t type, unsigned at, uint16_t value) {
-    return medium.problem(type, [&](unsigned char* block) { put16(block + at, value); });
+    return medium.change(type, [&](unsigned char* block) { put16(block + at, value); }).problem();
   };
   EXPECT_TRUE(tells(number(TAPE, 56, 0), "filemarks are blocks"));
   EXPECT_TRUE(tells(number(TAPE, 64, 1), "size of filemark blocks as 1 times"));
@@ -111,14 +54,14 @@ TEST(medium_rules, fields_that_readers_elsewhere_need_are_checked) {
 TEST(medium_rules, streams_that_go_on_from_elsewhere_or_in_ways_of_their_own_are_told) {
   Changed_Medium medium;
   const auto format = [&](uint32_t type, uint32_t stream, uint16_t value) {
-    return medium.stream_problem(type, stream, [&](unsigned char* header) { put16(header + 6, value); });
+    return medium.change_stream(type, stream, [&](unsigned char* header) { put16(header + 6, value); }).problem();
   };
   EXPECT_TRUE(tells(format(FILE_, STAN, 1), "go on from another medium"));
   EXPECT_TRUE(tells(format(FILE_, STAN, 2), "variable length"));
   EXPECT_TRUE(tells(format(FILE_, STAN, 0x10), "compressed"));
   EXPECT_TRUE(tells(format(DIRB, OBSC, 1), "go on from another medium"));
   EXPECT_TRUE(tells(format(ESET, OBST, 8), "encrypted"));
-  EXPECT_TRUE(tells(medium.stream_problem(FILE_, STAN, [](unsigned char* header) { put16(header + 4, 8); }),
+  EXPECT_TRUE(tells(medium.change_stream(FILE_, STAN, [](unsigned char* header) { put16(header + 4, 8); }).problem(),
                     "attributes of a file system"));
 }
 

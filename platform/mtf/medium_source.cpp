@@ -258,6 +258,7 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
       return false;
     const unsigned char* block = window.at(offset, header.first_event);
     start.block_holds = block != nullptr && block_check(block, header.first_event) == start.stream.block_check;
+    start.block_problem = start.block_holds ? std::string() : "it does not match its check";
   } else {
     // The block does not tell where its streams begin: the first whole head stream inside the FLB is this object's.
     const std::string reason = error;
@@ -268,7 +269,9 @@ bool read_object_start(Medium_Window& window, unsigned long long offset, Object_
       error = reason;
       return false;
     }
+    start.block_problem = reason;
   }
+  start.head_stream = stream;
   if (!read_stream(window, stream.next(), start.content, error))
     return false;
   if (start.content.header.id == OBSA) {
@@ -305,6 +308,7 @@ bool read_object_end(Medium_Window& window, unsigned long long offset, const Obj
     error = window.error();
     return false;
   }
+  end.digest_stream = stream;
   end.digest_end = stream.data() + length;
   const std::string_view bytes(reinterpret_cast<const char*>(data), length);
   if (start.stream.sealed && !start.stream.opened) {
@@ -324,6 +328,7 @@ bool read_object_end(Medium_Window& window, unsigned long long offset, const Obj
   }
   if (!read_stream(window, stream.next(), stream, error))
     return false;
+  end.padding = stream;
   end.end = stream.data() + stream.header.length;
   if (stream.header.id != SPAD || end.end % FLB != 0 || stream.header.length >= FLB) {
     error = "the object does not end with padding to a block boundary";

@@ -94,20 +94,24 @@ std::string name_in_block(const unsigned char* block, size_t size, unsigned fiel
 struct Object_Start {
   Object_Head head;
   Head_Stream stream;
+  Medium_Stream head_stream;       ///< OBSH
   unsigned long long head_end = 0; ///< behind the head stream's data
   Medium_Stream attributes;        ///< OBSA; its offset is 0 where the object has none
   std::string attributes_problem;  ///< why they cannot be read; empty: they can, or there are none
   Medium_Stream content;           ///< STAN, or the first OBSZ or OBSX
   bool block_holds = true;         ///< the FILE block matches the check in the head stream
+  std::string block_problem;       ///< why it does not
 };
 /// Reads FILE block and head stream. When the block itself is damaged the head stream is looked for behind it.
 /// False with the reason.
 bool read_object_start(Medium_Window& window, unsigned long long offset, Object_Start& start, std::string& error);
 /// What stands behind an object's content.
 struct Object_End {
-  Object_Digest digest;              ///< empty when the object is encrypted and its key is not known
+  Object_Digest digest; ///< empty when the object is encrypted and its key is not known
+  Medium_Stream digest_stream;
   unsigned long long digest_end = 0; ///< behind the digest stream's data
-  unsigned long long end = 0;        ///< where the next block begins
+  Medium_Stream padding;
+  unsigned long long end = 0; ///< where the next block begins
 };
 /// Reads the digest stream at `offset`, compares it with the head, and finds the end of the object's streams.
 bool read_object_end(Medium_Window& window, unsigned long long offset, const Object_Start& start, Object_End& end,

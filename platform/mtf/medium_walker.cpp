@@ -59,15 +59,54 @@ void Medium_Walker::broken_rule(unsigned long long offset, const std::string& wh
     tell_damage(offset, STREAM_ALIGNMENT, what + "; readers elsewhere may be led astray, no content is affected");
 }
 
-void Medium_Walker::check_block_rules(const Dblk_Header& header) {
+/// Whether the block keeps all rules that it can be held to by itself.
+bool Medium_Walker::check_block_rules(const Dblk_Header& header) {
   const unsigned char* const block = content_ ? window_.at(at_, header.first_event) : nullptr;
-  if (block == nullptr)
+  const std::string broken = block == nullptr ? std::string() : broken_block_rule(header, block);
+  broken_rule(at_, broken);
+  return broken.empty();
+}
+
+void Medium_Walker::check_stream_rules(uint32_t type, const Medium_Stream& stream, bool sealed) {
+  if (content_)
+    broken_rule(stream.offset, broken_stream_rule(type, stream.header, sealed));
+}
+
+// Readers make folders from these blocks, each when it comes: the one that it lies in must be there. As folders are
+// left only to come to the next one, the way to the current one is all that has to be remembered.
+void Medium_Walker::check_directory(const Dblk_Header& header, const unsigned char* block, const std::string& path,
+                                    bool exact_beside) {
+  if (!content_)
     return;
-  broken_rule(at_, broken_block_rule(header, block));
-  Medium_Stream first;
-  std::string ignored;
-  if (read_stream(window_, at_ + header.first_event, first, ignored))
-    broken_rule(first.offset, broken_stream_rule(header.type, first.header));
+  broken_rule(at_, broken_directory_name_rule(header, block, path, exact_beside));
+  const size_t slash = path.size() < 2 ? std::string::npos : path.rfind('\0', path.size() - 2);
+  const size_t parent = slash == std::string::npos ? 0 : slash + 1;
+  if (encrypted_ && !path.empty())
+    tell_damage(at_, FLB, "the block DIRB names a folder of an encrypted set");
+  if (at_ == ROOT_OFFSET && !path.empty())
+    broken_rule(at_, "the first directory is not the root");
+  else if (directory_known_ && directory_.compare(0, parent, path, 0, parent) != 0)
+    broken_rule(at_, "the block DIRB: the folder that it lies in has no block in front of it");
+}
+
+void Medium_Walker::check_file(const Dblk_Header& header, const unsigned char* block, const Object_Start& start,
+                               const Object_End& end) {
+  if (!content_)
+    return;
+  const bool sealed = start.stream.sealed;
+  if (encrypted_ && !sealed)
+    tell_damage(at_, next_ - at_, "it is not encrypted, and its set is");
+  check_stream_rules(FILE_, start.head_stream, sealed);
+  if (start.attributes.offset != 0)
+    check_stream_rules(FILE_, start.attributes, sealed);
+  check_stream_rules(FILE_, end.digest_stream, sealed);
+  check_stream_rules(FILE_, end.padding, sealed);
+  if (block != nullptr)
+    broken_rule(at_, broken_file_rule(header, block, head_, sealed));
+  std::string folder = sealed ? std::string() : head_.path.substr(0, head_.path.rfind('/') + 1);
+  std::replace(folder.begin(), folder.end(), '/', '\0');
+  if (directory_known_ && folder != directory_)
+    broken_rule(at_, "the block FILE: it does not lie in the directory in front of it");
 }
 
 // Some readers look for blocks at every boundary behind any block but FILE.
@@ -141,13 +180,21 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
   if (!descriptor_holds(window_, at_, header, streams, reason_))
     return false;
   check_zero(at_ + header.first_event + STREAM_HEADER + CHECK, streams);
+  Medium_Stream check;
+  if (!read_stream(window_, at_ + header.first_event, check, reason_))
+    return false;
+  check_stream_rules(header.type, check);
   const unsigned char* block = window_.at(at_, header.first_event);
   if (block == nullptr) {
     reason_ = window_.error();
     return false;
   }
+  std::string path;
+  bool exact_beside = false;
   if (header.type == DIRB) {
-    directory_ = name_in_block(block, header.first_event, 80);
+    path = name_in_block(block, header.first_event, 80);
+    if (path == std::string(1, '\0'))
+      path.clear();
     const uint32_t id = get32(block + 76);
     if (in_step_ && id != directory_id_ + 1)
       damage(at_, FLB, "the directory has the number " + std::to_string(id));
@@ -157,7 +204,7 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
     Medium_Stream stream;
     if (!read_stream(window_, offset, stream, reason_))
       return false;
-    broken_rule(offset, broken_stream_rule(header.type, stream.header));
+    check_stream_rules(header.type, stream);
     check_boundaries(offset, stream.data());
     if (stream.header.id == SPAD) {
       next_ = stream.data() + stream.header.length;
@@ -178,9 +225,9 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
     if (good && stream.header.id == OBSI)
       good = self.parse(data, length);
     else if (good && stream.header.id == OBSK)
-      good = key.parse(data, length);
+      good = encrypted_ = key.parse(data, length);
     else if (good && stream.header.id == OBSN)
-      good = parse_directory_path(data, length, directory_);
+      good = exact_beside = parse_directory_path(data, length, path);
     else if (good && stream.header.id == OBST) {
       good = totals.parse(data, length);
       if (good && whole_ && (totals.objects != totals_.objects || totals.bytes != totals_.bytes))
@@ -201,7 +248,18 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
   }
   if ((header.type == TAPE || header.type == SSET) && next_ - at_ != FLB)
     broken_rule(at_, "the block " + four_text(header.type) + " takes more than one logical block");
-  check_block_rules(header);
+  const bool keeps = check_block_rules(header);
+  if (header.type == DIRB) {
+    block = window_.at(at_, header.first_event);
+    if (block == nullptr) {
+      reason_ = window_.error();
+      return false;
+    }
+    if (keeps)
+      check_directory(header, block, path, exact_beside);
+    directory_ = path;
+    directory_known_ = true;
+  }
   numbered(header);
   if (header.type == ESET)
     set_ended_ = true;
@@ -211,6 +269,7 @@ bool Medium_Walker::descriptor(const Dblk_Header& header) {
 /// Goes over all streams behind the head without looking at the content.
 bool Medium_Walker::object_streams(const Object_Start& start, Object_End& end) {
   Medium_Stream stream = start.content;
+  check_stream_rules(FILE_, stream, start.stream.sealed);
   const uint32_t kind = stream.header.id;
   const bool blind = start.stream.sealed && !start.stream.opened;
   uint32_t sequence = 0;
@@ -235,6 +294,7 @@ bool Medium_Walker::object_streams(const Object_Start& start, Object_End& end) {
       reason_ = "a stream " + four_text(stream.header.id) + " stands where a frame belongs";
       return false;
     }
+    check_stream_rules(FILE_, stream, start.stream.sealed);
   }
   check_zero(stream.data() + stream.header.length, stream.next());
   if (!read_object_end(window_, stream.next(), start, end, reason_))
@@ -293,7 +353,7 @@ bool Medium_Walker::object() {
       std::string folder = directory_;
       std::replace(folder.begin(), folder.end(), '\0', '/');
       if (block != nullptr)
-        object_name_ = (folder == "/" ? std::string() : folder) + name_in_block(block, header.first_event, 84);
+        object_name_ = folder + name_in_block(block, header.first_event, 84);
     }
     return false;
   }
@@ -309,13 +369,17 @@ bool Medium_Walker::object() {
   if (start.attributes.offset != 0)
     check_zero(start.attributes.data() + start.attributes.header.length, start.content.offset);
   if (!start.block_holds)
-    damage(at_, FLB, "its FILE block is damaged; its content is not affected");
+    damage(at_, FLB, "its FILE block is damaged: " + start.block_problem + "; its content is not affected");
   if (!object_streams(start, end))
     return false;
   if (read_block(window_, at_, header, ignored) && start.block_holds) {
-    check_block_rules(header);
-    broken_rule(start.content.offset, broken_stream_rule(FILE_, start.content.header));
+    const bool keeps = check_block_rules(header);
     const unsigned char* block = window_.at(at_, header.first_event);
+    if (block == nullptr) {
+      reason_ = window_.error();
+      return false;
+    }
+    check_file(header, keeps ? block : nullptr, start, end);
     const uint32_t directory = get32(block + 76);
     const uint32_t file = get32(block + 80);
     if (in_step_ && (directory != directory_id_ || file != file_id_ + 1))
@@ -405,7 +469,8 @@ bool Medium_Walker::walk(std::string& error) {
         data_end_.control_id = control_id_;
         data_end_.totals = totals_;
       }
-      data_end_.finished = ended_;
+      // With something behind its end a set is none: it has to be ended anew.
+      data_end_.finished = ended_ && at_ == source_->size();
       continue;
     }
     if (window_.failed()) {
@@ -418,7 +483,7 @@ bool Medium_Walker::walk(std::string& error) {
     damage(at_, next - at_,
            reason + "; " + std::to_string(next - at_) + " bytes from " + std::to_string(at_) + " on are lost" +
                (torn ? " (the medium is torn there)" : ""));
-    in_step_ = false;
+    in_step_ = directory_known_ = false;
     at_ = next;
   }
   if (!stopped_ && !ended_) {

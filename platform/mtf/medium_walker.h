@@ -21,7 +21,7 @@ public:
     unsigned long long offset = 0; ///< 0: not even the blocks that a medium begins with are whole
     uint64_t control_id = 0;       ///< of the next block
     Medium_Totals totals;
-    bool finished = false; ///< the set has its end
+    bool finished = false; ///< the set has its end, and nothing follows it
   };
   /// When `walk` has returned.
   const Data_End& data_end() const { return data_end_; }
@@ -36,10 +36,15 @@ private:
   bool sealed_content(const Medium_Stream& stream, const Frame& frame);
   bool check_content(const Object_Start& start);
   bool in_order(uint32_t type);
+  void check_directory(const Dblk_Header& header, const unsigned char* block, const std::string& path,
+                       bool exact_beside);
+  void check_file(const Dblk_Header& header, const unsigned char* block, const Object_Start& start,
+                  const Object_End& end);
   void numbered(const Dblk_Header& header);
   void check_zero(unsigned long long offset, unsigned long long end);
   void check_boundaries(unsigned long long offset, unsigned long long end);
-  void check_block_rules(const Dblk_Header& header);
+  bool check_block_rules(const Dblk_Header& header);
+  void check_stream_rules(uint32_t type, const Medium_Stream& stream, bool sealed = false);
   void broken_rule(unsigned long long offset, const std::string& what);
   bool holds(unsigned long long offset);
   unsigned long long resynchronise();
@@ -55,8 +60,10 @@ private:
   unsigned long long at_ = 0;
   unsigned long long next_ = 0;
   std::string reason_;
-  std::string object_name_; ///< of the object at `at_`, as far as it is known
-  std::string directory_;
+  std::string object_name_;     ///< of the object at `at_`, as far as it is known
+  std::string directory_;       ///< path of the current one, with a NUL behind each component
+  bool encrypted_ = false;      ///< the volume has the wrapped key of its set
+  bool directory_known_ = true; ///< no block that may have begun another one was left out
   Object_Head head_;
   uint64_t plain_ = 0;      ///< bytes of content that the frames of the object at `at_` announce
   bool in_step_ = true;     ///< nothing was left out since the last block: numbers must follow

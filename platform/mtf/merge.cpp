@@ -131,6 +131,7 @@ private:
   bool find_live(std::string& error) {
     if (!add_live(newest_, true, error))
       return false;
+    last_own_ordinal_ = last_ordinal_;
     std::vector<std::string> bad;
     for (const Set_Record& record : pool_.sets(place_, bad))
       if (absorbed_.count(record.uuid) == 0 && !add_live(record, false, error))
@@ -261,6 +262,10 @@ private:
       Object_Head head = reading.head();
       head.ordinal = o.ordinal;
       head.seq = newest_.seq;
+      // Who reads the media alone must know which objects are this set's.
+      head.flags &= ~static_cast<unsigned>(OBJECT_OF_OTHERS);
+      if (o.ordinal > last_own_ordinal_)
+        head.flags |= OBJECT_OF_OTHERS;
       Codec_Options codec;
       codec.cipher = cipher_;
       // What was worth compressing once is so again.
@@ -397,8 +402,9 @@ private:
   Set_Lock lock_;
   unsigned family_ = 0;
   unsigned long long last_ordinal_ = 0;
-  Set_Cipher_ptr cipher_; ///< of the merged set
-  Catalog_Db catalog_;    ///< of the merged set; `moves_` works on it
+  unsigned long long last_own_ordinal_ = 0; ///< what is behind it is live for other sets only
+  Set_Cipher_ptr cipher_;                   ///< of the merged set
+  Catalog_Db catalog_;                      ///< of the merged set; `moves_` works on it
   std::unique_ptr<Catalog_Moves> moves_;
   std::vector<std::unique_ptr<Medium_Writer>> media_;
   std::vector<std::string> folders_; ///< by medium, of the object written last

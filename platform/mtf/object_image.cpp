@@ -10,7 +10,7 @@ using namespace MTF_Format;
 
 namespace {
 
-/// Appends the content as frames; false when plain storing is better.
+/// Appends the content as frames; false when its first chunk says that plain storing is better.
 bool append_frames(std::string& out, const Object_Head& head, const char* data, const Codec_Options& codec,
                    const std::vector<uint64_t>& chunks) {
   Frame_Writer frames(codec, head.size);
@@ -23,7 +23,7 @@ bool append_frames(std::string& out, const Object_Head& head, const char* data, 
     if (at == 0 && !frames.pays())
       return false;
   }
-  return frames.pays();
+  return true;
 }
 
 /// The whole image, encrypted.

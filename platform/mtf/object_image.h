@@ -20,7 +20,9 @@ struct Object_Head {
 enum Object_Flag : unsigned {
   /// By the service's own clock the object was modified less than two seconds before it was read: another one of the
   /// same size may have the same date.
-  OBJECT_FRESH = 1
+  OBJECT_FRESH = 1,
+  /// On the media of a merged set: it is none of that set's objects; catalogs of other sets point to it.
+  OBJECT_OF_OTHERS = 2
 };
 
 struct Codec_Options {

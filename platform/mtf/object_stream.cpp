@@ -32,13 +32,8 @@ bool has_attributes(const Object_Head& head) {
          head.attributes.common.size() + head.attributes.own.size() <= MAX_ATTRIBUTES_STREAM - ATTRIBUTES_FIXED - CHECK;
 }
 
-/// What the FILE block of an encrypted object, and a reader without the key, call it.
-std::string substitute_name(uint64_t ordinal) {
-  return "object-" + std::to_string(ordinal);
-}
-
 void append_sealed_head(std::string& out, const Object_Head& head, const Object_Seal& seal) {
-  const Dblk_Name name = file_name_field(substitute_name(head.ordinal));
+  const Dblk_Name name = file_name_field(sealed_object_name(head.ordinal));
   Dblk_Builder block(out, FILE_, FILE_FIXED, STRINGS_UTF16);
   block.string(84, name.utf16);
   block.finish(0, 0);
@@ -77,14 +72,14 @@ bool parse_sealed_head(const unsigned char* data, size_t size, const Set_Cipher*
   head = Object_Head();
   head.ordinal = get64(data + 8);
   if (cipher == nullptr) {
-    head.path = substitute_name(head.ordinal);
+    head.path = sealed_object_name(head.ordinal);
     return true;
   }
   std::string plain(sealed, '\0');
   if (!cipher->object(head.ordinal, data + HEAD_SALT, stream.seal) ||
       !stream.seal.open(OBSH, 0, std::string_view(reinterpret_cast<const char*>(data), HEAD_BLOCK_CHECK),
                         data + HEAD_FIXED, sealed, plain.data(), data + HEAD_FIXED + sealed)) {
-    error = "the head of " + substitute_name(head.ordinal) + " was not written with this set";
+    error = "the head of " + sealed_object_name(head.ordinal) + " was not written with this set";
     return false;
   }
   const unsigned char* const at = bytes_of(plain);
@@ -103,6 +98,10 @@ bool parse_sealed_head(const unsigned char* data, size_t size, const Set_Cipher*
 }
 
 } // namespace
+
+std::string sealed_object_name(uint64_t ordinal) {
+  return "object-" + std::to_string(ordinal);
+}
 
 void append_object_head(std::string& out, const Object_Head& head, const Object_Seal* seal) {
   if (seal != nullptr)

@@ -36,6 +36,8 @@ inline uint64_t chunk_count(uint64_t size) {
 /// Appends the FILE block and its head stream to `out`, which is empty. What depends on the place is left zero. With a
 /// `seal` the head is encrypted and the block tells the ordinal only. Throws std::bad_alloc.
 void append_object_head(std::string& out, const Object_Head& head, const Object_Seal* seal = nullptr);
+/// What the FILE block of an encrypted object, and a reader without the key, call it.
+std::string sealed_object_name(uint64_t ordinal);
 /// Where an object stands in the data set.
 struct Object_Place {
   uint64_t fla = 0;

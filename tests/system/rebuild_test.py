@@ -23,6 +23,10 @@ class Rebuild(harness.Scenario):
     def folder_of(self, set_id):
         return next(folder for folder, _, _ in os.walk(self.pool) if os.path.basename(folder) == set_id)
 
+    def record(self, set_id):
+        with open(os.path.join(self.folder_of(set_id), "set.json")) as file:
+            return json.load(file)
+
     def listing(self, set_id):
         return self.agent("ls", set_id, "--recursive", "--json").stdout
 
@@ -169,6 +173,117 @@ class Rebuild(harness.Scenario):
         os.remove(path)
         self.assertFalse(self.agent("catalog", "rebuild", full, "--json", expect=3).json["exact"])
         self.assertEqual(before, dump())
+
+    def lose_copy(self, set_id):
+        """The set's first medium becomes one of a version that wrote no copy."""
+        self.damages_media = True
+        medium = os.path.join(self.folder_of(set_id), "channel-0000.mtf")
+        with open(medium, "r+b") as file:
+            data = file.read()
+            file.seek(data.rindex(b"OBSR") + 3)
+            file.write(b"x")
+
+    def take_back(self, set_id, expect=0):
+        answer = self.agent("catalog", "rebuild", set_id, "--json", expect=expect).json
+        for key in self.contents(self.server, "target"):
+            self.client.delete_object(Bucket="target", Key=key)
+        return answer
+
+    def merged(self):
+        """The first and the last of three sets become one. The one between finds objects in it that the last has not."""
+        sets = [self.backup("/bucket/")["set"]]
+        self.put("added", b"added")
+        sets.append(self.backup("/bucket/")["set"])
+        self.put("d0000/e00/object-0000000003", b"changed")
+        self.client.delete_object(Bucket="bucket", Key="d0000/e01/object-0000000107")
+        sets.append(self.backup("/bucket/")["set"])
+        return sets[1], self.agent("merge", sets[0], sets[2], "--json").json["set"]
+
+    def test_merged_set_is_made_again_from_its_media_alone(self):
+        between, merged = self.merged()
+        row = next(row for row in self.rows() if row["set"] == merged)
+        listings = [self.listing(set_id) for set_id in (between, merged)]
+        replaced = self.record(merged)["replaces"]
+        for name in ("catalog.db", "set.json"):
+            os.remove(os.path.join(self.folder_of(merged), name))
+        answer = self.take_back(merged)
+        self.assertEqual((True, True), (answer["exact"], answer["record_made"]))
+        self.assertEqual(replaced, self.record(merged)["replaces"])
+        self.assertEqual(row, next(row for row in self.rows() if row["set"] == merged))
+        self.assertEqual(listings, [self.listing(set_id) for set_id in (between, merged)])
+        for set_id in (between, merged):
+            self.agent("verify", set_id)
+        self.agent("restore", merged, "--map", "bucket=target")
+        self.assertEqual(self.contents(self.server, "bucket"), self.contents(self.server, "target"))
+        # What is merged next finds where the data went.
+        self.agent("merge", between, merged)
+        self.assertEqual(listings[1], self.listing(self.rows()[-1]["set"]))
+
+    def test_merged_set_without_its_copy_holds_its_own_moment_only(self):
+        between, merged = self.merged()
+        listings = [self.listing(set_id) for set_id in (between, merged)]
+        self.lose_copy(merged)
+        os.remove(os.path.join(self.folder_of(merged), "catalog.db"))
+        answer = self.take_back(merged, expect=3)
+        # All but the one that lies in the set between.
+        self.assertEqual((False, 399, 2), (answer["exact"], answer["objects"], answer["of_others"]))
+        self.assertEqual([line for line in listings[1].splitlines() if '"/bucket/added"' not in line],
+                         self.listing(merged).splitlines())
+        self.assertEqual(listings[0], self.listing(between))
+        self.agent("verify", between)
+        self.agent("restore", merged, "--map", "bucket=target")
+        expected = self.contents(self.server, "bucket")
+        del expected["added"]
+        self.assertEqual(expected, self.contents(self.server, "target"))
+
+    def test_merged_set_that_may_be_of_an_earlier_version_is_named_as_such(self):
+        sets = self.chain()
+        merged = self.agent("merge", *sets, "--json").json["set"]
+        self.lose_copy(merged)
+        os.remove(os.path.join(self.folder_of(merged), "catalog.db"))
+        told = self.agent("catalog", "rebuild", merged, expect=3).stdout
+        self.assertIn("400 objects, as far as its media know", told)
+        self.assertIn("the set was merged from others", told)
+
+    def test_encrypted_and_compressed_set_is_made_again_from_its_media_alone(self):
+        passphrase = os.path.join(self.folder, "passphrase")
+        with open(passphrase, "w") as file:
+            file.write("a passphrase\n")
+        self.agent("pool", "remove", "disk")
+        self.pool = os.path.join(self.folder, "sealed")
+        self.agent("pool", "add", "disk", "file://" + self.pool, "--encrypt", "--passphrase-file", passphrase)
+        self.put("text", b"words that repeat themselves " * 100000)
+        self.put("noise", os.urandom(1500000))
+        options = ("--compression", "zstd", "--channels", "2")
+        sets = [self.backup("/bucket/", *options)["set"]]
+        self.put("d0000/e00/object-0000000003", b"changed")
+        sets.append(self.backup("/bucket/", *options)["set"])
+        rows, listings = self.rows(), [self.listing(set_id) for set_id in sets]
+        for lost in (("catalog.db",), ("set.json",), ("catalog.db", "set.json")):
+            for set_id in sets:
+                for name in lost:
+                    os.remove(os.path.join(self.folder_of(set_id), name))
+                answer = self.take_back(set_id)
+                self.assertEqual((True, "set.json" in lost, []),
+                                 (answer["exact"], answer["record_made"], answer["problems"]))
+            found = self.rows()
+            for row in rows + found:
+                row.pop("end_time", None)
+            self.assertEqual(rows, found)
+            self.assertEqual(listings, [self.listing(set_id) for set_id in sets])
+            self.agent("verify", sets[1])
+        # Without the copy: what the media hold, opened with the key.
+        self.lose_copy(sets[0])
+        for name in ("catalog.db", "set.json"):
+            os.remove(os.path.join(self.folder_of(sets[0]), name))
+        answer = self.take_back(sets[0], expect=3)
+        self.assertEqual((False, True, 402), (answer["exact"], answer["record_made"], answer["objects"]))
+        self.assertEqual(listings[0], self.listing(sets[0]))
+        self.agent("restore", sets[1], "--map", "bucket=target")
+        self.assertEqual(self.contents(self.server, "bucket"), self.contents(self.server, "target"))
+        for name in os.listdir(self.folder_of(sets[0])):
+            with open(os.path.join(self.folder_of(sets[0]), name), "rb") as file:
+                self.assertNotIn(b"object-0000000003", file.read(), name)
 
     def test_what_is_no_set_is_refused(self):
         self.backup("/bucket/")
