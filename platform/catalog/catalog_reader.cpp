@@ -186,7 +186,9 @@ public:
       const std::string folder(visits.blob(2));
       const unsigned long long end = visits.number(1);
       unsigned long long first = visits.number(0), last = end;
-      for (; first <= end && (!narrow || narrow(first, last)); first = last + 1, last = end) {
+      // Ends before it counts on: a damaged catalog may have the largest of all ordinals.
+      for (bool more = first <= end; more && (!narrow || narrow(first, last)); first = last + 1, last = end) {
+        more = last < end;
         objects.reset();
         objects.bind(1, first).bind(2, last);
         int row;

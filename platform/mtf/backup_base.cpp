@@ -163,9 +163,10 @@ bool Backup_Base::is_shown(unsigned long long first, unsigned long long last) {
 
 /// Makes `first` to `last` the first run of ordinals among them that was not shown; false when there is none.
 bool Backup_Base::first_gap(unsigned long long& first, unsigned long long& last) {
-  for (unsigned long long end; first <= last && (end = run_end(first)) >= first;)
-    first = end + 1;
-  if (first > last || !error_.empty())
+  for (unsigned long long end; (end = run_end(first)) >= first; first = end + 1)
+    if (end >= last || !error_.empty())
+      return false;
+  if (!error_.empty())
     return false;
   const int step = next_run_.bind(1, first).bind(2, last).step();
   if (step == SQLITE_ROW && next_run_.number(0) != 0)

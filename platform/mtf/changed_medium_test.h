@@ -46,14 +46,14 @@ public:
     return block;
   }
 
-  Changed_Medium& change(size_t block, const Change& change) {
+  Changed_Medium& change_at(size_t block, const Change& change) {
     change(bytes_at(bytes_, block));
     mend(block);
     return *this;
   }
-  Changed_Medium& change(uint32_t type, const Change& change) { return this->change(block(type), change); }
+  Changed_Medium& change(uint32_t type, const Change& change) { return change_at(block(type), change); }
   /// `change` gets a stream's header, which its data follow.
-  Changed_Medium& change_stream(size_t block, uint32_t id, const Change& change, unsigned number = 0) {
+  Changed_Medium& change_stream_at(size_t block, uint32_t id, const Change& change, unsigned number = 0) {
     const size_t at = stream(block, id, number);
     unsigned char* const header = bytes_at(bytes_, at);
     change(header);
@@ -70,7 +70,7 @@ public:
     return *this;
   }
   Changed_Medium& change_stream(uint32_t type, uint32_t id, const Change& change, unsigned number = 0) {
-    return change_stream(block(type), id, change, number);
+    return change_stream_at(block(type), id, change, number);
   }
   /// Puts `streams`, which are a multiple of 4 long, in front of a block's padding, which is made anew. All blocks
   /// behind it move, and say so.

@@ -55,7 +55,7 @@ TEST(medium_structure, number_that_does_not_follow_is_told) {
   }
   for (const uint32_t number : {0u, 3u, 9u}) {
     const auto of_directory =
-        medium.change(medium.block(DIRB, 1), [&](unsigned char* block) { put32(block + 76, number); }).problems();
+        medium.change_at(medium.block(DIRB, 1), [&](unsigned char* block) { put32(block + 76, number); }).problems();
     EXPECT_TRUE(tells(of_directory, "the directory has the number " + std::to_string(number))) << number;
     const auto of_file = medium.change(FILE_, [&](unsigned char* block) { put32(block + 80, number); }).problems();
     EXPECT_TRUE(tells(of_file, "the numbers of its FILE block do not follow")) << number;
@@ -206,7 +206,7 @@ TEST(medium_structure, every_stream_of_every_object_is_held_to_the_rules) {
   const auto expect = [](Changed_Medium& medium, unsigned number, uint32_t id, unsigned nth, uint16_t good) {
     const auto attributes = [&](uint16_t value) {
       return medium
-          .change_stream(
+          .change_stream_at(
               medium.block(FILE_, number), id, [&](unsigned char* h) { put16(h + 6, value); }, nth)
           .first_problem();
     };
@@ -229,7 +229,7 @@ TEST(medium_structure, every_stream_of_every_object_is_held_to_the_rules) {
     for (const unsigned field : {4u, 16u, 18u}) {
       const std::string told =
           medium
-              .change_stream(
+              .change_stream_at(
                   medium.block(FILE_, number), id, [&](unsigned char* h) { put16(h + field, 8); }, nth)
               .first_problem();
       EXPECT_TRUE(tells(told, who)) << field << told;
@@ -344,28 +344,28 @@ TEST(medium_structure, folder_without_a_block_for_what_it_lies_in_is_told) {
 TEST(medium_structure, name_of_a_directory_is_that_of_its_path) {
   Changed_Medium medium(std::vector<Test_Object>{{"\xFF/a", "x"}});
   const size_t at = medium.block(DIRB, 2);
-  EXPECT_EQ(medium.change(at, [](unsigned char*) {}).problem(), "");
-  std::string told = medium.change(at, [](unsigned char* block) { block[get16(block + 82)] ^= 1; }).first_problem();
+  EXPECT_EQ(medium.change_at(at, [](unsigned char*) {}).problem(), "");
+  std::string told = medium.change_at(at, [](unsigned char* block) { block[get16(block + 82)] ^= 1; }).first_problem();
   EXPECT_TRUE(tells(told, "the block DIRB: its name is not that of its folder")) << told;
   // Another path with the same name.
   const std::string path("bucket\0\xFE\0", 9);
   told = medium
-             .change_stream(at, OBSN,
-                            [&](unsigned char* header) {
-                              const std::string digits = hex_path(path);
-                              ASSERT_EQ(get64(header + 8), digits.size());
-                              std::copy(digits.begin(), digits.end(), header + STREAM_HEADER);
-                            })
+             .change_stream_at(at, OBSN,
+                               [&](unsigned char* header) {
+                                 const std::string digits = hex_path(path);
+                                 ASSERT_EQ(get64(header + 8), digits.size());
+                                 std::copy(digits.begin(), digits.end(), header + STREAM_HEADER);
+                               })
              .first_problem();
   EXPECT_TRUE(tells(told, "the block DIRB: its name is not that of its folder")) << told;
   // A name that no file system takes, and no path beside it.
   Changed_Medium plain(std::vector<Test_Object>{{"ab/c", "x"}});
   told = plain
-             .change(plain.block(DIRB, 2),
-                     [](unsigned char* block) {
-                       unsigned char* const name = block + get16(block + 82) + 14;
-                       name[0] = name[2] = '.';
-                     })
+             .change_at(plain.block(DIRB, 2),
+                        [](unsigned char* block) {
+                          unsigned char* const name = block + get16(block + 82) + 14;
+                          name[0] = name[2] = '.';
+                        })
              .first_problem();
   EXPECT_TRUE(tells(told, "the block DIRB: its name")) << told;
 }

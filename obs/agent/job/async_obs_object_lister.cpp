@@ -307,8 +307,9 @@ bool Async_OBS_Object_Lister::list_objects(std::shared_ptr<S3_Service_Base> svr,
   }
 
   const std::string name = entry->name;
-  give_up(entry); // from here on the entry may be gone
-  if (!end_)
+  const bool ended = end_; // whoever is told that the prefix has failed may end the rest before that is logged
+  give_up(entry);          // from here on the entry may be gone
+  if (!ended)
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list all objects in %s/%s, last error: %s.\n"), bucket_.c_str(),
                name.c_str(), error.c_str()));
   return false;
