@@ -146,6 +146,20 @@ TEST_F(Catalog, walk_passes_over_what_is_narrowed_away) {
     EXPECT_EQ(std::vector<unsigned long long>(wanted.begin(), wanted.end()), told(wanted));
 }
 
+TEST_F(Catalog, visit_that_ends_with_the_largest_ordinal_is_walked_once) {
+  write(TREE);
+  Catalog_Db db;
+  ASSERT_TRUE(db.open(folder_ + "/catalog.db", SQLITE_OPEN_READWRITE, error_)) << error_;
+  ASSERT_TRUE(
+      db.execute("UPDATE visits SET last=-1 WHERE folder=(SELECT id FROM folders WHERE path=x'62322f')", error_))
+      << error_;
+  ASSERT_TRUE(db.close(error_)) << error_;
+  auto reader = open();
+  ASSERT_TRUE(reader);
+  EXPECT_GE(TREE.size(), walked(*reader, "").size());
+  EXPECT_EQ(std::vector<std::string>(), walked(*reader, "b2/k")) << "no folder";
+}
+
 TEST_F(Catalog, objects_that_come_many_at_once_are_all_there) {
   auto writer = Catalog_Writer::create(folder_, error_);
   ASSERT_TRUE(writer) << error_;
