@@ -9,6 +9,8 @@
 
 namespace {
 
+/// Where a time_t has 32 bits curl knows no year in which they overflow.
+constexpr long long LAST = sizeof(time_t) > 4 ? std::numeric_limits<long long>::max() : 2145916799; // end of 2037
 constexpr std::string_view WEEKDAYS = "MonTueWedThuFriSatSun";
 constexpr std::string_view MONTHS = "JanFebMarAprMayJunJulAugSepOctNovDec";
 
@@ -46,7 +48,7 @@ std::optional<long long> usual_date(std::string_view text) {
 
 time_t parse_http_date(const std::string& text) {
   const std::optional<long long> usual = usual_date(text);
-  if (!usual || *usual > std::numeric_limits<time_t>::max())
+  if (!usual || *usual > LAST)
     return curl_getdate(text.c_str(), nullptr);
   return static_cast<time_t>(*usual);
 }

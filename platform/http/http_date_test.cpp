@@ -19,7 +19,7 @@ TEST(http_date, usual_form_is_the_moment_that_it_was_made_from) {
   EXPECT_EQ(784111777, parse_http_date("Sun, 06 Nov 1994 08:49:37 GMT"));
   std::mt19937 random(1);
   for (unsigned i = 0; i < 20000; ++i) {
-    const time_t time = static_cast<time_t>(random() & 0x7FFFFFFF);
+    const time_t time = static_cast<time_t>(random() % 2145916800);
     EXPECT_EQ(time, parse_http_date(usual(time))) << usual(time);
   }
   EXPECT_EQ(951782399, parse_http_date("Mon, 28 Feb 2000 23:59:59 GMT"));
@@ -46,7 +46,7 @@ TEST(http_date, any_text_gives_what_curl_makes_of_it) {
   std::mt19937 random(2);
   const std::string letters = "0123456789:, GMTJanSunFebDec+-";
   for (unsigned i = 0; i < 50000; ++i) {
-    std::string text = usual(static_cast<time_t>(random() & 0x7FFFFFFF));
+    std::string text = usual(static_cast<time_t>(random() % 2145916800));
     for (unsigned changes = random() % 4; changes > 0; --changes)
       text[random() % text.size()] = letters[random() % letters.size()];
     EXPECT_EQ(curl_getdate(text.c_str(), nullptr), parse_http_date(text)) << '"' << text << '"';
