@@ -38,7 +38,8 @@ class Huge_Object(harness.Scenario):
     def setUp(self):
         super().setUp()
         options = ["--object", "big,huge,%d" % SIZE, "--cut", "huge,%d" % CUT, "--throw-away", "--log",
-                   "--bucket", "wide", "--bucket", "narrow"]
+                   # So slow that one stream is not enough, whatever processors there are.
+                   "--rate", "100000000", "--bucket", "wide", "--bucket", "narrow"]
         for key, size in SMALL.items():
             options += ["--object", "big,%s,%d" % (key, size)]
         self.server = harness.Test_Server(*options)
