@@ -6,17 +6,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <string_view>
 #include <vector>
 
 using namespace MTF_Format;
 
 namespace {
-
-constexpr size_t BUFFER = 256u << 10;
 
 /// Filemark, end of set and filemark, as they stand behind the last whole block.
 std::string make_end(const Left_Medium& medium, const Set_Cipher_ptr& cipher) {
@@ -58,15 +56,14 @@ bool replace_tail(const std::string& path, unsigned long long offset, const std:
 
 /// Reads the whole content at `offset`, where a walk has just found an object. FAILED where it could not be read now.
 Read_Outcome check_content(const std::shared_ptr<Medium_Source>& source, unsigned long long offset,
-                           std::vector<char>& buffer, std::string& error) {
+                           std::string& error) {
   Medium_Object reader(source);
   if (!reader.open(offset, error))
     return Read_Outcome::FAILED;
+  std::string_view bytes;
   Read_Outcome outcome = Read_Outcome::MORE;
-  while (outcome == Read_Outcome::MORE) {
-    size_t got = 0;
-    outcome = reader.read(buffer.data(), buffer.size(), got);
-  }
+  while (outcome == Read_Outcome::MORE)
+    outcome = reader.next(bytes);
   error = reader.error();
   return outcome;
 }
@@ -102,13 +99,12 @@ bool read_left_medium(Left_Medium& medium, const Set_Cipher_ptr& cipher,
     const std::shared_ptr<Medium_Source> source = Medium_Source::open(medium.path, error, cipher);
     if (!source)
       return false;
-    std::vector<char> buffer(BUFFER);
     bool going = true;
     const Medium_Walker::Found found = [&](const Medium_Finding& finding) {
       // Only what is whole spares a request: an object without its attributes is read again.
       if (finding.kind != Medium_Finding::OBJECT || finding.attributes_lost)
         return true;
-      const Read_Outcome outcome = check_content(source, finding.offset, buffer, error);
+      const Read_Outcome outcome = check_content(source, finding.offset, error);
       if (outcome == Read_Outcome::DAMAGED)
         return true;
       going = outcome == Read_Outcome::END;

@@ -69,10 +69,6 @@ class Rebuild(harness.Scenario):
             self.agent("catalog", "rebuild", set_id)
             self.assertEqual(number, self.rows()[-1]["seq"])
 
-    def record(self, set_id):
-        with open(os.path.join(self.folder_of(set_id), "set.json")) as file:
-            return json.load(file)
-
     def test_record_and_copy_say_the_same_where_the_set_before_could_not_be_opened(self):
         full = self.backup("/bucket/")["set"]
         before = full
