@@ -5,6 +5,7 @@
 #include "agent/commands/run_job.h"
 #include "agent/commands/search.h"
 #include "agent/entry.h"
+#include "agent/set_outcome.h"
 
 #include "sdk/job/job_definition.h"
 
@@ -97,6 +98,7 @@ void restore(Context& context, const Restore_Arguments& arguments) {
     maps.add(text);
   checked_paths(arguments.paths);
   const Set set = context.set(arguments.set);
+  warn_of_incomplete_set(set);
   const Account account = target_account(context, set, arguments.to);
   const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);
   const Catalog_Selection selection = selection_of(arguments, *catalog);

@@ -1,5 +1,6 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
+#include "agent/set_outcome.h"
 
 #include "sdk/s3/object_attributes.h"
 
@@ -50,6 +51,7 @@ json_spirit::Object set_json(const Set& set, const Names& names) {
   json["start_time"] = set.start_time;
   json["end_time"] = set.end_time;
   json["objects"] = set.objects;
+  add_set_outcome(set.missing, json);
   json["source_size"] = set.source_size;
   json["storage_size"] = set.backup_set_storage_size;
   return json;
@@ -59,7 +61,7 @@ json_spirit::Object set_json(const Set& set, const Names& names) {
 std::string set_line(const Set& set, const Names& names) {
   std::string line = set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) +
                      " objects  " + human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) +
-                     " stored)";
+                     " stored)  " + set_outcome_text(set.missing);
   for (const std::string& name :
        {Names::of(names.accounts, set.account_uuid), Names::of(names.pools, set.pool_uuid), set.minor_resource_name})
     line += "  " + (name.empty() ? std::string("-") : name);

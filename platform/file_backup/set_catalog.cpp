@@ -8,19 +8,12 @@
 
 namespace {
 
-unsigned long long figure(const json_spirit::Object& figures, const char* name) {
-  const json_spirit::Value* value = json_spirit::find(figures, name);
-  if (value == nullptr || value->type() != json_spirit::int_type)
-    return 0;
-  return value->is_uint64() || value->get_int64() >= 0 ? value->get_uint64() : 0;
-}
-
 /// Whether a row says what the record says. Sizes and names of a set never change; its place may, and what was made
 /// again from media.
 bool same(const Set& row, const Set& record) {
   return row.state == record.state && row.pool_uuid == record.pool_uuid && row.uri == record.uri &&
          row.seq == record.seq && row.start_time == record.start_time && row.channels == record.channels &&
-         row.incarnation == record.incarnation && row.bases == record.bases;
+         row.incarnation == record.incarnation && row.bases == record.bases && row.missing == record.missing;
 }
 
 /// Where the sets of a resource lie: below its account's folder when the selection is known.
@@ -59,9 +52,10 @@ Set set_from_record(const Set_Record& record, const std::string& pool_uuid) {
   set.backup_set_size = record.backup_set_size;
   set.backup_set_storage_size = record.backup_set_storage_size;
   // Records of older versions do not say it.
-  set.objects = json_spirit::find(record.figures, "objects") != nullptr
-                    ? figure(record.figures, "objects")
-                    : figure(record.figures, "saved") + figure(record.figures, "unchanged");
+  set.objects = figure_of(record.figures, "objects")
+                    .value_or(figure_of(record.figures, "saved").value_or(0) +
+                              figure_of(record.figures, "unchanged").value_or(0));
+  set.missing = record.missing();
   return set;
 }
 

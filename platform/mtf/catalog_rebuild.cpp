@@ -224,6 +224,8 @@ private:
     if (cipher_ && !record.sealed.empty() && !open_record(*cipher_, record, why))
       problem(why);
     record.uri = uri_;
+    if (!report_.exact)
+      count_missing(record);
     record.figures["objects"] = report_.objects;
     record.figures["rebuilt"] = report_.exact ? "copy" : "media";
     record.channels = std::max<unsigned>(record.channels, media_.back().channel + 1);
@@ -236,6 +238,15 @@ private:
       record.backup_set_storage_size += code ? 0 : size;
     }
     return seal_record(cipher_, record, error);
+  }
+
+  /// What the run missed is missing still, and so is what its catalog had and media alone do not tell. Where that cannot
+  /// be said, the record says nothing.
+  void count_missing(Set_Record& record) const {
+    const auto missing = record.missing(), had = figure_of(record.figures, "objects");
+    record.figures.erase("missing");
+    if (!report_.record_made && missing && had)
+      record.figures["missing"] = *missing + (*had > report_.objects ? *had - report_.objects : 0);
   }
 
   bool install(std::string& error) {

@@ -176,8 +176,8 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
   const unsigned long long handed = std::max<unsigned long long>(handed_, settled);
   const unsigned long long known = this->known();
   const unsigned long long listed = counted_ ? listed_ : std::max(listed_, known);
-  const unsigned long long missing = listed > known ? listed - known : 0;
-  const unsigned long long not_reached = handed - settled + missing - lost_;
+  const unsigned long long not_handed = listed > known ? listed - known : 0;
+  const unsigned long long not_reached = handed - settled + not_handed - lost_;
   if (not_reached != 0)
     remark(std::to_string(not_reached) + " listed objects were not reached.");
   const unsigned long long dropped = kept ? 0 : saved_ + unchanged_;
@@ -192,8 +192,10 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
   result["listed"] = listed;
   result["saved"] = kept ? saved_.load() : 0ull;
   result["continued"] = kept ? continued_.load() : 0ull;
-  if (kept && set_objects_)
+  if (kept && set_objects_) {
     result["objects"] = *set_objects_;
+    result["missing"] = missing();
+  }
   result["unchanged"] = kept ? unchanged_.load() : 0ull;
   result["excluded"] = empty_folders_ + excluded_;
   result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + lost_ + not_reached + dropped;

@@ -68,6 +68,9 @@ public:
   unsigned long long bytes_read() const { return bytes_read_; }
   /// Objects that were listed and are missing in the set, and prefixes that could not be listed.
   unsigned long long problems() const { return problems_; }
+  /// What the set lacks of what was to be backed up: `problems`, each lost object counted. Once a whole listing has
+  /// ended.
+  unsigned long long missing() const { return problems_ + (lost_ != 0 ? lost_ - 1 : 0); }
 
   /// What the engine knows of a listing that has ended, beside what was handed out.
   struct Listing_End {

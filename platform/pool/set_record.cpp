@@ -5,6 +5,8 @@
 
 #include <openssl/sha.h>
 
+#include <set>
+
 namespace {
 
 using json_spirit::Object;
@@ -66,7 +68,47 @@ Set_Record::Medium medium_from(const Value& value) {
   return medium;
 }
 
+bool ends_with(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+/// The prefixes that could not be listed, by the errors of an account that does not count them. What it remarks about
+/// the run as a whole stands there as a directory too.
+size_t unlisted_prefixes(const json_spirit::Array& errors) {
+  std::set<std::string> prefixes;
+  for (const Value& error : errors) {
+    if (error.type() != json_spirit::obj_type || json_spirit::optional_str(error.get_obj(), "type") != "directory")
+      continue;
+    const std::string message = json_spirit::optional_str(error.get_obj(), "message");
+    if (!ends_with(message, " (--tags).") && !ends_with(message, " listed objects were not handed out."))
+      prefixes.insert(json_spirit::optional_str(error.get_obj(), "name"));
+  }
+  return prefixes.size();
+}
+
 } // namespace
+
+std::optional<unsigned long long> figure_of(const Object& figures, const char* name) {
+  const Value* const value = json_spirit::find(figures, name);
+  if (value == nullptr || value->type() != json_spirit::int_type || (!value->is_uint64() && value->get_int64() < 0))
+    return std::nullopt;
+  return value->get_uint64();
+}
+
+std::optional<unsigned long long> Set_Record::missing() const {
+  if (const auto said = figure_of(figures, "missing"))
+    return said;
+  const auto skipped = figure_of(figures, "skipped"), failed = figure_of(figures, "failed");
+  // A set that was made again from its media alone has no account of the run.
+  if (!skipped || !failed || json_spirit::optional_str(figures, "rebuilt") == "media")
+    return std::nullopt;
+  const Value* const errors = json_spirit::find(figures, "errors");
+  const bool known = errors != nullptr && errors->type() == json_spirit::array_type;
+  const unsigned long long objects = *skipped + *failed;
+  if (known)
+    return objects + unlisted_prefixes(errors->get_array());
+  return objects != 0 || data_key.empty() ? std::optional(objects) : std::nullopt;
+}
 
 Object Set_Record::to_json() const {
   Object json;

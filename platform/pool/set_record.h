@@ -3,6 +3,7 @@
 #include "sdk/json/json_spirit.h"
 #include "sdk/mtf/metadata.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,12 +48,23 @@ struct Set_Record {
   std::vector<Medium> media;
   json_spirit::Object figures; ///< the run's account
 
+  /// How many objects of what was to be backed up the set does not have as the run's listing showed them: not at all, or
+  /// in an older version only. A prefix that could not be listed counts as one. What lacks only something beside its
+  /// content, as tags, is not among them. Nothing: not known, as where the set was made again from its media alone, or
+  /// in an encrypted record of an older version whose names cannot be read.
+  std::optional<unsigned long long> missing() const;
+  /// Known to miss nothing.
+  bool whole() const { return missing() == 0ull; }
+
   /// What is written. Of an encrypted set, names and texts stand in `sealed` alone.
   json_spirit::Object to_json() const;
   /// False when something is missing, of the wrong type, or of a newer format; `error` names it. `record` is then
   /// untouched.
   static bool from_json(const json_spirit::Object& json, Set_Record& record, std::string& error);
 };
+
+/// A whole number of an account, as "saved"; nothing where it is not there or is none.
+std::optional<unsigned long long> figure_of(const json_spirit::Object& figures, const char* name);
 
 /// A record of what an executor said about a set: names, times, type, encryption.
 Set_Record describe_set(const MTF::Metadata& metadata);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -93,6 +94,7 @@ struct Set {
   unsigned long long backup_set_size = 0;
   unsigned long long backup_set_storage_size = 0;
   unsigned long long objects = 0;
+  std::optional<unsigned long long> missing; ///< as Set_Record::missing
   std::string state = STATE_ONLINE;
 };
 

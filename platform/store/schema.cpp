@@ -51,8 +51,11 @@ ALTER TABLE accounts ADD COLUMN found_list_version TEXT NOT NULL DEFAULT '';
 ALTER TABLE accounts ADD COLUMN found_url_encoding TEXT NOT NULL DEFAULT '';
 )";
 
+// What a set lacks; -1: not known.
+const char* const VERSION_3 = "ALTER TABLE sets ADD COLUMN missing INTEGER NOT NULL DEFAULT -1;";
+
 // Step N brings a database of version N to version N + 1. Steps are added at the end and never changed.
-const char* const STEPS[] = {VERSION_1, VERSION_2};
+const char* const STEPS[] = {VERSION_1, VERSION_2, VERSION_3};
 static_assert(sizeof STEPS / sizeof *STEPS == STORE_SCHEMA_VERSION, "every version has the step that leads to it");
 
 bool pragma(Store_Db& db, const char* sql, int& value, std::string& error) {

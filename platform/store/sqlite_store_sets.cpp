@@ -6,12 +6,15 @@
 
 #define SET_COLUMNS                                                                                                    \
   "uuid,pool_uuid,account_uuid,minor_resource_id,minor_resource_name,name,seq,channels,incarnation,uri,type,"          \
-  "start_time,end_time,source_size,backup_set_size,backup_set_storage_size,objects,state"
+  "start_time,end_time,source_size,backup_set_size,backup_set_storage_size,objects,missing,state"
 
 // A set whose row comes late, as one that was made again from its media, is no newer for that.
 #define OLDEST_FIRST " ORDER BY start_time, added"
 
 namespace {
+
+/// In the column: -1.
+constexpr unsigned long long MISSING_UNKNOWN = ~0ull;
 
 typedef std::vector<Set>::iterator Set_Iterator;
 
@@ -189,7 +192,7 @@ bool SQLite_Store::put_set(const Set& set, std::string& error) {
     return false;
   }
   // A set that comes back keeps its place in the order.
-  return Store_Statement(db_, "INSERT INTO sets(" SET_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?) "
+  return Store_Statement(db_, "INSERT INTO sets(" SET_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?) "
                               "ON CONFLICT(uuid) DO UPDATE SET pool_uuid=excluded.pool_uuid,"
                               "account_uuid=excluded.account_uuid,minor_resource_id=excluded.minor_resource_id,"
                               "minor_resource_name=excluded.minor_resource_name,name=excluded.name,seq=excluded.seq,"
@@ -197,7 +200,7 @@ bool SQLite_Store::put_set(const Set& set, std::string& error) {
                               "type=excluded.type,start_time=excluded.start_time,end_time=excluded.end_time,"
                               "source_size=excluded.source_size,backup_set_size=excluded.backup_set_size,"
                               "backup_set_storage_size=excluded.backup_set_storage_size,objects=excluded.objects,"
-                              "state=excluded.state")
+                              "missing=excluded.missing,state=excluded.state")
              .text(set.uuid)
              .text(set.pool_uuid)
              .text(set.account_uuid)
@@ -215,6 +218,7 @@ bool SQLite_Store::put_set(const Set& set, std::string& error) {
              .number(set.backup_set_size)
              .number(set.backup_set_storage_size)
              .number(set.objects)
+             .number(set.missing.value_or(MISSING_UNKNOWN))
              .text(set.state)
              .run(error) &&
          put_items(set.uuid, "base", set.bases, error) && transaction.commit(error);
@@ -274,6 +278,8 @@ bool SQLite_Store::read_sets(Store_Statement& statement, std::vector<Set>& sets,
     set.backup_set_size = statement.get_number();
     set.backup_set_storage_size = statement.get_number();
     set.objects = statement.get_number();
+    if (const unsigned long long missing = statement.get_number(); missing != MISSING_UNKNOWN)
+      set.missing = missing;
     set.state = statement.get_text();
     if (!get_items(set.uuid, "base", set.bases, error))
       return false;

@@ -121,6 +121,7 @@ protected:
     set.backup_set_size = 1;
     set.backup_set_storage_size = 2;
     set.objects = 3;
+    set.missing = 7;
     return set;
   }
 
@@ -433,6 +434,7 @@ TEST_P(Store_Contract, a_set_comes_back_as_it_was) {
   EXPECT_EQ(1u, read.backup_set_size);
   EXPECT_EQ(2u, read.backup_set_storage_size);
   EXPECT_EQ(3u, read.objects);
+  EXPECT_EQ(7u, read.missing);
   EXPECT_STREQ("online", read.state.c_str());
 }
 
@@ -711,6 +713,7 @@ TEST(sqlite_store, accounts_of_the_first_format_get_the_settings_they_never_had)
          {"list_version", "url_encoding", "payload_signing", "client_cert", "client_key", "proxy", "connect_timeout",
           "idle_timeout", "user_agent", "found_addressing", "found_list_version", "found_url_encoding"})
       ASSERT_TRUE(db.execute(("ALTER TABLE accounts DROP COLUMN " + std::string(column)).c_str(), error)) << error;
+    ASSERT_TRUE(db.execute("ALTER TABLE sets DROP COLUMN missing", error)) << error;
     ASSERT_TRUE(db.execute("INSERT INTO accounts VALUES('u','old','https','host','access','obs1:x','','','v2','path',"
                            "x'2f63'); PRAGMA user_version=1",
                            error))
