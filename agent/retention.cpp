@@ -54,6 +54,24 @@ void keep_by_period(unsigned count, const char* reason, long long (*period_of)(l
   }
 }
 
+bool is_incomplete(const Retention_Set& set) {
+  return set.missing.value_or(0) != 0;
+}
+
+/// Keeps the newest whole set, and what is newer and not counted. `sets` are newest first.
+void keep_whole(const Retention_Rules& rules, const std::vector<Retention_Set*>& sets) {
+  const auto whole =
+      std::find_if(sets.begin(), sets.end(), [](const Retention_Set* set) { return set->missing == 0ull; });
+  if (whole != sets.end() && (*whole)->reasons.empty())
+    (*whole)->reasons.push_back("newest whole set");
+  if (rules.count_incomplete)
+    return;
+  for (auto set = sets.begin(); set != whole; ++set)
+    if (is_incomplete(**set))
+      (*set)->reasons.push_back(whole == sets.end() ? "not whole and no set is"
+                                                    : "not whole but newer than any that is");
+}
+
 } // namespace
 
 void apply_retention(const Retention_Rules& rules, std::vector<Retention_Set>& sets) {
@@ -70,18 +88,22 @@ void apply_retention(const Retention_Rules& rules, std::vector<Retention_Set>& s
   std::reverse(newest_first.begin(), newest_first.end());
   std::stable_sort(newest_first.begin(), newest_first.end(),
                    [](const Retention_Set* a, const Retention_Set* b) { return a->time > b->time; });
-  for (size_t i = 0; i < newest_first.size() && i < rules.last; ++i)
-    newest_first[i]->reasons.push_back("last");
-  keep_by_period(rules.hourly, "hourly", hour_of, newest_first);
-  keep_by_period(rules.daily, "daily", day_of, newest_first);
-  keep_by_period(rules.weekly, "weekly", week_of, newest_first);
-  keep_by_period(rules.monthly, "monthly", month_of, newest_first);
-  keep_by_period(rules.yearly, "yearly", year_of, newest_first);
-  if (rules.within == 0)
-    return;
+  std::vector<Retention_Set*> counted;
   for (Retention_Set* set : newest_first)
-    if (newest_first.front()->time - set->time <= rules.within)
-      set->reasons.push_back("within");
+    if (rules.count_incomplete || !is_incomplete(*set))
+      counted.push_back(set);
+  for (size_t i = 0; i < counted.size() && i < rules.last; ++i)
+    counted[i]->reasons.push_back("last");
+  keep_by_period(rules.hourly, "hourly", hour_of, counted);
+  keep_by_period(rules.daily, "daily", day_of, counted);
+  keep_by_period(rules.weekly, "weekly", week_of, counted);
+  keep_by_period(rules.monthly, "monthly", month_of, counted);
+  keep_by_period(rules.yearly, "yearly", year_of, counted);
+  if (rules.within != 0 && !counted.empty())
+    for (Retention_Set* set : newest_first)
+      if (counted.front()->time - set->time <= rules.within)
+        set->reasons.push_back("within");
+  keep_whole(rules, newest_first);
 }
 
 bool parse_retention_time(const std::string& text, long long& seconds) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,8 @@ struct Retention_Rules {
   unsigned weekly = 0; ///< weeks begin on Monday
   unsigned monthly = 0;
   unsigned yearly = 0;
-  long long within = 0; ///< seconds before the group's newest set
+  long long within = 0;          ///< seconds before the newest set that counts
+  bool count_incomplete = false; ///< sets that are known not to be whole count as well; no rule by itself
 
   bool any() const {
     return last != 0 || hourly != 0 || daily != 0 || weekly != 0 || monthly != 0 || yearly != 0 || within != 0;
@@ -22,13 +24,19 @@ struct Retention_Rules {
 /// A set as the rules see it, and what became of it.
 struct Retention_Set {
   std::string uuid;
-  long long time = 0;               ///< seconds since the epoch
-  std::vector<std::string> reasons; ///< why it stays: "last", "daily" ...; empty: no rule keeps it
+  long long time = 0;                            ///< seconds since the epoch
+  std::optional<unsigned long long> missing = 0; ///< as Set_Record::missing
+  std::vector<std::string> reasons;              ///< why it stays: "last", "daily" ...; empty: it may go
 };
 
-/// Applies the rules to the sets of one group, in any order; fills `reasons`. Times are counted from the newest set and
-/// not from today, so a group that is no longer backed up loses nothing by getting old, and whichever rule is given,
-/// the newest set stays. Without any rule every set stays, for the reason "no rule".
+/// Applies the rules to the sets of one group, in any order; fills `reasons`. Times are counted from the newest set
+/// that counts and not from today, so a group that is no longer backed up loses nothing by getting old. Without any
+/// rule every set stays, for the reason "no rule".
+///
+/// A set that is known not to be whole is none of the "newest so many", nor of any period: it would take a whole one's
+/// place. It stays within `within`, and while it is newer than any whole set. Where it is not known whether a set is
+/// whole it counts, but is no reason for another one to go: the newest set that is known to be whole stays under every
+/// rule.
 void apply_retention(const Retention_Rules& rules, std::vector<Retention_Set>& sets);
 
 /// Reads "36h", "30d", "8w", "6m", "2y" or several of them in a row ("1y6m") as seconds; a month counts 31 days and a

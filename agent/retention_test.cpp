@@ -145,6 +145,77 @@ TEST(retention, the_newest_set_stays_under_every_single_rule) {
   }
 }
 
+typedef std::vector<std::optional<unsigned long long>> Missing;
+
+/// The reasons of sets of one day each, oldest first, by what they miss; joined by commas.
+std::vector<std::string> reasons(const Retention_Rules& rules, const Missing& missing) {
+  std::vector<Retention_Set> sets;
+  for (const auto& count : missing) {
+    Retention_Set& set = sets.emplace_back();
+    set.time = static_cast<long long>(sets.size()) * 86400;
+    set.missing = count;
+  }
+  apply_retention(rules, sets);
+  std::vector<std::string> all;
+  for (const Retention_Set& set : sets) {
+    std::string& text = all.emplace_back();
+    for (const std::string& reason : set.reasons)
+      text += (text.empty() ? "" : ",") + reason;
+  }
+  return all;
+}
+
+const char* const NEWER = "not whole but newer than any that is";
+const char* const NONE_WHOLE = "not whole and no set is";
+constexpr auto UNKNOWN = std::nullopt;
+
+TEST(retention, only_whole_sets_count) {
+  Retention_Rules rules;
+  rules.last = 1;
+  EXPECT_EQ(Names({"", "last", NEWER, NEWER}), reasons(rules, {0, 0, 5, 1}));
+  rules.last = 2;
+  EXPECT_EQ(Names({"last", "", "last", NEWER}), reasons(rules, {0, 7, 0, 5}));
+  for (unsigned Retention_Rules::*rule : {&Retention_Rules::hourly, &Retention_Rules::daily, &Retention_Rules::weekly,
+                                          &Retention_Rules::monthly, &Retention_Rules::yearly}) {
+    Retention_Rules period;
+    period.*rule = 1;
+    const Names found = reasons(period, {0, 5});
+    EXPECT_NE("", found[0]);
+    EXPECT_EQ(NEWER, found[1]);
+  }
+}
+
+TEST(retention, without_a_whole_set_the_others_stay) {
+  Retention_Rules rules;
+  rules.last = 1;
+  EXPECT_EQ(Names({NONE_WHOLE, NONE_WHOLE, NONE_WHOLE}), reasons(rules, {1, 2, 3}));
+}
+
+TEST(retention, within_keeps_what_is_not_whole_and_is_counted_from_a_whole_set) {
+  Retention_Rules rules;
+  rules.within = 86400;
+  EXPECT_EQ(Names({"", "within", "within", std::string("within,") + NEWER, std::string("within,") + NEWER}),
+            reasons(rules, {0, 4, 0, 1, 1}));
+}
+
+TEST(retention, what_may_be_whole_counts_but_pushes_no_whole_set_out) {
+  Retention_Rules rules;
+  rules.last = 1;
+  EXPECT_EQ(Names({"", "newest whole set", "", "last"}), reasons(rules, {0, 0, UNKNOWN, UNKNOWN}));
+  EXPECT_EQ(Names({"", "newest whole set", NEWER, "last"}), reasons(rules, {0, 0, 3, UNKNOWN}));
+  EXPECT_EQ(Names({"", "last"}), reasons(rules, {UNKNOWN, UNKNOWN}));
+  EXPECT_EQ(Names({NONE_WHOLE, "last"}), reasons(rules, {2, UNKNOWN}));
+}
+
+TEST(retention, incomplete_sets_count_when_that_is_asked_for_but_push_no_whole_set_out) {
+  Retention_Rules rules;
+  rules.count_incomplete = true;
+  EXPECT_EQ(Names({"no rule", "no rule"}), reasons(rules, {0, 5}));
+  rules.last = 1;
+  EXPECT_EQ(Names({"", "newest whole set", "", "last"}), reasons(rules, {0, 0, 5, 1}));
+  EXPECT_EQ(Names({"", "last"}), reasons(rules, {5, 1}));
+}
+
 TEST(retention, times_are_read_with_their_units) {
   long long seconds = 0;
   EXPECT_TRUE(parse_retention_time("36h", seconds));

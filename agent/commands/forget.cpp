@@ -1,5 +1,6 @@
 #include "agent/commands/commands.h"
 #include "agent/retention.h"
+#include "agent/set_outcome.h"
 
 #include "platform/catalog/open_catalog.h"
 #include "platform/file_backup/set_catalog.h"
@@ -173,6 +174,7 @@ private:
         Retention_Set set;
         set.uuid = one.record.uuid;
         set.time = seconds_of(one.record.start_time);
+        set.missing = one.record.missing();
         sets.push_back(set);
       }
     apply_retention(arguments_.rules, sets);
@@ -256,7 +258,9 @@ private:
       json["time"] = one->record.start_time;
       json["type"] = one->record.type;
       json["storage_size"] = one->record.backup_set_storage_size;
-      const std::string line = one->record.uuid + "  " + one->record.start_time + "  " + one->record.type;
+      add_set_outcome(one->record.missing(), json);
+      const std::string line = one->record.uuid + "  " + one->record.start_time + "  " + one->record.type + "  " +
+                               set_outcome_text(one->record.missing());
       if (!one->reasons.empty()) {
         json_spirit::Array reasons;
         std::string names;
@@ -377,6 +381,7 @@ void add_forget_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Forget_Arguments>();
   Retention_Rules& rules = arguments->rules;
   CLI::App* command = app.add_subcommand("forget", "Remove sets that no rule keeps and that no other set needs");
+  command->footer("Rules count whole sets only (\"sets\" shows which are), and the newest whole set always stays.");
   command->add_option("account", arguments->account, "Sets of this account only")->type_name("ACCOUNT");
   command->add_option("--pool", arguments->pool, "Sets in this pool only")->type_name("POOL");
   command->add_option("--name", arguments->selection, "Sets of this selection only")->type_name("SELECTION");
@@ -392,6 +397,9 @@ void add_forget_command(CLI::App& app, Context& context) {
                    "Keep all that are at most so much older than the newest: a number and h, d, w, m (31 days) or "
                    "y (366 days), several in a row add up: 36h, 30d, 1y6m")
       ->type_name("TIME");
+  command->add_flag("--count-incomplete", rules.count_incomplete,
+                    "Let sets count that are not whole; without it no rule counts them, and they stay while they are "
+                    "newer than any whole set");
   command->add_flag("--dry-run", arguments->dry_run,
                     "Remove nothing: list what would be removed and what would be kept, and why");
   command->callback([&context, arguments] { forget(context, *arguments); });

@@ -156,5 +156,71 @@ class Forget(harness.Scenario):
         self.assertEqual([], self.unfinished())
 
 
+
+class Forget_Incomplete(harness.Scenario):
+    """Only whole sets count, and the newest of these always stays."""
+
+    def setUp(self):
+        super().setUp()
+        self.server = harness.Test_Server("--synthetic", "bucket,10,100")
+        self.addCleanup(self.server.stop)
+        self.client = self.server.client()
+        self.add_account(self.server)
+        self.add_pool()
+
+    def full(self, whole):
+        """A full set, whole or not."""
+        if whole:
+            self.client.delete_object(Bucket="bucket", Key="lacking/")
+        else:
+            self.client.put_object(Bucket="bucket", Key="lacking/", Body=b"x")
+        return self.backup("/bucket/", "--full", expect=0 if whole else 3)["set"]
+
+    def forget(self, *arguments):
+        answer = self.agent("forget", *arguments, "--json").json
+        (group,) = answer["groups"]
+        rows = group["kept"] + group["removed"]
+        self.assertEqual([(row["missing"] == 0) for row in rows], [row["whole"] for row in rows])
+        return {row["set"]: row["reasons"] for row in group["kept"]}, [row["set"] for row in group["removed"]]
+
+    def test_incomplete_sets_take_no_whole_ones_place(self):
+        old, torn, whole, first, second = [self.full(is_whole) for is_whole in (True, False, True, False, False)]
+        newer = ["not whole but newer than any that is"]
+        for rule in ("--keep-last", "--keep-hourly", "--keep-daily", "--keep-weekly", "--keep-monthly", "--keep-yearly"):
+            kept, removed = self.forget(rule, "1", "--dry-run")
+            self.assertEqual((newer, newer), (kept[first], kept[second]))
+            self.assertEqual([torn, old], removed)
+            self.assertEqual(1, len(kept[whole]))
+        text = self.agent("forget", "--keep-last", "1", "--dry-run").stdout
+        self.assertIn("1 object missing  (%s)" % newer[0], text)
+        self.assertIn("whole  (last)", text)
+        self.assertEqual([torn, old], self.forget("--keep-last", "1")[1])
+        # When one is whole again, what is older goes.
+        last = self.full(True)
+        kept, removed = self.forget("--keep-last", "1")
+        self.assertEqual(({last: ["last"]}, [second, first, whole]), (kept, removed))
+
+    def test_without_a_whole_set_none_goes_unless_they_are_to_count(self):
+        sets = [self.full(False) for _ in range(3)]
+        kept, removed = self.forget("--keep-last", "1")
+        self.assertEqual(({one: ["not whole and no set is"] for one in sets}, []), (kept, removed))
+        kept, removed = self.forget("--keep-last", "1", "--count-incomplete")
+        self.assertEqual(({sets[2]: ["last"]}, sets[1::-1]), (kept, removed))
+
+    def test_newest_whole_set_stays_whatever_counts(self):
+        whole, torn, last = self.full(True), self.full(False), self.full(False)
+        kept, removed = self.forget("--keep-last", "1", "--count-incomplete")
+        self.assertEqual(({whole: ["newest whole set"], last: ["last"]}, [torn]), (kept, removed))
+
+    def test_incremental_builds_on_an_incomplete_set(self):
+        self.client.put_object(Bucket="bucket", Key="lacking/", Body=b"x")
+        first = self.backup("/bucket/", expect=3)["set"]
+        self.client.delete_object(Bucket="bucket", Key="lacking/")
+        second = self.backup("/bucket/")
+        self.assertEqual((0, 10, 0), (second["saved"], second["unchanged"], second["missing"]))
+        kept, removed = self.forget("--keep-last", "1")
+        self.assertEqual(({first: ["needed by " + second["set"]], second["set"]: ["last"]}, []), (kept, removed))
+
+
 if __name__ == "__main__":
     harness.main()
