@@ -1,5 +1,7 @@
 #include "agent/definition.h"
 
+#include "platform/mtf/deletion_guard.h"
+
 namespace {
 
 /// Reads members of the definition's object and remembers the first that is wrong.
@@ -102,6 +104,13 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
       settings.archived != "request")
     reader.wrong("archived", "\"skip\", \"fail\" or \"request\"");
 
+  Deletion_Limits deletions;
+  std::string most;
+  reader.flag("allow_empty", deletions.allow_empty);
+  reader.text("max_deleted", most);
+  if (!most.empty() && !Deletion_Limits::parse(most, deletions))
+    reader.wrong("max_deleted", "a share as \"30%\", up to \"100%\", or a number of objects as \"500\"");
+
   settings.type = type == "backup"    ? JOB_DEFINITION_BACKUP
                   : type == "restore" ? JOB_DEFINITION_RESTORE
                                       : JOB_DEFINITION_NONE;
@@ -148,7 +157,7 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
   // A rehearsal finds its set itself.
   if (!backup && settings.subtype != JOB_DEFINITION_SUBTYPE_DR_TEST && source != nullptr)
     settings.set_uuid = json_spirit::optional_str(*source, "catalog_id");
-  Job_Definition_var definition(new Job_Definition(settings));
+  Job_Definition_var definition(new Guarded_Definition(settings, deletions));
   if (!parse_record<Job_Source>(source, "source",
                                 backup ? module.backup_source_parsers() : module.restore_source_parsers(),
                                 definition->source, error) ||

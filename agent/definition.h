@@ -13,7 +13,7 @@
 ///       "redirect_post_action_stdin", "ignore_pre_action_failure", "ignore_post_action_failure",
 ///       "run_post_action_always": booleans,
 ///       "max_seconds_retry", "readers", "rate_limit": numbers,
-///       "archived": "skip" | "fail" | "request",
+///       "archived": "skip" | "fail" | "request", "allow_empty": boolean, "max_deleted": "N%" | "N",
 ///       "source": { ... }, "options": { ... } as the module's parsers read them }
 ///
 /// The "catalog_id" of a restore's source is the uuid of the set: numbers of sets may repeat.

@@ -1,5 +1,7 @@
 #include "agent/definition.h"
 
+#include "platform/mtf/deletion_guard.h"
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -42,6 +44,25 @@ TEST_F(definition, backup_is_built_with_its_records) {
   ASSERT_FALSE(made->source.null());
   EXPECT_EQ("i", made->source->id());
   EXPECT_FALSE(made->options.null());
+}
+
+TEST_F(definition, what_may_be_gone_is_read) {
+  const auto limits = [this](const std::string& members) {
+    const Job_Definition_var made =
+        make(R"({"type":"backup","host_id":"h","target":{"id":"p"},)" + members + SOURCE + "}");
+    EXPECT_FALSE(made.null()) << error_;
+    return made.null() ? Deletion_Limits() : deletion_limits(*made);
+  };
+  EXPECT_FALSE(limits("").given);
+  EXPECT_FALSE(limits("").allow_empty);
+  EXPECT_TRUE(limits(R"("allow_empty":true,)").allow_empty);
+  EXPECT_EQ("30%", limits(R"("max_deleted":"30%",)").text());
+  EXPECT_EQ("500", limits(R"("max_deleted":"500",)").text());
+  for (const char* const wrong : {R"("max_deleted":"101%",)", R"("max_deleted":5,)", R"("max_deleted":"half",)"})
+    expect_refused(R"({"type":"backup","host_id":"h","target":{"id":"p"},)" + std::string(wrong) + SOURCE + "}",
+                   "max_deleted");
+  expect_refused(R"({"type":"backup","host_id":"h","target":{"id":"p"},"allow_empty":1,)" + std::string(SOURCE) + "}",
+                 "allow_empty");
 }
 
 TEST_F(definition, backup_without_subtype_is_incremental) {

@@ -64,6 +64,8 @@ std::string Outcome::to_text() const {
             std::to_string(figure("unchanged")) + " unchanged + " + std::to_string(figure("excluded")) +
             " excluded + " + std::to_string(figure("skipped")) + " skipped + " + std::to_string(figure("failed")) +
             " failed\n";
+    if (figure("deleted") != 0)
+      text += std::to_string(figure("deleted")) + " deleted since the set before\n";
     if (figure("incomplete") != 0)
       text += std::to_string(figure("incomplete")) + " of the saved ones without all that belongs to them\n";
     text += human_bytes(figure("bytes_read")) + " read, " + human_bytes(figure("bytes_stored")) + " stored, " +

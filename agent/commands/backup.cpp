@@ -3,6 +3,7 @@
 #include "agent/commands/paths.h"
 #include "agent/commands/run_job.h"
 
+#include "platform/mtf/deletion_guard.h"
 #include "sdk/base/path.h"
 #include "sdk/job/job_definition.h"
 
@@ -25,6 +26,8 @@ struct Backup_Arguments {
   std::string compression = "none";
   int compression_level = 1;
   std::string archived = "skip";
+  bool allow_empty = false;
+  std::string max_deleted;
   std::vector<std::string> exclusions;
   std::vector<std::string> inclusions;
   bool tags = false;
@@ -74,6 +77,11 @@ Selection take_selection(Context& context, const Account& account, const Backup_
 }
 
 void backup(Context& context, Backup_Arguments arguments) {
+  Deletion_Limits limits;
+  if (!arguments.max_deleted.empty() && !Deletion_Limits::parse(arguments.max_deleted, limits))
+    throw Command_Error("--max-deleted '" + arguments.max_deleted +
+                            "' is no limit: give a share as 30%, up to 100% (no limit), or a number of objects",
+                        EXIT_USAGE);
   arguments.paths = checked_paths(arguments.paths);
   const Account account = context.account(arguments.account);
   const Pool_Entry pool = context.pool_entry(arguments.pool);
@@ -111,6 +119,9 @@ void backup(Context& context, Backup_Arguments arguments) {
   definition["host_id"] = account.uuid;
   definition["readers"] = arguments.readers;
   definition["archived"] = arguments.archived;
+  definition["allow_empty"] = arguments.allow_empty;
+  if (!arguments.max_deleted.empty())
+    definition["max_deleted"] = arguments.max_deleted;
   definition["target"] = target;
   definition["source"] = source;
   definition["options"] = options;
@@ -162,6 +173,13 @@ void add_backup_command(CLI::App& app, Context& context) {
                    "Take in what matches, though excluded; alone: nothing else; may be repeated")
       ->type_name("RULE")
       ->allow_extra_args(false);
+  command->add_flag("--allow-empty", arguments->allow_empty,
+                    "Paths may hold nothing, also where the last whole set has objects");
+  command
+      ->add_option("--max-deleted", arguments->max_deleted,
+                   "Make no set when more objects of the last one are gone: a share (100%: no limit) or a number; 50% "
+                   "of more than 100 objects unless given")
+      ->type_name("N%|N");
   command->add_flag("--tags", arguments->tags, "Ask for each object's tags (a request each, where it may have some)");
   command->add_flag("--acl", arguments->acl, "Ask for each object's access list (a request each)");
   command->add_flag("--dry-run", arguments->dry_run,

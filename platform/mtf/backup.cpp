@@ -121,6 +121,9 @@ bool MTF_Backup::backup(const std::string& target) {
   Impl& i = *impl_;
   i.order.base_seq = i.seq;
   i.ask_store();
+  if (Job* const job = Job::current())
+    i.order.deletions = deletion_limits(job->definition());
+  i.order.asked = i.order.sources;
   i.order.sources = arrange_sources(std::move(i.order.sources));
   std::string pool_uuid = i.pool_uuid;
   std::string location = target;

@@ -43,6 +43,8 @@ public:
     std::string message;
   };
   const std::vector<Bad_Medium>& bad_media() const { return bad_media_; }
+  /// How many objects it has.
+  unsigned long long objects() const { return catalog_->counts().objects; }
   /// The first number that the new catalog's list of sets has free behind those of the base.
   unsigned end_index() const;
 

@@ -93,6 +93,7 @@ struct Backup_Engine::Impl {
   std::string copied_record();
   bool complete();
   void list();
+  void judge_listing(const Unlisted& unlisted);
   void listing_ended(bool whole);
   void fail(Error_Code code, const std::string& text);
   void start(const std::string& name, std::function<void()> body);
@@ -118,9 +119,12 @@ struct Backup_Engine::Impl {
   Run_Account account;
   Backup_Queue queue;
   std::unique_ptr<Catalog_Writer> catalog;
-  std::unique_ptr<Backup_Base> base;       ///< null: every object is stored
-  std::string chain;                       ///< of an incremental without base, where that is known
-  std::unique_ptr<Partial_Sets> partial;   ///< null: there is nothing to go on with
+  std::unique_ptr<Backup_Base> base;     ///< null: every object is stored
+  std::string chain;                     ///< of an incremental without base, where that is known
+  std::unique_ptr<Partial_Sets> partial; ///< null: there is nothing to go on with
+  Earlier_Sets earlier;
+  std::string too_many_gone; ///< why no set is made of what is stored; empty: nothing speaks against one
+  std::unique_ptr<Source_Watch> watch;
   std::unique_ptr<Counting_Filter> filter; ///< null: everything passes
   std::unique_ptr<Listing_Events> events;
   bool listing_over = false;
@@ -253,9 +257,11 @@ void Backup_Engine::Impl::take_up_unfinished() {
 bool Backup_Engine::Impl::choose_seq() {
   // What cannot be read has been told, and its number is among those of the order where it was known.
   std::vector<std::string> errors;
-  for (const Set_Record& record : pool.sets(place, errors))
+  const std::vector<Set_Record> sets = pool.sets(place, errors);
+  for (const Set_Record& record : sets)
     if (record.uuid != order.uuid)
       order.numbers.take(record.seq);
+  earlier = Earlier_Sets::of(sets);
   seq = order.base_seq == 0 ? order.numbers.first_of_chain() : order.numbers.behind(order.base_seq);
   if (seq == 0)
     fail(E_OPEN_MEDIUM, "There is no number for the set: " + std::string(Set_Numbers::NONE_FREE) + ".");
@@ -300,7 +306,7 @@ void Backup_Engine::Impl::start(const std::string& name, std::function<void()> b
 }
 
 void Backup_Engine::Impl::list() {
-  Backup_Listing listing(queue, *catalog, account, base.get(), partial.get());
+  Backup_Listing listing(queue, *catalog, account, base.get(), partial.get(), *watch);
   const int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
     const bool taken = block && listing.take(*block);
     if (!taken)
@@ -324,7 +330,45 @@ void Backup_Engine::Impl::list() {
     fail(E_LIST_SOURCE, "The source cannot be listed: " + listing.error() + ".");
   else if (result != 0 || !whole)
     fail(!handler.null() && handler->is_canceling() ? E_CANCELED : E_LIST_SOURCE, "The source cannot be listed.");
+  else
+    judge_listing(unlisted);
   queue.close();
+}
+
+/// Of a whole listing that was compared: names PATHs without anything, and ends a run that finds too little of what the
+/// sets before had.
+void Backup_Engine::Impl::judge_listing(const Unlisted& unlisted) {
+  const Deletion_Limits& limits = order.deletions;
+  for (const std::string& path : unlisted.prefixes)
+    watch->unlisted(path.substr(!path.empty() && path.front() == '/'));
+  for (const std::string& path : unlisted.objects)
+    watch->saw(path);
+  if (unlisted.anything)
+    watch->unlisted(std::string());
+  if (ledger)
+    for (const S3_Ledger::Folder_Object& one : ledger->folder_objects())
+      watch->saw(one.path.substr(!one.path.empty() && one.path.front() == '/'));
+  const bool all_listed = unlisted.prefixes.empty() && !unlisted.anything;
+  const unsigned long long shown = account.shown_objects();
+  if (shown == 0 && all_listed && !limits.allow_empty && earlier.whole != 0) {
+    fail(E_LIST_SOURCE, "Nothing is listed, and the last whole set has " + std::to_string(earlier.whole) +
+                            " objects. If nothing is there any more, give --allow-empty.");
+    return;
+  }
+  if (shown == 0 && limits.allow_empty)
+    return;
+  // A full run compares nothing: so many at least are gone.
+  const unsigned long long had = base ? base->objects() : earlier.newest;
+  const unsigned long long gone = base ? account.deleted_objects() : all_listed && had > shown ? had - shown : 0;
+  if (limits.exceeded(gone, had)) {
+    too_many_gone = std::to_string(gone) + " of the " + std::to_string(had) +
+                    " objects of the set before are gone, which is more than may be (" + limits.text() +
+                    "). If that is right, give a higher --max-deleted; 100% for no limit.";
+    return;
+  }
+  if (!limits.allow_empty)
+    for (const std::string& path : watch->empty())
+      account.nothing_at(path);
 }
 
 /// By the lister's thread or, where that broke down, when all threads have ended.
@@ -366,8 +410,9 @@ bool Backup_Engine::Impl::write_objects() {
     return false;
   }
   events = std::make_unique<Listing_Events>(handler, account, *catalog, order.sources);
+  watch = std::make_unique<Source_Watch>(order.asked.empty() ? order.sources : order.asked);
   if (order.filter != nullptr)
-    filter = std::make_unique<Counting_Filter>(*order.filter);
+    filter = std::make_unique<Counting_Filter>(*order.filter, *watch);
   if (ledger)
     ledger->tell_full_folder_objects([this](const S3_Ledger::Folder_Object& one) { account.full_folder(one); });
   lister = callback->make_source_lister(&order.sources, static_cast<unsigned short>(seq), events.get(), filter.get(),
@@ -426,7 +471,13 @@ std::string Backup_Engine::Impl::copied_record() {
 }
 
 bool Backup_Engine::Impl::complete() {
-  if (account.saved_objects() + account.unchanged_objects() == 0 && account.problems() != 0) {
+  // Not before all is stored and on the disk, so that nothing is read twice when the operator agrees.
+  if (!too_many_gone.empty()) {
+    if (channels[0]->finish())
+      fail(E_LIST_SOURCE, too_many_gone);
+    return false;
+  }
+  if (account.saved_objects() + account.unchanged_objects() == 0 && account.problems() != account.empty_paths()) {
     fail(E_NO_FILES_BACKUPED, "No object could be backed up.");
     return false;
   }

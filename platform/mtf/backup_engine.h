@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/mtf/backup_limits.h"
+#include "platform/mtf/deletion_guard.h"
 #include "platform/mtf/object_image.h"
 #include "platform/mtf/run_account.h"
 #include "platform/pool/pool.h"
@@ -14,6 +15,8 @@
 /// What one backup is told.
 struct Backup_Order {
   std::list<std::string> sources;
+  std::list<std::string> asked; ///< the operator's, before any was dropped that another one takes in; none: `sources`
+  Deletion_Limits deletions;
   MTF::IBackup_Callback_Factory_var factory;
   const MTF::IFilter* filter = nullptr;
   Action_Handler_var actions;

@@ -159,6 +159,8 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   account_.handed_out();
+  if (visit_.first == 0)
+    watch_.saw(*folder_);
   std::string name = block.name();
   const unsigned long long size = block.hdr().size();
   const long long mtime = block.mtime();
@@ -270,6 +272,7 @@ bool Backup_Listing::compare(const Unlisted& unlisted, const std::list<std::stri
                        [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
                        [&](Catalog_Object& object) {
                          ++gone;
+                         watch_.gone(object.path);
                          return catalog_.add_deletion({object.path, object.size, object.mtime});
                        });
   account_.deleted(gone);

@@ -4,6 +4,7 @@
 #include "platform/mtf/backup_queue.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/run_account.h"
+#include "platform/mtf/source_watch.h"
 
 #include <atomic>
 #include <list>
@@ -66,8 +67,8 @@ class Backup_Listing {
 public:
   /// `base` and `partial` may be null.
   Backup_Listing(Backup_Queue& queue, Catalog_Writer& catalog, Run_Account& account, Backup_Base* base,
-                 Partial_Sets* partial)
-      : queue_(queue), catalog_(catalog), account_(account), base_(base), partial_(partial) {}
+                 Partial_Sets* partial, Source_Watch& watch)
+      : queue_(queue), catalog_(catalog), account_(account), base_(base), partial_(partial), watch_(watch) {}
 
   /// False when the block makes no sense, the run is stopped, or the catalog failed.
   bool take(const MTF::Cat_Blk& block);
@@ -93,6 +94,7 @@ private:
   Run_Account& account_;
   Backup_Base* const base_;
   Partial_Sets* const partial_;
+  Source_Watch& watch_;
   std::shared_ptr<const std::string> folder_;
   Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;

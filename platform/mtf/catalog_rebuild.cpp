@@ -240,8 +240,8 @@ private:
     return seal_record(cipher_, record, error);
   }
 
-  /// What the run missed is missing still, and so is what its catalog had and media alone do not tell. Where that cannot
-  /// be said, the record says nothing.
+  /// What the run missed is missing still, and so is what its catalog had and media alone do not tell. Where that
+  /// cannot be said, the record says nothing.
   void count_missing(Set_Record& record) const {
     const auto missing = record.missing(), had = figure_of(record.figures, "objects");
     record.figures.erase("missing");

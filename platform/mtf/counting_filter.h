@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/mtf/source_watch.h"
 #include "sdk/mtf/filter.h"
 
 #include <atomic>
@@ -8,17 +9,22 @@
 /// never listed, so it needs no counting. Any thread; the filter outlives it.
 class Counting_Filter : public MTF::IFilter {
 public:
-  explicit Counting_Filter(const MTF::IFilter& filter) : filter_(filter) {}
+  /// What is left out is there: `watch` hears of it, and outlives the filter.
+  Counting_Filter(const MTF::IFilter& filter, Source_Watch& watch) : filter_(filter), watch_(watch) {}
 
   bool is_included(const char* path, bool is_dir) const override {
     const bool included = filter_.is_included(path, is_dir);
-    if (!included && !is_dir)
+    if (included)
+      return true;
+    if (!is_dir)
       excluded_.fetch_add(1, std::memory_order_relaxed);
-    return included;
+    watch_.saw(path + (*path == '/'));
+    return false;
   }
   unsigned long long excluded_objects() const { return excluded_; }
 
 private:
   const MTF::IFilter& filter_;
+  Source_Watch& watch_;
   mutable std::atomic<unsigned long long> excluded_{0};
 };

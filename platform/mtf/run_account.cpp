@@ -91,6 +91,11 @@ void Run_Account::incomplete(const std::string& path, const std::string& message
     tell("file", "/" + path, Value(), text);
 }
 
+void Run_Account::nothing_at(const std::string& path) {
+  ++empty_paths_;
+  problem(Catalog_Problem::NOT_LISTED, "directory", path, 0, "Nothing is listed below this path.");
+}
+
 void Run_Account::absent(const std::string& path) {
   ++problems_;
   const bool folder = path.empty() || path.back() == '/';

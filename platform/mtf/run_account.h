@@ -4,6 +4,7 @@
 #include "platform/s3/ledger.h"
 #include "sdk/mtf/event_handler.h"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -54,6 +55,9 @@ public:
   void selected(unsigned long long count) { listed_ = count; }
   /// Something that was asked for by name and is not there: no object, but a problem.
   void absent(const std::string& path);
+  /// A folder that was asked for ("bucket/prefix/") and that nothing lies below.
+  void nothing_at(const std::string& path);
+  unsigned long long empty_paths() const { return empty_paths_; }
   /// There will be a set whose catalog has so many objects: more than were saved or unchanged, where some that the run
   /// did not see, or could not read, were kept from the set before.
   void set_holds(unsigned long long objects) { set_objects_ = objects; }
@@ -66,6 +70,7 @@ public:
   unsigned long long saved_bytes() const { return saved_bytes_; }
   unsigned long long stored_bytes() const { return stored_; }
   unsigned long long bytes_read() const { return bytes_read_; }
+  unsigned long long deleted_objects() const { return deleted_; }
   /// Objects that were listed and are missing in the set, and prefixes that could not be listed.
   unsigned long long problems() const { return problems_; }
   /// What the set lacks of what was to be backed up: `problems`, each lost object counted. Once a whole listing has
@@ -81,6 +86,8 @@ public:
   /// Takes over what the S3 layer saw that never reached the engine: folder objects and prefixes that could not be
   /// listed. Compares its count with what was handed out, and names the difference. Once; `ledger` may be null.
   void listing_ended(const S3_Ledger* ledger, const Listing_End& end);
+  /// Objects that the listing showed, whatever becomes of them. Once it has ended.
+  unsigned long long shown_objects() const { return std::max(known(), listed_) - empty_folders_; }
   /// Objects that the S3 layer listed and that came out nowhere. Once a whole listing has ended.
   unsigned long long lost_objects() const { return lost_; }
   /// Closes the account. `ledger` may be null. What a listing that was cut short showed and did not hand out was not
@@ -115,6 +122,7 @@ private:
   unsigned long long listed_ = 0;   ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long excluded_ = 0; ///< by the filter
   unsigned long long lost_ = 0;
+  unsigned long long empty_paths_ = 0;
   std::optional<unsigned long long> set_objects_;
   bool counted_ = false; ///< `listed_` is the S3 layer's: nothing in here may change it
   unsigned long long empty_folders_ = 0;

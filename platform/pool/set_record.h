@@ -48,8 +48,8 @@ struct Set_Record {
   std::vector<Medium> media;
   json_spirit::Object figures; ///< the run's account
 
-  /// How many objects of what was to be backed up the set does not have as the run's listing showed them: not at all, or
-  /// in an older version only. A prefix that could not be listed counts as one. What lacks only something beside its
+  /// How many objects of what was to be backed up the set does not have as the run's listing showed them: not at all,
+  /// or in an older version only. A prefix that could not be listed counts as one. What lacks only something beside its
   /// content, as tags, is not among them. Nothing: not known, as where the set was made again from its media alone, or
   /// in an encrypted record of an older version whose names cannot be read.
   std::optional<unsigned long long> missing() const;
