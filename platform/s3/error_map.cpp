@@ -98,6 +98,13 @@ constexpr Code_Row CODES[] = {
     {"XAmzContentSHA256Mismatch", EIO, RETRIABLE},
 };
 
+/// What is said against the keys, whatever they were used for.
+constexpr const char* KEY_CODES[] = {"AccountProblem",       "AllAccessDisabled",     "AuthorizationHeaderMalformed",
+                                     "ExpiredToken",         "InvalidAccessKeyId",    "InvalidSecurity",
+                                     "InvalidToken",         "NotSignedUp",           "RequestExpired",
+                                     "RequestTimeTooSkewed", "SignatureDoesNotMatch", "TokenRefreshRequired",
+                                     "UserSuspended"};
+
 struct Status_Row {
   int status;
   const char* code;
@@ -148,6 +155,27 @@ S3_Error map_failure(const HTTP_Failure& failure, const std::string& what) {
     return S3_Error(EPROTO, 0, "TLSHandshakeFailed", message, broken);
   }
   return S3_Error(EIO, 0, "TransportError", message, false);
+}
+
+Blame blames(const S3_Error& error) {
+  if (error.number() == 0 || error.number() == ECANCELED || error.number() == ENOMEM)
+    return Blame::OBJECT;
+  if (error.status() == 0) {
+    for (const Failure_Row& row : FAILURES)
+      if (error.code() == row.code)
+        return row.number == EINVAL || row.curl == CURLE_WRITE_ERROR ? Blame::OBJECT : Blame::SERVICE;
+    return error.code() == "TLSHandshakeFailed" || error.code() == "TransportError" ? Blame::SERVICE : Blame::OBJECT;
+  }
+  for (const char* code : KEY_CODES)
+    if (error.code() == code)
+      return Blame::SERVICE;
+  if (error.status() == 401 || error.status() == 429)
+    return Blame::SERVICE;
+  if (error.status() == 403)
+    return error.number() == EACCES ? Blame::DENIAL : Blame::OBJECT;
+  return error.status() >= 500 && error.status() != 501 && error.status() != 505 && error.status() != 507
+             ? Blame::SERVICE
+             : Blame::OBJECT;
 }
 
 bool is_busy(const S3_Error& error) {

@@ -15,6 +15,14 @@ S3_Error map_failure(const HTTP_Failure& failure, const std::string& what);
 /// is made from the status.
 S3_Error map_answer(int status, const Error_Document& document, const std::string& what);
 
+/// Whom a failure says something about.
+enum class Blame {
+  OBJECT,  ///< what was asked for, or nobody else: the service has answered
+  SERVICE, ///< the service, the way there, or the keys: it would have been the same for any other object
+  DENIAL   ///< either: the object is denied, or the keys are good for nothing any more
+};
+Blame blames(const S3_Error& error);
+
 /// The service asks for fewer requests.
 bool is_busy(const S3_Error& error);
 

@@ -124,4 +124,44 @@ TEST(Error_Map, message_names_the_reason_the_request_and_its_number) {
             s3::map_answer(403, document, "GET http://h/b").text());
 }
 
+TEST(Error_Map, blame_is_the_services_where_any_other_request_had_failed_likewise) {
+  struct Row {
+    int number;
+    int status;
+    const char* code;
+    s3::Blame blame;
+  };
+  const Row rows[] = {
+      {0, 0, "", s3::Blame::OBJECT},
+      {ECANCELED, 0, "Cancelled", s3::Blame::OBJECT},
+      {ENOMEM, 0, "OutOfMemory", s3::Blame::OBJECT},
+      {ECONNREFUSED, 0, "CouldNotConnect", s3::Blame::SERVICE},
+      {EHOSTUNREACH, 0, "CouldNotResolveHost", s3::Blame::SERVICE},
+      {ETIMEDOUT, 0, "TimedOut", s3::Blame::SERVICE},
+      {ECONNRESET, 0, "ConnectionBroken", s3::Blame::SERVICE},
+      {EACCES, 0, "CertificateNotTrusted", s3::Blame::SERVICE},
+      {EPROTO, 0, "TLSHandshakeFailed", s3::Blame::SERVICE},
+      {EINVAL, 0, "InvalidURL", s3::Blame::OBJECT},
+      {EPROTO, 0, "AnswerTooLarge", s3::Blame::OBJECT},
+      {EIO, 500, "InternalError", s3::Blame::SERVICE},
+      {EAGAIN, 502, "BadGateway", s3::Blame::SERVICE},
+      {EAGAIN, 503, "SlowDown", s3::Blame::SERVICE},
+      {EAGAIN, 429, "TooManyRequests", s3::Blame::SERVICE},
+      {ENOTSUP, 501, "NotImplemented", s3::Blame::OBJECT},
+      {ENOSPC, 507, "InsufficientStorage", s3::Blame::OBJECT},
+      {EACCES, 401, "Unauthorized", s3::Blame::SERVICE},
+      {EACCES, 403, "InvalidAccessKeyId", s3::Blame::SERVICE},
+      {EACCES, 403, "SignatureDoesNotMatch", s3::Blame::SERVICE},
+      {EACCES, 403, "RequestExpired", s3::Blame::SERVICE},
+      {EACCES, 400, "ExpiredToken", s3::Blame::SERVICE},
+      {EACCES, 403, "AccessDenied", s3::Blame::DENIAL},
+      {EPERM, 403, "InvalidObjectState", s3::Blame::OBJECT},
+      {ENOENT, 404, "NoSuchKey", s3::Blame::OBJECT},
+      {ESTALE, 412, "PreconditionFailed", s3::Blame::OBJECT},
+  };
+  for (const Row& row : rows)
+    EXPECT_EQ(row.blame, s3::blames(S3_Error(row.number, row.status, row.code, "", false)))
+        << row.status << " " << row.code;
+}
+
 } // namespace

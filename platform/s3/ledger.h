@@ -2,6 +2,7 @@
 
 #include "platform/s3/byte_budget.h"
 #include "platform/s3/object_notes.h"
+#include "platform/s3/service_watch.h"
 
 #include <atomic>
 #include <functional>
@@ -40,6 +41,7 @@ public:
   std::atomic<int> max_retry_seconds{0};
 
   Object_Notes objects;
+  Service_Watch service;
   /// Of the parts of large objects that are read ahead of their turn.
   Byte_Budget range_memory{64u << 20};
   /// Of the parts of large objects that wait to be sent.

@@ -45,6 +45,22 @@ bool blames_clock(const HTTP_Head& head, const Error_Document& document, long lo
   return (head.status == 400 || head.status == 401 || head.status == 403) && std::llabs(offset) > LARGE_OFFSET;
 }
 
+double monotonic_seconds() {
+  const ACE_Time_Value now = Clock::instance().monotonic();
+  return static_cast<double>(now.sec()) + static_cast<double>(now.usec()) / 1e6;
+}
+
+/// Asks for one key of the bucket, in whose listings the run has seen keys before unless it was denied them. The
+/// service's watch hears of it.
+void probe_service(const std::shared_ptr<Endpoint>& endpoint, const std::string& bucket) {
+  Transport transport(endpoint);
+  const Outcome outcome = transport.ask(Request{"GET", bucket, "", {{"max-keys", "1"}}, {}, false, {}});
+  if (blames(outcome.error) != Blame::DENIAL)
+    return;
+  if (endpoint->ledger()->listed_keys == 0)
+    endpoint->ledger()->service.answered();
+}
+
 /// A request inside the gate; it leaves at the latest with this object.
 class Within {
 public:
@@ -66,6 +82,36 @@ private:
 } // namespace
 
 Curl_Connection_ref Transport::open(const Request& request, Outcome& outcome) {
+  if (endpoint_->ledger()->service.gone()) {
+    outcome.error =
+        S3_Error(EHOSTDOWN, 0, "ServiceGone", "the service was given up (" + describe(request) + ")", false);
+    return Curl_Connection_ref();
+  }
+  Curl_Connection_ref connection = open_i(request, outcome);
+  note(request, outcome.error);
+  return connection;
+}
+
+/// Has the watch of the run's service hear of it.
+void Transport::note(const Request& request, const S3_Error& error) {
+  Service_Watch& service = endpoint_->ledger()->service;
+  const Blame blame = blames(error);
+  if (blame == Blame::OBJECT) {
+    if (error.number() == 0 || error.status() != 0)
+      service.answered();
+    return;
+  }
+  const auto probe = [endpoint = std::weak_ptr<Endpoint>(endpoint_), bucket = request.bucket] {
+    if (const std::shared_ptr<Endpoint> there = endpoint.lock())
+      probe_service(there, bucket);
+  };
+  if (blame == Blame::SERVICE)
+    service.failed(error.text(), monotonic_seconds(), probe);
+  else
+    service.denied(request.bucket + '/' + request.key, error.text(), monotonic_seconds(), probe);
+}
+
+Curl_Connection_ref Transport::open_i(const Request& request, Outcome& outcome) {
   // The counter lives inside the ledger, which it keeps alive.
   const std::shared_ptr<std::atomic<unsigned long long>> bytes_read(endpoint_->ledger(),
                                                                     &endpoint_->ledger()->bytes_read);

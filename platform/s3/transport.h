@@ -48,6 +48,9 @@ public:
   std::string describe(const Request& request) const;
 
 private:
+  Curl_Connection_ref open_i(const Request& request, Outcome& outcome);
+  void note(const Request& request, const S3_Error& error);
+
   std::shared_ptr<Endpoint> endpoint_;
   bool despite_cancel_ = false;
   const std::atomic<bool>* stop_ = nullptr;
