@@ -1,6 +1,6 @@
 #include "agent/context.h"
 
-#include "agent/job_runner.h"
+#include "agent/cancel_signals.h"
 #include "platform/crypto/master_key.h"
 #include "platform/file_backup/entry_query_handler.h"
 #include "platform/file_backup/set_catalog.h"
@@ -57,7 +57,7 @@ Module& Context::module() {
   Store& database = store();
   std::string error;
   // From here on threads may run that must not be asked to take signals; commands without jobs end by them as usual.
-  Job_Runner::block_signals();
+  cancel_signals::block();
   module_ = Module::load(module_path, error);
   if (!module_)
     throw Command_Error(error);

@@ -1,28 +1,15 @@
 #include "agent/job_runner.h"
 
+#include "agent/cancel_signals.h"
 #include "agent/progress.h"
+#include "platform/s3/ledger.h"
 #include "sdk/job/job.h"
 
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 namespace {
 
-sigset_t cancel_signals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  return set;
-}
-
-/// True when one of the signals is pending; takes it.
-bool take_signal() {
-  const sigset_t set = cancel_signals();
-  const timespec now = {0, 0};
-  return sigtimedwait(&set, nullptr, &now) > 0;
-}
+constexpr unsigned LOOKS_PER_PROGRESS = 10; // five times a second
 
 /// The one line that says why a job failed: what the job reported, else the first thing it logged.
 std::string failure_text(Job& job, const Agent_Log& log) {
@@ -30,7 +17,12 @@ std::string failure_text(Job& job, const Agent_Log& log) {
   if (error.id.value() != 0)
     return error_text(error);
   const json_spirit::Object results = job.results();
-  const std::string reported = json_spirit::optional_str(results, "failure");
+  std::string reported = json_spirit::optional_str(results, "failure");
+  if (reported.empty()) {
+    const json_spirit::Value* const account = json_spirit::find(results, "outcome");
+    if (account != nullptr && account->type() == json_spirit::obj_type)
+      reported = json_spirit::optional_str(account->get_obj(), "failure");
+  }
   if (!reported.empty())
     return reported;
   for (const Job_Alert& alert : job.alerts())
@@ -63,11 +55,6 @@ Exit_Code exit_code(Job_State state, const Agent_Log& log) {
 Job_Runner::Job_Runner(Module& module, Agent_Log& log, bool show_progress)
     : module_(module), log_(log), show_progress_(show_progress) {}
 
-void Job_Runner::block_signals() {
-  const sigset_t set = cancel_signals();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-}
-
 Outcome Job_Runner::run(const Job_Definition_var& definition, std::string* activity_id) {
   Outcome outcome;
   Job_var job = module_.job_creator().create(definition);
@@ -75,6 +62,7 @@ Outcome Job_Runner::run(const Job_Definition_var& definition, std::string* activ
     outcome.failure = "the module makes no job of this type";
     return outcome;
   }
+  job->ledger()->service.limit(service_timeout_);
   log_.clear_errors();
   if (job->start(nullptr) != 0) {
     outcome.failure = "the job cannot be started";
@@ -85,15 +73,17 @@ Outcome Job_Runner::run(const Job_Definition_var& definition, std::string* activ
 
   Progress progress(show_progress_);
   bool asked_to_stop = false;
-  const ACE_Time_Value interval(0, 200000);
-  while (!job->wait(&interval)) {
-    if (take_signal()) {
+  // Often, so that a run that ends soon after a signal has still heard of it.
+  const ACE_Time_Value interval(0, 20000);
+  for (unsigned looks = 1; !job->wait(&interval); ++looks) {
+    if (cancel_signals::take()) {
       if (asked_to_stop)
         _exit(EXIT_CANCELLED);
-      asked_to_stop = true;
-      job->stop(nullptr);
+      // A run that is just being completed cannot be stopped any more, and ends as what it is.
+      asked_to_stop = job->stop(nullptr) == 0;
     }
-    progress.show(job->activity());
+    if (looks % LOOKS_PER_PROGRESS == 0)
+      progress.show(job->activity());
   }
   progress.finish();
 

@@ -1,11 +1,28 @@
+#include "agent/cancel_signals.h"
 #include "agent/commands/commands.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
+namespace {
+
+/// Whether a command is asked for that an interrupt cancels; any other is ended by it as programs are.
+bool can_be_cancelled(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i)
+    for (const char* command : {"backup", "restore", "run", "rehearse", "merge", "verify"})
+      if (std::strcmp(argv[i], command) == 0)
+        return true;
+  return false;
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
+  if (can_be_cancelled(argc, argv))
+    cancel_signals::exit_at_once();
   Context context;
   try {
     CLI::App app("Backs buckets of S3-compatible object storage up and restores them.", "obs-agent");

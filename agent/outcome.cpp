@@ -93,6 +93,9 @@ std::string Outcome::to_text() const {
               "': " + json_spirit::optional_str(item.get_obj(), "message") + "\n";
     }
   }
+  if (const unsigned long long objects = figure("resumable"); objects != 0)
+    text += "the next run of the same paths goes on with " + std::to_string(objects) +
+            (objects == 1 ? " object that is stored\n" : " objects that are stored\n");
   if (!set.empty())
     text += "set " + set + "\n";
   text += name();

@@ -22,6 +22,7 @@ struct Backup_Arguments {
   bool dry_run = false;
   unsigned channels = 4;
   unsigned readers = 0;
+  unsigned service_timeout = 300;
   unsigned scan_threads = 8;
   std::string compression = "none";
   int compression_level = 1;
@@ -118,6 +119,7 @@ void backup(Context& context, Backup_Arguments arguments) {
   definition["agent"] = "obs-agent";
   definition["host_id"] = account.uuid;
   definition["readers"] = arguments.readers;
+  definition["service_timeout"] = arguments.service_timeout;
   definition["archived"] = arguments.archived;
   definition["allow_empty"] = arguments.allow_empty;
   if (!arguments.max_deleted.empty())
@@ -143,6 +145,12 @@ void add_backup_command(CLI::App& app, Context& context) {
   command->add_option("--channels", arguments->channels, "Media written at the same time")
       ->check(CLI::Range(1, 256))
       ->capture_default_str();
+  command
+      ->add_option("--service-timeout", arguments->service_timeout,
+                   "Seconds after which a service that answers nothing at all ends the run")
+      ->check(CLI::Range(1, 86400))
+      ->capture_default_str()
+      ->type_name("SECONDS");
   command->add_option("--readers", arguments->readers, "Objects read at the same time; 0: 32")
       ->check(CLI::Range(0, 4096))
       ->capture_default_str();

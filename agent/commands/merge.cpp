@@ -1,3 +1,4 @@
+#include "agent/cancel_signals.h"
 #include "agent/commands/commands.h"
 
 #include "platform/file_backup/merge_lock.h"
@@ -40,7 +41,18 @@ std::vector<Set_Record> find_sets(Context& context, const std::vector<std::strin
   return records;
 }
 
+void cancelled(Context& context, const Merge_Report& report) {
+  json_spirit::Object json;
+  json["outcome"] = "cancelled";
+  json["objects"] = report.objects;
+  json["bytes"] = report.bytes;
+  context.print(json, "cancelled: the sets are as they were (" + std::to_string(report.objects) +
+                          " objects had been copied)");
+  context.exit_code = EXIT_CANCELLED;
+}
+
 void merge(Context& context, const std::vector<std::string>& names) {
+  Cancel_Request cancel;
   context.lock_state();
   Pool_Entry entry;
   Pool pool;
@@ -56,6 +68,8 @@ void merge(Context& context, const std::vector<std::string>& names) {
   if (!merge_lock.acquire(merging, false, error))
     throw Command_Error("the sets cannot be merged: " + error);
   context.lock_pool(pool);
+  if (cancel.asked())
+    return cancelled(context, Merge_Report());
 
   const std::string place = sets.front().uri.substr(0, sets.front().uri.rfind('/'));
   std::vector<std::string> busy;
@@ -65,8 +79,12 @@ void merge(Context& context, const std::vector<std::string>& names) {
   sets = find_sets(context, names, entry, pool);
   Merge_Options options;
   options.uuid = make_uuid();
+  options.canceling = [&cancel] { return cancel.asked(); };
+  options.begin_commit = [&cancel] { return cancel.begin_commit(); };
   Merge_Report report;
   if (!merge_sets(pool, sets, options, report, error)) {
+    if (report.canceled)
+      return cancelled(context, report);
     for (const std::string& damage : report.damages)
       std::fprintf(stderr, "obs-agent: damaged: %s\n", damage.c_str());
     throw Command_Error("the sets cannot be merged: " + error);

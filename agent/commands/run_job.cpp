@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr ACE_INT64 MAX_SERVICE_TIMEOUT = 86400;
+
 /// Keeps the run in the agent's database. The run itself is over: a failure here is only worth a line.
 void record_activity(Context& context, const std::string& id, const std::string& definition_id, const std::string& type,
                      time_t start, const Outcome& outcome) {
@@ -36,6 +38,18 @@ std::string rehearsed_set(const Job_Definition& definition) {
   file_backup::File_DR_Test_Context context;
   file_backup::load_dr_test_context(definition.id(), context);
   return context.uuid;
+}
+
+/// Of a definition's "service_timeout". Throws Command_Error.
+unsigned service_timeout(const json_spirit::Object& json) {
+  const json_spirit::Value* const value = json_spirit::find(json, "service_timeout");
+  if (value == nullptr)
+    return Service_Watch::DEFAULT_LIMIT;
+  const ACE_INT64 seconds = value->type() == json_spirit::int_type ? value->get_int64() : 0;
+  if (seconds < 1 || seconds > MAX_SERVICE_TIMEOUT)
+    throw Command_Error("job definition: \"service_timeout\" must be a whole number of seconds from 1 to " +
+                        std::to_string(MAX_SERVICE_TIMEOUT));
+  return static_cast<unsigned>(seconds);
 }
 
 /// The set that a backup made has the uuid of its activity; it is there when its record is.
@@ -69,12 +83,14 @@ Outcome run_job(Context& context, const json_spirit::Object& json) {
   if (definition.null())
     throw Command_Error(error);
 
+  Job_Runner runner(context.module(), context.log(), !context.json);
+  runner.service_timeout(service_timeout(json));
   if (definition->type() == JOB_DEFINITION_BACKUP)
     context.lock_state();
   const time_t start = std::time(nullptr);
   const std::string rehearsed = rehearsed_set(*definition);
   std::string activity_id;
-  Outcome outcome = Job_Runner(context.module(), context.log(), !context.json).run(definition, &activity_id);
+  Outcome outcome = runner.run(definition, &activity_id);
   if (definition->type() == JOB_DEFINITION_BACKUP)
     outcome.set = set_of(context, activity_id);
   else if (const std::string now = rehearsed_set(*definition); now != rehearsed)

@@ -1,3 +1,4 @@
+#include "agent/cancel_signals.h"
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
 
@@ -84,6 +85,8 @@ json_spirit::Object report_json(const Set& set, const Verify_Options& options, c
     json["sample"] = options.sample;
     json["seed"] = options.seed;
   }
+  if (report.canceled)
+    json["outcome"] = "cancelled";
   if (!report.failure.empty())
     json["message"] = report.failure;
   return json;
@@ -107,6 +110,9 @@ std::string report_text(const Verify_Options& options, const Verify_Report& repo
   if (report.lost != 0)
     text += "a restore would lack " + std::to_string(report.lost) + " objects with " + human_bytes(report.lost_bytes) +
             "\n";
+  if (report.canceled)
+    text += "cancelled: the other " + std::to_string(report.objects - report.checked - report.passed) +
+            " objects were not looked at\n";
   if (!report.failure.empty())
     text += "the set cannot be verified: " + report.failure + "\n";
   return text;
@@ -122,7 +128,9 @@ unsigned long long mark(Context& context, const Pool& pool, const Set_Record& re
 }
 
 void verify(Context& context, const Verify_Arguments& arguments) {
+  Cancel_Request cancel;
   Verify_Options options;
+  options.canceling = [&cancel] { return cancel.asked(); };
   options.threads = arguments.threads;
   options.sample = percent(arguments.sample);
   // Each time other objects, so that repeated samples come to see all.
@@ -164,7 +172,7 @@ void verify(Context& context, const Verify_Arguments& arguments) {
     text += "with --mark the next incremental backup stores the damaged objects anew\n";
   }
   context.print(json, text);
-  context.exit_code = clean ? EXIT_COMPLETED : EXIT_FAILED;
+  context.exit_code = report.canceled ? EXIT_CANCELLED : clean ? EXIT_COMPLETED : EXIT_FAILED;
 }
 
 } // namespace

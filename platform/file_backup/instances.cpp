@@ -2,6 +2,7 @@
 #include "platform/file_backup/merge_lock.h"
 #include "platform/file_backup/retry.h"
 #include "platform/file_backup/set_catalog.h"
+#include "platform/job/current_job.h"
 #include "sdk/file_backup/file_backup.h"
 #include "sdk/job/job.h"
 
@@ -72,6 +73,9 @@ Backup_Set::~Backup_Set() = default;
 File_Backup_Set::~File_Backup_Set() = default;
 
 bool is_merging(const std::string& location, const std::string& pool_uuid, const std::string& minor_resource_id) {
+  // A cancelled job shall not wait: it does nothing more with the pool.
+  if (is_current_job_canceling())
+    return false;
   Pool pool;
   std::string error;
   if (!Pool::open(location, pool_uuid, pool, error)) {

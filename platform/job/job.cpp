@@ -9,7 +9,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <set>
 
 namespace {
 
@@ -69,10 +71,44 @@ struct Current_Job {
 
 thread_local Current_Job current_job;
 
+/// The jobs that can no longer be stopped. Between a look at it and the change that was to be made no job comes in.
+class Committing_Jobs {
+public:
+  static Committing_Jobs& instance() {
+    static Committing_Jobs jobs;
+    return jobs;
+  }
+  bool add(Job& job) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (job.activity().state == JOB_STATE_CANCELING)
+      return false;
+    jobs_.insert(&job);
+    return true;
+  }
+  void remove(const Job* job) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    jobs_.erase(job);
+  }
+  /// Calls `change` unless the job is one of them; -1 if it is.
+  int unless_in(const Job* job, const std::function<int()>& change) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return jobs_.count(job) != 0 ? -1 : change();
+  }
+
+private:
+  std::mutex mutex_; ///< guards `jobs_`
+  std::set<const Job*> jobs_;
+};
+
 } // namespace
 
 bool is_current_job_canceling() {
   return current_job.job != nullptr && current_job.job->activity().state == JOB_STATE_CANCELING;
+}
+
+bool begin_commit_of_current_job() {
+  Job* const job = current_job.job;
+  return job == nullptr || Committing_Jobs::instance().add(*job);
 }
 
 struct Job::Impl {
@@ -98,7 +134,9 @@ Job::Job(Job_Definition_var definition)
   ledger_->objects.policy(archived_policy_from_string(definition_->archived()).value_or(Archived_Policy::SKIP));
 }
 
-Job::~Job() = default;
+Job::~Job() {
+  Committing_Jobs::instance().remove(this);
+}
 
 void Job::intrusive_add_ref(Job* job) {
   if (job != nullptr)
@@ -214,13 +252,15 @@ int Job::state_i(Job_State state) {
   const std::lock_guard<std::mutex> guard(impl_->mutex);
   if (impl_->completed)
     return -1;
-  // The work writes the state without the lock.
-  Job_State present = activity_.state;
-  do {
-    if (!may_change(present, state))
-      return -1;
-  } while (!activity_.state.compare_exchange_weak(present, state));
-  return 0;
+  return Committing_Jobs::instance().unless_in(this, [&] {
+    // The work writes the state without the lock.
+    Job_State present = activity_.state;
+    do {
+      if (!may_change(present, state))
+        return -1;
+    } while (!activity_.state.compare_exchange_weak(present, state));
+    return 0;
+  });
 }
 
 int Job::state(Job_State state) {

@@ -1,5 +1,6 @@
 #include "sdk/job/job.h"
 
+#include "platform/job/current_job.h"
 #include "platform/s3/ledger.h"
 #include "sdk/base/clock.h"
 
@@ -253,6 +254,39 @@ INSTANTIATE_TEST_SUITE_P(
         Change{JOB_STATE_COMPLETED_WITH_ERRORS, JOB_STATE_CANCELING, false},
         Change{JOB_STATE_ERROR, JOB_STATE_RUNNING, false}, Change{JOB_STATE_CANCELED, JOB_STATE_RUNNING, false},
         Change{JOB_STATE_SKIPPED, JOB_STATE_ABORTING, false}));
+
+TEST(Job_Commit, goes_to_its_end_once_it_has_begun) {
+  int stopped = 0, paused = 0;
+  bool begun = false;
+  const auto job = make([&](Work_Job& self) {
+    self.set_job_thread();
+    Job_Event_Handler(self).handle_start_job();
+    begun = begin_commit_of_current_job() && begin_commit_of_current_job();
+    stopped = self.state_i(JOB_STATE_CANCELING);
+    paused = self.state_i(JOB_STATE_PAUSING);
+    Job_Event_Handler(self).handle_success();
+  });
+  job->start(nullptr);
+  job->wait();
+  EXPECT_TRUE(begun);
+  EXPECT_EQ(-1, stopped);
+  EXPECT_EQ(-1, paused);
+  EXPECT_EQ(JOB_STATE_COMPLETED, job->activity().state);
+}
+
+TEST(Job_Commit, does_not_begin_when_a_cancel_came_before) {
+  bool begun = true;
+  const auto job = make([&](Work_Job& self) {
+    self.set_job_thread();
+    Job_Event_Handler(self).handle_start_job();
+    self.state_i(JOB_STATE_CANCELING);
+    begun = begin_commit_of_current_job();
+    Job_Event_Handler(self).handle_canceled();
+  });
+  job->start(nullptr);
+  job->wait();
+  EXPECT_FALSE(begun);
+}
 
 TEST(Job_State_After_The_End, changes_no_more_even_when_paused) {
   const auto job = make([](Work_Job& self) { Job_Event_Handler(self).handle_paused(); });

@@ -1,5 +1,6 @@
 #include "platform/mtf/backup_channel.h"
 
+#include "platform/s3/error_map.h"
 #include "sdk/base/clock.h"
 #include "sdk/base/time_format.h"
 #include "sdk/s3/object_attributes.h"
@@ -17,6 +18,8 @@ namespace {
 constexpr unsigned MAX_CHANGES = 3;
 /// One whose reading failed for another reason.
 constexpr unsigned MAX_FAILURES = 1;
+/// Seconds between two looks whether the service has come back.
+constexpr double SERVICE_CHECK = 0.2;
 /// What a reader's buffer may keep between two objects.
 constexpr size_t KEPT_BUFFER = 128u << 10;
 
@@ -64,10 +67,14 @@ std::string Backup_Channel::keep_older(Backup_Item& item) {
 }
 
 void Backup_Channel::skip(Backup_Item& item, const std::string& message) {
+  if (shared_.cut())
+    return;
   shared_.account->skipped(item.path(), message + keep_older(item));
 }
 
 void Backup_Channel::fail(Backup_Item& item, int number, const std::string& message) {
+  if (shared_.cut())
+    return;
   shared_.account->failed(item.path(), number, message + keep_older(item));
 }
 
@@ -80,6 +87,20 @@ bool Backup_Channel::fits(Backup_Item& item) {
   return false;
 }
 
+/// After a failure that may be the service's and not the object's: waits until it is known whether the service is
+/// there. True when it was away and answers again, so that the object can be asked for once more; false when it is
+/// there, and once the run is stopped.
+bool Backup_Channel::service_is_back(const std::optional<S3_Error>& reason) {
+  if (!reason || !shared_.ledger || s3::blames(*reason) == s3::Blame::OBJECT)
+    return false;
+  const Service_Watch& service = shared_.ledger->service;
+  const unsigned long long before = service.outages();
+  while (service.failing())
+    if (!shared_.queue->wait_while_paused(SERVICE_CHECK))
+      return false;
+  return service.outages() != before && !shared_.queue->stopped();
+}
+
 /// After an outcome that is not DONE. Where the object is not to be read again it is accounted for.
 bool Backup_Channel::read_again(Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading,
                                 Tries& tries) {
@@ -90,6 +111,8 @@ bool Backup_Channel::read_again(Backup_Item& item, Reading_Outcome outcome, cons
   std::string message = reading.message();
   if (reason)
     message += " " + reason->text();
+  if (service_is_back(reason))
+    return true;
   const bool stopped = shared_.queue->stopped();
 
   if (outcome == Reading_Outcome::SKIPPED) {

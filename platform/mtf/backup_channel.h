@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,8 @@ struct Backup_Shared {
   Catalog_Writer* catalog = nullptr;
   Backup_Base* base = nullptr;       ///< null where there is none
   std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
+  /// Whether the run is being cut short, so that an object which cannot be had says nothing about itself.
+  std::function<bool()> cut = [] { return false; };
   /// Ends the run for the reason given. Any thread; the first one counts.
   std::function<void(MTF::Error_Code, const std::string&)> fail;
 };
@@ -41,6 +44,9 @@ public:
   /// For the time after all threads have ended. Ends the medium; false, the run having failed, when that cannot be
   /// done.
   bool finish(const Set_Copy* copy = nullptr);
+  /// For the same time of a run that was stopped: what is whole on the medium can be taken up by another run. False
+  /// when the medium has failed.
+  bool keep() { return medium_->flush(); }
   /// How large it is.
   unsigned long long size() const { return medium_->size(); }
   /// Closes the medium's file.
@@ -64,6 +70,7 @@ private:
   void fail(Backup_Item& item, int number, const std::string& message);
   std::string keep_older(Backup_Item& item);
   bool fits(Backup_Item& item);
+  bool service_is_back(const std::optional<S3_Error>& reason);
   bool read_again(Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading, Tries& tries);
   /// Takes over what the answer that the open object comes from said about it.
   void take_status(Backup_Item& item, Object_Reading& reading);

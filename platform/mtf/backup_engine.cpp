@@ -1,6 +1,7 @@
 #include "platform/mtf/backup_engine.h"
 
 #include "platform/catalog/catalog_writer.h"
+#include "platform/job/current_job.h"
 #include "platform/mtf/backup_channel.h"
 #include "platform/mtf/backup_listing.h"
 #include "platform/mtf/counting_filter.h"
@@ -18,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <random>
 
@@ -28,6 +30,8 @@ namespace {
 constexpr unsigned DEFAULT_READERS = 32;
 constexpr unsigned MAX_READERS = 1024;
 constexpr unsigned MAX_CHANNELS = 256;
+/// Seconds between two looks whether the service has come back.
+constexpr double SERVICE_CHECK = 0.2;
 
 unsigned make_family() {
   std::random_device random;
@@ -36,6 +40,11 @@ unsigned make_family() {
     family = random();
   } while (family == 0);
   return family;
+}
+
+double monotonic_seconds() {
+  const ACE_Time_Value now = Clock::instance().monotonic();
+  return static_cast<double>(now.sec()) + static_cast<double>(now.usec()) / 1e6;
 }
 
 double seconds_between(const ACE_Time_Value& from, const ACE_Time_Value& to) {
@@ -96,6 +105,9 @@ struct Backup_Engine::Impl {
   void judge_listing(const Unlisted& unlisted);
   void listing_ended(bool whole);
   void fail(Error_Code code, const std::string& text);
+  bool canceling() const { return !handler.null() && handler->is_canceling(); }
+  bool is_cut() const { return cut || canceling(); }
+  bool begin_commit();
   void start(const std::string& name, std::function<void()> body);
   void supervise(bool tell);
   void conclude(bool kept);
@@ -115,6 +127,7 @@ struct Backup_Engine::Impl {
   std::string uri;
   unsigned seq = 0; ///< the set's number
   bool made_folder = false;
+  bool stays = false; ///< what a run that was stopped has stored
   unsigned family = 0;
   Run_Account account;
   Backup_Queue queue;
@@ -135,7 +148,8 @@ struct Backup_Engine::Impl {
   unsigned long long set_bytes = 0; ///< on media and in the catalog
 
   Engine_Threads threads;
-  std::mutex mutex; ///< guards what follows
+  std::atomic<bool> cut{false}; ///< the run was stopped: it was cancelled, or its service is gone
+  std::mutex mutex;             ///< guards what follows
   Error_Code code = E_OK;
   std::string failure;
 };
@@ -165,19 +179,30 @@ size_t Backup_Engine::peak_bytes() const {
   return impl_->queue.peak_bytes();
 }
 
+/// Whatever fails while the run is being cancelled has been cancelled.
 void Backup_Engine::Impl::fail(Error_Code why, const std::string& text) {
   {
     std::lock_guard<std::mutex> guard(mutex);
     if (code != E_OK)
       return;
-    code = why;
-    failure = text;
+    code = canceling() ? E_CANCELED : why;
+    failure = code == E_CANCELED ? "The backup was cancelled." : text;
+    why = code;
+    cut = why == E_CANCELED || (ledger && ledger->service.gone());
   }
   if (why != E_CANCELED)
     engine_log(log, LM_ERROR, text);
   if (events)
     events->stop();
-  queue.stop();
+  queue.stop(cut);
+}
+
+/// False when the run was cancelled before. From here on it cannot be.
+bool Backup_Engine::Impl::begin_commit() {
+  if (!canceling() && begin_commit_of_current_job())
+    return true;
+  fail(E_CANCELED, "The backup was cancelled.");
+  return false;
 }
 
 bool Backup_Engine::Impl::prepare(const std::string& location, const std::string& pool_uuid) {
@@ -197,6 +222,10 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
   }
   place = place_of(order.uri_prefix);
   take_up_unfinished();
+  if (canceling()) {
+    fail(E_CANCELED, std::string());
+    return false;
+  }
   if (!choose_seq())
     return false;
   uri = set_uri(pool, order.uri_prefix, order.uuid);
@@ -307,12 +336,18 @@ void Backup_Engine::Impl::start(const std::string& name, std::function<void()> b
 
 void Backup_Engine::Impl::list() {
   Backup_Listing listing(queue, *catalog, account, base.get(), partial.get(), *watch);
-  const int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
+  int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
     const bool taken = block && listing.take(*block);
     if (!taken)
       events->refused();
     return taken;
   });
+  // Prefixes that nobody could list are known as such only when it is known whether the service is there.
+  while (result == 0 && ledger && !ledger->failed_listings().empty() && ledger->service.failing())
+    if (!queue.wait_while_paused(SERVICE_CHECK))
+      break;
+  if (is_cut())
+    result = -1;
   listing_ended(result == 0);
   Unlisted unlisted;
   if (ledger) {
@@ -329,7 +364,7 @@ void Backup_Engine::Impl::list() {
   else if (!listing.error().empty())
     fail(E_LIST_SOURCE, "The source cannot be listed: " + listing.error() + ".");
   else if (result != 0 || !whole)
-    fail(!handler.null() && handler->is_canceling() ? E_CANCELED : E_LIST_SOURCE, "The source cannot be listed.");
+    fail(E_LIST_SOURCE, "The source cannot be listed.");
   else
     judge_listing(unlisted);
   queue.close();
@@ -390,10 +425,12 @@ void Backup_Engine::Impl::listing_ended(bool whole) {
 
 /// Asks for cancel and pause and tells the progress.
 void Backup_Engine::Impl::supervise(bool tell) {
+  if (canceling())
+    fail(E_CANCELED, std::string());
+  else if (ledger && ledger->service.look(monotonic_seconds()))
+    fail(E_FAILED, ledger->service.message());
   if (handler.null())
     return;
-  if (handler->is_canceling())
-    fail(E_CANCELED, "The backup was cancelled.");
   queue.pause(handler->pausing());
   if (tell)
     handler->handle_progress(0, account.saved_objects(), account.bytes_read(), account.stored_bytes());
@@ -431,6 +468,7 @@ bool Backup_Engine::Impl::write_objects() {
   shared.ledger = ledger;
   shared.catalog = catalog.get();
   shared.base = base.get();
+  shared.cut = [this] { return is_cut(); };
   shared.fail = [this](Error_Code why, const std::string& text) { fail(why, text); };
 
   const unsigned count = static_cast<unsigned>(channels.size());
@@ -447,6 +485,8 @@ bool Backup_Engine::Impl::write_objects() {
   // The lister is the callback's, and both may hold connections.
   lister = ISrc_Lister_var();
   shared.callback = IBackup_Callback_var();
+  if (canceling())
+    fail(E_CANCELED, std::string());
   return code == E_OK;
 }
 
@@ -463,7 +503,7 @@ std::string Backup_Engine::Impl::copied_record() {
   record.channels = static_cast<unsigned>(channels.size());
   record.end_time = POSIX_Time_To_ISO8601(Clock::instance().now(), "%Y-%m-%d %H:%M:%S").str();
   record.source_size = record.backup_set_size = account.saved_bytes();
-  record.figures = account.figures(ledger.get(), true, seconds_between(begun, Clock::instance().monotonic()));
+  record.figures = account.figures(ledger.get(), Run_End::KEPT, seconds_between(begun, Clock::instance().monotonic()));
   std::string error;
   if (!seal_record(order.codec.cipher, record, error))
     throw std::runtime_error(error);
@@ -509,11 +549,15 @@ bool Backup_Engine::Impl::complete() {
 
 void Backup_Engine::Impl::discard() {
   account.catalog(nullptr);
+  // What a cancel, a full disk or a service that went away has ended is gone on with; what was refused is not.
+  const bool worth = account.saved_objects() > account.continued_objects() &&
+                     (cut || code == E_WRITE_MEDIUM || code == E_LIST_SOURCE || code == E_FAILED);
+  for (const std::unique_ptr<Backup_Channel>& channel : channels)
+    if (worth && !channel->keep())
+      engine_log(log, LM_WARNING, "Not all that is stored can be gone on with: a medium cannot be written.");
   channels.clear();
   catalog.reset();
-  // What a full disk or a service that went away has ended is gone on with; what was refused or cancelled is not.
-  const bool worth = account.saved_objects() > account.continued_objects() &&
-                     (code == E_WRITE_MEDIUM || code == E_LIST_SOURCE || code == E_FAILED);
+  stays = cut && account.saved_objects() != 0;
   std::string error;
   if (made_folder && worth) {
     ::unlink((pool.set_folder(uri) + "/" + catalog::FILE_NAME).c_str());
@@ -525,8 +569,11 @@ void Backup_Engine::Impl::discard() {
 }
 
 void Backup_Engine::Impl::conclude(bool kept) {
+  const Run_End end = kept ? Run_End::KEPT : cut ? Run_End::STOPPED : Run_End::DROPPED;
   json_spirit::Object figures =
-      account.figures(ledger.get(), kept, seconds_between(begun, Clock::instance().monotonic()));
+      account.figures(ledger.get(), end, seconds_between(begun, Clock::instance().monotonic()));
+  if (stays)
+    figures["resumable"] = account.saved_objects();
   if (!failure.empty())
     figures["failure"] = failure;
   metadata.figures = figures;
@@ -553,6 +600,7 @@ bool Backup_Engine::run(const std::string& location, const std::string& pool_uui
     i.fail(E_ACTION, "The post-action failed.");
     done = false;
   }
+  done = done && i.begin_commit();
   if (!done)
     i.discard();
   i.channels.clear();

@@ -44,7 +44,8 @@ public:
 
   /// Writes the set into the pool at `location`, whose uuid must be `pool_uuid` when that is not empty. Returns when
   /// all threads have ended. The set's folder stays locked as long as the engine lives, so that the set can be
-  /// committed in peace; after false it is gone.
+  /// committed in peace, and from then on the job can no longer be cancelled. After false the folder is gone, or is
+  /// left for the next run to go on with.
   bool run(const std::string& location, const std::string& pool_uuid);
   /// A run that ended before it began, because the pool is not known.
   bool refuse(MTF::Error_Code code, const std::string& error);

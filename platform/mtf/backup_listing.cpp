@@ -54,9 +54,11 @@ Listing_Events::Listing_Events(Event_Handler_var handler, Run_Account& account, 
 
 int Listing_Events::notify_event(unsigned code, const json_spirit::Object& options) {
   if (code == EVENT_ITEM_ERROR) {
-    if (stopping_)
-      return 0;
     const std::string type = json_spirit::optional_str(options, "type");
+    if (canceling()) {
+      cut_ += type != "directory" && refused_ == 0;
+      return 0;
+    }
     const std::string name = json_spirit::optional_str(options, "name");
     const std::string path = without_root(name);
     const std::string message = json_spirit::optional_str(options, "message");
@@ -93,7 +95,7 @@ bool Listing_Events::pausing() {
 }
 
 void Listing_Events::settle() {
-  const unsigned long long files = skipped_files() - std::min<unsigned long long>(skipped_files(), refused_);
+  const unsigned long long files = skipped_files() - std::min<unsigned long long>(skipped_files(), refused_ + cut_);
   account_.lister_skipped(files);
   if (handler_.null())
     return;

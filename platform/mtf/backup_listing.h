@@ -46,6 +46,7 @@ private:
   Catalog_Writer& catalog_;
   std::atomic<bool> stopping_{false};
   std::atomic<unsigned long long> refused_{0};
+  std::atomic<unsigned long long> cut_{0}; ///< objects that could not be looked at because the run is being stopped
   std::atomic<unsigned long long> unanswered_{0};
   std::unordered_set<std::string> sources_; ///< "bucket/key"
   std::mutex mutex_;                        ///< guards what follows

@@ -128,17 +128,23 @@ void Backup_Queue::settle(unsigned number, Backup_Item& item, Backup_Item::State
 std::unique_ptr<Backup_Item> Backup_Queue::next(unsigned number) {
   Channel& channel = *channels_[number];
   std::unique_lock<std::mutex> lock(mutex_);
-  channel.front.wait(lock, [&] {
-    if (stopped_)
-      return true;
-    return channel.claimed.empty() ? closed_ && waiting_.empty()
-                                   : channel.claimed.front()->state != Backup_Item::READING;
-  });
-  if (stopped_ || channel.claimed.empty())
-    return nullptr;
-  std::unique_ptr<Backup_Item> item = std::move(channel.claimed.front());
-  channel.claimed.pop_front();
-  return item;
+  for (;;) {
+    channel.front.wait(lock, [&] {
+      if (stopped_ && !draining_)
+        return true;
+      return channel.claimed.empty() ? stopped_ || (closed_ && waiting_.empty())
+                                     : channel.claimed.front()->state != Backup_Item::READING;
+    });
+    if ((stopped_ && !draining_) || channel.claimed.empty())
+      return nullptr;
+    std::unique_ptr<Backup_Item> item = std::move(channel.claimed.front());
+    channel.claimed.pop_front();
+    if (!stopped_ || item->state == Backup_Item::READY)
+      return item;
+    if (item->state == Backup_Item::STREAM)
+      --channel.streams;
+    release(*item, item->reserved);
+  }
 }
 
 void Backup_Queue::done(unsigned number, std::unique_ptr<Backup_Item> item) {
@@ -154,8 +160,9 @@ void Backup_Queue::done(unsigned number, std::unique_ptr<Backup_Item> item) {
   }
 }
 
-void Backup_Queue::stop() {
+void Backup_Queue::stop(bool drain) {
   std::lock_guard<std::mutex> guard(mutex_);
+  draining_ = drain && (!stopped_ || draining_);
   stopped_ = true;
   wake_all();
 }

@@ -66,13 +66,13 @@ public:
   /// The reader is done with an item of `channel`, which holds `keep` bytes from now on.
   void settle(unsigned channel, Backup_Item& item, Backup_Item::State state, size_t keep);
 
-  /// The channel's next object once it is no longer being read; blocks. Null at the end and once stopped. The caller
-  /// gives it back to `done`.
+  /// The channel's next object once it is no longer being read; blocks. Null at the end and once stopped (see `stop`).
+  /// The caller gives it back to `done`.
   std::unique_ptr<Backup_Item> next(unsigned channel);
   void done(unsigned channel, std::unique_ptr<Backup_Item> item);
 
-  /// Ends all waiting for good.
-  void stop();
+  /// Ends all waiting for good. With `drain` the writers still get what has been read, and nothing else.
+  void stop(bool drain = false);
   bool stopped() const;
   /// While paused nothing is claimed.
   void pause(bool value);
@@ -108,5 +108,6 @@ private:
   size_t peak_ = 0;
   bool closed_ = false;
   bool stopped_ = false;
+  bool draining_ = false; ///< `stopped_`, and the writers get what was read
   bool paused_ = false;
 };

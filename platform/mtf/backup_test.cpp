@@ -562,6 +562,68 @@ TEST_F(Continuation, unfinished_incremental_is_gone_on_with_too) {
   expect_set_over({"host/res/full", "host/res/killed"});
 }
 
+TEST_F(Continuation, what_a_cancelled_run_saved_is_not_read_again) {
+  fill(400, 3000, 58);
+  std::mt19937 random(58);
+  unsigned long long known = 0, runs = 0;
+  for (; known < 350; ++runs) {
+    next("cancelled-" + std::to_string(runs));
+    events_->cancel = false;
+    const unsigned long long before = source_.opened;
+    const unsigned long long point = before + 1 + random() % 60;
+    source_.on_open = [&](const std::string&) {
+      if (source_.opened >= point)
+        events_->cancel = true;
+    };
+    ASSERT_FALSE(run());
+    ASSERT_EQ(E_CANCELED, engine_->err_code());
+    EXPECT_EQ(known, events_->figure("continued"));
+    EXPECT_GE(events_->figure("saved"), known);
+    EXPECT_GE(source_.opened - before, events_->figure("saved") - known);
+    if (events_->figure("saved") != 0)
+      EXPECT_EQ(events_->figure("saved"), events_->figure("resumable"));
+    EXPECT_TRUE(events_->adds_up());
+    known = events_->figure("saved");
+    ASSERT_LT(runs, 1000u);
+  }
+  events_->cancel = false;
+  source_.on_open = nullptr;
+  next("set-2");
+  const unsigned before = source_.opened;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(known, events_->figure("continued"));
+  EXPECT_EQ(before + 400 - known, source_.opened);
+  EXPECT_EQ(400u, events_->figure("saved"));
+  EXPECT_EQ(0u, events_->figure("skipped") + events_->figure("failed"));
+  expect_media_are_valid();
+}
+
+TEST_F(Continuation, cancel_that_comes_while_the_set_is_completed_makes_none) {
+  fill(50, 1000, 59);
+  next("cancelled");
+  class Late : public Actions {
+  public:
+    explicit Late(Fake_Events& events) : events_(events) {}
+    bool execute_post_action(bool, const std::string&) override {
+      events_.cancel = true;
+      return true;
+    }
+    Fake_Events& events_;
+  };
+  order_.actions = Action_Handler_var(new Late(*events_));
+  EXPECT_FALSE(run());
+  EXPECT_EQ(E_CANCELED, engine_->err_code());
+  EXPECT_EQ(50u, events_->figure("saved"));
+  EXPECT_EQ(50u, events_->figure("resumable"));
+  order_.actions = Action_Handler_var();
+  events_->cancel = false;
+  next("set-2");
+  const unsigned before = source_.opened;
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(50u, events_->figure("continued"));
+  EXPECT_EQ(before, source_.opened);
+}
+
 TEST_F(Continuation, what_cannot_be_taken_up_is_named_and_taken_up_by_a_later_run) {
   fill(60, 2000, 57);
   leave("killed", 0.8);
@@ -624,9 +686,14 @@ TEST_F(Backup, cancel_at_any_point_ends_cleanly) {
       source_.list_result = -1;
       EXPECT_FALSE(run());
       EXPECT_EQ(E_CANCELED, engine_->err_code());
-      EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1")));
+      EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/set-1") + "/set.json"));
       EXPECT_TRUE(events_->adds_up());
+      EXPECT_EQ(events_->figure("listed"), events_->figure("saved")) << "what was cut is neither skipped nor failed";
+      EXPECT_GE(60u, events_->figure("listed") + events_->figure("not_reached"));
+      EXPECT_EQ(0u, json_spirit::find(events_->outcome, "errors")->get_array().size());
       EXPECT_EQ(0u, source_.open_now);
+      engine_.reset();
+      fs::remove_all(pool_.set_folder("host/res"));
     }
   }
 }

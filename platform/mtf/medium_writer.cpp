@@ -24,6 +24,7 @@ public:
   bool write(const char* data, size_t size) override;
   bool end_object(Stored_Object& stored) override;
   bool cancel_object() override;
+  bool flush() override;
   bool finish(const Set_Copy* copy) override;
   unsigned long long size() const override { return file_.size(); }
   unsigned long long objects() const override { return totals_.objects; }
@@ -328,6 +329,10 @@ bool File_Medium_Writer::cancel_object() {
   --control_id_;
   --file_id_;
   return file_.cut(object_.offset);
+}
+
+bool File_Medium_Writer::flush() {
+  return finished_ || (cancel_object() && file_.flush());
 }
 
 bool File_Medium_Writer::finish(const Set_Copy* copy) {

@@ -60,6 +60,9 @@ public:
   /// true, when no object is open.
   virtual bool cancel_object() = 0;
 
+  /// Hands all that was written so far to the system, as it is when the process ends without `finish`: whole objects
+  /// can then be taken up from the medium. An open object is cancelled.
+  virtual bool flush() = 0;
   /// Ends the data set and makes it durable (fsync), with a copy of catalog and record when one is given. No further
   /// call may follow.
   virtual bool finish(const Set_Copy* copy = nullptr) = 0;

@@ -22,13 +22,14 @@ public:
   bool append(const char* data, size_t size);
   /// Cuts back to `size`, which is at most what was appended.
   bool cut(unsigned long long size);
+  /// Writes what was gathered so far.
+  bool flush();
   /// Writes all, makes file and folder entry durable and closes.
   bool close();
   unsigned long long size() const { return flushed_ + used_; }
   const std::string& error() const { return error_; }
 
 private:
-  bool flush();
   bool write(const char* data, size_t size);
   bool fail(const std::string& what, int error);
 

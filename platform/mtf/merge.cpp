@@ -175,6 +175,14 @@ private:
     return true;
   }
 
+  bool canceled(std::string& error) {
+    if (!options_.canceling || !options_.canceling())
+      return false;
+    report_.canceled = true;
+    error = "it was cancelled";
+    return true;
+  }
+
   bool copy_live(std::string& error) {
     if (!make_media(error))
       return false;
@@ -208,10 +216,8 @@ private:
         task.error.clear();
         task.medium = open_medium(numbers_[old], channel, task.error);
       }
-      if (options_.canceling && options_.canceling()) {
-        error = "it was cancelled";
+      if (canceled(error))
         return false;
-      }
       if (!copy(task, numbers_[old], error))
         return false;
       if (options_.progress && report_.objects % TELL_EVERY == 0)
@@ -280,6 +286,8 @@ private:
       outcome = reading.next(bytes);
       if (writing && !bytes.empty() && !medium.write(bytes.data(), bytes.size()))
         return failed();
+      if (canceled(error))
+        return false;
     }
     if (outcome != Read_Outcome::END) {
       if (writing && !medium.cancel_object())
@@ -343,6 +351,10 @@ private:
       record.backup_set_storage_size += media_[i]->size();
     }
     media_.clear();
+    if (canceled(error) || (options_.begin_commit && !options_.begin_commit())) {
+      report_.canceled = true;
+      return false;
+    }
     if (!write_set_record(folder_, record, error))
       return false;
     ::unlink((folder_ + "/" + MERGE_MARK).c_str());

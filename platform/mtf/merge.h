@@ -10,7 +10,9 @@ struct Merge_Options {
   std::string uuid; ///< of the merged set
   /// Called now and then with the objects and bytes copied so far.
   std::function<void(unsigned long long, unsigned long long)> progress;
-  std::function<bool()> canceling;
+  std::function<bool()> canceling; ///< asked often while objects are copied; true: nothing is merged
+  /// Asked once before the record is written: false, and nothing is merged. From there on the merge goes to its end.
+  std::function<bool()> begin_commit;
 };
 
 struct Merge_Report {
@@ -22,6 +24,7 @@ struct Merge_Report {
   unsigned long long bytes = 0;   ///< of their contents
   unsigned long long damaged = 0;
   std::vector<std::string> damages; ///< "path": what is wrong with it
+  bool canceled = false;
 };
 
 /// Puts the live data of `sets`, which lie in one place and come oldest first, into one new set, which takes the place

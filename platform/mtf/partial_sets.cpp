@@ -2,6 +2,7 @@
 
 #include "platform/catalog/catalog_staging.h"
 #include "platform/catalog/open_catalog.h"
+#include "platform/job/current_job.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/medium_salvage.h"
 #include "platform/pool/durable_file.h"
@@ -118,7 +119,7 @@ private:
       return false;
     for (Channel& one : media_) {
       const auto found = [&](const Medium_Finding& finding) {
-        return staging_->add(found_object(finding, one.number));
+        return !is_current_job_canceling() && staging_->add(found_object(finding, one.number));
       };
       if (!read_left_medium(one.medium, cipher_, found, error)) {
         if (!staging_->error().empty())
@@ -236,6 +237,9 @@ void salvage_unfinished(const Pool& pool, const std::string& place, Salvage_Repo
     left.emplace_back(bytes_in(pool.set_folder(uri)), uri);
   std::sort(left.begin(), left.end());
   for (const auto& [bytes, uri] : left) {
+    // Before anything in a folder is changed, all of it is read: that can be left at any point.
+    if (is_current_job_canceling())
+      return;
     const std::string folder = pool.set_folder(uri);
     Set_Lock lock;
     std::string error;
@@ -253,7 +257,7 @@ void salvage_unfinished(const Pool& pool, const std::string& place, Salvage_Repo
       report.bytes += record.source_size;
     } else if (made == Salvage::NOTHING && pool.remove_set(uri, error)) {
       ++report.removed;
-    } else {
+    } else if (!is_current_job_canceling()) {
       report.problems.push_back({folder, error});
     }
   }

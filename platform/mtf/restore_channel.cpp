@@ -37,11 +37,13 @@ void Restore_Channel::run() {
 }
 
 void Restore_Channel::skip(const Media_Task& task, const std::string& message) {
-  shared_.account->skipped(task.object.path, message);
+  if (!shared_.cut())
+    shared_.account->skipped(task.object.path, message);
 }
 
 void Restore_Channel::fail(const Media_Task& task, const std::string& message, int number) {
-  shared_.account->failed(task.object.path, number != 0 ? number : EIO, message);
+  if (!shared_.cut())
+    shared_.account->failed(task.object.path, number != 0 ? number : EIO, message);
 }
 
 /// What the service said against the last request that this thread had it asked; the channel's callback and the

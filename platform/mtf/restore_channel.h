@@ -45,6 +45,8 @@ struct Restore_Shared {
   /// larger than all of it.
   Memory_Shares memory;
   std::function<bool()> wait_while_paused; ///< false once the run has to end
+  /// Whether the run is being cut short, so that an object which fails says nothing about itself.
+  std::function<bool()> cut = [] { return false; };
   /// Of the channels only so many write: while these wait for their service, as many others read and verify the next
   /// objects and clear the way for them, which is a request of its own.
   Write_Gate writing;

@@ -1,6 +1,7 @@
 #include "platform/mtf/restore_engine.h"
 
 #include "platform/catalog/open_catalog.h"
+#include "platform/job/current_job.h"
 #include "platform/mtf/engine_log.h"
 #include "platform/mtf/engine_threads.h"
 #include "platform/mtf/media_feed.h"
@@ -9,6 +10,7 @@
 #include "sdk/job/job.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -18,6 +20,11 @@ namespace {
 
 constexpr unsigned DEFAULT_CONCURRENT = 16;
 constexpr unsigned MAX_CONCURRENT = 1024;
+
+double monotonic_seconds() {
+  const ACE_Time_Value now = Clock::instance().monotonic();
+  return static_cast<double>(now.sec()) + static_cast<double>(now.usec()) / 1e6;
+}
 
 double seconds_between(const ACE_Time_Value& from, const ACE_Time_Value& to) {
   const ACE_Time_Value span = to - from;
@@ -126,6 +133,8 @@ struct Restore_Engine::Impl {
   void channel();
   void fail(Error_Code code, const std::string& text);
   void supervise(bool tell);
+  bool canceling() const { return !handler.null() && handler->is_canceling(); }
+  bool begin_commit();
   bool wait_while_paused();
   void conclude(const ACE_Time_Value& begun);
 
@@ -145,7 +154,8 @@ struct Restore_Engine::Impl {
   Restore_Shared shared;
   Engine_Threads threads;
 
-  std::mutex mutex; ///< guards what follows
+  std::atomic<bool> cut{false}; ///< the run was stopped: it was cancelled, or its service is gone
+  std::mutex mutex;             ///< guards what follows
   std::condition_variable resumed;
   bool paused = false;
   bool stopped = false;
@@ -173,6 +183,7 @@ unsigned long long Restore_Engine::set_size() const {
   return impl_->account.bytes_read();
 }
 
+/// Whatever fails while the run is being cancelled has been cancelled.
 void Restore_Engine::Impl::fail(Error_Code why, const std::string& text) {
   {
     std::lock_guard<std::mutex> guard(mutex);
@@ -180,8 +191,10 @@ void Restore_Engine::Impl::fail(Error_Code why, const std::string& text) {
     resumed.notify_all();
     if (code != E_OK)
       return;
-    code = why;
-    failure = text;
+    code = canceling() ? E_CANCELED : why;
+    failure = code == E_CANCELED ? "The restore was cancelled." : text;
+    why = code;
+    cut = why == E_CANCELED || (ledger && ledger->service.gone());
   }
   if (why != E_CANCELED)
     engine_log(log, LM_ERROR, text);
@@ -195,11 +208,21 @@ bool Restore_Engine::Impl::wait_while_paused() {
   return !stopped;
 }
 
+/// False when the run was cancelled before. From here on it cannot be.
+bool Restore_Engine::Impl::begin_commit() {
+  if (!canceling() && begin_commit_of_current_job())
+    return true;
+  fail(E_CANCELED, std::string());
+  return false;
+}
+
 void Restore_Engine::Impl::supervise(bool tell) {
+  if (canceling())
+    fail(E_CANCELED, std::string());
+  else if (ledger && ledger->service.look(monotonic_seconds()))
+    fail(E_FAILED, ledger->service.message());
   if (handler.null())
     return;
-  if (handler->is_canceling())
-    fail(E_CANCELED, "The restore was cancelled.");
   {
     std::lock_guard<std::mutex> guard(mutex);
     paused = handler->pausing();
@@ -271,6 +294,7 @@ bool Restore_Engine::Impl::restore_objects() {
   shared.account = &account;
   shared.ledger = ledger;
   shared.memory.open(order.byte_budget);
+  shared.cut = [this] { return cut || canceling(); };
   shared.wait_while_paused = [this] { return wait_while_paused(); };
   channels = count;
   const auto failed = [this](const std::string& why) { fail(E_FAILED, "The restore ends: " + why + "."); };
@@ -288,6 +312,8 @@ bool Restore_Engine::Impl::restore_objects() {
   threads.join([this](bool tell) { supervise(tell); });
   for (const std::string& finding : feed->findings())
     engine_log(log, LM_ERROR, finding);
+  if (canceling())
+    fail(E_CANCELED, std::string());
   if (code != E_OK)
     return false;
   if ((selected != 0 || unmatched) && account.saved_objects() == 0 && account.unchanged_objects() == 0) {
@@ -298,8 +324,8 @@ bool Restore_Engine::Impl::restore_objects() {
 }
 
 void Restore_Engine::Impl::conclude(const ACE_Time_Value& begun) {
-  json_spirit::Object figures =
-      account.figures(ledger.get(), true, seconds_between(begun, Clock::instance().monotonic()));
+  json_spirit::Object figures = account.figures(ledger.get(), cut ? Run_End::STOPPED : Run_End::KEPT,
+                                                seconds_between(begun, Clock::instance().monotonic()));
   if (!failure.empty())
     figures["failure"] = failure;
   if (code == E_OK && account.problems() != 0)
@@ -324,6 +350,7 @@ bool Restore_Engine::run(const std::string& location, const std::string& pool_uu
     i.fail(E_ACTION, "The post-action failed.");
     done = false;
   }
+  done = done && i.begin_commit();
   i.conclude(begun);
   return done;
 }

@@ -167,7 +167,8 @@ void Run_Account::listing_ended(const S3_Ledger* ledger, const Listing_End& end)
   }
 }
 
-Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) {
+Object Run_Account::figures(const S3_Ledger* ledger, Run_End end, double seconds) {
+  const bool stopped = end == Run_End::STOPPED, kept = end != Run_End::DROPPED;
   json_spirit::Array errors;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
@@ -183,18 +184,20 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
   const unsigned long long listed = counted_ ? listed_ : std::max(listed_, known);
   const unsigned long long not_handed = listed > known ? listed - known : 0;
   const unsigned long long not_reached = handed - settled + not_handed - lost_;
-  if (not_reached != 0)
+  if (not_reached != 0 && !stopped)
     remark(std::to_string(not_reached) + " listed objects were not reached.");
   const unsigned long long dropped = kept ? 0 : saved_ + unchanged_;
   if (dropped != 0)
     remark(std::to_string(dropped) + " objects were read and not kept: the set is not complete.");
-  if (without_tags_ != 0 && kept) {
+  if (without_tags_ != 0 && end == Run_End::KEPT) {
     const std::string count = std::to_string(without_tags_);
     remark(count + (without_tags_ == 1 ? " object has" : " objects have") + " tags that were not saved (--tags).");
   }
 
   Object result;
-  result["listed"] = listed;
+  result["listed"] = stopped ? listed - not_reached : listed;
+  if (stopped)
+    result["not_reached"] = not_reached;
   result["saved"] = kept ? saved_.load() : 0ull;
   result["continued"] = kept ? continued_.load() : 0ull;
   if (kept && set_objects_) {
@@ -203,7 +206,7 @@ Object Run_Account::figures(const S3_Ledger* ledger, bool kept, double seconds) 
   }
   result["unchanged"] = kept ? unchanged_.load() : 0ull;
   result["excluded"] = empty_folders_ + excluded_;
-  result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + lost_ + not_reached + dropped;
+  result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + lost_ + (stopped ? 0 : not_reached) + dropped;
   result["failed"] = failed_.load();
   result["deleted"] = deleted_;
   result["incomplete"] = kept ? incomplete_.load() : 0ull;

@@ -12,11 +12,20 @@
 #include <string>
 #include <vector>
 
+/// How a run ended, as its account sees it.
+enum class Run_End {
+  KEPT,    ///< there is what it was to make
+  DROPPED, ///< it failed: nothing was saved, whatever was written
+  STOPPED  ///< it was cut short, and what it has done so far stays done
+};
+
 /// The account of one run: what became of every object that was listed, so that
 ///
 ///     listed = saved + unchanged + excluded + skipped + failed
 ///
-/// holds however the run ends. Any thread but for `figures`, which is asked when all other threads have ended.
+/// holds however the run ends. Of a run that was stopped `listed` are the objects that it came to, and those that it
+/// did not come to are counted beside the sum. Any thread but for `figures`, which is asked when all other threads have
+/// ended.
 class Run_Account {
 public:
   static constexpr size_t MAX_ERRORS = 1000;
@@ -91,8 +100,8 @@ public:
   /// Objects that the S3 layer listed and that came out nowhere. Once a whole listing has ended.
   unsigned long long lost_objects() const { return lost_; }
   /// Closes the account. `ledger` may be null. What a listing that was cut short showed and did not hand out was not
-  /// reached, which counts as skipped. `kept`: there is a set; else nothing was saved, whatever was written.
-  json_spirit::Object figures(const S3_Ledger* ledger, bool kept, double seconds);
+  /// reached, which counts as skipped unless the run was stopped.
+  json_spirit::Object figures(const S3_Ledger* ledger, Run_End end, double seconds);
 
 private:
   unsigned long long known() const;

@@ -101,13 +101,6 @@ public:
         report_.media.push_back(one.text);
   }
 
-private:
-  struct Block_Finding {
-    unsigned medium;
-    unsigned long long offset;
-    std::string text;
-  };
-
   bool is_canceling() {
     if (!options_.canceling || !options_.canceling())
       return false;
@@ -115,6 +108,13 @@ private:
     feed_.stop();
     return true;
   }
+
+private:
+  struct Block_Finding {
+    unsigned medium;
+    unsigned long long offset;
+    std::string text;
+  };
 
   /// Whole media that are missing or cut have been told already, and damaged objects are found by reading them.
   void check_blocks(size_t index) {
@@ -270,12 +270,14 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
       },
       failed);
   threads.join([&](bool tell) {
+    verification.is_canceling();
     if (tell)
       verification.tell();
   });
   report.media = catalog_findings;
   report.media.insert(report.media.end(), feed.findings().begin(), feed.findings().end());
   verification.conclude();
+  verification.is_canceling();
   report.canceled = verification.canceled();
   if (report.failure.empty() && !report.canceled && report.checked + report.passed != report.objects)
     report.failure = "the catalog holds " + std::to_string(report.checked + report.passed) + " objects instead of " +

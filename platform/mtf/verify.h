@@ -21,8 +21,9 @@ struct Verify_Damage {
 struct Verify_Options {
   unsigned threads = 0; ///< objects read at the same time; 0: 4
   double sample = 100;  ///< per cent of the objects that are read; those on media that are missing are found anyway
-  unsigned long long seed = 0;     ///< which ones: another seed takes others
-  std::function<bool()> canceling; ///< asked between objects, from all threads; may be empty
+  unsigned long long seed = 0; ///< which ones: another seed takes others
+  std::function<bool()>
+      canceling; ///< asked from all threads, between objects and about ten times a second; may be empty
   /// Told about once a second: objects and bytes checked so far. May be empty.
   std::function<void(unsigned long long, unsigned long long)> progress;
   /// Told every damaged object as it is found, one at a time, from all threads. May be empty.

@@ -118,7 +118,8 @@ bool Service::get_bucket(const char* bucket, const Get_Bucket_Parameter& param, 
   S3_Ledger& ledger = *endpoint_->ledger();
   const std::string path = std::string("/") + bucket + '/' + param.prefix();
   if (!outcome.ok()) {
-    ledger.listing_failed(path, outcome.error.text());
+    if (outcome.error.number() != ECANCELED)
+      ledger.listing_failed(path, outcome.error.text());
     return report(std::move(outcome));
   }
   ledger.listing_succeeded(path);
