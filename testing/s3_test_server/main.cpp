@@ -8,7 +8,9 @@
 //     sequence                            the operations of all requests, with --log: "ListBuckets ListObjects ..."
 //     stalled                             "yes" once a reply stalls, "no" after 20 seconds without
 //     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
-//     advance SECONDS                     "done", with --stopped-clock: from now on it is so much later
+//     refuse STATUS CODE [KEY]            "done": from now on every request, or every one for keys like this, gets this
+//     error serve                               "done": from now on no request meets a fault advance SECONDS "done",
+//     with --stopped-clock: from now on it is so much later
 
 #include "testing/s3_server/s3_server.h"
 
@@ -89,7 +91,7 @@ bool add_stall(s3_testing::S3_Server& server, const std::string& text) {
   return true;
 }
 
-std::string answer(const s3_testing::S3_Server& server, const std::string& line) {
+std::string answer(s3_testing::S3_Server& server, const std::string& line) {
   std::istringstream words(line);
   std::string question, bucket, key, other_bucket, other_key;
   words >> question >> bucket >> key >> other_bucket >> other_key;
@@ -102,6 +104,15 @@ std::string answer(const s3_testing::S3_Server& server, const std::string& line)
   }
   if (question == "advance") {
     advanced += std::stoll(bucket);
+    return "done";
+  }
+  if (question == "refuse") {
+    s3_testing::Fault fault = s3_testing::Fault::error(std::stoi(bucket), key);
+    server.add_fault(other_bucket.empty() ? fault : fault.on("GetObject").key(other_bucket));
+    return "done";
+  }
+  if (question == "serve") {
+    server.clear_faults();
     return "done";
   }
   if (question == "uploads")
