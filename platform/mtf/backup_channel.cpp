@@ -87,6 +87,12 @@ bool Backup_Channel::fits(Backup_Item& item) {
   return false;
 }
 
+/// Whether what belongs to the object could not be asked for because the run is being stopped: stored like that, it
+/// would be taken over by the next run.
+bool Backup_Channel::is_cut_short(const Backup_Item& item) const {
+  return !item.not_had.empty() && shared_.cut();
+}
+
 /// After a failure that may be the service's and not the object's: waits until it is known whether the service is
 /// there. True when it was away and answers again, so that the object can be asked for once more; false when it is
 /// there, and once the run is stopped.
@@ -174,6 +180,8 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
     if (outcome == Reading_Outcome::DONE) {
       const unsigned long long listed = item.size;
       take_status(item, reading);
+      if (is_cut_short(item))
+        return Reading_Outcome::SKIPPED;
       if (item.size > shared_.limits.small_object ||
           (item.size > listed && !shared_.queue->reserve(item, 2 * static_cast<size_t>(item.size - listed)))) {
         item.reader = reading.let_go();
@@ -286,6 +294,8 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
       outcome = reading.open(path, item.listed_size, item.listed_mtime);
       if (outcome == Reading_Outcome::DONE) {
         take_status(item, reading);
+        if (is_cut_short(item))
+          return true;
       }
     }
     if (outcome == Reading_Outcome::DONE && !fits(item))

@@ -70,6 +70,7 @@ private:
   void fail(Backup_Item& item, int number, const std::string& message);
   std::string keep_older(Backup_Item& item);
   bool fits(Backup_Item& item);
+  bool is_cut_short(const Backup_Item& item) const;
   bool service_is_back(const std::optional<S3_Error>& reason);
   bool read_again(Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading, Tries& tries);
   /// Takes over what the answer that the open object comes from said about it.

@@ -95,7 +95,8 @@ void Restore_Channel::restore(const Media_Task& task) {
     return fail(task, "What is stored of the object is damaged: " + reading.error() + ".");
   const unsigned long long before = reading.stored();
   std::vector<std::string> not_given;
-  if (replace(task, path, reading, filled, outcome, not_given)) {
+  // What was given could not be checked any more: a restore that does that shall write the object again.
+  if (replace(task, path, reading, filled, outcome, not_given) && (not_given.empty() || !shared_.cut())) {
     shared_.account->saved(object.size, object.size);
     if (!not_given.empty())
       shared_.account->incomplete(object.path, "The object is restored without all that belongs to it", not_given);
