@@ -121,7 +121,8 @@ class Incremental:
         self.put("stays", b"s", self.second)
         for key in before:
             self.delete(key)
-        second = self.backup("--name", "n")
+        # Named, since the set before had something there.
+        second = self.backup("--name", "n", expect=3)
         self.assertEqual(dict(listed=1, saved=1, unchanged=0, deleted=5), self.figures(second))
         self.agent("verify", second["set"])
         self.assert_restores(first["set"], before)
