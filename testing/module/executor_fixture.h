@@ -78,6 +78,17 @@ struct Executor_Fixture : testing::Test {
       texts.push_back(text(alert.error) + " " + std::to_string(alert.count));
     return texts;
   }
+  /// What the pre-action of the engine's handler writes to the job's log.
+  std::string lines_of_the_pre_action() {
+    struct Lines : ACE_Log_Msg_Callback {
+      void log(ACE_Log_Record& record) override { text += std::string(record.msg_data()) + "\n"; }
+      std::string text;
+    };
+    const auto lines = std::make_shared<Lines>();
+    job->log_sink(lines);
+    EXPECT_TRUE(platform().action_handler->execute_pre_action());
+    return lines->text;
+  }
   std::string last_error() const { return text(job->last_error()); }
   static std::string text(const Error& error) {
     char id[32];

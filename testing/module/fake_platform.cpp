@@ -87,6 +87,10 @@ bool get_url_by_pool_uuid(const std::string& pool_uuid, const void*, std::string
   return fake_platform().pool_url_found;
 }
 
+void set_options_by_host(Client_IO_Base::Options& options) {
+  options.access_key = "key of the host";
+}
+
 namespace file_backup {
 
 bool is_merging(const std::string& location, const std::string& pool_uuid, const std::string& minor_resource_id) {
@@ -118,7 +122,13 @@ bool make_filter(const std::vector<std::string>& exclusions, const std::vector<s
   call("make_filter");
   fake_platform().filter_exclusions = exclusions;
   fake_platform().filter_inclusions = inclusions;
+  struct Everything : MTF::IFilter {
+    bool is_included(const char*, bool) const override { return true; }
+  };
   filter.reset();
+  if (fake_platform().filter)
+    filter.reset(new Everything);
+  fake_platform().made_filter = filter.get();
   return fake_platform().filter;
 }
 
@@ -172,8 +182,10 @@ struct MTF_Backup::Impl {
   MTF::Event_Handler_var handler;
 };
 
-MTF_Backup::MTF_Backup(MTF::Event_Handler_var event_handler, MTF::Metadata&, std::shared_ptr<ACE_Log_Msg_Callback> log)
+MTF_Backup::MTF_Backup(MTF::Event_Handler_var event_handler, MTF::Metadata& metadata,
+                       std::shared_ptr<ACE_Log_Msg_Callback> log)
     : impl_(new Impl{event_handler}) {
+  fake_platform().engine_metadata = dynamic_cast<file_backup::File_Metadata&>(metadata);
   call("engine.make", log != nullptr);
 }
 MTF_Backup::~MTF_Backup() = default;
@@ -181,6 +193,7 @@ void MTF_Backup::add_source(const std::string& path) {
   call("engine.add_source", path);
 }
 void MTF_Backup::action_handler(Action_Handler_var handler) {
+  fake_platform().action_handler = handler;
   call("engine.action_handler", !handler.null());
 }
 void MTF_Backup::callback_factory(MTF::IBackup_Callback_Factory_var factory) {
@@ -188,6 +201,7 @@ void MTF_Backup::callback_factory(MTF::IBackup_Callback_Factory_var factory) {
   fake_platform().backup_factory = factory;
 }
 void MTF_Backup::filter(const MTF::IFilter* filter) {
+  fake_platform().engine_filter = filter;
   call("engine.filter", filter != nullptr);
 }
 void MTF_Backup::pool_uuid(const std::string& uuid) {
@@ -270,6 +284,7 @@ void MTF_Restore::path_converter(MTF_FS::IPath_Converter_var converter) {
   fake_platform().converter = converter;
 }
 void MTF_Restore::action_handler(Action_Handler_var handler) {
+  fake_platform().action_handler = handler;
   call("engine.action_handler", !handler.null());
 }
 void MTF_Restore::callback_factory(MTF::IRestore_Callback_Factory_var factory) {

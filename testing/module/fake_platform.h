@@ -43,14 +43,19 @@ struct Fake_Platform_Script {
   unsigned long long size = 0;
   unsigned long long set_size = 0;
   unsigned long long set_storage_size = 0;
-  unsigned long long skipped_files = 0; ///< that the engine counts
-  std::function<void()> on_run;         ///< called while an engine runs
+  unsigned long long skipped_files = 0;            ///< that the engine counts
+  std::function<void()> on_run;                    ///< called while an engine runs
+  std::function<void(const std::string&)> on_call; ///< called for each of `calls`
 
   // What was asked.
   std::vector<std::string> calls; ///< all of it in order
   std::vector<std::string> filter_exclusions;
   std::vector<std::string> filter_inclusions;
-  file_backup::File_Metadata metadata; ///< as it was committed
+  const MTF::IFilter* made_filter = nullptr;   ///< what `make_filter` made
+  const MTF::IFilter* engine_filter = nullptr; ///< what the engine was given
+  Action_Handler_var action_handler;           ///< what the engine was given
+  file_backup::File_Metadata engine_metadata;  ///< as the engine was made with it
+  file_backup::File_Metadata metadata;         ///< as it was committed
   std::string set_incarnation;
   std::list<std::string> set_bases;
   MTF::IBackup_Callback_Factory_var backup_factory;
@@ -59,7 +64,11 @@ struct Fake_Platform_Script {
   Client_IO_Base::Options io_options;
   file_backup::File_DR_Test_Context saved_context;
 
-  void call(const std::string& text) { calls.push_back(text); }
+  void call(const std::string& text) {
+    calls.push_back(text);
+    if (on_call)
+      on_call(text);
+  }
   bool called(const std::string& text) const {
     for (const std::string& made : calls)
       if (made == text)

@@ -17,6 +17,7 @@ import concurrent.futures
 import functools
 import hashlib
 import json
+import os
 import pathlib
 import random
 import re
@@ -137,12 +138,16 @@ class Mutated_Tree:
 
     # Building
 
-    def write(self, path, text):
+    def write(self, path, text, as_old_as_before=False):
         if not path.exists() or path.read_bytes() != text.encode("latin-1"):
             path.parent.mkdir(parents=True, exist_ok=True)
+            before = path.stat() if path.exists() else None
             path.write_bytes(text.encode("latin-1"))
+            if before and as_old_as_before:
+                os.utime(path, ns=(before.st_atime_ns, before.st_mtime_ns))
 
-    def write_sources(self):
+    def write_sources(self, again=False):
+        """`again`: some mutants less. What was compiled with them stays: they are never switched on."""
         self.written = {}
         sources = [*(ROOT / MODULE).rglob("*.h"), *(ROOT / MODULE).rglob("*.cpp")]
         wanted = {str(path.relative_to(ROOT)) for path in sources}
@@ -156,7 +161,7 @@ class Mutated_Tree:
                 text, regions, missing = schemata.write(text, here)
                 self.alone.update(mutant.number for mutant in missing)
                 self.written[name] = text, regions
-            self.write(self.tree / name, text)
+            self.write(self.tree / name, text, again)
 
     def options(self, argv, tree, source, target):
         """The command that compiles one source with the copy in front of the original."""
@@ -219,9 +224,11 @@ class Mutated_Tree:
                 self.alone.update(mutants[place].number for place in places)
         self.folder.mkdir(parents=True, exist_ok=True)
         self.write_ninja()
-        for _ in range(20):
-            self.write_sources()
-            done = subprocess.run(["ninja", "-C", str(self.folder), f"-j{self.jobs}", "-k0"], capture_output=True, text=True)
+        for attempt in range(20):
+            self.write_sources(again=attempt > 0)
+            # The compiler's cache must not make paths relative: errors and log lines are told by them.
+            done = subprocess.run(["ninja", "-C", str(self.folder), f"-j{self.jobs}", "-k0"], capture_output=True,
+                                  text=True, env=dict(os.environ, CCACHE_BASEDIR=""))
             by_file = {name: (self.digest(name), [place for place, mutant in enumerate(mutants) if mutant.number in self.alone])
                        for name, mutants in self.found.items()}
             state.write_text(json.dumps(by_file))

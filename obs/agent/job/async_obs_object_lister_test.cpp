@@ -345,6 +345,32 @@ void wait_until_asleep(unsigned workers) {
   }
 }
 
+TEST_F(object_lister, head_is_listed_no_further_than_its_own_limit) {
+  for (int i = 0; i < 100; ++i)
+    store.put("b", std::to_string(1000 + i));
+  store.page_size = [](const std::string&, const std::string&) { return 1u; };
+  Async_OBS_Object_Lister lister(client, 1, 300, 5, nullptr);
+  ASSERT_TRUE(lister.init("b", ""));
+  while (lister.statistics().total_objects < 6)
+    std::this_thread::yield();
+  wait_until_asleep(1);
+  EXPECT_EQ(6u, lister.statistics().total_objects);
+  EXPECT_EQ(expected(""), take_all(lister));
+}
+
+TEST_F(object_lister, read_ahead_stops_where_more_prefixes_are_held_than_the_limit) {
+  for (int prefix = 0; prefix < 50; ++prefix)
+    store.put("b", std::to_string(100 + prefix) + "/k");
+  Async_OBS_Object_Lister lister(client, 4, 300, 10, nullptr);
+  ASSERT_TRUE(lister.init("b", ""));
+  while (lister.statistics().requests < 1)
+    std::this_thread::yield();
+  wait_until_asleep(4);
+  EXPECT_EQ(1u, lister.statistics().requests);
+  EXPECT_EQ(expected(""), take_all(lister));
+  EXPECT_EQ(51u, lister.statistics().requests);
+}
+
 TEST_F(object_lister, reset_ends_paused_workers_at_once) {
   for (int i = 0; i < 100; ++i)
     store.put("b", std::to_string(i) + "/k");

@@ -102,6 +102,7 @@ TEST_F(async_source_lister, missing_handler_fails) {
   Async_OBS_Source_Lister lister(client, 7, {"/b/"}, nullptr, nullptr, 1, 10);
   EXPECT_EQ(-1, lister.generate(nullptr));
   EXPECT_EQ(1u, log.count("handler is NULL:\n"));
+  EXPECT_EQ(1u, log.count(LM_EMERGENCY, "Unexpected error in obs/agent/job/async_obs_source_lister.cpp:"));
 }
 
 TEST_F(async_source_lister, it_only_pushes) {

@@ -1,6 +1,9 @@
 #include "obs/agent/job/backup_executor.h"
 
 #include "obs/agent/job/obs_backup_callback.h"
+#include "sdk/job/host_manager.h"
+#include "sdk/mtf/file_attributes.h"
+#include "testing/module/attributed_service.h"
 #include "testing/module/executor_fixture.h"
 
 using json_spirit::Array;
@@ -63,7 +66,7 @@ TEST_F(backup_executor, whole_run_goes_in_order) {
                    "make_filter()",
                    "engine.action_handler(true)",
                    "engine.callback_factory(true)",
-                   "engine.filter(false)",
+                   "engine.filter(true)",
                    "engine.pool_uuid(pool)",
                    "engine.device_uuid(device)",
                    "engine.host_uuid(account)",
@@ -288,6 +291,34 @@ TEST_F(backup_executor, factory_connects_to_the_account_and_keeps_to_its_buckets
   EXPECT_EQ(500000u, dynamic_cast<OBS_Backup_Callback&>(*callback).cache_limit());
 }
 
+TEST_F(backup_executor, readers_ask_for_what_the_job_wishes_of_attributes) {
+  const auto attributed = std::make_shared<module_testing::Attributed_Service>(fake_client().store);
+  fake_client().store.put_data("b", "k", "content");
+  fake_client().makes = [&] { return attributed; };
+  for (const bool tags : {false, true}) {
+    for (const bool acl : {false, true}) {
+      options = std::make_unique<OBS_Backup_Job_Options>();
+      options->tags_ = tags;
+      options->acl_ = acl;
+      source = std::make_unique<OBS_Backup_Job_Source>();
+      ASSERT_TRUE(run());
+      attributed->asked.clear();
+      const MTF::IFile_Reader_var reader = platform().backup_factory->make()->make_file_reader();
+      ASSERT_EQ(0, reader->open("/b/k"));
+      MTF::File_Attributes told;
+      Texts problems;
+      dynamic_cast<MTF::IFile_Attributes_Source&>(*reader).attributes(told, problems);
+      Texts asked;
+      if (tags)
+        asked.push_back("tags b|k");
+      if (acl)
+        asked.push_back("acl b|k");
+      EXPECT_EQ(asked, attributed->asked);
+      Job::current(previous_job);
+    }
+  }
+}
+
 TEST_F(backup_executor, own_rules_count_where_the_resource_has_no_exclusions) {
   options->exclusion_ = {"e"};
   options->inclusion_ = {"i"};
@@ -311,6 +342,72 @@ TEST_F(backup_executor, rules_that_make_no_filter_fail) {
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to make filter\n"));
   EXPECT_FALSE(engine_called("backup()"));
+}
+
+TEST_F(backup_executor, filter_of_the_rules_is_the_engines) {
+  ASSERT_TRUE(run());
+  EXPECT_NE(nullptr, platform().made_filter);
+  EXPECT_EQ(platform().made_filter, platform().engine_filter);
+}
+
+TEST_F(backup_executor, engine_begins_with_the_metadata_of_the_activity) {
+  platform().on_call = [this](const std::string& call) {
+    if (call == "get_pool_info(pool,device,false,0,false,true,false,false,false)") {
+      job->activity().start_time = 86400;
+      job->activity().end_time = 172801;
+    }
+  };
+  ASSERT_TRUE(run());
+  EXPECT_EQ("1970-01-02 00:00:00", platform().engine_metadata.start_time);
+  EXPECT_EQ("1970-01-03 00:00:01", platform().engine_metadata.end_time);
+  EXPECT_EQ("activity", platform().engine_metadata.uuid);
+  EXPECT_EQ("1970-01-02 00:00:00", platform().metadata.start_time);
+  EXPECT_EQ(Host_Manager::instance()->name(), platform().metadata.host);
+}
+
+TEST_F(backup_executor, pool_with_an_encryption_that_nobody_knows_is_called_none) {
+  platform().pool_info.encryption = static_cast<Encryption_Algorithm>(77);
+  ASSERT_TRUE(run());
+  EXPECT_EQ("none", platform().metadata.encryption);
+}
+
+TEST_F(backup_executor, wait_of_the_definition_bounds_every_lookup) {
+  settings.max_seconds_retry = 77;
+  entries.refuse = true;
+  EXPECT_FALSE(run());
+  EXPECT_TRUE(platform().called("get_last_instance_info(resource,pool,77)"));
+  unsigned waited = 0;
+  for (const unsigned seconds : clock.sleeps())
+    waited += seconds;
+  EXPECT_GE(waited, 77u);
+  EXPECT_LT(waited, 77u + 60u);
+}
+
+TEST_F(backup_executor, entries_are_published_when_the_connection_stands_and_before_the_engine_is_made) {
+  bool published = false;
+  platform().on_call = [&](const std::string& call) {
+    if (call == "engine.make(true)")
+      published = job->results().count("source_entries") == 1;
+  };
+  ASSERT_TRUE(run());
+  EXPECT_TRUE(published);
+}
+
+TEST_F(backup_executor, entries_without_a_connection_are_not_published) {
+  service->buckets = {};
+  EXPECT_FALSE(run());
+  EXPECT_EQ(0u, job->results().count("source_entries"));
+}
+
+TEST_F(backup_executor, engine_gets_the_actions_of_the_definition_with_the_jobs_log) {
+  settings.pre_action = "echo before";
+  ASSERT_TRUE(run());
+  EXPECT_EQ("before\n", lines_of_the_pre_action());
+}
+
+TEST_F(backup_executor, host_gives_the_channels_its_key) {
+  ASSERT_TRUE(run());
+  EXPECT_EQ("key of the host", platform().io_options.access_key);
 }
 
 TEST_F(backup_executor, metadata_says_what_was_backed_up) {
@@ -401,6 +498,7 @@ TEST_F(backup_executor, missing_options_fail) {
   options.reset();
   EXPECT_FALSE(run());
   EXPECT_EQ(1u, log.count(", opts_ is NULL:\n"));
+  EXPECT_EQ(1u, log.count(LM_EMERGENCY, "Unexpected error in obs/agent/job/backup_executor.cpp:"));
 }
 
 struct backup_post_action : backup_executor {
@@ -426,6 +524,16 @@ struct backup_post_action : backup_executor {
   }
 };
 
+TEST_F(backup_post_action, is_the_engines_though_it_ended_by_an_exception) {
+  platform().on_run = [] { throw std::runtime_error("no such luck"); };
+  EXPECT_EQ(0u, runs(true));
+}
+TEST_F(backup_post_action, runs_when_the_engine_was_configured_and_not_started) {
+  settings.subtype = JOB_DEFINITION_SUBTYPE_CUMULATIVE;
+  platform().last_record = instance(4, {"online"});
+  EXPECT_EQ(1u, runs(true));
+  EXPECT_TRUE(engine_called("base_seq(4)"));
+}
 TEST_F(backup_post_action, runs_once_when_the_engine_was_never_started) {
   EXPECT_EQ(1u, runs(false));
 }

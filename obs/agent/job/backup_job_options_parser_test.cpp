@@ -75,12 +75,17 @@ TEST(backup_job_options_parser, rules_keep_their_order_and_duplicates) {
   const Backup_Options parsed(R"({"exclusion":["b","a","a"]})");
   ASSERT_TRUE(parsed.accepted);
   EXPECT_EQ((String_Array{"b", "a", "a"}), parsed.record().exclusion_);
+  EXPECT_EQ((String_Array{"d", "c", "c"}), Backup_Options(R"({"inclusion":["d","c","c"]})").record().inclusion_);
 }
 
 TEST(backup_job_options_parser, list_cache_limits_is_a_signed_32_bit_number_widened_with_its_sign) {
   EXPECT_EQ(2147483647ull, Backup_Options(R"({"list_cache_limits":4294967296})").record().list_cache_limits_);
   EXPECT_EQ(2147483647ull, Backup_Options(R"({"list_cache_limits":2147483648})").record().list_cache_limits_);
   EXPECT_EQ(18446744073709551615ull, Backup_Options(R"({"list_cache_limits":-1})").record().list_cache_limits_);
+  EXPECT_EQ(18446744073709551614ull, Backup_Options(R"({"list_cache_limits":-2})").record().list_cache_limits_);
+  EXPECT_EQ(18446744071562067968ull,
+            Backup_Options(R"({"list_cache_limits":-2147483648})").record().list_cache_limits_);
+  EXPECT_EQ(2147483647ull, Backup_Options(R"({"list_cache_limits":-2147483649})").record().list_cache_limits_);
 }
 
 TEST(backup_job_options_parser, channels_and_threads_are_unsigned_32_bit_numbers) {
@@ -89,6 +94,9 @@ TEST(backup_job_options_parser, channels_and_threads_are_unsigned_32_bit_numbers
   EXPECT_EQ(4294967295u, parsed.record().channels_);
   EXPECT_EQ(4294967295u, parsed.record().scan_file_threads_);
   EXPECT_EQ(4294967295u, Backup_Options(R"({"channels":-1})").record().channels_);
+  EXPECT_EQ(4294967294u, Backup_Options(R"({"channels":-2})").record().channels_);
+  EXPECT_EQ(4294967294u, Backup_Options(R"({"scan_file_threads":-2})").record().scan_file_threads_);
+  EXPECT_EQ(4294967295u, Backup_Options(R"({"channels":-4294967296})").record().channels_);
 }
 
 TEST(backup_job_options_parser, number_below_the_options_object_is_error_9) {

@@ -59,6 +59,13 @@ TEST(backup_job_source_parser, container_stays_open_when_a_key_is_missing) {
   EXPECT_FALSE(parser.handle_end_map_i());
   EXPECT_FALSE(parser.handle_end_map_i());
   EXPECT_EQ(7, parser.err());
+  // Still open, it takes what it lacks.
+  for (const char* name : {"id", "minor_resource_id", "minor_resource_name"}) {
+    EXPECT_TRUE(key(parser, name));
+    EXPECT_TRUE(string(parser, name));
+  }
+  EXPECT_TRUE(parser.handle_end_map_i());
+  EXPECT_EQ("id", parser.result()->id());
 }
 
 TEST(backup_job_source_parser, empty_text_counts_as_given) {

@@ -121,6 +121,18 @@ TEST_F(lister_requests, catalog_gives_a_request_up_after_300_seconds_of_waiting)
   EXPECT_EQ(31u + 9 * 30, clock.sleeps().size()) << "the first sum of waits that is not below 300";
 }
 
+TEST_F(lister_requests, without_a_bound_a_request_is_repeated_for_ever) {
+  store.put("b", "k");
+  std::atomic<int> left{100};
+  store.on_list = [&](const std::string&, const std::string&, const std::string&) {
+    return left-- > 0 ? retriable_failure() : S3_Error();
+  };
+  Async_OBS_Object_Lister lister(client, 1, -1, 100, nullptr);
+  ASSERT_TRUE(lister.init("b", ""));
+  EXPECT_EQ((Texts{"k"}), take_all(lister));
+  EXPECT_EQ(100u, announced().size());
+}
+
 TEST_F(lister_requests, workers_have_their_name) {
   store.put("b", "k");
   std::mutex lock;

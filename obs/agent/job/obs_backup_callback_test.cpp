@@ -84,6 +84,11 @@ TEST_F(backup_callback, factory_connects_as_the_url_and_options_say) {
   EXPECT_EQ((std::vector<std::string>{"https s3.test 9000 ssl direct ak sk r v v4 9"}), fake_client().connections);
 }
 
+TEST_F(backup_callback, address_in_brackets_is_connected_to_without_them) {
+  EXPECT_FALSE(OBS_Backup_Callback_Factory("http://[::1]:81", options(), 0).make().null());
+  EXPECT_EQ((std::vector<std::string>{"http ::1 81 plain direct ak sk r v v4 9"}), fake_client().connections);
+}
+
 TEST_F(backup_callback, factory_whose_client_does_not_connect_makes_nothing_and_logs_nothing) {
   fake_client().connects = false;
   EXPECT_TRUE(OBS_Backup_Callback_Factory("http://h", options(), 0).make().null());
@@ -150,12 +155,54 @@ TEST_F(backup_callback, given_sources_are_listed_as_they_stand_but_for_overlaps)
             list({}, &sources));
 }
 
+TEST_F(backup_callback, lister_gets_every_argument) {
+  store().put("b", "k");
+  store().put("b", "left-out");
+  struct No_Left_Out : MTF::IFilter {
+    bool is_included(const char* path, bool) const override { return std::string(path) != "/b/left-out"; }
+  } filter;
+  Fake_Event_Handler events;
+  const Sources sources{"/b/", "/b/gone"};
+  OBS_Backup_Callback callback({}, 5000000);
+  for (const unsigned short seq : {0, 0x1234}) {
+    log.clear();
+    std::vector<std::string> blocks;
+    const MTF::ISrc_Lister_var lister = callback.make_source_lister(&sources, seq, &events, &filter, 3);
+    EXPECT_EQ(0, lister->generate([&](std::unique_ptr<MTF::Cat_Blk> blk) {
+      blocks.push_back(block_text(*blk));
+      if (blocks.back() != "FEND") {
+        EXPECT_EQ(seq, blk->hdr().seq()) << blocks.back();
+      }
+      return true;
+    }));
+    EXPECT_EQ((std::vector<std::string>{"VOL", "DIR b/", "FILE k", "FEND"}), blocks);
+    EXPECT_EQ(1u, log.count(LM_INFO, "Async_OBS_Object_Lister with 3 threads, cache limits: 2097152\n"));
+  }
+}
+
+TEST_F(backup_callback, skipped_objects_of_its_lister_reach_the_event_handler) {
+  store().on_head = [](const std::string&, const std::string&) { return final_failure(); };
+  Fake_Event_Handler events;
+  const Sources sources{"/b/k"};
+  OBS_Backup_Callback callback({}, 0);
+  EXPECT_EQ(0, callback.make_source_lister(&sources, 1, &events, nullptr, 1)->generate([](auto) { return true; }));
+  EXPECT_EQ(1u, events.skipped_files());
+}
+
 TEST_F(backup_callback, without_sources_the_accounts_buckets_are_listed_in_catalog_order) {
   for (const char* bucket : {"a-b", "a", "c"})
     store().put(bucket, "k");
   const Sources nothing{"", "/"};
   EXPECT_EQ((std::vector<std::string>{"VOL", "DIR a/", "FILE k", "DIR a-b/", "FILE k", "FEND"}),
             list({"a", "a-b"}, &nothing));
+  // The order of bytes has "a-b" before "a/".
+  fake_client().extra_buckets = {json_spirit::Object{{"dir", "c"}}, json_spirit::Object{{"dir", "a-b"}}};
+  const std::vector<std::string> blocks = list({}, nullptr);
+  std::vector<std::string> folders;
+  for (const std::string& block : blocks)
+    if (block.compare(0, 4, "DIR ") == 0)
+      folders.push_back(block);
+  EXPECT_EQ((std::vector<std::string>{"DIR a/", "DIR a-b/", "DIR c/"}), folders);
 }
 
 struct Not_A : MTF::IFilter {
@@ -354,6 +401,24 @@ TEST_F(file_reader, object_that_an_answer_says_is_not_there_has_no_description) 
   EXPECT_FALSE(absent.handle_file_blk(blk, size, stat));
   EXPECT_EQ(98u, size);
   EXPECT_EQ(99u, stat.size);
+}
+
+/// Answers every request with a connection in one state.
+struct One_State : Fake_Store_Service {
+  One_State(Fake_Store& store, HTTP_Connection::State state) : Fake_Store_Service(store), state(state) {}
+  HTTP_Connection_var get_object(const char*, const char*, ACE_UINT64, S3_Object*) override {
+    return HTTP_Connection_var(new Fake_Connection(state, "", 0));
+  }
+  HTTP_Connection::State state;
+};
+
+TEST_F(file_reader, body_can_be_read_in_three_states_of_a_connection_only) {
+  for (int state = HTTP_Connection::IDLE; state <= HTTP_Connection::FAILED; ++state) {
+    const bool readable = state == 9 || state == 11 || state == 12;
+    OBS_File_Reader one(std::make_shared<One_State>(store(), static_cast<HTTP_Connection::State>(state)));
+    EXPECT_EQ(readable ? 0 : 1, one.open("/b/p/k")) << state;
+    EXPECT_EQ(readable, one.is_open()) << state;
+  }
 }
 
 TEST_F(file_reader, closed_reader_reads_nothing_and_asks_nothing) {

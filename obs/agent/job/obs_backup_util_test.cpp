@@ -38,6 +38,14 @@ TEST_F(connection, record_that_makes_no_client_fails) {
   EXPECT_EQ("Failed to create s3 client from obs entry.", error);
 }
 
+TEST_F(connection, client_is_made_before_the_buckets_are_checked) {
+  entry.erase("endpoint");
+  buckets = {"a"};
+  confine({"b"});
+  EXPECT_FALSE(connect());
+  EXPECT_EQ("Failed to create s3 client from obs entry.", error);
+}
+
 TEST_F(connection, one_bucket_of_the_job_that_answers_is_enough) {
   buckets = {"gone", "there"};
   service->buckets = {"there"};

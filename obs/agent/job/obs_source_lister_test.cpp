@@ -18,12 +18,17 @@ typedef std::vector<std::string> Texts;
 struct source_lister : testing::Test {
   /// All blocks until the lister ends.
   Texts list(std::list<std::string> srcs) {
-    OBS_Source_Lister lister(service, 7, std::move(srcs), events, filter);
+    OBS_Source_Lister lister(service, sequence, std::move(srcs), events, filter);
     Texts blocks;
     MTF::Cat_Blk blk;
     while (lister.next(blk)) {
       EXPECT_TRUE(blk.valid());
       blocks.push_back(block_text(blk));
+      if (blocks.back() != "FEND") {
+        EXPECT_EQ(sequence, blk.hdr().seq()) << blocks.back();
+      }
+      if (blk.hdr().type() == MTF_CAT_FILE_BLK)
+        files.push_back(blk.name() + " " + std::to_string(blk.hdr().size()) + " " + std::to_string(blk.mtime()));
     }
     EXPECT_FALSE(lister.next(blk));
     return blocks;
@@ -34,6 +39,8 @@ struct source_lister : testing::Test {
   Fake_Store store;
   std::shared_ptr<Fake_Store_Service> service = std::make_shared<Fake_Store_Service>(store);
   Fake_Event_Handler handler;
+  unsigned short sequence = 7;
+  Texts files; ///< "name size mtime" of each FILE block
   MTF::Event_Handler* events = &handler;
   const MTF::IFilter* filter = nullptr;
 };
@@ -55,6 +62,31 @@ TEST_F(source_lister, bucket_and_single_object_come_in_order_with_their_folders)
       list({"/b1/", "/b2/x/y.txt"}));
 }
 
+TEST_F(source_lister, file_carries_size_and_time_of_its_object) {
+  store.put("b", "d/1", 123, 852062850);
+  store.put("b", "2", 5000000000ull, 1700000000);
+  store.put("c", "x", 7, 1);
+  sequence = 65535;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "FILE 2", "DIR b/d/", "FILE 1", "DIR c/", "FILE x", "FEND"}),
+            list({"/b/", "/c/x"}));
+  EXPECT_EQ((Texts{"2 5000000000 1700000000", "1 123 852062850", "x 7 1"}), files);
+}
+
+TEST_F(source_lister, first_set_of_a_chain_has_sequence_0_in_its_blocks) {
+  store.put("b", "d/1");
+  sequence = 0;
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/d/", "FILE 1", "FEND"}), list({"/b/"}));
+}
+
+TEST_F(source_lister, same_folder_of_another_bucket_is_another_folder) {
+  store.put("b", "p/1");
+  store.put("c", "p/2");
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "FILE 1", "DIR c/", "DIR c/p/", "FILE 2", "FEND"}),
+            list({"/b/p/1", "/c/p/2"}));
+  EXPECT_EQ((Texts{"VOL", "DIR b/", "DIR b/p/", "FILE 1", "DIR c/", "DIR c/p/", "FILE 2", "FEND"}),
+            list({"/b/p/", "/c/p/"}));
+}
+
 TEST_F(source_lister, walk_is_depth_first_in_listing_order_over_pages) {
   for (const char* key : {"a!/1", "a/2", "a/b/3", "a/b/4", "c"})
     store.put("b", key);
@@ -73,6 +105,7 @@ TEST_F(source_lister, missing_service_is_an_emergency) {
   service.reset();
   EXPECT_EQ(Texts(), list({"/b/"}));
   EXPECT_EQ(2u, log.count("svr_ is NULL:\n"));
+  EXPECT_EQ(2u, log.count(LM_EMERGENCY, "Unexpected error in obs/agent/job/obs_source_lister.cpp:"));
 }
 
 TEST_F(source_lister, walked_entry_has_its_folders_even_when_empty) {
@@ -173,6 +206,15 @@ TEST_F(source_lister, waits_are_1_2_and_3_seconds_at_most_and_announced) {
                    "Retry(3) "
                    " at 3 second(s) later.\n"}),
             waits);
+}
+
+TEST_F(source_lister, half_of_each_wait_is_jitter) {
+  store.make_bucket("b");
+  store.on_list = [](const std::string&, const std::string&, const std::string&) { return retriable_failure(); };
+  set_backoff_random([](unsigned) { return 0u; });
+  list({"/b/"});
+  set_backoff_random(nullptr);
+  EXPECT_EQ((std::vector<unsigned>{1, 1, 2}), clock.sleeps());
 }
 
 /// Two pages of "p/": an object and a folder on each; the second one fails.

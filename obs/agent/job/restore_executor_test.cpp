@@ -85,6 +85,7 @@ TEST_F(restore_executor, whole_run_goes_in_order) {
                    "engine.restore()"}),
             platform().calls);
   EXPECT_EQ((Texts{"{\"uuid\":\"account\"}"}), entries.asked);
+  EXPECT_EQ("key of the host", platform().io_options.access_key);
   EXPECT_EQ(11u, job->activity().size);
   EXPECT_EQ(22u, job->activity().set_size);
   EXPECT_TRUE(alerts().empty());
@@ -251,6 +252,28 @@ TEST_F(restore_executor, rehearsal_that_fails_is_not_remembered) {
   platform().engine = false;
   EXPECT_FALSE(run());
   EXPECT_FALSE(platform().called("save_dr_test_context(def)"));
+}
+
+TEST_F(restore_executor, engine_gets_the_actions_of_the_definition_with_the_jobs_log) {
+  settings.pre_action = "echo before";
+  ASSERT_TRUE(run());
+  EXPECT_EQ("before\n", lines_of_the_pre_action());
+}
+
+TEST_F(restore_executor, post_action_is_the_engines_though_it_ended_for_want_of_memory) {
+  settings.post_action = "exit 1";
+  settings.run_post_action_always = true;
+  platform().on_run = [] { throw std::bad_alloc(); };
+  EXPECT_FALSE(run());
+  EXPECT_TRUE(executor->execute_post_action());
+}
+
+TEST_F(restore_executor, post_action_runs_when_the_engine_was_made_and_not_started) {
+  settings.post_action = "exit 1";
+  settings.run_post_action_always = true;
+  service->buckets = {};
+  EXPECT_FALSE(run());
+  EXPECT_FALSE(executor->execute_post_action());
 }
 
 TEST_F(restore_executor, post_action_is_the_engines_once_that_was_started) {

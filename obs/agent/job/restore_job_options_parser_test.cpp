@@ -151,6 +151,25 @@ TEST(restore_job_options_parser, text_four_levels_deep_is_error_9) {
   expect_error_9(R"("x")");
 }
 
+TEST(restore_job_options_parser, object_inside_an_item_leaves_the_mapping_alone) {
+  for (const char* item : {R"({"source":"a","target":"t","later":{},"prefix":"p"})",
+                           R"({"source":"a","later":{"source":{"target":{}}},"target":"t","prefix":"p"})",
+                           R"({"source":"a","target":"t","prefix":"p","later":{"target":null}})"}) {
+    Maps maps(item);
+    ASSERT_EQ(1u, maps.record().mapper_.mappers().size()) << item;
+    EXPECT_EQ("t", maps.record().mapper_.mapper("a").bucket) << item;
+    EXPECT_EQ("p", maps.record().mapper_.mapper("a").prefix) << item;
+  }
+  expect_error_9(R"({"bucket_maps":[{"source":"a","later":{"target":"t"}}]})");
+}
+
+TEST(restore_job_options_parser, objects_by_name_are_mappings_as_well_as_in_an_array) {
+  Restore_Options parsed(R"({"bucket_maps":{"one":{"source":"a","target":"t"},"two":{"source":"b","target":"u"}}})");
+  ASSERT_TRUE(parsed.accepted) << parsed.reason;
+  EXPECT_EQ(2u, parsed.record().mapper_.mappers().size());
+  EXPECT_EQ("u", parsed.record().mapper_.mapper("b").bucket);
+}
+
 TEST(restore_job_options_parser, item_of_an_unknown_key_is_no_mapping) {
   Restore_Options parsed(R"({"later":[{"source":"a","target":"t"}],"bucket_maps":[{"source":"b","target":"u"}]})");
   ASSERT_TRUE(parsed.accepted);
@@ -168,6 +187,8 @@ TEST(restore_job_options_parser, unknown_keys_are_skipped) {
 TEST(restore_job_options_parser, channels_are_an_unsigned_32_bit_number) {
   EXPECT_EQ(4294967295u, Restore_Options(R"({"channels":4294967296})").record().channels_);
   EXPECT_EQ(3000000000u, Restore_Options(R"({"channels":3000000000})").record().channels_);
+  EXPECT_EQ(4294967294u, Restore_Options(R"({"channels":-2})").record().channels_);
+  EXPECT_EQ(4294967295u, Restore_Options(R"({"channels":-4294967296})").record().channels_);
 }
 
 TEST(restore_job_options_parser, key_or_end_without_an_open_container_is_error_3) {

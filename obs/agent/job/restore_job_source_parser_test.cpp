@@ -47,6 +47,23 @@ TEST(restore_job_source_parser, each_missing_key_is_named_in_order_and_gives_err
   EXPECT_EQ(LM_ERROR, log.lines()[0].priority);
 }
 
+TEST(restore_job_source_parser, container_stays_open_when_a_key_is_missing) {
+  module_testing::Log_Sink log;
+  OBS_Restore_Job_Source_Parser parser;
+  parser.handle_start_map_i();
+  EXPECT_FALSE(parser.handle_end_map_i());
+  EXPECT_EQ(7, parser.err());
+  // Still open, it takes what it lacks.
+  for (const char* name : {"id", "backup_host_id", "backup_minor_resource_id", "pool_uuid"}) {
+    EXPECT_TRUE(key(parser, name));
+    EXPECT_TRUE(string(parser, name));
+  }
+  EXPECT_TRUE(key(parser, "seq"));
+  EXPECT_TRUE(number(parser, "3"));
+  EXPECT_TRUE(parser.handle_end_map_i());
+  EXPECT_EQ("id", parser.result()->id());
+}
+
 TEST(restore_job_source_parser, empty_object_lacks_all_required_keys_and_no_other) {
   module_testing::Log_Sink log;
   EXPECT_EQ(7, Source("{}").parser.err());
@@ -67,6 +84,10 @@ TEST(restore_job_source_parser, number_counts_as_given_though_only_seq_is_stored
 TEST(restore_job_source_parser, seq_is_a_signed_64_bit_number) {
   EXPECT_EQ(9223372036854775807ll, Source(with(R"("seq":9223372036854775808)")).record().seq_);
   EXPECT_EQ(5000000000ll, Source(with(R"("seq":5000000000)")).record().seq_);
+  EXPECT_EQ(-5000000000ll, Source(with(R"("seq":-5000000000)")).record().seq_);
+  EXPECT_EQ(-9223372036854775807ll - 1, Source(with(R"("seq":-9223372036854775808)")).record().seq_);
+  EXPECT_EQ(9223372036854775807ll, Source(with(R"("seq":-9223372036854775809)")).record().seq_);
+  EXPECT_EQ(9223372036854775807ll, Source(with(R"("seq":99999999999999999999)")).record().seq_);
 }
 
 TEST(restore_job_source_parser, text_for_seq_entries_or_definition_is_error_9) {

@@ -3,6 +3,7 @@
 #include "obs/agent/job_frame/default_job_creator_t.h"
 #include "obs/agent/job_frame/failing_spawn.h"
 #include "obs/agent/job_frame/fake_executor.h"
+#include "obs/agent/job_frame/watched_spawn.h"
 #include "testing/module/log_sink.h"
 
 #include <ace/Manual_Event.h>
@@ -13,6 +14,7 @@
 #include <iterator>
 
 MODULE_TESTING_DEFINE_FAILING_SPAWN()
+MODULE_TESTING_DEFINE_WATCHED_SPAWN()
 
 using namespace frame_testing;
 
@@ -20,6 +22,18 @@ namespace {
 
 typedef Default_Job_T<Executor> Plain_Job;
 typedef Controllable_Job_T<Executor> Controlled_Job;
+
+/// The groups of the threads that called.
+struct Work_Group {
+  void add() {
+    int group = -1;
+    ACE_Thread_Manager::instance()->get_grp(ACE_OS::thr_self(), group);
+    const std::lock_guard<std::mutex> guard(lock);
+    found.push_back(group);
+  }
+  std::mutex lock;
+  std::vector<int> found;
+};
 
 struct default_job : testing::Test {
   /// Run threads are detached: what they use has to be there until the last of them has ended.
@@ -50,6 +64,40 @@ TEST_F(default_job, started_job_works_on_a_thread_of_its_own_and_completes) {
   EXPECT_EQ(job.get(), current);
   EXPECT_NE(0u, static_cast<Controlled_Job&>(*job).thr_id());
   EXPECT_EQ(nullptr, Job::current());
+}
+
+TEST_F(default_job, job_completes_when_its_executor_is_gone) {
+  plan.completed_at_its_end = true;
+  ASSERT_EQ(0, job->start(nullptr));
+  ASSERT_TRUE(job->wait());
+  EXPECT_FALSE(plan.completed_at_its_end);
+  EXPECT_TRUE(job->completed());
+}
+
+// Detached, in a group that the manager makes, at the priority that it gives by itself.
+TEST_F(default_job, threads_of_run_and_rollback_are_asked_for_as_documented) {
+  const std::vector<module_testing::Asked_Spawn> expected = {{0x400042, -2147483647L - 1, -1}};
+  module_testing::Watched_Spawns& spawns = module_testing::Watched_Spawns::instance();
+  spawns.clear();
+  ASSERT_EQ(0, job->start(nullptr));
+  ASSERT_TRUE(job->wait());
+  EXPECT_TRUE(expected == spawns.asked());
+  spawns.clear();
+  ASSERT_EQ(0, job->rollback());
+  ACE_Thread_Manager::instance()->wait();
+  EXPECT_TRUE(expected == spawns.asked());
+}
+
+TEST_F(default_job, threads_have_groups_of_their_own) {
+  Work_Group groups;
+  plan.work = [&](Job&) { groups.add(); };
+  Job_var other(new Controlled_Job(definition()), false);
+  ASSERT_EQ(0, job->start(nullptr));
+  ASSERT_EQ(0, other->start(nullptr));
+  ASSERT_TRUE(job->wait());
+  ASSERT_TRUE(other->wait());
+  ASSERT_EQ(2u, groups.found.size());
+  EXPECT_NE(groups.found[0], groups.found[1]);
 }
 
 TEST_F(default_job, run_thread_stores_the_definitions_uuid) {

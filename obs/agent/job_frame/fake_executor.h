@@ -41,7 +41,8 @@ struct Plan {
   bool setup = true;
   std::function<void(Job&)> work; ///< called by execute_i
   std::function<void()> rollback_work;
-  std::atomic<int> conditions{0}; ///< how often `check_condition` was asked
+  std::atomic<bool> completed_at_its_end{false}; ///< whether the job was completed when the executor was destroyed
+  std::atomic<int> conditions{0};                ///< how often `check_condition` was asked
 
   mutable std::mutex lock; ///< guards what follows
   std::vector<std::string> events;
@@ -78,6 +79,10 @@ public:
 class Executor : public Job_Executor_T<Source, Options, Recording_Handler> {
 public:
   explicit Executor(Job& job) : Job_Executor_T(job) {}
+  ~Executor() override {
+    if (Plan* const plan = Plan::current())
+      plan->completed_at_its_end = job_.completed();
+  }
 
   bool remove() override { return tell("remove", false); }
   bool setup_ondemand() override { return tell("setup_ondemand", Plan::current()->setup); }

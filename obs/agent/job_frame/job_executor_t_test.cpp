@@ -190,6 +190,20 @@ TEST_F(job_executor, output_of_the_precondition_goes_to_the_programs_log_alone) 
   EXPECT_EQ(1u, log.count("asked"));
 }
 
+TEST_F(job_executor, scripts_get_the_environment_that_the_agent_was_started_with) {
+  std::vector<std::string> lines;
+  on_line = [&](const std::string& line) { lines.push_back(line); };
+  setenv("JOB_EXECUTOR_TEST_ADDED", "added", 1);
+  EXPECT_TRUE(execute([](Settings& s) {
+    s.precondition = "echo \"condition [$JOB_EXECUTOR_TEST_ADDED]\"";
+    s.pre_action = "echo \"before [$JOB_EXECUTOR_TEST_ADDED]\"";
+    s.post_action = "echo \"after [$JOB_EXECUTOR_TEST_ADDED]\"";
+  }));
+  unsetenv("JOB_EXECUTOR_TEST_ADDED");
+  EXPECT_EQ(1u, log.count("condition []"));
+  EXPECT_EQ((std::vector<std::string>{"before []", "after []"}), lines);
+}
+
 TEST_F(job_executor, failed_work_fails_the_job) {
   plan.done = false;
   EXPECT_FALSE(execute());

@@ -1,6 +1,7 @@
 #include "obs/agent/job_frame/thread_helper.h"
 
 #include "obs/agent/job_frame/failing_spawn.h"
+#include "obs/agent/job_frame/watched_spawn.h"
 #include "testing/module/failing_allocator.h"
 #include "testing/module/log_sink.h"
 
@@ -30,6 +31,13 @@ struct Work {
     go_on.wait();
     finished = true;
     ended.signal();
+  }
+  /// Is at work for a while after it has begun; nobody can end it earlier.
+  void linger() {
+    began.signal();
+    ACE_Time_Value limit(0, 100000);
+    go_on.wait(&limit, 0);
+    finished = true;
   }
   void run_through() { finished = true; }
   int answer() {
@@ -102,9 +110,8 @@ TEST(thread_helper, destructor_joins) {
   Work work;
   {
     Thread_Helper helper(JOINABLE, ACE_DEFAULT_THREAD_PRIORITY);
-    ASSERT_NE(-1, helper.spawn(&Work::run, &work));
+    ASSERT_NE(-1, helper.spawn(&Work::linger, &work));
     work.began.wait();
-    work.go_on.signal();
   }
   EXPECT_TRUE(work.finished);
 }
@@ -186,6 +193,41 @@ TEST(thread_helper, starting_hook_runs_on_the_new_thread_before_spawn_returns) {
   work.began.wait();
   EXPECT_TRUE(pthread_equal(helper.started_by, work.thread));
   work.go_on.signal();
+}
+
+TEST(thread_helper, spawn_waits_for_the_starting_hook) {
+  struct Helper : Thread_Helper {
+    using Thread_Helper::Thread_Helper;
+    ~Helper() override { join(); }
+    // Waits for what is signalled when `spawn` has returned: in vain.
+    void handle_starting() override {
+      ACE_Time_Value limit(0, 100000);
+      returned_before = returned.wait(&limit, 0) == 0;
+    }
+    ACE_Manual_Event returned;
+    std::atomic<bool> returned_before{false};
+  };
+  Work work;
+  Helper helper(JOINABLE, ACE_DEFAULT_THREAD_PRIORITY);
+  ASSERT_NE(-1, helper.spawn(&Work::run_through, &work));
+  helper.returned.signal();
+  helper.join();
+  EXPECT_FALSE(helper.returned_before);
+  EXPECT_TRUE(work.finished);
+}
+
+TEST(thread_helper, flags_and_priority_reach_the_thread_manager) {
+  Work work;
+  module_testing::Watched_Spawns& spawns = module_testing::Watched_Spawns::instance();
+  for (const long flags : {JOINABLE, DETACHED}) {
+    spawns.clear();
+    Thread_Helper helper(flags, 0);
+    ASSERT_NE(-1, helper.spawn(&Work::run_through, &work));
+    helper.join();
+    ACE_Thread_Manager::instance()->wait();
+    const std::vector<module_testing::Asked_Spawn> expected = {{flags, 0, -1}};
+    EXPECT_TRUE(expected == spawns.asked());
+  }
 }
 
 TEST(thread_helper, exception_ends_the_thread_and_no_more) {

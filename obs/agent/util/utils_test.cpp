@@ -339,6 +339,15 @@ TEST_F(client, text_longer_than_the_buffer_is_cut_and_not_overrun) {
     EXPECT_EQ(1u, log.count(LM_ERROR, "Invalid obs endpoint 'https://aaa"));
 }
 
+TEST_F(client, entry_of_a_client_is_cut_there_too) {
+  entry["endpoint"] = std::string(5000, 'a');
+  const Client_Entry cut = client_entry(entry, 0);
+  EXPECT_EQ(4095u, cut.url.size());
+  EXPECT_EQ("https://aaa", cut.url.substr(0, 11));
+  entry["endpoint"] = std::string(4095 - 8, 'a');
+  EXPECT_EQ("https://" + std::string(4095 - 8, 'a'), client_entry(entry, 0).url);
+}
+
 TEST_F(client, platform_that_makes_no_service_gives_none) {
   module_testing::Service_Hook none(nullptr);
   EXPECT_FALSE(make_client(entry));
