@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -22,12 +23,25 @@ std::map<File_Id, std::weak_ptr<Process_Lock>>& held() {
   return locks;
 }
 
-/// The process that the lock's file names; empty when it names none.
+/// "PID HOST" and a line end; before hosts were named, "PID". Folders may be on a file system that several hosts share.
+constexpr size_t LONGEST_HOLDER = 300;
+
+std::string this_host() {
+  char name[256] = {};
+  return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
+}
+
+/// The process that the lock's file names, and its host.
 std::string holder_of(int fd) {
-  char text[32] = {};
+  char text[LONGEST_HOLDER] = {};
   const ssize_t size = ::pread(fd, text, sizeof text - 1, 0);
-  const long pid = size > 0 ? std::strtol(text, nullptr, 10) : 0;
-  return pid > 0 ? "process " + std::to_string(pid) : "another process";
+  char* end = text;
+  const long pid = size > 0 ? std::strtol(text, &end, 10) : 0;
+  if (pid <= 0)
+    return "another process";
+  std::string host = *end == ' ' ? end + 1 : "";
+  host.erase(std::min(host.find('\n'), host.size()));
+  return "process " + std::to_string(pid) + (host.empty() ? "" : " on host " + host);
 }
 
 } // namespace
@@ -64,7 +78,7 @@ std::shared_ptr<Process_Lock> Process_Lock::acquire(const std::string& folder, c
     ::close(fd);
     return nullptr;
   }
-  const std::string pid = std::to_string(::getpid()) + "\n";
+  const std::string pid = std::to_string(::getpid()) + " " + this_host() + "\n";
   // Who holds it is only told; the lock itself does not depend on it.
   if (::ftruncate(fd, 0) == 0 && ::pwrite(fd, pid.data(), pid.size(), 0) < 0)
     errno = 0;

@@ -5,7 +5,7 @@
 
 /// A folder that one process at a time may change: the agent's state, or a pool. The threads of the process share the
 /// lock, which is held as long as any of them has a share. The kernel lets go of it when the process ends, however
-/// that happens; the file stays and says who held it last.
+/// that happens; the file stays and says who held it last, by process id and host.
 class Process_Lock {
 public:
   static constexpr const char* FILE_NAME = ".lock";

@@ -1,5 +1,6 @@
 """Processes that would change the same state folder or pool lock each other out; readers keep what they read."""
 import os
+import socket
 import subprocess
 import unittest
 
@@ -33,7 +34,7 @@ class Lock(harness.Scenario):
 
     def assert_locked_out(self, process, *arguments):
         result = self.agent(*arguments, expect=1)
-        self.assertIn("in use by process %d" % process.pid, result.stderr)
+        self.assertIn("in use by process %d on host %s: " % (process.pid, socket.gethostname()), result.stderr)
 
     def test_second_process_on_one_state_folder_is_told_who_has_it(self):
         done = self.backup("/small/")["set"]
