@@ -1,5 +1,6 @@
 #include "agent/agent_log.h"
 
+#include "platform/base/printable.h"
 #include "sdk/base/time_format.h"
 
 #include <ace/Log_Msg.h>
@@ -101,8 +102,8 @@ ssize_t Agent_Log::log(ACE_Log_Record& record) {
       first_error_ = text;
     last_error_ = text;
   }
-  const std::string line =
-      POSIX_Time_To_ISO8601(std::time(nullptr)).str() + " " + priority_name(record.type()) + " " + text + "\n";
+  const std::string line = POSIX_Time_To_ISO8601(std::time(nullptr)).str() + " " + priority_name(record.type()) + " " +
+                           printable(text) + "\n";
   if (file_ >= 0)
     write_all(file_, line);
   if (verbosity_ != QUIET)

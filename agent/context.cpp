@@ -10,7 +10,6 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 std::string default_state_folder() {
@@ -153,9 +152,9 @@ Pool Context::open_pool(const Pool_Entry& entry) {
   return pool;
 }
 
-void Context::print(const json_spirit::Value& value, const std::string& text) const {
-  const std::string out = json ? json_spirit::write_utf8(value) : text;
-  std::fwrite(out.data(), 1, out.size(), stdout);
-  if (!out.empty() && out.back() != '\n')
-    std::fputc('\n', stdout);
+void Context::print(const json_spirit::Value& value, const Lines& text) const {
+  if (json)
+    print_json_line(value);
+  else
+    print_lines(text);
 }

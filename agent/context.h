@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/agent_log.h"
+#include "agent/lines.h"
 #include "agent/module_loader.h"
 #include "agent/outcome.h"
 #include "platform/pool/pool.h"
@@ -60,8 +61,8 @@ public:
   /// Opens the pool. Throws Command_Error.
   Pool open_pool(const Pool_Entry& entry);
 
-  /// Prints one JSON value, or the text, as the user asked; text without a line end gets one.
-  void print(const json_spirit::Value& value, const std::string& text) const;
+  /// Prints one JSON value, or the text, as the user asked.
+  void print(const json_spirit::Value& value, const Lines& text) const;
 
   Exit_Code exit_code = EXIT_COMPLETED;
 

@@ -1,6 +1,8 @@
 #include "agent/cancel_signals.h"
 #include "agent/commands/commands.h"
 
+#include "platform/base/printable.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -55,15 +57,19 @@ int main(int argc, char** argv) {
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-      const int code = app.exit(error);
-      return code == 0 ? EXIT_COMPLETED : EXIT_USAGE;
+      // It quotes the command line, which may come from a script.
+      if (error.get_exit_code() != 0) {
+        std::fprintf(stderr, "%s\nRun with --help for more information.\n", printable(error.what()).c_str());
+        return EXIT_USAGE;
+      }
+      return app.exit(error) == 0 ? EXIT_COMPLETED : EXIT_USAGE;
     }
     return context.exit_code;
   } catch (const Command_Error& error) {
-    std::fprintf(stderr, "obs-agent: %s\n", error.what());
+    print_error(error.what());
     return error.code();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "obs-agent: unexpected error: %s\n", error.what());
+    print_error(std::string("unexpected error: ") + error.what());
     return EXIT_FAILED;
   }
 }

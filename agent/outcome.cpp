@@ -57,26 +57,26 @@ json_spirit::Object Outcome::to_json() const {
   return json;
 }
 
-std::string Outcome::to_text() const {
-  std::string text;
+Lines Outcome::to_text() const {
+  Lines text;
   if (!figures.empty()) {
-    text += std::to_string(figure("listed")) + " listed = " + std::to_string(figure("saved")) + " saved + " +
-            std::to_string(figure("unchanged")) + " unchanged + " + std::to_string(figure("excluded")) +
-            " excluded + " + std::to_string(figure("skipped")) + " skipped + " + std::to_string(figure("failed")) +
-            " failed\n";
+    text.add(std::to_string(figure("listed")) + " listed = " + std::to_string(figure("saved")) + " saved + " +
+             std::to_string(figure("unchanged")) + " unchanged + " + std::to_string(figure("excluded")) +
+             " excluded + " + std::to_string(figure("skipped")) + " skipped + " + std::to_string(figure("failed")) +
+             " failed");
     if (figure("deleted") != 0)
-      text += std::to_string(figure("deleted")) + " deleted since the set before\n";
+      text.add(std::to_string(figure("deleted")) + " deleted since the set before");
     if (figure("incomplete") != 0)
-      text += std::to_string(figure("incomplete")) + " of the saved ones without all that belongs to them\n";
-    text += human_bytes(figure("bytes_read")) + " read, " + human_bytes(figure("bytes_stored")) + " stored, " +
-            std::to_string(figure("requests")) + " requests";
+      text.add(std::to_string(figure("incomplete")) + " of the saved ones without all that belongs to them");
+    std::string sizes = human_bytes(figure("bytes_read")) + " read, " + human_bytes(figure("bytes_stored")) +
+                        " stored, " + std::to_string(figure("requests")) + " requests";
     const json_spirit::Value* seconds = json_spirit::find(figures, "seconds");
     if (seconds != nullptr && (seconds->type() == json_spirit::real_type || seconds->type() == json_spirit::int_type)) {
       char duration[32];
       std::snprintf(duration, sizeof duration, ", %.1f s", seconds->get_real());
-      text += duration;
+      sizes += duration;
     }
-    text += "\n";
+    text.add(sizes);
   }
   const json_spirit::Value* errors = json_spirit::find(figures, "errors");
   if (errors != nullptr && errors->type() == json_spirit::array_type) {
@@ -85,21 +85,19 @@ std::string Outcome::to_text() const {
       if (item.type() != json_spirit::obj_type)
         continue;
       if (shown++ == ERRORS_SHOWN) {
-        text += "... and " + std::to_string(errors->get_array().size() - ERRORS_SHOWN) + " more (--json has them)\n";
+        text.add("... and " + std::to_string(errors->get_array().size() - ERRORS_SHOWN) + " more (--json has them)");
         break;
       }
-      text += json_spirit::optional_str(item.get_obj(), "type") + " '" +
-              json_spirit::optional_str(item.get_obj(), "name") +
-              "': " + json_spirit::optional_str(item.get_obj(), "message") + "\n";
+      text.add(json_spirit::optional_str(item.get_obj(), "type") + " '" +
+               json_spirit::optional_str(item.get_obj(), "name") +
+               "': " + json_spirit::optional_str(item.get_obj(), "message"));
     }
   }
   if (const unsigned long long objects = figure("resumable"); objects != 0)
-    text += "the next run of the same paths goes on with " + std::to_string(objects) +
-            (objects == 1 ? " object that is stored\n" : " objects that are stored\n");
+    text.add("the next run of the same paths goes on with " + std::to_string(objects) +
+             (objects == 1 ? " object that is stored" : " objects that are stored"));
   if (!set.empty())
-    text += "set " + set + "\n";
-  text += name();
-  if (!failure.empty())
-    text += ": " + failure;
-  return text + "\n";
+    text.add("set " + set);
+  text.add(name() + (failure.empty() ? std::string() : ": " + failure));
+  return text;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/lines.h"
 #include "sdk/json/json_spirit.h"
 
 #include <string>
@@ -26,7 +27,7 @@ struct Outcome {
   /// is in "message".
   json_spirit::Object to_json() const;
   /// Several lines for people.
-  std::string to_text() const;
+  Lines to_text() const;
   unsigned long long figure(const char* name) const;
 };
 

@@ -37,7 +37,7 @@ TEST(outcome, text_shows_the_equation_and_the_problems) {
   problem["name"] = "b/k";
   problem["message"] = "gone";
   outcome.figures["errors"] = json_spirit::Array{problem};
-  const std::string text = outcome.to_text();
+  const std::string text = outcome.to_text().text();
   EXPECT_NE(std::string::npos, text.find("3 listed = 2 saved + 0 unchanged + 0 excluded + 1 skipped + 0 failed"));
   EXPECT_NE(std::string::npos, text.find("file 'b/k': gone"));
   EXPECT_NE(std::string::npos, text.find("set abc"));
@@ -53,7 +53,7 @@ TEST(outcome, long_lists_of_problems_are_cut_in_text_only) {
     errors.push_back(problem);
   }
   outcome.figures["errors"] = errors;
-  EXPECT_NE(std::string::npos, outcome.to_text().find("and 30 more"));
+  EXPECT_NE(std::string::npos, outcome.to_text().text().find("and 30 more"));
   EXPECT_EQ(50u, outcome.to_json().at("errors").get_array().size());
 }
 

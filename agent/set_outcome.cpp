@@ -1,6 +1,6 @@
 #include "agent/set_outcome.h"
 
-#include <cstdio>
+#include "agent/lines.h"
 
 std::string set_outcome_text(const std::optional<unsigned long long>& missing) {
   if (!missing)
@@ -28,5 +28,5 @@ std::string incomplete_set_warning(const Set& set) {
 void warn_of_incomplete_set(const Set& set) {
   const std::string warning = incomplete_set_warning(set);
   if (!warning.empty())
-    std::fprintf(stderr, "obs-agent: %s\n", warning.c_str());
+    print_error(warning);
 }

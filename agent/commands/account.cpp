@@ -14,6 +14,7 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <sstream>
 
 namespace {
 
@@ -121,10 +122,10 @@ void list(Context& context) {
   if (!context.store().accounts(accounts, error))
     throw Command_Error(error);
   json_spirit::Array array;
-  std::string text;
+  Lines text;
   for (const Account& account : accounts) {
     array.push_back(account_json(account));
-    text += account.name + "  " + account.scheme + "://" + account.endpoint + "  " + account.access_key + "\n";
+    text.add(account.name + "  " + account.scheme + "://" + account.endpoint + "  " + account.access_key);
   }
   json_spirit::Object json;
   json["accounts"] = array;
@@ -133,7 +134,11 @@ void list(Context& context) {
 
 void show(Context& context, const std::string& name) {
   const json_spirit::Object json = account_json(context.account(name));
-  context.print(json, json_spirit::write_formatted(json));
+  Lines text;
+  std::istringstream formatted(json_spirit::write_formatted(json));
+  for (std::string line; std::getline(formatted, line);)
+    text.add(line);
+  context.print(json, text);
 }
 
 void remove(Context& context, const std::string& name) {

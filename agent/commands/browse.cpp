@@ -21,16 +21,16 @@ void browse(Context& context, const Browse_Arguments& arguments) {
   context.module();
   const Browse_Page page =
       browse_page(context, context.account(arguments.account).uuid, arguments.path, arguments.limit, arguments.marker);
-  std::string text;
+  Lines text;
   for (const std::string& folder : page.folders)
-    text += "                              -  " + folder + "\n";
+    text.add("                              -  " + folder);
   for (const Browse_Page::File& file : page.files) {
     char size[32];
     std::snprintf(size, sizeof size, " %12llu  ", file.size);
-    text += file.mtime + size + file.name + "\n";
+    text.add(file.mtime + size + file.name);
   }
   if (page.truncated)
-    text += "... more follows: --marker '" + page.marker + "'\n";
+    text.add("... more follows: --marker '" + page.marker + "'");
   context.print(page.json, text);
 }
 

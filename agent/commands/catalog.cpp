@@ -93,21 +93,21 @@ void rebuild(Context& context, const std::string& name) {
   json["objects"] = report.objects;
   json["of_others"] = report.of_others;
   json_spirit::Array problems;
-  std::string text;
+  Lines text;
   for (const std::string& problem : report.problems) {
     problems.push_back(problem);
-    text += problem + "\n";
+    text.add(problem);
   }
   json["problems"] = problems;
-  text += "set " + report.record.uuid + ": " + std::to_string(report.objects) + " objects, " +
-          (report.exact ? "the catalog is what it was" : "as far as its media know") +
-          (report.record_made ? "; its record was made anew" : "");
+  text.add("set " + report.record.uuid + ": " + std::to_string(report.objects) + " objects, " +
+           (report.exact ? "the catalog is what it was" : "as far as its media know") +
+           (report.record_made ? "; its record was made anew" : ""));
   // An incremental's media do not hold what did not change.
   if (!report.exact && report.record.type != "full")
-    text += "\nobjects whose data lie in other sets are missing in it: take a set before or after it for those";
+    text.add("objects whose data lie in other sets are missing in it: take a set before or after it for those");
   if (!report.exact && !report.record.replaces.empty() && report.of_others == 0)
-    text += "\nthe set was merged from others: where an earlier version did that, versions of objects that are not of "
-            "its moment may be among its own";
+    text.add("the set was merged from others: where an earlier version did that, versions of objects that are not of "
+             "its moment may be among its own");
   context.print(json, text);
   if (!report.problems.empty())
     context.exit_code = EXIT_COMPLETED_WITH_ERRORS;

@@ -72,13 +72,13 @@ std::string padded(std::string text, size_t width) {
   return text;
 }
 
-std::string checks_text(const s3::Diagnosis& diagnosis) {
-  std::string text;
+Lines checks_text(const s3::Diagnosis& diagnosis) {
+  Lines text;
   for (const s3::Check& check : diagnosis.checks) {
-    text += "\n" + padded(s3::text_of(check.state), 9) + padded(check.name, 13);
-    text += check.tried + (check.tried.empty() ? "" : ": ") + check.found;
+    text.add(padded(s3::text_of(check.state), 9) + padded(check.name, 13) + check.tried +
+             (check.tried.empty() ? "" : ": ") + check.found);
     if (!check.advice.empty())
-      text += "\n" + std::string(22, ' ') + "to do: " + check.advice;
+      text.add(std::string(22, ' ') + "to do: " + check.advice);
   }
   return text;
 }
@@ -99,15 +99,15 @@ void test_account(Context& context, const std::string& name) {
     result = ask_module(context, account);
   }
   const bool available = result.at("available").get_bool();
-  std::string text = "account '" + account.name + "' is " + (available ? "available" : "not available");
-  if (!available)
-    text += ": " + json_spirit::optional_str(result, "message");
+  Lines text("account '" + account.name + "' is " +
+             (available ? "available" : "not available: " + json_spirit::optional_str(result, "message")));
   if (const json_spirit::Value* found = json_spirit::find(result, "buckets"))
     for (const json_spirit::Value& bucket : found->get_array())
-      text += "\n  " + json_spirit::optional_str(bucket.get_obj(), "name") + "  " +
-              json_spirit::optional_str(bucket.get_obj(), "ctime") + "  " +
-              json_spirit::optional_str(bucket.get_obj(), "location");
-  text += "\n" + checks_text(diagnosis);
+      text.add("  " + json_spirit::optional_str(bucket.get_obj(), "name") + "  " +
+               json_spirit::optional_str(bucket.get_obj(), "ctime") + "  " +
+               json_spirit::optional_str(bucket.get_obj(), "location"));
+  text.add("");
+  text.append(checks_text(diagnosis));
   result["diagnosis"] = checks_json(diagnosis);
   result["found"] = found_json(account);
   context.print(result, text);

@@ -78,19 +78,19 @@ public:
         names += (names.empty() ? "" : ", ") + std::string(name);
       }
     if (!json_) {
-      print_bytes("M " + object_head(after) + "/" + after.path + "  (" + names + ")");
+      print_line("M " + object_head(after) + "/" + after.path + "  (" + names + ")");
       return;
     }
     json_spirit::Object line = object_json(after);
     line["change"] = "changed";
     line["differs"] = what;
     line["before"] = object_json(before);
-    print_bytes(json_spirit::write_utf8(line));
+    print_json_line(line);
   }
   void finish() const {
     if (!json_) {
-      print_bytes(std::to_string(added_) + " added, " + std::to_string(removed_) + " removed, " +
-                  std::to_string(changed_) + " changed, " + std::to_string(same_) + " the same");
+      print_line(std::to_string(added_) + " added, " + std::to_string(removed_) + " removed, " +
+                 std::to_string(changed_) + " changed, " + std::to_string(same_) + " the same");
       return;
     }
     json_spirit::Object line;
@@ -98,18 +98,18 @@ public:
     line["removed"] = removed_;
     line["changed"] = changed_;
     line["same"] = same_;
-    print_bytes(json_spirit::write_utf8(line));
+    print_json_line(line);
   }
 
 private:
   void one(const char* change, char sign, const Catalog_Object& object) const {
     if (!json_) {
-      print_bytes(std::string(1, sign) + " " + object_head(object) + "/" + object.path);
+      print_line(std::string(1, sign) + " " + object_head(object) + "/" + object.path);
       return;
     }
     json_spirit::Object line = object_json(object);
     line["change"] = change;
-    print_bytes(json_spirit::write_utf8(line));
+    print_json_line(line);
   }
 
   bool json_;

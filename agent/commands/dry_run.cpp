@@ -67,12 +67,12 @@ private:
     if (context_.json) {
       std::string mtime = file.mtime + "Z";
       std::replace(mtime.begin(), mtime.end(), ' ', 'T');
-      print_bytes(json_spirit::write_utf8(json_spirit::Object{{"file", path}, {"size", file.size}, {"mtime", mtime}}));
+      print_json_line(json_spirit::Object{{"file", path}, {"size", file.size}, {"mtime", mtime}});
       return;
     }
     char size[32];
     std::snprintf(size, sizeof size, "%12llu  ", file.size);
-    print_bytes(size + path);
+    print_line(size + path);
   }
 
   Context& context_;

@@ -20,7 +20,7 @@ struct Find_Arguments {
 
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
   if (!context.json) {
-    print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + flags_text(object));
+    print_line(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + flags_text(object));
     return;
   }
   json_spirit::Object line = object_json(object);
@@ -29,7 +29,7 @@ void print_match(const Context& context, const Set& set, const std::string& stor
   line["stored_in"] = stored_in;
   line["sha256"] = to_hex(object.sha256, sizeof object.sha256);
   add_flags(object, line);
-  print_bytes(json_spirit::write_utf8(line));
+  print_json_line(line);
 }
 
 /// What the set before had and the listing of this one no longer.
@@ -39,14 +39,14 @@ void print_deletion(const Context& context, const Set& set, const Catalog_Deleti
   object.size = deletion.size;
   object.mtime = deletion.mtime;
   if (!context.json) {
-    print_bytes(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + "  (deleted)");
+    print_line(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + "  (deleted)");
     return;
   }
   json_spirit::Object line = object_json(object);
   line["set"] = set.uuid;
   line["set_time"] = set.end_time;
   line["deleted"] = true;
-  print_bytes(json_spirit::write_utf8(line));
+  print_json_line(line);
 }
 
 std::vector<Set> sets_to_search(Context& context, const Find_Arguments& arguments) {
@@ -54,7 +54,7 @@ std::vector<Set> sets_to_search(Context& context, const Find_Arguments& argument
     return {context.set(arguments.set)};
   const std::string account = arguments.account.empty() ? std::string() : context.account(arguments.account).uuid;
   for (const std::string& warning : context.reconcile())
-    std::fprintf(stderr, "obs-agent: %s\n", warning.c_str());
+    print_error(warning);
   std::vector<Set> sets;
   std::string error;
   if (!context.store().sets(std::string(), account, std::string(), false, sets, error))
@@ -85,7 +85,7 @@ void find(Context& context, const Find_Arguments& arguments) {
       });
     } catch (const Command_Error& error) {
       if (!failed.empty())
-        std::fprintf(stderr, "obs-agent: %s\n", failed.c_str());
+        print_error(failed);
       failed = error.what();
     }
   }

@@ -87,7 +87,7 @@ public:
   }
 
   json_spirit::Array groups;
-  std::string text;
+  Lines text;
   std::vector<std::string> problems;
   unsigned long long kept = 0, removed = 0, freed = 0;
 
@@ -247,7 +247,7 @@ private:
   void finish(const std::string& place) {
     json_spirit::Array stay, go;
     const Candidate* first = nullptr;
-    std::string lines;
+    Lines lines;
     // Newest first: should the work be cut short, no set is left whose data were removed before it.
     for (auto one = sets_.rbegin(); one != sets_.rend(); ++one) {
       if (place_of(one->record.uri) != place)
@@ -271,12 +271,12 @@ private:
         json["reasons"] = reasons;
         stay.push_back(json);
         ++kept;
-        lines += "  keep    " + line + "  (" + names + ")\n";
+        lines.add("  keep    " + line + "  (" + names + ")");
       } else if (remove(one->record)) {
         go.push_back(json);
         ++removed;
         freed += one->record.backup_set_storage_size;
-        lines += (arguments_.dry_run ? "  would remove " : "  removed ") + line + "\n";
+        lines.add((arguments_.dry_run ? "  would remove " : "  removed ") + line);
       }
     }
     if (first == nullptr)
@@ -289,7 +289,8 @@ private:
     group["kept"] = stay;
     group["removed"] = go;
     groups.push_back(group);
-    text += "pool " + entry_.name + ", " + first->record.minor_resource_name + "\n" + lines;
+    text.add("pool " + entry_.name + ", " + first->record.minor_resource_name);
+    text.append(lines);
   }
 
   /// The record goes first: from then on the set is none. A row without a set is mended by the next look at the pool.
@@ -343,7 +344,7 @@ void forget(Context& context, Forget_Arguments arguments) {
     throw Command_Error(error);
 
   json_spirit::Array groups;
-  std::string text;
+  Lines text;
   std::vector<std::string> problems;
   unsigned long long kept = 0, removed = 0, freed = 0;
   for (const Pool_Entry& entry : pools) {
@@ -351,7 +352,7 @@ void forget(Context& context, Forget_Arguments arguments) {
       Pool_Forgetter pool(context, entry, arguments);
       pool.run(account);
       groups.insert(groups.end(), pool.groups.begin(), pool.groups.end());
-      text += pool.text;
+      text.append(pool.text);
       problems.insert(problems.end(), pool.problems.begin(), pool.problems.end());
       kept += pool.kept;
       removed += pool.removed;
@@ -366,11 +367,12 @@ void forget(Context& context, Forget_Arguments arguments) {
   json["kept"] = kept;
   json["removed"] = removed;
   json["freed"] = freed;
-  context.print(json, text + std::to_string(kept) + " sets kept, " + std::to_string(removed) +
-                          (arguments.dry_run ? " would be removed, " : " removed, ") + human_bytes(freed) +
-                          (arguments.dry_run ? " would be freed" : " freed"));
+  text.add(std::to_string(kept) + " sets kept, " + std::to_string(removed) +
+           (arguments.dry_run ? " would be removed, " : " removed, ") + human_bytes(freed) +
+           (arguments.dry_run ? " would be freed" : " freed"));
+  context.print(json, text);
   for (const std::string& problem : problems)
-    std::fprintf(stderr, "obs-agent: %s\n", problem.c_str());
+    print_error(problem);
   if (!problems.empty())
     context.exit_code = EXIT_FAILED;
 }

@@ -1,6 +1,7 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
 
+#include "platform/base/printable.h"
 #include "platform/mtf/media_check.h"
 #include "platform/mtf/medium_reader.h"
 #include "platform/pool/set_keys.h"
@@ -11,10 +12,6 @@
 #include <memory>
 
 namespace {
-
-void print_json_line(const json_spirit::Object& json) {
-  print_bytes(json_spirit::write_utf8(json));
-}
 
 /// The cipher of the set that a medium says it belongs to, with the key of the named pool; null without a pool. Throws
 /// Command_Error.
@@ -43,8 +40,8 @@ bool check_one(const std::string& file, const Set_Cipher_ptr& cipher, bool json)
       line["message"] = problem.message;
       print_json_line(line);
     } else {
-      print_bytes(file + ": at " + std::to_string(problem.offset) +
-                  (problem.object.empty() ? std::string() : ", '/" + problem.object + "'") + ": " + problem.message);
+      print_line(file + ": at " + std::to_string(problem.offset) +
+                 (problem.object.empty() ? std::string() : ", '/" + problem.object + "'") + ": " + problem.message);
     }
     return true;
   };
@@ -64,11 +61,11 @@ bool check_one(const std::string& file, const Set_Cipher_ptr& cipher, bool json)
       line["failure"] = error;
     print_json_line(line);
   } else if (read) {
-    print_bytes(file + ": " + std::to_string(figures.objects) + " whole objects of " + human_bytes(figures.bytes) +
-                ", " + (clean ? std::string("clean") : std::to_string(figures.problems) + " problems"));
+    print_line(file + ": " + std::to_string(figures.objects) + " whole objects of " + human_bytes(figures.bytes) +
+               ", " + (clean ? std::string("clean") : std::to_string(figures.problems) + " problems"));
   }
   if (!read)
-    std::fprintf(stderr, "obs-agent: medium '%s' cannot be checked: %s\n", file.c_str(), error.c_str());
+    print_error("medium '" + file + "' cannot be checked: " + error);
   return clean;
 }
 
@@ -81,9 +78,9 @@ void check(Context& context, const std::vector<std::string>& files, const std::s
 void dump(Context& context, const std::string& file, const std::string& pool) {
   const auto line = [&](const std::string& text) {
     if (context.json)
-      print_json_line(json_spirit::Object{{"medium", file}, {"text", text}});
+      print_json_line(json_spirit::Object{{"medium", file}, {"text", printable(text)}});
     else
-      print_bytes(text);
+      print_line(text);
     return std::ferror(stdout) == 0;
   };
   std::string error;

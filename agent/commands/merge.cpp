@@ -86,7 +86,7 @@ void merge(Context& context, const std::vector<std::string>& names) {
     if (report.canceled)
       return cancelled(context, report);
     for (const std::string& damage : report.damages)
-      std::fprintf(stderr, "obs-agent: damaged: %s\n", damage.c_str());
+      print_error("damaged: " + damage);
     throw Command_Error("the sets cannot be merged: " + error);
   }
   Store& store = context.store();
@@ -97,7 +97,7 @@ void merge(Context& context, const std::vector<std::string>& names) {
   std::string ignored;
   for (const Set_Record& set : sets)
     if (set.uuid != report.moment_of && !store.remove_set(set.uuid, ignored))
-      std::fprintf(stderr, "obs-agent: set %s: %s\n", set.uuid.c_str(), ignored.c_str());
+      print_error("set " + set.uuid + ": " + ignored);
 
   json_spirit::Object json;
   json["set"] = report.record.uuid;
@@ -108,11 +108,11 @@ void merge(Context& context, const std::vector<std::string>& names) {
   json_spirit::Array replaced, waiting;
   for (const Set_Record& set : sets)
     replaced.push_back(set.uuid);
-  std::string text = std::to_string(sets.size()) + " sets are merged into " + report.record.uuid + ": " +
-                     std::to_string(report.objects) + " objects, " + human_bytes(report.bytes) + " copied";
+  Lines text(std::to_string(sets.size()) + " sets are merged into " + report.record.uuid + ": " +
+             std::to_string(report.objects) + " objects, " + human_bytes(report.bytes) + " copied");
   for (const std::string& uuid : busy) {
     waiting.push_back(uuid);
-    text += "\nset " + uuid + " is being read; its media go with the next backup, merge or forget";
+    text.add("set " + uuid + " is being read; its media go with the next backup, merge or forget");
   }
   json["replaced"] = replaced;
   json["waiting"] = waiting;

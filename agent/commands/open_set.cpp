@@ -61,8 +61,3 @@ std::string object_head(const Catalog_Object& object) {
                 object.size);
   return head;
 }
-
-void print_bytes(const std::string& line) {
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fputc('\n', stdout);
-}

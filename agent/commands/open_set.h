@@ -21,5 +21,3 @@ void add_flags(const Catalog_Object& object, json_spirit::Object& json);
 std::string flags_text(const Catalog_Object& object);
 /// "2024-05-01 10:00:00        12345  " as lines about objects begin.
 std::string object_head(const Catalog_Object& object);
-/// Writes bytes and a line end to standard output, whatever the bytes are.
-void print_bytes(const std::string& line);

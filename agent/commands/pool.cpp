@@ -117,10 +117,10 @@ void list(Context& context) {
   if (!context.store().pools(pools, error))
     throw Command_Error(error);
   json_spirit::Array array;
-  std::string text;
+  Lines text;
   for (const Pool_Entry& entry : pools) {
     array.push_back(pool_json(entry));
-    text += entry.name + "  " + entry.url + "\n";
+    text.add(entry.name + "  " + entry.url);
   }
   json_spirit::Object json;
   json["pools"] = array;
@@ -138,12 +138,12 @@ void show(Context& context, const std::string& name) {
   json_spirit::Object json = pool_json(entry);
   json["sets"] = static_cast<unsigned long long>(sets.size());
   json["storage_size"] = stored;
-  std::string text = entry.name + "  " + entry.url + "  " + entry.uuid + (pool.encrypted() ? "  encrypted" : "") +
-                     "\n" + std::to_string(sets.size()) + " sets, " + human_bytes(stored) + " stored\n";
+  Lines text(entry.name + "  " + entry.url + "  " + entry.uuid + (pool.encrypted() ? "  encrypted" : ""));
+  text.add(std::to_string(sets.size()) + " sets, " + human_bytes(stored) + " stored");
   json_spirit::Array problems;
   for (const std::string& error : errors) {
     problems.push_back(error);
-    text += "not readable: " + error + "\n";
+    text.add("not readable: " + error);
   }
   json["problems"] = problems;
   context.print(json, text);

@@ -28,7 +28,7 @@ void problems(Context& context, const std::string& set_id) {
   const bool read = catalog->problems(
       [&context](const Catalog_Problem& problem) {
         if (!context.json) {
-          print_bytes(std::string(name_of(problem.kind)) + "  /" + problem.path + ": " + problem.message);
+          print_line(std::string(name_of(problem.kind)) + "  /" + problem.path + ": " + problem.message);
           return true;
         }
         json_spirit::Object line;
@@ -36,7 +36,7 @@ void problems(Context& context, const std::string& set_id) {
         line["file"] = "/" + problem.path;
         line["errno"] = problem.number != 0 ? json_spirit::Value(problem.number) : json_spirit::Value();
         line["message"] = problem.message;
-        print_bytes(json_spirit::write_utf8(line));
+        print_json_line(line);
         return true;
       },
       error);

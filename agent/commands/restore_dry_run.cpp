@@ -30,9 +30,9 @@ void print_objects(const Context& context, Catalog_Reader& catalog, const Catalo
     if (context.json) {
       json_spirit::Object line = object_json(object);
       line["target"] = "/" + target;
-      print_bytes(json_spirit::write_utf8(line));
+      print_json_line(line);
     } else {
-      print_bytes(object_head(object) + "/" + object.path + " -> /" + target);
+      print_line(object_head(object) + "/" + object.path + " -> /" + target);
     }
     return true;
   };
@@ -63,19 +63,20 @@ void restore_dry_run(Context& context, const Account& account, Catalog_Reader& c
   print_objects(context, catalog, selection, plan);
 
   json_spirit::Array collisions;
-  std::string text;
+  Lines text;
   for (const Collision& one : plan.collisions()) {
     collisions.push_back(
         json_spirit::Object{{"first", "/" + one.first}, {"second", "/" + one.second}, {"target", "/" + one.target}});
-    text += "collision: '/" + one.first + "' and '/" + one.second + "' would both become '/" + one.target + "'\n";
+    text.add("collision: '/" + one.first + "' and '/" + one.second + "' would both become '/" + one.target + "'");
   }
   for (const std::string& path : absent)
-    text += "not in the set: '" + path + "'\n";
+    text.add("not in the set: '" + path + "'");
   for (const std::string& bucket : missing)
-    text += "bucket '" + bucket + "' does not exist (--create-bucket makes it)\n";
-  text += std::to_string(objects) + " objects, " + human_bytes(bytes) + " would be restored";
+    text.add("bucket '" + bucket + "' does not exist (--create-bucket makes it)");
+  std::string sum = std::to_string(objects) + " objects, " + human_bytes(bytes) + " would be restored";
   if (plan.collision_count() != 0)
-    text += ", but " + std::to_string(plan.collision_count()) + " pairs collide, and a restore would refuse to begin";
+    sum += ", but " + std::to_string(plan.collision_count()) + " pairs collide, and a restore would refuse to begin";
+  text.add(sum);
 
   json_spirit::Object json;
   json["objects"] = objects;

@@ -104,7 +104,7 @@ Outcome run_job(Context& context, const json_spirit::Object& json) {
   else if (outcome.code != EXIT_FAILED || !outcome.figures.empty())
     context.print(json_spirit::Value(), outcome.to_text());
   if (outcome.code == EXIT_FAILED)
-    std::fprintf(stderr, "obs-agent: %s\n", outcome.failure.c_str());
+    print_error(outcome.failure);
   context.exit_code = outcome.code;
   return outcome;
 }

@@ -57,7 +57,7 @@ json_spirit::Object set_json(const Set& set, const Names& names) {
   return json;
 }
 
-/// A line of its own, whatever bytes the selection's paths have; names that are not known are "-".
+/// Names that are not known are "-".
 std::string set_line(const Set& set, const Names& names) {
   std::string line = set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) +
                      " objects  " + human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) +
@@ -65,26 +65,23 @@ std::string set_line(const Set& set, const Names& names) {
   for (const std::string& name :
        {Names::of(names.accounts, set.account_uuid), Names::of(names.pools, set.pool_uuid), set.minor_resource_name})
     line += "  " + (name.empty() ? std::string("-") : name);
-  for (char& c : line)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
-      c = '?';
-  return line + "\n";
+  return line;
 }
 
 void list_sets(Context& context, const std::string& account_name) {
   const std::string account_uuid = account_name.empty() ? std::string() : context.account(account_name).uuid;
   for (const std::string& warning : context.reconcile())
-    std::fprintf(stderr, "obs-agent: %s\n", warning.c_str());
+    print_error(warning);
   std::vector<Set> sets;
   std::string error;
   if (!context.store().sets(std::string(), account_uuid, std::string(), false, sets, error))
     throw Command_Error(error);
   const Names names(context.store());
   json_spirit::Array array;
-  std::string text;
+  Lines text;
   for (const Set& set : sets) {
     array.push_back(set_json(set, names));
-    text += set_line(set, names);
+    text.add(set_line(set, names));
   }
   json_spirit::Object json;
   json["sets"] = array;
@@ -102,10 +99,6 @@ std::string attributes_head(const Catalog_Object& object) {
   for (const auto& header : attributes.headers)
     if (header.first == "content-type")
       type = header.second.substr(0, header.second.find(';'));
-  // What others wrote shall not move the terminal's cursor.
-  for (char& c : type)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
-      c = '?';
   char head[128];
   std::snprintf(head, sizeof head, "%-26.26s %-11.11s %2zu tag%s  ", type.c_str(),
                 attributes.storage_class.empty() ? "-" : attributes.storage_class.c_str(), attributes.tags.size(),
@@ -132,9 +125,9 @@ public:
     json_spirit::Object entry;
     entry["dir"] = "/" + path;
     if (json_)
-      std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
+      print_json_line(entry);
     else
-      print_bytes("                              -  " + std::string(long_ ? ATTRIBUTES_WIDTH : 0, ' ') + "/" + path);
+      print_line("                              -  " + std::string(long_ ? ATTRIBUTES_WIDTH : 0, ' ') + "/" + path);
   }
   void object(const Catalog_Object& object) {
     if (json_) {
@@ -142,11 +135,11 @@ public:
       add_flags(object, entry);
       if (long_)
         add_attributes(object, entry);
-      std::printf("%s\n", json_spirit::write_utf8(entry).c_str());
+      print_json_line(entry);
       return;
     }
-    print_bytes(object_head(object) + (long_ ? attributes_head(object) : std::string()) + "/" + object.path +
-                flags_text(object));
+    print_line(object_head(object) + (long_ ? attributes_head(object) : std::string()) + "/" + object.path +
+               flags_text(object));
   }
 
 private:

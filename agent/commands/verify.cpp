@@ -92,29 +92,28 @@ json_spirit::Object report_json(const Set& set, const Verify_Options& options, c
   return json;
 }
 
-std::string report_text(const Verify_Options& options, const Verify_Report& report) {
-  std::string text;
+Lines report_text(const Verify_Options& options, const Verify_Report& report) {
+  Lines text;
   for (const std::string& message : report.media)
-    text += "medium: " + message + "\n";
+    text.add("medium: " + message);
   if (report.damaged != 0)
     for (const Verify_Report::Place& place : report.places)
-      text += (place.own ? place.medium : "set " + place.set + ", " + place.medium) + ": " +
-              std::to_string(place.damaged) + " of " + std::to_string(place.objects) + " objects damaged" +
-              (place.error.empty() ? std::string() : ": " + place.error) + "\n";
-  text += std::to_string(report.good) + " of " + std::to_string(report.checked) + " objects are good, " +
-          human_bytes(report.bytes) + " read back";
+      text.add((place.own ? place.medium : "set " + place.set + ", " + place.medium) + ": " +
+               std::to_string(place.damaged) + " of " + std::to_string(place.objects) + " objects damaged" +
+               (place.error.empty() ? std::string() : ": " + place.error));
+  std::string sum = std::to_string(report.good) + " of " + std::to_string(report.checked) + " objects are good, " +
+                    human_bytes(report.bytes) + " read back";
   if (options.sample < 100)
-    text += " (a sample of the " + std::to_string(report.objects) + " objects, with --seed " +
-            std::to_string(options.seed) + ")";
-  text += "\n";
+    sum += " (a sample of the " + std::to_string(report.objects) + " objects, with --seed " +
+           std::to_string(options.seed) + ")";
+  text.add(sum);
   if (report.lost != 0)
-    text += "a restore would lack " + std::to_string(report.lost) + " objects with " + human_bytes(report.lost_bytes) +
-            "\n";
+    text.add("a restore would lack " + std::to_string(report.lost) + " objects with " + human_bytes(report.lost_bytes));
   if (report.canceled)
-    text += "cancelled: the other " + std::to_string(report.objects - report.checked - report.passed) +
-            " objects were not looked at\n";
+    text.add("cancelled: the other " + std::to_string(report.objects - report.checked - report.passed) +
+             " objects were not looked at");
   if (!report.failure.empty())
-    text += "the set cannot be verified: " + report.failure + "\n";
+    text.add("the set cannot be verified: " + report.failure);
   return text;
 }
 
@@ -146,16 +145,16 @@ void verify(Context& context, const Verify_Arguments& arguments) {
     throw Command_Error(error);
   options.found = [&](const Verify_Damage& damage) {
     if (context.json)
-      print_bytes(json_spirit::write_utf8(json_spirit::Value(damage_json(damage))));
+      print_json_line(damage_json(damage));
     else
-      print_bytes("damaged: '/" + damage.path + "': " + damage.message);
+      print_line("damaged: '/" + damage.path + "': " + damage.message);
     if (marks)
       marks->add(damage);
   };
   Verify_Report report;
   const bool clean = verify_set(pool, record, options, report);
   json_spirit::Object json = report_json(set, options, report);
-  std::string text = report_text(options, report);
+  Lines text = report_text(options, report);
   if (marks) {
     unsigned long long rows = 0;
     try {
@@ -166,10 +165,11 @@ void verify(Context& context, const Verify_Arguments& arguments) {
     }
     json["marked"] = rows;
     if (report.damaged != 0)
-      text += std::to_string(rows) + " entries of catalogs are marked as damaged; the next incremental backup stores " +
-              "these objects anew\n";
+      text.add(std::to_string(rows) +
+               " entries of catalogs are marked as damaged; the next incremental backup stores " +
+               "these objects anew");
   } else if (report.damaged != 0) {
-    text += "with --mark the next incremental backup stores the damaged objects anew\n";
+    text.add("with --mark the next incremental backup stores the damaged objects anew");
   }
   context.print(json, text);
   context.exit_code = report.canceled ? EXIT_CANCELLED : clean ? EXIT_COMPLETED : EXIT_FAILED;

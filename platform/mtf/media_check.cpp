@@ -44,18 +44,11 @@ bool check_medium(const std::string& path, const std::function<bool(const Media_
 
 namespace {
 
+/// The bytes as they are, but for quotes, which are doubled.
 std::string quoted(const std::string& text) {
   std::string out = "\"";
-  for (const char c : text) {
-    const unsigned char u = static_cast<unsigned char>(c);
-    if (u < 0x20 || u == 0x7F || c == '"' || c == '\\') {
-      out += "\\x";
-      out += "0123456789abcdef"[u >> 4];
-      out += "0123456789abcdef"[u & 15];
-    } else {
-      out += c;
-    }
-  }
+  for (const char c : text)
+    out.append(c == '"' ? 2 : 1, c);
   return out + '"';
 }
 

@@ -91,6 +91,16 @@ bool add_stall(s3_testing::S3_Server& server, const std::string& text) {
   return true;
 }
 
+/// "operation,key,code": the operation on this key is refused with 403 and this code. Only the code may hold commas.
+bool add_refusal(s3_testing::S3_Server& server, const std::string& text) {
+  std::istringstream fields(text);
+  std::string operation, key, code;
+  if (!std::getline(fields, operation, ',') || !std::getline(fields, key, ',') || !std::getline(fields, code, '\0'))
+    return false;
+  server.add_fault(s3_testing::Fault::error(403, code).on(operation).key(key));
+  return true;
+}
+
 std::string answer(s3_testing::S3_Server& server, const std::string& line) {
   std::istringstream words(line);
   std::string question, bucket, key, other_bucket, other_key;
@@ -149,6 +159,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> objects;
   std::vector<std::string> cuts;
   std::vector<std::string> stalls;
+  std::vector<std::string> refusals;
   std::vector<std::string> buckets;
   unsigned admitted = 0;
   bool throw_away = false;
@@ -165,6 +176,8 @@ int main(int argc, char** argv) {
                  "KEY,BYTES: the first reply that begins behind so many bytes of this key's content ends early")
       ->allow_extra_args(false);
   app.add_option("--stall", stalls, "OPERATION,BYTES: replies to it never go on after so many bytes")
+      ->allow_extra_args(false);
+  app.add_option("--refuse", refusals, "OPERATION,KEY,CODE: this operation on this key is refused with this code")
       ->allow_extra_args(false);
   app.add_option("--admit", admitted, "Requests per second; what is above gets 503 SlowDown");
   app.add_flag("--throw-away", throw_away, "Of objects uploaded in parts, keep the parts' digests only");
@@ -200,6 +213,11 @@ int main(int argc, char** argv) {
     for (const std::string& text : stalls)
       if (!add_stall(server, text)) {
         std::cerr << "s3-test-server: --stall " << text << " is not OPERATION,BYTES\n";
+        return 2;
+      }
+    for (const std::string& text : refusals)
+      if (!add_refusal(server, text)) {
+        std::cerr << "s3-test-server: --refuse " << text << " is not OPERATION,KEY,CODE\n";
         return 2;
       }
     server.keep_log(log);

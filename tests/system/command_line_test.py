@@ -64,7 +64,7 @@ class Command_Line(harness.Scenario):
             self.assertRegex(row[uuid], "^[0-9a-f-]{36}$")
         line, = self.agent("sets").stdout.splitlines()
         self.assertTrue(line.startswith(made), line)
-        self.assertTrue(line.endswith("  work  disk  everything?else"), line)
+        self.assertTrue(line.endswith("  work  disk  everything\\nelse"), line)
 
     def test_dry_run_of_a_backup_has_a_line_per_object(self):
         lines = self.agent("backup", "work", "/data/", "--pool", "disk", "--exclude", "/data/three", "--dry-run",
