@@ -195,9 +195,9 @@ class Scenario(unittest.TestCase):
         self.assert_account_adds_up(outcome)
         return outcome
 
-    def contents(self, server, bucket):
-        """Every object of a bucket: key to bytes."""
-        client = server.client()
+    def contents(self, server, bucket, client=None):
+        """Every object of a bucket: key to bytes. `client`: one of the server's that is there already."""
+        client = client or server.client()
         found = {}
         for page in client.get_paginator("list_objects").paginate(Bucket=bucket):
             for item in page.get("Contents", []):
@@ -273,6 +273,25 @@ class Scenario(unittest.TestCase):
                     and "set.json" not in files and "partial.json" not in files:
                 found.append(folder)
         return found
+
+
+def waits_of(pid):
+    """What each thread of a process waits for, for the message about a command that hangs."""
+    found = []
+    for thread in sorted(os.listdir("/proc/%d/task" % pid)):
+        try:
+            with open("/proc/%d/task/%s/wchan" % (pid, thread)) as wait, \
+                    open("/proc/%d/task/%s/syscall" % (pid, thread)) as call:
+                number, _, rest = call.read().strip().partition(" ")
+                found.append("thread %s: %s, system call %s %s" % (thread, wait.read(), number, rest))
+        except OSError:
+            continue
+    for number in os.listdir("/proc/%d/fd" % pid):
+        try:
+            found.append("descriptor %s: %s" % (number, os.readlink("/proc/%d/fd/%s" % (pid, number))))
+        except OSError:
+            continue
+    return "\n".join(found)
 
 
 def main():
