@@ -24,6 +24,7 @@ struct Backup_Arguments {
   unsigned readers = 0;
   unsigned service_timeout = 300;
   unsigned scan_threads = 8;
+  std::uint64_t limit = 0;
   std::string compression = "none";
   int compression_level = 1;
   std::string archived = "skip";
@@ -120,6 +121,7 @@ void backup(Context& context, Backup_Arguments arguments) {
   definition["host_id"] = account.uuid;
   definition["readers"] = arguments.readers;
   definition["service_timeout"] = arguments.service_timeout;
+  definition["rate_limit"] = arguments.limit;
   definition["archived"] = arguments.archived;
   definition["allow_empty"] = arguments.allow_empty;
   if (!arguments.max_deleted.empty())
@@ -157,6 +159,7 @@ void add_backup_command(CLI::App& app, Context& context) {
   command->add_option("--scan-threads", arguments->scan_threads, "Prefixes listed at the same time")
       ->check(CLI::Range(1, 256))
       ->capture_default_str();
+  add_limit_option(*command, arguments->limit);
   command
       ->add_option("--compression", arguments->compression,
                    "none, zstd, lzop, or auto: zstd for objects that shrink by a tenth at least")

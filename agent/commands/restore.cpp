@@ -23,6 +23,7 @@ struct Restore_Arguments {
   std::vector<std::string> maps;
   std::string existing = "overwrite";
   unsigned concurrent = 16;
+  std::uint64_t limit = 0;
   bool create_bucket = false;
   bool dry_run = false;
   bool no_acl = false;
@@ -144,6 +145,7 @@ void restore(Context& context, const Restore_Arguments& arguments) {
   definition["name"] = "restore of " + set.uuid;
   definition["agent"] = "obs-agent";
   definition["host_id"] = account.uuid;
+  definition["rate_limit"] = arguments.limit;
   definition["source"] = source;
   definition["options"] = options;
   run_job(context, definition);
@@ -174,6 +176,7 @@ void add_restore_command(CLI::App& app, Context& context) {
   command->add_option("--concurrent", arguments->concurrent, "Objects written at the same time")
       ->check(CLI::Range(1, 1024))
       ->capture_default_str();
+  add_limit_option(*command, arguments->limit);
   command->add_flag("--no-acl", arguments->no_acl, "Give no access lists");
   command->add_flag("--drop-tags", arguments->drop_tags, "Give no tags");
   command

@@ -4,6 +4,8 @@
 #include "agent/job_runner.h"
 #include "sdk/file_backup/file_backup.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -107,4 +109,12 @@ Outcome run_job(Context& context, const json_spirit::Object& json) {
     print_error(outcome.failure);
   context.exit_code = outcome.code;
   return outcome;
+}
+
+void add_limit_option(CLI::App& command, std::uint64_t& limit) {
+  command
+      .add_option("--limit", limit,
+                  "Bytes per second that the run sends and receives, all channels and readers together, as 500K or 20M")
+      ->transform(CLI::AsSizeValue(true))
+      ->type_name("RATE");
 }

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <utility>
+
+#include <sys/socket.h>
 
 namespace {
 
@@ -14,6 +17,16 @@ constexpr size_t BUFFER_LIMIT = 256 * 1024;
 constexpr size_t HEAD_LIMIT = 64 * 1024;
 /// How often a waiting request looks whether its job is being cancelled.
 constexpr std::chrono::milliseconds CANCEL_CHECK(250);
+
+/// Bytes that the system may hold for a connection whose bytes are limited, for each direction: what lies there has
+/// been moved already, whatever is counted here.
+constexpr int LIMITED_SOCKET_BUFFER = 64 * 1024;
+
+int limit_socket(void*, curl_socket_t socket, curlsocktype) {
+  for (const int direction : {SO_RCVBUF, SO_SNDBUF})
+    setsockopt(socket, SOL_SOCKET, direction, &LIMITED_SOCKET_BUFFER, sizeof LIMITED_SOCKET_BUFFER);
+  return CURL_SOCKOPT_OK;
+}
 
 std::chrono::steady_clock::duration to_duration(const ACE_Time_Value& time) {
   return std::chrono::seconds(time.sec()) + std::chrono::microseconds(time.usec());
@@ -32,7 +45,8 @@ bool append_header(Curl_List_ptr& list, const std::string& line) {
 
 Curl_Connection::Curl_Connection(std::shared_ptr<HTTP_Channel_Pool> pool,
                                  std::shared_ptr<std::atomic<unsigned long long>> bytes_read)
-    : pool_(std::move(pool)), bytes_read_(std::move(bytes_read)), idle_timeout_(pool_->settings().idle_timeout) {}
+    : pool_(std::move(pool)), bytes_read_(std::move(bytes_read)), idle_timeout_(pool_->settings().idle_timeout),
+      watch_(pool_->settings().min_rate, pool_->settings().idle_timeout) {}
 
 Curl_Connection::~Curl_Connection() {
   detach();
@@ -41,6 +55,10 @@ Curl_Connection::~Curl_Connection() {
 void Curl_Connection::finish_despite_cancel(unsigned seconds) {
   cancellable_ = false;
   idle_timeout_ = std::min(idle_timeout_, seconds);
+}
+
+void Curl_Connection::share(std::shared_ptr<Rate_Limit> rate) {
+  rate_ = rate && rate->on() ? std::move(rate) : nullptr;
 }
 
 bool Curl_Connection::cancelled() const {
@@ -79,6 +97,11 @@ bool Curl_Connection::prepare(const HTTP_Request& request) {
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Curl_Connection::on_body);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+  if (rate_) {
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, static_cast<long>(rate_->piece()));
+    curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(rate_->piece()));
+    curl_easy_setopt(easy, CURLOPT_SOCKOPTFUNCTION, &limit_socket);
+  }
   return curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str()) == CURLE_OK &&
          curl_multi_add_handle(channel_->multi.get(), easy) == CURLM_OK;
 }
@@ -95,6 +118,8 @@ bool Curl_Connection::send(const HTTP_Request& request) {
     return false;
   }
   uploading_ = request.has_body;
+  to_send_ = request.body.size();
+  may_dawdle_ = request.method != "GET"; // A service that puts parts together sends blanks meanwhile.
   // Connecting has a time-out of its own, during which no byte moves; it counts where every wait is not bounded anyway.
   const unsigned idle = cancellable_ ? std::max(idle_timeout_, pool_->settings().connect_timeout + 1) : idle_timeout_;
   drive(std::chrono::seconds(idle), [this] { return head_complete_; });
@@ -179,10 +204,26 @@ size_t Curl_Connection::take_buffered(char* buffer, size_t size) {
 /// Lets bytes move until `until` holds, the transfer ends, or nothing has moved for `idle`.
 template <typename Until>
 void Curl_Connection::drive(Duration idle, Until until) {
-  auto last = std::chrono::steady_clock::now();
-  unsigned long long seen = progress_;
+  auto last = std::chrono::steady_clock::now(), looked = last;
+  unsigned long long seen = moved();
   for (;;) {
+    if (rate_) {
+      const auto from = std::chrono::steady_clock::now();
+      if (!wait_for_turn())
+        return;
+      // What is held here cannot be told from a peer that sends nothing.
+      const auto held = std::chrono::steady_clock::now() - from;
+      last += held;
+      looked += held;
+    }
+    const unsigned long long before = moved();
     perform();
+    count_sent();
+    if (rate_)
+      rate_->end(moved() - before);
+    const auto now = std::chrono::steady_clock::now();
+    waited_ += now - looked;
+    looked = now;
     if (!channel_ || until())
       return;
     if (cancelled()) {
@@ -190,24 +231,68 @@ void Curl_Connection::drive(Duration idle, Until until) {
       fail(CURLE_ABORTED_BY_CALLBACK, "cancelled");
       return;
     }
-    unsigned long long moved = progress_;
-    if (uploading_) {
-      curl_off_t sent = 0;
-      curl_easy_getinfo(channel_->easy.get(), CURLINFO_SIZE_UPLOAD_T, &sent);
-      moved += static_cast<unsigned long long>(sent);
-    }
-    const auto now = std::chrono::steady_clock::now();
-    if (moved != seen) {
-      seen = moved;
+    if (moved() != seen) {
+      seen = moved();
       last = now;
     } else if (now - last >= idle) {
       fail(CURLE_OPERATION_TIMEDOUT, "no byte came for too long");
+      return;
+    }
+    if (too_slow()) {
+      fail(CURLE_OPERATION_TIMEDOUT,
+           "fewer than " + std::to_string(pool_->settings().min_rate) + " bytes a second came for too long");
       return;
     }
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(idle - (now - last)) + std::chrono::milliseconds(1);
     curl_multi_poll(channel_->multi.get(), nullptr, 0, static_cast<int>(std::min(left, CANCEL_CHECK).count()), nullptr);
   }
+}
+
+Curl_Connection::Phase Curl_Connection::phase() const {
+  if (head_complete_)
+    return BODY;
+  if (progress_ > 0)
+    return HEAD;
+  return body_sent_ < to_send_ ? SENDING : WAITING;
+}
+
+/// Silence is for the idle time-out.
+bool Curl_Connection::too_slow() {
+  const double waited = std::chrono::duration<double>(std::exchange(waited_, Duration())).count();
+  const Phase now = phase();
+  if (now != phase_ || now == WAITING || (now == BODY && may_dawdle_)) {
+    phase_ = now;
+    watch_.restart(moved());
+    return false;
+  }
+  return watch_.too_slow(waited, moved());
+}
+
+/// False, the transfer having ended, when the job is cancelled meanwhile.
+bool Curl_Connection::wait_for_turn() {
+  constexpr double LOOK = std::chrono::duration<double>(CANCEL_CHECK).count();
+  for (double seconds = rate_->begin(); seconds > 0; seconds = rate_->begin()) {
+    rate_->wait(std::min(seconds, LOOK));
+    if (cancelled()) {
+      failure_.cancelled = true;
+      fail(CURLE_ABORTED_BY_CALLBACK, "cancelled");
+      return false;
+    }
+  }
+  return true;
+}
+
+void Curl_Connection::count_sent() {
+  curl_off_t body = 0;
+  long head = 0;
+  if (!channel_)
+    return;
+  curl_easy_getinfo(channel_->easy.get(), CURLINFO_REQUEST_SIZE, &head);
+  if (uploading_)
+    curl_easy_getinfo(channel_->easy.get(), CURLINFO_SIZE_UPLOAD_T, &body);
+  body_sent_ = static_cast<unsigned long long>(body);
+  sent_ = static_cast<unsigned long long>(head) + body_sent_;
 }
 
 void Curl_Connection::perform() {
@@ -254,6 +339,7 @@ void Curl_Connection::fail(int code, const std::string& text) {
 void Curl_Connection::detach() {
   if (!channel_)
     return;
+  count_sent();
   CURL* easy = channel_->easy.get();
   curl_multi_remove_handle(channel_->multi.get(), easy);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "platform/http/channel_pool.h"
+#include "platform/http/rate_limit.h"
+#include "platform/http/slow_watch.h"
 #include "sdk/http/http_connection.h"
 
 #include <chrono>
@@ -22,6 +24,11 @@ public:
   /// Every wait ends, as if the job were cancelled, once `flag` is true. It must outlive the transfer.
   void stop_on(const std::atomic<bool>* flag) { stop_ = flag; }
 
+  /// Bytes of this connection, sent and received, count against `rate`, if it is on; null: none.
+  void share(std::shared_ptr<Rate_Limit> rate);
+
+  /// False once `send` would send nothing, because the job is being cancelled or the flag is true.
+  bool wanted() const { return !cancelled(); }
   /// Sends the request, once per object, and waits for the answer's head. True when one came, whatever its status; else
   /// `failure` says why not and the state is FAILED. The request's body must stay valid until the answer is read,
   /// closed, or this object is gone.
@@ -59,7 +66,15 @@ private:
   size_t take_buffered(char* buffer, size_t size);
   void fail(int code, const std::string& text);
   void detach();
+  /// What a transfer is at, for how slow it may be.
+  enum Phase { SENDING, WAITING, HEAD, BODY };
+
   bool cancelled() const;
+  Phase phase() const;
+  bool too_slow();
+  bool wait_for_turn();
+  unsigned long long moved() const { return progress_ + sent_; }
+  void count_sent();
   size_t buffered() const { return buffer_.size() - buffer_at_; }
 
   std::shared_ptr<HTTP_Channel_Pool> pool_;
@@ -76,8 +91,16 @@ private:
   bool cancellable_ = true;
   const std::atomic<bool>* stop_ = nullptr; ///< null: none
   unsigned idle_timeout_;                   ///< seconds
-  unsigned long long progress_ = 0;         ///< grows with every byte in either direction
-  std::string buffer_;                      ///< received, not yet asked for, from buffer_at_ on
+  std::shared_ptr<Rate_Limit> rate_;        ///< null: none
+  unsigned long long progress_ = 0;         ///< bytes received
+  unsigned long long sent_ = 0;             ///< bytes sent
+  unsigned long long to_send_ = 0;          ///< bytes of the request's body
+  unsigned long long body_sent_ = 0;        ///< of these
+  bool may_dawdle_ = false;                 ///< the answer may be held open with a byte now and then
+  Slow_Watch watch_;
+  Duration waited_{}; ///< for the peer, since `watch_` was asked
+  Phase phase_ = SENDING;
+  std::string buffer_; ///< received, not yet asked for, from buffer_at_ on
   size_t buffer_at_ = 0;
   char* direct_ = nullptr; ///< where the body goes while somebody waits for it
   size_t direct_left_ = 0;

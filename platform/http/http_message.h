@@ -49,6 +49,7 @@ struct HTTP_Failure {
 struct HTTP_Settings {
   unsigned connect_timeout = 10; ///< seconds
   unsigned idle_timeout = 60;    ///< seconds without a byte in either direction
+  unsigned min_rate = 1000;      ///< bytes per second that a body moves at least, over any `idle_timeout`; 0: any
   unsigned total_timeout = 0;    ///< seconds for a whole exchange; 0: no bound
   std::string ca_file;           ///< PEM; empty: the system's
   std::string client_cert;       ///< PEM; empty: none

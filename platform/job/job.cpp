@@ -131,6 +131,7 @@ Job::Job(Job_Definition_var definition)
     return;
   uuid_string_to_binary(definition_->uid(), activity_.uid);
   ledger_->max_retry_seconds = definition_->max_seconds_retry();
+  ledger_->rate.set(definition_->rate_limit());
   ledger_->objects.policy(archived_policy_from_string(definition_->archived()).value_or(Archived_Policy::SKIP));
 }
 

@@ -31,11 +31,6 @@ std::string md5_of(const File_Attributes& attributes) {
   return object.parse(attributes.common, attributes.own, error) ? object.content_md5() : std::string();
 }
 
-double monotonic_seconds() {
-  const ACE_Time_Value now = Clock::instance().monotonic();
-  return static_cast<double>(now.sec()) + static_cast<double>(now.usec()) / 1e6;
-}
-
 } // namespace
 
 Object_Head Backup_Channel::head_of(const Backup_Item& item) const {
@@ -268,7 +263,6 @@ bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored
     shared_.account->without_tags();
   if (!item.not_had.empty())
     shared_.account->incomplete(object.path, "The object is saved without all that belongs to it", item.not_had);
-  throttle(item.size);
   return true;
 }
 
@@ -329,20 +323,4 @@ Reading_Outcome Backup_Channel::stream_once(Backup_Item& item, Object_Reading& r
   if (medium_->error().empty() && !medium_->cancel_object())
     return Reading_Outcome::ABANDONED;
   return outcome;
-}
-
-void Backup_Channel::throttle(unsigned long long bytes) {
-  if (shared_.rate_limit == 0)
-    return;
-  const double now = monotonic_seconds();
-  const double due = throttle_start_ + static_cast<double>(throttled_) / static_cast<double>(shared_.rate_limit);
-  // Time that was not used is not saved up.
-  if (throttled_ == 0 || now > due + 1) {
-    throttle_start_ = now;
-    throttled_ = 0;
-  }
-  throttled_ += bytes;
-  const double wait = throttle_start_ + static_cast<double>(throttled_) / static_cast<double>(shared_.rate_limit) - now;
-  if (wait > 0)
-    shared_.queue->wait_while_paused(wait);
 }

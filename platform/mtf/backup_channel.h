@@ -16,8 +16,7 @@
 struct Backup_Shared {
   Backup_Limits limits;
   Codec_Options codec;
-  unsigned seq = 0;                  ///< of the set that is being written
-  unsigned long long rate_limit = 0; ///< bytes per second of one channel; 0: none
+  unsigned seq = 0; ///< of the set that is being written
   MTF::IBackup_Callback_var callback;
   Backup_Queue* queue = nullptr;
   Run_Account* account = nullptr;
@@ -77,12 +76,9 @@ private:
   void take_status(Backup_Item& item, Object_Reading& reading);
   Object_Head head_of(const Backup_Item& item) const;
   bool medium_failed();
-  void throttle(unsigned long long bytes);
 
   Backup_Shared& shared_;
   const unsigned number_;
   std::unique_ptr<Medium_Writer> medium_;
   std::shared_ptr<const std::string> folder_; ///< of the object written last
-  unsigned long long throttled_ = 0;          ///< bytes since `throttle_start_`
-  double throttle_start_ = 0;
 };

@@ -461,7 +461,6 @@ bool Backup_Engine::Impl::write_objects() {
   shared.limits = order.limits;
   shared.codec = order.codec;
   shared.seq = seq;
-  shared.rate_limit = order.io.channel_rate_limit;
   shared.callback = callback;
   shared.queue = &queue;
   shared.account = &account;

@@ -62,6 +62,17 @@ TEST_F(Cancellation_Test, stalled_body_ends) {
   EXPECT_FALSE(s->last_error().retriable());
 }
 
+TEST_F(Cancellation_Test, request_that_was_never_sent_is_not_counted) {
+  server.put("bucket", "key", "text");
+  const S3_Service_var s = service();
+  Get_Bucket_Content content;
+  EXPECT_TRUE(s->get_bucket("bucket", Get_Bucket_Parameter(), content)) << s->error();
+  EXPECT_EQ(1u, ledger->requests.load());
+  job->activity().state = JOB_STATE_CANCELING;
+  EXPECT_FALSE(s->get_bucket("bucket", Get_Bucket_Parameter(), content));
+  EXPECT_EQ(1u, ledger->requests.load());
+}
+
 TEST_F(Cancellation_Test, stalled_listing_ends) {
   settings.idle_timeout = 60;
   server.add_synthetic("bucket", "p", 1000, 1);

@@ -81,6 +81,7 @@ std::shared_ptr<Endpoint> Endpoint::make(const S3_Service_Options& options, cons
   HTTP_Settings http;
   http.connect_timeout = std::max(settings.connect_timeout, 1u);
   http.idle_timeout = std::max(settings.idle_timeout, 1u);
+  http.min_rate = settings.min_rate;
   http.total_timeout = settings.total_timeout;
   http.ca_file = settings.ca_file;
   http.client_cert = settings.client_cert;

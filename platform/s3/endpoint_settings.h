@@ -36,6 +36,7 @@ struct Endpoint_Settings {
   std::string user_agent;                     ///< empty: none is sent
   unsigned connect_timeout = 10;              ///< seconds
   unsigned idle_timeout = 60;                 ///< seconds without a byte
+  unsigned min_rate = 1000;                   ///< bytes per second of a body, over any idle_timeout; 0: any
   unsigned total_timeout = 0;                 ///< seconds for a whole exchange; 0: no bound
   unsigned long long part_size = 16ull << 20; ///< bytes of a multipart part; objects above it go in parts
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/http/rate_limit.h"
 #include "platform/s3/byte_budget.h"
 #include "platform/s3/object_notes.h"
 #include "platform/s3/service_watch.h"
@@ -39,6 +40,9 @@ public:
 
   /// Of the job: for services that are made without a bound of their own.
   std::atomic<int> max_retry_seconds{0};
+
+  /// Of all that the job sends and receives. Set before its first service is made.
+  Rate_Limit rate;
 
   Object_Notes objects;
   Service_Watch service;

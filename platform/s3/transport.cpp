@@ -126,11 +126,13 @@ Curl_Connection_ref Transport::open_i(const Request& request, Outcome& outcome) 
     if (despite_cancel_)
       connection->finish_despite_cancel(TIDY_UP_SECONDS);
     connection->stop_on(stop_);
+    connection->share(std::shared_ptr<Rate_Limit>(endpoint_->ledger(), &endpoint_->ledger()->rate));
     Request_Gate& gate = endpoint_->gate();
     Within within(gate, last_ticket_ = despite_cancel_ ? Request_Gate::Ticket() : gate.enter(stop_));
     const time_t now = endpoint_->now();
     const HTTP_Request http = build(request, address, endpoint_->credentials(), endpoint_->v4_key(address, now), now);
-    endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
+    if (connection->wanted())
+      endpoint_->ledger()->requests.fetch_add(1, std::memory_order_relaxed);
     if (!connection->send(http)) {
       outcome.error = map_failure(connection->failure(), http.method + ' ' + http.url);
       return connection;
