@@ -11,7 +11,9 @@ namespace s3 {
 namespace {
 
 /// No service puts more than 1,000 on a page unless asked to.
-constexpr size_t MAX_RECORDS = 100000;
+constexpr size_t MAX_RECORDS = 10000;
+/// Of buckets there may be as many, on one page.
+constexpr size_t MAX_BUCKETS = 100000;
 
 class Error_Reader : public Answer_Reader {
 public:
@@ -231,10 +233,33 @@ bool Listing_Reader::complete(const Get_Bucket_Parameter& param) {
   return content_.next_marker > param.marker();
 }
 
+std::string Listing_Reader::strange_name(const Get_Bucket_Parameter& param) const {
+  const std::string& prefix = param.prefix();
+  const auto quoted = [](const std::string& name) {
+    return '\'' + name.substr(0, 64) + (name.size() > 64 ? "...'" : "'");
+  };
+  const auto strange = [&](const char* what, const std::string& name, bool may_equal) -> std::string {
+    if (name.size() > MAX_KEY)
+      return std::string(what) + ' ' + quoted(name) + " has " + std::to_string(name.size()) + " bytes";
+    if (!starts_with(name, prefix) || (name.size() == prefix.size() && !may_equal))
+      return std::string(what) + ' ' + quoted(name) + " does not lie below the prefix";
+    return std::string();
+  };
+  for (const S3_Object& object : content_.objects)
+    if (std::string why = strange("the key", object.name, true); !why.empty())
+      return why;
+  for (const std::string& name : content_.common_prefixes)
+    if (std::string why = strange("the common prefix", name, false); !why.empty())
+      return why;
+  if (content_.next_marker.size() > 4 * MAX_KEY) // some are no keys
+    return "the marker has " + std::to_string(content_.next_marker.size()) + " bytes";
+  return std::string();
+}
+
 void Buckets_Reader::begin(const Path& path) {
   if (!is(path, "Buckets", "Bucket"))
     return;
-  if (content_.buckets.size() >= MAX_RECORDS)
+  if (content_.buckets.size() >= MAX_BUCKETS)
     return refuse("the page has too many buckets");
   content_.buckets.emplace_back();
 }

@@ -9,6 +9,9 @@
 
 namespace s3 {
 
+/// Bytes of the longest key that a service takes.
+constexpr size_t MAX_KEY = 1024;
+
 /// What an error document says. All empty when it is none.
 struct Error_Document {
   std::string code;
@@ -54,6 +57,8 @@ public:
   /// Decodes what the service encoded and settles where the next page begins. `param` is what was asked for. False when
   /// the page does not lead on; `error_code` is then "ListingDoesNotAdvance".
   bool complete(const Get_Bucket_Parameter& param);
+  /// What on a completed page is no key below the prefix that was asked for, as a text; empty where all of it is.
+  std::string strange_name(const Get_Bucket_Parameter& param) const;
   /// Keys are encoded whatever the page says. Before `complete`.
   void assume_encoded() { encoded_ = true; }
   /// The page says that its keys are encoded.

@@ -5,6 +5,8 @@
 namespace {
 
 constexpr size_t MAX_FOLDER_OBJECTS = 1000;
+/// A key's length and a message each: some 30 MB at most.
+constexpr size_t MAX_FAILED_LISTINGS = 20000;
 
 } // namespace
 
@@ -39,7 +41,10 @@ void S3_Ledger::tell_full_folder_objects(Folder_Listener told) {
 
 void S3_Ledger::listing_failed(const std::string& path, const std::string& message) {
   const std::lock_guard<std::mutex> guard(mutex_);
-  failed_[path] = message;
+  if (failed_.size() < MAX_FAILED_LISTINGS || failed_.count(path) != 0)
+    failed_[path] = message;
+  else
+    ++more_failed_;
   any_failed_ = true;
 }
 
@@ -48,7 +53,7 @@ void S3_Ledger::listing_succeeded(const std::string& path) {
     return;
   const std::lock_guard<std::mutex> guard(mutex_);
   failed_.erase(path);
-  any_failed_ = !failed_.empty();
+  any_failed_ = !failed_.empty() || more_failed_ > 0;
 }
 
 void S3_Ledger::page_shown(const std::string& path, bool more) {
@@ -139,6 +144,8 @@ std::vector<S3_Ledger::Failed_Listing> S3_Ledger::failed_listings() const {
   all.reserve(failed_.size());
   for (const auto& failed : failed_)
     all.push_back(Failed_Listing{failed.first, failed.second});
+  if (more_failed_ > 0)
+    all.push_back(Failed_Listing{"/", std::to_string(more_failed_) + " more prefixes could not be listed."});
   return all;
 }
 

@@ -86,6 +86,7 @@ public:
   unsigned long long full_folder_objects() const;  ///< with data
   /// Up to 1000 of them, those with data first.
   std::vector<Folder_Object> folder_objects() const;
+  /// The first 20,000; where there were more, the root stands for them.
   std::vector<Failed_Listing> failed_listings() const;
   /// Prefixes of which a page that is there was never asked for: whoever listed them has given up. For the time after
   /// the listing.
@@ -99,6 +100,7 @@ private:
   std::vector<Folder_Object> full_;
   std::vector<Folder_Object> empty_;
   std::map<std::string, std::string> failed_;
+  unsigned long long more_failed_ = 0; ///< that are not in it; those may have been listed after all
   std::set<std::string> going_on_;
   std::set<std::string> fresh_;
   std::set<std::string> tagged_;

@@ -23,6 +23,17 @@ TEST(Ledger, folder_objects_are_counted_by_whether_they_hold_data) {
   EXPECT_EQ("/b/empty/", all[1].path);
 }
 
+TEST(Ledger, failed_prefixes_without_an_end_are_named_up_to_a_bound) {
+  S3_Ledger ledger;
+  for (int i = 0; i < 20005; ++i)
+    ledger.listing_failed("/b/" + std::to_string(i) + '/', "no");
+  ledger.listing_failed("/b/7/", "still not");
+  const std::vector<S3_Ledger::Failed_Listing> all = ledger.failed_listings();
+  ASSERT_EQ(20001u, all.size());
+  EXPECT_EQ("/", all.back().path);
+  EXPECT_EQ("5 more prefixes could not be listed.", all.back().message);
+}
+
 TEST(Ledger, listing_of_which_no_further_page_was_asked_for_has_broken_off) {
   S3_Ledger ledger;
   ledger.page_shown("/b/a/", true);

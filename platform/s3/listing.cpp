@@ -157,6 +157,11 @@ Outcome Listing::read(const Request& request, const Get_Bucket_Parameter& param,
       outcome.error =
           S3_Error(EPROTO, outcome.head.status, "ListingDoesNotAdvance",
                    "the listing comes to the same place again (" + transport_.describe(request) + ")", false);
+    else if (outcome.ok())
+      if (const std::string why = reader.strange_name(param); !why.empty())
+        outcome.error =
+            S3_Error(EPROTO, outcome.head.status, "BrokenListing",
+                     "the listing is not the one asked for: " + why + " (" + transport_.describe(request) + ")", false);
     token = reader.token();
     return outcome;
   }

@@ -1,5 +1,7 @@
 #include "platform/s3/client_fixture.h"
 
+#include "testing/s3_server/raw_server.h"
+
 #include <cerrno>
 
 namespace {
@@ -69,6 +71,76 @@ TEST_F(Listing_Test, pages_of_keys_and_prefixes_go_on_behind_the_later_of_both) 
       EXPECT_EQ((std::vector<std::string>{"a", "b/", "c", "d/", "e", "f/"}), names) << size << s->error();
     }
   }
+}
+
+/// What a service that answers `page` to whatever it is asked does to a listing of "p/".
+struct Fixed_Page {
+  explicit Fixed_Page(const std::string& inside)
+      : body("<ListBucketResult><IsTruncated>false</IsTruncated>" + inside + "</ListBucketResult>"),
+        raw("HTTP/1.1 200 OK\r\nContent-Type: application/xml\r\nConnection: close\r\nContent-Length: " +
+            std::to_string(body.size()) + "\r\n\r\n" + body) {}
+
+  /// The code of the error; empty for none.
+  std::string listed(std::shared_ptr<S3_Ledger> ledger) {
+    S3_Service_Options options;
+    options.type = "http";
+    options.host = "127.0.0.1";
+    options.port = raw.port();
+    options.access_key = options.secret_key = "x";
+    options.ledger = ledger;
+    Get_Bucket_Parameter param;
+    param.prefix("p/");
+    param.delimiter("/");
+    Get_Bucket_Content content;
+    const S3_Service_var s = make_s3_service(options);
+    if (s->get_bucket("bucket", param, content))
+      return std::string();
+    EXPECT_TRUE(content.objects.empty() && content.common_prefixes.empty());
+    EXPECT_FALSE(s->last_error().retriable());
+    return s->last_error().code();
+  }
+
+  std::string body;
+  s3_testing::Raw_Server raw;
+};
+
+std::string key(const std::string& name) {
+  return "<Contents><Key>" + name + "</Key><Size>1</Size><LastModified>2020-01-01T00:00:00Z</LastModified></Contents>";
+}
+
+std::string prefix(const std::string& name) {
+  return "<CommonPrefixes><Prefix>" + name + "</Prefix></CommonPrefixes>";
+}
+
+TEST_F(Listing_Test, page_of_what_was_not_asked_for_is_a_broken_answer_and_named) {
+  for (const std::string& inside : {
+           key("p/a") + key("a"),
+           key("p/" + std::string(1023, 'x')),
+           prefix("p/a/") + prefix("q/"),
+           prefix("p/"),
+           prefix("p/" + std::string(1022, 'x') + '/'),
+       }) {
+    const std::shared_ptr<S3_Ledger> account = std::make_shared<S3_Ledger>();
+    EXPECT_EQ("BrokenListing", Fixed_Page(inside).listed(account)) << inside.substr(0, 100);
+    EXPECT_EQ(0u, account->listed_keys.load());
+    ASSERT_EQ(1u, account->failed_listings().size());
+    EXPECT_EQ("/bucket/p/", account->failed_listings()[0].path);
+    EXPECT_NE(std::string::npos, account->failed_listings()[0].message.find("not the one asked for"));
+  }
+}
+
+TEST_F(Listing_Test, longest_keys_and_the_folder_itself_are_taken) {
+  const std::shared_ptr<S3_Ledger> account = std::make_shared<S3_Ledger>();
+  EXPECT_EQ("", Fixed_Page(key("p/") + key("p/" + std::string(1022, 'x')) + prefix("p/a/")).listed(account));
+  EXPECT_EQ(2u, account->listed_keys.load());
+  EXPECT_TRUE(account->failed_listings().empty());
+}
+
+TEST_F(Listing_Test, page_with_more_entries_than_any_service_sends_is_refused) {
+  std::string all;
+  for (int i = 0; i < 10001; ++i)
+    all += prefix("p/" + std::to_string(i) + '/');
+  EXPECT_EQ("MalformedAnswer", Fixed_Page(all).listed(ledger));
 }
 
 TEST_F(Listing_Test, empty_next_marker_counts_as_none) {

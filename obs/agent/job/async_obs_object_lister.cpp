@@ -24,11 +24,19 @@ constexpr unsigned RETRY_SLOT = 1;
 constexpr unsigned RETRY_CAP = 30;
 constexpr unsigned long long NO_HEAD_LIMIT = 1ull << 32;
 constexpr unsigned long long MAX_BATCH = 256;
+constexpr unsigned long long MIN_TREE_ENTRIES = 131072;
+constexpr unsigned long long BYTES_PER_TREE_ENTRY = 4096;
 
 typedef ACE_Guard<ACE_Thread_Mutex> Guard;
 
 ACE_Time_Value pause_end() {
   return ACE_OS::gettimeofday() + ACE_Time_Value(PAUSE_LIMIT);
+}
+
+/// What a prefix costs: its node, its place in the map, and its name in both.
+unsigned long long tree_cost(const Prefix_Entry& entry) {
+  constexpr unsigned long long NODES = sizeof(Prefix_Entry) + 128;
+  return NODES + 2 * entry.name.capacity();
 }
 
 bool job_is_canceling() {
@@ -79,7 +87,8 @@ void Async_OBS_Object_Lister::Statistics::clear() {
 Async_OBS_Object_Lister::Async_OBS_Object_Lister(S3_Client& clt, int threads, int retry_timeout,
                                                  unsigned long long cache_limit, const MTF::IFilter* filter)
     : clt_(clt), retry_timeout_(retry_timeout), threads_(std::max(threads, 1)), cache_limit_(cache_limit),
-      stat_thr_(ACE_OS::NULL_thread), has_objects_(mutex_), has_prefixes_(mutex_), filter_(filter), ended_(mutex_),
+      tree_limit_(std::max(cache_limit, MIN_TREE_ENTRIES) * BYTES_PER_TREE_ENTRY), stat_thr_(ACE_OS::NULL_thread),
+      has_objects_(mutex_), has_prefixes_(mutex_), filter_(filter), ended_(mutex_),
       batch_size_(static_cast<size_t>(std::clamp(cache_limit / 16, 1ull, MAX_BATCH))) {
   ACE_DEBUG((LM_INFO, ACE_TEXT("Async_OBS_Object_Lister with %d threads, cache limits: %Q\n"), threads_, cache_limit_));
 }
@@ -165,6 +174,7 @@ void Async_OBS_Object_Lister::reset() {
   batch_.clear();
   prefix_map_.clear();
   root_.reset();
+  tree_size_ = 0;
   live_workers_ = 0;
   stats_.clear();
 }
@@ -193,9 +203,9 @@ void Async_OBS_Object_Lister::thread_do_i() {
 
 void Async_OBS_Object_Lister::work(const std::shared_ptr<S3_Service_Base>& svr) {
   for (;;) {
-    if (end_) {
-      Guard guard(mutex_);
-      has_objects_.broadcast();
+    // What is pending when the job is cancelled is not even asked for.
+    if (end_ || job_is_canceling()) {
+      finish();
       return;
     }
     bool done = false;
@@ -287,32 +297,55 @@ bool Async_OBS_Object_Lister::list_objects(std::shared_ptr<S3_Service_Base> svr,
 
   std::string error;
   try {
-    Get_Bucket_Parameter param;
-    param.prefix(entry->name.c_str());
-    param.delimiter("/");
-    if (!entry->marker.empty())
-      param.marker(entry->marker.c_str());
-
-    Get_Bucket_Content content;
-    if (!list_objects_i(svr, param, content)) {
-      error = svr ? svr->error() : "";
-    } else if (content.truncated && content.next_marker == entry->marker) {
-      error = "the service sends the same page again";
-    } else {
-      take_page(entry, content);
+    if (!tree_is_full(entry, error) && list_page(svr, entry, error))
       return true;
-    }
   } catch (const std::exception& e) {
     error = e.what();
   }
 
   const std::string name = entry->name;
-  const bool ended = end_; // whoever is told that the prefix has failed may end the rest before that is logged
-  give_up(entry);          // from here on the entry may be gone
+  // Whoever is told that the prefix has failed may end the rest before that is logged.
+  const bool ended = end_ || job_is_canceling();
+  give_up(entry); // from here on the entry may be gone
   if (!ended)
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list all objects in %s/%s, last error: %s.\n"), bucket_.c_str(),
                name.c_str(), error.c_str()));
   return false;
+}
+
+bool Async_OBS_Object_Lister::list_page(const std::shared_ptr<S3_Service_Base>& svr, Prefix_Entry* entry,
+                                        std::string& error) {
+  Get_Bucket_Parameter param;
+  param.prefix(entry->name.c_str());
+  param.delimiter("/");
+  if (!entry->marker.empty())
+    param.marker(entry->marker.c_str());
+
+  Get_Bucket_Content content;
+  if (!list_objects_i(svr, param, content)) {
+    error = svr ? svr->error() : "";
+    return false;
+  }
+  if (content.truncated && content.next_marker == entry->marker) {
+    error = "the service sends the same page again";
+    return false;
+  }
+  take_page(entry, content);
+  return true;
+}
+
+// A prefix that nothing was asked about is known to nobody else: it is listed, or the whole listing has failed.
+bool Async_OBS_Object_Lister::tree_is_full(const Prefix_Entry* entry, std::string& error) {
+  if (tree_size_ <= tree_limit_)
+    return false;
+  error = "there are more prefixes than fit into " + std::to_string(tree_limit_) + " bytes";
+  if (!entry->marker.empty())
+    return true;
+  if (tree_size_ / 2 <= tree_limit_)
+    return false;
+  ACE_ERROR((LM_ERROR, ACE_TEXT("The listing of %s ends: %s.\n"), bucket_.c_str(), error.c_str()));
+  finish();
+  return true;
 }
 
 void Async_OBS_Object_Lister::give_up(Prefix_Entry* entry) {
@@ -355,7 +388,9 @@ void Async_OBS_Object_Lister::take_page(Prefix_Entry* entry, Get_Bucket_Content&
       continue;
     if (!entry->sub_prefixes.empty() && entry->prefix_it_->name == prefix)
       continue;
-    prefix_map_.emplace_hint(place, prefix, entry->add_sub_prefix(prefix));
+    Prefix_Entry* const added_prefix = entry->add_sub_prefix(prefix);
+    prefix_map_.emplace_hint(place, prefix, added_prefix);
+    tree_size_ += tree_cost(*added_prefix);
     ++stats_.cached_prefixes;
     ++added;
   }
@@ -389,9 +424,11 @@ bool Async_OBS_Object_Lister::list_objects_i(std::shared_ptr<S3_Service_Base> sv
       stats_.req_time += elapsed.get_msec();
       return true;
     }
+    if (end_ || job_is_canceling())
+      return false;
     const bool retriable = svr->last_error().retriable();
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to list objects in '%s' , error: %s.\n"), bucket_.c_str(), svr->error()));
-    if (!retriable || end_)
+    if (!retriable)
       return false;
     if (!(wait != Exponential_Backoff_Iterator()) ||
         (retry_timeout_ != -1 && wait.cumulation() >= static_cast<unsigned long long>(std::max(retry_timeout_, 0)))) {
@@ -427,8 +464,12 @@ void Async_OBS_Object_Lister::list_end(Prefix_Entry* entry, bool failed) {
 }
 
 bool Async_OBS_Object_Lister::next(Object_Entry& obj) {
-  if (end_ || head_prefix_ == nullptr) {
+  if (head_prefix_ == nullptr) {
     finish();
+    return false;
+  }
+  if (end_) {
+    broken_off_ = true; // no consumer asks on after `reset`
     return false;
   }
   if (hand_out(obj))
@@ -461,9 +502,14 @@ bool Async_OBS_Object_Lister::next(Object_Entry& obj) {
         wake_workers(1);
     }
   }
-  if (over)
+  if (over) {
     finish();
-  return !over && !end_ && hand_out(obj);
+    return false;
+  }
+  if (!end_)
+    return hand_out(obj);
+  broken_off_ = true;
+  return false;
 }
 
 void Async_OBS_Object_Lister::take_batch() {
@@ -515,6 +561,7 @@ Prefix_Entry* Async_OBS_Object_Lister::get_next_head() {
     }
     if (node == nullptr)
       return nullptr;
+    tree_size_ -= tree_cost(node->sub_prefixes.front());
     node->sub_prefixes.pop_front();
     if (stats_.cached_prefixes.fetch_sub(1) == cache_limit_ + 1)
       has_prefixes_.broadcast();

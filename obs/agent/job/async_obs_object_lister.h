@@ -68,7 +68,9 @@ struct Prefix_Entry {
 ///
 /// Reading ahead is bounded by `cache_limit`, a number of entries: prefixes other than the one being consumed (the
 /// head) are not listed further while more objects, or more prefixes, than that are held; the head not while its own
-/// list is longer than that. A page that was asked for is always taken in whole.
+/// list is longer than that. A page that was asked for is always taken in whole. The tree of prefixes, which must be
+/// held until it is sorted, has a bound in bytes: above it no further page of a prefix is asked for, so that the
+/// service's client knows it as broken off; above twice the bound all listing ends, and `broken_off` is true.
 class Async_OBS_Object_Lister {
 public:
   struct Statistics {
@@ -93,11 +95,16 @@ public:
   Async_OBS_Object_Lister(const Async_OBS_Object_Lister&) = delete;
   Async_OBS_Object_Lister& operator=(const Async_OBS_Object_Lister&) = delete;
 
+  /// The bound of the tree of prefixes in bytes, before `init`; at first 4 KiB for each entry of the cache limit, and
+  /// 512 MiB at least.
+  void tree_limit(unsigned long long bytes) { tree_limit_ = bytes; }
+
   /// Starts listing. False, after a log line, when the threads cannot be started.
   bool init(const std::string& bucket, const std::string& prefix);
   /// Waits for the next object and moves it to `obj`. False at the end.
   bool next(Object_Entry& obj);
-  /// True when `next` ended before the listing was through because no worker was left to go on with it.
+  /// True when `next` ended before the listing was through because no worker was left to go on with it, the tree got
+  /// too large, or the job is being cancelled.
   bool broken_off() const { return broken_off_; }
   /// Stops and joins all threads and forgets everything. Idempotent.
   void reset();
@@ -114,7 +121,9 @@ private:
   void work(const std::shared_ptr<S3_Service_Base>& svr);
   Prefix_Entry* get_next_entry(bool& done);
   bool slow_down(Prefix_Entry* entry);
+  bool tree_is_full(const Prefix_Entry* entry, std::string& error);
   bool list_objects(std::shared_ptr<S3_Service_Base> svr, Prefix_Entry* entry);
+  bool list_page(const std::shared_ptr<S3_Service_Base>& svr, Prefix_Entry* entry, std::string& error);
   bool list_objects_i(std::shared_ptr<S3_Service_Base> svr, const Get_Bucket_Parameter& param,
                       Get_Bucket_Content& content);
   void take_page(Prefix_Entry* entry, Get_Bucket_Content& content);
@@ -141,6 +150,8 @@ private:
   int retry_timeout_;
   int threads_;
   unsigned long long cache_limit_;
+  unsigned long long tree_limit_;
+  std::atomic<unsigned long long> tree_size_{0}; ///< bytes of the prefixes that are held
   std::unique_ptr<Prefix_Entry> root_;
   Prefix_Entry* head_prefix_ = nullptr;             ///< null when the iteration is over; changed by the consumer only
   std::unique_ptr<Object_Entry> cur_obj_;           ///< reserved

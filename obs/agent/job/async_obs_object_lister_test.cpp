@@ -448,6 +448,95 @@ TEST_F(object_lister, workers_work_for_the_consumers_job_and_stop_repeating_when
   EXPECT_TRUE(clock.sleeps().empty());
 }
 
+TEST_F(object_lister, prefixes_that_are_pending_when_the_job_is_cancelled_are_not_asked_for) {
+  struct Some_Job : Job {
+    using Job::Job;
+  };
+  Job_Definition::Settings settings;
+  Job_var job(new Some_Job(Job_Definition_var(new Job_Definition(settings))), false);
+  job->state(JOB_STATE_RUNNING);
+  for (int i = 0; i < 5000; ++i)
+    store.put("b", "p" + std::to_string(i) + "/k");
+  store.page_size = [](const std::string&, const std::string&) { return 5000; };
+  std::atomic<int> asked{0};
+  store.on_list = [&](const std::string&, const std::string& prefix, const std::string&) {
+    ++asked;
+    if (prefix.empty())
+      return S3_Error();
+    job->activity().state = JOB_STATE_CANCELING;
+    return S3_Error(ECANCELED, 0, "Cancelled", "the job is being cancelled", false);
+  };
+  Job* const before = Job::current(job.get());
+  {
+    Async_OBS_Object_Lister lister(client, 4, -1, 100000, nullptr);
+    ASSERT_TRUE(lister.init("b", ""));
+    EXPECT_EQ(Keys(), take_all(lister));
+    EXPECT_TRUE(lister.broken_off());
+  }
+  Job::current(before);
+  EXPECT_GE(1 + 4, asked.load());
+  EXPECT_EQ(0u, log.count("Cancelled"));
+}
+
+/// A service that makes up prefixes without an end: each page of each has as many, and another one after it where
+/// `pages_on`.
+class Endless_Service : public Fake_Store_Service {
+public:
+  Endless_Service(Fake_Store& store, bool pages_on, std::atomic<unsigned long long>& requests)
+      : Fake_Store_Service(store), pages_on_(pages_on), requests_(requests) {}
+  bool get_bucket(const char*, const Get_Bucket_Parameter& param, Get_Bucket_Content& content) override {
+    content = Get_Bucket_Content();
+    const unsigned long long page = ++requests_;
+    for (int i = 0; i < 500; ++i)
+      content.common_prefixes.push_back(param.prefix() + std::to_string(page * 1000 + static_cast<unsigned>(i)) +
+                                        std::string(200, 'x') + '/');
+    content.truncated = pages_on_;
+    content.next_marker = pages_on_ ? content.common_prefixes.back() : std::string();
+    return true;
+  }
+
+private:
+  const bool pages_on_;
+  std::atomic<unsigned long long>& requests_;
+};
+
+class Endless_Client : public S3_Client {
+public:
+  Endless_Client(Fake_Store& store, bool pages_on) : store_(store), pages_on_(pages_on) {}
+  std::shared_ptr<S3_Service_Base> make_service() override {
+    store_.on_service();
+    return std::make_shared<Endless_Service>(store_, pages_on_, requests);
+  }
+  std::atomic<unsigned long long> requests{0};
+
+private:
+  Fake_Store& store_;
+  const bool pages_on_;
+};
+
+/// Bytes of this process that are in memory.
+size_t resident() {
+  std::ifstream file("/proc/self/statm");
+  size_t all = 0, here = 0;
+  file >> all >> here;
+  return here * 4096;
+}
+
+TEST_F(object_lister, tree_without_an_end_ends_the_listing_within_its_memory) {
+  for (const bool pages_on : {true, false}) {
+    SCOPED_TRACE(pages_on ? "pages without an end" : "depth without an end");
+    Endless_Client endless(store, pages_on);
+    const size_t before = resident();
+    Async_OBS_Object_Lister lister(endless, 4, 300, 1000000, nullptr);
+    lister.tree_limit(16 << 20);
+    ASSERT_TRUE(lister.init("b", ""));
+    EXPECT_EQ(Keys(), take_all(lister));
+    EXPECT_TRUE(lister.broken_off());
+    EXPECT_LT(resident(), before + (64u << 20));
+    EXPECT_LT(0u, log.count("The listing of b ends: there are more prefixes than fit into 16777216 bytes."));
+  }
+}
+
 TEST_F(object_lister, statistics_line_is_written_when_its_time_has_come) {
   store.put("b", "p/1");
   Gate gate;
