@@ -6,6 +6,7 @@
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/merge.h"
 #include "platform/mtf/partial_sets.h"
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_guard.h"
 #include "platform/pool/set_lock.h"
 
@@ -16,7 +17,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <set>
@@ -150,11 +150,12 @@ private:
   /// A run that is under way may point into any set of its place.
   bool is_busy(const std::string& place) const {
     const std::string folder = pool_.set_folder(place);
-    std::error_code code;
-    for (std::filesystem::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
+    std::vector<std::string> names;
+    read_pool_folder(folder, names);
+    for (const std::string& name : names) {
       struct stat status;
-      const std::string path = it->path().string();
-      if (::stat((path + "/" + Set_Lock::FILE_NAME).c_str(), &status) != 0)
+      const std::string path = folder + "/" + name;
+      if (!find_pool_file(path + "/" + Set_Lock::FILE_NAME, status))
         continue;
       Set_Lock probe;
       std::string error;

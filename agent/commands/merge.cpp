@@ -4,13 +4,14 @@
 #include "platform/file_backup/merge_lock.h"
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/merge.h"
+#include "platform/pool/pool_files.h"
 #include "sdk/job/job_definition.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 
 namespace {
@@ -59,12 +60,11 @@ void merge(Context& context, const std::vector<std::string>& names) {
   std::vector<Set_Record> sets = find_sets(context, names, entry, pool);
   // Backups of the selection wait while this is held, whoever runs them.
   const std::string merging = merge_lock_folder(pool.folder(), sets.front().minor_resource_id);
-  std::error_code code;
-  std::filesystem::create_directories(merging, code);
+  for (const std::string& folder : {merging.substr(0, merging.rfind('/')), merging})
+    if (!make_pool_folder(folder) && errno != EEXIST)
+      throw Command_Error("cannot make folder " + folder + ": " + pool_file_error(errno));
   Set_Lock merge_lock;
   std::string error;
-  if (code)
-    throw Command_Error("cannot make folder " + merging + ": " + code.message());
   if (!merge_lock.acquire(merging, false, error))
     throw Command_Error("the sets cannot be merged: " + error);
   context.lock_pool(pool);

@@ -1,6 +1,30 @@
 #include "platform/catalog/catalog_db.h"
 
+#include "platform/pool/pool_files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
 namespace {
+
+/// As a URI may carry a path.
+std::string escaped(const std::string& path) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string text;
+  for (const char c : path) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (c == '%' || c == '?' || c == '#' || byte < ' ' || byte > '~') {
+      text += '%';
+      text += digits[byte / 16];
+      text += digits[byte % 16];
+    } else {
+      text += c;
+    }
+  }
+  return text;
+}
 
 /// SQLite counts the memory of all connections behind one lock; nobody asks for the figures. It takes no settings once
 /// a connection was opened, so this is said when the library is loaded; a host that was earlier only pays with time.
@@ -87,7 +111,27 @@ bool Catalog_Db::open(const std::string& path, int flags, std::string& error, co
   sqlite3* db = nullptr;
   if (cipher && (vfs_ = Catalog_Vfs::make(cipher, error)) == nullptr)
     return false;
-  const int result = sqlite3_open_v2(path.c_str(), &db, flags, vfs_ ? vfs_->name() : nullptr);
+  // SQLite opens by name: the name is that of the file that was found where it should be, and a link that takes its
+  // place now is refused. What is only read is final, so nothing beside it is looked at (a journal may be anything).
+  std::string name;
+  if (!path.empty()) {
+    const bool reads = (flags & SQLITE_OPEN_READONLY) != 0;
+    const int fd = open_pool_file(path, reads ? O_RDONLY : O_RDWR);
+    if (fd < 0) {
+      error = pool_file_error(errno);
+      return false;
+    }
+    name = path_of_file(fd);
+    ::close(fd);
+    if (name.empty()) // no /proc
+      name = path;
+    flags |= SQLITE_OPEN_NOFOLLOW;
+    if (reads) {
+      name = "file:" + escaped(name) + "?immutable=1";
+      flags |= SQLITE_OPEN_URI;
+    }
+  }
+  const int result = sqlite3_open_v2(name.c_str(), &db, flags, vfs_ ? vfs_->name() : nullptr);
   db_.reset(db);
   if (result != SQLITE_OK) {
     // SQLite reads the file's head at once; a connection that could not has no file to ask.
@@ -99,6 +143,11 @@ bool Catalog_Db::open(const std::string& path, int flags, std::string& error, co
     return false;
   }
   sqlite3_extended_result_codes(db, 1);
+  // What is written here is a catalog of our own making; a copy of one that was there is checked by whoever copies it.
+  if (!path.empty()) {
+    guard_ = std::make_unique<Catalog_Guard>();
+    guard_->attach(db, (flags & SQLITE_OPEN_READONLY) != 0);
+  }
   int reserved = Catalog_Vfs::RESERVED;
   if (!vfs_ || (flags & SQLITE_OPEN_READWRITE) == 0)
     return true;
@@ -112,7 +161,7 @@ bool Catalog_Db::open(const std::string& path, int flags, std::string& error, co
 bool Catalog_Db::execute(const char* sql, std::string& error) {
   if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK)
     return true;
-  error = catalog_error(db_.get());
+  error = guard_ && !guard_->reason().empty() ? guard_->reason() : catalog_error(db_.get());
   return false;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/catalog/catalog_guard.h"
 #include "platform/catalog/catalog_vfs.h"
 
 #include <sqlite3.h>
@@ -48,6 +49,8 @@ public:
   /// `flags` as sqlite3_open_v2 takes them. `cipher`: the file is encrypted. False with the reason.
   bool open(const std::string& path, int flags, std::string& error, const Set_Cipher_ptr& cipher = nullptr);
   bool execute(const char* sql, std::string& error);
+  /// Whether what was opened has the tables of a catalog, and nothing else. False with the reason.
+  bool check_schema(std::string& error) { return guard_->check_schema(db_.get(), error); }
   /// Closes it; false with the reason when the last pages could not be written.
   bool close(std::string& error);
   sqlite3* get() const { return db_.get(); }
@@ -56,7 +59,8 @@ private:
   struct Close {
     void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
   };
-  std::unique_ptr<Catalog_Vfs> vfs_; ///< outlives `db_`
+  std::unique_ptr<Catalog_Vfs> vfs_; ///< outlives `db_`, as the next
+  std::unique_ptr<Catalog_Guard> guard_;
   std::unique_ptr<sqlite3, Close> db_;
 };
 

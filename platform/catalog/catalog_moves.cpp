@@ -1,5 +1,7 @@
 #include "platform/catalog/catalog_moves.h"
 
+#include "platform/pool/pool_files.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -14,8 +16,8 @@ namespace {
 constexpr unsigned BATCH = 1000;
 
 bool copy_file(const std::string& from, const std::string& to, std::string& error) {
-  const int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  const int out = in < 0 ? -1 : ::open(to.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+  const int in = open_pool_file(from, O_RDONLY);
+  const int out = in < 0 ? -1 : open_pool_file(to, O_CREAT | O_EXCL | O_WRONLY);
   std::vector<char> buffer(1u << 20);
   bool good = out >= 0;
   while (good) {
@@ -35,7 +37,7 @@ bool copy_file(const std::string& from, const std::string& to, std::string& erro
     }
   }
   if (!good)
-    error = "cannot copy " + from + " to " + to + ": " + std::strerror(errno);
+    error = "cannot copy " + from + " to " + to + ": " + pool_file_error(errno);
   if (in >= 0)
     ::close(in);
   if (out >= 0 && ::close(out) != 0 && good) {
@@ -71,6 +73,7 @@ std::unique_ptr<Catalog_Moves> Catalog_Moves::open(const std::string& folder, st
   Catalog_Statement there;
   if (!moves->own_->open(folder + "/" + catalog::FILE_NAME, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, error,
                          cipher) ||
+      !moves->own_->execute("PRAGMA cache_size=-4096", error) || !moves->own_->check_schema(error) ||
       !there.prepare(moves->db_->get(), "SELECT count(*) FROM sqlite_master WHERE name='moved_sets'", error))
     return nullptr;
   if (there.step() != SQLITE_ROW) {
@@ -171,7 +174,7 @@ namespace {
 /// Copies page by page through both encryptions.
 bool copy_encrypted(const std::string& from, const std::string& path, Catalog_Db& db, std::string& error,
                     const Set_Cipher_ptr& from_cipher, const Set_Cipher_ptr& cipher) {
-  const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+  const int fd = open_pool_file(path, O_CREAT | O_EXCL | O_WRONLY);
   if (fd < 0) {
     error = "cannot make catalog " + path + ": " + std::strerror(errno);
     return false;
@@ -198,6 +201,12 @@ bool copy_encrypted(const std::string& from, const std::string& path, Catalog_Db
 bool copy_catalog(const std::string& from, const std::string& folder, Catalog_Db& db, std::string& error,
                   const Set_Cipher_ptr& from_cipher, const Set_Cipher_ptr& cipher) {
   const std::string path = folder + "/" + catalog::FILE_NAME;
+  Catalog_Db original;
+  if (!original.open(from + "/" + catalog::FILE_NAME, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, error, from_cipher) ||
+      !original.execute("PRAGMA cache_size=-4096", error) || !original.check_schema(error)) {
+    error = "cannot copy catalog " + from + "/" + catalog::FILE_NAME + ": " + error;
+    return false;
+  }
   if (cipher)
     return copy_encrypted(from + "/" + catalog::FILE_NAME, path, db, error, from_cipher, cipher);
   // Nothing refers to the copy before it is whole and durable, so a torn one costs nothing and needs no journal.
@@ -211,9 +220,9 @@ bool copy_catalog(const std::string& from, const std::string& folder, Catalog_Db
 bool finish_catalog_copy(Catalog_Db& db, const std::string& folder, std::string& error) {
   if (!db.execute("COMMIT", error) || !db.close(error))
     return false;
-  for (const auto& [path, flags] : {std::pair<std::string, int>{folder + "/" + catalog::FILE_NAME, O_RDWR},
-                                    std::pair<std::string, int>{folder, O_RDONLY | O_DIRECTORY}}) {
-    const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  const std::string file = folder + "/" + catalog::FILE_NAME;
+  for (const std::string& path : {file, folder}) {
+    const int fd = path == folder ? open_pool_folder(path) : open_pool_file(path, O_RDWR);
     const bool synced = fd >= 0 && ::fsync(fd) == 0;
     if (!synced)
       error = "cannot sync " + path + ": " + std::strerror(errno);

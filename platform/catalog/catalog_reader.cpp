@@ -16,6 +16,8 @@ constexpr const char* OBJECT_COLUMNS =
     "o.ordinal,o.name,o.size,o.mtime,o.place,o.channel,o.position,o.stored,o.sha256,o.flags";
 /// Texts of attributes that are at hand.
 constexpr size_t KNOWN_ATTRIBUTES = 256;
+/// Of a set's uuid or folder, in bytes.
+constexpr size_t MAX_SET_TEXT = 4096;
 
 /// The smallest path that lies behind everything below the folder `path`.
 std::string end_of(const std::string& path) {
@@ -35,7 +37,7 @@ public:
       why = std::strerror(errno);
     else if (db_.open(path_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, why, cipher_) &&
              db_.execute("PRAGMA temp_store=FILE; PRAGMA cache_size=-4096", why) && begin(why) && check(why) &&
-             load(why) && prepare(why))
+             db_.check_schema(why) && load(why) && prepare(why))
       return true;
     error = "cannot read catalog " + path_ + ": " + why;
     return false;
@@ -408,9 +410,15 @@ private:
     }
     if (step != SQLITE_DONE)
       return failed(meta, error);
-    while ((step = sets.step()) == SQLITE_ROW)
+    while ((step = sets.step()) == SQLITE_ROW) {
+      if (sets_.size() == Catalog_Guard::MAX_SETS || sets.blob(1).size() > MAX_SET_TEXT ||
+          sets.blob(2).size() > MAX_SET_TEXT) {
+        error = "it names more sets than there can be, or ones that cannot be";
+        return false;
+      }
       sets_.push_back(
           {unsigned(sets.number(0)), std::string(sets.blob(1)), std::string(sets.blob(2)), unsigned(sets.number(3))});
+    }
     if (step != SQLITE_DONE)
       return failed(sets, error);
     if (sets_.empty() || sets_.front().index != 0) {

@@ -2,6 +2,7 @@
 
 #include "platform/catalog/catalog_format.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/pool_files.h"
 
 #include <xxhash.h>
 
@@ -30,7 +31,7 @@ bool sum_of(const std::string& path, std::string& sum, std::string& error) {
     error = "no memory to check " + path;
     return false;
   }
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = open_pool_file(path, O_RDONLY);
   std::vector<char> buffer(BUFFER);
   ssize_t count = fd < 0 ? -1 : 1;
   while (count > 0) {
@@ -41,7 +42,7 @@ bool sum_of(const std::string& path, std::string& sum, std::string& error) {
       count = 1;
   }
   if (count < 0)
-    error = "cannot read " + path + ": " + std::strerror(errno);
+    error = "cannot read " + path + ": " + pool_file_error(errno);
   if (fd >= 0)
     ::close(fd);
   const XXH128_hash_t hash = XXH3_128bits_digest(state.get());
@@ -56,18 +57,18 @@ bool sum_of(const std::string& path, std::string& sum, std::string& error) {
 
 bool install_catalog(const std::string& work, const std::string& folder, std::string& error) {
   const std::string sum = folder + "/" + SUM_NAME, path = folder + "/" + catalog::FILE_NAME;
-  if (::unlink(sum.c_str()) != 0 && errno != ENOENT) {
+  if (!remove_pool_file(sum) && errno != ENOENT) {
     error = "cannot remove " + sum + ": " + std::strerror(errno);
     return false;
   }
   if (!sync_folder(folder, error))
     return false;
-  if (std::rename((work + "/" + catalog::FILE_NAME).c_str(), path.c_str()) != 0) {
+  if (!rename_pool_file(work + "/" + catalog::FILE_NAME, path)) {
     error = "cannot replace " + path + ": " + std::strerror(errno);
     return false;
   }
   for (const char* const suffix : {"-journal", "-wal", "-shm"})
-    ::unlink((path + suffix).c_str());
+    remove_pool_file(path + suffix);
   return sync_folder(folder, error) && write_catalog_sum(folder, error);
 }
 

@@ -2,6 +2,8 @@
 
 #include "platform/catalog/catalog_db.h"
 #include "platform/catalog/catalog_sum.h"
+#include "platform/pool/durable_file.h"
+#include "platform/pool/pool_files.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -64,8 +66,7 @@ struct Batch {
 
 typedef std::variant<Catalog_Object, Folder, Catalog_Visit, Catalog_Problem, Catalog_Deletion, Catalog_Set> Row;
 
-bool sync_path(const std::string& path, int flags, std::string& error) {
-  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+bool sync_opened(int fd, const std::string& path, std::string& error) {
   if (fd < 0 || ::fsync(fd) != 0) {
     error = "cannot sync " + path + ": " + std::strerror(errno);
     if (fd >= 0)
@@ -88,7 +89,7 @@ public:
 
   bool open(std::string& error) {
     // SQLite would open a file that is there; two catalogs must never meet in one.
-    const int fd = ::open(path_.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+    const int fd = open_pool_file(path_, O_CREAT | O_EXCL | O_WRONLY);
     if (fd < 0) {
       error = "cannot make catalog " + path_ + ": " + std::strerror(errno);
       return false;
@@ -380,8 +381,8 @@ private:
     for (Catalog_Statement* statement : {&object_, &folder_id_, &add_folder_, &visit_, &problem_, &deletion_, &set_,
                                          &meta_, &attributes_id_, &add_attributes_})
       *statement = Catalog_Statement();
-    return db_.close(error) && sync_path(path_, O_RDWR, error) && sync_path(folder_, O_RDONLY | O_DIRECTORY, error) &&
-           write_catalog_sum(folder_, error);
+    return db_.close(error) && sync_opened(open_pool_file(path_, O_RDWR), path_, error) &&
+           sync_folder(folder_, error) && write_catalog_sum(folder_, error);
   }
 
   const std::string folder_;

@@ -1,5 +1,6 @@
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/partial_sets.h"
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/file_backup/file_backup.h"
 
@@ -36,7 +37,7 @@ bool media_are_there(const std::string& folder, const std::vector<Set_Record::Me
   for (const Set_Record::Medium& medium : media) {
     const std::string path = folder + "/" + medium.name;
     struct stat status;
-    if (::stat(path.c_str(), &status) != 0) {
+    if (!find_pool_file(path, status)) {
       error = "medium " + path + ": " + std::strerror(errno);
       return false;
     }

@@ -3,6 +3,7 @@
 #include "platform/file_backup/retry.h"
 #include "platform/file_backup/set_catalog.h"
 #include "platform/job/current_job.h"
+#include "platform/pool/pool_files.h"
 #include "sdk/file_backup/file_backup.h"
 #include "sdk/job/job.h"
 
@@ -85,7 +86,7 @@ bool is_merging(const std::string& location, const std::string& pool_uuid, const
   }
   const std::string folder = merge_lock_folder(pool.folder(), minor_resource_id);
   struct stat status;
-  if (folder.empty() || ::stat(folder.c_str(), &status) != 0)
+  if (folder.empty() || !find_pool_file(folder, status))
     return false;
   Set_Lock probe;
   bool busy = false;

@@ -11,6 +11,7 @@
 #include "platform/mtf/merge.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/base/clock.h"
 #include "sdk/base/time_format.h"
@@ -559,7 +560,7 @@ void Backup_Engine::Impl::discard() {
   stays = cut && account.saved_objects() != 0;
   std::string error;
   if (made_folder && worth) {
-    ::unlink((pool.set_folder(uri) + "/" + catalog::FILE_NAME).c_str());
+    remove_pool_file(pool.set_folder(uri) + "/" + catalog::FILE_NAME);
     engine_log(log, LM_INFO, "What is stored so far stays for the next run of the same source.");
   } else if (made_folder && !pool.remove_set(uri, error)) {
     engine_log(log, LM_WARNING, "The unfinished set stays until the next run: " + error + ".");

@@ -7,6 +7,7 @@
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_guard.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/base/time_format.h"
@@ -18,9 +19,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -39,8 +37,8 @@ public:
   Rebuild(const Pool& pool, const std::string& uri, Rebuild_Report& report)
       : pool_(pool), uri_(uri), folder_(pool.set_folder(uri)), work_(folder_ + "/" + WORK_FOLDER), report_(report) {}
   ~Rebuild() {
-    std::error_code ignored;
-    fs::remove_all(work_, ignored);
+    std::string ignored;
+    remove_pool_tree(work_, ignored);
   }
 
   bool run(std::string& error) {
@@ -48,12 +46,12 @@ public:
     const Set_Guard::Outcome held = guard.own(folder_, error);
     if (held == Set_Guard::BUSY || held == Set_Guard::FAILED)
       return false;
-    std::error_code code;
-    fs::remove_all(work_, code);
+    std::string ignored;
+    remove_pool_tree(work_, ignored);
     if (!find_media(error) ||
         !open_set_cipher(pool_, media_.front().set.uuid, media_.front().set.wrapped_key, cipher_, error))
       return false;
-    if (::mkdir(work_.c_str(), 0700) != 0) {
+    if (!make_pool_folder(work_)) {
       error = "cannot make folder " + work_ + ": " + std::strerror(errno);
       return false;
     }
@@ -74,16 +72,17 @@ private:
   }
 
   bool find_media(std::string& error) {
-    std::error_code code;
-    for (fs::directory_iterator it(folder_, code), end; !code && it != end; it.increment(code)) {
+    std::vector<std::string> names;
+    read_pool_folder(folder_, names);
+    for (const std::string& name : names) {
       Found_Medium medium;
-      medium.name = it->path().filename().string();
+      medium.name = name;
       unsigned channel = 0;
       if (std::sscanf(medium.name.c_str(), "channel-%u.mtf", &channel) != 1 || medium_name(channel) != medium.name)
         continue;
       medium.channel = channel;
       std::string why;
-      if (read_medium_set(it->path().string(), medium.set, why))
+      if (read_medium_set(folder_ + "/" + name, medium.set, why))
         media_.push_back(medium);
       else
         problem(why);
@@ -105,9 +104,9 @@ private:
 
   bool take_copy(std::string& error) {
     const std::string path = work_ + "/" + catalog::FILE_NAME;
-    const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+    const int fd = open_pool_file(path, O_CREAT | O_EXCL | O_WRONLY);
     if (fd < 0) {
-      error = path + ": " + std::strerror(errno);
+      error = path + ": " + pool_file_error(errno);
       return false;
     }
     std::string text;
@@ -144,7 +143,7 @@ private:
     copied_ = done && json_spirit::read(text, value, &why) && value.type() == json_spirit::obj_type &&
               Set_Record::from_json(value.get_obj(), from_copy_, why);
     if (!done)
-      ::unlink(path.c_str());
+      remove_pool_file(path);
     return done;
   }
 
@@ -232,10 +231,11 @@ private:
     record.media.clear();
     record.backup_set_storage_size = 0;
     for (const Found_Medium& medium : media_) {
-      std::error_code code;
-      const unsigned long long size = fs::file_size(folder_ + "/" + medium.name, code);
-      record.media.push_back({medium.name, code ? 0 : size, medium.set.family});
-      record.backup_set_storage_size += code ? 0 : size;
+      struct stat status;
+      const unsigned long long size =
+          find_pool_file(folder_ + "/" + medium.name, status) ? static_cast<unsigned long long>(status.st_size) : 0;
+      record.media.push_back({medium.name, size, medium.set.family});
+      record.backup_set_storage_size += size;
     }
     return seal_record(cipher_, record, error);
   }
@@ -252,8 +252,8 @@ private:
   bool install(std::string& error) {
     if (!install_catalog(work_, folder_, error))
       return false;
-    std::error_code ignored;
-    fs::remove_all(work_, ignored);
+    std::string ignored;
+    remove_pool_tree(work_, ignored);
     return write_set_record(folder_, report_.record, error);
   }
 

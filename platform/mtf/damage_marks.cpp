@@ -3,16 +3,14 @@
 #include "platform/catalog/catalog_moves.h"
 #include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
+#include "platform/pool/pool_files.h"
 
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <map>
 #include <vector>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -127,12 +125,12 @@ bool Damage_Marks::mark_rows(Catalog_Db& db, unsigned long long& rows) {
 
 bool Damage_Marks::mark(const Pool& pool, const Set_Record& record, unsigned long long& rows) {
   const std::string folder = pool.set_folder(record.uri), work = folder + "/" + WORK_FOLDER;
-  std::error_code code;
-  fs::remove_all(work, code);
+  std::string ignored;
+  remove_pool_tree(work, ignored);
   Set_Cipher_ptr cipher;
   if (!open_set_cipher(pool, record, cipher, error_))
     return false;
-  bool done = ::mkdir(work.c_str(), 0700) == 0;
+  bool done = make_pool_folder(work);
   if (!done)
     error_ = "cannot make folder " + work + ": " + std::strerror(errno);
   if (done) {
@@ -141,7 +139,7 @@ bool Damage_Marks::mark(const Pool& pool, const Set_Record& record, unsigned lon
            finish_catalog_copy(db, work, error_);
   }
   done = done && install_catalog(work, folder, error_);
-  fs::remove_all(work, code);
+  remove_pool_tree(work, ignored);
   return done;
 }
 

@@ -1,6 +1,7 @@
 #include "platform/mtf/media_feed.h"
 
 #include "platform/catalog/open_catalog.h"
+#include "platform/pool/pool_files.h"
 
 #include <sys/stat.h>
 
@@ -24,8 +25,10 @@ std::string medium_name(unsigned channel) {
 
 std::string medium_problem(const std::string& path, unsigned long long size) {
   struct stat status;
-  if (::stat(path.c_str(), &status) != 0)
-    return errno == ENOENT ? "it is missing" : std::string("it cannot be looked at: ") + std::strerror(errno);
+  if (!find_pool_file(path, status))
+    return errno == ENOENT ? "it is missing" : "it cannot be looked at: " + pool_file_error(errno);
+  if (!S_ISREG(status.st_mode))
+    return "it is no regular file";
   if (static_cast<unsigned long long>(status.st_size) == size)
     return std::string();
   return "it has " + std::to_string(status.st_size) + " bytes instead of " + std::to_string(size);

@@ -1,6 +1,7 @@
 #include "platform/mtf/medium_salvage.h"
 
 #include "platform/mtf/medium_object.h"
+#include "platform/pool/pool_files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,7 +37,7 @@ std::string make_end(const Left_Medium& medium, const Set_Cipher_ptr& cipher) {
 
 /// Cuts the file at `offset`, writes `bytes` there, and makes it durable when there are any.
 bool replace_tail(const std::string& path, unsigned long long offset, const std::string& bytes, std::string& error) {
-  const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  const int fd = open_pool_file(path, O_RDWR);
   size_t done = 0;
   bool good = fd >= 0 && ::ftruncate(fd, static_cast<off_t>(offset)) == 0;
   while (good && done < bytes.size()) {
@@ -74,7 +75,7 @@ Left_Kind look_at_left_medium(Left_Medium& medium, std::string& error) {
   try {
     struct stat status;
     // A link may lead to where nothing is mounted now.
-    if (::lstat(medium.path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+    if (find_pool_file(medium.path, status) && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
       error = medium.path + " is no file, so no medium";
       return Left_Kind::NOTHING;
     }

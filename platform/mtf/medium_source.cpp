@@ -1,6 +1,7 @@
 #include "platform/mtf/medium_source.h"
 
 #include "platform/mtf/sealed_stream.h"
+#include "platform/pool/pool_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -23,14 +24,10 @@ std::shared_ptr<Medium_Source> Medium_Source::open(const std::string& path, std:
   auto source = std::make_shared<Medium_Source>();
   source->cipher_ = cipher;
   source->path_ = path;
-  source->fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  source->fd_ = open_pool_file(path, O_RDONLY);
   struct stat status;
   if (source->fd_ < 0 || ::fstat(source->fd_, &status) != 0) {
-    error = "cannot open the medium " + path + ": " + std::strerror(errno);
-    return nullptr;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    error = path + " is no file, so no medium";
+    error = "cannot open the medium " + path + ": " + pool_file_error(errno);
     return nullptr;
   }
   source->size_ = static_cast<unsigned long long>(status.st_size);

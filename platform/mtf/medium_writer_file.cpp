@@ -1,5 +1,7 @@
 #include "platform/mtf/medium_writer_file.h"
 
+#include "platform/pool/pool_files.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -14,7 +16,7 @@ Medium_Writer_File::~Medium_Writer_File() {
 
 bool Medium_Writer_File::fail(const std::string& what, int error) {
   if (error_.empty()) {
-    error_ = what + " the medium " + path_ + ": " + std::strerror(error);
+    error_ = what + " the medium " + path_ + ": " + pool_file_error(error);
     if (error == ENOSPC || error == EDQUOT || error == EFBIG)
       error_ += "; make room for the pool, or raise the limit that holds it";
   }
@@ -26,7 +28,7 @@ bool Medium_Writer_File::create(const std::string& path) {
   piece_.reset(new (std::nothrow) char[PIECE]);
   if (!piece_)
     return fail("cannot make", ENOMEM);
-  fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  fd_ = open_pool_file(path, O_WRONLY | O_CREAT | O_EXCL);
   return fd_ >= 0 || fail("cannot make", errno);
 }
 
@@ -90,7 +92,7 @@ bool Medium_Writer_File::close() {
     return fail("cannot close", errno);
   const size_t slash = path_.rfind('/');
   const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
-  const int folder_fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int folder_fd = open_pool_folder(folder);
   if (folder_fd < 0)
     return fail("cannot open the folder of", errno);
   const bool durable = ::fsync(folder_fd) == 0 || errno == EINVAL;

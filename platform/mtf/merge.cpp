@@ -8,6 +8,7 @@
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_guard.h"
 #include "sdk/base/clock.h"
 
@@ -357,7 +358,7 @@ private:
     }
     if (!write_set_record(folder_, record, error))
       return false;
-    ::unlink((folder_ + "/" + MERGE_MARK).c_str());
+    remove_pool_file(folder_ + "/" + MERGE_MARK);
     return true;
   }
 
@@ -425,8 +426,8 @@ private:
 /// Makes the catalog of `record` point into the merged set. The old catalog stays until the new one is whole.
 bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged, std::string& error) {
   const std::string folder = pool.set_folder(record.uri), work = folder + "/" + WORK_FOLDER;
-  std::error_code code;
-  fs::remove_all(work, code);
+  std::string ignored;
+  remove_pool_tree(work, ignored);
   Set_Cipher_ptr cipher, merged_cipher;
   if (!open_set_cipher(pool, record, cipher, error) || !open_set_cipher(pool, merged, merged_cipher, error))
     return false;
@@ -436,7 +437,7 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
       error = "the catalog of the merged set " + merged.uuid + " does not say where its data came from";
     return false;
   }
-  bool done = ::mkdir(work.c_str(), 0700) == 0;
+  bool done = make_pool_folder(work);
   if (!done)
     error = "cannot make folder " + work + ": " + std::strerror(errno);
   if (done) {
@@ -446,19 +447,18 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
            finish_catalog_copy(db, work, error);
   }
   done = done && install_catalog(work, folder, error);
-  fs::remove_all(work, code);
+  remove_pool_tree(work, ignored);
   return done;
 }
 
 /// What is called ".tmp" in a set's folder is nobody's any more: whoever made it has lost the pool.
 void remove_temporary(const std::string& folder) {
-  std::error_code code;
-  std::vector<fs::path> found;
-  for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code))
-    if (it->path().extension() == ".tmp")
-      found.push_back(it->path());
-  for (const fs::path& path : found)
-    fs::remove_all(path, code);
+  std::vector<std::string> names;
+  std::string ignored;
+  read_pool_folder(folder, names);
+  for (const std::string& name : names)
+    if (fs::path(name).extension() == ".tmp")
+      remove_pool_tree(folder + "/" + name, ignored);
 }
 
 } // namespace
@@ -474,9 +474,9 @@ bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::
     return false;
   for (const std::string& uri : pool.unfinished(place)) {
     Set_Lock lock;
-    std::error_code code;
+    struct stat status;
     std::string why;
-    if (fs::exists(pool.set_folder(uri) + "/" + MERGE_MARK, code) && pool.lock_unfinished(uri, lock, why) &&
+    if (find_pool_file(pool.set_folder(uri) + "/" + MERGE_MARK, status) && pool.lock_unfinished(uri, lock, why) &&
         !pool.remove_set(uri, why)) {
       error = why;
       return false;
@@ -493,7 +493,7 @@ bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::
   for (const Set_Record& merged : sets) {
     if (merged.replaces.empty())
       continue;
-    ::unlink((pool.set_folder(merged.uri) + "/" + MERGE_MARK).c_str());
+    remove_pool_file(pool.set_folder(merged.uri) + "/" + MERGE_MARK);
     const std::set<std::string> replaced(merged.replaces.begin(), merged.replaces.end());
     for (const Set_Record& other : sets) {
       if (other.uuid == merged.uuid)

@@ -6,6 +6,7 @@
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/medium_salvage.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_guard.h"
 #include "sdk/base/clock.h"
 #include "sdk/base/time_format.h"
@@ -15,9 +16,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -28,7 +26,7 @@ constexpr unsigned MAX_GAP = 256;
 
 bool exists(const std::string& path) {
   struct stat status;
-  return ::lstat(path.c_str(), &status) == 0;
+  return find_pool_file(path, status);
 }
 
 std::string time_text(long long time) {
@@ -38,11 +36,12 @@ std::string time_text(long long time) {
 /// What the files in a folder hold, as far as that can be seen.
 unsigned long long bytes_in(const std::string& folder) {
   unsigned long long bytes = 0;
-  std::error_code code;
-  for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
-    std::error_code none;
-    const auto size = it->file_size(none);
-    bytes += none ? 0 : size;
+  std::vector<std::string> names;
+  read_pool_folder(folder, names);
+  for (const std::string& name : names) {
+    struct stat status;
+    if (find_pool_file(folder + "/" + name, status) && S_ISREG(status.st_mode))
+      bytes += static_cast<unsigned long long>(status.st_size);
   }
   return bytes;
 }
@@ -88,7 +87,7 @@ private:
       Channel one{channel, {}};
       one.medium.path = folder_ + "/" + medium_name(channel);
       struct stat status;
-      if (::lstat(one.medium.path.c_str(), &status) != 0) {
+      if (!find_pool_file(one.medium.path, status)) {
         if (errno == ENOENT)
           continue;
         error = "cannot look at " + one.medium.path + ": " + std::strerror(errno);
@@ -182,23 +181,20 @@ private:
 
   /// The unfinished catalog, media without anything whole, and whatever else the run was about to write.
   void remove_all_but_media() const {
-    std::error_code code;
-    std::vector<fs::path> others;
-    for (fs::directory_iterator it(folder_, code), end; !code && it != end; it.increment(code)) {
-      const std::string name = it->path().filename().string();
+    std::vector<std::string> names;
+    std::string ignored;
+    read_pool_folder(folder_, names);
+    for (const std::string& name : names)
       if (name != Set_Lock::FILE_NAME && std::none_of(media_.begin(), media_.end(), [&](const Channel& one) {
             return medium_name(one.number) == name;
           }))
-        others.push_back(it->path());
-    }
-    for (const fs::path& path : others)
-      fs::remove_all(path, code);
+        remove_pool_tree(folder_ + "/" + name, ignored);
   }
 
   /// Leaves nothing but what is whole. Only a record that is there, and may or may not be durable, forbids it.
   void give_room() const {
     struct stat status;
-    if (::lstat((folder_ + "/" + Set_Record::PARTIAL_FILE_NAME).c_str(), &status) == 0 || errno != ENOENT)
+    if (find_pool_file(folder_ + "/" + Set_Record::PARTIAL_FILE_NAME, status) || errno != ENOENT)
       return;
     remove_all_but_media();
     std::string ignored;

@@ -2,6 +2,7 @@
 
 #include "platform/mtf/codec.h"
 #include "platform/mtf/medium_walker.h"
+#include "platform/pool/pool_files.h"
 
 #include <xxhash.h>
 
@@ -27,6 +28,15 @@ constexpr unsigned long long SEARCH = 1ull << 30;
 struct Close_File {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
+
+/// Null with errno.
+std::FILE* opened(const std::string& path) {
+  const int fd = open_pool_file(path, O_RDONLY);
+  std::FILE* const file = fd < 0 ? nullptr : ::fdopen(fd, "rb");
+  if (fd >= 0 && file == nullptr)
+    ::close(fd);
+  return file;
+}
 
 /// The streams of the end-of-set block behind its check, up to its padding.
 bool for_each_stream(Medium_Window& window, unsigned long long offset,
@@ -136,7 +146,7 @@ bool copied_data(Medium_Window& window, const Medium_Stream& stream, std::string
 // Zeros are put in afterwards.
 bool write_set_copy(const Set_Copy& copy, unsigned long long place, const std::function<bool(const std::string&)>& put,
                     std::string& error) {
-  const std::unique_ptr<std::FILE, Close_File> file(std::fopen(copy.catalog.c_str(), "rb"));
+  const std::unique_ptr<std::FILE, Close_File> file(opened(copy.catalog));
   unsigned long long size = 0;
   if (file && fseeko(file.get(), 0, SEEK_END) == 0) {
     const off_t end = ftello(file.get());
@@ -144,7 +154,7 @@ bool write_set_copy(const Set_Copy& copy, unsigned long long place, const std::f
     std::rewind(file.get());
   }
   if (size == 0) {
-    error = "cannot copy " + copy.catalog + ": " + std::strerror(errno);
+    error = "cannot copy " + copy.catalog + ": " + pool_file_error(errno);
     return false;
   }
   unsigned char fixed[RECORD_FIXED] = {};

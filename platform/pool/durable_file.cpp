@@ -1,5 +1,7 @@
 #include "platform/pool/durable_file.h"
 
+#include "platform/pool/pool_files.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -28,20 +30,24 @@ bool write_durable_file(const std::string& folder, const std::string& name, cons
                         std::string& error) {
   const std::string path = folder + "/" + name;
   const std::string temporary = path + ".tmp";
-  const int fd = ::open(temporary.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
-  bool done = fd >= 0 && write_all(fd, content);
+  // What a killed process left, or somebody else has put there: it is made anew, never written through.
+  bool done = remove_pool_file(temporary) || errno == ENOENT;
+  const int fd = done ? open_pool_file(temporary, O_CREAT | O_EXCL | O_WRONLY) : -1;
+  const std::string failed = fd < 0 ? temporary : path;
+  done = fd >= 0 && write_all(fd, content);
   int code = errno;
   if (fd >= 0 && ::close(fd) != 0 && done) {
     done = false;
     code = errno;
   }
-  if (done && ::rename(temporary.c_str(), path.c_str()) != 0) {
+  if (done && !rename_pool_file(temporary, path)) {
     done = false;
     code = errno;
   }
   if (!done) {
-    error = "cannot write " + path + ": " + std::strerror(code);
-    ::unlink(temporary.c_str());
+    error = "cannot write " + failed + ": " + pool_file_error(code);
+    if (fd >= 0)
+      remove_pool_file(temporary);
     return false;
   }
   return sync_folder(folder, error);
@@ -49,10 +55,10 @@ bool write_durable_file(const std::string& folder, const std::string& name, cons
 
 bool read_small_file(const std::string& path, size_t limit, std::string& content, std::string& error, bool& missing) {
   missing = false;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = open_pool_file(path, O_RDONLY);
   if (fd < 0) {
     missing = errno == ENOENT || errno == ENOTDIR;
-    error = "cannot read " + path + ": " + std::strerror(errno);
+    error = "cannot read " + path + ": " + pool_file_error(errno);
     return false;
   }
   content.clear();
@@ -76,12 +82,12 @@ bool read_small_file(const std::string& path, size_t limit, std::string& content
 }
 
 bool sync_folder(const std::string& folder, std::string& error) {
-  const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int fd = open_pool_folder(folder);
   if (fd >= 0 && ::fsync(fd) == 0) {
     ::close(fd);
     return true;
   }
-  error = "cannot sync " + folder + ": " + std::strerror(errno);
+  error = "cannot sync " + folder + ": " + pool_file_error(errno);
   if (fd >= 0)
     ::close(fd);
   return false;

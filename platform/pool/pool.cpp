@@ -4,6 +4,7 @@
 #include "platform/crypto/base64.h"
 #include "platform/crypto/key_wrap.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_keys.h"
 
 #include <sys/stat.h>
@@ -84,11 +85,16 @@ bool make_folders(const std::string& base, const std::string& uri, std::string& 
   while (slash < uri.size()) {
     slash = std::min(uri.find('/', slash + 1), uri.size());
     const std::string path = base + "/" + uri.substr(0, slash);
-    if (::mkdir(path.c_str(), 0700) == 0) {
+    if (make_pool_folder(path)) {
       if (!sync_folder(path.substr(0, path.rfind('/')), error))
         return false;
     } else if (errno != EEXIST) {
-      error = "cannot make folder " + path + ": " + std::strerror(errno);
+      error = "cannot make folder " + path + ": " + pool_file_error(errno);
+      return false;
+    } else if (const int fd = open_pool_folder(path); fd >= 0) {
+      ::close(fd);
+    } else {
+      error = "cannot use folder " + path + ": " + pool_file_error(errno);
       return false;
     }
   }
@@ -97,14 +103,11 @@ bool make_folders(const std::string& base, const std::string& uri, std::string& 
 
 std::vector<std::string> subfolders(const std::string& folder) {
   std::vector<std::string> names;
-  std::error_code code;
-  for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
-    std::error_code type_code;
-    const std::string name = it->path().filename().string();
-    if (name.front() != '.' && it->symlink_status(type_code).type() == fs::file_type::directory)
-      names.push_back(name);
-  }
-  std::sort(names.begin(), names.end());
+  read_pool_folder(folder, names);
+  std::erase_if(names, [&](const std::string& name) {
+    struct stat status;
+    return name.front() == '.' || !find_pool_file(folder + "/" + name, status) || !S_ISDIR(status.st_mode);
+  });
   return names;
 }
 
@@ -131,7 +134,7 @@ std::vector<std::string> set_uris(const std::string& base, std::string prefix) {
 
 bool exists(const std::string& path) {
   struct stat status;
-  return ::lstat(path.c_str(), &status) == 0;
+  return find_pool_file(path, status);
 }
 
 bool has_record(const std::string& folder) {
@@ -139,12 +142,7 @@ bool has_record(const std::string& folder) {
 }
 
 bool remove_tree(const std::string& path, std::string& error) {
-  std::error_code code;
-  fs::remove_all(path, code);
-  if (!code)
-    return true;
-  error = "cannot remove " + path + ": " + code.message();
-  return false;
+  return remove_pool_tree(path, error);
 }
 
 std::string parent_of(const std::string& uri) {
@@ -173,8 +171,13 @@ bool is_free(const std::string& folder, std::string& error) {
 }
 
 bool make_pool(const std::string& folder, const json_spirit::Object& json, std::string& error) {
+  // The folders above it are made as the operator has it; what is in the pool is nobody else's.
   std::error_code code;
-  fs::create_directories(folder, code);
+  fs::create_directories(fs::path(folder).parent_path(), code);
+  if (!code && ::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+    code = std::error_code(errno, std::generic_category());
+  if (!code && !know_pool_folder(folder))
+    code = std::error_code(errno, std::generic_category());
   if (code) {
     error = "cannot make pool folder " + folder + ": " + code.message();
     return false;
@@ -271,6 +274,8 @@ bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std
   if (!folder_of(url, folder, error))
     return false;
   const std::string path = folder + "/" + POOL_FILE;
+  // A folder that is not there has no pool file either, which is what is told.
+  know_pool_folder(folder);
   if (!read_small_file(path, MAX_POOL_FILE, text, error, missing)) {
     if (missing)
       error = "there is no pool in " + folder + " (no " + POOL_FILE + ")";
@@ -393,7 +398,7 @@ std::shared_ptr<Process_Lock> Pool::lock(std::string& error) const {
   auto lock = Process_Lock::acquire(folder_, "the pool in " + folder_, error);
   if (lock) {
     const std::lock_guard<std::mutex> guard(pool_file_mutex);
-    ::unlink((folder_ + "/" + TORN_POOL_FILE).c_str());
+    remove_pool_file(folder_ + "/" + TORN_POOL_FILE);
   }
   return lock;
 }
@@ -418,8 +423,8 @@ bool Pool::make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string
   if (!parent.acquire(set_folder(parent_of(uri)), true, error))
     return false;
   const std::string path = set_folder(uri);
-  if (::mkdir(path.c_str(), 0700) != 0) {
-    error = "cannot make folder " + path + ": " + std::strerror(errno);
+  if (!make_pool_folder(path)) {
+    error = "cannot make folder " + path + ": " + pool_file_error(errno);
     return false;
   }
   if ((lock == nullptr || lock->acquire(path, false, error)) && sync_folder(set_folder(parent_of(uri)), error))
@@ -482,8 +487,8 @@ bool Pool::remove_set(const std::string& uri, std::string& error) const {
     return true;
   if (exists(aside) && !remove_tree(aside, error))
     return false;
-  if (::rename(path.c_str(), aside.c_str()) != 0) {
-    error = "cannot remove " + path + ": " + std::strerror(errno);
+  if (!rename_pool_file(path, aside)) {
+    error = "cannot remove " + path + ": " + pool_file_error(errno);
     return false;
   }
   return sync_folder(place, error) && remove_tree(aside, error);
@@ -491,12 +496,10 @@ bool Pool::remove_set(const std::string& uri, std::string& error) const {
 
 bool Pool::finish_removals(const std::string& prefix, std::string& error) const {
   bool done = true;
-  std::error_code code;
-  std::vector<std::string> left;
-  for (fs::directory_iterator it(set_folder(prefix), code), end; !code && it != end; it.increment(code))
-    if (it->path().filename().string().compare(0, std::strlen(REMOVED), REMOVED) == 0)
-      left.push_back(it->path().string());
-  for (const std::string& path : left)
-    done = remove_tree(path, error) && done;
+  std::vector<std::string> names;
+  read_pool_folder(set_folder(prefix), names);
+  for (const std::string& name : names)
+    if (name.compare(0, std::strlen(REMOVED), REMOVED) == 0)
+      done = remove_tree(set_folder(prefix) + "/" + name, error) && done;
   return done;
 }

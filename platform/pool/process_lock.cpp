@@ -1,5 +1,7 @@
 #include "platform/pool/process_lock.h"
 
+#include "platform/pool/pool_files.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -55,15 +57,15 @@ std::shared_ptr<Process_Lock> Process_Lock::acquire(const std::string& folder, c
   const std::string path = folder + "/" + FILE_NAME;
   const std::lock_guard<std::mutex> guard(held_mutex);
   struct stat status;
-  if (::stat(path.c_str(), &status) == 0) {
+  if (find_pool_file(path, status)) {
     const auto found = held().find({status.st_dev, status.st_ino});
     if (found != held().end())
       if (std::shared_ptr<Process_Lock> mine = found->second.lock())
         return mine;
   }
-  const int fd = ::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  const int fd = open_pool_file(path, O_CREAT | O_RDWR);
   if (fd < 0 || ::fstat(fd, &status) != 0) {
-    error = "cannot lock " + what + ": " + path + ": " + std::strerror(errno);
+    error = "cannot lock " + what + ": " + path + ": " + pool_file_error(errno);
     if (fd >= 0)
       ::close(fd);
     return nullptr;

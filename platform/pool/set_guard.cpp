@@ -1,5 +1,6 @@
 #include "platform/pool/set_guard.h"
 
+#include "platform/pool/pool_files.h"
 #include "platform/pool/set_record.h"
 
 #include <fcntl.h>
@@ -31,14 +32,15 @@ Set_Guard::Outcome Set_Guard::take(const std::string& folder, bool alone, std::s
   release();
   for (;;) {
     std::string path = folder + "/" + Set_Record::FILE_NAME;
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = open_pool_file(path, O_RDONLY);
     if (fd < 0 && errno == ENOENT) {
       path = folder + "/" + Set_Record::PARTIAL_FILE_NAME;
-      fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      fd = open_pool_file(path, O_RDONLY);
     }
     if (fd < 0) {
-      error = "cannot lock " + path + ": " + std::strerror(errno);
-      return errno == ENOENT || errno == ENOTDIR ? MISSING : FAILED;
+      const int code = errno;
+      error = "cannot lock " + path + ": " + pool_file_error(code);
+      return code == ENOENT || code == ENOTDIR ? MISSING : FAILED;
     }
     int result;
     do {
@@ -54,7 +56,7 @@ Set_Guard::Outcome Set_Guard::take(const std::string& folder, bool alone, std::s
     }
     // The record may have been removed or written anew since it was opened.
     struct stat mine, there;
-    if (::fstat(fd, &mine) == 0 && ::stat(path.c_str(), &there) == 0 && mine.st_ino == there.st_ino &&
+    if (::fstat(fd, &mine) == 0 && find_pool_file(path, there) && mine.st_ino == there.st_ino &&
         mine.st_dev == there.st_dev) {
       fd_ = fd;
       return HELD;

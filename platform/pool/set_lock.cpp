@@ -1,5 +1,7 @@
 #include "platform/pool/set_lock.h"
 
+#include "platform/pool/pool_files.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -26,9 +28,9 @@ bool Set_Lock::acquire(const std::string& folder, bool wait, std::string& error,
     *busy = false;
   const std::string path = folder + "/" + FILE_NAME;
   for (;;) {
-    const int fd = ::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    const int fd = open_pool_file(path, O_CREAT | O_RDWR);
     if (fd < 0) {
-      error = "cannot lock " + folder + ": " + std::strerror(errno);
+      error = "cannot lock " + folder + ": " + path + ": " + pool_file_error(errno);
       return false;
     }
     int result;
@@ -46,7 +48,7 @@ bool Set_Lock::acquire(const std::string& folder, bool wait, std::string& error,
     }
     // The holder before us may have removed the file while we waited: then the lock is on nothing.
     struct stat mine, there;
-    if (::fstat(fd, &mine) == 0 && ::stat(path.c_str(), &there) == 0 && mine.st_ino == there.st_ino &&
+    if (::fstat(fd, &mine) == 0 && find_pool_file(path, there) && mine.st_ino == there.st_ino &&
         mine.st_dev == there.st_dev) {
       fd_ = fd;
       path_ = path;
@@ -59,7 +61,7 @@ bool Set_Lock::acquire(const std::string& folder, bool wait, std::string& error,
 void Set_Lock::release() {
   if (fd_ < 0)
     return;
-  ::unlink(path_.c_str());
+  remove_pool_file(path_);
   ::close(fd_);
   fd_ = -1;
 }

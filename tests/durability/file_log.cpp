@@ -35,6 +35,11 @@ std::string path_of(int fd) {
   return size > 0 ? std::string(path, static_cast<size_t>(size)) : std::string();
 }
 
+/// Before the call that may take the name away.
+std::string path_at(int folder, const char* name) {
+  return name[0] == '/' || folder == AT_FDCWD ? name : path_of(folder) + '/' + name;
+}
+
 bool is_below(const std::string& path) {
   return root != nullptr && path.compare(0, std::strlen(root), root) == 0;
 }
@@ -132,6 +137,11 @@ int mkdir(const char* path, mode_t mode) noexcept {
   return told(real(path, mode), "mkdir", path);
 }
 
+int mkdirat(int folder, const char* name, mode_t mode) noexcept {
+  NEXT(mkdirat);
+  return told(real(folder, name, mode), "mkdir", path_at(folder, name).c_str());
+}
+
 int unlink(const char* path) noexcept {
   NEXT(unlink);
   return told(real(path), "unlink", path);
@@ -149,8 +159,7 @@ int remove(const char* path) noexcept {
 
 int unlinkat(int folder, const char* name, int flags) noexcept {
   NEXT(unlinkat);
-  const std::string path = name[0] == '/' ? name : path_of(folder) + '/' + name;
-  return told(real(folder, name, flags), "unlink", path.c_str());
+  return told(real(folder, name, flags), "unlink", path_at(folder, name).c_str());
 }
 
 int rename(const char* from, const char* to) noexcept {
@@ -158,6 +167,15 @@ int rename(const char* from, const char* to) noexcept {
   const int result = real(from, to);
   if (result == 0 && is_below(to))
     tell(std::string("rename ") + from + '\t' + to);
+  return result;
+}
+
+int renameat(int from_folder, const char* from_name, int to_folder, const char* to_name) noexcept {
+  NEXT(renameat);
+  const std::string from = path_at(from_folder, from_name), to = path_at(to_folder, to_name);
+  const int result = real(from_folder, from_name, to_folder, to_name);
+  if (result == 0 && is_below(to))
+    tell("rename " + from + '\t' + to);
   return result;
 }
 
