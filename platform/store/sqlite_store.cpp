@@ -28,10 +28,24 @@ public:
     }
     if (result != 0)
       error = "cannot use the state folder " + folder + ": " + std::strerror(errno);
-    return result == 0;
+    return result == 0 && is_ours(folder, error);
   }
 
 private:
+  /// Who else may write there could put a database of its own in place, with accounts, pools and keys.
+  bool is_ours(const std::string& folder, std::string& error) const {
+    struct stat status;
+    if (::fstat(fd_, &status) != 0)
+      error = "cannot use the state folder " + folder + ": " + std::strerror(errno);
+    else if (status.st_uid != ::geteuid() && status.st_uid != 0)
+      error = "the state folder " + folder + " belongs to another user (" + std::to_string(status.st_uid) + ")";
+    else if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+      error = "others may write to the state folder " + folder + ": take that away with chmod go-w";
+    else
+      return true;
+    return false;
+  }
+
   int fd_ = -1;
 };
 

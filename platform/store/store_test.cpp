@@ -627,6 +627,22 @@ TEST(sqlite_store, folder_and_files_are_for_the_owner_alone) {
     EXPECT_EQ(0600u, mode_of(entry.path().string())) << entry.path();
 }
 
+TEST(sqlite_store, a_folder_that_others_may_write_to_is_refused_by_name) {
+  const Folder folder;
+  const std::string state = folder / "state";
+  for (const mode_t mode : {0770u, 0720u, 0702u, 01777u}) {
+    std::filesystem::create_directory(state);
+    ASSERT_EQ(0, ::chmod(state.c_str(), mode));
+    std::string error;
+    EXPECT_FALSE(SQLite_Store::open(state, error)) << mode;
+    EXPECT_NE(std::string::npos, error.find("others may write to the state folder " + state)) << error;
+    EXPECT_TRUE(std::filesystem::is_empty(state));
+  }
+  ASSERT_EQ(0, ::chmod(state.c_str(), 0755));
+  std::string error;
+  EXPECT_TRUE(SQLite_Store::open(state, error)) << error;
+}
+
 TEST(sqlite_store, a_database_that_others_could_read_is_closed_to_them) {
   Folder folder;
   std::string error;
