@@ -3,6 +3,7 @@
 #include "agent/cancel_signals.h"
 #include "platform/crypto/master_key.h"
 #include "platform/file_backup/entry_query_handler.h"
+#include "platform/file_backup/proxy_secret.h"
 #include "platform/file_backup/set_catalog.h"
 #include "platform/job/state_folder.h"
 
@@ -100,6 +101,10 @@ Account Context::account(const std::string& name) {
     throw Command_Error(error);
   if (!found)
     throw Command_Error("there is no account '" + name + "'");
+  // As older versions left it. Where it cannot be kept like that now, it is at the next time.
+  const std::string proxy = account.proxy;
+  if (seal_proxy(account.proxy, error) && account.proxy != proxy)
+    store().update_account(account, error);
   return account;
 }
 

@@ -3,6 +3,7 @@
 #include "agent/entry.h"
 
 #include "platform/crypto/secret.h"
+#include "platform/file_backup/proxy_secret.h"
 #include "platform/s3/vendor_presets.h"
 #include "sdk/job/job_definition.h"
 
@@ -67,6 +68,8 @@ void complete(Account& account, const Account_Arguments& arguments) {
   account.ca_file = whole_path("CA file", account.ca_file);
   account.client_cert = whole_path("client certificate", account.client_cert);
   account.client_key = whole_path("client key", account.client_key);
+  if (!seal_proxy(account.proxy, error))
+    throw Command_Error("the proxy's password cannot be sealed: " + error);
   if (!account.client_key.empty() && account.client_cert.empty())
     throw Command_Error("a client key needs its certificate: give --client-cert");
   if (!arguments.secret_key_file.empty() &&
@@ -104,7 +107,7 @@ json_spirit::Object account_json(const Account& account) {
   json["payload_signing"] = account.payload_signing;
   json["client_cert"] = account.client_cert;
   json["client_key"] = account.client_key;
-  json["proxy"] = account.proxy;
+  json["proxy"] = shown_proxy(account.proxy);
   json["connect_timeout"] = static_cast<int>(account.connect_timeout);
   json["idle_timeout"] = static_cast<int>(account.idle_timeout);
   json["user_agent"] = account.user_agent;

@@ -1,5 +1,6 @@
 #include "platform/file_backup/entry_query_handler.h"
 
+#include "platform/file_backup/proxy_secret.h"
 #include "platform/s3/endpoint_settings.h"
 #include "platform/store/store.h"
 #include "sdk/base/uri.h"
@@ -52,7 +53,13 @@ bool register_endpoint(const Account& account) {
   settings.ca_file = account.ca_file;
   settings.client_cert = account.client_cert;
   settings.client_key = account.client_key;
-  settings.proxy = account.proxy;
+  std::string error;
+  if (!open_proxy(account.proxy, settings.proxy, error)) {
+    // Never without it: what is sealed is no proxy's address, and every request fails at it.
+    ACE_ERROR(
+        (LM_ERROR, ACE_TEXT("The proxy of account '%C' cannot be opened: %C.\n"), account.name.c_str(), error.c_str()));
+    settings.proxy = account.proxy;
+  }
   settings.connect_timeout = account.connect_timeout ? account.connect_timeout : defaults.connect_timeout;
   settings.idle_timeout = account.idle_timeout ? account.idle_timeout : defaults.idle_timeout;
   settings.user_agent = account.user_agent;
