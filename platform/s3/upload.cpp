@@ -15,10 +15,49 @@
 #include <cerrno>
 #include <climits>
 #include <limits>
+#include <mutex>
+#include <set>
 #include <vector>
 
 namespace s3 {
 namespace {
+
+/// Services whose ETags turned out to be something else than the MD5 of what they were sent, as long as the process
+/// runs.
+class Services_With_Other_ETags {
+public:
+  static bool know(const Address& address) {
+    const std::lock_guard<std::mutex> guard(mutex());
+    return all().count(name(address)) != 0;
+  }
+  static void learn(const Address& address) {
+    const std::lock_guard<std::mutex> guard(mutex());
+    all().insert(name(address));
+  }
+
+private:
+  static std::string name(const Address& address) { return address.host + ':' + std::to_string(address.port); }
+  static std::mutex& mutex() {
+    static std::mutex* guards_all = new std::mutex;
+    return *guards_all;
+  }
+  static std::set<std::string>& all() {
+    static std::set<std::string>* names = new std::set<std::string>;
+    return *names;
+  }
+};
+
+/// The ETag where it has the form of an MD5 and no encryption makes it something else; else empty.
+std::string md5_of_etag(const HTTP_Head& head) {
+  const std::string& encryption = head.value("x-amz-server-side-encryption");
+  if ((!encryption.empty() && encryption != "AES256") ||
+      head.find("x-amz-server-side-encryption-customer-algorithm") != nullptr)
+    return std::string();
+  Object_Attributes attributes;
+  attributes.etag = head.value("etag");
+  std::erase(attributes.etag, '"');
+  return attributes.content_md5();
+}
 
 /// What both kinds of upload share: the declared size, the piece that is being filled, and the object's attributes.
 class Upload : public S3_IWriter, public S3_Attribute_Report {
@@ -148,8 +187,50 @@ protected:
     if (!outcome.ok())
       return give_up(outcome.error);
     sent(buffer_.size());
+    if (const S3_Error other = check_stored(outcome.head); other.number() != 0)
+      return give_up(other);
     give_extras(false);
     return true;
+  }
+
+private:
+  /// The ETag of what was stored at once is the MD5 of its bytes with most services. Where it is not the one of what
+  /// was sent, the object is read again, once for each service: it may only be that this one counts otherwise.
+  S3_Error check_stored(const HTTP_Head& head) {
+    const std::string etag = md5_of_etag(head);
+    if (etag.empty() || etag == attributes_.content_md5())
+      return S3_Error();
+    const std::string sent = to_hex(md5(buffer_));
+    const Address address = transport_.endpoint().address(bucket_);
+    if (sent.empty() || etag == sent || Services_With_Other_ETags::know(address))
+      return S3_Error();
+    Outcome outcome;
+    const Curl_Connection_ref connection = transport_.open(request("GET"), outcome);
+    if (!connection || !outcome.ok()) {
+      ACE_ERROR((LM_WARNING,
+                 ACE_TEXT("Whether object '%C' in bucket '%C' was stored as it was sent cannot be told, error: %C.\n"),
+                 key_.c_str(), bucket_.c_str(), outcome.error.text().c_str()));
+      return S3_Error();
+    }
+    if (holds_buffer(*connection)) {
+      Services_With_Other_ETags::learn(address);
+      return S3_Error();
+    }
+    return S3_Error(EIO, head.status, "StoredOtherBytes",
+                    "the service stored other bytes than it was sent: its ETag is " + etag +
+                        ", the MD5 of what was sent " + sent + " (" + transport_.describe(request("PUT")) + ")",
+                    false);
+  }
+
+  bool holds_buffer(Curl_Connection& connection) const {
+    std::vector<char> piece(64 * 1024);
+    size_t at = 0, got;
+    while ((got = connection.read(piece.data(), piece.size())) > 0) {
+      if (got > buffer_.size() - at || buffer_.compare(at, got, piece.data(), got) != 0)
+        return false;
+      at += got;
+    }
+    return at == buffer_.size() && connection.failure().code == 0 && !connection.failure().cancelled;
   }
 };
 
