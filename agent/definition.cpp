@@ -99,6 +99,7 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
   reader.number("max_seconds_retry", settings.max_seconds_retry);
   reader.number("readers", settings.readers);
   reader.number("rate_limit", settings.rate_limit);
+  reader.flag("only_different", settings.only_different);
   reader.text("archived", settings.archived);
   if (settings.archived != "" && settings.archived != "skip" && settings.archived != "fail" &&
       settings.archived != "request")

@@ -1,5 +1,6 @@
 #include "sdk/mtf/backup_callback.h"
 #include "sdk/mtf/file_attributes.h"
+#include "sdk/mtf/file_replacement.h"
 #include "sdk/mtf/filter.h"
 #include "sdk/mtf/metadata.h"
 #include "sdk/mtf/restore_callback.h"
@@ -19,6 +20,10 @@ IFile_Reader::~IFile_Reader() = default;
 IFile_Attributes_Source::~IFile_Attributes_Source() = default;
 
 IFile_Attributes_Sink::~IFile_Attributes_Sink() = default;
+
+IFile_Replacement::~IFile_Replacement() = default;
+
+IFile_Comparison::~IFile_Comparison() = default;
 
 ISrc_Lister::~ISrc_Lister() = default;
 

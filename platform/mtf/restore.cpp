@@ -80,8 +80,10 @@ void MTF_Restore::cache_path(const std::string& path) {
 
 bool MTF_Restore::restore(const std::string& target) {
   Impl& i = *impl_;
-  if (Job* const job = Job::current())
+  if (Job* const job = Job::current()) {
     i.order.set_uuid = job->definition().set_uuid();
+    i.order.only_different = job->definition().only_different();
+  }
   if (i.order.uri_prefix.empty())
     i.order.uri_prefix = i.backup_host_uuid + "/" + i.order.minor_resource_id;
   i.engine.reset(new Restore_Engine(i.order, i.handler, i.log));

@@ -6,6 +6,7 @@
 #include "sdk/mtf/restore_callback.h"
 
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -13,31 +14,44 @@
 #include <string>
 #include <vector>
 
-/// Lets a number of threads pass at the same time. Any thread.
-class Write_Gate {
+/// An object on its way from the thread that read and verified it to the one that writes it. Once: whatever way it
+/// takes out, the account has it.
+struct Prepared_Object {
+  Media_Task task;
+  std::string path; ///< of the target
+  std::optional<Memory_Shares::Share> share;
+  std::vector<char> buffer;
+  size_t filled = 0; ///< bytes of content in `buffer`
+  Stored_Reading reading;
+  Read_Outcome outcome = Read_Outcome::MORE;
+};
+
+/// Where objects change hands: who brings one waits until it is taken. Any thread.
+class Restore_Handover {
 public:
-  /// Before the first thread comes.
-  void open(unsigned count) { left_ = count; }
-  void enter() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    freed_.wait(lock, [this] { return left_ != 0; });
-    --left_;
-  }
-  void leave() {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    ++left_;
-    freed_.notify_one();
-  }
+  /// Before the first thread comes: how many threads bring objects. Each leaves once.
+  void open(unsigned givers) { givers_ = givers; }
+  /// False when it was stopped before the object was taken; the object is then let go.
+  bool give(std::unique_ptr<Prepared_Object> object);
+  void leave();
+  /// The next object; null when nobody brings one any more, or once stopped.
+  std::unique_ptr<Prepared_Object> take();
+  void stop();
 
 private:
-  std::mutex mutex_; ///< guards `left_`
-  std::condition_variable freed_;
-  unsigned left_ = 1;
+  std::mutex mutex_; ///< guards what follows
+  std::condition_variable changed_;
+  std::deque<std::unique_ptr<Prepared_Object>> waiting_;
+  unsigned long long given_ = 0;
+  unsigned long long taken_ = 0;
+  unsigned givers_ = 0;
+  bool stopped_ = false;
 };
 
 /// What all channels of a restore share. Outlives them.
 struct Restore_Shared {
   MTF_FS::IPath_Converter_var converter;
+  bool only_different = false; ///< what is known to be there already is left as it is
   Media_Feed* feed = nullptr;
   Run_Account* account = nullptr;
   std::shared_ptr<S3_Ledger> ledger; ///< of the job; null where there is none
@@ -47,12 +61,29 @@ struct Restore_Shared {
   std::function<bool()> wait_while_paused; ///< false once the run has to end
   /// Whether the run is being cut short, so that an object which fails says nothing about itself.
   std::function<bool()> cut = [] { return false; };
-  /// Of the channels only so many write: while these wait for their service, as many others read and verify the next
-  /// objects and clear the way for them, which is a request of its own.
-  Write_Gate writing;
+  Restore_Handover handover;
 };
 
-/// One channel of a restore: takes objects from the feed, verifies them and hands them to its callback's writers.
+/// Takes objects from the feed, applies the policy for what is there, reads and verifies them, and hands them over. It
+/// touches no target, so that it may be ahead of the channels.
+class Restore_Reading {
+public:
+  explicit Restore_Reading(Restore_Shared& shared) : shared_(shared) {}
+
+  /// Body of the thread.
+  void run();
+
+private:
+  std::unique_ptr<Prepared_Object> prepare(const Media_Task& task);
+  bool is_wanted(const Media_Task& task, std::string& path);
+  bool is_there(const Prepared_Object& object);
+  bool could_look(const Media_Task& task);
+
+  Restore_Shared& shared_;
+};
+
+/// One channel of a restore: takes the objects that are handed over and gives them to its callback's writers, one at a
+/// time.
 class Restore_Channel {
 public:
   Restore_Channel(Restore_Shared& shared, MTF::IRestore_Callback_var callback) : shared_(shared), callback_(callback) {}
@@ -61,16 +92,9 @@ public:
   void run();
 
 private:
-  void restore(const Media_Task& task);
-  bool replace(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
-               Read_Outcome outcome, std::vector<std::string>& not_given);
-  bool write(const Media_Task& task, const std::string& path, Stored_Reading& reading, size_t first,
-             Read_Outcome outcome, std::vector<std::string>& not_given);
-  void skip(const Media_Task& task, const std::string& message);
-  void fail(const Media_Task& task, const std::string& message, int number = 0);
-  std::optional<S3_Error> take_failure();
+  bool write(Prepared_Object& object, std::vector<std::string>& not_given);
+  bool clear_the_way(const Prepared_Object& object, const MTF::IFile_Writer& writer);
 
   Restore_Shared& shared_;
   MTF::IRestore_Callback_var callback_;
-  std::vector<char> buffer_;
 };

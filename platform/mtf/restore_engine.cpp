@@ -200,6 +200,7 @@ void Restore_Engine::Impl::fail(Error_Code why, const std::string& text) {
     engine_log(log, LM_ERROR, text);
   if (feed)
     feed->stop();
+  shared.handover.stop();
 }
 
 bool Restore_Engine::Impl::wait_while_paused() {
@@ -287,9 +288,10 @@ bool Restore_Engine::Impl::restore_objects() {
     return false;
   }
   const unsigned wanted = order.concurrent == 0 ? DEFAULT_CONCURRENT : std::min(order.concurrent, MAX_CONCURRENT);
-  const unsigned count = static_cast<unsigned>(std::clamp<unsigned long long>(selected, 1, 2 * wanted));
-  shared.writing.open(wanted);
+  const unsigned count = static_cast<unsigned>(std::clamp<unsigned long long>(selected, 1, wanted));
+  shared.handover.open(count);
   shared.converter = order.converter;
+  shared.only_different = order.only_different;
   shared.feed = feed.get();
   shared.account = &account;
   shared.ledger = ledger;
@@ -306,9 +308,13 @@ bool Restore_Engine::Impl::restore_objects() {
           fail(E_NO_SET, error);
       },
       failed);
-  for (unsigned i = 0; i < count; ++i)
+  // While a channel waits for its service another thread reads and verifies what the next one is going to write.
+  for (unsigned i = 0; i < count; ++i) {
+    threads.start(
+        "Restore read " + std::to_string(i), [this] { Restore_Reading(shared).run(); }, failed);
     threads.start(
         "Restore " + std::to_string(i), [this] { channel(); }, failed);
+  }
   threads.join([this](bool tell) { supervise(tell); });
   for (const std::string& finding : feed->findings())
     engine_log(log, LM_ERROR, finding);

@@ -21,6 +21,8 @@ struct Restore_Order {
   std::string set_uuid;       ///< of the set, or of one whose place it took in a merge; empty: any
   std::list<json_spirit::Value> select;
   unsigned concurrent = 16; ///< objects written at the same time
+  /// What the converter knows to be there already, with the same content, is not written (IFile_Comparison).
+  bool only_different = false;
   /// Bytes of memory for objects that are verified whole before they are written, over all channels.
   size_t byte_budget = 64u << 20;
 };

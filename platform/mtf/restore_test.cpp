@@ -6,6 +6,7 @@
 #include "platform/mtf/restore_engine.h"
 #include "platform/mtf/verify.h"
 #include "platform/pool/set_keys.h"
+#include "sdk/mtf/file_replacement.h"
 
 #include <gtest/gtest.h>
 
@@ -30,7 +31,9 @@ struct Fake_Target {
   std::atomic<int> callbacks{-1};            ///< how many may still be made; negative: any number
   std::atomic<unsigned> made{0};
   std::function<void()> on_open;
-  unsigned writers = 0; ///< that are there now
+  int replaces = -1;              ///< what writers say about it; negative: they say nothing
+  std::vector<std::string> steps; ///< "unlink PATH", "open PATH", "close PATH", "let go PATH" in their order
+  unsigned writers = 0;           ///< that are there now
   unsigned most_writers = 0;
 };
 
@@ -43,12 +46,14 @@ public:
   ~Fake_Writer() override {
     const std::lock_guard<std::mutex> guard(target_.mutex);
     --target_.writers;
+    target_.steps.push_back("let go " + path_);
   }
   Error_Code open(const char* path, ACE_UINT64 size) override {
     if (target_.on_open)
       target_.on_open();
     path_ = path;
     size_ = size;
+    step("open ");
     if (fails("open failed"))
       return E_FAILED;
     open_ = !fails("open");
@@ -63,6 +68,7 @@ public:
   }
   Error_Code close() override {
     open_ = false;
+    step("close ");
     if (data_.size() != size_ || fails("close"))
       return E_SKIP;
     std::lock_guard<std::mutex> guard(target_.mutex);
@@ -71,6 +77,10 @@ public:
   }
 
 private:
+  void step(const std::string& what) {
+    const std::lock_guard<std::mutex> guard(target_.mutex);
+    target_.steps.push_back(what + path_);
+  }
   bool fails(const std::string& where) {
     std::lock_guard<std::mutex> guard(target_.mutex);
     const auto found = target_.broken.find(path_);
@@ -83,12 +93,22 @@ private:
   bool open_ = false;
 };
 
+class Replacing_Writer : public Fake_Writer, public IFile_Replacement {
+public:
+  Replacing_Writer(Fake_Target& target, bool replaces) : Fake_Writer(target), replaces_(replaces) {}
+  bool replaces_at_close() const override { return replaces_; }
+
+private:
+  const bool replaces_;
+};
+
 class Fake_Restore_Callback : public Restore_Callback_Base {
 public:
   explicit Fake_Restore_Callback(Fake_Target& target) : target_(target) {}
   char directory_separator() override { return '/'; }
   bool unlink(const char* path) override {
     std::lock_guard<std::mutex> guard(target_.mutex);
+    target_.steps.push_back(std::string("unlink ") + path);
     const auto found = target_.broken.find(path);
     if (found != target_.broken.end() && found->second == "unlink")
       return false;
@@ -96,7 +116,11 @@ public:
     target_.objects.erase(path);
     return true;
   }
-  IFile_Writer_var make_file_writer() override { return IFile_Writer_var(new Fake_Writer(target_)); }
+  IFile_Writer_var make_file_writer() override {
+    if (target_.replaces < 0)
+      return IFile_Writer_var(new Fake_Writer(target_));
+    return IFile_Writer_var(new Replacing_Writer(target_, target_.replaces != 0));
+  }
 
 private:
   Fake_Target& target_;
@@ -132,6 +156,17 @@ public:
 
 private:
   std::function<Error_Code(std::string&, time_t)> rule_;
+};
+
+/// A policy that can compare as well.
+class Comparing_Policy : public Policy, public IFile_Comparison {
+public:
+  Comparing_Policy(Error_Code result, std::function<bool(const std::string&, ACE_UINT64)> same)
+      : Policy([result](std::string&, time_t) { return result; }), same_(std::move(same)) {}
+  bool is_same(const char* path, ACE_UINT64 size, const File_Attributes&) const override { return same_(path, size); }
+
+private:
+  std::function<bool(const std::string&, ACE_UINT64)> same_;
 };
 
 /// Plain and encrypted.
@@ -209,6 +244,16 @@ protected:
   /// The first two objects are read at the same time, so by different channels.
   void use_both_channels() {
     source_.on_open = [this](const std::string&) {
+      std::unique_lock<std::mutex> lock(both_);
+      if (++inside_ == 2)
+        met_.notify_all();
+      met_.wait(lock, [this] { return inside_ >= 2; });
+    };
+  }
+
+  /// The first two objects are written at the same time, so by different channels.
+  void use_both_writers() {
+    target_.on_open = [this] {
       std::unique_lock<std::mutex> lock(both_);
       if (++inside_ == 2)
         met_.notify_all();
@@ -328,8 +373,7 @@ TEST_P(Restore, everything_comes_back_byte_for_byte) {
   expect_restored(all());
   EXPECT_EQ(153u, events_->figure("saved"));
   EXPECT_EQ(153u, events_->figure("listed"));
-  // As many again clear the way for the next objects.
-  EXPECT_EQ(8u, target_.made);
+  EXPECT_EQ(4u, target_.made);
 }
 
 // Of a plain object that is larger than what is read at once, the checks that stand behind the content come first: no
@@ -404,22 +448,96 @@ TEST_P(Restore, media_are_read_once_and_in_order) {
   EXPECT_GE(bytes, stored - 1024 * 122);
 }
 
-TEST_P(Restore, writers_are_as_many_as_asked_for_while_others_clear_the_way) {
+TEST_P(Restore, channels_are_as_many_as_asked_for_each_with_a_callback_of_its_own) {
   fill(100, 1000);
   back_up();
   order_.concurrent = 2;
-  // The first writer waits until objects were removed by channels that may not write yet.
-  target_.on_open = [&] {
-    std::unique_lock<std::mutex> lock(target_.mutex);
-    while (target_.unlinked.size() < 4) {
-      lock.unlock();
-      std::this_thread::yield();
-      lock.lock();
-    }
-  };
+  // Both channels stand with an object in hand until the other one does, so neither does all the work.
+  use_both_writers();
   ASSERT_TRUE(run()) << engine_->failure();
   expect_restored(all());
   EXPECT_EQ(2u, target_.most_writers);
+  EXPECT_EQ(2u, target_.made);
+}
+
+TEST_P(Restore, next_object_is_read_while_one_is_written_and_nothing_else_is_removed_meanwhile) {
+  fill(10, 1000);
+  back_up();
+  order_.concurrent = 1;
+  std::atomic<unsigned> looked_at{0};
+  order_.converter = MTF_FS::IPath_Converter_var(new Policy([&](std::string&, time_t) {
+    ++looked_at;
+    return E_OK;
+  }));
+  std::vector<size_t> removed;
+  target_.on_open = [&] {
+    const unsigned opened = static_cast<unsigned>(removed.size()) + 1;
+    while (looked_at < std::min(opened + 1, 10u))
+      std::this_thread::yield();
+    removed.push_back(target_.unlinked.size());
+  };
+  ASSERT_TRUE(run()) << engine_->failure();
+  expect_restored(all());
+  ASSERT_EQ(10u, removed.size());
+  for (size_t i = 0; i < removed.size(); ++i)
+    EXPECT_EQ(i + 1, removed[i]) << "removed when object " << i << " is opened";
+  // Of each object: removed, opened, closed, and only then the next one.
+  ASSERT_EQ(40u, target_.steps.size());
+  for (size_t i = 0; i < target_.steps.size(); i += 4) {
+    const std::string path = target_.steps[i].substr(7);
+    EXPECT_EQ("unlink " + path, target_.steps[i]);
+    EXPECT_EQ("open " + path, target_.steps[i + 1]);
+    EXPECT_EQ("close " + path, target_.steps[i + 2]);
+    EXPECT_EQ("let go " + path, target_.steps[i + 3]);
+  }
+}
+
+TEST_P(Restore, nothing_is_removed_for_a_writer_that_replaces_at_close) {
+  fill(20, 100);
+  back_up();
+  target_.replaces = 1;
+  target_.broken = {{"/b/d0/o102", "open"}, {"/b/d0/o103", "close"}, {"/b/d0/o104", "open failed"}};
+  for (const std::string& path : source_.order)
+    target_.objects["/" + path] = "the old one";
+  ASSERT_TRUE(run());
+  EXPECT_EQ(std::vector<std::string>(), target_.unlinked);
+  for (const auto& [path, data] : target_.objects)
+    EXPECT_EQ(target_.broken.count(path) != 0 ? "the old one" : source_.objects[path.substr(1)].data, data) << path;
+  EXPECT_EQ(17u, events_->figure("saved"));
+}
+
+TEST_P(Restore, writer_that_says_it_does_not_replace_has_its_target_removed) {
+  fill(5, 100);
+  back_up();
+  target_.replaces = 0;
+  ASSERT_TRUE(run());
+  EXPECT_EQ(5u, target_.unlinked.size());
+  expect_restored(all());
+}
+
+TEST_P(Restore, only_what_is_not_known_to_be_the_same_is_written_where_that_is_wanted) {
+  fill(20, 100);
+  back_up();
+  const auto comparing = [this](Error_Code policy) {
+    return MTF_FS::IPath_Converter_var(new Comparing_Policy(policy, [this](const std::string& path, ACE_UINT64 size) {
+      EXPECT_EQ(source_.objects[path.substr(1)].data.size(), size) << path;
+      return path != "/b/d0/o103";
+    }));
+  };
+  order_.converter = comparing(E_OK);
+  ASSERT_TRUE(run());
+  EXPECT_EQ(20u, events_->figure("saved")) << "not asked unless it is wanted";
+  target_.objects.clear();
+  order_.only_different = true;
+  ASSERT_TRUE(run());
+  EXPECT_EQ(E_OK, engine_->err_code());
+  EXPECT_EQ(1u, target_.objects.count("/b/d0/o103"));
+  EXPECT_EQ(1u, target_.objects.size());
+  target_.objects.clear();
+  // A converter that cannot compare has everything written.
+  order_.converter = MTF_FS::IPath_Converter_var(new Policy([](std::string&, time_t) { return E_OK; }));
+  ASSERT_TRUE(run());
+  expect_restored(all());
 }
 
 TEST_P(Restore, objects_larger_than_the_budget_are_streamed) {

@@ -34,6 +34,7 @@ public:
     bool server_side_dedup = false;
     /// Restore: uuid of the set that `source` means by its number; empty: the number alone says it.
     std::string set_uuid;
+    bool only_different = false; ///< restore: objects that are there already with the same content are not written
     Job_Target target;
   };
 
@@ -64,6 +65,7 @@ public:
   unsigned readers() const { return settings_.readers; }
   const std::string& archived() const { return settings_.archived; }
   const std::string& set_uuid() const { return settings_.set_uuid; }
+  bool only_different() const { return settings_.only_different; }
   const Job_Target& target() const { return settings_.target; }
 
   std::vector<std::shared_ptr<Job_Schedule>> schedules; ///< members may be null

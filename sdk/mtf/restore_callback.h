@@ -40,13 +40,15 @@ public:
   Error_Code sync() override;
 };
 
-/// A resource's side of one channel of a restore. The channel's thread only; each channel has one of its own.
+/// A resource's side of one channel of a restore. The channel's thread only, one file at a time; each channel has one
+/// of its own.
 class IRestore_Callback {
 public:
   virtual ~IRestore_Callback();
   /// "/" for object storage: what parts the names in a path.
   virtual char directory_separator() = 0;
-  /// Removes an existing file that is about to be replaced; true when nothing is in the way any more.
+  /// Removes an existing file that is about to be replaced; true when nothing is in the way any more. Asked immediately
+  /// before the file is opened, and only where its writer does not replace by itself (IFile_Replacement).
   virtual bool unlink(const char* path) = 0;
   /// True when the folder is there then.
   virtual bool make_dir(const char* path) = 0;

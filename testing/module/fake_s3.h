@@ -113,6 +113,7 @@ public:
   std::function<S3_Error(const std::string& bucket, const std::string& prefix, const std::string& marker)> on_list;
   std::function<S3_Error(const std::string& bucket, const std::string& key)> on_head;
   std::function<S3_Error(const std::string& bucket, const std::string& key, ACE_UINT64 offset)> on_get;
+  std::string etag; ///< of every object, as HEAD tells it
   /// Bytes of a body that begins at `offset` after which it breaks off.
   std::function<size_t(ACE_UINT64 offset)> cut;
   /// Size of a listing page.
@@ -236,6 +237,7 @@ private:
     object.exists = store_.find(bucket, key, stored);
     object.size = stored.size;
     object.mtime = stored.mtime;
+    object.etag = store_.etag;
   }
 
   Fake_Store& store_;

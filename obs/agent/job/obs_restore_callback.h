@@ -2,6 +2,7 @@
 
 #include "sdk/base/uri.h"
 #include "sdk/mtf/file_attributes.h"
+#include "sdk/mtf/file_replacement.h"
 #include "sdk/mtf/restore_callback.h"
 #include "sdk/s3/object_attributes.h"
 
@@ -19,7 +20,7 @@ struct Attribute_Policy {
 
 /// Writes restored files as objects, one upload after the other. Every failure costs one file only: E_SKIP, never
 /// E_FAILED. One thread at a time; the client and the mapper outlive it.
-class OBS_File_Writer : public MTF::File_Writer_Base, public MTF::IFile_Attributes_Sink {
+class OBS_File_Writer : public MTF::File_Writer_Base, public MTF::IFile_Attributes_Sink, public MTF::IFile_Replacement {
 public:
   OBS_File_Writer(S3_Client& clt, const Buckets_Mapper& mapper, const Attribute_Policy& policy = {})
       : clt_(clt), mapper_(mapper), policy_(policy) {}
@@ -36,6 +37,9 @@ public:
   /// target takes them.
   void attributes(const MTF::File_Attributes& attributes) override;
   const std::vector<std::string>& refused() const override { return refused_; }
+
+  /// A stored object takes the place of the one before in one step; until then, and when it fails, that one stays.
+  bool replaces_at_close() const override { return true; }
 
 private:
   MTF::Error_Code open_i(const char* path, ACE_UINT64 size);

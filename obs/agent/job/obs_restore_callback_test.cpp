@@ -139,6 +139,26 @@ TEST_F(restore_callback, object_is_written_in_as_many_pieces_as_the_upload_takes
   EXPECT_EQ("0123456789", stored.data);
 }
 
+TEST_F(restore_callback, object_takes_the_place_of_the_one_before_when_it_is_closed_and_not_sooner) {
+  fake_client().store.put_data("b", "p/k", "before");
+  const auto stored = [&] {
+    Fake_Store::Stored found;
+    EXPECT_TRUE(fake_client().store.find("b", "p/k", found));
+    return found.data;
+  };
+  for (const bool closed : {false, true}) {
+    const MTF::IFile_Writer_var writer = callback.make_file_writer();
+    EXPECT_TRUE(dynamic_cast<MTF::IFile_Replacement&>(*writer).replaces_at_close());
+    ASSERT_EQ(MTF::E_OK, writer->open("/a/k", 5));
+    EXPECT_EQ(MTF::E_OK, writer->write("after", 5));
+    EXPECT_EQ("before", stored());
+    if (closed) {
+      EXPECT_EQ(MTF::E_OK, writer->close());
+    }
+  }
+  EXPECT_EQ("after", stored());
+}
+
 TEST_F(restore_callback, empty_object_needs_no_write) {
   const MTF::IFile_Writer_var writer = callback.make_file_writer();
   ASSERT_EQ(MTF::E_OK, writer->open("/a/k", 0));

@@ -3,6 +3,7 @@
 #include "obs/agent/job/remote_object.h"
 #include "obs/agent/util/obs_path.h"
 #include "obs/agent/util/utils.h"
+#include "sdk/s3/object_attributes.h"
 
 #include <ace/Guard_T.h>
 
@@ -96,4 +97,26 @@ MTF::Error_Code OBS_Existing_Handler::convert_ii(const std::string& path, time_t
   default:
     return MTF::E_OK;
   }
+}
+
+bool OBS_Existing_Handler::is_same(const char* path, ACE_UINT64 size, const MTF::File_Attributes& attributes) const {
+  try {
+    return is_same_i(path, size, attributes);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
+}
+
+bool OBS_Existing_Handler::is_same_i(const char* path, ACE_UINT64 size, const MTF::File_Attributes& attributes) const {
+  OBS_Path source;
+  Object_Attributes stored;
+  std::string error;
+  if (!svr_ || !source.parse(path, false) || !stored.parse(attributes.common, attributes.own, error) ||
+      stored.etag.empty())
+    return false;
+  const Remote_Object target(source, mapper_.mapper(source.bucket_));
+  S3_Object object;
+  return Loan(*this).service().head_object(target.bucket.c_str(), target.key.c_str(), object) && object.exists &&
+         object.size == size && object.etag == "\"" + stored.etag + "\"";
 }

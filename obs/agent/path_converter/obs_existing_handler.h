@@ -2,6 +2,7 @@
 
 #include "obs/agent/job/restore_job_options.h"
 #include "sdk/json/json_spirit.h"
+#include "sdk/mtf/file_replacement.h"
 #include "sdk/mtf/restore_callback.h"
 #include "sdk/s3/s3_service.h"
 
@@ -15,7 +16,7 @@
 ///
 /// `convert` may be called from any thread; as many requests as threads may be under way, each with a service of its
 /// own.
-class OBS_Existing_Handler : public MTF_FS::Chain_Path_Converter<OBS_Existing_Handler> {
+class OBS_Existing_Handler : public MTF_FS::Chain_Path_Converter<OBS_Existing_Handler>, public MTF::IFile_Comparison {
 public:
   /// `pre`, which may be empty, is asked first. `entry`: the account that is restored to; when no service can be made
   /// from it, every file passes.
@@ -28,8 +29,14 @@ public:
   /// E_FAILED, with `errno` ENOMEM, when memory is short.
   MTF::Error_Code convert_i(std::string& path, time_t mtime, bool is_dir) const;
 
+  /// By size and ETag, asked of the service where the attributes have an ETag. False wherever one of the two is not
+  /// known, the service does not answer, or memory is short.
+  bool is_same(const char* path, ACE_UINT64 size, const MTF::File_Attributes& attributes) const override;
+
 private:
   class Loan;
+
+  bool is_same_i(const char* path, ACE_UINT64 size, const MTF::File_Attributes& attributes) const;
 
   MTF::Error_Code convert_ii(const std::string& path, time_t mtime, bool is_dir) const;
 

@@ -106,6 +106,24 @@ TEST_F(existing_handler, mapped_object_is_the_one_that_counts) {
   EXPECT_EQ((std::vector<std::string>{"t|p/b/k", "t|p/b/k"}), service->heads);
 }
 
+TEST_F(existing_handler, same_is_what_has_size_and_etag_of_the_file_at_its_mapped_place) {
+  mapper.default_mapper().bucket = "t";
+  const OBS_Existing_Handler handler(MTF_FS::IPath_Converter_var(), entry, mapper, OBS_PCT_EXISTING_OVERWRITE);
+  const MTF::File_Attributes attributes{"", R"({"etag":"0123"})"};
+  EXPECT_FALSE(handler.is_same("/b/k", 5, attributes)) << "there is none";
+  store.put("t", "k", 5, TIME);
+  store.etag = "\"0123\"";
+  EXPECT_TRUE(handler.is_same("/b/k", 5, attributes));
+  EXPECT_FALSE(handler.is_same("/b/k", 4, attributes));
+  EXPECT_FALSE(handler.is_same("/b/k", 5, {"", R"({"etag":"0124"})"}));
+  EXPECT_EQ(std::vector<std::string>(4, "t|k"), service->heads);
+  // What is not known is not asked about.
+  EXPECT_FALSE(handler.is_same("/b/k", 5, {}));
+  EXPECT_FALSE(handler.is_same("/b/k", 5, {"", "no JSON"}));
+  EXPECT_FALSE(handler.is_same("/", 5, attributes));
+  EXPECT_EQ(4u, service->heads.size());
+}
+
 TEST_F(existing_handler, threads_do_not_wait_for_one_another) {
   constexpr int THREADS = 4;
   service_maker() = [this](const S3_Service_Options&) { return std::make_shared<Fake_Store_Service>(store); };
