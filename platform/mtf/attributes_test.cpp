@@ -388,6 +388,45 @@ TEST_F(attributes_in_engines, unchanged_objects_keep_them_by_reference) {
   expect_restored();
 }
 
+TEST_F(attributes_in_engines, same_object_under_another_date_keeps_its_data_and_gets_the_date) {
+  const std::string md5 = R"({"etag":"9e107d9d372bb6826bd81d3542a419d6"})";
+  const std::string path = "b/f0/o10";
+  for (const char* name : {"1", "2", "3", "4", "7"})
+    source_.attributes[path + name] = {R"({"headers":{"content-type":"text/plain"}})", md5};
+  source_.attributes[path + "5"].own = R"({"etag":"v1"})";
+  source_.attributes[path + "6"].own = "";
+  source_.attributes[path + "7"].own = R"({"etag":"9e107d9d372bb6826bd81d3542a419d6-2"})";
+  unsigned number = 0;
+  for (const size_t small_object : {size_t(1) << 20, size_t(500)}) { // read ahead, and by the channel's writer
+    back_up(++number);
+    for (const char* name : {"1", "2", "3", "4", "5", "6", "7"})
+      source_.at(path + name).mtime += 3600;
+    const std::string digit = std::to_string(number);
+    source_.attributes[path + "2"].own = R"({"etag":"9e107d9d372bb6826bd81d3542a419d)" + digit + "\"}";
+    source_.at(path + "2").data[0] ^= 1;
+    source_.attributes[path + "3"].common = R"({"headers":{"content-type":"text/)" + digit + "\"}}";
+    source_.attributes[path + "4"].own =
+        R"({"checksums":{"crc32":")" + digit + R"("},"etag":"9e107d9d372bb6826bd81d3542a419d6"})";
+    back_up(++number, small_object, true);
+    EXPECT_EQ(4u, events_->figure("saved")) << "another ETag, other attributes, an ETag that is no digest, none";
+    EXPECT_EQ(36u, events_->figure("unchanged"));
+    const auto catalog = Catalog_Reader::open(pool_.set_folder(record_.uri), error_);
+    ASSERT_TRUE(catalog) << error_;
+    for (const char* name : {"1", "2", "3", "4", "5", "6", "7"}) {
+      Catalog_Object object;
+      ASSERT_TRUE(catalog->find(path + name, object, error_));
+      EXPECT_EQ(source_.at(path + name).mtime, object.mtime) << name;
+      const bool kept = std::string("147").find(name) != std::string::npos;
+      EXPECT_EQ(kept ? 1u : 0u, object.set) << name;
+    }
+    ASSERT_TRUE(restore());
+    for (const auto& [name, object] : source_.objects)
+      EXPECT_TRUE(object.data == target_.objects[name].first) << name;
+    back_up(++number, 1u << 20, true);
+    EXPECT_EQ(40u, events_->figure("unchanged")) << "nothing is asked again";
+  }
+}
+
 TEST_F(attributes_in_engines, writer_that_takes_none_gets_the_content_as_before) {
   back_up(1);
   target_.takes_attributes = false;

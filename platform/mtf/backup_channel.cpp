@@ -31,6 +31,24 @@ std::string md5_of(const File_Attributes& attributes) {
   return object.parse(attributes.common, attributes.own, error) ? object.content_md5() : std::string();
 }
 
+/// Whether both are the same object under two dates, as a restore onto its own place leaves it: one size, one ETag that
+/// stands for the content, and all else that a restore would give it. Checksums that only one of them has are no
+/// difference of the object.
+bool is_same_object(const Catalog_Object& known, unsigned long long size, const File_Attributes& attributes) {
+  Object_Attributes before, now;
+  std::string error;
+  if (known.size != size || !before.parse(known.attributes.common, known.attributes.own, error) ||
+      !now.parse(attributes.common, attributes.own, error))
+    return false;
+  if (now.etag.empty() || now.etag != before.etag || (now.content_md5().empty() && now.part_count() == 0))
+    return false;
+  for (Object_Attributes* one : {&before, &now}) {
+    one->checksums.clear();
+    one->checksum_type.clear();
+  }
+  return before.common_text() == now.common_text() && before.own_text() == now.own_text();
+}
+
 } // namespace
 
 Object_Head Backup_Channel::head_of(const Backup_Item& item) const {
@@ -59,6 +77,25 @@ std::string Backup_Channel::keep_older(Backup_Item& item) {
     shared_.fail(E_WRITE_MEDIUM, shared_.catalog->error());
   item.older.reset();
   return " The version of " + date + " is kept.";
+}
+
+/// Whether the open object is what the base has under another date: its row then goes into the set with the new date,
+/// and its data are not stored again.
+bool Backup_Channel::keep_same(Backup_Item& item) {
+  if (!item.older || shared_.base == nullptr || !item.not_had.empty() ||
+      !is_same_object(*item.older, item.size, item.attributes))
+    return false;
+  Catalog_Object& known = *item.older;
+  known.ordinal = item.ordinal;
+  known.mtime = item.mtime;
+  known.flags = item.fresh ? catalog::FLAG_FRESH : 0;
+  shared_.base->use(known);
+  if (shared_.catalog->add_object(known))
+    shared_.account->unchanged();
+  else
+    shared_.fail(E_WRITE_MEDIUM, shared_.catalog->error());
+  item.older.reset();
+  return true;
 }
 
 void Backup_Channel::skip(Backup_Item& item, const std::string& message) {
@@ -175,7 +212,7 @@ Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reade
     if (outcome == Reading_Outcome::DONE) {
       const unsigned long long listed = item.size;
       take_status(item, reading);
-      if (is_cut_short(item))
+      if (is_cut_short(item) || keep_same(item))
         return Reading_Outcome::SKIPPED;
       if (item.size > shared_.limits.small_object ||
           (item.size > listed && !shared_.queue->reserve(item, 2 * static_cast<size_t>(item.size - listed)))) {
@@ -288,7 +325,7 @@ bool Backup_Channel::stream(Backup_Item& item, std::vector<char>& buffer) {
       outcome = reading.open(path, item.listed_size, item.listed_mtime);
       if (outcome == Reading_Outcome::DONE) {
         take_status(item, reading);
-        if (is_cut_short(item))
+        if (is_cut_short(item) || keep_same(item))
           return true;
       }
     }

@@ -68,6 +68,7 @@ private:
   void skip(Backup_Item& item, const std::string& message);
   void fail(Backup_Item& item, int number, const std::string& message);
   std::string keep_older(Backup_Item& item);
+  bool keep_same(Backup_Item& item);
   bool fits(Backup_Item& item);
   bool is_cut_short(const Backup_Item& item) const;
   bool service_is_back(const std::optional<S3_Error>& reason);

@@ -18,7 +18,7 @@ struct Backup_Item {
     READING, ///< a reader has it
     READY,   ///< `image` is whole
     STREAM,  ///< the channel's writer is to read it
-    DROPPED  ///< it could not be read, which is accounted for
+    DROPPED  ///< it could not be read or need not be, which is accounted for
   };
 
   std::shared_ptr<const std::string> folder; ///< "bucket/a/", shared by the objects of one visit
