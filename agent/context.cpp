@@ -1,6 +1,8 @@
 #include "agent/context.h"
 
 #include "agent/cancel_signals.h"
+#include "agent/job_runner.h"
+#include "agent/set_choice.h"
 #include "platform/crypto/master_key.h"
 #include "platform/file_backup/entry_query_handler.h"
 #include "platform/file_backup/proxy_secret.h"
@@ -133,6 +135,8 @@ std::vector<std::string> Context::reconcile() {
 }
 
 Set Context::set(const std::string& id) {
+  if (names_latest(id))
+    return latest_set(*this, id);
   std::vector<Set> sets;
   std::string error;
   if (!store().sets_by_prefix(id, sets, error))

@@ -54,7 +54,8 @@ public:
   void lock_pool(const Pool& pool);
 
   /// The account, pool or set of that name or uuid. Throw Command_Error when there is none, or when the beginning of a
-  /// uuid fits several sets. A set that is not known is looked for in the pools.
+  /// uuid fits several sets. A set that is not known is looked for in the pools. "latest" is the newest whole one
+  /// (set_choice.h).
   Account account(const std::string& name);
   Pool_Entry pool_entry(const std::string& name);
   Set set(const std::string& id);

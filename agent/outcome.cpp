@@ -68,6 +68,8 @@ Lines Outcome::to_text() const {
       text.add(std::to_string(figure("deleted")) + " deleted since the set before");
     if (figure("incomplete") != 0)
       text.add(std::to_string(figure("incomplete")) + " of the saved ones without all that belongs to them");
+    if (json_spirit::find(figures, "removed") != nullptr)
+      text.add(std::to_string(figure("removed")) + " removed that the set does not have");
     std::string sizes = human_bytes(figure("bytes_read")) + " read, " + human_bytes(figure("bytes_stored")) +
                         " stored, " + std::to_string(figure("requests")) + " requests";
     const json_spirit::Value* seconds = json_spirit::find(figures, "seconds");

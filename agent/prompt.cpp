@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -44,6 +45,18 @@ private:
 
 bool can_prompt() {
   return ::isatty(STDIN_FILENO) != 0 && ::isatty(STDERR_FILENO) != 0;
+}
+
+bool confirm(const std::string& question) {
+  const std::string text = question + " [y/N] ";
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  std::fflush(stderr);
+  char line[64] = {};
+  ssize_t got = 0;
+  do
+    got = ::read(STDIN_FILENO, line, sizeof line - 1);
+  while (got < 0 && errno == EINTR);
+  return got > 0 && (line[0] == 'y' || line[0] == 'Y');
 }
 
 std::string prompt_secret(const std::string& question) {

@@ -163,6 +163,8 @@ class Agent:
         if target:
             source.make_bucket(target)
             arguments += ("--map", f"{self.bucket}={target}")
+        else:
+            arguments += ("--in-place",)
         answer = self.do("restore", self.set, *arguments, figures=figures)
         if answer["outcome"] != "completed":
             raise Failed(f"the restore is not whole: {answer}")

@@ -144,7 +144,9 @@ void add_diff_command(CLI::App& app, Context& context) {
   auto first = std::make_shared<std::string>();
   auto second = std::make_shared<std::string>();
   CLI::App* command = app.add_subcommand("diff", "Show what was added, removed and changed between two sets");
-  command->add_option("first", *first, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  command->add_option("first", *first, "Set: its uuid, the beginning of it, or \"latest\"")
+      ->required()
+      ->type_name("SET");
   command->add_option("second", *second, "The set to compare it with")->required()->type_name("SET");
   command->callback([&context, first, second] { diff(context, *first, *second); });
 }

@@ -50,6 +50,6 @@ void add_problems_command(CLI::App& app, Context& context) {
   auto set = std::make_shared<std::string>();
   CLI::App* command =
       app.add_subcommand("problems", "List what the run of a set could not save, not list, or not save whole");
-  command->add_option("set", *set, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  command->add_option("set", *set, "Set: its uuid, the beginning of it, or \"latest\"")->required()->type_name("SET");
   command->callback([&context, set] { problems(context, *set); });
 }

@@ -1,10 +1,14 @@
 #include "agent/commands/commands.h"
+#include "agent/commands/extra_objects.h"
 #include "agent/commands/open_set.h"
 #include "agent/commands/paths.h"
+#include "agent/commands/restore_checks.h"
 #include "agent/commands/restore_dry_run.h"
 #include "agent/commands/run_job.h"
 #include "agent/commands/search.h"
 #include "agent/entry.h"
+#include "agent/prompt.h"
+#include "agent/set_choice.h"
 #include "agent/set_outcome.h"
 
 #include "sdk/job/job_definition.h"
@@ -26,6 +30,10 @@ struct Restore_Arguments {
   std::uint64_t limit = 0;
   bool create_bucket = false;
   bool dry_run = false;
+  bool in_place = false;
+  bool delete_extra = false;
+  bool yes = false;
+  std::string as_of;
   bool no_acl = false;
   bool drop_tags = false;
   std::string storage_class;
@@ -93,22 +101,76 @@ Account target_account(Context& context, const Set& set, const std::string& to) 
   return account;
 }
 
-void restore(Context& context, const Restore_Arguments& arguments) {
+/// The set that is meant. With --as-of it is chosen by its age, and what begins as a path is one.
+Set chosen_set(Context& context, Restore_Arguments& arguments) {
+  if (arguments.as_of.empty()) {
+    if (arguments.set.empty())
+      throw Command_Error("name a set: its uuid, the beginning of it, or \"latest\"", EXIT_USAGE);
+    return context.set(arguments.set);
+  }
+  time_t moment = 0;
+  if (!parse_moment(arguments.as_of, moment))
+    throw Command_Error("--as-of '" + arguments.as_of +
+                            "' is no moment: \"2026-05-01\", \"2026-05-01 14:30\" or \"2026-05-01T14:30:15\", each "
+                            "also with \"Z\" or \"+02:00\"; without a zone it is local time",
+                        EXIT_USAGE);
+  if (!arguments.set.empty() && arguments.set.front() == '/') {
+    arguments.paths.insert(arguments.paths.begin(), arguments.set);
+    arguments.set.clear();
+  }
+  if (arguments.set.empty())
+    arguments.set = "latest";
+  if (!names_latest(arguments.set))
+    throw Command_Error("--as-of chooses the set by its age: name \"latest\", \"latest:SELECTION\" or none",
+                        EXIT_USAGE);
+  return latest_set(context, arguments.set, moment);
+}
+
+/// Finds what is to be removed and has it confirmed; null where nothing is.
+std::unique_ptr<Extra_Objects> confirmed_extras(Context& context, const Restore_Arguments& arguments, const Set& set,
+                                                const Account& account, Catalog_Reader& catalog,
+                                                const Catalog_Selection& selection, const Restore_Plan& plan) {
+  if (!arguments.delete_extra)
+    return nullptr;
+  auto extras = std::make_unique<Extra_Objects>(context, set, account, catalog, selection, plan);
+  extras->find();
+  if (extras->count() == 0)
+    return extras;
+  std::fprintf(stderr, "obs-agent: %s\n", extras->preview().c_str());
+  if (!arguments.yes && !(can_prompt() && confirm("obs-agent: remove them after the restore?")))
+    throw Command_Error("nothing is restored or removed: --yes removes these " + std::to_string(extras->count()) +
+                            " after the restore, without --delete-extra they stay",
+                        EXIT_USAGE);
+  return extras;
+}
+
+void restore(Context& context, Restore_Arguments& arguments) {
   Bucket_Maps maps;
   for (const std::string& text : arguments.maps)
     maps.add(text);
+  if (arguments.delete_extra && !arguments.globs.empty())
+    throw Command_Error("--delete-extra cannot be used with --glob, which leaves objects out", EXIT_USAGE);
+  const Set set = chosen_set(context, arguments);
   checked_paths(arguments.paths);
-  const Set set = context.set(arguments.set);
+  if (set.uuid.compare(0, arguments.set.size(), arguments.set) != 0)
+    std::fprintf(stderr, "obs-agent: %s is set %s, which ended %s UTC\n", arguments.set.c_str(), set.uuid.c_str(),
+                 set.end_time.c_str());
   warn_of_incomplete_set(set);
   const Account account = target_account(context, set, arguments.to);
   const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);
   const Catalog_Selection selection = selection_of(arguments, *catalog);
   Restore_Plan plan(*catalog, selection, maps);
+  if (!arguments.dry_run)
+    refuse_idle_paths(*catalog, selection);
+  refuse_idle_maps(plan, maps);
   if (arguments.dry_run)
     return restore_dry_run(context, account, *catalog, selection, plan);
 
-  context.module(); // before the first request: from here on an interrupt cancels instead of ending the process
   refuse_collisions(plan);
+  refuse_in_place(context, set, account, plan, arguments.in_place);
+  const std::unique_ptr<Extra_Objects> extras =
+      confirmed_extras(context, arguments, set, account, *catalog, selection, plan);
+  context.module(); // before anything is changed: from here on an interrupt cancels instead of ending the process
   json_spirit::Array bucket_maps;
   for (const Bucket_Maps::Map& map : maps.maps()) {
     json_spirit::Object item;
@@ -132,7 +194,9 @@ void restore(Context& context, const Restore_Arguments& arguments) {
 
   json_spirit::Object options;
   options["channels"] = arguments.concurrent;
-  options["existing"] = arguments.existing;
+  // The module knows policies that look at dates; what is the same is left out by the engine.
+  const bool different = arguments.existing == "different";
+  options["existing"] = different ? "overwrite" : arguments.existing;
   options["bucket_maps"] = bucket_maps;
   options["no_acl"] = arguments.no_acl;
   options["drop_tags"] = arguments.drop_tags;
@@ -148,7 +212,12 @@ void restore(Context& context, const Restore_Arguments& arguments) {
   definition["rate_limit"] = arguments.limit;
   definition["source"] = source;
   definition["options"] = options;
-  run_job(context, definition);
+  if (different)
+    definition["only_different"] = true;
+  run_job(context, definition, [&extras](Outcome& outcome) {
+    if (extras)
+      extras->remove(outcome);
+  });
 }
 
 } // namespace
@@ -156,23 +225,34 @@ void restore(Context& context, const Restore_Arguments& arguments) {
 void add_restore_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Restore_Arguments>();
   CLI::App* command = app.add_subcommand("restore", "Restore a set, or parts of it, as objects");
-  command->add_option("set", arguments->set, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  command->add_option("set", arguments->set, "Set: its uuid, the beginning of it, or \"latest\"")->type_name("SET");
   command->add_option("path", arguments->paths, "/bucket/, /bucket/folder/ or /bucket/key; none: everything")
       ->type_name("PATH");
   command->add_option("--to", arguments->to, "Account to restore to; the one that was backed up unless given")
       ->type_name("ACCOUNT");
   command
-      ->add_option(
-          "--map", arguments->maps,
-          "Where a bucket's objects go; SOURCE '*' for the rest; none: back where they came from; may be repeated")
+      ->add_option("--map", arguments->maps,
+                   "Where a bucket's objects go; SOURCE '*' for the rest; none: back where they came from, with "
+                   "--in-place; may be repeated")
       ->type_name("SOURCE=TARGET[/PREFIX]")
       ->allow_extra_args(false);
   command
       ->add_option(
           "--existing", arguments->existing,
-          "An object that is there already is overwritten, or left (skip), or left unless the set's is newer (newest)")
-      ->check(CLI::IsMember({"overwrite", "skip", "newest"}))
+          "An object that is there already is overwritten, or left (skip), left unless the set's is newer (newest), or "
+          "left where size and ETag are the same (different)")
+      ->check(CLI::IsMember({"overwrite", "skip", "newest", "different"}))
       ->capture_default_str();
+  command
+      ->add_option("--as-of", arguments->as_of,
+                   "The newest whole set that ended at or before this moment, instead of a SET; local time unless it "
+                   "has a zone")
+      ->type_name("TIME");
+  command->add_flag("--in-place", arguments->in_place,
+                    "Write over the places that the objects came from; without it a restore there is refused");
+  command->add_flag("--delete-extra", arguments->delete_extra,
+                    "Afterwards remove what the restored buckets and folders have and the set does not");
+  command->add_flag("--yes", arguments->yes, "Remove it without being asked");
   command->add_option("--concurrent", arguments->concurrent, "Objects written at the same time")
       ->check(CLI::Range(1, 1024))
       ->capture_default_str();

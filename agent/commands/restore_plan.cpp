@@ -89,6 +89,13 @@ Restore_Plan::Restore_Plan(Catalog_Reader& catalog, const Catalog_Selection& sel
         one.rivals.push_back(other_name);
 }
 
+std::vector<std::string> Restore_Plan::buckets() const {
+  std::vector<std::string> names;
+  for (const auto& [name, bucket] : buckets_)
+    names.push_back(name);
+  return names;
+}
+
 std::vector<std::string> Restore_Plan::target_buckets() const {
   std::set<std::string> targets;
   for (const auto& [name, bucket] : buckets_)

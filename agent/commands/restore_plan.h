@@ -45,6 +45,8 @@ public:
   /// All three outlive the plan. Throws Command_Error when the catalog cannot be read.
   Restore_Plan(Catalog_Reader& catalog, const Catalog_Selection& selection, const Bucket_Maps& maps);
 
+  /// The buckets of the set that selected objects lie in.
+  std::vector<std::string> buckets() const;
   /// The buckets that selected objects go to.
   std::vector<std::string> target_buckets() const;
   /// "bucket/key" that the object "bucket/key" of the set is written to.

@@ -79,7 +79,7 @@ json_spirit::Object read_definition_file(const std::string& path) {
   return value.get_obj();
 }
 
-Outcome run_job(Context& context, const json_spirit::Object& json) {
+Outcome run_job(Context& context, const json_spirit::Object& json, const std::function<void(Outcome&)>& after) {
   std::string error;
   const Job_Definition_var definition = make_job_definition(json, context.module(), error);
   if (definition.null())
@@ -97,6 +97,8 @@ Outcome run_job(Context& context, const json_spirit::Object& json) {
     outcome.set = set_of(context, activity_id);
   else if (const std::string now = rehearsed_set(*definition); now != rehearsed)
     outcome.set = now;
+  if (after)
+    after(outcome);
   record_activity(context, activity_id, definition->id(),
                   definition->type() == JOB_DEFINITION_BACKUP ? "backup" : "restore", start, outcome);
 

@@ -212,7 +212,7 @@ void add_set_commands(CLI::App& app, Context& context) {
   auto path = std::make_shared<std::string>();
   auto recursive = std::make_shared<bool>(false);
   CLI::App* list = app.add_subcommand("ls", "List what a set holds");
-  list->add_option("set", *set, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  list->add_option("set", *set, "Set: its uuid, the beginning of it, or \"latest\"")->required()->type_name("SET");
   list->add_option("path", *path, "/bucket/folder/ or /bucket/key; none: the buckets")->type_name("PATH");
   list->add_flag("-r,--recursive", *recursive, "Everything below");
   auto all = std::make_shared<bool>(false);

@@ -180,7 +180,9 @@ void verify(Context& context, const Verify_Arguments& arguments) {
 void add_verify_command(CLI::App& app, Context& context) {
   auto arguments = std::make_shared<Verify_Arguments>();
   CLI::App* check = app.add_subcommand("verify", "Read every stored byte of a set back and check it");
-  check->add_option("set", arguments->set, "Set, or the beginning of its uuid")->required()->type_name("SET");
+  check->add_option("set", arguments->set, "Set: its uuid, the beginning of it, or \"latest\"")
+      ->required()
+      ->type_name("SET");
   check->add_option("--threads", arguments->threads, "Objects read at the same time; 0: 4")
       ->check(CLI::Range(0, 256))
       ->capture_default_str();

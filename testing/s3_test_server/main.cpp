@@ -8,9 +8,10 @@
 //     sequence                            the operations of all requests, with --log: "ListBuckets ListObjects ..."
 //     stalled                             "yes" once a reply stalls, "no" after 20 seconds without
 //     requests BUCKET KEY                 the operations that were asked for this key, with --log: "GetObject=2 ..."
-//     refuse STATUS CODE [KEY]            "done": from now on every request, or every one for keys like this, gets this
-//     error serve                               "done": from now on no request meets a fault advance SECONDS "done",
-//     with --stopped-clock: from now on it is so much later
+//     advance SECONDS                     "done", with --stopped-clock: from now on it is so much later
+//     refuse OPERATION CHANCE [KEY]       "done": from now on so many of 1 of these requests are refused with 403
+//     fail STATUS CODE [KEY]              "done": from now on every request, or each GetObject of this key, gets this error
+//     serve                               "done": from now on no request meets a fault
 
 #include "testing/s3_server/s3_server.h"
 
@@ -117,6 +118,13 @@ std::string answer(s3_testing::S3_Server& server, const std::string& line) {
     return "done";
   }
   if (question == "refuse") {
+    server.add_fault(s3_testing::Fault::error(403, "AccessDenied")
+                         .on(bucket)
+                         .probability(std::stod(key))
+                         .key(other_bucket.empty() ? "*" : other_bucket));
+    return "done";
+  }
+  if (question == "fail") {
     s3_testing::Fault fault = s3_testing::Fault::error(std::stoi(bucket), key);
     server.add_fault(other_bucket.empty() ? fault : fault.on("GetObject").key(other_bucket));
     return "done";
@@ -168,6 +176,7 @@ int main(int argc, char** argv) {
   unsigned long long rate = 0;
   unsigned page_size = 1000;
   bool stopped_clock = false;
+  unsigned long long seed = 0;
   long long date_ahead = 0;
   CLI::App app("An S3 server for tests, on a free port of 127.0.0.1. It ends when its standard input does.");
   app.add_option("--synthetic", synthetic, "BUCKET,COUNT,SIZE: a bucket of made-up objects")->allow_extra_args(false);
@@ -186,12 +195,14 @@ int main(int argc, char** argv) {
   app.add_option("--latency", latency, "Milliseconds before each reply");
   app.add_option("--rate", rate, "Bytes per second of each connection");
   app.add_option("--page-size", page_size, "Keys of a listing's page at the most");
+  app.add_option("--seed", seed, "Of chances; 0: a random one");
   app.add_flag("--stopped-clock", stopped_clock, "Its clock stands still but for the question \"advance\"");
   app.add_option("--date-ahead", date_ahead, "Seconds that its replies' Date is ahead of the dates of its objects");
   CLI11_PARSE(app, argc, argv);
 
   try {
     s3_testing::S3_Server_Options options;
+    options.seed = seed;
     s3_testing::S3_Server server(options);
     for (const std::string& bucket : buckets)
       server.create_bucket(bucket);

@@ -107,7 +107,7 @@ class Odd_Keys(harness.Scenario):
 
         self.in_parallel(lambda key: self.raw.delete("keys", key), keys)
         self.assertEqual([], self.raw.keys("keys"))
-        restored = self.agent("restore", outcome["set"], "--json").json
+        restored = self.agent("restore", outcome["set"], "--in-place", "--json").json
         self.assertEqual(len(saved), restored["saved"], restored["errors"][:10])
         self.assert_target("keys", b"", saved)
 

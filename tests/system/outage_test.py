@@ -63,21 +63,21 @@ class Outage(harness.Scenario):
         self.assertEqual((OBJECTS - outcome["saved"]) * 4000, after["bytes_read"])
 
     def test_service_that_is_down_ends_the_run_and_the_next_goes_on(self):
-        self.check_that_it_goes_on(self.check_outage(lambda: self.server.ask("refuse", "503", "ServiceUnavailable")))
+        self.check_that_it_goes_on(self.check_outage(lambda: self.server.ask("fail", "503", "ServiceUnavailable")))
 
     def test_revoked_keys_end_the_run_and_the_next_goes_on(self):
-        self.check_that_it_goes_on(self.check_outage(lambda: self.server.ask("refuse", "403", "InvalidAccessKeyId")))
+        self.check_that_it_goes_on(self.check_outage(lambda: self.server.ask("fail", "403", "InvalidAccessKeyId")))
 
     def test_keys_that_are_denied_everything_end_the_run(self):
         # The first ones might be denied for their own sake.
-        self.check_outage(lambda: self.server.ask("refuse", "403", "AccessDenied"), named=7)
+        self.check_outage(lambda: self.server.ask("fail", "403", "AccessDenied"), named=7)
 
     def test_service_that_nobody_can_connect_to_ends_the_run(self):
         self.check_outage(self.stop)
 
     def test_short_outage_costs_no_object(self):
         process = self.start("--service-timeout", "100")
-        self.server.ask("refuse", "503", "ServiceUnavailable")
+        self.server.ask("fail", "503", "ServiceUnavailable")
         # Longer than a reader repeats its request for.
         deadline = time.monotonic() + 12
         while time.monotonic() < deadline and process.poll() is None:
@@ -88,7 +88,7 @@ class Outage(harness.Scenario):
         self.assertEqual(OBJECTS, outcome["saved"])
 
     def test_broken_objects_at_a_good_service_are_skipped_even_when_nothing_else_is_read(self):
-        self.server.ask("refuse", "500", "InternalError", "*000001*")
+        self.server.ask("fail", "500", "InternalError", "*000001*")
         outcome = self.backup("/bucket/", "--service-timeout", "1", expect=3)
         broken = outcome["skipped"]
         self.assertEqual((OBJECTS - broken, 0), (outcome["saved"], outcome["failed"]))

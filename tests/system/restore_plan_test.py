@@ -70,7 +70,7 @@ class Restore_Plan(harness.Scenario):
             for key in keys:
                 self.client.delete_object(Bucket=bucket, Key=key)
             self.client.delete_bucket(Bucket=bucket)
-        self.agent("restore", self.set, "--map", "two=three", "--create-bucket")
+        self.agent("restore", self.set, "--map", "two=three", "--in-place", "--create-bucket")
         self.assertEqual(["only-one", "same", "x/deep"], self.keys("one"))
         self.assertEqual(["*", "deep", "same"], self.keys("three"))
 
