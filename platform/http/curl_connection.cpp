@@ -18,13 +18,14 @@ constexpr size_t HEAD_LIMIT = 64 * 1024;
 /// How often a waiting request looks whether its job is being cancelled.
 constexpr std::chrono::milliseconds CANCEL_CHECK(250);
 
-/// Bytes that the system may hold for a connection whose bytes are limited, for each direction: what lies there has
-/// been moved already, whatever is counted here.
-constexpr int LIMITED_SOCKET_BUFFER = 64 * 1024;
+/// The library reads up to so many buffers at one call (7.88).
+constexpr long READS = 100;
 
-int limit_socket(void*, curl_socket_t socket, curlsocktype) {
+/// What the system holds of a connection whose bytes are limited has been moved already, whatever is counted here.
+int limit_socket(void* rate, curl_socket_t socket, curlsocktype) {
+  const int size = static_cast<int>(std::max(static_cast<Rate_Limit*>(rate)->piece(), 4096ul));
   for (const int direction : {SO_RCVBUF, SO_SNDBUF})
-    setsockopt(socket, SOL_SOCKET, direction, &LIMITED_SOCKET_BUFFER, sizeof LIMITED_SOCKET_BUFFER);
+    setsockopt(socket, SOL_SOCKET, direction, &size, sizeof size);
   return CURL_SOCKOPT_OK;
 }
 
@@ -98,9 +99,11 @@ bool Curl_Connection::prepare(const HTTP_Request& request) {
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Curl_Connection::on_body);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
   if (rate_) {
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, static_cast<long>(rate_->piece()));
-    curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(rate_->piece()));
+    const long piece = static_cast<long>(rate_->piece());
+    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, std::clamp(piece / READS, 1024l, 65536l));
+    curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, std::clamp(piece, 16384l, 65536l));
     curl_easy_setopt(easy, CURLOPT_SOCKOPTFUNCTION, &limit_socket);
+    curl_easy_setopt(easy, CURLOPT_SOCKOPTDATA, rate_.get());
   }
   return curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str()) == CURLE_OK &&
          curl_multi_add_handle(channel_->multi.get(), easy) == CURLM_OK;
@@ -216,11 +219,10 @@ void Curl_Connection::drive(Duration idle, Until until) {
       last += held;
       looked += held;
     }
-    const unsigned long long before = moved();
     perform();
     count_sent();
     if (rate_)
-      rate_->end(moved() - before);
+      rate_->end(moved() - std::exchange(metered_, moved()));
     const auto now = std::chrono::steady_clock::now();
     waited_ += now - looked;
     looked = now;
@@ -344,6 +346,7 @@ void Curl_Connection::detach() {
   curl_multi_remove_handle(channel_->multi.get(), easy);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
   curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
+  curl_easy_setopt(easy, CURLOPT_SOCKOPTFUNCTION, nullptr);
   header_list_.reset();
   pool_->release(std::move(channel_));
 }

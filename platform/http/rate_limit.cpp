@@ -18,7 +18,7 @@ double seconds_now() {
 } // namespace
 
 unsigned long Rate_Limit::piece() const {
-  return static_cast<unsigned long>(std::clamp<unsigned long long>(rate_ / 32, 1024, 64 * 1024));
+  return static_cast<unsigned long>(std::clamp<unsigned long long>(rate_ / 32, 1024, 4ull << 20));
 }
 
 double Rate_Limit::begin() {

@@ -16,7 +16,7 @@ public:
   void set(unsigned long long bytes_per_second) { rate_ = bytes_per_second; }
   bool on() const { return rate_ != 0; }
   /// How much one should move at a time, so that nobody waits long for another: a thirty-second part of a second's
-  /// bytes, from 1 KiB to 64 KiB.
+  /// bytes, from 1 KiB to 4 MiB.
   unsigned long piece() const;
 
   /// 0: a piece may be moved, and `end` has to follow; else the seconds until it is worth asking again.

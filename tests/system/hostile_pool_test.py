@@ -72,9 +72,10 @@ class Hostile_Pool(harness.Scenario):
                  "catalog.sum.tmp", "catalog.db-journal", "catalog.db-wal"]
         places = [(os.path.relpath(self.set_folder(uuid), self.pool), name) for uuid in self.sets for name in names]
         places += [("", ".lock"), ("", "pool.json"), ("", "pool.json.tmp")]
-        for kind in ("link", "dangling", "fifo"):
+        changing = [command for command in self.commands() if command[0] in ("backup", "forget", "merge", "verify")]
+        for kind, commands in (("fifo", self.commands()), ("link", changing), ("dangling", changing)):
             for folder, name in places:
-                for command in self.commands():
+                for command in commands:
                     shutil.rmtree(self.pool)
                     shutil.copytree(self.clean, self.pool, symlinks=True)
                     path = os.path.join(self.pool, folder, name)
