@@ -268,6 +268,7 @@ private:
       }
       Object_Head head = reading.head();
       head.ordinal = o.ordinal;
+      head.mtime = o.mtime; // another one where the object got a new date and kept its data
       head.seq = newest_.seq;
       // Who reads the media alone must know which objects are this set's.
       head.flags &= ~static_cast<unsigned>(OBJECT_OF_OTHERS);

@@ -197,6 +197,9 @@ class Incremental_After(With_Set):
         self.restore(after["set"], "--map", "data=target")
         self.assertEqual(self.contents(self.server, "data"), self.contents(self.server, "target"))
         self.assertEqual({"new": "1"}, self.client.head_object(Bucket="target", Key="a/two")["Metadata"])
+        self.agent("merge", *[one["set"] for one in self.agent("sets", "--json").json["sets"]])
+        merged, = self.agent("sets", "--json").json["sets"]
+        self.agent("verify", merged["set"])
 
 
 class Deleting(With_Set):
