@@ -100,6 +100,20 @@ TEST_F(default_job, threads_have_groups_of_their_own) {
   EXPECT_NE(groups.found[0], groups.found[1]);
 }
 
+// A job whose id was stored after the spawn began without it in one start of ten.
+TEST_F(default_job, run_thread_finds_its_own_id_in_every_start) {
+  int wrong = 0;
+  plan.work = [&](Job& running) {
+    wrong += !ACE_OS::thr_equal(static_cast<Controlled_Job&>(running).thr_id(), ACE_OS::thr_self());
+  };
+  for (int i = 0; i < 500; ++i) {
+    job = Job_var(new Controlled_Job(definition()), false);
+    ASSERT_EQ(0, job->start(nullptr));
+    ASSERT_TRUE(job->wait());
+  }
+  EXPECT_EQ(0, wrong);
+}
+
 TEST_F(default_job, run_thread_stores_the_definitions_uuid) {
   std::fill(std::begin(job->activity().uid), std::end(job->activity().uid), 0);
   ASSERT_EQ(0, job->start(nullptr));
@@ -152,6 +166,92 @@ TEST_F(default_job, exception_in_the_work_fails_the_job_with_its_text) {
   ASSERT_TRUE(job->wait());
   EXPECT_EQ(JOB_STATE_ERROR, job->activity().state);
   EXPECT_EQ("broken 100%s", json_spirit::optional_str(job->results(), "failure"));
+}
+
+/// The states that a job takes on its way out, and what its executor's handler is told then.
+TEST_F(default_job, exception_in_the_work_ends_the_job_as_it_was_told_to_end) {
+  const std::pair<int (Job::*)(const Job_Run_Options*), const char*> ends[] = {{&Job::stop, "start execute canceled"},
+                                                                               {&Job::pause, "start execute paused"}};
+  for (const auto& [request, story] : ends) {
+    plan.events.clear();
+    job = Job_var(new Controlled_Job(definition()), false);
+    plan.work = [request = request](Job& running) {
+      (running.*request)(nullptr);
+      throw std::runtime_error("broken");
+    };
+    ASSERT_EQ(0, job->start(nullptr));
+    ASSERT_TRUE(job->wait());
+    EXPECT_EQ(story, plan.story());
+    EXPECT_EQ("", json_spirit::optional_str(job->results(), "failure"));
+  }
+}
+
+TEST_F(default_job, exception_in_the_work_is_reported_by_the_executors_handler) {
+  plan.work = [](Job&) { throw 7; };
+  ASSERT_EQ(0, job->start(nullptr));
+  ASSERT_TRUE(job->wait());
+  EXPECT_EQ("start execute failure:-1", plan.story());
+  EXPECT_EQ("unknown exception", json_spirit::optional_str(job->results(), "failure"));
+}
+
+TEST_F(default_job, post_action_that_always_runs_does_so_after_an_exception) {
+  struct Keeper : ACE_Log_Msg_Callback {
+    void log(ACE_Log_Record& record) override { text += record.msg_data(); }
+    std::string text;
+  };
+  const auto log = std::make_shared<Keeper>();
+  job = Job_var(new Controlled_Job(definition([](Job_Definition::Settings& s) {
+                  s.post_action = "echo after all";
+                  s.run_post_action_always = true;
+                })),
+                false);
+  job->log_sink(log);
+  plan.work = [](Job&) { throw std::runtime_error("broken"); };
+  ASSERT_EQ(0, job->start(nullptr));
+  ASSERT_TRUE(job->wait());
+  EXPECT_NE(std::string::npos, log->text.find("after all")) << log->text;
+  EXPECT_EQ("start execute failure:-1", plan.story());
+}
+
+TEST_F(default_job, exception_before_the_work_fails_the_job) {
+  plan.before_work = [] { throw std::runtime_error("broken"); };
+  ASSERT_EQ(0, job->start(nullptr));
+  ASSERT_TRUE(job->wait());
+  EXPECT_EQ("failure:-1", plan.story());
+  EXPECT_EQ(JOB_STATE_ERROR, job->activity().state);
+}
+
+TEST_F(default_job, executor_that_cannot_be_made_fails_the_job_or_ends_it_as_told) {
+  for (const bool cancel : {false, true}) {
+    plan.make = [&] {
+      if (cancel)
+        job->stop(nullptr);
+      throw std::bad_alloc();
+    };
+    job = Job_var(new Controlled_Job(definition()), false);
+    ASSERT_EQ(0, job->start(nullptr));
+    ASSERT_TRUE(job->wait());
+    EXPECT_EQ("", plan.story());
+    EXPECT_EQ(cancel ? JOB_STATE_CANCELED : JOB_STATE_ERROR, job->activity().state);
+  }
+}
+
+TEST_F(default_job, requests_without_memory_are_refused_and_throw_nothing) {
+  const Job_Definition_var def = definition();
+  def->schedules = {std::make_shared<Job_Schedule>(JOB_DEFINITION_SUBTYPE_ONDEMAND)};
+  job = Job_var(new Controlled_Job(def), false);
+  plan.make = [] { throw std::bad_alloc(); };
+  const std::function<int()> requests[] = {[&] { return job->remove_i(true, nullptr); },
+                                           [&] { return job->update_i(definition()); },
+                                           [&] { return job->setup_ondemand_i(); }};
+  for (const auto& request : requests) {
+    errno = 0;
+    EXPECT_EQ(-1, request());
+    EXPECT_EQ(ENOMEM, errno);
+  }
+  plan.make = [] { throw std::runtime_error("broken"); };
+  for (const auto& request : requests)
+    EXPECT_EQ(-1, request());
 }
 
 TEST_F(default_job, plain_job_refuses_to_stop_and_to_resume) {

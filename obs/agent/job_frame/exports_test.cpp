@@ -188,10 +188,12 @@ TEST(exports, start_without_memory_is_an_emergency_and_refused) {
   module_testing::Log_Sink log;
   Controllable_Job_T<Executor> job(definition());
   int started = 0;
+  errno = 0;
   {
     const module_testing::Short_Memory short_memory(1);
     started = job.start_i(nullptr);
   }
+  EXPECT_EQ(ENOMEM, errno);
   EXPECT_EQ(-1, started);
   EXPECT_EQ("", plan.story());
   EXPECT_EQ(1u, log.count(LM_EMERGENCY, "Unexpected error in obs/agent/job_frame/default_job_t.h:"));

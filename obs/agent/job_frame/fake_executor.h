@@ -39,7 +39,9 @@ struct Plan {
   int password_code = 0;
   bool done = true;
   bool setup = true;
-  std::function<void(Job&)> work; ///< called by execute_i
+  std::function<void(Job&)> work;    ///< called by execute_i
+  std::function<void()> before_work; ///< called where the executor is asked whether it is active
+  std::function<void()> make;        ///< called when an executor is made
   std::function<void()> rollback_work;
   std::atomic<bool> completed_at_its_end{false}; ///< whether the job was completed when the executor was destroyed
   std::atomic<int> conditions{0};                ///< how often `check_condition` was asked
@@ -78,7 +80,10 @@ public:
 
 class Executor : public Job_Executor_T<Source, Options, Recording_Handler> {
 public:
-  explicit Executor(Job& job) : Job_Executor_T(job) {}
+  explicit Executor(Job& job) : Job_Executor_T(job) {
+    if (Plan::current()->make)
+      Plan::current()->make();
+  }
   ~Executor() override {
     if (Plan* const plan = Plan::current())
       plan->completed_at_its_end = job_.completed();
@@ -110,7 +115,11 @@ protected:
     ++Plan::current()->conditions;
     return Plan::current()->condition;
   }
-  bool is_active(const Job_Run_Options*) override { return Plan::current()->active; }
+  bool is_active(const Job_Run_Options*) override {
+    if (Plan::current()->before_work)
+      Plan::current()->before_work();
+    return Plan::current()->active;
+  }
   int check_password() override {
     Plan::current()->happened("password");
     return Plan::current()->password_code;

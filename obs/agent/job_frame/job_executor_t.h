@@ -5,6 +5,9 @@
 #include "sdk/job/action_handler.h"
 #include "sdk/job/job.h"
 
+#include <exception>
+#include <new>
+
 /// Runs one job: its precondition, its pre-action, the work itself, its post-action, and the report of the outcome to
 /// the host. A resource derives its executors from it and overrides the steps.
 ///
@@ -23,7 +26,9 @@ public:
   Job_Executor_T& operator=(const Job_Executor_T&) = delete;
   virtual ~Job_Executor_T() = default;
 
-  /// Runs the job and reports its outcome. `opts` may be null. True when the job succeeded or had nothing to do.
+  /// Runs the job and reports its outcome. `opts` may be null. True when the job succeeded or had nothing to do. A step
+  /// that throws has failed, and its text becomes the job's result "failure" unless the job is being paused or
+  /// cancelled.
   bool execute(const Job_Run_Options* opts);
 
   virtual bool remove() { return true; }
@@ -57,14 +62,56 @@ protected:
   OPTIONS* opts_; ///< null when the definition has none
 
 private:
+  bool execute_all(const Job_Run_Options* opts);
   bool run_steps(const Job_Run_Options* opts);
   bool report_failure();
+  template <typename STEP>
+  bool attempt(STEP step);
+  void ended_by(const char* exception);
 };
+
+/// Runs a step of the job. An exception is a step that failed.
+template <typename SOURCE, typename OPTIONS, typename EVENT_HANDLER>
+template <typename STEP>
+bool Job_Executor_T<SOURCE, OPTIONS, EVENT_HANDLER>::attempt(STEP step) {
+  try {
+    return step();
+  } catch (const std::exception& error) {
+    ended_by(error.what());
+  } catch (...) {
+    ended_by("unknown exception");
+  }
+  return false;
+}
+
+template <typename SOURCE, typename OPTIONS, typename EVENT_HANDLER>
+void Job_Executor_T<SOURCE, OPTIONS, EVENT_HANDLER>::ended_by(const char* exception) {
+  ACE_ERROR((LM_ERROR, ACE_TEXT("Job '%C' ended by an exception: %C.\n"), def_->name().c_str(), exception));
+  // A job that was to end anyway does so as it was told.
+  if (act_->state == JOB_STATE_PAUSING || act_->state == JOB_STATE_CANCELING)
+    return;
+  try {
+    job_.set_result("failure", exception);
+  } catch (const std::bad_alloc&) {
+    // The line above has it.
+  }
+}
 
 template <typename SOURCE, typename OPTIONS, typename EVENT_HANDLER>
 bool Job_Executor_T<SOURCE, OPTIONS, EVENT_HANDLER>::execute(const Job_Run_Options* opts) {
   CHECK_NULL_RETURN(src_, false);
 
+  bool answered = false;
+  bool result = false;
+  attempt([&] {
+    result = execute_all(opts);
+    return answered = true;
+  });
+  return answered ? result : report_failure();
+}
+
+template <typename SOURCE, typename OPTIONS, typename EVENT_HANDLER>
+bool Job_Executor_T<SOURCE, OPTIONS, EVENT_HANDLER>::execute_all(const Job_Run_Options* opts) {
   if (!def_->backup_protection_password().empty()) {
     const int code = check_password();
     if (code != 0) {
@@ -92,11 +139,11 @@ template <typename SOURCE, typename OPTIONS, typename EVENT_HANDLER>
 bool Job_Executor_T<SOURCE, OPTIONS, EVENT_HANDLER>::run_steps(const Job_Run_Options* opts) {
   evt_handler_.handle_start_job();
 
-  const bool pre = execute_pre_action();
-  const bool done = pre ? execute_i(opts) : false;
+  const bool pre = attempt([this] { return execute_pre_action(); });
+  const bool done = pre ? attempt([this, opts] { return execute_i(opts); }) : false;
   bool post = true;
   if (done || def_->run_post_action_always())
-    post = execute_post_action();
+    post = attempt([this] { return execute_post_action(); });
 
   if (pre && done && post) {
     evt_handler_.handle_success();

@@ -42,7 +42,11 @@ int Thread_Helper::spawn_function(std::function<void()> function) {
 }
 
 int Thread_Helper::spawn() {
-  CHECK_NULL_RETURN(_running, -1);
+  if (!_running) {
+    LOG_UNEXPECTED_NULL("_running");
+    errno = ENOMEM;
+    return -1;
+  }
 
   ACE_Event started;
   ACE_thread_t detached_tid = ACE_OS::NULL_thread;
@@ -66,13 +70,13 @@ int Thread_Helper::spawn() {
 ACE_THR_FUNC_RETURN Thread_Helper::entry(void* argument) {
   Thread_Helper* const self = static_cast<Thread_Helper*>(argument);
   std::atomic<bool>* const running = self->_flag & THR_DETACHED ? nullptr : self->_running.get();
-  std::function<void()> function;
   try {
     self->handle_starting();
-    function = self->_function;
   } catch (const std::exception& error) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Thread cannot begin: %C.\n"), error.what()));
+    ACE_ERROR((LM_ERROR, ACE_TEXT("Start of a thread: %C.\n"), error.what()));
   }
+  // Moved: a copy needs memory, and there is nobody left whom its lack could be reported to.
+  std::function<void()> function(std::move(self->_function));
   // A detached thread must not touch the helper behind this.
   if (self->_started)
     self->_started->signal();

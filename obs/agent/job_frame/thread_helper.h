@@ -26,7 +26,8 @@ public:
   virtual void handle_starting() {}
 
   /// Runs `(object->*function)()`; its result is dropped. Returns when the thread has begun, with what ACE's spawn
-  /// answered: its group, or -1 when it cannot be started. -1 too while a joinable thread is at work.
+  /// answered: its group, or -1 when it cannot be started, with `errno` ENOMEM where memory is short. -1 too while a
+  /// joinable thread is at work.
   template <typename R, typename C>
   int spawn(R (C::*function)(), C* object) {
     try {

@@ -167,9 +167,11 @@ TEST(thread_helper, helper_without_memory_starts_nothing) {
   Work work;
   for (int nth = 1; nth <= 2; ++nth) {
     module_testing::Log_Sink log;
+    errno = 0;
     const module_testing::Short_Memory short_memory(nth);
     Thread_Helper helper(JOINABLE, ACE_DEFAULT_THREAD_PRIORITY);
     EXPECT_EQ(-1, helper.spawn(&Work::run_through, &work)) << nth;
+    EXPECT_EQ(ENOMEM, errno) << nth;
     EXPECT_FALSE(helper.running());
     // Without its flag the helper is broken for good and says so.
     EXPECT_EQ(nth == 1 ? 1u : 0u,
@@ -227,6 +229,24 @@ TEST(thread_helper, flags_and_priority_reach_the_thread_manager) {
     ACE_Thread_Manager::instance()->wait();
     const std::vector<module_testing::Asked_Spawn> expected = {{flags, 0, -1}};
     EXPECT_TRUE(expected == spawns.asked());
+  }
+}
+
+// Its starter has been answered 0 by then: it runs, or nobody ever learns that it did not.
+TEST(thread_helper, thread_that_starts_without_memory_runs_its_function) {
+  struct Helper : Thread_Helper {
+    using Thread_Helper::Thread_Helper;
+    ~Helper() override { join(); }
+    void handle_starting() override { module_testing::allocations_left = 0; }
+  };
+  for (const long flags : {JOINABLE, DETACHED}) {
+    Work work;
+    work.go_on.signal();
+    Helper helper(flags, ACE_DEFAULT_THREAD_PRIORITY);
+    ASSERT_NE(-1, helper.spawn(&Work::run, &work));
+    helper.join();
+    ACE_Thread_Manager::instance()->wait();
+    EXPECT_TRUE(work.finished) << flags;
   }
 }
 
