@@ -2,17 +2,25 @@
 
 #include "obs/agent/job_frame/exports.h"
 
+#include <cerrno>
+#include <new>
+
 OBS_Instance_Handler::OBS_Instance_Handler() : Instance_Handler("obs") {}
 
 OBS_Instance_Handler::~OBS_Instance_Handler() = default;
 
 int OBS_Instance_Handler::probe_instances(std::map<std::string, std::shared_ptr<Instance>>& instances) {
-  const std::shared_ptr<Instance> instance = std::make_shared<Instance>();
-  instance->type = "obs";
-  instance->name = "OBS";
-  instance->options["is_proxy"] = true;
-  instances["OBS"] = instance;
-  return 0;
+  try {
+    const std::shared_ptr<Instance> instance = std::make_shared<Instance>();
+    instance->type = "obs";
+    instance->name = "OBS";
+    instance->options["is_proxy"] = true;
+    instances.insert_or_assign("OBS", instance);
+    return 0;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
+  }
 }
 
 int OBS_Instance_Handler::get_state(const char*, std::string& state) {

@@ -42,6 +42,30 @@ TEST(obs_instance_handler, probing_twice_leaves_the_newest_instance_and_others_a
   EXPECT_NE(first, instances["OBS"]);
 }
 
+TEST(obs_instance_handler, probing_without_memory_fails_with_errno_and_leaves_no_instance) {
+  OBS_Instance_Handler handler;
+  for (int nth = 1; nth < 100; ++nth) {
+    Instances instances;
+    errno = 0;
+    int probed = 0;
+    bool failed = false;
+    {
+      const module_testing::Short_Memory short_memory(nth);
+      probed = handler.probe_instances(instances);
+      failed = module_testing::allocations_left < 0;
+    }
+    if (!failed) {
+      EXPECT_EQ(0, probed);
+      EXPECT_GT(nth, 3);
+      return;
+    }
+    EXPECT_EQ(-1, probed);
+    EXPECT_EQ(ENOMEM, errno);
+    EXPECT_TRUE(instances.empty());
+  }
+  FAIL() << "there is no end of allocations";
+}
+
 TEST(obs_instance_handler, every_instance_is_enabled) {
   OBS_Instance_Handler handler;
   std::string state = "old";

@@ -85,9 +85,9 @@ bool OBS_Backup_Job_Options_Parser::handle_string_i(const char* text, unsigned l
     return true;
   switch (level()) {
   case 1:
-    return handle_level1_string(text, length);
+    return without_throwing([&] { return handle_level1_string(text, length); });
   case 2:
-    return handle_level2_string(text, length);
+    return without_throwing([&] { return handle_level2_string(text, length); });
   default:
     return refuse(JSON_ERROR_WRONG_VALUE);
   }

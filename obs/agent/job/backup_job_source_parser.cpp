@@ -31,7 +31,7 @@ bool OBS_Backup_Job_Source_Parser::handle_map_key_i(const char* text, unsigned l
 
 bool OBS_Backup_Job_Source_Parser::handle_string_i(const char* text, unsigned length) {
   if (level() == 1)
-    return handle_level1_string(text, length);
+    return without_throwing([&] { return handle_level1_string(text, length); });
   return record() ? refuse(JSON_ERROR_WRONG_VALUE) : true;
 }
 

@@ -23,15 +23,9 @@ public:
   /// 0, or why the first event that was refused was so (JSON_Parse_Error).
   int err() const { return err_; }
 
-  bool handle_start_map_i() override {
-    states_.push_back(JSON_State{true, 0, 0});
-    return true;
-  }
+  bool handle_start_map_i() override { return push(true); }
   bool handle_end_map_i() override { return pop(); }
-  bool handle_start_array_i() override {
-    states_.push_back(JSON_State{false, 0, 0});
-    return true;
-  }
+  bool handle_start_array_i() override { return push(false); }
   bool handle_end_array_i() override { return pop(); }
   Result result() override { return result_; }
 
@@ -51,6 +45,23 @@ protected:
   JSON_State& top() { return states_.back(); }
   /// Null when memory was short.
   RECORD* record() const { return static_cast<RECORD*>(result_.get()); }
+  /// What `step` answers. Where memory is short for what it stores the parse ends, with `errno` ENOMEM; nothing is
+  /// thrown.
+  template <typename STEP>
+  static bool without_throwing(STEP step) {
+    try {
+      return step();
+    } catch (const std::bad_alloc&) {
+      errno = ENOMEM;
+      return false;
+    }
+  }
+  bool push(bool object) {
+    return without_throwing([&] {
+      states_.push_back(JSON_State{object, 0, 0});
+      return true;
+    });
+  }
   bool refuse(JSON_Parse_Error error) {
     if (err_ == 0)
       err_ = error;

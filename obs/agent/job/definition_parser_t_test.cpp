@@ -9,6 +9,9 @@
 #include "obs/agent/job/restore_job_source_parser.h"
 #include "testing/module/failing_allocator.h"
 
+#include <functional>
+#include <vector>
+
 using namespace definition_testing;
 
 namespace {
@@ -126,6 +129,64 @@ TEST(definition_parser, definition_behind_an_accepted_one_is_read_too) {
   EXPECT_EQ(3u, static_cast<OBS_Backup_Job_Options&>(*parser.result()).channels_);
   EXPECT_FALSE(yajl_parse(R"({"channels":"4"})", parser, reason));
   EXPECT_EQ(9, parser.err());
+}
+
+/// Gives `parser` the events of a definition with each of its allocations failing in turn: that event is refused with
+/// ENOMEM, and nothing is thrown. Returns how many allocations there were.
+template <typename PARSER>
+int fail_each_allocation(const std::vector<std::function<bool(YAJL_Handler&)>>& events) {
+  for (int nth = 1; nth < 1000; ++nth) {
+    PARSER parser;
+    bool accepted = true;
+    bool failed = false;
+    int error = 0;
+    errno = 0;
+    {
+      const module_testing::Short_Memory short_memory(nth);
+      for (size_t at = 0; accepted && at < events.size(); ++at)
+        accepted = events[at](parser);
+      error = errno;
+      failed = module_testing::allocations_left < 0;
+    }
+    if (!failed) {
+      EXPECT_TRUE(accepted);
+      return nth - 1;
+    }
+    EXPECT_FALSE(accepted) << nth;
+    EXPECT_EQ(ENOMEM, error) << nth;
+    EXPECT_EQ(0, parser.err()) << nth;
+  }
+  ADD_FAILURE() << "there is no end of allocations";
+  return 0;
+}
+
+TEST(definition_parser, event_without_memory_is_refused_and_throws_nothing) {
+  typedef std::function<bool(YAJL_Handler&)> Event;
+  const Event open = [](YAJL_Handler& parser) { return parser.handle_start_map_i(); };
+  const Event close = [](YAJL_Handler& parser) { return parser.handle_end_map_i(); };
+  const Event open_list = [](YAJL_Handler& parser) { return parser.handle_start_array_i(); };
+  const Event close_list = [](YAJL_Handler& parser) { return parser.handle_end_array_i(); };
+  const auto named = [](const char* name) { return [name](YAJL_Handler& parser) { return key(parser, name); }; };
+  const Event text = [](YAJL_Handler& parser) {
+    return string(parser, "a text that is longer than what a string keeps inside itself");
+  };
+  const Event one = [](YAJL_Handler& parser) { return number(parser, "1"); };
+
+  EXPECT_GE(fail_each_allocation<OBS_Backup_Job_Options_Parser>({open, named("cache_dir"), text, named("exclusion"),
+                                                                 open_list, text, text, close_list, close}),
+            5);
+  EXPECT_GE(fail_each_allocation<OBS_Backup_Job_Source_Parser>(
+                {open, named("id"), text, named("minor_resource_id"), text, named("minor_resource_name"), text, close}),
+            4);
+  EXPECT_GE(fail_each_allocation<OBS_Restore_Job_Options_Parser>(
+                {open, named("cache_dir"), text, named("bucket_maps"), open_list, open, named("source"), text,
+                 named("target"), text, named("prefix"), text, close, close_list, close}),
+            9);
+  EXPECT_GE(fail_each_allocation<OBS_Restore_Job_Source_Parser>(
+                {open, named("id"), text, named("backup_host_id"), text, named("backup_minor_resource_id"), text,
+                 named("seq"), one, named("pool_uuid"), text, named("entries"), open_list, open, named("dir"), text,
+                 close, close_list, close}),
+            9);
 }
 
 } // namespace

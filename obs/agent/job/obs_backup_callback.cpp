@@ -105,16 +105,18 @@ int OBS_File_Reader::read(MTF::Buffer& buffer) {
   try {
     if (!is_open() && !open_i())
       return 1;
+    const size_t count = conn_->recv(buffer.base(), buffer.size(), nullptr);
+    if (count == HTTP_Connection::RECV_FAILED)
+      return 1;
+    buffer.used(count);
+    offset_ += count;
+    return 0;
   } catch (const std::bad_alloc&) {
+    // It may have moved on: the next read begins where the last one ended, on another.
+    conn_ = HTTP_Connection_var();
     errno = ENOMEM;
     return 1;
   }
-  const size_t count = conn_->recv(buffer.base(), buffer.size(), nullptr);
-  if (count == HTTP_Connection::RECV_FAILED)
-    return 1;
-  buffer.used(count);
-  offset_ += count;
-  return 0;
 }
 
 int OBS_File_Reader::close() {

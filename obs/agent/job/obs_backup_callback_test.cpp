@@ -8,6 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <new>
+#include <utility>
+
 #include <vector>
 
 using namespace module_testing;
@@ -300,6 +304,52 @@ TEST_F(file_reader, resumption_that_fails_for_good_fails_the_read) {
   ASSERT_EQ(0, reader.open("/b/p/k"));
   store().on_get = [](const std::string&, const std::string&, ACE_UINT64) { return final_failure(); };
   EXPECT_EQ("failed", read_all(100));
+}
+
+/// A connection that runs out of memory once, with some of its bytes taken already.
+struct Forgetful_Connection : HTTP_Connection {
+  Forgetful_Connection(HTTP_Connection_var inner, bool& due) : inner(inner), due(due) {}
+  State state() const override { return inner->state(); }
+  size_t recv(void* buffer, size_t size, const ACE_Time_Value* timeout) override {
+    const size_t count = inner->recv(buffer, size, timeout);
+    if (std::exchange(due, false))
+      throw std::bad_alloc();
+    return count;
+  }
+  void close() override { inner->close(); }
+  HTTP_Connection_var inner;
+  bool& due;
+};
+
+TEST_F(file_reader, read_without_memory_fails_and_the_next_goes_on_where_the_last_ended) {
+  struct Service : Fake_Store_Service {
+    using Fake_Store_Service::Fake_Store_Service;
+    HTTP_Connection_var get_object(const char* b, const char* k, ACE_UINT64 offset, S3_Object* object) override {
+      return HTTP_Connection_var(new Forgetful_Connection(Fake_Store_Service::get_object(b, k, offset, object), due));
+    }
+    bool due = false;
+  };
+  const auto forgetful = std::make_shared<Service>(store());
+  OBS_File_Reader short_reader(forgetful);
+  ASSERT_EQ(0, short_reader.open("/b/p/k"));
+  char memory[4];
+  std::string data;
+  for (int i = 0; i < 2; ++i) {
+    MTF::Buffer buffer(memory, 3);
+    forgetful->due = i == 1;
+    errno = 0;
+    EXPECT_EQ(i, short_reader.read(buffer));
+    EXPECT_EQ(i == 1 ? ENOMEM : 0, errno);
+    data.append(memory, i == 0 ? buffer.used() : 0);
+  }
+  EXPECT_FALSE(short_reader.is_open()) << "its connection has moved on";
+  for (int i = 0; i < 4; ++i) {
+    MTF::Buffer buffer(memory, 3);
+    EXPECT_EQ(0, short_reader.read(buffer));
+    data.append(memory, buffer.used());
+  }
+  EXPECT_EQ("0123456789", data);
+  EXPECT_EQ((std::vector<ACE_UINT64>{0, 3}), forgetful->gets);
 }
 
 TEST_F(file_reader, missing_object_is_skipped_with_a_debug_line_and_not_repeated) {

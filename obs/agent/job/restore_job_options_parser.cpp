@@ -85,11 +85,11 @@ bool OBS_Restore_Job_Options_Parser::handle_string_i(const char* text, unsigned 
     return true;
   switch (level()) {
   case 1:
-    return handle_level1_string(text, length);
+    return without_throwing([&] { return handle_level1_string(text, length); });
   case 2:
     return true;
   case 3:
-    return handle_level3_string(text, length);
+    return without_throwing([&] { return handle_level3_string(text, length); });
   default:
     return refuse(JSON_ERROR_WRONG_VALUE);
   }
@@ -138,18 +138,19 @@ bool OBS_Restore_Job_Options_Parser::handle_level3_string(const char* text, unsi
 bool OBS_Restore_Job_Options_Parser::handle_end_map_i() {
   if (!pop())
     return false;
-  if (level() == 2 && record() && !cur_mapper_.empty())
-    store_mapper();
-  return true;
+  if (level() != 2 || !record() || cur_mapper_.empty())
+    return true;
+  return without_throwing([this] { return store_mapper(); });
 }
 
-void OBS_Restore_Job_Options_Parser::store_mapper() {
+bool OBS_Restore_Job_Options_Parser::store_mapper() {
   // Many buckets may end up in the target of "*": only their names keep them apart there.
   mapper_.add_bucket_prefix = cur_mapper_ == "*";
   if (mapper_.add_bucket_prefix)
     record()->mapper_.default_mapper() = mapper_;
   else
     record()->mapper_.mappers()[cur_mapper_] = mapper_;
+  return true;
 }
 
 OBS_DEFINE_PARSER_CREATOR_FACTORY(OBS_Restore_Job_Options_Parser)

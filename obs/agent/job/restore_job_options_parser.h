@@ -23,7 +23,7 @@ public:
 private:
   bool handle_level1_string(const char* text, unsigned length);
   bool handle_level3_string(const char* text, unsigned length);
-  void store_mapper();
+  bool store_mapper();
 
   static const JSON_Key key_table_1[];
   static const JSON_Key key_table_3[];

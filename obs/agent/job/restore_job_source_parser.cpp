@@ -66,9 +66,9 @@ bool OBS_Restore_Job_Source_Parser::handle_string_i(const char* text, unsigned l
     return true;
   switch (level()) {
   case 1:
-    return handle_level1_string(text, length);
+    return without_throwing([&] { return handle_level1_string(text, length); });
   case 3:
-    return handle_level3_string(text, length);
+    return without_throwing([&] { return handle_level3_string(text, length); });
   default:
     return refuse(JSON_ERROR_WRONG_VALUE);
   }
