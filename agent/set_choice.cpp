@@ -1,6 +1,5 @@
 #include "agent/set_choice.h"
 
-#include "agent/commands/open_set.h"
 #include "agent/context.h"
 #include "sdk/base/time_format.h"
 
@@ -145,19 +144,6 @@ bool names_latest(const std::string& id) {
   return id == LATEST || id.compare(0, LATEST.size() + 1, LATEST + ":") == 0;
 }
 
-bool is_whole(Context& context, const Set& set) {
-  Pool pool;
-  Set_Record record;
-  open_set(context, set, pool, record);
-  const json_spirit::Value* const errors = json_spirit::find(record.figures, "errors");
-  for (const char* name : {"skipped", "failed"}) {
-    const json_spirit::Value* const figure = json_spirit::find(record.figures, name);
-    if (figure == nullptr || figure->type() != json_spirit::int_type || figure->get_uint64() != 0)
-      return false;
-  }
-  return errors == nullptr || errors->type() != json_spirit::array_type || errors->get_array().empty();
-}
-
 Set latest_set(Context& context, const std::string& id, const std::optional<time_t>& until) {
   const std::string name = id.size() > LATEST.size() ? id.substr(LATEST.size() + 1) : std::string();
   context.reconcile();
@@ -183,7 +169,7 @@ Set latest_set(Context& context, const std::string& id, const std::optional<time
     ++known;
     if (until && set->end_time > limit)
       continue;
-    if (is_whole(context, *set))
+    if (set->missing == 0ull)
       newest[place] = &*set;
     else
       ++incomplete;

@@ -16,9 +16,6 @@ bool parse_moment(const std::string& text, time_t& moment);
 /// Whether `id` asks for a set by its age: "latest", or "latest:NAME".
 bool names_latest(const std::string& id);
 
-/// Whether the set is known to miss nothing of what was to be backed up.
-bool is_whole(Context& context, const Set& set);
-
 /// The newest whole set that ended at or before `until`. NAME narrows it to a selection, by its name or uuid, or to an
 /// account. Throws Command_Error: there is none, or sets of several selections are meant, which it names.
 Set latest_set(Context& context, const std::string& id, const std::optional<time_t>& until = std::nullopt);
