@@ -217,6 +217,7 @@ void Curl_Connection::drive(Duration idle, Until until) {
       // What is held here cannot be told from a peer that sends nothing.
       const auto held = std::chrono::steady_clock::now() - from;
       last += held;
+      turn_left_ = rate_->piece();
       looked += held;
     }
     perform();
@@ -322,6 +323,7 @@ void Curl_Connection::perform() {
 
 void Curl_Connection::unpause() {
   paused_ = false;
+  turn_left_ = std::max(turn_left_, 1ull); // what was held back comes at once
   if (curl_easy_pause(channel_->easy.get(), CURLPAUSE_CONT) != CURLE_OK && !paused_)
     fail(CURLE_RECV_ERROR, "cannot go on with a transfer that was held");
 }
@@ -401,12 +403,17 @@ size_t Curl_Connection::header(std::string_view line) {
 }
 
 size_t Curl_Connection::body(const char* data, size_t size) {
+  if (rate_ && turn_left_ == 0) {
+    paused_ = true;
+    return CURL_WRITEFUNC_PAUSE;
+  }
   // Whoever reads piece by piece comes back for more; what is held for them until then is copied twice.
   if (direct_left_ == 0 && (state_ == READING_BODY || buffered() >= BUFFER_LIMIT)) {
     paused_ = true;
     return CURL_WRITEFUNC_PAUSE;
   }
   progress_ += size;
+  turn_left_ -= std::min<unsigned long long>(turn_left_, size);
   const size_t straight = std::min(size, direct_left_);
   if (straight > 0) {
     std::memcpy(direct_, data, straight);

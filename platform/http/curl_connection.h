@@ -95,6 +95,7 @@ private:
   unsigned long long progress_ = 0;         ///< bytes received
   unsigned long long sent_ = 0;             ///< bytes sent
   unsigned long long metered_ = 0;          ///< bytes that `rate_` knows of
+  unsigned long long turn_left_ = 0;        ///< bytes of a body that may still be taken in this turn
   unsigned long long to_send_ = 0;          ///< bytes of the request's body
   unsigned long long body_sent_ = 0;        ///< of these
   bool may_dawdle_ = false;                 ///< the answer may be held open with a byte now and then
