@@ -107,10 +107,9 @@ TEST_F(Hostile_Catalog, whatever_is_no_table_of_a_catalog_s_is_refused_by_name) 
 }
 
 TEST_F(Hostile_Catalog, schema_without_an_end_is_refused_in_bounded_memory) {
-  std::string sql = "BEGIN;";
-  for (int i = 0; i < 20000; ++i)
-    sql += "CREATE TABLE t" + std::to_string(i) + "(a,b,c,d,e,f,g,h,i,j,k,l,m,n,o,p,q,r,s,t,u,v,w,x,y,z);";
-  put(sql + "COMMIT");
+  put("PRAGMA writable_schema=ON; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<20000) "
+      "INSERT INTO sqlite_master SELECT 'table','t'||i,'t'||i,2,"
+      "'CREATE TABLE t'||i||'(a,b,c,d,e,f,g,h,i,j,k,l,m,n,o,p,q,r,s,t,u,v,w,x,y,z)' FROM n");
   peak();
   const size_t before = peak();
   EXPECT_NE(std::string::npos, refused().find("more in its schema")) << error_;
