@@ -63,6 +63,20 @@ Prefix_Entry* Prefix_Entry::add_sub_prefix(const std::string& name) {
   return &*prefix_it_;
 }
 
+Prefix_Entry* Prefix_Entry::add_new_sub_prefix(const std::string& name) {
+  // In the order of bytes, in which services list, a name greater than the last one is new.
+  if (known_.empty() && (sub_prefixes.empty() || prefix_it_->name < name))
+    return add_sub_prefix(name);
+  if (known_.empty())
+    for (const Prefix_Entry& child : sub_prefixes)
+      known_.insert(child.name);
+  if (known_.count(name) != 0)
+    return nullptr;
+  Prefix_Entry* const child = add_sub_prefix(name);
+  known_.insert(child->name);
+  return child;
+}
+
 void Prefix_Entry::take_objects(Prefix_Entry& page) {
   if (page.objects.empty())
     return;
@@ -295,15 +309,21 @@ bool Async_OBS_Object_Lister::list_objects(std::shared_ptr<S3_Service_Base> svr,
   if (end_)
     return false;
 
+  std::string name;
   std::string error;
   try {
+    name = entry->name;
     if (!tree_is_full(entry, error) && list_page(svr, entry, error))
       return true;
   } catch (const std::exception& e) {
-    error = e.what();
+    // A prefix that this thread lost in the middle is not one that a service refused to list: nobody knows what is
+    // missing below it.
+    ACE_ERROR((LM_ERROR, ACE_TEXT("Listing of '%s/%s' broken off: %s.\n"), bucket_.c_str(), name.c_str(), e.what()));
+    broken_off_ = true;
+    finish();
+    return false;
   }
 
-  const std::string name = entry->name;
   // Whoever is told that the prefix has failed may end the rest before that is logged.
   const bool ended = end_ || job_is_canceling();
   give_up(entry); // from here on the entry may be gone
@@ -382,15 +402,15 @@ void Async_OBS_Object_Lister::take_page(Prefix_Entry* entry, Get_Bucket_Content&
   Guard guard(mutex_);
   size_t added = 0;
   for (const std::string& prefix : content.common_prefixes) {
-    // Some services name a prefix again on the next page.
+    // Some services name a prefix again on a later page. By then it may have been listed.
     const auto place = prefix_map_.lower_bound(prefix);
     if (place != prefix_map_.end() && place->first == prefix)
       continue;
-    if (!entry->sub_prefixes.empty() && entry->prefix_it_->name == prefix)
+    Prefix_Entry* const child = entry->add_new_sub_prefix(prefix);
+    if (child == nullptr)
       continue;
-    Prefix_Entry* const added_prefix = entry->add_sub_prefix(prefix);
-    prefix_map_.emplace_hint(place, prefix, added_prefix);
-    tree_size_ += tree_cost(*added_prefix);
+    prefix_map_.emplace_hint(place, prefix, child);
+    tree_size_ += tree_cost(*child);
     ++stats_.cached_prefixes;
     ++added;
   }
@@ -455,6 +475,7 @@ void Async_OBS_Object_Lister::list_end(Prefix_Entry* entry, bool failed) {
   prefix_map_.erase(entry->name);
   entry->sub_prefixes.sort(
       [](const Prefix_Entry& a, const Prefix_Entry& b) { return MTF::compare(a.name, b.name, '/'); });
+  entry->known_.clear();
   entry->done = true;
   ++stats_.iterated_prefixes;
   if (failed)
@@ -481,6 +502,8 @@ bool Async_OBS_Object_Lister::next(Object_Entry& obj) {
     for (;;) {
       while (!end_ && !head_prefix_->done && head_prefix_->objects.empty() && live_workers_ > 0 && !over)
         over = has_objects_.wait() == -1;
+      if (over)
+        broken_off_ = true;
       if (over || end_)
         break;
       if (!head_prefix_->objects.empty()) {

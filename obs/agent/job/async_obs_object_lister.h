@@ -12,7 +12,9 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 class Job;
@@ -43,6 +45,9 @@ struct Prefix_Entry {
   void add_object(std::string&& key, unsigned long long size, unsigned long long mtime);
   /// Appends a child and returns it, in constant time.
   Prefix_Entry* add_sub_prefix(const std::string& name);
+  /// The same for a name that none of the children has; null for another. In constant time while names come in the
+  /// order of bytes.
+  Prefix_Entry* add_new_sub_prefix(const std::string& name);
   /// Appends all objects of `page` and leaves it without any, in constant time.
   void take_objects(Prefix_Entry& page);
 
@@ -56,6 +61,8 @@ struct Prefix_Entry {
   Prefix_Entry* parent;             ///< null for the root
   Object_List::iterator obj_it_;    ///< last of `objects`
   Prefix_List::iterator prefix_it_; ///< last of `sub_prefixes`
+  /// Names of `sub_prefixes` from the first that came out of order until this prefix is `done`; else empty.
+  std::set<std::string_view> known_;
 };
 
 /// Lists all objects under a prefix of a bucket, recursively, with several threads that run ahead of the consumer, and
@@ -103,8 +110,8 @@ public:
   bool init(const std::string& bucket, const std::string& prefix);
   /// Waits for the next object and moves it to `obj`. False at the end.
   bool next(Object_Entry& obj);
-  /// True when `next` ended before the listing was through because no worker was left to go on with it, the tree got
-  /// too large, or the job is being cancelled.
+  /// True when `next` ended before the listing was through: no worker was left to go on with it, one could not go on
+  /// for want of memory, the wait for them failed, the tree got too large, or the job is being cancelled.
   bool broken_off() const { return broken_off_; }
   /// Stops and joins all threads and forgets everything. Idempotent.
   void reset();
@@ -169,7 +176,7 @@ private:
   std::vector<ACE_thread_t> workers_;
   size_t idle_workers_ = 0; ///< workers that wait on `has_prefixes_`
   int live_workers_ = 0;
-  bool broken_off_ = false; ///< the consumer's
+  std::atomic<bool> broken_off_{false};
   Object_List batch_;       ///< the consumer's: taken from the head, not yet handed out
   const size_t batch_size_;
   Job* job_ = nullptr; ///< that the consumer works for

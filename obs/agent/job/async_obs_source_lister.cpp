@@ -105,7 +105,7 @@ bool Async_OBS_Source_Lister::list_prefix(Async_OBS_Object_Lister& lister, const
   if (is_canceling())
     return false;
   if (lister.broken_off()) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("Nothing is left to list '%s/%s' with.\n"), bucket.c_str(), prefix.c_str()));
+    ACE_ERROR((LM_ERROR, ACE_TEXT("The listing of '%s/%s' broke off.\n"), bucket.c_str(), prefix.c_str()));
     return false;
   }
   return true;

@@ -39,15 +39,19 @@ Blk_ptr make_vol(unsigned short seq) {
 
 Blk_ptr make_dir(unsigned short seq, const std::string& path) {
   std::unique_ptr<MTF::Cat_Dir_Blk> blk;
-  if (fits(path))
-    blk = allocate<MTF::Cat_Dir_Blk>(MTF::Cat_Dir_Blk::buffer_need(static_cast<unsigned>(path.size())));
-  if (blk) {
-    if (is_debug_enabled())
-      ACE_DEBUG((LM_DEBUG, ACE_TEXT("OBS-Lister|DIR|%s.\n"), path.c_str()));
-    std::string name = path;
-    std::replace(name.begin(), name.end(), '/', '\0');
-    if (!blk->set(seq, name))
-      blk.reset();
+  try {
+    if (fits(path))
+      blk = allocate<MTF::Cat_Dir_Blk>(MTF::Cat_Dir_Blk::buffer_need(static_cast<unsigned>(path.size())));
+    if (blk) {
+      if (is_debug_enabled())
+        ACE_DEBUG((LM_DEBUG, ACE_TEXT("OBS-Lister|DIR|%s.\n"), path.c_str()));
+      std::string name = path;
+      std::replace(name.begin(), name.end(), '/', '\0');
+      if (!blk->set(seq, name))
+        blk.reset();
+    }
+  } catch (const std::bad_alloc&) {
+    blk.reset();
   }
   if (!blk)
     ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to make dir block for '%s'.\n"), path.c_str()));

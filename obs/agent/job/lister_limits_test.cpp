@@ -7,13 +7,40 @@
 #include "testing/module/fake_clock.h"
 #include "testing/module/fake_event_handler.h"
 #include "testing/module/fake_s3.h"
+#include "testing/module/gate.h"
 #include "testing/module/log_sink.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
+#include <dlfcn.h>
+#include <pthread.h>
+
 MODULE_TESTING_DEFINE_FAILING_SPAWN()
 
 using namespace module_testing;
+
+namespace {
+thread_local bool waits_fail = false;
+}
+
+/// Takes the place of the C library's function in this program.
+extern "C" int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+  if (waits_fail)
+    return EINVAL;
+  typedef int (*Wait)(pthread_cond_t*, pthread_mutex_t*);
+#ifdef __SANITIZE_THREAD__
+  static const Wait wait = reinterpret_cast<Wait>(dlsym(RTLD_NEXT, "pthread_cond_wait"));
+#else
+  // By the bare name alone the linker may find the one of another age, which knows another kind of condition.
+  static const Wait wait = [] {
+    void* const found = dlvsym(RTLD_NEXT, "pthread_cond_wait", "GLIBC_2.3.2");
+    return reinterpret_cast<Wait>(found ? found : dlsym(RTLD_NEXT, "pthread_cond_wait"));
+  }();
+#endif
+  return wait(condition, mutex);
+}
 
 namespace {
 
@@ -148,6 +175,24 @@ TEST_F(lister_limits, prefix_that_cannot_be_started_ends_the_catalog) {
   EXPECT_EQ(-1, generate({"/b/"}));
   EXPECT_EQ(1u, log.count(LM_ERROR, "Failed to init async object lister.\n"));
   EXPECT_EQ((std::vector<std::string>{"VOL"}), blocks);
+}
+
+TEST_F(lister_limits, wait_that_fails_makes_no_complete_catalog) {
+  store.put("b", "p/k");
+  Gate gate;
+  bool over = false;
+  store.on_list = [&](const std::string&, const std::string&, const std::string&) {
+    gate.wait([&] { return over; }); // so that there is something to wait for
+    return S3_Error();
+  };
+  Async_OBS_Object_Lister lister(client, 1, 300, 100, nullptr);
+  ASSERT_TRUE(lister.init("b", ""));
+  Object_Entry object;
+  waits_fail = true;
+  EXPECT_FALSE(lister.next(object));
+  waits_fail = false;
+  EXPECT_TRUE(lister.broken_off());
+  gate.change([&] { over = true; });
 }
 
 TEST_F(lister_limits, largest_size_sequence_and_a_far_time_reach_the_block) {

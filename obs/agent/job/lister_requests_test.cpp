@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -235,6 +236,40 @@ TEST_F(lister_requests, folder_that_was_listed_before_the_next_page_names_it_is_
   ASSERT_TRUE(lister.init("b", ""));
   EXPECT_EQ((Texts{"y/k", "z/k"}), take_all(lister));
   EXPECT_EQ(1, asked);
+}
+
+TEST_F(lister_requests, folder_that_a_later_page_names_again_is_listed_once_wherever_it_stood) {
+  for (const bool ascending : {true, false}) {
+    Gate gate;
+    int through = 0;
+    Texts asked;
+    Scripted_Client again(store, [&](const std::string& prefix, const std::string& marker, Get_Bucket_Content& content) {
+      if (!prefix.empty()) {
+        gate.change([&] { asked.push_back(prefix); });
+        add_object(content, prefix + "k");
+        // The thread that asks for the last of these has done with the others before.
+        if (prefix == "z/")
+          gate.change([&] { through = 1; });
+      } else if (marker.empty()) {
+        content.common_prefixes = ascending ? Texts{"w/", "x/", "y/", "z/"} : Texts{"y/", "w/", "z/", "x/"};
+        content.truncated = true;
+        content.next_marker = "1";
+      } else if (marker == "1") {
+        EXPECT_TRUE(gate.wait([&] { return through == 1; }));
+        content.common_prefixes = {"x/", "w/", "zz/"};
+        content.truncated = true;
+        content.next_marker = "2";
+      } else {
+        content.common_prefixes = {"zz/", "y/", "a/", "x/"};
+      }
+    });
+    Async_OBS_Object_Lister lister(again, 2, 300, 100, nullptr);
+    ASSERT_TRUE(lister.init("b", ""));
+    EXPECT_EQ((Texts{"a/k", "w/k", "x/k", "y/k", "z/k", "zz/k"}), take_all(lister));
+    std::sort(asked.begin(), asked.end());
+    EXPECT_EQ((Texts{"a/", "w/", "x/", "y/", "z/", "zz/"}), asked);
+    EXPECT_EQ(0u, lister.statistics().cached_prefixes);
+  }
 }
 
 /// Tells the consumer one time and the statistics thread, whose log it also keeps, another: that one is held until

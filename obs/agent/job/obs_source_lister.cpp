@@ -79,12 +79,18 @@ bool OBS_Source_Lister::add_vol_blk(MTF::Cat_Blk& blk) {
   return true;
 }
 
-bool OBS_Source_Lister::add_dir_blk(std::string path) {
-  catalog_blocks::Blk_ptr blk = catalog_blocks::make_dir(seq_, path);
-  if (!blk)
+bool OBS_Source_Lister::add_dir_blk(const std::string& bucket, const std::string& prefix, size_t length) {
+  try {
+    catalog_blocks::Blk_ptr blk = catalog_blocks::make_dir(seq_, bucket + "/" + prefix.substr(0, length));
+    if (!blk)
+      return false;
+    blocks_.push_back(std::move(blk));
+    return true;
+  } catch (const std::bad_alloc&) {
+    ACE_ERROR((LM_ERROR, ACE_TEXT("Failed to make dir block for '%s/%.*s'.\n"), bucket.c_str(),
+               static_cast<int>(length), prefix.c_str()));
     return false;
-  blocks_.push_back(std::move(blk));
-  return true;
+  }
 }
 
 bool OBS_Source_Lister::add_file_blk(const std::string& key, unsigned long long size, unsigned long long mtime) {
@@ -217,14 +223,14 @@ bool OBS_Source_Lister::walk_next() {
       continue;
     }
     if (path.bucket_ != cur_bucket_) {
-      add_dir_blk(path.bucket_ + "/");
+      add_dir_blk(path.bucket_, std::string(), 0);
       cur_bucket_ = path.bucket_;
       cur_prefix_.clear();
     }
     if (path.object_ != cur_prefix_) {
       size_t at = MTF_FS::common_parent(cur_prefix_, path.object_);
       while ((at = path.object_.find('/', at)) != std::string::npos)
-        add_dir_blk(cur_bucket_ + "/" + path.object_.substr(0, ++at));
+        add_dir_blk(cur_bucket_, path.object_, ++at);
       cur_prefix_ = path.object_;
     }
     end_prefix_ = !path.is_prefix();

@@ -27,7 +27,8 @@ private:
   bool next_i(MTF::Cat_Blk& blk);
   bool pop_block(MTF::Cat_Blk& blk);
   bool add_vol_blk(MTF::Cat_Blk& blk);
-  bool add_dir_blk(std::string path);
+  /// Of the first `length` bytes of `prefix`. False, after a line, when there is no memory for it.
+  bool add_dir_blk(const std::string& bucket, const std::string& prefix, size_t length);
   bool add_file_blk(const std::string& key, unsigned long long size, unsigned long long mtime);
   bool add_fend();
   bool list_objects();

@@ -2,6 +2,7 @@
 
 #include "obs/agent/job/async_obs_object_lister.h"
 #include "obs/agent/job/async_obs_source_lister.h"
+#include "obs/agent/job/catalog_blocks.h"
 #include "obs/agent/job/obs_backup_callback.h"
 #include "obs/agent/job/obs_backup_util.h"
 #include "obs/agent/job/obs_job_creator.h"
@@ -294,6 +295,91 @@ TEST(short_memory, object_lister_without_its_first_prefix_is_not_begun) {
   Object_Entry object;
   EXPECT_TRUE(lister.next(object));
   EXPECT_EQ("p/k", object.key);
+}
+
+// A folder that cannot be made is named, and what is in it is walked all the same.
+TEST(short_memory, folder_without_memory_is_named_and_the_walk_goes_on) {
+  int named = 0;
+  for (int nth = 1; nth < 5000; ++nth) {
+    module_testing::Log_Sink log;
+    module_testing::Fake_Store store;
+    store.put("bucket-with-a-name-too-long-for-a-short-string", std::string(LONG_TEXT) + "/k");
+    OBS_Source_Lister lister(std::make_shared<module_testing::Fake_Store_Service>(store), 1, {LONG_BUCKET}, nullptr,
+                             nullptr);
+    MTF::Cat_Blk blk;
+    std::string types;
+    module_testing::allocations_left = nth - 1;
+    while (lister.next(blk))
+      types += blk.hdr().type() == MTF_CAT_DIRB_BLK ? 'D' : blk.hdr().type() == MTF_CAT_FEND_BLK ? '.' : 'o';
+    const bool failed = module_testing::allocations_left < 0;
+    module_testing::allocations_left = -1;
+    if (!failed) {
+      EXPECT_EQ("oDDo.", types);
+      EXPECT_GE(named, 6);
+      return;
+    }
+    if (log.count(LM_ERROR, "Failed to make dir block for 'bucket-with-a-name-too-long-for-a-short-string/") > 0) {
+      ++named;
+      EXPECT_EQ("oDo.", types) << nth;
+    }
+  }
+  FAIL() << "there is no end of allocations";
+}
+
+TEST(short_memory, folder_block_without_memory_is_logged_wherever_it_strikes) {
+  module_testing::Log_Sink log;
+  const std::string path = LONG_TEXT;
+  size_t lost = 0;
+  for (int nth = 1; nth < 100; ++nth) {
+    bool made = false;
+    bool failed = false;
+    {
+      const module_testing::Short_Memory short_memory(nth);
+      made = catalog_blocks::make_dir(1, path) != nullptr;
+      failed = module_testing::allocations_left < 0;
+    }
+    if (!failed) {
+      EXPECT_TRUE(made);
+      EXPECT_GE(lost, 2u);
+      return;
+    }
+    lost += !made;
+    EXPECT_EQ(lost, log.count(LM_ERROR, "Failed to make dir block for '"));
+  }
+  FAIL() << "there is no end of allocations";
+}
+
+// What a worker has lost would count as deleted in an incremental backup, were the catalog taken for whole.
+TEST(short_memory, worker_without_memory_never_makes_part_of_a_catalog_the_whole) {
+  module_testing::Fake_Store store;
+  const std::string folder = std::string(LONG_TEXT) + "/";
+  for (const char* key : {"1/k", "2/3/k", "k"})
+    store.put("b", folder + key);
+  int whole = 0;
+  int broken = 0;
+  for (int nth = 0; whole < 50 && nth < 5000; ++nth) {
+    module_testing::Log_Sink log;
+    store.on_service = [&] {
+      log.attach();
+      module_testing::allocations_left = nth;
+      return true;
+    };
+    module_testing::Fake_Store_Client client(store);
+    Async_OBS_Source_Lister lister(client, 1, {"/b/"}, nullptr, nullptr, 1, 100);
+    size_t blocks = 0;
+    const int result = lister.generate([&](std::unique_ptr<MTF::Cat_Blk>) { return ++blocks > 0; });
+    if (result == 0) {
+      // VOL, "b/", the folder, "1/", "2/", "3/", three objects, FEND.
+      ASSERT_EQ(10u, blocks) << nth;
+      ++whole;
+    } else {
+      whole = 0;
+      ++broken;
+      EXPECT_EQ(1u, log.count(LM_ERROR, "The listing of 'b/' broke off.")) << nth;
+    }
+  }
+  EXPECT_EQ(50, whole);
+  EXPECT_GT(broken, 20);
 }
 
 } // namespace
