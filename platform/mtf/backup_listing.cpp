@@ -1,6 +1,7 @@
 #include "platform/mtf/backup_listing.h"
 
 #include <algorithm>
+#include <cerrno>
 
 using namespace MTF;
 
@@ -69,8 +70,8 @@ int Listing_Events::notify_event(unsigned code, const json_spirit::Object& optio
     catalog_.add_problem(
         {type == "directory" ? Catalog_Problem::NOT_LISTED : Catalog_Problem::SKIPPED, path, why, message});
     const bool source = sources_.count(path) != 0;
-    // Without a number nobody could be asked; with 0 the service has said that there is no such object.
-    if (type != "directory" && refused_ == 0 && (!source || !known || why != 0)) {
+    // Without a number nobody could be asked; with this one the service has said that there is no such object.
+    if (type != "directory" && refused_ == 0 && (!source || !known || why != ENOENT)) {
       unanswered_ += source;
       const std::lock_guard<std::mutex> guard(mutex_);
       if (source || unseen_objects_.size() < MAX_UNSEEN)

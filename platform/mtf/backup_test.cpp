@@ -801,7 +801,7 @@ TEST_F(Backup, deletions_are_rows_and_what_is_left_out_from_now_on_is_none) {
     source_.order.erase(std::find(source_.order.begin(), source_.order.end(), path));
   source_.on_list_start = [](MTF::Event_Handler* events) {
     tell_skipped(events, "/c/unseen", EACCES);
-    tell_skipped(events, "/c/single", 0);
+    tell_skipped(events, "/c/single", ENOENT);
   };
   order_.uuid = "set-2";
   order_.base_seq = 1;
@@ -1104,7 +1104,7 @@ TEST_F(Backup_Of_Job, objects_asked_for_by_name_count_as_listed_with_and_without
   // Of the three that were asked for the service has answered two.
   ledger().head_objects = 2;
   source_.on_list_start = [](Event_Handler* events) {
-    tell_skipped(events, "/c/gone", 0);
+    tell_skipped(events, "/c/gone", ENOENT);
     tell_skipped(events, "/c/refused", EACCES);
     tell_skipped(events, "/c/unasked", json_spirit::Value());
   };

@@ -198,14 +198,14 @@ bool Service::head_object(const char* bucket, const char* key, S3_Object& object
       outcome.error = S3_Error(EPROTO, outcome.head.status, "MissingContentLength",
                                "the answer names no length (HEAD of '" + object.name + "')", false);
     }
-  } else if (outcome.error.status() == 404) {
-    outcome.error = S3_Error();
   }
-  if (outcome.ok())
+  // That there is no such object is an answer as well, and the error says so.
+  const bool gone = outcome.error.status() == 404;
+  if (outcome.ok() || gone)
     endpoint_->ledger()->head_objects.fetch_add(1, std::memory_order_relaxed);
   else
     endpoint_->ledger()->failed_here(outcome.error);
-  return report(std::move(outcome));
+  return report(std::move(outcome)) || gone;
 }
 
 /// Whether a successful answer is what a GET from `offset` asked for; `size` becomes the object's.

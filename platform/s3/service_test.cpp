@@ -47,6 +47,19 @@ TEST_F(Service_Test, empty_object_has_a_body_to_read) {
   EXPECT_EQ(HTTP_Connection::BODY_READ, c->state());
 }
 
+TEST_F(Service_Test, head_of_a_missing_object_is_an_answer_that_says_so) {
+  server.put("bucket", "key", "hello");
+  const S3_Service_var s = service();
+  EXPECT_TRUE(s->head_object("bucket", "none", object));
+  EXPECT_FALSE(object.exists);
+  EXPECT_EQ(ENOENT, s->last_error().number());
+  EXPECT_EQ(404, s->last_error().status());
+  EXPECT_STRNE("", s->error());
+  EXPECT_TRUE(s->head_object("bucket", "key", object));
+  EXPECT_TRUE(object.exists);
+  EXPECT_EQ(0, s->last_error().number());
+}
+
 TEST_F(Service_Test, null_buffer_and_missing_body_fail) {
   server.put("bucket", "key", "hello");
   const S3_Service_var s = service();

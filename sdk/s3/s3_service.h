@@ -32,7 +32,7 @@ public:
   virtual bool get_bucket_location(const char* bucket, std::string& location) = 0;
   virtual bool bucket_exists(const char* bucket) = 0;
   virtual bool create_bucket(const char* bucket) = 0;
-  /// True when the service answered; `object.exists` then says whether the object is there.
+  /// True when the service answered; `object.exists` says whether the object is there, the last error why it is not.
   virtual bool head_object(const char* bucket, const char* key, S3_Object& object) = 0;
   /// Asks for an object's bytes from `offset` on and returns when the answer's head is in. `object`, when given, is
   /// filled from it (`exists` false when the service says there is none). Never null but for short memory; a request

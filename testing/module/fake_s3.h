@@ -195,7 +195,8 @@ public:
         return answer(error);
     }
     fill(bucket, key, object);
-    return answer(S3_Error());
+    answer(object.exists ? S3_Error() : S3_Error(ENOENT, 404, "NoSuchKey", "no such key", false));
+    return true;
   }
   HTTP_Connection_var get_object(const char* bucket, const char* key, ACE_UINT64 offset, S3_Object* object) override {
     gets.push_back(offset);

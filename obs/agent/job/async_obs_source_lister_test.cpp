@@ -155,7 +155,7 @@ TEST_F(async_source_lister, single_object_that_is_not_there_is_reported) {
   EXPECT_EQ(0, generate({"/b/gone"}));
   EXPECT_EQ((Texts{"VOL", "FEND"}), blocks);
   EXPECT_EQ(1u, events.skipped_files());
-  EXPECT_EQ((Texts{"{\"errno\":0,\"message\":\"\",\"name\":\"/b/gone\",\"type\":\"file\"}"}), events.errors);
+  EXPECT_EQ((Texts{"{\"errno\":2,\"message\":\"NoSuchKey: no such key\",\"name\":\"/b/gone\",\"type\":\"file\"}"}), events.errors);
 }
 
 TEST_F(async_source_lister, single_object_that_cannot_be_asked_for_is_reported_with_the_reason) {
