@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <thread>
+#include <type_traits>
 
 namespace {
 
@@ -64,8 +65,10 @@ TYPED_TEST(Event_Handler_Test, progress_fills_the_activity_and_its_code_alone_re
   this->job_->ledger()->head_objects = 2;
   EXPECT_EQ(7, this->handler_.handle_progress(3, 10, 20, 30));
   EXPECT_EQ(10u, this->activity().objects);
-  EXPECT_EQ(20u, this->activity().size);
-  EXPECT_EQ(30u, this->activity().set_size);
+  // Objects are read by a backup and stored by a restore.
+  const bool backup = std::is_same_v<TypeParam, file_backup::Backup_Event_Handler>;
+  EXPECT_EQ(backup ? 20u : 30u, this->activity().size);
+  EXPECT_EQ(backup ? 30u : 20u, this->activity().set_size);
   EXPECT_EQ(42u, this->activity().listed);
   EXPECT_EQ(0u, this->activity().problems);
   EXPECT_EQ(3, this->host_.last_code);

@@ -72,11 +72,11 @@ void Run_Observer::outcome(const Object& figures) {
   job_.set_result("outcome", account);
 }
 
-int Run_Observer::progress(int code, unsigned long long objects, unsigned long long read, unsigned long long stored,
+int Run_Observer::progress(int code, unsigned long long objects, unsigned long long size, unsigned long long set_size,
                            unsigned long long skipped) {
   activity_.objects = objects;
-  activity_.size = read;
-  activity_.set_size = stored;
+  activity_.size = size;
+  activity_.set_size = set_size;
   activity_.listed = job_.ledger()->listed_keys + job_.ledger()->head_objects;
   count_problems(skipped);
   // The host takes figures from the activity.
@@ -125,8 +125,9 @@ int Restore_Event_Handler::notify_event(unsigned code, const Object& options) {
   return 0;
 }
 
+// What a restore stores are the objects, and what it reads is what the set takes.
 int Restore_Event_Handler::handle_progress(int code, unsigned long long a, unsigned long long b, unsigned long long c) {
-  return impl_->progress(code, a, b, c, skipped_files() + skipped_dirs());
+  return impl_->progress(code, a, c, b, skipped_files() + skipped_dirs());
 }
 
 bool Restore_Event_Handler::canceling() {

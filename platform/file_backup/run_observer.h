@@ -16,7 +16,7 @@ public:
 
   /// Takes an event; `skipped` is what the engine counted as skipped so far.
   void event(unsigned code, const json_spirit::Object& options, unsigned long long skipped);
-  int progress(int code, unsigned long long objects, unsigned long long read, unsigned long long stored,
+  int progress(int code, unsigned long long objects, unsigned long long size, unsigned long long set_size,
                unsigned long long skipped);
   bool canceling() const { return activity_.state == JOB_STATE_CANCELING; }
   bool pausing() const { return activity_.state == JOB_STATE_PAUSING; }

@@ -53,9 +53,9 @@ public:
   virtual int readlink(const char* path, char* buffer, size_t size) = 0;
   /// A reader of its own for the caller, or null. Any thread.
   virtual IFile_Reader_var make_file_reader() = 0;
-  /// The lister of everything under `sources` (null: of all there is), or null when it cannot be made. `seq`: of the
-  /// last set in the chain, 0 for a full backup; `threads`: that list side by side. `sources`, `handler` and `filter`
-  /// may be null; the latter two outlive the lister. Once per backup.
+  /// The lister of everything under `sources` (null: of all there is), or null when it cannot be made. `seq`: number
+  /// of the set that is being made, which its blocks carry; `threads`: that list side by side. `sources`, `handler` and
+  /// `filter` may be null; the latter two outlive the lister. Once per backup.
   virtual ISrc_Lister_var make_source_lister(const std::list<std::string>* sources, unsigned short seq,
                                              Event_Handler* handler, const IFilter* filter, int threads) = 0;
   /// Appends the names of the folders under `path`; their number. Not asked by this engine, which uses the lister.
