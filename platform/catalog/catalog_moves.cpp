@@ -242,7 +242,8 @@ bool relink_catalog(Catalog_Db& db, Catalog_Moves& moves, const Catalog_Set& mer
     Catalog_Statement sets;
     if (!sets.prepare(db.get(), "SELECT idx,uuid FROM sets", error))
       return false;
-    while (sets.step() == SQLITE_ROW) {
+    int step;
+    while ((step = sets.step()) == SQLITE_ROW) {
       const unsigned index = static_cast<unsigned>(sets.number(0));
       std::string uuid(sets.blob(1));
       next = std::max(next, index + 1);
@@ -250,6 +251,10 @@ bool relink_catalog(Catalog_Db& db, Catalog_Moves& moves, const Catalog_Set& mer
         places[index] = std::move(uuid);
       else if (uuid == merged.uuid)
         known = index;
+    }
+    if (step != SQLITE_DONE) {
+      error = "cannot read catalog: " + sets.error();
+      return false;
     }
   }
   const unsigned target = own ? 0 : known != 0 ? known : next;
@@ -270,9 +275,14 @@ bool relink_catalog(Catalog_Db& db, Catalog_Moves& moves, const Catalog_Set& mer
   for (unsigned long long last = 0;;) {
     batch.clear();
     rows.bind(1, last).bind(2, BATCH);
-    while (rows.step() == SQLITE_ROW)
+    int step;
+    while ((step = rows.step()) == SQLITE_ROW)
       batch.push_back({rows.number(0), static_cast<unsigned>(rows.number(1)), static_cast<unsigned>(rows.number(2)),
                        rows.number(3)});
+    if (step != SQLITE_DONE) {
+      error = "cannot read catalog: " + rows.error();
+      return false;
+    }
     rows.reset();
     if (batch.empty())
       break;

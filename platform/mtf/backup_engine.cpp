@@ -110,6 +110,7 @@ struct Backup_Engine::Impl {
   bool is_cut() const { return cut || canceling(); }
   bool begin_commit();
   void start(const std::string& name, std::function<void()> body);
+  void broken(const std::string& why);
   void supervise(bool tell);
   void conclude(bool kept);
   void discard();
@@ -148,11 +149,12 @@ struct Backup_Engine::Impl {
   const ACE_Time_Value begun = Clock::instance().monotonic();
   unsigned long long set_bytes = 0; ///< on media and in the catalog
 
-  Engine_Threads threads;
   std::atomic<bool> cut{false}; ///< the run was stopped: it was cancelled, or its service is gone
   std::mutex mutex;             ///< guards what follows
   Error_Code code = E_OK;
   std::string failure;
+
+  Engine_Threads threads; ///< the last: they work on all of the above
 };
 
 Backup_Engine::Backup_Engine(Backup_Order order, Event_Handler_var handler, Metadata& metadata,
@@ -331,8 +333,11 @@ bool Backup_Engine::Impl::make_media() {
 }
 
 void Backup_Engine::Impl::start(const std::string& name, std::function<void()> body) {
-  threads.start(name, std::move(body),
-                [this](const std::string& why) { fail(E_FAILED, "The backup ends: " + why + "."); });
+  threads.start(name, std::move(body), [this](const std::string& why) { broken(why); });
+}
+
+void Backup_Engine::Impl::broken(const std::string& why) {
+  fail(E_FAILED, "The backup ends: " + why + ".");
 }
 
 void Backup_Engine::Impl::list() {
@@ -474,14 +479,17 @@ bool Backup_Engine::Impl::write_objects() {
   const unsigned count = static_cast<unsigned>(channels.size());
   const unsigned readers =
       std::max(count, std::min(order.io.readers == 0 ? DEFAULT_READERS : order.io.readers, MAX_READERS));
-  for (unsigned i = 0; i < count; ++i) {
-    Backup_Channel* const channel = channels[i].get();
-    start("Channel " + std::to_string(i), [channel] { channel->write(); });
-    for (unsigned r = i; r < readers; r += count)
-      start("Reader " + std::to_string(r), [channel] { channel->read(); });
-  }
-  start("Lister", [this] { list(); });
-  threads.join([this](bool tell) { supervise(tell); });
+  threads.run(
+      [&] {
+        for (unsigned i = 0; i < count; ++i) {
+          Backup_Channel* const channel = channels[i].get();
+          start("Channel " + std::to_string(i), [channel] { channel->write(); });
+          for (unsigned r = i; r < readers; r += count)
+            start("Reader " + std::to_string(r), [channel] { channel->read(); });
+        }
+        start("Lister", [this] { list(); });
+      },
+      [this](bool tell) { supervise(tell); }, [this](const std::string& why) { broken(why); });
   // The lister is the callback's, and both may hold connections.
   lister = ISrc_Lister_var();
   shared.callback = IBackup_Callback_var();

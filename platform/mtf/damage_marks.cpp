@@ -52,12 +52,19 @@ bool Damage_Marks::add(const Verify_Damage& damage) {
 
 bool Damage_Marks::holds(const std::string& set) {
   Catalog_Reset reset(find_set_);
-  return find_set_.bind_text(1, set).step() == SQLITE_ROW;
+  return found(find_set_, find_set_.bind_text(1, set).step());
 }
 
 bool Damage_Marks::holds(const std::string& set, unsigned channel, unsigned long long offset) {
   Catalog_Reset reset(find_);
-  return find_.bind_text(1, set).bind(2, channel).bind(3, offset).step() == SQLITE_ROW;
+  return found(find_, find_.bind_text(1, set).bind(2, channel).bind(3, offset).step());
+}
+
+/// Whether a look-up has found its row. One that could not be made leaves an error.
+bool Damage_Marks::found(const Catalog_Statement& statement, int step) {
+  if (step != SQLITE_ROW && step != SQLITE_DONE && error_.empty())
+    error_ = "cannot look up what is damaged: " + statement.error();
+  return step == SQLITE_ROW;
 }
 
 /// Whether the catalog has a row to be marked that is not.
@@ -70,15 +77,18 @@ bool Damage_Marks::is_touched(const Pool& pool, const Set_Record& record, bool& 
   for (const Catalog_Set& set : catalog->sets())
     if (holds(set.uuid))
       places[set.index] = set.uuid;
-  return places.empty() || catalog->walk(
-                               "",
-                               [&](const Catalog_Object& object) {
-                                 const auto place = places.find(object.set);
-                                 touched = place != places.end() && (object.flags & catalog::FLAG_DAMAGED) == 0 &&
-                                           holds(place->second, object.channel, object.offset);
-                                 return !touched;
-                               },
-                               error_);
+  if (!error_.empty())
+    return false;
+  return places.empty() || (catalog->walk(
+                                "",
+                                [&](const Catalog_Object& object) {
+                                  const auto place = places.find(object.set);
+                                  touched = place != places.end() && (object.flags & catalog::FLAG_DAMAGED) == 0 &&
+                                            holds(place->second, object.channel, object.offset);
+                                  return !touched;
+                                },
+                                error_) &&
+                            error_.empty());
 }
 
 bool Damage_Marks::mark_rows(Catalog_Db& db, unsigned long long& rows) {
@@ -91,9 +101,14 @@ bool Damage_Marks::mark_rows(Catalog_Db& db, unsigned long long& rows) {
       !update.prepare(db.get(), "UPDATE objects SET flags=flags|? WHERE ordinal=?", error_))
     return false;
   std::map<unsigned, std::string> places;
-  while (sets.step() == SQLITE_ROW)
+  int set_step;
+  while ((set_step = sets.step()) == SQLITE_ROW)
     if (std::string uuid(sets.blob(1)); holds(uuid))
       places[static_cast<unsigned>(sets.number(0))] = std::move(uuid);
+  if (set_step != SQLITE_DONE) {
+    error_ = "cannot read catalog: " + sets.error();
+    return false;
+  }
   sets.reset();
   std::vector<Row> batch;
   for (unsigned long long last = 0;; last = batch.back().ordinal) {
@@ -109,7 +124,7 @@ bool Damage_Marks::mark_rows(Catalog_Db& db, unsigned long long& rows) {
     }
     find.reset();
     if (batch.empty())
-      return true;
+      return error_.empty();
     for (const Row& row : batch) {
       const auto place = places.find(row.place);
       if (place == places.end() || !holds(place->second, row.channel, row.offset))

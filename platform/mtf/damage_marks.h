@@ -27,6 +27,7 @@ private:
   Damage_Marks() = default;
   bool holds(const std::string& set);
   bool holds(const std::string& set, unsigned channel, unsigned long long offset);
+  bool found(const Catalog_Statement& statement, int step);
   bool is_touched(const Pool& pool, const Set_Record& record, bool& touched);
   bool mark(const Pool& pool, const Set_Record& record, unsigned long long& rows);
   bool mark_rows(Catalog_Db& catalog, unsigned long long& rows);

@@ -6,11 +6,15 @@
 
 #include <chrono>
 #include <new>
+#include <utility>
 
 Engine_Threads::Engine_Threads() : job_(Job::current()) {}
 
-void Engine_Threads::start(const std::string& name, std::function<void()> body,
-                           std::function<void(const std::string&)> failed) {
+Engine_Threads::~Engine_Threads() {
+  join();
+}
+
+void Engine_Threads::start(const std::string& name, std::function<void()> body, Failed failed) {
   {
     std::lock_guard<std::mutex> guard(mutex_);
     ++running_;
@@ -42,9 +46,28 @@ void Engine_Threads::start(const std::string& name, std::function<void()> body,
   }
 }
 
-void Engine_Threads::join(const std::function<void(bool)>& watch) {
+bool Engine_Threads::attempt(const std::function<void()>& step, const Failed& failed) {
+  try {
+    try {
+      step();
+      return true;
+    } catch (const std::bad_alloc&) {
+      failed("memory is short");
+    } catch (const std::exception& e) {
+      failed(e.what());
+    }
+  } catch (...) {
+    if (!thrown_)
+      thrown_ = std::current_exception();
+  }
+  return false;
+}
+
+void Engine_Threads::run(const std::function<void()>& starts, const std::function<void(bool)>& watch,
+                         const Failed& failed) {
+  attempt(starts, failed);
   auto told = std::chrono::steady_clock::now();
-  for (;;) {
+  for (bool watching = true;;) {
     {
       std::unique_lock<std::mutex> lock(mutex_);
       if (ended_.wait_for(lock, std::chrono::milliseconds(100), [this] { return running_ == 0; }))
@@ -54,8 +77,14 @@ void Engine_Threads::join(const std::function<void(bool)>& watch) {
     const bool due = now - told >= std::chrono::seconds(1);
     if (due)
       told = now;
-    watch(due);
+    watching = watching && attempt([&] { watch(due); }, failed);
   }
+  join();
+  if (thrown_)
+    std::rethrow_exception(std::exchange(thrown_, nullptr));
+}
+
+void Engine_Threads::join() {
   for (std::thread& thread : threads_)
     thread.join();
   threads_.clear();

@@ -152,7 +152,6 @@ struct Restore_Engine::Impl {
   bool unmatched = false;
   std::unique_ptr<Media_Feed> feed;
   Restore_Shared shared;
-  Engine_Threads threads;
 
   std::atomic<bool> cut{false}; ///< the run was stopped: it was cancelled, or its service is gone
   std::mutex mutex;             ///< guards what follows
@@ -162,6 +161,8 @@ struct Restore_Engine::Impl {
   unsigned channels = 0; ///< that have a callback or may still get one
   Error_Code code = E_OK;
   std::string failure;
+
+  Engine_Threads threads; ///< the last: they work on all of the above
 };
 
 Restore_Engine::Restore_Engine(Restore_Order order, Event_Handler_var handler,
@@ -300,22 +301,25 @@ bool Restore_Engine::Impl::restore_objects() {
   shared.wait_while_paused = [this] { return wait_while_paused(); };
   channels = count;
   const auto failed = [this](const std::string& why) { fail(E_FAILED, "The restore ends: " + why + "."); };
-  threads.start(
-      "Restore feed",
-      [this] {
-        std::string error;
-        if (!feed->run(selection, error))
-          fail(E_NO_SET, error);
-      },
-      failed);
-  // While a channel waits for its service another thread reads and verifies what the next one is going to write.
-  for (unsigned i = 0; i < count; ++i) {
+  const auto starts = [this, count, &failed] {
     threads.start(
-        "Restore read " + std::to_string(i), [this] { Restore_Reading(shared).run(); }, failed);
-    threads.start(
-        "Restore " + std::to_string(i), [this] { channel(); }, failed);
-  }
-  threads.join([this](bool tell) { supervise(tell); });
+        "Restore feed",
+        [this] {
+          std::string error;
+          if (!feed->run(selection, error))
+            fail(E_NO_SET, error);
+        },
+        failed);
+    // While a channel waits for its service another thread reads and verifies what the next one is going to write.
+    for (unsigned i = 0; i < count; ++i) {
+      threads.start(
+          "Restore read " + std::to_string(i), [this] { Restore_Reading(shared).run(); }, failed);
+      threads.start(
+          "Restore " + std::to_string(i), [this] { channel(); }, failed);
+    }
+  };
+  threads.run(
+      starts, [this](bool tell) { supervise(tell); }, failed);
   for (const std::string& finding : feed->findings())
     engine_log(log, LM_ERROR, finding);
   if (canceling())

@@ -259,22 +259,25 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
   const unsigned count = options.threads == 0            ? DEFAULT_THREADS
                          : options.threads < MAX_THREADS ? options.threads
                                                          : MAX_THREADS;
-  for (unsigned i = 0; i < count; ++i)
+  const auto starts = [&] {
+    for (unsigned i = 0; i < count; ++i)
+      threads.start(
+          "Verify " + std::to_string(i), [&] { verification.check(); }, failed);
     threads.start(
-        "Verify " + std::to_string(i), [&] { verification.check(); }, failed);
-  threads.start(
-      "Verify feed",
-      [&] {
-        std::string why;
-        if (!feed.run(Catalog_Selection(), why))
-          verification.fail(why);
-      },
-      failed);
-  threads.join([&](bool tell) {
+        "Verify feed",
+        [&] {
+          std::string why;
+          if (!feed.run(Catalog_Selection(), why))
+            verification.fail(why);
+        },
+        failed);
+  };
+  const auto watch = [&](bool tell) {
     verification.is_canceling();
     if (tell)
       verification.tell();
-  });
+  };
+  threads.run(starts, watch, failed);
   report.media = catalog_findings;
   report.media.insert(report.media.end(), feed.findings().begin(), feed.findings().end());
   verification.conclude();
