@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+struct yajl_gen_t;
+
 enum Job_Definition_Type {
   JOB_DEFINITION_NONE = 0,
   JOB_DEFINITION_BACKUP = 1,
@@ -91,6 +93,9 @@ public:
   void id(const std::string& id) { id_ = id; }
   const std::string& name() const { return name_; }
   void name(const std::string& name) { name_ = name; }
+  /// Writes the record as one JSON object, as its parser reads it; the base its id, and its name unless that is empty.
+  /// Always 0.
+  virtual int generate(yajl_gen_t* gen) const;
 
 private:
   std::string id_;
@@ -101,6 +106,8 @@ private:
 class Job_Options {
 public:
   virtual ~Job_Options();
+  /// Writes the record as one JSON object, as its parser reads it; the base an empty one. Always 0.
+  virtual int generate(yajl_gen_t* gen);
 };
 
 typedef ACE_Refcounted_Auto_Ptr<Job_Source, ACE_Thread_Mutex> Job_Source_var;

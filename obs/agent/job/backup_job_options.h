@@ -13,7 +13,7 @@ public:
   ~OBS_Backup_Job_Options() override;
 
   /// Writes the record as one JSON object, leaving out what stands at "not given". Always 0.
-  int generate(yajl_gen_t* gen);
+  int generate(yajl_gen_t* gen) override;
 
   Compression_Method compression_ = COMPR_NONE;
   int compression_level_ = 1;

@@ -11,7 +11,7 @@ public:
   ~OBS_Backup_Job_Source() override;
 
   /// Writes the record as one JSON object. Always 0.
-  int generate(yajl_gen_t* gen) const;
+  int generate(yajl_gen_t* gen) const override;
 
   std::string minor_resource_id_;   ///< the selection of the account
   std::string minor_resource_name_; ///< its name for people

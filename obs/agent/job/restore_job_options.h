@@ -24,7 +24,7 @@ public:
   static OBS_PATH_CONVERTER_TYPE name_to_existing(const char* text, int length);
 
   /// Writes the record as one JSON object. Always 0.
-  int generate(yajl_gen_t* gen);
+  int generate(yajl_gen_t* gen) override;
   /// Writes one item of "bucket_maps": where the objects of `source` go.
   virtual void generate_bucket_mapper(yajl_gen_t* gen, const std::string& source,
                                       const Buckets_Mapper::mapper_t& mapper);

@@ -15,7 +15,7 @@ public:
 
   /// Writes the record as one JSON object. An entry that is no {"dir"} or {"file"} with a text is logged and left
   /// out. Always 0.
-  int generate(yajl_gen_t* gen) const;
+  int generate(yajl_gen_t* gen) const override;
 
   std::string catalog_id_;
   std::string backup_minor_resource_id_;  ///< the selection that was backed up
