@@ -580,8 +580,9 @@ TEST_F(Continuation, what_a_cancelled_run_saved_is_not_read_again) {
     EXPECT_EQ(known, events_->figure("continued"));
     EXPECT_GE(events_->figure("saved"), known);
     EXPECT_GE(source_.opened - before, events_->figure("saved") - known);
-    if (events_->figure("saved") != 0)
+    if (events_->figure("saved") != 0) {
       EXPECT_EQ(events_->figure("saved"), events_->figure("resumable"));
+    }
     EXPECT_TRUE(events_->adds_up());
     known = events_->figure("saved");
     ASSERT_LT(runs, 1000u);
