@@ -93,6 +93,19 @@ def find_all(names, build, cache, jobs):
         return dict(zip(names, pool.map(find, names)))
 
 
+def line_of(mutant):
+    """The line that it begins on, without its indentation; after the one before where its file has it twice."""
+    lines = text_of(mutant.file).splitlines()
+    line = lines[mutant.line - 1].strip()
+    alone = sum(other.strip() == line for other in lines) == 1
+    return line if alone or mutant.line == 1 else f"{lines[mutant.line - 2].strip()} {line}"
+
+
+def key_of(mutant, line=line_of):
+    """What names a mutant, whatever changes elsewhere in its file."""
+    return mutant.file, mutant.function, line(mutant), mutant.old, mutant.change
+
+
 class Equivalent:
     """The list of mutants that change nothing that could be noticed."""
 
@@ -109,14 +122,16 @@ class Equivalent:
 
     @staticmethod
     def key(record):
-        return record["file"], record.get("in", ""), record["old"], record["change"]
+        return record["file"], record.get("in", ""), record["line"], record["old"], record["change"]
 
     def files(self):
         return sorted({record["file"] for record in self.records})
 
-    def stale(self, found):
+    def stale(self, found, line=line_of):
         """What is wrong with the list: entries that are not as many mutants of those files as they say."""
-        count = collections.Counter(mutant.key() for mutants in found.values() for mutant in mutants)
+        files = set(self.files())
+        count = collections.Counter(key_of(mutant, line) for file, mutants in found.items() if file in files
+                                    for mutant in mutants)
         return [f"{self.key(record)}: {count[self.key(record)]} such mutants, not {record.get('times', 1)}"
                 for record in self.records if count[self.key(record)] != record.get("times", 1)]
 
@@ -383,7 +398,7 @@ class Check:
         for mutant in order_of(name, self.tree.found[name], self.seed):
             if left == 0:
                 break
-            reason = self.equivalent.reasons.get(mutant.key())
+            reason = self.equivalent.reasons.get(key_of(mutant))
             outcome = (True, reason) if reason else self.run(mutant, scratch)
             if outcome is None:
                 continue
@@ -416,7 +431,7 @@ def describe(mutant):
 
 def toml_entry(mutant):
     quote = json.dumps
-    return f'[[equivalent]]\nfile = {quote(mutant.file)}\nin = {quote(mutant.function)}\nold = {quote(mutant.old)}\n' \
+    return f'[[equivalent]]\nfile = {quote(mutant.file)}\nin = {quote(mutant.function)}\nline = {quote(line_of(mutant))}\nold = {quote(mutant.old)}\n' \
            f'change = {quote(mutant.change)}\n'
 
 

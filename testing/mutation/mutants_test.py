@@ -142,9 +142,10 @@ class Mutants_Test(unittest.TestCase):
         path = pathlib.Path(self.folder.name) / "equivalent.toml"
 
         def listed(old, change, more=""):
-            path.write_text(f'[[equivalent]]\nfile = "sample.cpp"\nin = "checked"\nold = "{old}"\nchange = "{change}"\n'
-                            f'reason = "because"\n{more}')
-            return generated.Equivalent(path).stale({"sample.cpp": self.found})
+            path.write_text(f'[[equivalent]]\nfile = "sample.cpp"\nin = "checked"\nline = "if (count > 5)"\nold = "{old}"\n'
+                            f'change = "{change}"\nreason = "because"\n{more}')
+            lines = SAMPLE.splitlines()
+            return generated.Equivalent(path).stale({"sample.cpp": self.found}, lambda m: lines[m.line - 1].strip())
 
         self.assertEqual([], listed("count > 5", "> becomes >="))
         self.assertEqual(1, len(listed("count > 6", "> becomes >=")))

@@ -247,14 +247,20 @@ TEST_F(object_lister, same_page_again_ends_the_prefix_instead_of_looping) {
     }
   };
   struct Client : S3_Client {
-    explicit Client(Fake_Store& store) : store(store) {}
-    std::shared_ptr<S3_Service_Base> make_service() override { return std::make_shared<Stuck>(store); }
+    Client(Fake_Store& store, Log_Sink& log) : store(store), log(log) {}
+    std::shared_ptr<S3_Service_Base> make_service() override {
+      log.attach();
+      return std::make_shared<Stuck>(store);
+    }
     Fake_Store& store;
-  } stuck(store);
+    Log_Sink& log;
+  } stuck(store, log);
   Async_OBS_Object_Lister lister(stuck, 1, 300, 100, nullptr);
   ASSERT_TRUE(lister.init("b", ""));
   EXPECT_EQ((Keys{"k"}), take_all(lister));
   EXPECT_EQ(1u, lister.statistics().iterated_errors);
+  lister.reset();
+  EXPECT_EQ(1u, log.count("last error: the service sends the same page again.\n"));
 }
 
 TEST_F(object_lister, consumer_does_not_wait_when_no_worker_has_a_service) {
@@ -369,6 +375,46 @@ TEST_F(object_lister, read_ahead_stops_where_more_prefixes_are_held_than_the_lim
   EXPECT_EQ(1u, lister.statistics().requests);
   EXPECT_EQ(expected(""), take_all(lister));
   EXPECT_EQ(51u, lister.statistics().requests);
+}
+
+TEST_F(object_lister, as_many_prefixes_as_the_limit_are_listed_ahead) {
+  for (int prefix = 0; prefix < 10; ++prefix)
+    store.put("b", std::to_string(100 + prefix) + "/k");
+  Async_OBS_Object_Lister lister(client, 1, 300, 10, nullptr);
+  ASSERT_TRUE(lister.init("b", ""));
+  while (lister.statistics().requests < 11)
+    std::this_thread::yield();
+  EXPECT_EQ(expected(""), take_all(lister));
+}
+
+TEST_F(object_lister, consumer_takes_a_sixteenth_of_the_limit_at_a_time) {
+  for (int i = 0; i < 300; ++i)
+    store.put("b", std::to_string(1000 + i));
+  store.page_size = [](const std::string&, const std::string&) { return 1u; };
+  for (const unsigned long long limit : {16ull, 64ull}) {
+    Async_OBS_Object_Lister lister(client, 1, 300, limit, nullptr);
+    ASSERT_TRUE(lister.init("b", ""));
+    while (lister.statistics().total_objects < limit + 1)
+      std::this_thread::yield();
+    wait_until_asleep(1);
+    Object_Entry object;
+    ASSERT_TRUE(lister.next(object));
+    while (lister.statistics().total_objects < limit + 1 + limit / 16)
+      std::this_thread::yield();
+    wait_until_asleep(1);
+    EXPECT_EQ(limit + 1 + limit / 16, lister.statistics().total_objects);
+  }
+}
+
+TEST_F(object_lister, what_was_taken_of_one_prefix_is_gone_when_another_is_begun) {
+  for (const char* key : {"p/1", "p/2", "p/3", "q/4"})
+    store.put("b", key);
+  Async_OBS_Object_Lister lister(client, 1, 300, 1000, nullptr);
+  ASSERT_TRUE(lister.init("b", "p/"));
+  Object_Entry object;
+  ASSERT_TRUE(lister.next(object));
+  ASSERT_TRUE(lister.init("b", "q/"));
+  EXPECT_EQ((Keys{"q/4"}), take_all(lister));
 }
 
 TEST_F(object_lister, reset_ends_paused_workers_at_once) {

@@ -54,6 +54,20 @@ TEST_F(async_source_lister, bucket_and_single_object_come_in_order_with_their_fo
   EXPECT_TRUE(events.errors.empty());
 }
 
+TEST_F(async_source_lister, file_carries_sequence_size_and_time_of_its_object) {
+  store.put("b", "d/1", 123, 852062850);
+  store.put("c", "x", 7, 1700000000);
+  Texts files;
+  Async_OBS_Source_Lister lister(client, 9, {"/b/", "/c/x"}, nullptr, nullptr, 2, 1000);
+  EXPECT_EQ(0, lister.generate([&](std::unique_ptr<MTF::Cat_Blk> blk) {
+    if (blk->hdr().type() == MTF_CAT_FILE_BLK)
+      files.push_back(blk->name() + " " + std::to_string(blk->hdr().seq()) + " " + std::to_string(blk->hdr().size()) +
+                      " " + std::to_string(blk->mtime()));
+    return true;
+  }));
+  EXPECT_EQ((Texts{"1 9 123 852062850", "x 9 7 1700000000"}), files);
+}
+
 TEST_F(async_source_lister, sibling_folder_gets_the_levels_below_the_common_one_only) {
   for (const char* key : {"a/b/1", "a/b/2", "a/c/d/3", "a2/4"})
     store.put("b", key);

@@ -463,6 +463,7 @@ TEST_F(backup_executor, nothing_backed_up_is_the_jobs_error) {
   EXPECT_FALSE(run());
   EXPECT_EQ("70000031E0100002 []", last_error());
   EXPECT_EQ(1700000060, job->last_error().time);
+  EXPECT_TRUE(alerts().empty());
   EXPECT_FALSE(platform().called("build_file_catalog()"));
 }
 

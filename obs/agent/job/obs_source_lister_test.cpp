@@ -299,6 +299,21 @@ TEST_F(source_lister, single_object_that_cannot_be_asked_for_is_reported) {
             handler.errors);
 }
 
+TEST_F(source_lister, what_is_skipped_is_counted_before_it_is_reported) {
+  struct Counting : Fake_Event_Handler {
+    int notify_event(unsigned code, const json_spirit::Object& options) override {
+      counts.push_back(std::to_string(skipped_files()) + " " + std::to_string(skipped_dirs()));
+      return Fake_Event_Handler::notify_event(code, options);
+    }
+    Texts counts;
+  } counting;
+  events = &counting;
+  store.on_head = [](const std::string&, const std::string&) { return final_failure(); };
+  store.on_list = [](const std::string&, const std::string&, const std::string&) { return final_failure(); };
+  list({"/b/k", "/b/p/"});
+  EXPECT_EQ((Texts{"1 0", "1 1"}), counting.counts);
+}
+
 TEST_F(source_lister, failures_need_no_event_handler) {
   events = nullptr;
   store.on_list = [](const std::string&, const std::string&, const std::string&) { return final_failure(); };

@@ -197,6 +197,7 @@ TEST_F(restore_executor, nothing_restored_is_the_jobs_error) {
   EXPECT_FALSE(run());
   EXPECT_EQ("70000031E0200004 []", last_error());
   EXPECT_EQ(1700000060, job->last_error().time);
+  EXPECT_TRUE(alerts().empty());
   EXPECT_EQ(0u, job->activity().size);
 }
 
@@ -205,6 +206,7 @@ TEST_F(restore_executor, skipped_objects_are_an_alert_with_their_number) {
   platform().skipped_files = 3;
   EXPECT_TRUE(run());
   EXPECT_EQ((Texts{"50000031E0200005 [3] 1"}), alerts());
+  EXPECT_EQ("0 []", last_error());
 }
 
 TEST_F(restore_executor, engine_without_its_pool_is_an_alert) {
