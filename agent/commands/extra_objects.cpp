@@ -73,7 +73,7 @@ std::vector<std::string> covered(Context& context, const Set& set) {
 Extra_Objects::Extra_Objects(Context& context, const Set& set, const Account& account, Catalog_Reader& catalog,
                              const Catalog_Selection& selection, const Restore_Plan& plan)
     : catalog_(catalog), service_(make_account_service(account)), names_(nullptr, &std::fclose) {
-  if (!is_whole(context, set))
+  if (set.missing != 0ull)
     throw refusal("the set is not known to be whole: what it misses would be removed");
   if (!selection.objects.empty())
     throw refusal("single objects are restored");
