@@ -1,5 +1,6 @@
 #include "agent/definition.h"
 
+#include "agent/definition_members.h"
 #include "platform/mtf/deletion_guard.h"
 
 namespace {
@@ -76,6 +77,8 @@ bool parse_record(const json_spirit::Object* json, const char* key, Object_Creat
 } // namespace
 
 Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& module, std::string& error) {
+  if (!has_known_members(json, error))
+    return Job_Definition_var();
   Member_Reader reader(json);
   Job_Definition::Settings settings;
   std::string type;

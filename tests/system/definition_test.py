@@ -69,7 +69,7 @@ class Definition(harness.Scenario):
         members = {name.split(".")[0] for row in rows for name in re.findall(r"`([a-z_.]+)`", row)} - {"source", "options"}
         self.assertGreater(len(members), 35)
         sources = ""
-        for source in ("agent/definition.cpp", "obs/agent/job/backup_job_options_parser.cpp",
+        for source in ("agent/definition.cpp", "agent/commands/run_job.cpp", "obs/agent/job/backup_job_options_parser.cpp",
                        "obs/agent/job/backup_job_source_parser.cpp", "obs/agent/job/restore_job_options_parser.cpp",
                        "obs/agent/job/restore_job_source_parser.cpp"):
             with open(os.path.join(harness.ROOT, source), encoding="utf-8") as file:
