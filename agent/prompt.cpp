@@ -1,6 +1,7 @@
 #include "agent/prompt.h"
 
 #include "agent/context.h"
+#include "platform/base/printable.h"
 
 #include <fcntl.h>
 #include <termios.h>
@@ -48,7 +49,7 @@ bool can_prompt() {
 }
 
 bool confirm(const std::string& question) {
-  const std::string text = question + " [y/N] ";
+  const std::string text = printable(question) + " [y/N] ";
   std::fwrite(text.data(), 1, text.size(), stderr);
   std::fflush(stderr);
   char line[64] = {};

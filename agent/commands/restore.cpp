@@ -136,7 +136,7 @@ std::unique_ptr<Extra_Objects> confirmed_extras(Context& context, const Restore_
   extras->find();
   if (extras->count() == 0)
     return extras;
-  std::fprintf(stderr, "obs-agent: %s\n", extras->preview().c_str());
+  print_error(extras->preview());
   if (!arguments.yes && !(can_prompt() && confirm("obs-agent: remove them after the restore?")))
     throw Command_Error("nothing is restored or removed: --yes removes these " + std::to_string(extras->count()) +
                             " after the restore, without --delete-extra they stay",
@@ -153,8 +153,7 @@ void restore(Context& context, Restore_Arguments& arguments) {
   const Set set = chosen_set(context, arguments);
   checked_paths(arguments.paths);
   if (set.uuid.compare(0, arguments.set.size(), arguments.set) != 0)
-    std::fprintf(stderr, "obs-agent: %s is set %s, which ended %s UTC\n", arguments.set.c_str(), set.uuid.c_str(),
-                 set.end_time.c_str());
+    print_error(arguments.set + " is set " + set.uuid + ", which ended " + set.end_time + " UTC");
   warn_of_incomplete_set(set);
   const Account account = target_account(context, set, arguments.to);
   const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);

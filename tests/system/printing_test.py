@@ -37,7 +37,7 @@ def text_of(data):
 class Printing(harness.Scenario):
     @classmethod
     def setUpClass(cls):
-        cls.server = harness.Test_Server("--bucket", "data", "--bucket", "target", "--refuse", "GetObject,refused," + CODE)
+        cls.server = harness.Test_Server("--bucket", "data", "--bucket", "target", "--bucket", "extras", "--refuse", "GetObject,refused," + CODE)
         cls.addClassCleanup(cls.server.stop)
         cls.raw = raw_s3.Raw_Client(cls.server)
         for key in [*ODD, FOLDER, b"refused"]:
@@ -123,6 +123,21 @@ class Printing(harness.Scenario):
 
     def knows(self, command, option):
         return option in self.agent(command, "--help").stdout
+
+    def test_names_in_what_a_restore_asks_and_refuses(self):
+        self.raw.put("extras", b"kept", b"kept")
+        made = self.backup("/extras/")["set"]
+        odd = {b"kept": "kept", b"forged\n2026-01-01 ": "forged\\n2026-01-01 ", b"red\x1b[31m": "red\\x1b[31m"}
+        for key in odd:
+            self.raw.put("extras", key, b"content")
+            self.addCleanup(self.raw.delete, "extras", key)
+        preview = self.say("restore", made, "--in-place", "--delete-extra", expect=2).stderr
+        self.assertIn("2 objects", preview)
+        for key, shown in odd.items():
+            self.assertEqual(key != b"kept", "'/extras/%s'" % shown in preview, preview)
+        self.assertIn("nothing at '/extras/none\\x1b'",
+                      self.say("restore", made, "/extras/none\x1b", "--map", "extras=target", expect=None).stderr)
+        self.assertIn("bucket 'no\\x1bne'", self.say("restore", made, "--map", "no\x1bne=target", expect=None).stderr)
 
     def test_names_of_what_is_damaged(self):
         _, made = self.save()
