@@ -2,11 +2,13 @@
 #include "agent/prompt.h"
 
 #include "platform/file_backup/set_catalog.h"
+#include "platform/pool/pool_place.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/job/job_definition.h"
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <memory>
 
 namespace {
@@ -56,13 +58,42 @@ json_spirit::Object pool_json(const Pool_Entry& entry) {
   return json;
 }
 
-/// The pool of a folder that has one already, or a new one. Throws Command_Error.
-Pool take_pool(Context& context, const Pool_Arguments& arguments) {
+/// Why the pool that lies at `url` cannot be added beside those that are known here; empty when it can.
+std::string known_already(Context& context, const Pool& pool, const std::string& url) {
+  std::vector<Pool_Entry> pools;
+  std::string error;
+  if (!context.store().pools(pools, error))
+    throw Command_Error(error);
+  for (const Pool_Entry& one : pools) {
+    if (one.uuid != pool.uuid())
+      continue;
+    Pool other;
+    std::error_code code;
+    if (!Pool::open(one.url, one.uuid, other, error))
+      return "the pool at " + url + " is pool '" + one.name + "', which is known at " + one.url +
+             " and cannot be opened there (" + error + "): if it was moved, say so with \"pool change " + one.name +
+             " --url " + url + "\"";
+    if (std::filesystem::equivalent(other.folder(), pool.folder(), code))
+      return "the pool at " + url + " is known here already, as pool '" + one.name + "'";
+    return "the pool at " + url + " is a copy of pool '" + one.name + "' at " + one.url +
+           ": both have the same uuid, and only one of them can be known here";
+  }
+  return std::string();
+}
+
+/// The pool of a folder that has one already, or a new one, which `made` says. Throws Command_Error.
+Pool take_pool(Context& context, const Pool_Arguments& arguments, bool& made) {
   Pool pool;
   Secret_Key key;
   std::string error;
   // A pool that was made elsewhere, or that this agent's database has lost: its sets come back with it.
-  if (Pool::open(arguments.url, std::string(), pool, error)) {
+  made = !Pool::open(arguments.url, std::string(), pool, error);
+  // What is there and cannot be read is neither taken for a pool nor written over.
+  if (made && may_hold_pool(arguments.url))
+    throw Command_Error(error);
+  if (!made) {
+    if (const std::string known = known_already(context, pool, arguments.url); !known.empty())
+      throw Command_Error(known);
     if (!pool.encrypted() && (arguments.encrypt || arguments.secret_given()))
       throw Command_Error("the pool at " + arguments.url + " is there already, and it is not encrypted");
     if (pool.encrypted() && !pool.unlock(take_secret(arguments, false), key, error))
@@ -71,10 +102,10 @@ Pool take_pool(Context& context, const Pool_Arguments& arguments) {
     if (arguments.secret_given() && !arguments.encrypt)
       throw Command_Error("there is no pool at " + arguments.url + " yet; a new one is encrypted with --encrypt");
     const std::string uuid = make_uuid();
-    const bool made = arguments.encrypt
-                          ? Pool::create(arguments.url, uuid, take_secret(arguments, true), Scrypt_Cost(), key, error)
+    const bool created =
+        arguments.encrypt ? Pool::create(arguments.url, uuid, take_secret(arguments, true), Scrypt_Cost(), key, error)
                           : Pool::create(arguments.url, uuid, error);
-    if (!made || !Pool::open(arguments.url, uuid, pool, error))
+    if (!created || !Pool::open(arguments.url, uuid, pool, error))
       throw Command_Error(error);
   }
   if (pool.encrypted() && !keep_pool_key(context.store(), pool.uuid(), key, error))
@@ -95,7 +126,8 @@ void add(Context& context, const Pool_Arguments& arguments) {
     throw Command_Error("there is a pool '" + name + "' already");
   entry.name = name;
   entry.url = url;
-  const Pool pool = take_pool(context, arguments);
+  bool made = false;
+  const Pool pool = take_pool(context, arguments, made);
   entry.uuid = pool.uuid();
   entry.encrypt = pool.encrypted();
   if (!store.add_pool(entry, error))
@@ -106,9 +138,12 @@ void add(Context& context, const Pool_Arguments& arguments) {
   if (!store.sets(entry.uuid, std::string(), std::string(), false, sets, error))
     throw Command_Error(error);
   json_spirit::Object json = pool_json(entry);
+  json["made"] = made;
   json["sets"] = static_cast<unsigned long long>(sets.size());
-  context.print(json, std::string(entry.encrypt ? "encrypted " : "") + "pool '" + name + "' added at " + url +
-                          (sets.empty() ? std::string() : " with " + std::to_string(sets.size()) + " sets"));
+  const std::string what = std::string(entry.encrypt ? "encrypted " : "") + "pool '" + name + "'";
+  const std::string count = std::to_string(sets.size()) + (sets.size() == 1 ? " set" : " sets");
+  context.print(json, made ? "a new " + what + " is made at " + url
+                           : "the " + what + " that was at " + url + " already is taken up, with " + count);
 }
 
 void list(Context& context) {

@@ -1,5 +1,6 @@
 #include "agent/commands/run_job.h"
 
+#include "agent/commands/browse_page.h"
 #include "agent/definition.h"
 #include "agent/job_runner.h"
 #include "sdk/file_backup/file_backup.h"
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 namespace {
@@ -31,6 +33,37 @@ void record_activity(Context& context, const std::string& id, const std::string&
   std::string error;
   if (!context.store().put_activity(activity, error))
     ACE_ERROR((LM_WARNING, ACE_TEXT("The run cannot be recorded: %C\n"), error.c_str()));
+}
+
+/// What the service says to somebody who asks again, once a run could not even begin: host, bucket and cause, which the
+/// job's own message lacks. Empty when all of it answers. The buckets of the selection, else the account's, else the
+/// list of buckets.
+std::string cause_of(Context& context, const json_spirit::Object& definition) {
+  Account account;
+  Selection selection;
+  bool found = false;
+  std::string error;
+  if (!context.store().find_account(json_spirit::optional_str(definition, "host_id"), account, found, error) || !found)
+    return std::string();
+  const json_spirit::Value* const source = json_spirit::find(definition, "source");
+  const std::string id = source != nullptr && source->type() == json_spirit::obj_type
+                             ? json_spirit::optional_str(source->get_obj(), "minor_resource_id")
+                             : std::string();
+  std::set<std::string> places(account.buckets.begin(), account.buckets.end());
+  if (!id.empty() && context.store().find_selection(id, selection, found, error) && found)
+    for (const std::string& path : selection.paths)
+      places.insert(path.substr(1, path.find('/', 1) - 1));
+  if (places.empty())
+    places.insert(std::string());
+  for (const std::string& bucket : places) {
+    try {
+      browse_page(context, account.uuid, bucket.empty() ? bucket : "/" + bucket + "/", 1, std::string());
+    } catch (const Command_Error& refused) {
+      return account.scheme + "://" + account.endpoint + (bucket.empty() ? "" : ", bucket '" + bucket + "'") + ": " +
+             refused.what();
+    }
+  }
+  return std::string();
 }
 
 /// The set that a rehearsal's next run need not restore any more; empty for any other job.
@@ -97,6 +130,9 @@ Outcome run_job(Context& context, const json_spirit::Object& json, const std::fu
     outcome.set = set_of(context, activity_id);
   else if (const std::string now = rehearsed_set(*definition); now != rehearsed)
     outcome.set = now;
+  if (outcome.code == EXIT_FAILED && outcome.figures.empty())
+    if (const std::string cause = cause_of(context, json); !cause.empty())
+      outcome.failure += " " + cause;
   if (after)
     after(outcome);
   record_activity(context, activity_id, definition->id(),

@@ -172,6 +172,9 @@ void verify(Context& context, const Verify_Arguments& arguments) {
     text.add("with --mark the next incremental backup stores the damaged objects anew");
   }
   context.print(json, text);
+  if (report.checked == 0 && report.objects != 0 && clean && !report.canceled)
+    throw Command_Error("the sample has none of the set's " + std::to_string(report.objects) +
+                        " objects, so nothing was verified: give a larger --sample, or another --seed");
   context.exit_code = report.canceled ? EXIT_CANCELLED : clean ? EXIT_COMPLETED : EXIT_FAILED;
 }
 

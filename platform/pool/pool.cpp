@@ -5,6 +5,7 @@
 #include "platform/crypto/key_wrap.h"
 #include "platform/pool/durable_file.h"
 #include "platform/pool/pool_files.h"
+#include "platform/pool/pool_place.h"
 #include "platform/pool/set_keys.h"
 
 #include <sys/stat.h>
@@ -266,6 +267,13 @@ bool Pool::relock(const Secret_Key& key, const Pool_Secret& secret, const Scrypt
     return false;
   locked_key_ = locked;
   return true;
+}
+
+bool may_hold_pool(const std::string& url) {
+  std::string folder, error;
+  struct stat status;
+  return folder_of(url, folder, error) &&
+         (::lstat((folder + "/" + POOL_FILE).c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR));
 }
 
 bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std::string& error) {

@@ -29,9 +29,12 @@ void Store::instance(Store* store) {
 }
 
 bool split_endpoint_url(const std::string& url, std::string& scheme, std::string& endpoint, std::string& error) {
-  const std::string whole = url.find("://") == std::string::npos ? "https://" + url : url;
   URI uri;
-  if (whole.find_first_of("?#") != std::string::npos || !URI_Parser::parse(whole.c_str(), uri) || uri.host().empty()) {
+  if (url.find("://") == std::string::npos) {
+    error = "'" + url + "' says neither http:// nor https://: give http://HOST[:PORT] or https://HOST[:PORT]";
+    return false;
+  }
+  if (url.find_first_of("?#") != std::string::npos || !URI_Parser::parse(url.c_str(), uri) || uri.host().empty()) {
     error = "'" + url + "' is no endpoint: give http://HOST[:PORT] or https://HOST[:PORT]";
     return false;
   }
@@ -44,7 +47,7 @@ bool split_endpoint_url(const std::string& url, std::string& scheme, std::string
     return false;
   }
   scheme = uri.scheme();
-  const std::string::size_type host = whole.find("://") + 3;
-  endpoint = whole.substr(host, whole.size() - host - uri.path().size());
+  const std::string::size_type host = url.find("://") + 3;
+  endpoint = url.substr(host, url.size() - host - uri.path().size());
   return true;
 }
