@@ -133,9 +133,10 @@ std::vector<std::string> set_uris(const std::string& base, std::string prefix) {
   return uris;
 }
 
+/// What cannot be looked for, for want of descriptors above all, may be there.
 bool exists(const std::string& path) {
   struct stat status;
-  return find_pool_file(path, status);
+  return find_pool_file(path, status) || (errno != ENOENT && errno != ENOTDIR);
 }
 
 bool has_record(const std::string& folder) {

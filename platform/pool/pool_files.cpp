@@ -159,12 +159,13 @@ bool remove_below(int at, const char* name) {
 
 bool know_pool_folder(const std::string& folder) {
   auto at = std::make_shared<Descriptor>(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (at->get() < 0)
-    return false;
   const std::lock_guard<std::mutex> guard(known_mutex);
   std::deque<Known_Pool>& pools = known_pools();
+  // Also where there is nothing any more: what was known of it must not be found through its old descriptor.
   pools.erase(std::remove_if(pools.begin(), pools.end(), [&](const Known_Pool& pool) { return pool.folder == folder; }),
               pools.end());
+  if (at->get() < 0)
+    return false;
   pools.push_back(Known_Pool{folder, std::move(at)});
   if (pools.size() > MAX_POOLS)
     pools.pop_front();

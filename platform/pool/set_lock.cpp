@@ -48,8 +48,13 @@ bool Set_Lock::acquire(const std::string& folder, bool wait, std::string& error,
     }
     // The holder before us may have removed the file while we waited: then the lock is on nothing.
     struct stat mine, there;
-    if (::fstat(fd, &mine) == 0 && find_pool_file(path, there) && mine.st_ino == there.st_ino &&
-        mine.st_dev == there.st_dev) {
+    const bool found = ::fstat(fd, &mine) == 0 && find_pool_file(path, there);
+    if (!found && errno != ENOENT) {
+      error = "cannot lock " + folder + ": " + path + ": " + pool_file_error(errno);
+      ::close(fd);
+      return false;
+    }
+    if (found && mine.st_ino == there.st_ino && mine.st_dev == there.st_dev) {
       fd_ = fd;
       path_ = path;
       return true;
