@@ -3,6 +3,7 @@
 #include "platform/catalog/catalog_reader.h"
 #include "platform/catalog/catalog_staging.h"
 #include "platform/catalog/catalog_sum.h"
+#include "platform/mtf/catalog_relink.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
@@ -62,7 +63,9 @@ public:
       if (!read_media(error))
         return false;
     }
-    return make_record(error) && install(error);
+    // A copy from before a merge points into sets that this has replaced, and may be there no more.
+    return follow_merges(pool_, uri_.substr(0, uri_.rfind('/')), media_.front().set.uuid, work_, cipher_, error) &&
+           make_record(error) && install(error);
   }
 
 private:

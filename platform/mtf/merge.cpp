@@ -3,6 +3,7 @@
 #include "platform/catalog/catalog_moves.h"
 #include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
+#include "platform/mtf/catalog_relink.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/medium_writer.h"
 #include "platform/mtf/partial_sets.h"
@@ -429,25 +430,9 @@ bool relink(const Pool& pool, const Set_Record& record, const Set_Record& merged
   const std::string folder = pool.set_folder(record.uri), work = folder + "/" + WORK_FOLDER;
   std::string ignored;
   remove_pool_tree(work, ignored);
-  Set_Cipher_ptr cipher, merged_cipher;
-  if (!open_set_cipher(pool, record, cipher, error) || !open_set_cipher(pool, merged, merged_cipher, error))
-    return false;
-  const auto moves = Catalog_Moves::open(pool.set_folder(merged.uri), error, merged_cipher);
-  if (!moves) {
-    if (error.empty())
-      error = "the catalog of the merged set " + merged.uuid + " does not say where its data came from";
-    return false;
-  }
-  bool done = make_pool_folder(work);
-  if (!done)
-    error = "cannot make folder " + work + ": " + std::strerror(errno);
-  if (done) {
-    Catalog_Db db;
-    done = copy_catalog(folder, work, db, error, cipher, cipher) &&
-           relink_catalog(db, *moves, {0, merged.uuid, merged.uri, merged.seq}, false, error) &&
-           finish_catalog_copy(db, work, error);
-  }
-  done = done && install_catalog(work, folder, error);
+  Set_Cipher_ptr cipher;
+  const bool done = open_set_cipher(pool, record, cipher, error) &&
+                    relink_copy(pool, folder, work, cipher, merged, error) && install_catalog(work, folder, error);
   remove_pool_tree(work, ignored);
   return done;
 }

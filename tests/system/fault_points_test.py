@@ -15,7 +15,7 @@ import unittest
 import harness
 
 LIBRARY = os.environ.get("OBS_FILE_FAULTS", "")
-POINTS = os.environ.get("OBS_FAULT_POINTS", "6")
+POINTS = os.environ.get("OBS_FAULT_POINTS", "4")
 SEED = int(os.environ.get("OBS_SEED", "1"))
 PATIENCE = 300       # seconds after which a command is taken to hang; none takes one on an idle machine
 OBJECTS = 6
