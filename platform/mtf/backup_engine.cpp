@@ -66,6 +66,9 @@ bool is_taken(const Pool& pool, const std::string& uri) {
   return read_stored_record(pool.set_folder(uri), record, error, &missing) || !missing;
 }
 
+/// So many names of a folder are tried, which is far more than runs of one uuid there can have been.
+constexpr unsigned MAX_NAMES = 100;
+
 /// The set's folder: as told when that is a new one, else a new one beside it.
 std::string set_uri(const Pool& pool, const std::string& prefix, const std::string& uuid) {
   std::string uri = prefix;
@@ -76,8 +79,9 @@ std::string set_uri(const Pool& pool, const std::string& prefix, const std::stri
     uri = uri.empty() ? uuid : uri + "/" + uuid;
   else if (is_taken(pool, uri))
     uri = uri.substr(0, uri.rfind('/') + 1) + uuid;
+  // Where the place cannot be read every name looks taken: then the last one is tried, and making it says why it fails.
   std::string free = uri;
-  for (unsigned i = 1; is_taken(pool, free); ++i)
+  for (unsigned i = 1; i <= MAX_NAMES && is_taken(pool, free); ++i)
     free = uri + "-" + std::to_string(i);
   return free;
 }
