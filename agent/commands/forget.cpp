@@ -262,6 +262,11 @@ private:
       add_set_outcome(one->record.missing(), json);
       const std::string line = one->record.uuid + "  " + one->record.start_time + "  " + one->record.type + "  " +
                                set_outcome_text(one->record.missing());
+      // What stays after all keeps what it points into.
+      if (one->reasons.empty() && !remove(one->record)) {
+        one->reasons.push_back("it could not be removed");
+        keep_needed();
+      }
       if (!one->reasons.empty()) {
         json_spirit::Array reasons;
         std::string names;
@@ -273,7 +278,7 @@ private:
         stay.push_back(json);
         ++kept;
         lines.add("  keep    " + line + "  (" + names + ")");
-      } else if (remove(one->record)) {
+      } else {
         go.push_back(json);
         ++removed;
         freed += one->record.backup_set_storage_size;
@@ -299,13 +304,13 @@ private:
     if (arguments_.dry_run)
       return true;
     std::string error;
-    for (const Candidate& one : sets_)
-      if (one.record.uuid == record.uuid)
-        orphans_.insert(one.needs.begin(), one.needs.end());
     if (!pool_.remove_set(record.uri, error)) {
       problems.push_back("set " + record.uuid + ": " + error);
       return false;
     }
+    for (const Candidate& one : sets_)
+      if (one.record.uuid == record.uuid)
+        orphans_.insert(one.needs.begin(), one.needs.end());
     Set row;
     bool found = false;
     if (!context_.store().find_set(record.uuid, row, found, error) ||
