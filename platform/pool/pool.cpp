@@ -4,6 +4,7 @@
 #include "platform/crypto/base64.h"
 #include "platform/crypto/key_wrap.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/held_locks.h"
 #include "platform/pool/pool_files.h"
 #include "platform/pool/pool_place.h"
 #include "platform/pool/set_keys.h"
@@ -456,7 +457,9 @@ bool Pool::lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& 
   Set_Lock parent;
   bool busy = false;
   error.clear();
-  if (!parent.acquire(set_folder(parent_of(uri)), true, error))
+  // Who removes sets of the place has it locked already, and would wait for itself.
+  const std::string place = set_folder(parent_of(uri));
+  if (!Held_Locks::is_mine(place + "/" + Set_Lock::FILE_NAME) && !parent.acquire(place, true, error))
     return false;
   if (!lock.acquire(path, false, error, &busy)) {
     // Gone meanwhile is as good as removed, and a living run's is none of our business.

@@ -1,5 +1,6 @@
 #include "platform/pool/set_lock.h"
 
+#include "platform/pool/held_locks.h"
 #include "platform/pool/pool_files.h"
 
 #include <fcntl.h>
@@ -57,6 +58,7 @@ bool Set_Lock::acquire(const std::string& folder, bool wait, std::string& error,
     if (found && mine.st_ino == there.st_ino && mine.st_dev == there.st_dev) {
       fd_ = fd;
       path_ = path;
+      Held_Locks::taken(path);
       return true;
     }
     ::close(fd);
@@ -67,6 +69,7 @@ void Set_Lock::release() {
   if (fd_ < 0)
     return;
   remove_pool_file(path_);
+  Held_Locks::released(path_);
   ::close(fd_);
   fd_ = -1;
 }
