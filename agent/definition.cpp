@@ -1,9 +1,13 @@
 #include "agent/definition.h"
 
 #include "agent/definition_members.h"
+#include "agent/definition_records.h"
 #include "platform/mtf/deletion_guard.h"
+#include "sdk/json/yajl_writer.h"
 
 namespace {
+
+constexpr ACE_INT64 MAX_SERVICE_TIMEOUT = 86400;
 
 /// Reads members of the definition's object and remembers the first that is wrong.
 class Member_Reader {
@@ -54,29 +58,10 @@ private:
   std::string error_;
 };
 
-/// Drives one of the module's parsers with the member `key`; the record goes to `record`. An absent member is an empty
-/// object, which the parser may refuse.
-template <typename RECORD>
-bool parse_record(const json_spirit::Object* json, const char* key, Object_Creator_T<YAJL_Handler>& parsers,
-                  ACE_Refcounted_Auto_Ptr<RECORD, ACE_Thread_Mutex>& record, std::string& error) {
-  YAJL_Handler* handler = parsers.create();
-  if (handler == nullptr) {
-    error = "out of memory";
-    return false;
-  }
-  const std::string text = json ? json_spirit::write(json_spirit::Value(*json)) : std::string("{}");
-  const bool parsed = yajl_parse(text, *handler, error);
-  if (parsed)
-    record = static_cast<YAJL_Parser<RECORD>*>(handler)->result();
-  else
-    error = std::string("job definition: \"") + key + "\" is not valid: " + error;
-  parsers.destroy(handler);
-  return parsed;
-}
-
 } // namespace
 
-Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& module, std::string& error) {
+Job_Definition_var make_job_definition(const json_spirit::Object& json, const std::string& text, Module& module,
+                                       std::string& error) {
   if (!has_known_members(json, error))
     return Job_Definition_var();
   Member_Reader reader(json);
@@ -103,6 +88,10 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
   reader.number("readers", settings.readers);
   reader.number("rate_limit", settings.rate_limit);
   reader.flag("only_different", settings.only_different);
+  unsigned service_timeout = Service_Watch::DEFAULT_LIMIT;
+  reader.number("service_timeout", service_timeout);
+  if (service_timeout < 1 || service_timeout > MAX_SERVICE_TIMEOUT)
+    reader.wrong("service_timeout", "a whole number of seconds from 1 to 86400");
   reader.text("archived", settings.archived);
   if (settings.archived != "" && settings.archived != "skip" && settings.archived != "fail" &&
       settings.archived != "request")
@@ -151,7 +140,7 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
     reader.wrong("uid", "a uuid");
 
   const json_spirit::Object* source = reader.object("source");
-  const json_spirit::Object* options = reader.object("options");
+  reader.object("options");
   if (!reader.good()) {
     error = reader.error();
     return Job_Definition_var();
@@ -161,13 +150,109 @@ Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& 
   // A rehearsal finds its set itself.
   if (!backup && settings.subtype != JOB_DEFINITION_SUBTYPE_DR_TEST && source != nullptr)
     settings.set_uuid = json_spirit::optional_str(*source, "catalog_id");
-  Job_Definition_var definition(new Guarded_Definition(settings, deletions));
-  if (!parse_record<Job_Source>(source, "source",
-                                backup ? module.backup_source_parsers() : module.restore_source_parsers(),
-                                definition->source, error) ||
-      !parse_record<Job_Options>(options, "options",
-                                 backup ? module.backup_options_parsers() : module.restore_options_parsers(),
-                                 definition->options, error))
+  Job_Definition_var definition(new Host_Definition(settings, deletions, service_timeout));
+  const bool rehearsal = !backup && settings.subtype == JOB_DEFINITION_SUBTYPE_DR_TEST;
+  if (!read_definition_records(text, settings.type, rehearsal, module, definition->source, definition->options, error))
     return Job_Definition_var();
   return definition;
+}
+
+Job_Definition_var make_job_definition(const json_spirit::Object& json, Module& module, std::string& error) {
+  return make_job_definition(json, json_spirit::write(json_spirit::Value(json)), module, error);
+}
+
+namespace {
+
+/// Writes the host's members that say something else than their absence does.
+class Member_Writer {
+public:
+  explicit Member_Writer(yajl_gen_t* gen) : gen_(gen) {}
+  void text(const char* key, const std::string& value) {
+    if (value.empty())
+      return;
+    yajl_write(gen_, key);
+    yajl_write(gen_, value);
+  }
+  void flag(const char* key, bool value) {
+    if (!value)
+      return;
+    yajl_write(gen_, key);
+    yajl_gen_bool(gen_, 1);
+  }
+  template <typename T>
+  void number(const char* key, const T& value, const T absent) {
+    if (value == absent)
+      return;
+    yajl_write(gen_, key);
+    const std::string digits = std::to_string(value);
+    yajl_gen_number(gen_, digits.data(), digits.size());
+  }
+
+private:
+  yajl_gen_t* gen_;
+};
+
+/// Job_Definition, in the form that yajl_generate wants.
+struct Definition_Text {
+  Job_Definition& definition;
+  bool with_password;
+
+  void generate(yajl_gen_t* gen) {
+    Member_Writer writer(gen);
+    yajl_gen_map_open(gen);
+    writer.text("type", definition.type() == JOB_DEFINITION_BACKUP ? "backup" : "restore");
+    writer.text("subtype", job_def_subtype_to_string(definition.subtype()));
+    writer.text("id", definition.id());
+    writer.text("uid", definition.uid());
+    writer.text("name", definition.name());
+    writer.text("agent", definition.agent());
+    writer.text("host_id", definition.host_id());
+    const Job_Target& target = definition.target();
+    if (!target.id().empty() || !target.device_id().empty() || !target.location().empty()) {
+      yajl_write(gen, "target");
+      yajl_gen_map_open(gen);
+      writer.text("id", target.id());
+      writer.text("device_id", target.device_id());
+      writer.text("location", target.location());
+      yajl_gen_map_close(gen);
+    }
+    writer.text("precondition", definition.precondition());
+    writer.text("pre_action", definition.pre_action());
+    writer.text("post_action", definition.post_action());
+    writer.flag("redirect_pre_action_stdout", definition.redirect_pre_action_stdout());
+    writer.flag("redirect_post_action_stdin", definition.redirect_post_action_stdin());
+    writer.flag("ignore_pre_action_failure", definition.ignore_pre_action_failure());
+    writer.flag("ignore_post_action_failure", definition.ignore_post_action_failure());
+    writer.flag("run_post_action_always", definition.run_post_action_always());
+    if (with_password)
+      writer.text("backup_protection_password", definition.backup_protection_password());
+    const Job_Definition::Settings absent;
+    writer.number("max_seconds_retry", definition.max_seconds_retry(), absent.max_seconds_retry);
+    writer.number("readers", definition.readers(), absent.readers);
+    writer.number("rate_limit", definition.rate_limit(), absent.rate_limit);
+    writer.number("service_timeout", service_timeout(definition), Service_Watch::DEFAULT_LIMIT);
+    writer.flag("only_different", definition.only_different());
+    writer.text("archived", definition.archived());
+    const Deletion_Limits deletions = deletion_limits(definition);
+    writer.flag("allow_empty", deletions.allow_empty);
+    if (deletions.given)
+      writer.text("max_deleted", deletions.text());
+    yajl_write(gen, "source");
+    definition.source->generate(gen);
+    yajl_write(gen, "options");
+    definition.options->generate(gen);
+    yajl_gen_map_close(gen);
+  }
+};
+
+} // namespace
+
+unsigned service_timeout(const Job_Definition& definition) {
+  const auto* const host = dynamic_cast<const Host_Definition*>(&definition);
+  return host != nullptr ? host->service_timeout() : Service_Watch::DEFAULT_LIMIT;
+}
+
+std::string write_job_definition(Job_Definition& definition, bool with_password) {
+  Definition_Text text{definition, with_password};
+  return yajl_generate(text);
 }

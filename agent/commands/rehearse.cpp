@@ -8,7 +8,8 @@
 namespace {
 
 /// What is missing in a definition of a rehearsal is filled in; what contradicts one is refused.
-json_spirit::Object rehearsal_of(json_spirit::Object definition) {
+Definition_File rehearsal_of(Definition_File file) {
+  json_spirit::Object& definition = file.members;
   if (json_spirit::find(definition, "type") == nullptr)
     definition["type"] = "restore";
   if (json_spirit::optional_str(definition, "type") != "restore")
@@ -20,11 +21,7 @@ json_spirit::Object rehearsal_of(json_spirit::Object definition) {
   // What was rehearsed is kept by this id: without one every rehearsal would be the first.
   if (json_spirit::optional_str(definition, "id").empty())
     throw Command_Error("job definition: \"id\" must be a uuid that stays the same from rehearsal to rehearsal");
-  const auto source = definition.find("source");
-  // A rehearsal finds the set itself.
-  if (source != definition.end() && source->second.type() == json_spirit::obj_type)
-    source->second.get_obj().emplace("seq", 0);
-  return definition;
+  return file;
 }
 
 } // namespace

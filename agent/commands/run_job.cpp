@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr ACE_INT64 MAX_SERVICE_TIMEOUT = 86400;
-
 /// Keeps the run in the agent's database. The run itself is over: a failure here is only worth a line.
 void record_activity(Context& context, const std::string& id, const std::string& definition_id, const std::string& type,
                      time_t start, const Outcome& outcome) {
@@ -75,18 +73,6 @@ std::string rehearsed_set(const Job_Definition& definition) {
   return context.uuid;
 }
 
-/// Of a definition's "service_timeout". Throws Command_Error.
-unsigned service_timeout(const json_spirit::Object& json) {
-  const json_spirit::Value* const value = json_spirit::find(json, "service_timeout");
-  if (value == nullptr)
-    return Service_Watch::DEFAULT_LIMIT;
-  const ACE_INT64 seconds = value->type() == json_spirit::int_type ? value->get_int64() : 0;
-  if (seconds < 1 || seconds > MAX_SERVICE_TIMEOUT)
-    throw Command_Error("job definition: \"service_timeout\" must be a whole number of seconds from 1 to " +
-                        std::to_string(MAX_SERVICE_TIMEOUT));
-  return static_cast<unsigned>(seconds);
-}
-
 /// The set that a backup made has the uuid of its activity; it is there when its record is.
 std::string set_of(Context& context, const std::string& activity_id) {
   Set set;
@@ -95,9 +81,26 @@ std::string set_of(Context& context, const std::string& activity_id) {
   return context.store().find_set(activity_id, set, found, error) && found ? activity_id : std::string();
 }
 
+Job_Definition_var definition_of(Context& context, const Definition_File& file) {
+  std::string error;
+  const Job_Definition_var definition = make_job_definition(file.members, file.text, context.module(), error);
+  if (definition.null())
+    throw Command_Error(error);
+  return definition;
+}
+
+/// Keeps the definition in the agent's database, by its id: one with an id made up for this run would stay there as
+/// often as it runs. The run goes on without: a failure is only worth a line.
+void keep_definition(Context& context, Job_Definition& definition) {
+  const Definition kept{definition.id(), definition.uid(), definition.name(), write_job_definition(definition, false)};
+  std::string error;
+  if (!context.store().put_definition(kept, error))
+    ACE_ERROR((LM_WARNING, ACE_TEXT("The definition cannot be kept: %C\n"), error.c_str()));
+}
+
 } // namespace
 
-json_spirit::Object read_definition_file(const std::string& path) {
+Definition_File read_definition_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file)
     throw Command_Error("the job definition '" + path + "' cannot be read: " + std::strerror(errno));
@@ -109,17 +112,27 @@ json_spirit::Object read_definition_file(const std::string& path) {
     throw Command_Error("the job definition '" + path + "' is no JSON: " + error);
   if (value.type() != json_spirit::obj_type)
     throw Command_Error("the job definition '" + path + "' is no JSON object");
-  return value.get_obj();
+  return {value.get_obj(), text.str()};
+}
+
+void print_definition(Context& context, const Definition_File& file) {
+  const Job_Definition_var definition = definition_of(context, file);
+  // As a text in either form of output: a parsed one would put the members in another order.
+  const std::string text = write_job_definition(*definition, true) + "\n";
+  std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
 Outcome run_job(Context& context, const json_spirit::Object& json, const std::function<void(Outcome&)>& after) {
-  std::string error;
-  const Job_Definition_var definition = make_job_definition(json, context.module(), error);
-  if (definition.null())
-    throw Command_Error(error);
+  return run_job(context, Definition_File{json, json_spirit::write(json_spirit::Value(json))}, after);
+}
+
+Outcome run_job(Context& context, const Definition_File& file, const std::function<void(Outcome&)>& after) {
+  const Job_Definition_var definition = definition_of(context, file);
+  if (!json_spirit::optional_str(file.members, "id").empty())
+    keep_definition(context, *definition);
 
   Job_Runner runner(context.module(), context.log(), !context.json);
-  runner.service_timeout(service_timeout(json));
+  runner.service_timeout(service_timeout(*definition));
   if (definition->type() == JOB_DEFINITION_BACKUP)
     context.lock_state();
   const time_t start = std::time(nullptr);
@@ -131,7 +144,7 @@ Outcome run_job(Context& context, const json_spirit::Object& json, const std::fu
   else if (const std::string now = rehearsed_set(*definition); now != rehearsed)
     outcome.set = now;
   if (outcome.code == EXIT_FAILED && outcome.figures.empty())
-    if (const std::string cause = cause_of(context, json); !cause.empty())
+    if (const std::string cause = cause_of(context, file.members); !cause.empty())
       outcome.failure += " " + cause;
   if (after)
     after(outcome);

@@ -76,6 +76,33 @@ class Definition(harness.Scenario):
                 sources += file.read()
         self.assertEqual([], sorted(name for name in members if '"%s"' % name not in sources))
 
+    def write(self, text):
+        path = os.path.join(self.folder, "written.json")
+        with open(path, "w") as file:
+            file.write(text)
+        return path
+
+    def test_number_that_does_not_fit_names_no_other_set(self):
+        with open(self.example("restore")) as file:
+            definition = json.load(file)
+        del definition["source"]["catalog_id"]
+        for number in ("99999999999999999999", "1e20"):
+            definition["source"]["seq"] = 4711
+            path = self.write(json.dumps(definition).replace("4711", number))
+            printed = json.loads(self.agent("run", path, "--print").stdout)
+            self.assertEqual(9223372036854775807 if number[0] == "9" else 1, printed["source"]["seq"])
+        path = self.write(json.dumps(definition).replace("4711", "99999999999999999999"))
+        self.agent("run", path, expect=1)
+        self.assertEqual({}, self.contents(self.server, "photos-restored"))
+
+    def test_definition_is_printed_and_kept_as_its_records_write_it(self):
+        path = self.example("restore")
+        printed = self.agent("run", path, "--print").stdout
+        self.assertEqual({}, self.contents(self.server, "photos-restored"), "nothing was run")
+        definition = json.loads(printed)
+        self.assertEqual([{"dir": "/photos/2024/"}, {"file": "/photos/index"}], definition["source"]["entries"])
+        self.assertEqual(printed, self.agent("run", self.write(printed), "--print").stdout)
+
     def test_failing_precondition_is_no_failure(self):
         outcome = self.agent("run", self.example("backup", precondition="exit 1"), "--json").json
         self.assertEqual(("completed", 0, ""), (outcome["outcome"], outcome["listed"], outcome["set"]))
