@@ -15,6 +15,8 @@
 
 namespace {
 
+constexpr size_t MAX_ERRORS = 1000;
+
 const char* priority_name(ACE_UINT32 type) {
   switch (type) {
   case LM_DEBUG:
@@ -95,13 +97,7 @@ ssize_t Agent_Log::log(ACE_Log_Record& record) {
   std::string text(record.msg_data());
   while (!text.empty() && text.back() == '\n')
     text.pop_back();
-  if (is_error(record.type())) {
-    ++errors_;
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (first_error_.empty())
-      first_error_ = text;
-    last_error_ = text;
-  }
+  note(record, text);
   const std::string line = POSIX_Time_To_ISO8601(std::time(nullptr)).str() + " " + priority_name(record.type()) + " " +
                            printable(text) + "\n";
   if (file_ >= 0)
@@ -111,19 +107,47 @@ ssize_t Agent_Log::log(ACE_Log_Record& record) {
   return 0;
 }
 
+void Agent_Log::note(const ACE_Log_Record& record, const std::string& text) {
+  const char* const file = ACE_LOG_MSG->file();
+  const std::lock_guard<std::mutex> guard(mutex_);
+  const auto before = attempts_.find(std::this_thread::get_id());
+  if (before != attempts_.end()) {
+    const bool repeated = text.compare(0, 6, "Retry(") == 0 && file != nullptr && before->second.file == file;
+    if (!repeated && errors_.size() < MAX_ERRORS)
+      errors_.emplace(before->second.number, std::move(before->second.text));
+    attempts_.erase(before);
+  }
+  if (!is_error(record.type()))
+    return;
+  last_error_ = text;
+  attempts_.emplace(std::this_thread::get_id(), Attempt{++numbers_, file != nullptr ? file : "", text});
+}
+
 void Agent_Log::clear_errors() {
-  std::lock_guard<std::mutex> guard(mutex_);
-  errors_ = 0;
-  first_error_.clear();
+  const std::lock_guard<std::mutex> guard(mutex_);
+  errors_.clear();
+  attempts_.clear();
   last_error_.clear();
 }
 
+std::vector<std::string> Agent_Log::errors() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  std::map<unsigned long long, std::string> all = errors_;
+  for (const auto& attempt : attempts_)
+    all.emplace(attempt.second.number, attempt.second.text);
+  std::vector<std::string> texts;
+  for (const auto& numbered : all)
+    if (texts.size() < MAX_ERRORS)
+      texts.push_back(numbered.second);
+  return texts;
+}
+
 std::string Agent_Log::first_error() const {
-  std::lock_guard<std::mutex> guard(mutex_);
-  return first_error_;
+  const std::vector<std::string> all = errors();
+  return all.empty() ? std::string() : all.front();
 }
 
 std::string Agent_Log::last_error() const {
-  std::lock_guard<std::mutex> guard(mutex_);
+  const std::lock_guard<std::mutex> guard(mutex_);
   return last_error_;
 }

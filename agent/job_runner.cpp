@@ -2,6 +2,7 @@
 
 #include "agent/cancel_signals.h"
 #include "agent/progress.h"
+#include "agent/run_errors.h"
 #include "platform/s3/ledger.h"
 #include "sdk/job/job.h"
 
@@ -32,11 +33,29 @@ std::string failure_text(Job& job, const Agent_Log& log) {
   return logged.empty() ? "the job ended without saying why" : logged;
 }
 
-Exit_Code exit_code(Job_State state, const Agent_Log& log) {
+/// What a run that went through has to say beyond its account: error lines that the account does not explain, and for
+/// one that ended with errors at least a reason.
+void add_reasons(Job& job, const std::string& name, const Agent_Log& log, Outcome& outcome) {
+  std::vector<std::string> lines = log.errors();
+  if (name_uncovered_errors(outcome.figures, name, lines) != 0)
+    outcome.code = EXIT_COMPLETED_WITH_ERRORS;
+  if (outcome.code != EXIT_COMPLETED_WITH_ERRORS)
+    return;
+  const json_spirit::Value* const errors = json_spirit::find(outcome.figures, "errors");
+  if (errors != nullptr && errors->type() == json_spirit::array_type && !errors->get_array().empty())
+    return;
+  lines.clear();
+  for (const Job_Alert& alert : job.alerts())
+    lines.push_back(error_text(alert.error));
+  if (lines.empty())
+    lines.push_back("The run counted problems that it did not name.");
+  name_uncovered_errors(outcome.figures, name, lines);
+}
+
+Exit_Code exit_code(Job_State state) {
   switch (state) {
   case JOB_STATE_COMPLETED:
-    // Whatever was logged as an error makes the run one that an operator should look at.
-    return log.errors() > 0 ? EXIT_COMPLETED_WITH_ERRORS : EXIT_COMPLETED;
+    return EXIT_COMPLETED;
   case JOB_STATE_COMPLETED_WITH_ERRORS:
     return EXIT_COMPLETED_WITH_ERRORS;
   case JOB_STATE_SKIPPED:
@@ -91,10 +110,13 @@ Outcome Job_Runner::run(const Job_Definition_var& definition, std::string* activ
   const json_spirit::Value* figures = json_spirit::find(results, "outcome");
   if (figures != nullptr && figures->type() == json_spirit::obj_type)
     outcome.figures = figures->get_obj();
-  outcome.code = exit_code(job->activity().state, log_);
+  outcome.code = exit_code(job->activity().state);
   // An account with something missing is never a clean one.
   if (outcome.code == EXIT_COMPLETED && outcome.figure("skipped") + outcome.figure("failed") > 0)
     outcome.code = EXIT_COMPLETED_WITH_ERRORS;
+  const Job_State state = job->activity().state;
+  if (state == JOB_STATE_COMPLETED || state == JOB_STATE_COMPLETED_WITH_ERRORS)
+    add_reasons(*job, definition->name().empty() ? definition->id() : definition->name(), log_, outcome);
   if (outcome.code == EXIT_FAILED)
     outcome.failure = failure_text(*job, log_);
   return outcome;

@@ -103,6 +103,21 @@ class Definition(harness.Scenario):
         self.assertEqual([{"dir": "/photos/2024/"}, {"file": "/photos/index"}], definition["source"]["entries"])
         self.assertEqual(printed, self.agent("run", self.write(printed), "--print").stdout)
 
+    def test_retried_requests_that_came_right_are_no_errors_of_the_run(self):
+        server = harness.Test_Server("--bucket", "slow", "--admit", "20")
+        self.addCleanup(server.stop)
+        client = server.client()
+        for number in range(60):
+            while True:
+                try:
+                    client.put_object(Bucket="slow", Key="%02d/k" % number, Body=b"x")
+                    break
+                except Exception:
+                    continue
+        self.add_account(server, name="slow")
+        outcome = self.agent("backup", "slow", "/slow/", "--pool", "disk", "--json").json
+        self.assertEqual(("completed", 60, []), (outcome["outcome"], outcome["saved"], outcome["errors"]))
+
     def test_failing_precondition_is_no_failure(self):
         outcome = self.agent("run", self.example("backup", precondition="exit 1"), "--json").json
         self.assertEqual(("completed", 0, ""), (outcome["outcome"], outcome["listed"], outcome["set"]))
