@@ -204,7 +204,6 @@ void restore(Context& context, Restore_Arguments& arguments) {
 
   json_spirit::Object definition;
   definition["type"] = "restore";
-  definition["id"] = make_uuid();
   definition["name"] = "restore of " + set.uuid;
   definition["agent"] = "obs-agent";
   definition["host_id"] = account.uuid;
