@@ -1,5 +1,7 @@
 #include "agent/definition_records.h"
 
+#include "agent/definition_members.h"
+
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -7,67 +9,17 @@
 
 namespace {
 
-enum Kind : unsigned { TEXT = 1, NUMBER = 2, FLAG = 4, NOTHING = 8, OBJECT = 16, LIST = 32 };
-
-/// The JSON types that a member takes. A list's items are named with "[]" after it.
-struct Member {
-  const char* path;
-  unsigned kinds;
-};
-
-const Member BACKUP_SOURCE[] = {
-    {"id", TEXT}, {"name", TEXT}, {"minor_resource_id", TEXT}, {"minor_resource_name", TEXT}, {nullptr, 0}};
-const Member BACKUP_OPTIONS[] = {{"compression", TEXT},
-                                 {"compression_level", TEXT | NUMBER},
-                                 {"channels", NUMBER},
-                                 {"exclusion", LIST},
-                                 {"exclusion[]", TEXT},
-                                 {"inclusion", LIST},
-                                 {"inclusion[]", TEXT},
-                                 {"cache_dir", TEXT},
-                                 {"scan_file_threads", NUMBER},
-                                 {"list_cache_limits", NUMBER},
-                                 {"tags", FLAG},
-                                 {"acl", FLAG},
-                                 {nullptr, 0}};
-const Member RESTORE_SOURCE[] = {{"id", TEXT},
-                                 {"name", TEXT},
-                                 {"catalog_id", TEXT},
-                                 {"entries", LIST},
-                                 {"entries[]", OBJECT},
-                                 {"entries[].dir", TEXT},
-                                 {"entries[].file", TEXT},
-                                 {"backup_host_id", TEXT},
-                                 {"backup_definition_id", NUMBER},
-                                 {"backup_minor_resource_id", TEXT},
-                                 {"seq", NUMBER},
-                                 {"pool_uuid", TEXT},
-                                 {nullptr, 0}};
-const Member RESTORE_OPTIONS[] = {{"channels", NUMBER},
-                                  {"bucket_maps", LIST},
-                                  {"bucket_maps[]", OBJECT},
-                                  {"bucket_maps[].source", TEXT},
-                                  {"bucket_maps[].target", TEXT},
-                                  {"bucket_maps[].prefix", TEXT},
-                                  {"standalone", FLAG},
-                                  {"existing", TEXT},
-                                  {"cache_dir", TEXT},
-                                  {"no_acl", FLAG},
-                                  {"drop_tags", FLAG},
-                                  {"storage_class", TEXT},
-                                  {nullptr, 0}};
-
 const char* wanted(unsigned kinds) {
   switch (kinds) {
-  case TEXT:
+  case MEMBER_TEXT:
     return "a string";
-  case NUMBER:
+  case MEMBER_NUMBER:
     return "a number";
-  case TEXT | NUMBER:
+  case MEMBER_TEXT | MEMBER_NUMBER:
     return "a number or a string";
-  case FLAG:
+  case MEMBER_FLAG:
     return "true or false";
-  case OBJECT:
+  case MEMBER_OBJECT:
     return "an object";
   default:
     return "a list";
@@ -77,7 +29,7 @@ const char* wanted(unsigned kinds) {
 /// Gives the events of one member of the definition to the parser that reads it.
 class Record_Reader {
 public:
-  Record_Reader(const char* name, const Member* members, Object_Creator_T<YAJL_Handler>& parsers)
+  Record_Reader(const char* name, const Definition_Members& members, Object_Creator_T<YAJL_Handler>& parsers)
       : name_(name), members_(members), parsers_(parsers) {}
   ~Record_Reader() { parsers_.destroy(parser_); }
   Record_Reader(const Record_Reader&) = delete;
@@ -98,14 +50,14 @@ public:
   }
 
   template <typename EVENT>
-  bool value(Kind kind, EVENT event) {
+  bool value(Member_Kind kind, EVENT event) {
     return fits(kind) && give(event);
   }
   template <typename EVENT>
-  bool open(Kind kind, EVENT event) {
+  bool open(Member_Kind kind, EVENT event) {
     if (!path_.empty() && !fits(kind))
       return false;
-    path_.push_back(Level{kind == OBJECT, std::string()});
+    path_.push_back(Level{kind == MEMBER_OBJECT, std::string()});
     return give(event);
   }
   bool key(const char* text, unsigned length) {
@@ -152,16 +104,16 @@ private:
       text += level.object ? (text.empty() ? "" : ".") + level.key : "[]";
     return text;
   }
-  bool fits(Kind kind) {
+  bool fits(Member_Kind kind) {
     const std::string at = place();
-    for (const Member* member = members_; member->path != nullptr; ++member)
-      if (at == member->path && (member->kinds & kind) == 0)
-        return refuse("\"" + at + "\" must be " + wanted(member->kinds));
+    for (const Definition_Member& member : members_)
+      if (at == member.path && (member.kinds & kind) == 0)
+        return refuse("\"" + at + "\" must be " + wanted(member.kinds));
     return true;
   }
 
   const char* const name_;
-  const Member* const members_;
+  const Definition_Members& members_;
   Object_Creator_T<YAJL_Handler>& parsers_;
   YAJL_Handler* parser_ = nullptr;
   std::vector<Level> path_; ///< open containers of the member, its own object first
@@ -176,22 +128,22 @@ public:
       : source_(source), options_(options), rehearsal_(rehearsal) {}
 
   bool handle_null_i() override {
-    return value(NOTHING, [](YAJL_Handler& parser) { return parser.handle_null_i(); });
+    return value(MEMBER_NULL, [](YAJL_Handler& parser) { return parser.handle_null_i(); });
   }
   bool handle_boolean_i(bool given) override {
-    return value(FLAG, [given](YAJL_Handler& parser) { return parser.handle_boolean_i(given); });
+    return value(MEMBER_FLAG, [given](YAJL_Handler& parser) { return parser.handle_boolean_i(given); });
   }
   bool handle_number_i(const char* text, unsigned length) override {
-    return value(NUMBER, [=](YAJL_Handler& parser) { return parser.handle_number_i(text, length); });
+    return value(MEMBER_NUMBER, [=](YAJL_Handler& parser) { return parser.handle_number_i(text, length); });
   }
   bool handle_string_i(const char* text, unsigned length) override {
-    return value(TEXT, [=](YAJL_Handler& parser) { return parser.handle_string_i(text, length); });
+    return value(MEMBER_TEXT, [=](YAJL_Handler& parser) { return parser.handle_string_i(text, length); });
   }
   bool handle_start_map_i() override {
-    return open(OBJECT, [](YAJL_Handler& parser) { return parser.handle_start_map_i(); });
+    return open(MEMBER_OBJECT, [](YAJL_Handler& parser) { return parser.handle_start_map_i(); });
   }
   bool handle_start_array_i() override {
-    return open(LIST, [](YAJL_Handler& parser) { return parser.handle_start_array_i(); });
+    return open(MEMBER_LIST, [](YAJL_Handler& parser) { return parser.handle_start_array_i(); });
   }
   bool handle_end_map_i() override {
     return close([](YAJL_Handler& parser) { return parser.handle_end_map_i(); });
@@ -212,15 +164,15 @@ private:
     return key == source_.name() ? &source_ : key == options_.name() ? &options_ : nullptr;
   }
   template <typename EVENT>
-  bool value(Kind kind, EVENT event) {
+  bool value(Member_Kind kind, EVENT event) {
     if (present_ != nullptr)
       return present_->value(kind, event);
     return depth_ != 1 || next_ == nullptr || next_->refuse("it must be an object");
   }
   template <typename EVENT>
-  bool open(Kind kind, EVENT event) {
+  bool open(Member_Kind kind, EVENT event) {
     if (present_ == nullptr && depth_ == 1 && next_ != nullptr) {
-      if (kind != OBJECT)
+      if (kind != MEMBER_OBJECT)
         return next_->refuse("it must be an object");
       if (!next_->begin())
         return false;
@@ -253,7 +205,7 @@ private:
 template <typename RECORD>
 bool take(Record_Reader& reader, bool rehearsal, ACE_Refcounted_Auto_Ptr<RECORD, ACE_Thread_Mutex>& record) {
   bool over = false;
-  if (!reader.was_read() && !(reader.begin() && reader.open(OBJECT, [](YAJL_Handler& parser) {
+  if (!reader.was_read() && !(reader.begin() && reader.open(MEMBER_OBJECT, [](YAJL_Handler& parser) {
         return parser.handle_start_map_i();
       }) && reader.close([](YAJL_Handler& parser) { return parser.handle_end_map_i(); }, rehearsal, over)))
     return false;
@@ -266,9 +218,9 @@ bool take(Record_Reader& reader, bool rehearsal, ACE_Refcounted_Auto_Ptr<RECORD,
 bool read_definition_records(const std::string& text, Job_Definition_Type type, bool rehearsal, Module& module,
                              Job_Source_var& source, Job_Options_var& options, std::string& error) {
   const bool backup = type == JOB_DEFINITION_BACKUP;
-  Record_Reader source_reader("source", backup ? BACKUP_SOURCE : RESTORE_SOURCE,
+  Record_Reader source_reader("source", source_members(!backup),
                               backup ? module.backup_source_parsers() : module.restore_source_parsers());
-  Record_Reader options_reader("options", backup ? BACKUP_OPTIONS : RESTORE_OPTIONS,
+  Record_Reader options_reader("options", options_members(!backup),
                                backup ? module.backup_options_parsers() : module.restore_options_parsers());
   Definition_Driver driver(source_reader, options_reader, rehearsal);
   Job_Source_var new_source;
