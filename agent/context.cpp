@@ -134,6 +134,29 @@ std::vector<std::string> Context::reconcile() {
   return warnings;
 }
 
+namespace {
+
+/// Why the set whose uuid begins with `id` is not known although its folder is there, with ": " before it; else empty.
+std::string unreadable_record(Context& context, const std::string& id) {
+  std::vector<Pool_Entry> pools;
+  std::string error;
+  if (id.empty() || !context.store().pools(pools, error))
+    return std::string();
+  for (const Pool_Entry& entry : pools) {
+    Pool pool;
+    std::vector<std::string> bad;
+    if (!open_known_pool(context.store(), entry.uuid, pool, error))
+      continue;
+    pool.sets(std::string(), bad);
+    for (const std::string& one : bad)
+      if (one.find("/" + id) != std::string::npos)
+        return " that can be read: " + one;
+  }
+  return std::string();
+}
+
+} // namespace
+
 Set Context::set(const std::string& id) {
   if (names_latest(id))
     return latest_set(*this, id);
@@ -147,7 +170,7 @@ Set Context::set(const std::string& id) {
       throw Command_Error(error);
   }
   if (sets.empty())
-    throw Command_Error("there is no set '" + id + "'");
+    throw Command_Error("there is no set '" + id + "'" + unreadable_record(*this, id));
   if (sets.size() > 1)
     throw Command_Error("'" + id + "' is the beginning of " + std::to_string(sets.size()) + " sets: give more of it");
   return sets.front();

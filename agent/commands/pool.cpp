@@ -92,10 +92,10 @@ Pool take_pool(Context& context, const Pool_Arguments& arguments, bool& made) {
   if (made && may_hold_pool(arguments.url))
     throw Command_Error(error);
   if (!made) {
-    if (const std::string known = known_already(context, pool, arguments.url); !known.empty())
-      throw Command_Error(known);
     if (!pool.encrypted() && (arguments.encrypt || arguments.secret_given()))
       throw Command_Error("the pool at " + arguments.url + " is there already, and it is not encrypted");
+    if (const std::string known = known_already(context, pool, arguments.url); !known.empty())
+      throw Command_Error(known);
     if (pool.encrypted() && !pool.unlock(take_secret(arguments, false), key, error))
       throw Command_Error("the pool at " + arguments.url + " cannot be opened: " + error);
   } else {

@@ -138,7 +138,7 @@ class Encrypted:
         refused = self.agent("pool", "add", "disk", self.url, "--key-file", self.write("key", os.urandom(32)), expect=1)
         self.assertIn("locked with a passphrase", refused.stderr)
         added = self.agent("pool", "add", "disk", self.url, "--passphrase-file", "-", input=PASSPHRASE)
-        self.assertIn("1 sets", added.stdout)
+        self.assertIn("taken up, with 1 set\n", added.stdout)
         self.assertTrue(self.agent("verify", first, "--json").json["clean"])
         self.assert_restores(first, expected)
         # The chain goes on.
