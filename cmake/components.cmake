@@ -23,6 +23,10 @@ function(obs_component_tests name folder)
     return()
   endif()
   add_executable(${name}_test ${tests})
+  if(CMAKE_BUILD_TYPE STREQUAL "RelWithDebInfo")
+    # What is tested is as fast as it is delivered; the tests' own code compiles in half the time like this.
+    target_compile_options(${name}_test PRIVATE -O0)
+  endif()
   target_link_libraries(${name}_test PRIVATE ${ARGN} GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name}_test TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 120
     PROPERTIES TIMEOUT ${OBS_UNIT_TEST_TIMEOUT})
