@@ -51,7 +51,8 @@ const Definition_Members BACKUP_OPTIONS = {{"compression", MEMBER_TEXT},
                                            {"scan_file_threads", MEMBER_NUMBER},
                                            {"list_cache_limits", MEMBER_NUMBER},
                                            {"tags", MEMBER_FLAG},
-                                           {"acl", MEMBER_FLAG}};
+                                           {"acl", MEMBER_FLAG},
+                                           {"refresh_tags", MEMBER_FLAG}};
 const Definition_Members RESTORE_SOURCE = {{"id", MEMBER_TEXT},
                                            {"name", MEMBER_TEXT},
                                            {"catalog_id", MEMBER_TEXT},

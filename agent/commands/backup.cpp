@@ -34,6 +34,7 @@ struct Backup_Arguments {
   std::vector<std::string> inclusions;
   bool tags = false;
   bool acl = false;
+  bool refresh_tags = false;
 };
 
 /// The name of a selection that the operator did not name: the same paths and rules give the same one, so that the next
@@ -107,6 +108,8 @@ void backup(Context& context, Backup_Arguments arguments) {
   options["scan_file_threads"] = arguments.scan_threads;
   options["tags"] = arguments.tags;
   options["acl"] = arguments.acl;
+  if (arguments.refresh_tags)
+    options["refresh_tags"] = options["tags"] = true;
 
   json_spirit::Object target;
   target["id"] = pool.uuid;
@@ -191,8 +194,14 @@ void add_backup_command(CLI::App& app, Context& context) {
                    "Make no set when more objects of the last one are gone: a share (100%: no limit) or a number; 50% "
                    "of more than 100 objects unless given")
       ->type_name("N%|N");
-  command->add_flag("--tags", arguments->tags, "Ask for each object's tags (a request each, where it may have some)");
-  command->add_flag("--acl", arguments->acl, "Ask for each object's access list (a request each)");
+  command->add_flag("--tags", arguments->tags,
+                    "Save each object's tags: a request for each that may have some and whose tags the last set does "
+                    "not know");
+  command->add_flag("--acl", arguments->acl,
+                    "Save each object's access list: a request for each whose list the last set does not know");
+  command->add_flag("--refresh-tags", arguments->refresh_tags,
+                    "As --tags, and ask about all objects again, those that the last set knows of too; with --acl "
+                    "their access lists likewise");
   command->add_flag("--dry-run", arguments->dry_run,
                     "List every object that the paths and rules take in, whatever the last set holds; read and write "
                     "nothing");

@@ -89,9 +89,16 @@ void list_sets(Context& context, const std::string& account_name) {
 }
 
 /// Characters of `attributes_head`.
-constexpr size_t ATTRIBUTES_WIDTH = 46;
+constexpr size_t ATTRIBUTES_WIDTH = 72;
 
-/// Content type, storage class and number of tags, in columns.
+/// "none", "2 grants" or, where nobody asked, "not asked".
+std::string count_text(bool known, size_t count, const char* none, const char* what) {
+  if (!known)
+    return "not asked";
+  return count == 0 ? none : std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+/// Content type, storage class, tags and access list, in columns.
 std::string attributes_head(const Catalog_Object& object) {
   Object_Attributes attributes;
   std::string ignored, type = "-";
@@ -99,10 +106,13 @@ std::string attributes_head(const Catalog_Object& object) {
   for (const auto& header : attributes.headers)
     if (header.first == "content-type")
       type = header.second.substr(0, header.second.find(';'));
-  char head[128];
-  std::snprintf(head, sizeof head, "%-26.26s %-11.11s %2zu tag%s  ", type.c_str(),
-                attributes.storage_class.empty() ? "-" : attributes.storage_class.c_str(), attributes.tags.size(),
-                attributes.tags.size() == 1 ? " " : "s");
+  const std::string tags = count_text(attributes.tags_known, attributes.tags.size(), "none", "tag");
+  const std::string access =
+      count_text(attributes.acl_known(), attributes.is_shared() ? attributes.grants.size() : 0, "private", "grant");
+  char head[160];
+  std::snprintf(head, sizeof head, "%-26.26s %-11.11s tags %-9.9s access %-9.9s  ", type.c_str(),
+                attributes.storage_class.empty() ? "-" : attributes.storage_class.c_str(), tags.c_str(),
+                access.c_str());
   return head;
 }
 

@@ -30,6 +30,8 @@ constexpr unsigned FLAG_FRESH = 2;
 constexpr unsigned FLAG_OLDER = 4;
 /// The data were found damaged or missing since: the next run takes the object for changed.
 constexpr unsigned FLAG_DAMAGED = 8;
+/// The attributes were asked for when the data had been stored already: they are the row's, whatever the medium has.
+constexpr unsigned FLAG_ASKED_LATER = 16;
 
 } // namespace catalog
 

@@ -109,7 +109,7 @@ Backup_Base::Match Backup_Base::match(const std::string& name, unsigned long lon
     return Match::NONE;
   const bool same =
       object.size == size && object.mtime == mtime && (object.flags & (catalog::FLAG_FRESH | catalog::FLAG_OLDER)) == 0;
-  object.flags = 0;
+  object.flags &= catalog::FLAG_ASKED_LATER;
   // The catalog's own set is 0 in every catalog; the base's sets move up by one.
   ++object.set;
   if (same)

@@ -1,8 +1,10 @@
 #include "platform/mtf/backup_channel.h"
 
+#include "platform/mtf/known_attributes.h"
 #include "platform/s3/error_map.h"
 #include "sdk/base/clock.h"
 #include "sdk/base/time_format.h"
+#include "sdk/mtf/attributes_update.h"
 #include "sdk/s3/object_attributes.h"
 
 #include <algorithm>
@@ -31,9 +33,15 @@ std::string md5_of(const File_Attributes& attributes) {
   return object.parse(attributes.common, attributes.own, error) ? object.content_md5() : std::string();
 }
 
+bool knows_tags_of(const File_Attributes& attributes) {
+  Object_Attributes object;
+  std::string ignored;
+  return object.parse(attributes.common, attributes.own, ignored) && object.tags_known;
+}
+
 /// Whether both are the same object under two dates, as a restore onto its own place leaves it: one size, one ETag that
 /// stands for the content, and all else that a restore would give it. Checksums that only one of them has are no
-/// difference of the object.
+/// difference of the object, and neither is that only one of them was asked for its tags and has none.
 bool is_same_object(const Catalog_Object& known, unsigned long long size, const File_Attributes& attributes) {
   Object_Attributes before, now;
   std::string error;
@@ -45,6 +53,10 @@ bool is_same_object(const Catalog_Object& known, unsigned long long size, const 
   for (Object_Attributes* one : {&before, &now}) {
     one->checksums.clear();
     one->checksum_type.clear();
+    if (one->tags.empty() && one->tag_count <= 0) {
+      one->tags_known = false;
+      one->tag_count = -1;
+    }
   }
   return before.common_text() == now.common_text() && before.own_text() == now.own_text();
 }
@@ -70,7 +82,7 @@ std::string Backup_Channel::keep_older(Backup_Item& item) {
     return std::string();
   Catalog_Object& older = *item.older;
   older.ordinal = item.ordinal;
-  older.flags = catalog::FLAG_OLDER;
+  older.flags |= catalog::FLAG_OLDER;
   const std::string date = POSIX_Time_To_ISO8601(older.mtime, "%Y-%m-%d %H:%M:%S").str();
   shared_.base->use(older);
   if (!shared_.catalog->add_object(older))
@@ -88,7 +100,11 @@ bool Backup_Channel::keep_same(Backup_Item& item) {
   Catalog_Object& known = *item.older;
   known.ordinal = item.ordinal;
   known.mtime = item.mtime;
-  known.flags = item.fresh ? catalog::FLAG_FRESH : 0;
+  if (knows_tags_of(item.attributes) && !knows_tags_of(known.attributes)) {
+    known.attributes = item.attributes;
+    known.flags |= catalog::FLAG_ASKED_LATER;
+  }
+  known.flags = (known.flags & catalog::FLAG_ASKED_LATER) | (item.fresh ? catalog::FLAG_FRESH : 0);
   shared_.base->use(known);
   if (shared_.catalog->add_object(known))
     shared_.account->unchanged();
@@ -131,12 +147,19 @@ bool Backup_Channel::is_cut_short(const Backup_Item& item) const {
 bool Backup_Channel::service_is_back(const std::optional<S3_Error>& reason) {
   if (!reason || !shared_.ledger || s3::blames(*reason) == s3::Blame::OBJECT)
     return false;
+  return was_away_since(shared_.ledger->service.outages());
+}
+
+/// Waits until it is known whether the service is there. True when it is, and was not at some moment since its outages
+/// were so many.
+bool Backup_Channel::was_away_since(unsigned long long outages) {
+  if (!shared_.ledger)
+    return false;
   const Service_Watch& service = shared_.ledger->service;
-  const unsigned long long before = service.outages();
   while (service.failing())
     if (!shared_.queue->wait_while_paused(SERVICE_CHECK))
       return false;
-  return service.outages() != before && !shared_.queue->stopped();
+  return service.outages() != outages && !shared_.queue->stopped();
 }
 
 /// After an outcome that is not DONE. Where the object is not to be read again it is accounted for.
@@ -187,6 +210,11 @@ void Backup_Channel::read() {
   IFile_Reader_var reader;
   std::vector<char> buffer;
   while (Backup_Item* item = shared_.queue->claim(number_)) {
+    if (item->known) {
+      ask(*item, reader);
+      shared_.queue->settle(number_, *item, Backup_Item::KEPT, 0);
+      continue;
+    }
     const Reading_Outcome outcome = fetch(*item, reader, buffer);
     if (buffer.capacity() > KEPT_BUFFER)
       std::vector<char>().swap(buffer);
@@ -197,6 +225,45 @@ void Backup_Channel::read() {
       shared_.queue->settle(number_, *item,
                             outcome == Reading_Outcome::ABANDONED ? Backup_Item::STREAM : Backup_Item::DROPPED, 0);
   }
+}
+
+/// Brings what belongs to an object up to date whose data are stored already.
+void Backup_Channel::ask(Backup_Item& item, IFile_Reader_var& reader) {
+  if (reader.null())
+    reader = shared_.callback->make_file_reader();
+  auto* const update = dynamic_cast<IFile_Attributes_Update*>(reader.get());
+  if (update == nullptr) {
+    item.not_had.emplace_back("what was asked for (no reader could be made)");
+    return;
+  }
+  File_Attributes attributes;
+  unsigned long long outages;
+  do {
+    outages = shared_.ledger ? shared_.ledger->service.outages() : 0;
+    attributes = item.known->attributes;
+    item.not_had.clear();
+    update->update(("/" + item.path()).c_str(), attributes, item.not_had);
+  } while (!item.not_had.empty() && was_away_since(outages));
+  if (attributes.common == item.known->attributes.common && attributes.own == item.known->attributes.own)
+    return;
+  item.known->attributes = std::move(attributes);
+  item.known->flags |= catalog::FLAG_ASKED_LATER;
+}
+
+bool Backup_Channel::keep(Backup_Item& item) {
+  if (is_cut_short(item))
+    return true;
+  if (!shared_.catalog->add_object(*item.known)) {
+    shared_.fail(E_WRITE_MEDIUM, shared_.catalog->error());
+    return false;
+  }
+  if (item.continued)
+    shared_.account->continued(item.known->size);
+  else
+    shared_.account->unchanged();
+  if (!item.not_had.empty())
+    shared_.account->incomplete(item.known->path, "The object is kept without all that belongs to it", item.not_had);
+  return true;
 }
 
 Reading_Outcome Backup_Channel::fetch(Backup_Item& item, IFile_Reader_var& reader, std::vector<char>& buffer) {
@@ -244,6 +311,8 @@ void Backup_Channel::write() {
       going = append(*item);
     else if (item->state == Backup_Item::STREAM)
       going = stream(*item, buffer);
+    else if (item->state == Backup_Item::KEPT)
+      going = keep(*item);
     shared_.queue->done(number_, std::move(item));
     if (!going)
       return;
@@ -298,6 +367,8 @@ bool Backup_Channel::record(const Backup_Item& item, const Stored_Object& stored
   shared_.account->saved(item.size, stored.stored);
   if (shared_.ledger && shared_.ledger->take_unasked_tags('/' + object.path))
     shared_.account->without_tags();
+  if (item.older && lost_access_list(item.older->attributes, item.attributes))
+    shared_.account->without_access_list();
   if (!item.not_had.empty())
     shared_.account->incomplete(object.path, "The object is saved without all that belongs to it", item.not_had);
   return true;

@@ -59,6 +59,8 @@ private:
   };
 
   Reading_Outcome fetch(Backup_Item& item, MTF::IFile_Reader_var& reader, std::vector<char>& buffer);
+  void ask(Backup_Item& item, MTF::IFile_Reader_var& reader);
+  bool keep(Backup_Item& item);
   bool append(Backup_Item& item);
   bool stream(Backup_Item& item, std::vector<char>& buffer);
   Reading_Outcome stream_once(Backup_Item& item, Object_Reading& reading, std::vector<char>& buffer,
@@ -71,6 +73,7 @@ private:
   bool keep_same(Backup_Item& item);
   bool fits(Backup_Item& item);
   bool is_cut_short(const Backup_Item& item) const;
+  bool was_away_since(unsigned long long outages);
   bool service_is_back(const std::optional<S3_Error>& reason);
   bool read_again(Backup_Item& item, Reading_Outcome outcome, const Object_Reading& reading, Tries& tries);
   /// Takes over what the answer that the open object comes from said about it.

@@ -16,6 +16,7 @@
 #include "sdk/base/clock.h"
 #include "sdk/base/time_format.h"
 #include "sdk/job/job.h"
+#include "sdk/mtf/attributes_update.h"
 
 #include <unistd.h>
 
@@ -345,7 +346,9 @@ void Backup_Engine::Impl::broken(const std::string& why) {
 }
 
 void Backup_Engine::Impl::list() {
+  const IFile_Reader_var asking = base || partial ? shared.callback->make_file_reader() : IFile_Reader_var();
   Backup_Listing listing(queue, *catalog, account, base.get(), partial.get(), *watch);
+  listing.update_by(dynamic_cast<IFile_Attributes_Update*>(asking.get()));
   int result = lister->generate([&](std::unique_ptr<Cat_Blk> block) {
     const bool taken = block && listing.take(*block);
     if (!taken)

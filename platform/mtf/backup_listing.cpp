@@ -1,5 +1,8 @@
 #include "platform/mtf/backup_listing.h"
 
+#include "platform/mtf/known_attributes.h"
+#include "sdk/mtf/attributes_update.h"
+
 #include <algorithm>
 #include <cerrno>
 
@@ -189,8 +192,7 @@ bool Backup_Listing::object(const Cat_Blk& block) {
   if (base_ != nullptr)
     switch (base_->match(name, size, mtime, known)) {
     case Backup_Base::Match::UNCHANGED:
-      account_.unchanged();
-      return keep();
+      return stored_already(known, false);
     case Backup_Base::Match::CHANGED:
       older = std::make_unique<Catalog_Object>(known);
       break;
@@ -202,8 +204,7 @@ bool Backup_Listing::object(const Cat_Blk& block) {
     return false;
   }
   if (partial_ != nullptr && partial_->find(name, size, mtime, known)) {
-    account_.continued(known.size);
-    return keep();
+    return stored_already(known, true);
   }
   if (partial_ != nullptr && !partial_->error().empty()) {
     error_ = partial_->error();
@@ -217,6 +218,26 @@ bool Backup_Listing::object(const Cat_Blk& block) {
   item->ordinal = ordinal_;
   item->older = std::move(older);
   return queue_.push(std::move(item));
+}
+
+/// The object's data need not be read.
+bool Backup_Listing::stored_already(Catalog_Object& object, bool continued) {
+  if (update_ != nullptr && update_->lacks(object.attributes)) {
+    auto item = std::make_unique<Backup_Item>();
+    item->folder = folder_;
+    item->name = object.path.substr(folder_->size());
+    item->ordinal = object.ordinal = ordinal_;
+    item->known = std::make_unique<Catalog_Object>(object);
+    item->continued = continued;
+    return queue_.push(std::move(item));
+  }
+  if (continued)
+    account_.continued(object.size);
+  else
+    account_.unchanged();
+  if (has_tags_not_saved(object.attributes))
+    account_.without_tags();
+  return keep();
 }
 
 /// Takes the object that has just been numbered into the folder's run.

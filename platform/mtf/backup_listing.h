@@ -14,6 +14,10 @@
 #include <unordered_set>
 #include <vector>
 
+namespace MTF {
+class IFile_Attributes_Update;
+}
+
 /// The event handler that a source lister gets: passes on what the lister says, takes it into the account, and answers
 /// that the run is being cancelled as soon as it has to end for whatever reason.
 class Listing_Events : public MTF::Event_Handler {
@@ -70,6 +74,9 @@ public:
   Backup_Listing(Backup_Queue& queue, Catalog_Writer& catalog, Run_Account& account, Backup_Base* base,
                  Partial_Sets* partial, Source_Watch& watch)
       : queue_(queue), catalog_(catalog), account_(account), base_(base), partial_(partial), watch_(watch) {}
+  /// Objects whose attributes lack something by its judgement go the way of those to be read, all but their content.
+  /// It outlives the listing; null: none does.
+  void update_by(MTF::IFile_Attributes_Update* update) { update_ = update; }
 
   /// False when the block makes no sense, the run is stopped, or the catalog failed.
   bool take(const MTF::Cat_Blk& block);
@@ -86,6 +93,7 @@ private:
   bool object(const MTF::Cat_Blk& block);
   void visit(const std::string& name);
   bool carry(Catalog_Object& object);
+  bool stored_already(Catalog_Object& object, bool continued);
   bool end_folder();
   bool keep();
   bool hand_over();
@@ -96,6 +104,7 @@ private:
   Backup_Base* const base_;
   Partial_Sets* const partial_;
   Source_Watch& watch_;
+  MTF::IFile_Attributes_Update* update_ = nullptr;
   std::shared_ptr<const std::string> folder_;
   Catalog_Visit visit_; ///< of `folder_`; `first` is 0 while it has no object
   std::string last_name_;

@@ -18,6 +18,7 @@ struct Backup_Item {
     READING, ///< a reader has it
     READY,   ///< `image` is whole
     STREAM,  ///< the channel's writer is to read it
+    KEPT,    ///< `known` is for the catalog
     DROPPED  ///< it could not be read or need not be, which is accounted for
   };
 
@@ -30,6 +31,8 @@ struct Backup_Item {
   long long mtime = 0;                   ///< the same
   MTF::File_Attributes attributes;       ///< what else belongs to it
   std::vector<std::string> not_had;      ///< of that, a text each
+  std::unique_ptr<Catalog_Object> known; ///< its data are stored: only attributes are asked for; null for all others
+  bool continued = false;                ///< of `known`: an unfinished run has stored them
   std::unique_ptr<Catalog_Object> older; ///< what the base has of it; null: nothing that could be kept
   std::string md5;                       ///< what the content must have, in hexadecimal; empty: not known
   bool fresh = false;                    ///< by the service's clock it was modified just before it was read

@@ -1,3 +1,4 @@
+#include "sdk/mtf/attributes_update.h"
 #include "sdk/mtf/backup_callback.h"
 #include "sdk/mtf/file_attributes.h"
 #include "sdk/mtf/file_replacement.h"
@@ -18,6 +19,8 @@ bool is_included(const char* path, bool is_dir, const IFilter* filter) {
 IFile_Reader::~IFile_Reader() = default;
 
 IFile_Attributes_Source::~IFile_Attributes_Source() = default;
+
+IFile_Attributes_Update::~IFile_Attributes_Update() = default;
 
 IFile_Attributes_Sink::~IFile_Attributes_Sink() = default;
 

@@ -205,8 +205,10 @@ bool Stored_Reading::open(const Media_Task& task) {
     error_ =
         "the medium holds " + std::to_string(head.size) + " bytes of it instead of " + std::to_string(object_->size);
   else {
-    attributes_problem_ = reader_->attributes_problem();
-    if (attributes_problem_.empty() && head.attributes.common.empty() && !object_->attributes.common.empty())
+    // What was asked for later is in the catalog alone.
+    const bool later = (object_->flags & catalog::FLAG_ASKED_LATER) != 0;
+    attributes_problem_ = later ? std::string() : reader_->attributes_problem();
+    if (!later && attributes_problem_.empty() && head.attributes.common.empty() && !object_->attributes.common.empty())
       attributes_problem_ = "its attributes are missing beside it";
     return true;
   }
@@ -215,7 +217,8 @@ bool Stored_Reading::open(const Media_Task& task) {
 }
 
 const MTF::File_Attributes& Stored_Reading::attributes() const {
-  return attributes_problem_.empty() ? reader_->head().attributes : object_->attributes;
+  const bool later = (object_->flags & catalog::FLAG_ASKED_LATER) != 0;
+  return attributes_problem_.empty() && !later ? reader_->head().attributes : object_->attributes;
 }
 
 Read_Outcome Stored_Reading::read(char* buffer, size_t size, size_t& got) {

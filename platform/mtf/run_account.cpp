@@ -193,6 +193,11 @@ Object Run_Account::figures(const S3_Ledger* ledger, Run_End end, double seconds
     const std::string count = std::to_string(without_tags_);
     remark(count + (without_tags_ == 1 ? " object has" : " objects have") + " tags that were not saved (--tags).");
   }
+  if (without_access_list_ != 0 && kept) {
+    const std::string count = std::to_string(without_access_list_);
+    remark(count + (without_access_list_ == 1 ? " changed object is" : " changed objects are") +
+           " saved without the access list, other than private, that the set before has (--acl).");
+  }
 
   Object result;
   result["listed"] = stopped ? listed - not_reached : listed;

@@ -49,6 +49,8 @@ public:
   void incomplete(const std::string& path, const std::string& message, const std::vector<std::string>& missing);
   /// An object that counts as saved has tags, and the run asks for none.
   void without_tags() { ++without_tags_; }
+  /// One is saved without its access list, which in the set before gave rights to others than the owner.
+  void without_access_list() { ++without_access_list_; }
   /// The lister could not hand out one object; it has told the event handler itself.
   void lister_skipped(unsigned long long count) {
     lister_skipped_ += count;
@@ -127,6 +129,7 @@ private:
   std::atomic<unsigned long long> problems_{0};
   std::atomic<unsigned long long> incomplete_{0};
   std::atomic<unsigned long long> without_tags_{0};
+  std::atomic<unsigned long long> without_access_list_{0};
   unsigned long long deleted_ = 0;  ///< of the base and listed no more
   unsigned long long listed_ = 0;   ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long excluded_ = 0; ///< by the filter

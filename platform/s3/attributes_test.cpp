@@ -90,6 +90,37 @@ TEST(attributes_text, nothing_known_is_no_text) {
   EXPECT_TRUE(a.parse("", "", error));
 }
 
+TEST(attributes_text, no_tags_and_tags_that_nobody_asked_for_are_told_apart) {
+  const auto back = [](const Object_Attributes& a) {
+    Object_Attributes b;
+    std::string error;
+    EXPECT_TRUE(b.parse(a.common_text(), a.own_text(), error)) << error;
+    return b;
+  };
+  Object_Attributes a;
+  EXPECT_FALSE(back(a).tags_known);
+  a.tag_count = 3;
+  EXPECT_FALSE(back(a).tags_known);
+  EXPECT_EQ(3, back(a).tag_count);
+  a.tag_count = 0;
+  EXPECT_EQ("", a.common_text());
+  a.tags_known = true;
+  EXPECT_TRUE(back(a).tags_known);
+  EXPECT_TRUE(back(a).tags.empty());
+  EXPECT_TRUE(back(full()).tags_known);
+}
+
+TEST(attributes_text, access_list_is_known_by_its_owner_and_shared_by_a_grant_to_another) {
+  Object_Attributes a;
+  EXPECT_FALSE(a.acl_known());
+  a.owner = "me";
+  EXPECT_TRUE(a.acl_known());
+  a.grants = {{"CanonicalUser", "me", "FULL_CONTROL"}};
+  EXPECT_FALSE(a.is_shared());
+  a.grants.push_back({"Group", "http://x/y", "READ"});
+  EXPECT_TRUE(a.is_shared());
+}
+
 TEST(attributes_text, every_byte_of_user_metadata_is_kept) {
   Object_Attributes a, b;
   for (int c = 1; c < 256; ++c)

@@ -3,6 +3,8 @@
 #include "platform/s3/answers.h"
 #include "sdk/json/json_spirit.h"
 
+#include <algorithm>
+
 using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::Value;
@@ -75,11 +77,19 @@ std::string Object_Attributes::content_md5() const {
   return hex ? digest : std::string();
 }
 
+bool Object_Attributes::is_shared() const {
+  return std::any_of(grants.begin(), grants.end(), [this](const Object_Grant& one) { return one.grantee != owner; });
+}
+
 std::string Object_Attributes::common_text() const {
   Object out;
   put(out, "headers", headers);
   put(out, "metadata", metadata);
   put(out, "tags", tags);
+  if (tags_known && tags.empty())
+    out["tags"] = Object();
+  if (!tags_known && tags.empty() && tag_count > 0)
+    out["tag_count"] = tag_count;
   put(out, "storage_class", storage_class);
   put(out, "lock_mode", lock_mode);
   put(out, "lock_until", lock_until);
@@ -123,6 +133,9 @@ bool Object_Attributes::parse(const std::string& common, const std::string& own,
     take(in, "headers", headers);
     take(in, "metadata", metadata);
     take(in, "tags", tags);
+    tags_known = json_spirit::find(in, "tags") != nullptr;
+    if (const Value* count = json_spirit::find(in, "tag_count"))
+      tag_count = count->get_int64();
     take(in, "storage_class", storage_class);
     take(in, "lock_mode", lock_mode);
     take(in, "lock_until", lock_until);

@@ -33,6 +33,7 @@ struct Object_Attributes {
   /// What users put there: names in lower case, without "x-amz-meta-".
   Named metadata;
   Named tags;
+  bool tags_known = false;   ///< there are these and no others; false: nobody asked
   std::string storage_class; ///< empty: the service's default
   std::string lock_mode;     ///< "GOVERNANCE" or "COMPLIANCE"
   std::string lock_until;    ///< ISO 8601, UTC
@@ -45,7 +46,7 @@ struct Object_Attributes {
   std::string etag;          ///< without quotes
   /// The parts that the object was stored in, in order; empty where it was not, or the service does not tell.
   std::vector<Part_Run> parts;
-  long long tag_count = -1; ///< as the answer said; -1: it did not
+  long long tag_count = -1; ///< as the answer said; -1: it did not. Of the texts below where nobody asked for the tags
   unsigned missing = 0;     ///< pieces of metadata that the service could not tell
   ACE_UINT64 size = 0;      ///< bytes of the object; not part of the texts below
 
@@ -54,6 +55,11 @@ struct Object_Attributes {
   /// The ETag in lower case where it has the form of an MD5, which it then is of the whole content with most services;
   /// else empty.
   std::string content_md5() const;
+
+  /// Whether there was an answer about the access list, which names its owner at least.
+  bool acl_known() const { return !owner.empty() || !grants.empty(); }
+  /// Whether the access list, which is known, gives rights to anybody but the owner.
+  bool is_shared() const;
 
   /// As two JSON objects: what many objects have alike, and what only this one has (ETag, checksums, layout of the
   /// parts). Empty texts where there is nothing to tell. Strings are bytes, also where they are no UTF-8.

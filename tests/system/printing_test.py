@@ -96,7 +96,7 @@ class Printing(harness.Scenario):
         self.assertIn(CODE_SHOWN, problems)
         head = r"^\S+ \S+ +\d+  "
         self.assert_objects(self.shown, self.say("ls", made, "-r").stdout, head + "(.*)$")
-        self.assert_objects(self.shown, self.say("ls", made, "-r", "--long").stdout, head + r".*? tags?  +(.*)$")
+        self.assert_objects(self.shown, self.say("ls", made, "-r", "--long").stdout, r" access .{9}  (.*)$")
         self.assert_objects(self.shown, self.say("find", "/data/**").stdout, r"  \d+  (/.*)$")
         self.assert_objects([name + " -> /target" + name[5:] for name in self.shown],
                             self.say("restore", made, "--map", "data=target", "--dry-run").stdout, r"  (/.* -> .*)$")

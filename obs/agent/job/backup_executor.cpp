@@ -201,7 +201,7 @@ MTF::IBackup_Callback_Factory_var OBS_Backup_Executor::make_factory(const json_s
     const Client_Entry client = client_entry(entry, def_->max_seconds_retry());
     std::unique_ptr<OBS_Backup_Callback_Factory> factory =
         std::make_unique<OBS_Backup_Callback_Factory>(client.url, client.options, opts_->list_cache_limits_);
-    factory->wishes({opts_->tags_, opts_->acl_});
+    factory->wishes({opts_->tags_, opts_->acl_, opts_->refresh_tags_});
     if (const json_spirit::Array* const buckets = configured_buckets(entry))
       factory->buckets(*buckets);
     return adopt<MTF::IBackup_Callback_Factory_var>(std::move(factory));

@@ -52,6 +52,7 @@ int OBS_Backup_Job_Options::generate(yajl_gen_t* gen) {
   write_number(gen, "list_cache_limits", list_cache_limits_);
   write_flag(gen, "tags", tags_);
   write_flag(gen, "acl", acl_);
+  write_flag(gen, "refresh_tags", refresh_tags_);
   yajl_gen_map_close(gen);
   return 0;
 }

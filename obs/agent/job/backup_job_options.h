@@ -25,4 +25,5 @@ public:
   ACE_UINT64 list_cache_limits_ = 0; ///< entries that a listing may hold ready; 0: not given
   bool tags_ = false;                ///< ask for the tags of each object
   bool acl_ = false;                 ///< ask for the access list of each object
+  bool refresh_tags_ = false;        ///< both also of objects of which they are known
 };

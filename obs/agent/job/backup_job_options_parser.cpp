@@ -16,7 +16,8 @@ enum Key : ACE_UINT64 {
   KEY_SCAN_FILE_THREADS = 0x80,
   KEY_LIST_CACHE_LIMITS = 0x100,
   KEY_TAGS = 0x200,
-  KEY_ACL = 0x400
+  KEY_ACL = 0x400,
+  KEY_REFRESH_TAGS = 0x800
 };
 
 } // namespace
@@ -32,6 +33,7 @@ const JSON_Key OBS_Backup_Job_Options_Parser::key_table_1[] = {
     {"list_cache_limits", 17, KEY_LIST_CACHE_LIMITS},
     {"tags", 4, KEY_TAGS},
     {"acl", 3, KEY_ACL},
+    {"refresh_tags", 12, KEY_REFRESH_TAGS},
     {"", 0, 0},
 };
 
@@ -49,6 +51,8 @@ bool OBS_Backup_Job_Options_Parser::handle_boolean_i(bool value) {
     options->tags_ = value;
   else if (top().key == KEY_ACL)
     options->acl_ = value;
+  else if (top().key == KEY_REFRESH_TAGS)
+    options->refresh_tags_ = value;
   return true;
 }
 
@@ -99,9 +103,10 @@ bool OBS_Backup_Job_Options_Parser::handle_level1_string(const char* text, unsig
   OBS_Backup_Job_Options* const options = record();
   switch (top().key) {
   case 0:
-  // Of another kind than they want, these two are skipped like a key that nobody knows.
+  // Of another kind than they want, these are skipped like a key that nobody knows.
   case KEY_TAGS:
   case KEY_ACL:
+  case KEY_REFRESH_TAGS:
     return true;
   case KEY_COMPRESSION:
     options->compression_ = compression_name_to_value(text, static_cast<int>(length));
@@ -124,6 +129,7 @@ bool OBS_Backup_Job_Options_Parser::handle_level2_string(const char* text, unsig
   case 0:
   case KEY_TAGS:
   case KEY_ACL:
+  case KEY_REFRESH_TAGS:
     return true;
   case KEY_EXCLUSION:
     options->exclusion_.emplace_back(text, length);

@@ -130,13 +130,13 @@ TEST(backup_job_options_parser, texts_of_an_object_belong_to_its_option) {
 }
 
 TEST(backup_job_options_parser, text_for_tags_or_acl_is_skipped_as_for_an_unknown_key) {
-  for (const char* name : {"unknown", "tags", "acl"}) {
+  for (const char* name : {"unknown", "tags", "acl", "refresh_tags"}) {
     for (const char* value : {R"("x")", R"(["x"])", R"({"a":"b"})", "5", "null", R"(["x",true])"}) {
       const std::string option = "\"" + std::string(name) + "\":" + value;
       const Backup_Options parsed("{" + option + ",\"channels\":2}");
       EXPECT_TRUE(parsed.accepted) << option << ": " << parsed.reason;
       EXPECT_EQ(0, parsed.parser.err()) << option;
-      EXPECT_FALSE(parsed.record().tags_ || parsed.record().acl_) << option;
+      EXPECT_FALSE(parsed.record().tags_ || parsed.record().acl_ || parsed.record().refresh_tags_) << option;
       EXPECT_EQ(2u, parsed.record().channels_) << option;
     }
     expect_error_9("{\"" + std::string(name) + "\":[1]}");

@@ -97,6 +97,52 @@ TEST_F(attributes_of_objects, object_that_counts_no_tags_is_not_asked_for_them) 
   EXPECT_EQ(1u, service_->asked.size());
 }
 
+TEST_F(attributes_of_objects, what_is_wished_for_and_not_known_is_lacking) {
+  const MTF::File_Attributes neither{R"({"headers":{"content-type":"a/b"}})", ""}, no_tags{R"({"tags":{}})", ""},
+      list{R"({"owner":"o"})", ""}, broken{"[", ""};
+  OBS_File_Reader nothing(service_), tags(service_, {true, false}), acl(service_, {false, true}),
+      fresh(service_, {true, false, true});
+  for (const MTF::File_Attributes& one : {neither, no_tags, list, broken})
+    EXPECT_FALSE(nothing.lacks(one)) << one.common;
+  EXPECT_TRUE(tags.lacks(neither));
+  EXPECT_FALSE(tags.lacks(no_tags));
+  EXPECT_TRUE(tags.lacks(list));
+  EXPECT_TRUE(tags.lacks(broken));
+  EXPECT_TRUE(acl.lacks(no_tags));
+  EXPECT_FALSE(acl.lacks(list));
+  EXPECT_TRUE(fresh.lacks(no_tags));
+  EXPECT_TRUE(service_->asked.empty());
+}
+
+TEST_F(attributes_of_objects, what_is_lacking_is_asked_for_and_the_rest_stays) {
+  OBS_File_Reader reader(service_, {true, true});
+  MTF::File_Attributes known{R"({"headers":{"content-type":"x/y"}})", R"({"etag":"old"})"};
+  reader.update("/b/k", known, problems_);
+  EXPECT_EQ((std::vector<std::string>{"tags b|k", "acl b|k"}), service_->asked);
+  EXPECT_NE(std::string::npos, known.common.find(R"("content-type":"x/y")")) << known.common;
+  EXPECT_NE(std::string::npos, known.common.find(R"("tags":{"t":"1"})")) << known.common;
+  EXPECT_NE(std::string::npos, known.common.find(R"("owner":"me")")) << known.common;
+  EXPECT_EQ(R"({"etag":"old"})", known.own);
+  EXPECT_TRUE(problems_.empty());
+  reader.update("/b/k", known, problems_);
+  EXPECT_EQ(2u, service_->asked.size());
+}
+
+TEST_F(attributes_of_objects, what_cannot_be_asked_for_stays_as_it_was_and_is_told) {
+  service_->fails = true;
+  OBS_File_Reader reader(service_, {true, true, true});
+  const MTF::File_Attributes before{R"({"tags":{"t":"0"}})", ""};
+  MTF::File_Attributes known = before, broken{"[", ""};
+  reader.update("/b/k", known, problems_);
+  EXPECT_EQ(before.common, known.common);
+  EXPECT_EQ((std::vector<std::string>{"its tags (AccessDenied: no)", "its access list (AccessDenied: no)"}), problems_);
+  problems_.clear();
+  reader.update("/b/k", broken, problems_);
+  EXPECT_EQ("[", broken.common);
+  ASSERT_EQ(1u, problems_.size());
+  EXPECT_NE(std::string::npos, problems_[0].find("damaged"));
+}
+
 TEST_F(attributes_of_objects, layout_of_parts_is_asked_for_multipart_etags_alone) {
   service_->told.etag = "0123-7";
   read({});
@@ -199,6 +245,12 @@ TEST(attribute_options, backup_options_are_read_and_written_when_set) {
   EXPECT_TRUE(both.record().tags_);
   EXPECT_TRUE(both.record().acl_);
   EXPECT_NE(std::string::npos, yajl_generate(both.record()).find(R"("tags":true,"acl":true)"));
+  EXPECT_FALSE(both.record().refresh_tags_);
+  Options fresh(R"({"refresh_tags":true})");
+  ASSERT_TRUE(fresh.accepted) << fresh.reason;
+  EXPECT_TRUE(fresh.record().refresh_tags_);
+  EXPECT_FALSE(fresh.record().tags_);
+  EXPECT_NE(std::string::npos, yajl_generate(fresh.record()).find(R"("refresh_tags":true)"));
   Options none(R"({"tags":false,"exclusion":[true],"x":{"tags":true}})");
   ASSERT_TRUE(none.accepted) << none.reason;
   EXPECT_FALSE(none.record().tags_);

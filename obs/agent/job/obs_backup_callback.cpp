@@ -178,12 +178,62 @@ void OBS_File_Reader::ask_extras(S3_Attribute_Service& service, Object_Attribute
   if (object.missing > 0)
     problems.push_back(std::to_string(object.missing) + " pieces of user metadata (the service cannot tell them)");
   // Where answers tell how many tags there are, objects without cost no request.
-  if (wishes_.tags && object.tag_count != 0 && !service.get_tags(bucket, key, object))
+  object.tags_known = wishes_.tags && (object.tag_count == 0 || service.get_tags(bucket, key, object));
+  if (wishes_.tags && !object.tags_known)
     failed("its tags");
   if (wishes_.acl && !service.get_acl(bucket, key, object))
     failed("its access list");
   if (object.part_count() != 0 && !service.get_parts(bucket, key, object))
     failed("the layout of its parts");
+}
+
+bool OBS_File_Reader::lacks(const MTF::File_Attributes& attributes) {
+  if ((!wishes_.tags && !wishes_.acl) || dynamic_cast<S3_Attribute_Service*>(svr_.get()) == nullptr)
+    return false;
+  try {
+    Object_Attributes object;
+    std::string error;
+    // What cannot be read is named by `update`.
+    return !object.parse(attributes.common, attributes.own, error) || lacks_tags(object) || lacks_acl(object);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
+  }
+}
+
+void OBS_File_Reader::update(const char* path, MTF::File_Attributes& attributes, std::vector<std::string>& problems) {
+  auto* const service = dynamic_cast<S3_Attribute_Service*>(svr_.get());
+  if (path == nullptr || *path == '\0' || service == nullptr)
+    return;
+  try {
+    const OBS_Path at(path, false);
+    Object_Attributes object;
+    std::string error;
+    if (!object.parse(attributes.common, attributes.own, error)) {
+      problems.push_back("its attributes (those in the set before are damaged: " + error + ")");
+      return;
+    }
+    Object_Attributes answer;
+    const auto failed = [&](const char* what) {
+      problems.push_back(std::string(what) + " (" + svr_->last_error().text() + ")");
+    };
+    if (lacks_tags(object) && service->get_tags(at.bucket_.c_str(), at.object_.c_str(), answer)) {
+      object.tags = answer.tags;
+      object.tags_known = true;
+    } else if (lacks_tags(object)) {
+      failed("its tags");
+    }
+    if (lacks_acl(object) && service->get_acl(at.bucket_.c_str(), at.object_.c_str(), answer)) {
+      object.owner = answer.owner;
+      object.grants = answer.grants;
+    } else if (lacks_acl(object)) {
+      failed("its access list");
+    }
+    attributes.common = object.common_text();
+    attributes.own = object.own_text();
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+  }
 }
 
 bool OBS_Backup_Callback::connect(const URI& uri, const S3_Client_Options& opts) {

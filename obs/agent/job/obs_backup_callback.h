@@ -1,8 +1,8 @@
 #pragma once
 
 #include "sdk/base/uri.h"
+#include "sdk/mtf/attributes_update.h"
 #include "sdk/mtf/backup_callback.h"
-#include "sdk/mtf/file_attributes.h"
 #include "sdk/s3/object_attributes.h"
 
 #include <list>
@@ -20,12 +20,15 @@ void add_source(std::list<std::string>& sources, const std::string& path);
 struct Object_Wishes {
   bool tags = false;
   bool acl = false;
+  bool refresh = false; ///< also about objects of which it is known
 };
 
 /// Reads objects for a backup, one after the other. A connection that breaks in the middle of a body is taken up again
 /// by the next `read`, from the byte where it broke. One thread at a time; the client that made its service outlives
 /// it.
-class OBS_File_Reader : public MTF::IFile_Reader, public MTF::IFile_Attributes_Source {
+class OBS_File_Reader : public MTF::IFile_Reader,
+                        public MTF::IFile_Attributes_Source,
+                        public MTF::IFile_Attributes_Update {
 public:
   explicit OBS_File_Reader(std::shared_ptr<S3_Service_Base> svr, const Object_Wishes& wishes = {})
       : svr_(std::move(svr)), wishes_(wishes) {}
@@ -40,8 +43,17 @@ public:
   bool handle_file_blk(MTF::File_Blk& blk, unsigned long long& size, MTF::Callback_Stat& stat) override;
   /// What the answer told, and what was wished for besides. Nothing where the service cannot tell attributes.
   void attributes(MTF::File_Attributes& attributes, std::vector<std::string>& problems) override;
+  /// True when tags or access list are wished for and not known, or to be asked for in any case.
+  bool lacks(const MTF::File_Attributes& attributes) override;
+  void update(const char* path, MTF::File_Attributes& attributes, std::vector<std::string>& problems) override;
 
 private:
+  bool lacks_tags(const Object_Attributes& object) const {
+    return wishes_.tags && (wishes_.refresh || !object.tags_known);
+  }
+  bool lacks_acl(const Object_Attributes& object) const {
+    return wishes_.acl && (wishes_.refresh || !object.acl_known());
+  }
   void ask_extras(S3_Attribute_Service& service, Object_Attributes& object, std::vector<std::string>& problems);
   bool open_i();
   bool fits() const;
