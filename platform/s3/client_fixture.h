@@ -39,6 +39,7 @@ public:
     lock.lock();
   }
   void now(time_t time) { now_ = time; }
+  void pass(unsigned microseconds) { passed_ += microseconds; }
   unsigned long long slept() const { return passed_ / 1000000; } ///< whole seconds
   unsigned sleeps() const { return sleeps_; }
 
