@@ -80,7 +80,8 @@ JSON_RPC_Channel& Context::rpc() {
 void Context::lock_state() {
   store();
   std::string error;
-  std::shared_ptr<Process_Lock> lock = Process_Lock::acquire(state_folder, "the state folder " + state_folder, error);
+  const std::string what = "the state folder " + state_folder;
+  std::shared_ptr<Process_Lock> lock = Process_Lock::acquire(state_folder, what, error, Lock_Rank::STATE);
   if (!lock)
     throw Command_Error(error);
   locks_.push_back(std::move(lock));
@@ -128,9 +129,13 @@ std::vector<std::string> Context::reconcile() {
   if (!store().pools(pools, error))
     throw Command_Error(error);
   std::vector<std::string> warnings;
-  for (const Pool_Entry& pool : pools)
-    if (!reconcile_sets(store(), pool.uuid, std::string(), error))
+  for (const Pool_Entry& pool : pools) {
+    std::vector<std::string> problems;
+    if (!reconcile_sets(store(), pool.uuid, std::string(), error, &problems))
       warnings.push_back("the sets of pool '" + pool.name + "' are listed as they were last known: " + error);
+    for (const std::string& problem : problems)
+      warnings.push_back("pool '" + pool.name + "': " + problem);
+  }
   return warnings;
 }
 

@@ -16,8 +16,10 @@ struct Retention_Rules {
   long long within = 0;          ///< seconds before the newest set that counts
   bool count_incomplete = false; ///< sets that are known not to be whole count as well; no rule by itself
 
-  bool any() const {
-    return last != 0 || hourly != 0 || daily != 0 || weekly != 0 || monthly != 0 || yearly != 0 || within != 0;
+  bool any() const { return last != 0 || by_time(); }
+  /// Whether a rule looks at the times of sets.
+  bool by_time() const {
+    return hourly != 0 || daily != 0 || weekly != 0 || monthly != 0 || yearly != 0 || within != 0;
   }
 };
 

@@ -2,13 +2,17 @@
 #include "agent/retention.h"
 #include "agent/set_outcome.h"
 
+#include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/merge.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/pool/pool_files.h"
+#include "platform/pool/pool_roll.h"
 #include "platform/pool/set_guard.h"
 #include "platform/pool/set_lock.h"
+#include "platform/pool/set_order.h"
+#include "sdk/base/clock.h"
 
 #include <CLI/CLI.hpp>
 
@@ -30,6 +34,7 @@ struct Forget_Arguments {
   Retention_Rules rules;
   std::string within;
   bool dry_run = false;
+  bool trust_clock = false;
 };
 
 /// A set in its pool, with what decides about it.
@@ -40,12 +45,6 @@ struct Candidate {
   std::vector<std::string> reasons; ///< why it stays; empty: it goes
   Set_Guard guard;                  ///< held on what goes
 };
-
-long long seconds_of(const std::string& text) {
-  struct tm parts = {};
-  const char* const end = ::strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
-  return end != nullptr && *end == '\0' ? static_cast<long long>(::timegm(&parts)) : -1;
-}
 
 /// The folder "HOST/RESOURCE" of a set.
 std::string place_of(const std::string& uri) {
@@ -78,12 +77,20 @@ public:
     for (const std::string& place : groups)
       apply_rules(place);
     keep_needed();
+    if (check_catalogs())
+      keep_needed();
     if (!arguments_.dry_run)
       keep_read();
+    if (!arguments_.dry_run)
+      announce();
     for (const std::string& place : groups)
       finish(place);
     if (!arguments_.dry_run)
       reclaim(groups);
+    std::string error;
+    if (!arguments_.dry_run && !settle_removals(pool_, going_, error))
+      problems.push_back("pool '" + entry_.name + "': its roll of sets could not be written: " + error +
+                         ". Where \"sets\" names what was removed as taken away, \"pool trust\" ends that");
   }
 
   json_spirit::Array groups;
@@ -107,8 +114,8 @@ private:
     std::vector<Set_Record> found = pool_.sets(std::string(), bad);
     if (!bad.empty())
       throw Command_Error("pool '" + entry_.name +
-                          "': nothing is forgotten while a set's record cannot be read, since " +
-                          "its data may lie in others: " + bad.front());
+                          "': nothing is forgotten while the record of a set is in doubt, since its data " +
+                          "may lie in others: " + bad.front());
     return found;
   }
 
@@ -116,16 +123,17 @@ private:
     for (const std::string& place : places) {
       std::string error;
       locks_.emplace_back();
-      if (!locks_.back().acquire(pool_.set_folder(place), true, error))
+      if (!pool_.lock_place(place, locks_.back(), error))
         throw Command_Error("pool '" + entry_.name + "': " + error);
     }
   }
 
   void end_merges(const std::vector<std::string>& places) {
-    for (const std::string& place : places) {
+    for (size_t i = 0; i < places.size(); ++i) {
+      const std::string& place = places[i];
       std::string error;
       std::vector<std::string> busy;
-      if (!finish_merges(pool_, place, busy, error))
+      if (!finish_merges(pool_, place, busy, error, &locks_[i]))
         problems.push_back("a merge that was cut short cannot be ended: " + error);
       for (const Set_Record& record : pool_.replaced_sets(place))
         replaced_.insert(record.uuid);
@@ -166,6 +174,45 @@ private:
     return false;
   }
 
+  /// What is wrong with the times of these sets; empty where nothing is, or where the operator trusts them.
+  std::string wrong_clock(const std::vector<Candidate*>& group) const {
+    if (arguments_.trust_clock)
+      return std::string();
+    std::vector<Set_In_Order> sets;
+    for (const Candidate* one : group)
+      sets.push_back({one->record.uuid, one->record.bases, one->record.seq, one->record.start_time});
+    const std::vector<std::string> wrong = time_problems(sets, Clock::instance().now());
+    for (size_t i = 0; i < wrong.size(); ++i)
+      if (!wrong[i].empty())
+        return "set " + sets[i].uuid + ": " + wrong[i];
+    return std::string();
+  }
+
+  /// Which sets are the newest is told by chain and numbers: they come in that order.
+  void keep_last(std::vector<Retention_Set>& sets) const {
+    Retention_Rules rules;
+    rules.last = arguments_.rules.last;
+    rules.count_incomplete = arguments_.rules.count_incomplete;
+    std::vector<Retention_Set> ordered = sets;
+    for (size_t i = 0; i < ordered.size(); ++i)
+      ordered[i].time = static_cast<long long>(i);
+    if (rules.any())
+      apply_retention(rules, ordered);
+    for (size_t i = 0; i < sets.size(); ++i)
+      sets[i].reasons = ordered[i].reasons;
+  }
+
+  void keep_by_time(std::vector<Retention_Set>& sets) const {
+    Retention_Rules rules = arguments_.rules;
+    rules.last = 0;
+    std::vector<Retention_Set> timed = sets;
+    apply_retention(rules, timed);
+    for (size_t i = 0; i < sets.size(); ++i)
+      for (const std::string& reason : timed[i].reasons)
+        if (std::count(sets[i].reasons.begin(), sets[i].reasons.end(), reason) == 0)
+          sets[i].reasons.push_back(reason);
+  }
+
   void apply_rules(const std::string& place) {
     std::vector<Candidate*> group;
     std::vector<Retention_Set> sets;
@@ -174,17 +221,34 @@ private:
         group.push_back(&one);
         Retention_Set set;
         set.uuid = one.record.uuid;
-        set.time = seconds_of(one.record.start_time);
+        set.time = set_time(one.record.start_time);
         set.missing = one.record.missing();
         sets.push_back(set);
       }
-    apply_retention(arguments_.rules, sets);
+    const std::string wrong = wrong_clock(group);
+    const bool told =
+        std::is_sorted(sets.begin(), sets.end(),
+                       [](const Retention_Set& one, const Retention_Set& other) { return one.time < other.time; });
+    // Where clocks say the same as chain and numbers, all rules go by them.
+    const bool clocks = wrong.empty() && told;
+    if (clocks)
+      apply_retention(arguments_.rules, sets);
+    else
+      keep_last(sets);
+    if (!wrong.empty() && arguments_.rules.by_time()) {
+      problems.push_back("the sets at " + pool_.set_folder(place) + " all stay: " + wrong +
+                         ", and a rule is to decide by such times; --trust-clock lets it");
+      for (Retention_Set& set : sets)
+        set.reasons.push_back("a clock was wrong");
+    } else if (!clocks && arguments_.rules.by_time()) {
+      keep_by_time(sets);
+    }
     const bool busy = busy_.count(place) != 0;
     const bool damaged = std::any_of(group.begin(), group.end(), [](const Candidate* one) { return !one->readable; });
     for (size_t i = 0; i < group.size(); ++i) {
       decided_.insert(group[i]->record.uuid);
       group[i]->reasons = sets[i].reasons;
-      if (sets[i].time < 0)
+      if (wrong.empty() && sets[i].time < 0)
         group[i]->reasons.push_back("its time cannot be read");
       if (busy)
         group[i]->reasons.push_back("a backup is running");
@@ -197,6 +261,33 @@ private:
       else if (damaged)
         group[i]->reasons.push_back("its catalog cannot be read");
     }
+  }
+
+  /// Whether a set may go is said by the catalogs of those that stay, so these must be what they were when they were
+  /// written. Beside a damaged one nothing goes. True when there is any.
+  bool check_catalogs() {
+    std::set<std::string> going, damaged; // places
+    for (const Candidate& one : sets_)
+      if (one.reasons.empty())
+        going.insert(place_of(one.record.uri));
+    for (Candidate& one : sets_) {
+      std::string error;
+      bool none = false;
+      if (!one.readable || going.count(place_of(one.record.uri)) == 0)
+        continue;
+      // It was opened before: only what has no check needs that once more.
+      if (check_catalog_sum(pool_.set_folder(one.record.uri), error, &none) &&
+          (!none || open_checked_catalog(pool_, one.record, error)))
+        continue;
+      one.readable = false;
+      one.reasons.push_back("its catalog is damaged");
+      problems.push_back("set " + one.record.uuid + ": " + error);
+      damaged.insert(place_of(one.record.uri));
+    }
+    for (Candidate& one : sets_)
+      if (damaged.count(place_of(one.record.uri)) != 0 && one.readable && decided_.count(one.record.uuid) != 0)
+        one.reasons.push_back("a catalog beside it is damaged");
+    return !damaged.empty();
   }
 
   /// A set that stays because another one points into it is a set like any other: what it points into stays as well.
@@ -234,6 +325,16 @@ private:
         settled = false;
       }
     }
+  }
+
+  /// What goes is taken off the pool's roll, which has to say so before.
+  void announce() {
+    for (const Candidate& one : sets_)
+      if (one.reasons.empty())
+        going_.push_back(one.record.uuid);
+    std::string error;
+    if (!announce_removals(pool_, going_, error))
+      throw Command_Error("pool '" + entry_.name + "': nothing is forgotten: " + error);
   }
 
   /// What unfinished runs left and only removed sets pointed into goes with them.
@@ -323,12 +424,13 @@ private:
   const Pool_Entry entry_;
   const Forget_Arguments& arguments_;
   Pool pool_;
-  std::vector<Set_Lock> locks_;
+  std::vector<Set_Lock> locks_;          ///< by place
   std::set<std::string> busy_;           ///< places where a run is under way
   std::vector<Candidate> sets_;          ///< oldest first
   std::set<std::string> replaced_;       ///< by merged sets, and not dropped yet
   std::set<std::string> orphans_;        ///< what removed sets pointed into
   std::set<const Candidate*> looked_at_; ///< what those point into stays
+  std::vector<std::string> going_;       ///< uuids of the sets that go
   std::set<std::string> decided_;        ///< uuids of the sets that the rules were applied to
 };
 
@@ -410,5 +512,7 @@ void add_forget_command(CLI::App& app, Context& context) {
                     "newer than any whole set");
   command->add_flag("--dry-run", arguments->dry_run,
                     "Remove nothing: list what would be removed and what would be kept, and why");
+  command->add_flag("--trust-clock", arguments->trust_clock,
+                    "Decide by the times of sets also where a clock was wrong when they were made");
   command->callback([&context, arguments] { forget(context, *arguments); });
 }

@@ -63,7 +63,7 @@ void merge(Context& context, const std::vector<std::string>& names) {
   for (const std::string& folder : {merging.substr(0, merging.rfind('/')), merging})
     if (!make_pool_folder(folder) && errno != EEXIST)
       throw Command_Error("cannot make folder " + folder + ": " + pool_file_error(errno));
-  Set_Lock merge_lock;
+  Set_Lock merge_lock(Lock_Rank::MERGE);
   std::string error;
   if (!merge_lock.acquire(merging, false, error))
     throw Command_Error("the sets cannot be merged: " + error);

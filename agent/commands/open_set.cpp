@@ -11,6 +11,8 @@ std::string open_set(Context& context, const Set& set, Pool& pool, Set_Record& r
   std::string error;
   if (!read_set_record(folder, record, error))
     throw Command_Error("set " + set.uuid + ": " + error);
+  if (record.uuid != set.uuid)
+    throw Command_Error("set " + set.uuid + ": in " + folder + " lies another set (" + record.uuid + ")");
   // Where it lies counts, not where it was written.
   record.uri = set.uri;
   return folder;

@@ -2,7 +2,9 @@
 #include "agent/prompt.h"
 
 #include "platform/file_backup/set_catalog.h"
+#include "platform/pool/known_pool.h"
 #include "platform/pool/pool_place.h"
+#include "platform/pool/pool_roll.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/job/job_definition.h"
 
@@ -130,7 +132,7 @@ void add(Context& context, const Pool_Arguments& arguments) {
   const Pool pool = take_pool(context, arguments, made);
   entry.uuid = pool.uuid();
   entry.encrypt = pool.encrypted();
-  if (!store.add_pool(entry, error))
+  if (!store.add_pool(entry, error) || !check_known_pool(pool, error))
     throw Command_Error(error);
   if (!reconcile_sets(store, entry.uuid, std::string(), error))
     throw Command_Error("pool '" + name + "' is added, but its sets cannot be taken up: " + error);
@@ -167,6 +169,8 @@ void show(Context& context, const std::string& name) {
   const Pool pool = context.open_pool(entry);
   std::vector<std::string> errors;
   const std::vector<Set_Record> sets = pool.sets(std::string(), errors);
+  for (std::string& away : sets_taken_away(pool))
+    errors.push_back(std::move(away));
   unsigned long long stored = 0;
   for (const Set_Record& set : sets)
     stored += set.backup_set_storage_size;
@@ -178,7 +182,7 @@ void show(Context& context, const std::string& name) {
   json_spirit::Array problems;
   for (const std::string& error : errors) {
     problems.push_back(error);
-    text.add("not readable: " + error);
+    text.add("problem: " + error);
   }
   json["problems"] = problems;
   context.print(json, text);
@@ -219,7 +223,8 @@ void remove(Context& context, const std::string& name) {
     if (!store.remove_set(set.uuid, error))
       throw Command_Error(error);
   }
-  if (!store.remove_pool(entry.uuid, error) || (entry.encrypt && !forget_pool_key(store, entry.uuid, error)))
+  if (!store.remove_pool(entry.uuid, error) || !forget_known_pool(store, entry.uuid, error) ||
+      !forget_known_roll(store, entry.uuid, error) || (entry.encrypt && !forget_pool_key(store, entry.uuid, error)))
     throw Command_Error(error);
   json_spirit::Object json = pool_json(entry);
   json["sets"] = online;
@@ -240,6 +245,22 @@ void unlock(Context& context, const Pool_Arguments& arguments) {
   if (!keep_pool_key(context.store(), pool.uuid(), key, error))
     throw Command_Error("the pool's key cannot be kept: " + error);
   context.print(pool_json(entry), "pool '" + entry.name + "' can be used");
+}
+
+/// An operator has seen what is in the pool and takes it for what should be there.
+void trust(Context& context, const std::string& name) {
+  const Pool_Entry entry = context.pool_entry(name);
+  context.lock_state();
+  const Pool pool = context.open_pool(entry);
+  context.lock_pool(pool);
+  std::string error;
+  if (!trust_pool(pool, error))
+    throw Command_Error("pool '" + entry.name + "' cannot be trusted as it is: " + error);
+  std::vector<std::string> errors;
+  const size_t count = pool.sets(std::string(), errors).size();
+  json_spirit::Object json = pool_json(entry);
+  json["sets"] = static_cast<unsigned long long>(count);
+  context.print(json, "pool '" + entry.name + "' is taken as it is now, with " + std::to_string(count) + " sets");
 }
 
 void rekey(Context& context, const Pool_Arguments& arguments) {
@@ -308,6 +329,11 @@ void add_pool_commands(CLI::App& app, Context& context) {
   rekey_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
   add_secret(rekey_command);
   rekey_command->callback([&context, arguments] { rekey(context, *arguments); });
+
+  CLI::App* trust_command = pool->add_subcommand(
+      "trust", "Take what is in a pool now for what should be there, after sets were put there, back or away by hand");
+  trust_command->add_option("name", arguments->name, "Pool")->required()->type_name("NAME");
+  trust_command->callback([&context, arguments] { trust(context, arguments->name); });
 
   pool->add_subcommand("list", "List the pools")->callback([&context] { list(context); });
 

@@ -2,6 +2,8 @@
 #include "agent/commands/open_set.h"
 #include "agent/set_outcome.h"
 
+#include "platform/pool/set_order.h"
+#include "sdk/base/clock.h"
 #include "sdk/s3/object_attributes.h"
 
 #include <CLI/CLI.hpp>
@@ -68,6 +70,19 @@ std::string set_line(const Set& set, const Names& names) {
   return line;
 }
 
+/// What is wrong with start times, by the uuids of the sets.
+std::map<std::string, std::string> wrong_times(const std::vector<Set>& sets) {
+  std::vector<Set_In_Order> all;
+  for (const Set& set : sets)
+    all.push_back({set.uuid, set.bases, set.seq, set.start_time});
+  const std::vector<std::string> problems = time_problems(all, Clock::instance().now());
+  std::map<std::string, std::string> wrong;
+  for (size_t i = 0; i < all.size(); ++i)
+    if (!problems[i].empty())
+      wrong[all[i].uuid] = problems[i];
+  return wrong;
+}
+
 void list_sets(Context& context, const std::string& account_name) {
   const std::string account_uuid = account_name.empty() ? std::string() : context.account(account_name).uuid;
   for (const std::string& warning : context.reconcile())
@@ -77,11 +92,18 @@ void list_sets(Context& context, const std::string& account_name) {
   if (!context.store().sets(std::string(), account_uuid, std::string(), false, sets, error))
     throw Command_Error(error);
   const Names names(context.store());
+  const std::map<std::string, std::string> wrong = wrong_times(sets);
   json_spirit::Array array;
   Lines text;
   for (const Set& set : sets) {
-    array.push_back(set_json(set, names));
+    json_spirit::Object one = set_json(set, names);
+    const auto found = wrong.find(set.uuid);
+    if (found != wrong.end())
+      one["time_problem"] = found->second;
+    array.push_back(std::move(one));
     text.add(set_line(set, names));
+    if (found != wrong.end())
+      text.add("    " + found->second);
   }
   json_spirit::Object json;
   json["sets"] = array;

@@ -5,6 +5,7 @@
 #include "platform/mtf/medium_test_support.h"
 #include "platform/mtf/set_copy.h"
 #include "platform/pool/set_record.h"
+#include "platform/pool/set_roll.h"
 
 #include <sqlite3.h>
 
@@ -197,6 +198,19 @@ void records() {
   save(folder + "least", json_spirit::write(Set_Record().to_json()));
 }
 
+void rolls() {
+  const std::string folder = root + "/set_roll/";
+  fs::create_directories(folder);
+  Set_Roll roll;
+  save(folder + "least", roll.text("pool", nullptr));
+  roll.generation = ~0ull;
+  roll.doubt = "why";
+  roll.sets["a"] = {"h/r/a", 1, "0123", "", false};
+  roll.sets["b"] = {"h/r/b", 65535, "0123", "4567", false};
+  roll.sets["c"] = {"h/r/c", 2, "89ab", "", true};
+  save(folder + "full", roll.text("pool", nullptr));
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -208,6 +222,7 @@ int main(int argc, char** argv) {
   media();
   torn_media();
   records();
+  rolls();
   if (!catalogs()) {
     std::fputs("fuzz_seeds: no catalog could be made\n", stderr);
     return 1;

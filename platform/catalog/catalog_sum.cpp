@@ -77,11 +77,14 @@ bool write_catalog_sum(const std::string& folder, std::string& error) {
   return sum_of(folder + "/" + catalog::FILE_NAME, sum, error) && write_durable_file(folder, SUM_NAME, sum, error);
 }
 
-bool check_catalog_sum(const std::string& folder, std::string& error) {
+bool check_catalog_sum(const std::string& folder, std::string& error, bool* none) {
   const std::string path = folder + "/" + SUM_NAME;
   std::string known, now, sum;
   bool missing = false;
-  if (!read_small_file(path, MAX_SUM, known, error, missing))
+  const bool there = read_small_file(path, MAX_SUM, known, error, missing);
+  if (none != nullptr)
+    *none = missing;
+  if (!there)
     return missing;
   if (!sum_of(folder + "/" + catalog::FILE_NAME, sum, error))
     return false;

@@ -11,6 +11,6 @@
 bool install_catalog(const std::string& work, const std::string& folder, std::string& error);
 /// Makes the check of the catalog in `folder`, durably. False with the reason.
 bool write_catalog_sum(const std::string& folder, std::string& error);
-/// Reads the catalog in `folder` and compares it with its check, where there is one. False with the reason: they
-/// differ, or cannot be read.
-bool check_catalog_sum(const std::string& folder, std::string& error);
+/// Reads the catalog in `folder` and compares it with its check, where there is one; `missing`, when given, tells that
+/// there is none. False with the reason: they differ, or cannot be read.
+bool check_catalog_sum(const std::string& folder, std::string& error, bool* missing = nullptr);

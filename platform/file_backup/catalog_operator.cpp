@@ -1,6 +1,7 @@
 #include "platform/file_backup/set_catalog.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/pool/pool_files.h"
+#include "platform/pool/pool_roll.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/file_backup/file_backup.h"
 
@@ -100,7 +101,7 @@ bool commit_i(const file_backup::File_Backup_Set& set, bool online, std::string&
   if (!open_set_cipher(pool, record.uuid, set.metadata.data_key, cipher, error) || !seal_record(cipher, record, error))
     return false;
   const std::string folder = pool.set_folder(record.uri);
-  if (!media_are_there(folder, record.media, error) || !write_set_record(folder, record, error))
+  if (!media_are_there(folder, record.media, error) || !commit_set_record(pool, record, error))
     return false;
   Set row = set_from_record(record, pool_uuid);
   row.state = online ? Set::STATE_ONLINE : "offline";

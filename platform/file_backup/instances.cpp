@@ -41,7 +41,7 @@ bool choose_set(Store& store, const std::string& pool_uuid, const std::string& w
   for (const Set& set : sets) {
     Set_Record record;
     std::string ignored;
-    if (read_set_record(pool.set_folder(set.uri), record, ignored) &&
+    if (read_set_record(pool.set_folder(set.uri), record, ignored) && record.uuid == set.uuid &&
         std::find(record.replaces.begin(), record.replaces.end(), wanted) != record.replaces.end())
       chosen = &set;
   }
@@ -88,7 +88,7 @@ bool is_merging(const std::string& location, const std::string& pool_uuid, const
   struct stat status;
   if (folder.empty() || !find_pool_file(folder, status))
     return false;
-  Set_Lock probe;
+  Set_Lock probe(Lock_Rank::MERGE);
   bool busy = false;
   return !probe.acquire(folder, false, error, &busy) && busy;
 }

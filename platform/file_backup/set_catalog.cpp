@@ -1,5 +1,7 @@
 #include "platform/file_backup/set_catalog.h"
 
+#include "platform/pool/pool_roll.h"
+
 #include <ace/Log_Msg.h>
 
 #include <algorithm>
@@ -83,7 +85,7 @@ bool open_known_pool(Store& store, const std::string& pool_uuid, Pool& pool, std
 }
 
 bool reconcile_sets(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
-                    std::string& error) {
+                    std::string& error, std::vector<std::string>* problems) {
   Pool pool;
   std::string prefix;
   std::vector<Set> rows;
@@ -121,7 +123,12 @@ bool reconcile_sets(Store& store, const std::string& pool_uuid, const std::strin
       known.erase(row);
   }
   for (const std::string& message : bad)
-    ACE_ERROR((LM_WARNING, ACE_TEXT("A set's record cannot be read: %C.\n"), message.c_str()));
+    ACE_ERROR((LM_WARNING, ACE_TEXT("Something is wrong with a pool's sets: %C.\n"), message.c_str()));
+  if (problems != nullptr) {
+    *problems = bad;
+    for (std::string& away : sets_taken_away(pool))
+      problems->push_back(std::move(away));
+  }
 
   for (const auto& [uuid, row] : known) {
     if (replaced.count(uuid) != 0) {
@@ -135,9 +142,14 @@ bool reconcile_sets(Store& store, const std::string& pool_uuid, const std::strin
     Set_Record record;
     std::string why;
     bool missing = false;
-    if (read_set_record(pool.set_folder(row->uri), record, why, &missing) || !missing)
+    const bool there = read_set_record(pool.set_folder(row->uri), record, why, &missing);
+    if (there ? record.uuid == uuid : !missing)
       continue;
-    ACE_ERROR((LM_WARNING, ACE_TEXT("Set %C is no longer in its pool.\n"), uuid.c_str()));
+    if (there)
+      ACE_ERROR((LM_WARNING, ACE_TEXT("Set %C is no longer in its pool: in %C lies another set, %C.\n"), uuid.c_str(),
+                 pool.set_folder(row->uri).c_str(), record.uuid.c_str()));
+    else
+      ACE_ERROR((LM_WARNING, ACE_TEXT("Set %C is no longer in its pool.\n"), uuid.c_str()));
     if (!store.set_state(uuid, Set::STATE_GONE, error))
       return false;
   }

@@ -20,6 +20,6 @@ bool numbers_in_use(Store& store, const std::string& pool_uuid, const std::strin
 /// Makes the store agree with what lies in a pool, for one resource or, when `minor_resource_id` is empty, for all: a
 /// set without row is taken up, a row whose set's record is no longer there is marked gone, one that came back is
 /// online again. A record that cannot be read changes nothing and is logged. False with the reason when the pool or
-/// the store cannot be read or written.
+/// the store cannot be read or written. `problems`, when given, gets what is wrong with the pool's sets and its roll.
 bool reconcile_sets(Store& store, const std::string& pool_uuid, const std::string& minor_resource_id,
-                    std::string& error);
+                    std::string& error, std::vector<std::string>* problems = nullptr);

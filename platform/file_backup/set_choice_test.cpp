@@ -1,4 +1,5 @@
 #include "platform/file_backup/test_agent.h"
+#include "platform/pool/pool_roll.h"
 #include "platform/store/database.h"
 #include "sdk/job/job.h"
 #include "testing/module/log_sink.h"
@@ -33,7 +34,7 @@ protected:
     Set_Record record;
     ASSERT_TRUE(read_set_record(folder, record, error_)) << error_;
     how(record);
-    ASSERT_TRUE(write_set_record(folder, record, error_)) << error_;
+    ASSERT_TRUE(commit_set_record(pool_, record, error_)) << error_;
   }
   /// The name of the folder that is found for a job which names that set; empty when none is.
   std::string found_for(const std::string& set_uuid, unsigned seq) {

@@ -1,6 +1,7 @@
 #include "platform/mtf/backup_base.h"
 
 #include "platform/catalog/open_catalog.h"
+#include "platform/mtf/catalog_rebuild.h"
 #include "platform/mtf/media_feed.h"
 
 #include <algorithm>
@@ -34,6 +35,13 @@ std::string Backup_Base::chain_of(const Pool& pool, const std::string& place, un
   return find_record(pool, place, seq, uuid, record) ? record.incarnation : std::string();
 }
 
+bool Backup_Base::mend(const Pool& pool, const std::string& place, unsigned seq, const std::string& uuid,
+                       std::string& mended, std::string& error) {
+  Set_Record record;
+  mended.clear();
+  return !find_record(pool, place, seq, uuid, record) || open_sound_catalog(pool, record, mended, error) != nullptr;
+}
+
 std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::string& place, unsigned seq,
                                                const std::string& uuid, std::string& error) {
   std::unique_ptr<Backup_Base> base(new Backup_Base);
@@ -41,7 +49,12 @@ std::unique_ptr<Backup_Base> Backup_Base::open(const Pool& pool, const std::stri
     error = "there is no set " + std::to_string(seq) + " to compare with";
     return nullptr;
   }
-  base->catalog_ = open_set_catalog(pool, base->record_, error);
+  if (json_spirit::find(base->record_.figures, MARKS_LOST) != nullptr) {
+    error = "the catalog of the set " + base->record_.uuid +
+            " was damaged and is made anew: which of its objects are damaged is not known any more";
+    return nullptr;
+  }
+  base->catalog_ = open_checked_catalog(pool, base->record_, error);
   if (!base->catalog_)
     return nullptr;
   for (const Catalog_Set& set : base->catalog_->sets()) {

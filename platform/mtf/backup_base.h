@@ -28,9 +28,15 @@ public:
 
   /// The set `uuid` under `place` ("HOST/RESOURCE"); the newest one of number `seq` when that is empty or not there.
   /// Its catalog and all sets that it points into must be there. What lies on media that are missing or not as large as
-  /// recorded counts as damaged. Null with the reason.
+  /// recorded counts as damaged. Null with the reason, also where the catalog differs from its check.
   static std::unique_ptr<Backup_Base> open(const Pool& pool, const std::string& place, unsigned seq,
                                            const std::string& uuid, std::string& error);
+
+  /// Where `open` found the catalog of the same set damaged: makes it anew from its copy, so that the set is whole
+  /// again. `mended` says what was done, empty where nothing was. False with the reason. The caller has locked the
+  /// pool.
+  static bool mend(const Pool& pool, const std::string& place, unsigned seq, const std::string& uuid,
+                   std::string& mended, std::string& error);
 
   /// The chain that the same set belongs to, so far as its record can be read; else empty.
   static std::string chain_of(const Pool& pool, const std::string& place, unsigned seq, const std::string& uuid);

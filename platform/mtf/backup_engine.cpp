@@ -253,6 +253,11 @@ bool Backup_Engine::Impl::prepare(const std::string& location, const std::string
     if (!base) {
       engine_log(log, LM_WARNING, "Every object is stored anew: " + error + ".");
       chain = Backup_Base::chain_of(pool, place, order.base_seq, order.base_uuid);
+      std::string mended;
+      if (!Backup_Base::mend(pool, place, order.base_seq, order.base_uuid, mended, error))
+        engine_log(log, LM_WARNING, "The set before this one stays damaged: " + error + ".");
+      else if (!mended.empty())
+        engine_log(log, LM_WARNING, "The set before this one is whole again: " + mended + ".");
     }
     for (const Backup_Base::Bad_Medium& medium : base ? base->bad_media() : std::vector<Backup_Base::Bad_Medium>()) {
       engine_log(log, LM_WARNING, medium.path + ": " + medium.message);

@@ -938,7 +938,7 @@ TEST_F(Backup, leftovers_of_a_killed_run_are_cleared_and_a_living_ones_stay) {
   ASSERT_TRUE(pool_.make_set_folder("host/res/killed", error_)) << error_;
   { std::ofstream(pool_.set_folder("host/res/killed") + "/channel-0000.mtf") << "half"; }
   Set_Lock living;
-  ASSERT_TRUE(pool_.make_set_folder("host/res/living", living, error_)) << error_;
+  std::thread([&] { ASSERT_TRUE(pool_.make_set_folder("host/res/living", living, error_)) << error_; }).join();
   ASSERT_TRUE(run()) << engine_->failure();
   EXPECT_FALSE(fs::exists(pool_.set_folder("host/res/killed")));
   EXPECT_TRUE(fs::exists(pool_.set_folder("host/res/living")));
@@ -947,7 +947,7 @@ TEST_F(Backup, leftovers_of_a_killed_run_are_cleared_and_a_living_ones_stay) {
 TEST_F(Backup, finished_set_waits_locked_for_its_record) {
   fill(10, 100, 16);
   ASSERT_TRUE(run());
-  EXPECT_EQ(0u, pool_.remove_unfinished("host/res", error_));
+  std::thread([&] { EXPECT_EQ(0u, pool_.remove_unfinished("host/res", error_)); }).join();
   EXPECT_TRUE(fs::exists(folder()));
   engine_.reset();
   EXPECT_EQ(1u, pool_.remove_unfinished("host/res", error_));

@@ -1,17 +1,21 @@
 #include "platform/mtf/catalog_rebuild.h"
 
-#include "platform/catalog/catalog_reader.h"
 #include "platform/catalog/catalog_staging.h"
 #include "platform/catalog/catalog_sum.h"
+#include "platform/catalog/open_catalog.h"
 #include "platform/mtf/catalog_relink.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/partial_sets.h"
 #include "platform/mtf/set_copy.h"
 #include "platform/pool/durable_file.h"
 #include "platform/pool/pool_files.h"
+#include "platform/pool/pool_roll.h"
+#include "platform/pool/record_text.h"
 #include "platform/pool/set_guard.h"
 #include "platform/pool/set_keys.h"
 #include "sdk/base/time_format.h"
+
+#include <ace/Log_Msg.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -35,8 +39,10 @@ struct Found_Medium {
 
 class Rebuild {
 public:
-  Rebuild(const Pool& pool, const std::string& uri, Rebuild_Report& report)
-      : pool_(pool), uri_(uri), folder_(pool.set_folder(uri)), work_(folder_ + "/" + WORK_FOLDER), report_(report) {}
+  /// `copy_only`: where there is no whole copy nothing is changed.
+  Rebuild(const Pool& pool, const std::string& uri, bool copy_only, Rebuild_Report& report)
+      : pool_(pool), uri_(uri), copy_only_(copy_only), folder_(pool.set_folder(uri)),
+        work_(folder_ + "/" + WORK_FOLDER), report_(report) {}
   ~Rebuild() {
     std::string ignored;
     remove_pool_tree(work_, ignored);
@@ -58,6 +64,15 @@ public:
     }
     std::string why;
     report_.exact = take_copy(why);
+    // A medium that cannot be read may be the one that ends with it.
+    if (!report_.problems.empty())
+      why = report_.problems.front() + ", and " + why;
+    const bool whole = !report_.exact && is_whole();
+    if (!report_.exact && (copy_only_ || whole)) {
+      error = "the copy of the catalog cannot be used: " + why +
+              (whole ? ". The catalog that is there is whole, and stays as it is" : "");
+      return false;
+    }
     if (!report_.exact) {
       problem("the copy of the catalog cannot be used: " + why);
       if (!read_media(error))
@@ -103,6 +118,15 @@ private:
         return false;
       }
     return true;
+  }
+
+  /// Whether the catalog that is there now is the set's, as it was written.
+  bool is_whole() const {
+    std::string ignored;
+    bool none = false;
+    const auto catalog = Catalog_Reader::open(folder_, ignored, cipher_);
+    return catalog && catalog->set_uuid() == media_.front().set.uuid && check_catalog_sum(folder_, ignored, &none) &&
+           (!none || catalog->check_pages(ignored));
   }
 
   bool take_copy(std::string& error) {
@@ -198,7 +222,10 @@ private:
   bool make_record(std::string& error) {
     Set_Record& record = report_.record;
     const Medium_Set& self = media_.front().set;
-    report_.record_made = !read_set_record(folder_, record, error) || record.uuid != self.uuid;
+    Record_Text said;
+    // What somebody without the key has changed is not taken over.
+    report_.record_made = !read_set_record(folder_, record, error, nullptr, said) || record.uuid != self.uuid ||
+                          !open_whole_record(pool_, said, record, error);
     if (report_.record_made) {
       record = copied_ && from_copy_.uuid == self.uuid ? from_copy_ : Set_Record();
       if (record.uuid.empty()) {
@@ -230,6 +257,11 @@ private:
       count_missing(record);
     record.figures["objects"] = report_.objects;
     record.figures["rebuilt"] = report_.exact ? "copy" : "media";
+    if (copy_only_)
+      record.figures[MARKS_LOST] = true;
+    // Without an operator nothing but the catalog is mended: a medium that is short or missing stays known as such.
+    if (copy_only_ && !report_.record_made)
+      return seal_record(cipher_, record, error);
     record.channels = std::max<unsigned>(record.channels, media_.back().channel + 1);
     record.media.clear();
     record.backup_set_storage_size = 0;
@@ -257,11 +289,13 @@ private:
       return false;
     std::string ignored;
     remove_pool_tree(work_, ignored);
-    return write_set_record(folder_, report_.record, error);
+    return commit_set_record(pool_, report_.record, error);
   }
 
   const Pool& pool_;
-  const std::string uri_, folder_, work_;
+  const std::string uri_;
+  const bool copy_only_;
+  const std::string folder_, work_;
   Set_Cipher_ptr cipher_; ///< of an encrypted set
   Rebuild_Report& report_;
   std::vector<Found_Medium> media_;
@@ -275,5 +309,23 @@ private:
 
 bool rebuild_catalog(const Pool& pool, const std::string& uri, Rebuild_Report& report, std::string& error) {
   report = Rebuild_Report();
-  return Rebuild(pool, uri, report).run(error);
+  return Rebuild(pool, uri, false, report).run(error);
+}
+
+std::unique_ptr<Catalog_Reader> open_sound_catalog(const Pool& pool, const Set_Record& record, std::string& mended,
+                                                   std::string& error) {
+  mended.clear();
+  std::unique_ptr<Catalog_Reader> catalog = open_checked_catalog(pool, record, error);
+  if (catalog)
+    return catalog;
+  const std::string damage = error;
+  Rebuild_Report report;
+  // What is no set's any more, or another's, is not to be mended by what lies there.
+  if (!Rebuild(pool, record.uri, true, report).run(error) || report.record.uuid != record.uuid) {
+    error = damage + ", and it cannot be made anew: " + error;
+    return nullptr;
+  }
+  mended = damage + ". It was made anew from the copy on the set's media";
+  ACE_ERROR((LM_WARNING, ACE_TEXT("%C.\n"), mended.c_str()));
+  return open_checked_catalog(pool, record, error);
 }

@@ -2,6 +2,7 @@
 
 #include "platform/catalog/catalog_moves.h"
 #include "platform/catalog/catalog_reader.h"
+#include "platform/catalog/catalog_sum.h"
 #include "platform/pool/pool_files.h"
 
 #include <algorithm>
@@ -11,7 +12,8 @@ bool relink_copy(const Pool& pool, const std::string& folder, const std::string&
                  const Set_Record& merged, std::string& error) {
   Set_Cipher_ptr merged_cipher;
   const std::string there = pool.set_folder(merged.uri);
-  if (!open_set_cipher(pool, merged, merged_cipher, error))
+  if (!open_set_cipher(pool, merged, merged_cipher, error) || !check_catalog_sum(folder, error) ||
+      !check_catalog_sum(there, error))
     return false;
   const auto moves = Catalog_Moves::open(there, error, merged_cipher);
   if (!moves) {

@@ -9,7 +9,8 @@
 // in the catalog's place. One thread; the caller has locked the pool.
 
 /// Makes the folder `work` and in it a copy of the catalog in `folder`, which `cipher` opens, that points into the
-/// merged set where data lie there now. False with the reason; what is in `work` is then of no use.
+/// merged set where data lie there now. Both catalogs that this builds on are compared with their checks. False with
+/// the reason; what is in `work` is then of no use.
 bool relink_copy(const Pool& pool, const std::string& folder, const std::string& work, const Set_Cipher_ptr& cipher,
                  const Set_Record& merged, std::string& error);
 

@@ -34,6 +34,25 @@ std::string medium_problem(const std::string& path, unsigned long long size) {
   return "it has " + std::to_string(status.st_size) + " bytes instead of " + std::to_string(size);
 }
 
+std::unique_ptr<Medium_Reader> open_set_medium(const Pool& pool, const Set_Record& record, unsigned channel,
+                                               std::string& error) {
+  const std::string name = medium_name(channel), path = pool.set_folder(record.uri) + "/" + name;
+  unsigned family = 0;
+  for (const Set_Record::Medium& medium : record.media)
+    if (medium.name == name)
+      family = medium.family;
+  Set_Cipher_ptr cipher;
+  if (!open_set_cipher(pool, record, cipher, error))
+    return nullptr;
+  std::unique_ptr<Medium_Reader> reader = Medium_Reader::open(path, family, error, cipher);
+  if (reader && !reader->set_uuid().empty() && reader->set_uuid() != record.uuid) {
+    error =
+        "the medium " + path + " belongs to another set (" + reader->set_uuid() + " instead of " + record.uuid + ")";
+    reader.reset();
+  }
+  return reader;
+}
+
 Media_Feed::Media_Feed(const Pool& pool, const Set_Record& record, Catalog_Reader& catalog)
     : pool_(pool), record_(record), catalog_(catalog) {}
 
@@ -98,11 +117,8 @@ std::shared_ptr<Medium_Reader> Media_Feed::open(unsigned set, unsigned channel, 
   for (const Set_Record::Medium& medium : record.media)
     if (medium.name == name)
       known = medium;
-  Set_Cipher_ptr cipher;
-  if (!open_set_cipher(pool_, record, cipher, error))
-    return nullptr;
-  std::shared_ptr<Medium_Reader> reader =
-      Medium_Reader::open(pool_.set_folder(uri) + "/" + name, known.family, error, cipher);
+  record.uri = uri;
+  std::shared_ptr<Medium_Reader> reader = open_set_medium(pool_, record, channel, error);
   if (reader && inspecting_ && set != 0 && !known.name.empty())
     inspect(*reader, known, "set " + record.uuid + ", ");
   return reader;
@@ -121,7 +137,11 @@ void Media_Feed::inspect_media() {
   inspecting_ = true;
   for (const Set_Record::Medium& medium : record_.media) {
     std::string error;
-    auto reader = Medium_Reader::open(pool_.set_folder(record_.uri) + "/" + medium.name, medium.family, error);
+    unsigned channel = 0;
+    auto reader =
+        std::sscanf(medium.name.c_str(), "channel-%u.mtf", &channel) == 1 && medium_name(channel) == medium.name
+            ? open_set_medium(pool_, record_, channel, error)
+            : Medium_Reader::open(pool_.set_folder(record_.uri) + "/" + medium.name, medium.family, error);
     if (reader)
       inspect(*reader, medium, std::string());
     else

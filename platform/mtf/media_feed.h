@@ -18,6 +18,11 @@ std::string medium_name(unsigned channel);
 /// Why the medium's file cannot be all that was written: it is missing, or has another size. Empty where it may be.
 std::string medium_problem(const std::string& path, unsigned long long size);
 
+/// Opens a medium of the set whose record is `record`, a set or a partial one. Null with the reason, also when it is
+/// another set's medium.
+std::unique_ptr<Medium_Reader> open_set_medium(const Pool& pool, const Set_Record& record, unsigned channel,
+                                               std::string& error);
+
 /// An object to be read, and the medium that holds it.
 struct Media_Task {
   Catalog_Object object;

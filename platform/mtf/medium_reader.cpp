@@ -11,11 +11,13 @@ using namespace MTF_Format;
 
 namespace {
 
+constexpr unsigned START = 4 * FLB; ///< up to the end of the volume's block
 constexpr const char* NO_MEDIUM = " is no medium: neither its first block nor its volume's is whole";
 
 class File_Medium_Reader : public Medium_Reader {
 public:
-  explicit File_Medium_Reader(std::shared_ptr<Medium_Source> source) : source_(std::move(source)) {}
+  File_Medium_Reader(std::shared_ptr<Medium_Source> source, std::string set_uuid)
+      : source_(std::move(source)), set_uuid_(std::move(set_uuid)) {}
 
   std::unique_ptr<Object_Reader> object(unsigned long long offset, std::string& error,
                                         unsigned long long stored) override {
@@ -54,39 +56,12 @@ public:
   }
 
   unsigned long long size() const override { return source_->size(); }
+  const std::string& set_uuid() const override { return set_uuid_; }
 
 private:
   std::shared_ptr<Medium_Source> source_;
+  const std::string set_uuid_;
 };
-
-/// The family, from the first block, or from the volume's where that is damaged.
-bool find_family(const Medium_Source& source, unsigned& family) {
-  Medium_Window window(source, 4 * FLB);
-  Dblk_Header header;
-  std::string ignored;
-  unsigned long long streams = 0;
-  if (read_block(window, 0, header, ignored) && header.type == TAPE &&
-      descriptor_holds(window, 0, header, streams, ignored)) {
-    family = get32(window.at(0, TAPE_FIXED) + 52);
-    return true;
-  }
-  Medium_Stream stream;
-  Medium_Self self;
-  if (!read_block(window, VOLB_OFFSET, header, ignored) || header.type != VOLB ||
-      !descriptor_holds(window, VOLB_OFFSET, header, streams, ignored) ||
-      !read_stream(window, streams, stream, ignored) || stream.header.id != OBSI || stream.header.length > FLB)
-    return false;
-  const size_t length = static_cast<size_t>(stream.header.length);
-  const unsigned char* data = window.at(stream.data(), length);
-  if (data == nullptr || !self.parse(data, length))
-    return false;
-  family = self.family;
-  return true;
-}
-
-} // namespace
-
-namespace {
 
 /// Takes what the block at `offset` says about the set; false where there is no such block, or it is damaged.
 bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type, Medium_Set& set) {
@@ -126,6 +101,30 @@ bool read_set_at(Medium_Window& window, unsigned long long offset, uint32_t type
   return stream.header.id == SPAD && !set.uuid.empty() && (type == ESET || identity);
 }
 
+/// The family, from the first block, or from the volume's where that is damaged.
+bool find_family(Medium_Window& window, unsigned& family) {
+  Dblk_Header header;
+  std::string ignored;
+  unsigned long long streams = 0;
+  if (read_block(window, 0, header, ignored) && header.type == TAPE &&
+      descriptor_holds(window, 0, header, streams, ignored)) {
+    family = get32(window.at(0, TAPE_FIXED) + 52);
+    return true;
+  }
+  Medium_Stream stream;
+  Medium_Self self;
+  if (!read_block(window, VOLB_OFFSET, header, ignored) || header.type != VOLB ||
+      !descriptor_holds(window, VOLB_OFFSET, header, streams, ignored) ||
+      !read_stream(window, streams, stream, ignored) || stream.header.id != OBSI || stream.header.length > FLB)
+    return false;
+  const size_t length = static_cast<size_t>(stream.header.length);
+  const unsigned char* data = window.at(stream.data(), length);
+  if (data == nullptr || !self.parse(data, length))
+    return false;
+  family = self.family;
+  return true;
+}
+
 } // namespace
 
 bool read_medium_set(const Medium_Source& source, Medium_Set& set, std::string& error) {
@@ -133,8 +132,9 @@ bool read_medium_set(const Medium_Source& source, Medium_Set& set, std::string& 
   set = Medium_Set();
   if (read_set_at(window, VOLB_OFFSET, VOLB, set))
     return true;
+  Medium_Window start(source, START);
   unsigned family = 0;
-  if (!find_family(source, family)) {
+  if (!find_family(start, family)) {
     error = source.path() + NO_MEDIUM;
     return false;
   }
@@ -166,8 +166,9 @@ std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsi
     const std::shared_ptr<Medium_Source> source = Medium_Source::open(path, error, cipher);
     if (!source)
       return nullptr;
+    Medium_Window window(*source, START);
     unsigned found = 0;
-    if (!find_family(*source, found)) {
+    if (!find_family(window, found)) {
       error = path + NO_MEDIUM;
       return nullptr;
     }
@@ -176,7 +177,9 @@ std::unique_ptr<Medium_Reader> Medium_Reader::open(const std::string& path, unsi
               std::to_string(family);
       return nullptr;
     }
-    return std::make_unique<File_Medium_Reader>(source);
+    Medium_Set set;
+    const bool says = read_set_at(window, VOLB_OFFSET, VOLB, set);
+    return std::make_unique<File_Medium_Reader>(source, says ? set.uuid : std::string());
   } catch (const std::bad_alloc&) {
     error = "no memory to read " + path;
     return nullptr;

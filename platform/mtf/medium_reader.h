@@ -81,4 +81,6 @@ public:
   /// Whether the medium ends as a finished one does.
   virtual bool complete(std::string& error) const = 0;
   virtual unsigned long long size() const = 0;
+  /// The uuid of the set that it says it belongs to; empty where its volume block is damaged.
+  virtual const std::string& set_uuid() const = 0;
 };

@@ -3,6 +3,7 @@
 #include "platform/catalog/catalog_moves.h"
 #include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
+#include "platform/mtf/catalog_rebuild.h"
 #include "platform/mtf/catalog_relink.h"
 #include "platform/mtf/media_feed.h"
 #include "platform/mtf/medium_writer.h"
@@ -10,6 +11,7 @@
 #include "platform/mtf/set_copy.h"
 #include "platform/pool/durable_file.h"
 #include "platform/pool/pool_files.h"
+#include "platform/pool/pool_roll.h"
 #include "platform/pool/set_guard.h"
 #include "sdk/base/clock.h"
 
@@ -46,7 +48,7 @@ public:
   }
 
   bool run(std::string& error) {
-    if (!take_partial_sets(error))
+    if (!check_catalogs(error) || !take_partial_sets(error))
       return false;
     const bool done = begin(error) && find_live(error) && copy_live(error) && report_.damaged == 0 && end(error);
     // Without the lock there is no folder of ours.
@@ -65,6 +67,16 @@ public:
   }
 
 private:
+  /// All that the merged set is made of, or that tells what of it is live, is as it was written.
+  bool check_catalogs(std::string& error) {
+    std::vector<std::string> bad;
+    std::string mended;
+    for (const Set_Record& record : pool_.sets(place_, bad))
+      if (!open_sound_catalog(pool_, record, mended, error))
+        return false;
+    return true;
+  }
+
   /// What unfinished runs left and one of the sets points into is taken along.
   bool take_partial_sets(std::string& error) {
     std::map<std::string, Set_Record> partial;
@@ -231,15 +243,7 @@ private:
   }
 
   std::shared_ptr<Medium_Reader> open_medium(const std::string& uuid, unsigned channel, std::string& error) {
-    const Set_Record& record = absorbed_.at(uuid);
-    unsigned family = 0;
-    for (const Set_Record::Medium& medium : record.media)
-      if (medium.name == medium_name(channel))
-        family = medium.family;
-    Set_Cipher_ptr cipher;
-    if (!open_set_cipher(pool_, record, cipher, error))
-      return nullptr;
-    return Medium_Reader::open(pool_.set_folder(record.uri) + "/" + medium_name(channel), family, error, cipher);
+    return open_set_medium(pool_, absorbed_.at(uuid), channel, error);
   }
 
   /// Copies one object. Damage is counted; false when the new set cannot be written.
@@ -358,7 +362,7 @@ private:
       report_.canceled = true;
       return false;
     }
-    if (!write_set_record(folder_, record, error))
+    if (!seal_record(cipher_, record, error) || !commit_set_record(pool_, record, error))
       return false;
     remove_pool_file(folder_ + "/" + MERGE_MARK);
     return true;
@@ -455,15 +459,18 @@ bool merge_sets(const Pool& pool, const std::vector<Set_Record>& sets, const Mer
   return Merge(pool, sets, options, report).run(error);
 }
 
-bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::string>& busy, std::string& error) {
+bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::string>& busy, std::string& error,
+                   const Set_Lock* held) {
   if (!pool.finish_removals(place, error))
     return false;
   for (const std::string& uri : pool.unfinished(place)) {
     Set_Lock lock;
     struct stat status;
     std::string why;
-    if (find_pool_file(pool.set_folder(uri) + "/" + MERGE_MARK, status) && pool.lock_unfinished(uri, lock, why) &&
-        !pool.remove_set(uri, why)) {
+    if (!find_pool_file(pool.set_folder(uri) + "/" + MERGE_MARK, status))
+      continue;
+    // A living run's folder is none of our business: then nothing is said.
+    if (!pool.lock_unfinished(uri, lock, why, held) ? !why.empty() : !pool.remove_set(uri, why)) {
       error = why;
       return false;
     }
@@ -481,10 +488,19 @@ bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::
       continue;
     remove_pool_file(pool.set_folder(merged.uri) + "/" + MERGE_MARK);
     const std::set<std::string> replaced(merged.replaces.begin(), merged.replaces.end());
+    std::vector<Set_Record> gone = pool.replaced_sets(place);
+    for (Set_Record& partial : pool.partial_sets(place, bad))
+      gone.push_back(std::move(partial));
+    gone.erase(
+        std::remove_if(gone.begin(), gone.end(), [&](const Set_Record& one) { return replaced.count(one.uuid) == 0; }),
+        gone.end());
     for (const Set_Record& other : sets) {
       if (other.uuid == merged.uuid)
         continue;
-      const auto catalog = open_set_catalog(pool, other, error);
+      // What a damaged one does not name any more must not go.
+      auto catalog = gone.empty() ? open_set_catalog(pool, other, error) : nullptr;
+      if (std::string mended; !catalog)
+        catalog = open_sound_catalog(pool, other, mended, error);
       if (!catalog)
         return false;
       const bool points = std::any_of(catalog->sets().begin(), catalog->sets().end(),
@@ -492,12 +508,12 @@ bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::
       if (points && !relink(pool, other, merged, error))
         return false;
     }
-    std::vector<Set_Record> gone = pool.replaced_sets(place);
-    for (Set_Record& partial : pool.partial_sets(place, bad))
-      gone.push_back(std::move(partial));
+    std::vector<std::string> going;
+    for (const Set_Record& one : gone)
+      going.push_back(one.uuid);
+    if (!announce_removals(pool, going, error))
+      return false;
     for (const Set_Record& one : gone) {
-      if (replaced.count(one.uuid) == 0)
-        continue;
       Set_Guard guard;
       const Set_Guard::Outcome held = guard.own(pool.set_folder(one.uri), error);
       if (held == Set_Guard::BUSY)
@@ -505,6 +521,8 @@ bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::
       else if (held != Set_Guard::HELD || !pool.remove_set(one.uri, error))
         return false;
     }
+    if (!settle_removals(pool, going, error))
+      return false;
   }
   error.clear();
   return true;

@@ -38,5 +38,7 @@ bool merge_sets(const Pool& pool, const std::vector<Set_Record>& sets, const Mer
 /// Ends what merges at `place` ("HOST/RESOURCE") have begun: makes the catalogs of other sets point into the merged
 /// ones and drops the sets that these replace, but those that somebody is reading, which `busy` names and a later call
 /// drops. Also removes what merges, removals and rebuilds left that were cut short. To be called again at any time. The
-/// caller has locked the pool. False with the reason when it could not be ended.
-bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::string>& busy, std::string& error);
+/// caller has locked the pool, and hands on `held` where it has locked the place. False with the reason when it could
+/// not be ended.
+bool finish_merges(const Pool& pool, const std::string& place, std::vector<std::string>& busy, std::string& error,
+                   const Set_Lock* held = nullptr);

@@ -267,7 +267,7 @@ bool referenced_sets(const Pool& pool, const std::string& place, std::set<std::s
     return false;
   }
   for (const Set_Record& record : records) {
-    const auto catalog = open_set_catalog(pool, record, error);
+    const auto catalog = open_checked_catalog(pool, record, error);
     if (!catalog)
       return false;
     for (const Catalog_Set& set : catalog->sets())
@@ -313,9 +313,9 @@ std::unique_ptr<Partial_Sets> Partial_Sets::open(const Pool& pool, const std::st
     if (used.count(record.uuid) != 0)
       continue;
     One one;
-    one.catalog = open_set_catalog(pool, record, error);
-    if (!one.catalog || one.catalog->set_uuid() != record.uuid) {
-      problems.push_back(one.catalog ? "the catalog of the partial set " + record.uuid + " is that of another" : error);
+    one.catalog = open_checked_catalog(pool, record, error);
+    if (!one.catalog) {
+      problems.push_back(error);
       continue;
     }
     bool bad = false;

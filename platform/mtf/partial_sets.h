@@ -38,7 +38,8 @@ struct Salvage_Report {
 /// living runs are left alone. Memory does not depend on the number of objects.
 void salvage_unfinished(const Pool& pool, const std::string& place, Salvage_Report& report);
 
-/// The uuids that the catalogs of the sets at `place` name. False, with the reason, when not all could be read.
+/// The uuids that the catalogs of the sets at `place` name. False, with the reason, when not all could be read, or one
+/// differs from its check.
 bool referenced_sets(const Pool& pool, const std::string& place, std::set<std::string>& uuids, std::string& error);
 /// Removes the partial sets at `place` that no set points into and that nobody is reading; with `candidates`, only
 /// those among them. Nothing is removed while a catalog there cannot be read. False with the reason when something

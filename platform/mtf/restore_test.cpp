@@ -229,7 +229,8 @@ protected:
     record.uri = metadata.set_uri;
     record.seq = metadata.seq;
     record.minor_resource_id = "res";
-    record.data_key = metadata.data_key;
+    Set_Cipher_ptr cipher;
+    EXPECT_TRUE(open_set_cipher(pool_, record.uuid, metadata.data_key, cipher, error_)) << error_;
     for (const json_spirit::Value& value : metadata.media) {
       Set_Record::Medium medium;
       medium.name = json_spirit::require_str(value.get_obj(), "name");
@@ -237,6 +238,7 @@ protected:
       medium.family = static_cast<unsigned>(json_spirit::find(value.get_obj(), "family")->get_uint64());
       record.media.push_back(medium);
     }
+    EXPECT_TRUE(seal_record(cipher, record, error_)) << error_;
     EXPECT_TRUE(write_set_record(pool_.set_folder(record.uri), record, error_)) << error_;
     return record;
   }
@@ -797,6 +799,9 @@ TEST_P(Restore, of_sets_with_one_number_the_one_that_is_named_is_restored_and_el
   Set_Record other = made("set-2", 0, 1u << 20, 1);
   other.seq = 1;
   other.replaces = {"before"};
+  Set_Cipher_ptr cipher;
+  ASSERT_TRUE(open_set_cipher(pool_, other, cipher, error_)) << error_;
+  ASSERT_TRUE(seal_record(cipher, other, error_)) << error_;
   ASSERT_TRUE(write_set_record(pool_.set_folder(other.uri), other, error_)) << error_;
   Set_Record found;
   const auto find = [&](const std::string& prefix, const std::string& uuid) {

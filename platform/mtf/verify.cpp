@@ -237,10 +237,6 @@ bool verify_set(const Pool& pool, const Set_Record& record, const Verify_Options
     report.failure = error;
     return false;
   }
-  if (catalog->set_uuid() != record.uuid) {
-    report.failure = "the catalog is that of another set (" + catalog->set_uuid() + ")";
-    return false;
-  }
   report.objects = catalog->counts().objects;
   std::vector<std::string> catalog_findings;
   if (!catalog->check_pages(error))

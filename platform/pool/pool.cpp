@@ -4,10 +4,13 @@
 #include "platform/crypto/base64.h"
 #include "platform/crypto/key_wrap.h"
 #include "platform/pool/durable_file.h"
-#include "platform/pool/held_locks.h"
+#include "platform/pool/known_pool.h"
 #include "platform/pool/pool_files.h"
 #include "platform/pool/pool_place.h"
+#include "platform/pool/pool_roll.h"
+#include "platform/pool/record_text.h"
 #include "platform/pool/set_keys.h"
+#include "platform/pool/set_order.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +19,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <set>
 
@@ -319,6 +323,7 @@ bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std
     opened.uuid_ = found;
     opened.folder_ = folder;
     opened.encrypted_ = how != "none";
+    opened.format_ = static_cast<unsigned>(format->get_uint64());
     if (opened.encrypted_) {
       const json_spirit::Value* locked = json_spirit::find(json, "key");
       if (locked == nullptr)
@@ -326,6 +331,8 @@ bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std
       opened.key_check_ = json_spirit::require_str(json, "key_check");
       opened.locked_key_ = locked->get_obj();
     }
+    if (!check_known_pool(opened, error))
+      return false;
     pool = std::move(opened);
     return true;
   } catch (const std::exception& e) {
@@ -334,14 +341,33 @@ bool Pool::open(const std::string& url, const std::string& uuid, Pool& pool, std
   }
 }
 
+std::vector<std::string> set_places(const Pool& pool) {
+  return set_uris(pool.folder(), std::string());
+}
+
 namespace {
 
-/// Without the key the record stays as it is written.
-void read_names(const Pool& pool, Set_Record& record) {
-  Set_Cipher_ptr cipher;
-  std::string ignored;
-  if (open_set_cipher(pool, record, cipher, ignored) && cipher)
-    open_record(*cipher, record, ignored);
+/// Oldest first. Sets of several places come by their times, but none before an older one of its own place.
+std::vector<Set_Record> in_order(std::vector<Set_Record> found) {
+  std::map<std::string, std::vector<size_t>> places;
+  for (size_t i = 0; i < found.size(); ++i)
+    places[parent_of(found[i].uri)].push_back(i);
+  std::vector<std::pair<std::string, size_t>> order; // time and place in `found`
+  for (const auto& [place, indices] : places) {
+    std::vector<Set_In_Order> sets;
+    for (const size_t i : indices)
+      sets.push_back({found[i].uuid, found[i].bases, found[i].seq, found[i].start_time});
+    std::string time;
+    for (const size_t one : order_of_sets(sets)) {
+      time = std::max(time, sets[one].start_time);
+      order.emplace_back(time, indices[one]);
+    }
+  }
+  std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::vector<Set_Record> sorted;
+  for (const auto& [time, i] : order)
+    sorted.push_back(std::move(found[i]));
+  return sorted;
 }
 
 } // namespace
@@ -358,30 +384,46 @@ std::vector<Set_Record> Pool::replaced_sets(const std::string& prefix) const {
 std::vector<Set_Record> Pool::read_sets(const std::string& prefix, bool replaced,
                                         std::vector<std::string>& errors) const {
   std::vector<Set_Record> found;
+  std::vector<std::string> texts;       // hashes of their files
+  std::map<std::string, size_t> places; // by uuid, in `found`
   for (const std::string& uri : set_uris(folder_, prefix)) {
     Set_Record record;
     std::string error;
+    Record_Text text;
     bool missing = false;
-    if (read_set_record(set_folder(uri), record, error, &missing)) {
-      // Where it lies counts, not where it was written.
+    if (read_set_record(set_folder(uri), record, error, &missing, text) &&
+        open_whole_record(*this, text, record, error)) {
+      // Where it lies counts, not where it was written, unless it lies there too.
+      const bool moved = record.uri != uri;
       record.uri = uri;
-      if (encrypted_)
-        read_names(*this, record);
-      found.push_back(std::move(record));
+      // Not made by this pool, which is told to whoever uses it; nor may it hide others.
+      if (encrypted_ && record.data_key.empty())
+        record.replaces.clear();
+      const auto [place, first] = places.emplace(record.uuid, found.size());
+      if (first) {
+        found.push_back(std::move(record));
+        texts.push_back(text.hash);
+        continue;
+      }
+      Set_Record& other = found[place->second];
+      errors.push_back("the set " + record.uuid + " lies in two folders, " + set_folder(other.uri) + " and " +
+                       set_folder(uri) + ": one of them was copied, or put in another set's place");
+      if (!moved) {
+        other = std::move(record);
+        texts[place->second] = text.hash;
+      }
     } else if (!missing) {
       errors.push_back(error);
     }
   }
+  compare_roll(*this, texts, found, errors);
   std::set<std::string> gone;
   for (const Set_Record& record : found)
     gone.insert(record.replaces.begin(), record.replaces.end());
   found.erase(std::remove_if(found.begin(), found.end(),
                              [&](const Set_Record& record) { return (gone.count(record.uuid) != 0) != replaced; }),
               found.end());
-  std::stable_sort(found.begin(), found.end(), [](const Set_Record& a, const Set_Record& b) {
-    return a.start_time != b.start_time ? a.start_time < b.start_time : a.seq < b.seq;
-  });
-  return found;
+  return in_order(std::move(found));
 }
 
 std::vector<Set_Record> Pool::partial_sets(const std::string& prefix, std::vector<std::string>& errors) const {
@@ -390,9 +432,11 @@ std::vector<Set_Record> Pool::partial_sets(const std::string& prefix, std::vecto
     Set_Record record;
     std::string error;
     bool missing = false;
+    Record_Text text;
     if (exists(set_folder(uri) + "/" + Set_Record::FILE_NAME))
       continue;
-    if (read_partial_record(set_folder(uri), record, error, &missing)) {
+    if (read_set_record(set_folder(uri), record, error, &missing, text, true) &&
+        open_whole_record(*this, text, record, error)) {
       record.uri = uri;
       found.push_back(std::move(record));
     } else if (!missing) {
@@ -410,6 +454,8 @@ std::shared_ptr<Process_Lock> Pool::lock(std::string& error) const {
     const std::lock_guard<std::mutex> guard(pool_file_mutex);
     remove_pool_file(folder_ + "/" + TORN_POOL_FILE);
   }
+  if (lock)
+    remove_torn_roll(*this);
   return lock;
 }
 
@@ -429,8 +475,8 @@ bool Pool::make_set_folder_i(const std::string& uri, Set_Lock* lock, std::string
   if (!make_folders(folder_, parent_of(uri), error))
     return false;
   // Against remove_unfinished, which must not find the folder between its making and its locking.
-  Set_Lock parent;
-  if (!parent.acquire(set_folder(parent_of(uri)), true, error))
+  Set_Lock parent(Lock_Rank::PLACE);
+  if (!lock_place(parent_of(uri), parent, error))
     return false;
   const std::string path = set_folder(uri);
   if (!make_pool_folder(path)) {
@@ -452,14 +498,18 @@ std::vector<std::string> Pool::unfinished(const std::string& prefix) const {
   return found;
 }
 
-bool Pool::lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error) const {
+bool Pool::lock_place(const std::string& prefix, Set_Lock& lock, std::string& error) const {
+  lock = Set_Lock(Lock_Rank::PLACE);
+  return lock.acquire(set_folder(prefix), true, error);
+}
+
+bool Pool::lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error, const Set_Lock* place) const {
   const std::string path = set_folder(uri);
-  Set_Lock parent;
+  Set_Lock parent(Lock_Rank::PLACE);
   bool busy = false;
   error.clear();
-  // Who removes sets of the place has it locked already, and would wait for itself.
-  const std::string place = set_folder(parent_of(uri));
-  if (!Held_Locks::is_mine(place + "/" + Set_Lock::FILE_NAME) && !parent.acquire(place, true, error))
+  const bool handed_on = place != nullptr && place->holds(set_folder(parent_of(uri)));
+  if (!handed_on && !lock_place(parent_of(uri), parent, error))
     return false;
   if (!lock.acquire(path, false, error, &busy)) {
     // Gone meanwhile is as good as removed, and a living run's is none of our business.

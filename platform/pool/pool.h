@@ -26,14 +26,15 @@ public:
   /// The same for an encrypted pool, whose key is made here and locked with `secret`.
   static bool create(const std::string& url, const std::string& uuid, const Pool_Secret& secret,
                      const Scrypt_Cost& cost, Secret_Key& key, std::string& error);
-  /// Opens one. False with the reason: no pool there, not readable, a newer format, or `uuid` (when not empty) is not
-  /// the pool's.
+  /// Opens one. False with the reason: no pool there, not readable, a newer format, `uuid` (when not empty) is not the
+  /// pool's, or the pool is not what the agent knows it to be (check_known_pool).
   static bool open(const std::string& url, const std::string& uuid, Pool& pool, std::string& error);
 
   const std::string& uuid() const { return uuid_; }
   const std::string& folder() const { return folder_; }
   /// Whether what is in it is encrypted. The key then comes from `unlock`, or from find_pool_key.
   bool encrypted() const { return encrypted_; }
+  unsigned format() const { return format_; }
   /// 16 hexadecimal digits that tell the pool's key from others; empty for a plain pool.
   const std::string& key_check() const { return key_check_; }
   /// Unlocks the key of an encrypted pool. False with the reason, which tells a wrong secret from damage.
@@ -62,9 +63,12 @@ public:
   /// Folders under "HOST/RESOURCE" that hold no record of a set or partial set, as URIs: what unfinished runs left, and
   /// what runs that are going on have made so far.
   std::vector<std::string> unfinished(const std::string& prefix) const;
+  /// Locks "HOST/RESOURCE", so that no run begins there. Waits for whoever has it, see Set_Lock.
+  bool lock_place(const std::string& prefix, Set_Lock& lock, std::string& error) const;
   /// Locks such a folder. False when a living process has it (`error` empty), when it has become a set meanwhile or is
-  /// gone (the same), or when it cannot be locked.
-  bool lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error) const;
+  /// gone (the same), or when it cannot be locked. `place` is that of its "HOST/RESOURCE", where the caller holds it.
+  bool lock_unfinished(const std::string& uri, Set_Lock& lock, std::string& error,
+                       const Set_Lock* place = nullptr) const;
   /// Removes those that no living process has locked. Returns how many; `error` says what could not be removed.
   unsigned remove_unfinished(const std::string& prefix, std::string& error) const;
   /// Removes a set, a partial set or an unfinished one: at once as far as anybody looks for it, then its files.
@@ -79,6 +83,7 @@ private:
   std::string uuid_;
   std::string folder_;
   bool encrypted_ = false;
+  unsigned format_ = 1;
   std::string key_check_;
   json_spirit::Object locked_key_;
 };

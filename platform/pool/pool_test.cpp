@@ -1,5 +1,6 @@
 #include "platform/pool/pool.h"
 #include "platform/pool/set_guard.h"
+#include "sdk/base/clock.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +14,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -240,6 +242,31 @@ TEST_F(Pools, sets_are_listed_oldest_first_below_a_prefix) {
   EXPECT_TRUE(uris("../pool", 0).empty());
 }
 
+TEST_F(Pools, sets_come_in_the_order_of_their_numbers_where_a_clock_was_wrong) {
+  make();
+  commit("h/r/a", 1, "2026-01-01 00:00:00");
+  commit("h/r/b", 2, "2030-01-01 00:00:00");
+  commit("h/r/c", 3, "2026-01-02 00:00:00");
+  std::vector<std::string> errors, found;
+  for (const Set_Record& record : pool_.sets("", errors))
+    found.push_back(record.uri);
+  EXPECT_EQ((std::vector<std::string>{"h/r/a", "h/r/b", "h/r/c"}), found);
+}
+
+TEST_F(Pools, set_that_lies_in_two_folders_is_named) {
+  make();
+  commit("h/r/a", 1, "2026-01-01 00:00:00");
+  commit("h/r/b", 2, "2026-01-02 00:00:00");
+  fs::copy(pool_.set_folder("h/r/b") + "/set.json", pool_.set_folder("h/r/a") + "/set.json",
+           fs::copy_options::overwrite_existing);
+  std::vector<std::string> errors, found;
+  for (const Set_Record& record : pool_.sets("", errors))
+    found.push_back(record.uuid);
+  EXPECT_EQ((std::vector<std::string>{"h/r/b"}), found);
+  ASSERT_EQ(1u, errors.size());
+  EXPECT_NE(std::string::npos, errors[0].find("the set h/r/b lies in two folders")) << errors[0];
+}
+
 TEST_F(Pools, places_outside_the_layout_are_refused) {
   make();
   for (const char* uri : {"", "a", "a/b", "a/b/c/d", "a//c", "/a/b/c", "a/b/", "../../x", "a/../c", "a/b/.lock"})
@@ -259,7 +286,8 @@ TEST_F(Pools, removal_spares_finished_and_living_sets) {
   std::ofstream(pool_.set_folder("h/r/left") + "/channel-0000.mtf") << "x";
   ASSERT_TRUE(pool_.make_set_folder("h/other/left", error_));
   Set_Lock lock;
-  ASSERT_TRUE(pool_.make_set_folder("h/r/living", lock, error_));
+  // By another run: one that holds it would not take a lock that comes before it.
+  std::thread([&] { ASSERT_TRUE(pool_.make_set_folder("h/r/living", lock, error_)); }).join();
   EXPECT_TRUE(lock.held());
   error_.clear();
   EXPECT_EQ(1u, pool_.remove_unfinished("h/r", error_));
@@ -270,6 +298,100 @@ TEST_F(Pools, removal_spares_finished_and_living_sets) {
   EXPECT_FALSE(fs::exists(pool_.set_folder("h/r/left")));
   lock.release();
   EXPECT_EQ(1u, pool_.remove_unfinished("h/r", error_));
+}
+
+/// Time passes when somebody waits, and only then.
+class Waiting_Clock : public Clock {
+public:
+  Waiting_Clock() { instance(this); }
+  ~Waiting_Clock() override { instance(nullptr); }
+  time_t now() override { return time_.sec(); }
+  ACE_Time_Value monotonic() override { return time_; }
+  void sleep(unsigned seconds) override { time_ += ACE_Time_Value(seconds); }
+  void wait(std::unique_lock<std::mutex>&, std::condition_variable&, const ACE_Time_Value& time) override {
+    time_ += time;
+    if (waited)
+      waited();
+  }
+  std::function<void()> waited;
+
+private:
+  ACE_Time_Value time_;
+};
+
+TEST_F(Pools, run_does_not_wait_for_a_lock_that_it_holds) {
+  Set_Lock mine, again;
+  ASSERT_TRUE(mine.acquire(root_, true, error_)) << error_;
+  Waiting_Clock clock;
+  EXPECT_FALSE(again.acquire(root_, true, error_));
+  EXPECT_NE(std::string::npos, error_.find("this run has it locked already")) << error_;
+  EXPECT_EQ(ACE_Time_Value(), clock.monotonic());
+}
+
+TEST_F(Pools, lock_is_waited_for_until_its_holder_lets_go) {
+  Set_Lock held;
+  std::thread([&] { ASSERT_TRUE(held.acquire(root_, false, error_)) << error_; }).join();
+  Waiting_Clock clock;
+  int looks = 0;
+  clock.waited = [&] {
+    if (++looks == 3)
+      held.release();
+  };
+  Set_Lock mine;
+  EXPECT_TRUE(mine.acquire(root_, true, error_)) << error_;
+  EXPECT_EQ(3, looks);
+}
+
+TEST_F(Pools, lock_is_not_waited_for_without_end) {
+  Set_Lock held;
+  std::thread([&] { ASSERT_TRUE(held.acquire(root_, false, error_)) << error_; }).join();
+  Waiting_Clock clock;
+  Set_Lock mine;
+  bool busy = false;
+  EXPECT_FALSE(mine.acquire(root_, true, error_, &busy));
+  EXPECT_TRUE(busy);
+  EXPECT_NE(std::string::npos, error_.find("in use by process " + std::to_string(getpid()))) << error_;
+  EXPECT_EQ(Set_Lock::PATIENCE, static_cast<unsigned>(clock.monotonic().sec()));
+}
+
+TEST_F(Pools, unfinished_set_is_locked_under_a_lock_that_is_handed_on) {
+  make();
+  ASSERT_TRUE(pool_.make_set_folder("h/r/left", error_)) << error_;
+  ASSERT_TRUE(pool_.make_set_folder("h/other/left", error_)) << error_;
+  Set_Lock place, left, other;
+  ASSERT_TRUE(pool_.lock_place("h/r", place, error_)) << error_;
+  EXPECT_FALSE(pool_.lock_unfinished("h/r/left", left, error_));
+  EXPECT_NE(std::string::npos, error_.find("this run has it locked already")) << error_;
+  EXPECT_TRUE(pool_.lock_unfinished("h/r/left", left, error_, &place)) << error_;
+  EXPECT_TRUE(place.held());
+  left.release();
+  place.release();
+  ASSERT_TRUE(pool_.lock_place("h/other", place, error_)) << error_;
+  // One of another place is of no use here, and is let alone.
+  place.release();
+  EXPECT_TRUE(pool_.lock_unfinished("h/r/left", left, error_, &place)) << error_;
+}
+
+TEST_F(Pools, locks_out_of_their_order_are_found) {
+  Set_Lock place(Lock_Rank::PLACE);
+  ASSERT_TRUE(place.acquire(root_, false, error_)) << error_;
+  const std::string path = root_ + "/.lock";
+  EXPECT_TRUE(Lock_Order::is_own(path));
+  for (const Lock_Rank rank : {Lock_Rank::STATE, Lock_Rank::MERGE, Lock_Rank::POOL})
+    EXPECT_NE(std::string::npos, Lock_Order::violation(rank, "/p", false).find("after the place lock on " + path));
+  EXPECT_EQ("", Lock_Order::violation(Lock_Rank::SET, "/a", true));
+  // Several places: in the order of their names, where one may have to be waited for.
+  EXPECT_EQ("", Lock_Order::violation(Lock_Rank::PLACE, path + "0", true));
+  EXPECT_EQ("", Lock_Order::violation(Lock_Rank::PLACE, "/a", false));
+  EXPECT_NE("", Lock_Order::violation(Lock_Rank::PLACE, "/a", true));
+  EXPECT_NE("", Lock_Order::violation(Lock_Rank::PLACE, path, true));
+  // What another thread holds is no matter of order, and what was let go of neither.
+  std::thread([&] {
+    EXPECT_EQ("", Lock_Order::violation(Lock_Rank::STATE, "/p", true));
+    EXPECT_FALSE(Lock_Order::is_own(path));
+    place.release();
+  }).join();
+  EXPECT_EQ("", Lock_Order::violation(Lock_Rank::STATE, "/p", true));
 }
 
 TEST_F(Pools, lock_of_a_killed_process_is_free) {

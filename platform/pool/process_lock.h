@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/pool/lock_order.h"
+
 #include <memory>
 #include <string>
 
@@ -12,12 +14,14 @@ public:
 
   /// A share of this process' lock on `folder`, which is called `what` in messages ("the pool ..."). Null at once, with
   /// a message that names the holder, when another process has it. Any thread.
-  static std::shared_ptr<Process_Lock> acquire(const std::string& folder, const std::string& what, std::string& error);
+  static std::shared_ptr<Process_Lock> acquire(const std::string& folder, const std::string& what, std::string& error,
+                                               Lock_Rank rank = Lock_Rank::POOL);
   ~Process_Lock();
   Process_Lock(const Process_Lock&) = delete;
   Process_Lock& operator=(const Process_Lock&) = delete;
 
 private:
-  explicit Process_Lock(int fd) : fd_(fd) {}
+  Process_Lock(int fd, Lock_Order::Held_ptr order) : fd_(fd), order_(std::move(order)) {}
   const int fd_;
+  const Lock_Order::Held_ptr order_;
 };

@@ -2,6 +2,7 @@
 
 #include "platform/crypto/base64.h"
 #include "platform/crypto/secret.h"
+#include "platform/pool/record_text.h"
 #include "platform/store/store.h"
 
 #include <openssl/crypto.h>
@@ -14,6 +15,7 @@ namespace {
 
 const char* const NOTE_KIND = "pool_key";
 const char* const RECORD_PURPOSE = "record";
+const char* const CONTENT_MEMBER = "record"; ///< missing in records of earlier versions
 
 std::mutex held_mutex; // guards `held_keys`
 std::map<std::string, Secret_Key> held_keys;
@@ -141,15 +143,21 @@ bool seal_record(const Set_Cipher_ptr& cipher, Set_Record& record, std::string& 
   names["name"] = record.name;
   names["minor_resource_name"] = record.minor_resource_name;
   names["figures"] = std::move(texts);
+  // All else of the record is readable by everybody, but nobody without the key can change it.
+  record.data_key = cipher->wrapped();
+  names[CONTENT_MEMBER] = record_content(record);
   if (!cipher->seal_text(RECORD_PURPOSE, json_spirit::write(names), record.sealed)) {
     error = "the set's record cannot be sealed: the cryptographic library failed";
+    record.data_key.clear();
     return false;
   }
-  record.data_key = cipher->wrapped();
   return true;
 }
 
-bool open_record(const Set_Cipher& cipher, Set_Record& record, std::string& error) {
+namespace {
+
+/// `content` is what the record's file says beside `sealed`; null where that is not to be compared.
+bool open_record_i(const Set_Cipher& cipher, const std::string* content, Set_Record& record, std::string& error) {
   std::string text;
   json_spirit::Value value;
   if (!cipher.open_text(RECORD_PURPOSE, record.sealed, text)) {
@@ -160,6 +168,11 @@ bool open_record(const Set_Cipher& cipher, Set_Record& record, std::string& erro
     if (!json_spirit::read(text, value, &error))
       return false;
     const json_spirit::Object& names = value.get_obj();
+    if (content != nullptr && json_spirit::find(names, CONTENT_MEMBER) != nullptr &&
+        json_spirit::require_str(names, CONTENT_MEMBER) != *content) {
+      error = "the record of the set " + record.uuid + " was changed by somebody who does not have the pool's key";
+      return false;
+    }
     record.name = json_spirit::require_str(names, "name");
     record.minor_resource_name = json_spirit::require_str(names, "minor_resource_name");
     if (const json_spirit::Value* figures = json_spirit::find(names, "figures"))
@@ -170,4 +183,20 @@ bool open_record(const Set_Cipher& cipher, Set_Record& record, std::string& erro
     error = "the names in the record of the set " + record.uuid + " are damaged: " + e.what();
     return false;
   }
+}
+
+} // namespace
+
+bool open_record(const Set_Cipher& cipher, Set_Record& record, std::string& error) {
+  return open_record_i(cipher, nullptr, record, error);
+}
+
+bool open_whole_record(const Pool& pool, const Record_Text& text, Set_Record& record, std::string& error) {
+  Set_Cipher_ptr cipher;
+  Secret_Key key;
+  std::string ignored;
+  // Without the key, names stay sealed; whoever needs the set itself is told so.
+  if (!pool.encrypted() || record.data_key.empty() || !find_pool_key(pool, key, ignored))
+    return true;
+  return open_set_cipher(pool, record, cipher, error) && open_record_i(*cipher, &text.content, record, error);
 }

@@ -2,6 +2,8 @@
 
 #include "platform/crypto/base64.h"
 #include "platform/pool/durable_file.h"
+#include "platform/pool/record_text.h"
+#include "platform/pool/set_roll.h"
 
 #include <openssl/sha.h>
 
@@ -11,9 +13,6 @@ namespace {
 
 using json_spirit::Object;
 using json_spirit::Value;
-
-/// A record names up to 1000 problems of its run.
-constexpr size_t MAX_RECORD = 64u << 20;
 
 template <typename T>
 void get(const Object& json, const char* key, T& out);
@@ -251,12 +250,19 @@ bool check_holds(Object json, std::string& error) {
   return false;
 }
 
+/// All that is said in the open, which what is sealed says too.
+std::string content_of(Object json) {
+  json.erase(CHECK_MEMBER);
+  json.erase("sealed");
+  return record_hash(json_spirit::write(json));
+}
+
 bool read_record_file(const std::string& folder, const char* name, Set_Record& record, std::string& error,
-                      bool* missing) {
+                      bool* missing, Record_Text* said = nullptr) {
   const std::string path = folder + "/" + name;
   std::string text;
   bool absent = false;
-  const bool there = read_small_file(path, MAX_RECORD, text, error, absent);
+  const bool there = read_small_file(path, MAX_RECORD_TEXT, text, error, absent);
   if (missing != nullptr)
     *missing = absent;
   if (!there)
@@ -265,8 +271,11 @@ bool read_record_file(const std::string& folder, const char* name, Set_Record& r
   std::string why;
   if (json_spirit::read(text, value, &why)) {
     if (value.type() == json_spirit::obj_type) {
-      if (check_holds(value.get_obj(), why) && Set_Record::from_json(value.get_obj(), record, why))
+      if (check_holds(value.get_obj(), why) && Set_Record::from_json(value.get_obj(), record, why)) {
+        if (said != nullptr)
+          *said = {record_hash(text), record.sealed.empty() ? std::string() : content_of(value.get_obj())};
         return true;
+      }
     } else {
       why = "not a JSON object";
     }
@@ -275,18 +284,37 @@ bool read_record_file(const std::string& folder, const char* name, Set_Record& r
   return false;
 }
 
-std::string record_text(const Set_Record& record) {
+/// As a reader will have it: numbers may not come back to the last bit.
+Object as_read(const Set_Record& record) {
   Object json = record.to_json();
   json[CHECKED_MEMBER] = true;
-  // As a reader will have it: numbers may not come back to the last bit.
   Value read;
   if (json_spirit::read(json_spirit::write(json), read))
     json = read.get_obj();
+  return json;
+}
+
+std::string record_text(const Set_Record& record) {
+  Object json = as_read(record);
   json[CHECK_MEMBER] = check_of(json);
   return json_spirit::write_formatted(json) + "\n";
 }
 
 } // namespace
+
+std::string set_record_text(const Set_Record& record) {
+  return record_text(record);
+}
+
+std::string record_content(const Set_Record& record) {
+  return content_of(as_read(record));
+}
+
+bool read_set_record(const std::string& folder, Set_Record& record, std::string& error, bool* missing,
+                     Record_Text& text, bool partial) {
+  return read_record_file(folder, partial ? Set_Record::PARTIAL_FILE_NAME : Set_Record::FILE_NAME, record, error,
+                          missing, &text);
+}
 
 Set_Record describe_set(const MTF::Metadata& metadata) {
   Set_Record record;

@@ -1,5 +1,7 @@
 #include "platform/store/sqlite_store.h"
 
+#include "platform/pool/set_order.h"
+
 #include <algorithm>
 #include <map>
 #include <string_view>
@@ -323,8 +325,17 @@ bool SQLite_Store::newest_set(const std::string& pool_uuid, const std::string& m
                               "state='online' AND CAST(uuid AS BLOB) NOT IN (SELECT item FROM sets AS later JOIN items "
                               "ON owner=later.uuid AND kind='base' WHERE later.pool_uuid=?1 AND "
                               "later.minor_resource_id=?2 AND later.state='online') "
-                              "ORDER BY start_time DESC, added DESC LIMIT 1");
-  return read_sets(select.text(pool_uuid).text(minor_resource_id), rows, error) && first_of(rows, set, found);
+                              "ORDER BY start_time, added");
+  if (!read_sets(select.text(pool_uuid).text(minor_resource_id), rows, error))
+    return false;
+  // A clock that was wrong for one run does not make its set the newest one for ever.
+  std::vector<Set_In_Order> sets;
+  for (const Set& row : rows)
+    sets.push_back({row.uuid, row.bases, row.seq, row.start_time});
+  found = !rows.empty();
+  if (found)
+    set = std::move(rows[order_of_sets(sets).back()]);
+  return true;
 }
 
 bool SQLite_Store::sets_by_seq(const std::string& pool_uuid, const std::string& minor_resource_id, unsigned seq,

@@ -438,10 +438,10 @@ TEST_P(Store_Contract, a_set_comes_back_as_it_was) {
   EXPECT_STREQ("online", read.state.c_str());
 }
 
-TEST_P(Store_Contract, of_sets_of_one_second_the_newest_is_the_one_added_last_that_is_online) {
+TEST_P(Store_Contract, of_sets_of_one_second_and_number_the_newest_is_the_one_added_last_that_is_online) {
   add_parents();
   ASSERT_TRUE(store_->put_set(set("full", 1), error_));
-  ASSERT_TRUE(store_->put_set(set("incremental", 2), error_));
+  ASSERT_TRUE(store_->put_set(set("incremental", 1), error_));
   Set other = set("other resource", 9);
   other.minor_resource_id = "else";
   ASSERT_TRUE(store_->put_set(other, error_));
@@ -497,6 +497,20 @@ TEST_P(Store_Contract, of_one_second_a_set_stands_behind_what_it_was_compared_wi
   // Records that contradict each other are listed all the same.
   put("first", {"third"});
   EXPECT_EQ(3u, set_uuids(false).size());
+}
+
+TEST_P(Store_Contract, set_of_a_clock_that_was_ahead_is_not_the_newest_for_ever) {
+  add_parents();
+  Set ahead = set("ahead", 1);
+  ahead.start_time = "2036-01-01 00:00:00";
+  ahead.bases = {};
+  ASSERT_TRUE(store_->put_set(ahead, error_));
+  Set full = set("full", 2);
+  full.bases = {};
+  ASSERT_TRUE(store_->put_set(full, error_));
+  Set read;
+  ASSERT_TRUE(store_->newest_set(pool("p").uuid, "resource", read, found_, error_));
+  EXPECT_EQ("full", read.uuid);
 }
 
 TEST_P(Store_Contract, set_that_another_one_was_compared_with_is_not_the_newest_whatever_the_clock_said) {

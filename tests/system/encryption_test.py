@@ -189,6 +189,7 @@ class Encrypted:
         self.add_pool()
         self.assertIn("not encrypted", self.agent("pool", "rekey", "disk", "--passphrase-file", self.passphrase,
                                                   expect=1).stderr)
+        self.agent("pool", "remove", "disk")
         self.assertIn("not encrypted", self.agent("pool", "add", "again", self.url, "--encrypt", "--passphrase-file",
                                                   self.passphrase, expect=1).stderr)
 
@@ -259,13 +260,37 @@ class Encrypted:
         pool["key_check"] = "0123456789abcdef"
         with open(path, "w") as file:
             json.dump(pool, file)
-        self.assertIn("is not its own", self.agent("ls", first, expect=1).stderr)
+        self.assertIn("it has another key than when it was used last", self.agent("ls", first, expect=1).stderr)
         pool["key_check"], pool["key"]["salt"] = "0" * 16, "00" * 32
         with open(path, "w") as file:
             json.dump(pool, file)
         shutil.rmtree(self.state)
         refused = self.agent("pool", "add", "disk", self.url, "--passphrase-file", self.passphrase, expect=1)
         self.assertIn("damaged", refused.stderr)
+
+    def test_pool_that_turned_plain_gets_nothing_in_the_clear(self):
+        self.put("secretname", b"secretcontent")
+        self.add_encrypted()
+        first = self.backup("/%s/" % self.bucket)["set"]
+        path = os.path.join(self.pool, "pool.json")
+        with open(path) as file:
+            text = file.read()
+        with open(path, "w") as file:
+            json.dump({"uuid": json.loads(text)["uuid"], "format": 1, "encryption": "none"}, file)
+        self.put("secretname2", b"secretcontent 2")
+        for command in (["backup", "work", "/%s/" % self.bucket, "--pool", "disk"], ["ls", first], ["verify", first],
+                        ["forget", "--keep-last", "1"], ["pool", "show", "disk"],
+                        ["pool", "change", "disk", "--url", self.url], ["pool", "add", "other", self.url]):
+            refused = self.agent(*command, expect=None)
+            self.assertNotEqual(0, refused.returncode, command)
+            self.assertIn("it was encrypted when it was", refused.stderr + refused.stdout + self.last_log_lines(),
+                          command)
+        self.assert_nothing_readable()
+        with open(path, "w") as file:
+            file.write(text)
+        second = self.backup("/%s/" % self.bucket)
+        self.assertEqual((1, 1), (second["saved"], second["unchanged"]))
+        self.assert_nothing_readable()
 
 
 class Encrypted_On_Test_Server(Encrypted, harness.Scenario):

@@ -31,7 +31,14 @@ class Hostile_Pool(harness.Scenario):
         with open(self.victim, "wb") as file:
             file.write(b"precious")
         self.clean = os.path.join(self.folder, "clean")
-        shutil.copytree(self.pool, self.clean, symlinks=True)
+        for name in ("pool", "state"):
+            shutil.copytree(os.path.join(self.folder, name), os.path.join(self.clean, name), symlinks=True)
+
+    def begin_anew(self):
+        """The state too: it knows how often the pool's roll was written."""
+        for name in ("pool", "state"):
+            shutil.rmtree(os.path.join(self.folder, name))
+            shutil.copytree(os.path.join(self.clean, name), os.path.join(self.folder, name), symlinks=True)
 
     def set_folder(self, uuid):
         return next(folder for folder, _, _ in os.walk(self.pool) if os.path.basename(folder) == uuid)
@@ -71,13 +78,13 @@ class Hostile_Pool(harness.Scenario):
         names = ["set.json", "catalog.db", "catalog.sum", "channel-0000.mtf", ".lock", "set.json.tmp",
                  "catalog.sum.tmp", "catalog.db-journal", "catalog.db-wal"]
         places = [(os.path.relpath(self.set_folder(uuid), self.pool), name) for uuid in self.sets for name in names]
-        places += [("", ".lock"), ("", "pool.json"), ("", "pool.json.tmp")]
+        places += [("", ".lock"), ("", "pool.json"), ("", "pool.json.tmp"), ("", "sets.json"),
+                   ("", "sets.json.tmp")]
         changing = [command for command in self.commands() if command[0] in ("backup", "forget", "merge", "verify")]
         for kind, commands in (("fifo", self.commands()), ("link", changing), ("dangling", changing)):
             for folder, name in places:
                 for command in commands:
-                    shutil.rmtree(self.pool)
-                    shutil.copytree(self.clean, self.pool, symlinks=True)
+                    self.begin_anew()
                     path = os.path.join(self.pool, folder, name)
                     with self.subTest(kind=kind, path=path, command=command[0]):
                         self.plant(path, kind)
@@ -90,8 +97,7 @@ class Hostile_Pool(harness.Scenario):
     def test_folder_behind_a_link_is_no_part_of_the_pool(self):
         for depth in (1, 2, 3):
             with self.subTest(depth=depth):
-                shutil.rmtree(self.pool)
-                shutil.copytree(self.clean, self.pool, symlinks=True)
+                self.begin_anew()
                 path = self.set_folder(self.sets[0])
                 for _ in range(3 - depth):
                     path = os.path.dirname(path)

@@ -106,6 +106,24 @@ class Merge(harness.Scenario):
             self.assertTrue(self.agent("catalog", "rebuild", set_id, "--json").json["exact"])
             self.assert_whole(set_id)
 
+    @unittest.skipUnless(os.environ.get("OBS_FILE_LOG"), "needs the library that writes down what the program does")
+    def test_rebuilt_catalog_of_a_set_whose_base_was_merged_comes_at_once(self):
+        sets = self.chain()
+        merged = self.merge(*sets[:3])["set"]
+        catalog = os.path.join(self.folder_of(sets[3]), "catalog.db")
+        log = os.path.join(self.folder, "log")
+        done = subprocess.run(self.command("catalog", "rebuild", sets[3]), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              env=dict(os.environ, LD_PRELOAD=os.environ["OBS_FILE_LOG"], FILE_LOG=log,
+                                       FILE_LOG_ROOT=self.pool))
+        self.assertEqual(0, done.returncode, done.stderr)
+        with open(log, errors="surrogateescape") as lines:
+            installed = [line for line in lines if line.startswith("rename ") and
+                         line.rstrip("\n").endswith("\t" + catalog)]
+        # Cut short before or after this, the set can be read: what is put there points to where its data are.
+        self.assertEqual(1, len(installed), installed)
+        for set_id in (merged, sets[3]):
+            self.assert_whole(set_id)
+
     def test_damaged_object_is_named_and_nothing_changes(self):
         self.damages_media = True
         sets = self.chain()
@@ -138,6 +156,20 @@ class Merge(harness.Scenario):
         merged = self.merge(outcome["set"])["set"]
         self.assertEqual(([merged], []), (self.folders(), self.partial()))
         self.assert_whole(merged)
+
+    def test_forget_clears_away_a_merge_that_was_killed_before_its_commit(self):
+        sets = self.chain()
+        left = os.path.join(os.path.dirname(self.folder_of(sets[0])), "11111111-2222-4333-8444-555555555555")
+        os.mkdir(left, 0o700)
+        for name in ("merging", "channel-0000.mtf", ".lock"):
+            open(os.path.join(left, name), "w").close()
+        try:
+            subprocess.run(self.command("forget", "--keep-last", "4"), check=True, timeout=30)
+        except subprocess.TimeoutExpired:
+            self.fail("forget waits for a lock that nobody lets go of")
+        self.assertFalse(os.path.exists(left))
+        self.assertEqual(sorted(sets), self.folders())
+        self.assert_whole(self.take())
 
     def test_set_that_is_being_restored_stays_until_that_is_done(self):
         sets = self.chain()

@@ -145,6 +145,14 @@ class Rebuild(harness.Scenario):
         self.assertIn("/bucket/added/a//b", listed)
         self.assertEqual(2, len(listed.splitlines()))
 
+    def test_whole_catalog_is_not_replaced_by_less(self):
+        sets = self.chain()
+        before = self.listing(sets[1])
+        self.lose_copy(sets[1])
+        refused = self.agent("catalog", "rebuild", sets[1], expect=1)
+        self.assertIn("The catalog that is there is whole, and stays as it is", refused.stderr)
+        self.assertEqual(before, self.listing(sets[1]))
+
     def test_catalogs_answer_the_same_after_a_rebuild_from_media(self):
         self.damages_media = True
         full = self.backup("/bucket/", "--channels", "3")["set"]

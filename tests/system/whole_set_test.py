@@ -95,6 +95,7 @@ class Whole_Set(harness.Scenario):
         sets.append(self.backup("/bucket/", "/gone/", expect=3)["set"])
         for one in sets:
             self.change_record(one, lambda record: record["figures"].pop("missing"))
+        os.remove(os.path.join(self.pool, "sets.json")) # nor had pools a roll then
         self.lose_state()
         self.add_pool()
         self.assertEqual(self.expected(0, 3), self.outcomes())
