@@ -120,10 +120,15 @@ private:
     return true;
   }
 
-  /// Whether the catalog that is there now is the set's, as it was written.
+  /// Whether record and catalog that are there now are the set's, as they were written.
   bool is_whole() const {
+    Set_Record record;
+    Record_Text said;
     std::string ignored;
     bool none = false;
+    if (!read_set_record(folder_, record, ignored, nullptr, said) || record.uuid != media_.front().set.uuid ||
+        !open_whole_record(pool_, said, record, ignored))
+      return false;
     const auto catalog = Catalog_Reader::open(folder_, ignored, cipher_);
     return catalog && catalog->set_uuid() == media_.front().set.uuid && check_catalog_sum(folder_, ignored, &none) &&
            (!none || catalog->check_pages(ignored));

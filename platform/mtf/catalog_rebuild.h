@@ -26,8 +26,8 @@ struct Rebuild_Report {
 
 /// Makes the catalog of the set in the folder `uri`, and its record where that cannot be read, from its media alone.
 /// What is there is replaced at the end, at once; a rebuild that is cut short has changed nothing. Nor has one without
-/// a copy that can be read, where the catalog that is there is whole: media alone know less. The caller has locked the
-/// pool. False with the reason.
+/// a copy that can be read, where record and catalog that are there are whole: media alone know less. The caller has
+/// locked the pool. False with the reason.
 bool rebuild_catalog(const Pool& pool, const std::string& uri, Rebuild_Report& report, std::string& error);
 
 /// Opens the catalog of a set for whoever builds on what it says, after it was compared with its check
