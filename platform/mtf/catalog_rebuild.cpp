@@ -230,6 +230,7 @@ private:
     Record_Text said;
     // What somebody without the key has changed is not taken over.
     report_.record_made = !read_set_record(folder_, record, error, nullptr, said) || record.uuid != self.uuid ||
+                          is_another_on_roll(pool_, record.uuid, said.hash) ||
                           !open_whole_record(pool_, said, record, error);
     if (report_.record_made) {
       record = copied_ && from_copy_.uuid == self.uuid ? from_copy_ : Set_Record();

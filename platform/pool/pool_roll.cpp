@@ -312,6 +312,12 @@ void compare_roll(const Pool& pool, const std::vector<std::string>& texts, std::
   found = std::move(good);
 }
 
+bool is_another_on_roll(const Pool& pool, const std::string& uuid, const std::string& text) {
+  const Found_Roll there = read_roll(pool);
+  const auto entry = there.roll->sets.find(uuid);
+  return entry != there.roll->sets.end() && !is_on(entry->second, text);
+}
+
 std::vector<std::string> sets_taken_away(const Pool& pool) {
   std::vector<std::string> away;
   const Found_Roll there = read_roll(pool);

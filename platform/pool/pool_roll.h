@@ -22,6 +22,8 @@ std::vector<std::string> set_places(const Pool& pool);
 /// stays, but replaces nothing. Both are named in `errors`, and so is a roll that cannot be trusted.
 void compare_roll(const Pool& pool, const std::vector<std::string>& texts, std::vector<Set_Record>& found,
                   std::vector<std::string>& errors);
+/// Whether the roll knows a set and says that its record's file has another hash than `text`.
+bool is_another_on_roll(const Pool& pool, const std::string& uuid, const std::string& text);
 /// Names the sets that are on the roll and no longer in the pool, although nobody has removed them.
 std::vector<std::string> sets_taken_away(const Pool& pool);
 

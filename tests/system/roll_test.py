@@ -75,6 +75,14 @@ class Roll(harness.Scenario):
         for set_id in self.all[1:]:
             self.agent("verify", set_id)
 
+    def test_rebuild_does_not_take_a_changed_record_over(self):
+        self.change_record(self.all[0], replaces=self.all[1:])
+        answer = self.agent("catalog", "rebuild", self.all[0], "--json").json
+        self.assertTrue(answer["record_made"])
+        self.assertEqual("", self.agent("sets").stderr)
+        self.agent("forget", "--keep-last", "4")
+        self.assertEqual(self.all, self.sets())
+
     def test_folder_that_holds_another_set_is_refused(self):
         first, second = (self.folder_of(set_id) for set_id in self.all[:2])
         shutil.rmtree(first)
