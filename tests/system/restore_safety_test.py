@@ -137,6 +137,14 @@ class Mistyped(With_Set):
         self.assertEqual(self.KEYS, self.contents(self.server, "data"))
         self.restore(self.set, "--map", "data=data/below")
 
+    def test_places_of_an_account_that_is_not_known_here_need_in_place(self):
+        self.state = os.path.join(self.folder, "another state")
+        self.add_account(self.server)
+        self.add_pool()
+        self.refused(self.set, "--to", "work", expect=2, says=["'data'", "--in-place"])
+        # Nor is it known what the set was made of.
+        self.refused(self.set, "--to", "work", "--in-place", "--delete-extra", "--yes", expect=1, says=["not known here"])
+
     def test_same_names_at_another_service_need_nothing(self):
         other = harness.Test_Server("--bucket", "data")
         self.addCleanup(other.stop)
@@ -233,6 +241,15 @@ class Deleting(With_Set):
         self.refused(self.set, "/data/four", *extra, expect=1, says=["single objects"])
         ruled = self.backup("/data/", "--exclude", "*.tmp")["set"]
         self.refused(ruled, *extra, expect=1, says=["rules"])
+        ruled = self.backup("/data/", "--include", "a/")["set"]
+        self.refused(ruled, *extra, expect=1, says=["rules"])
+        single = self.backup("/data/four")["set"]
+        self.refused(single, *extra, expect=1, says=["was made of single objects, as '/data/four'"])
+        self.client.create_bucket(Bucket="more")
+        self.put("more", x=b"x")
+        both = self.backup("/data/", "/more/")["set"]
+        for maps in (("data=target", "more=target/in"), ("data=target/in", "more=target"), ("data=target/in", "more=target/in")):
+            self.refused(both, "--map", maps[0], "--map", maps[1], *extra, expect=1, says=["inside each other"])
         part = self.backup("/data/a/")["set"]
         self.refused(part, "/data/", *extra, expect=1, says=["'/data/'"])
         self.server.ask("refuse", "GetObject", "1")
@@ -259,6 +276,60 @@ class Deleting(With_Set):
         answer = self.restore(self.set, "--in-place", "--delete-extra", "--yes", expect=3).json
         self.assertEqual(0, answer["removed"])
         self.assertEqual({"/data/a/extra", "/data/extra"}, {error["name"] for error in answer["errors"]})
+
+    def test_bucket_that_the_restore_makes_has_nothing_to_remove(self):
+        answer = self.restore(self.set, "--map", "data=fresh", "--create-bucket", "--delete-extra").json
+        self.assertEqual(("completed", 4, 0), (answer["outcome"], answer["saved"], answer["removed"]))
+
+    def serve_full(self, count, *arguments):
+        """Another service, "other", whose bucket "full" has so many objects that the set does not have."""
+        server = harness.Test_Server("--log", "--synthetic", "full,%d,1" % count, "--page-size", "7", *arguments)
+        self.addCleanup(server.stop)
+        self.add_account(server, "other")
+        return server
+
+    FULL = ["--to", "other", "--map", "data=full", "--delete-extra", "--yes"]
+
+    def test_extras_of_all_pages_go(self):
+        server = self.serve_full(30)
+        self.assertEqual(30, self.restore(self.set, *self.FULL).json["removed"])
+        self.assertEqual(self.KEYS, self.contents(server, "full"))
+
+    def test_removing_ends_when_many_in_a_row_cannot_be_removed(self):
+        server = self.serve_full(30)
+        for number in range(0, 30, 2):
+            server.ask("refuse", "DeleteObject", "1", "d0000/e00/object-%010d" % number)
+        answer = self.restore(self.set, *self.FULL, expect=3).json
+        self.assertEqual((15, 15), (answer["removed"], len(answer["errors"])))
+        server.ask("refuse", "DeleteObject", "1")
+        answer = self.restore(self.set, *self.FULL, expect=3).json
+        self.assertEqual((0, 11), (answer["removed"], len(answer["errors"])))
+        self.assertIn("5 more that the set does not have were left", str(answer["errors"][-1]))
+        self.assertEqual(10, server.ask("sequence").split().count("DeleteObject") - 30)
+
+    def cancel(self, is_time):
+        """Cancels such a restore as soon as it is time; its account."""
+        process = subprocess.Popen(self.command("restore", self.set, *self.FULL, "--json"), stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        while not is_time() and process.poll() is None:
+            pass
+        process.terminate()
+        said, _ = process.communicate(timeout=300)
+        self.assertEqual(130, process.returncode)
+        answer = harness.Result(130, said, "").json
+        self.assertEqual("cancelled", answer["outcome"])
+        return answer
+
+    def test_nothing_goes_after_a_cancelled_restore(self):
+        server = self.serve_full(3, "--stall", "PutObject,0")
+        self.assertEqual(0, self.cancel(lambda: server.ask("stalled") == "yes")["removed"])
+        self.assertNotIn("DeleteObject", server.ask("sequence"))
+
+    def test_cancel_ends_the_removing(self):
+        server = self.serve_full(300, "--latency", "50")
+        self.assertLess(self.cancel(lambda: "DeleteObject" in server.ask("sequence"))["removed"], 300)
 
 
 class Latest(With_Set):

@@ -128,6 +128,10 @@ class Whole_Set(harness.Scenario):
         os.remove(os.path.join(self.folder_of(first), "set.json"))
         self.agent("catalog", "rebuild", self.folder_of(first), expect=None)
         self.assertEqual(self.expected(None, 40), self.outcomes())
+        self.assertIn("there is no whole set: 2 are there", self.agent("ls", "latest", expect=1).stderr)
+        restore = ["restore", first, "--map", "bucket=target"]
+        self.assertIn("not known to be whole", self.agent(*restore, "--delete-extra", "--yes", expect=1).stderr)
+        self.assertIn("not known whether it is whole", self.agent(*restore, "--dry-run").stderr)
 
     def test_restore_says_first_what_a_set_lacks(self):
         self.add_pool()
