@@ -1,6 +1,8 @@
 #include "agent/agent_log.h"
 
+#include "agent/run_errors.h"
 #include "platform/base/printable.h"
+#include "platform/mtf/engine_log.h"
 #include "sdk/base/time_format.h"
 
 #include <ace/Log_Msg.h>
@@ -117,10 +119,18 @@ void Agent_Log::note(const ACE_Log_Record& record, const std::string& text) {
       errors_.emplace(before->second.number, std::move(before->second.text));
     attempts_.erase(before);
   }
+  if (text.compare(0, std::strlen(AGAIN_LINE), AGAIN_LINE) == 0)
+    forget(text.substr(std::strlen(AGAIN_LINE)));
   if (!is_error(record.type()))
     return;
   last_error_ = text;
   attempts_.emplace(std::this_thread::get_id(), Attempt{++numbers_, file != nullptr ? file : "", text});
+}
+
+/// Under the lock: what was said about an object that is tried again, by whichever thread.
+void Agent_Log::forget(const std::string& path) {
+  std::erase_if(errors_, [&](const auto& error) { return is_about(error.second, path); });
+  std::erase_if(attempts_, [&](const auto& attempt) { return is_about(attempt.second.text, path); });
 }
 
 void Agent_Log::clear_errors() {

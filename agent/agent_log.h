@@ -12,7 +12,8 @@
 /// runs it also keeps what its outcome needs: the lines of priority error and above.
 ///
 /// An error line right before a line "Retry(" of the same thread and source file tells of an attempt that is repeated:
-/// it is no error of the run. Whatever becomes of the operation in the end, the lines after it tell.
+/// it is no error of the run. Whatever becomes of the operation in the end, the lines after it tell. The same holds for
+/// all lines about an object that is tried again because the service was away (AGAIN_LINE, platform/mtf/engine_log.h).
 class Agent_Log : public ACE_Log_Msg_Backend {
 public:
   enum Verbosity { QUIET, VERBOSE, DEBUG };
@@ -46,6 +47,7 @@ private:
   };
 
   void note(const ACE_Log_Record& record, const std::string& text);
+  void forget(const std::string& path);
 
   mutable std::mutex mutex_; ///< guards what follows
   unsigned long long numbers_ = 0;

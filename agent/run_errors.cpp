@@ -14,11 +14,15 @@ bool holds(const std::string& line, const std::string& text) {
   return !text.empty() && line.find(text) != std::string::npos;
 }
 
-/// Whether `line` is about what the entry names. Lines write a path without its first "/", or its key alone in quotes.
+/// Whether `line` is about what the entry names.
 bool covers(const Object& entry, const std::string& line) {
-  if (holds(line, json_spirit::optional_str(entry, "message")))
-    return true;
-  std::string path = json_spirit::optional_str(entry, "name");
+  return holds(line, json_spirit::optional_str(entry, "message")) ||
+         is_about(line, json_spirit::optional_str(entry, "name"));
+}
+
+} // namespace
+
+bool is_about(const std::string& line, std::string path) {
   if (!path.empty() && path.front() == '/')
     path.erase(0, 1);
   if (holds(line, path))
@@ -26,8 +30,6 @@ bool covers(const Object& entry, const std::string& line) {
   const size_t slash = path.find('/');
   return slash != std::string::npos && slash + 1 < path.size() && holds(line, "'" + path.substr(slash + 1) + "'");
 }
-
-} // namespace
 
 unsigned long long name_uncovered_errors(Object& figures, const std::string& name,
                                          const std::vector<std::string>& lines) {

@@ -1,6 +1,7 @@
 #include "agent/run_errors.h"
 
 #include "agent/agent_log.h"
+#include "platform/mtf/engine_log.h"
 
 #include <ace/Log_Msg.h>
 
@@ -100,6 +101,17 @@ TEST_F(agent_log, repetition_of_something_else_leaves_the_error) {
   EXPECT_EQ((Texts{"Failed for good.", "Failed here.", "Failed there."}), log.errors());
   ACE_LOG_MSG->conditional_set("another/file.cpp", 1, 0, 0);
   ACE_LOG_MSG->log(LM_INFO, "Retry(1) %N:%l at 1 second(s) later.\n");
+  EXPECT_EQ(3u, log.errors().size());
+}
+
+TEST_F(agent_log, what_is_tried_again_after_an_outage_leaves_no_error_of_any_thread) {
+  ACE_ERROR((LM_ERROR, "Failed to store object 'd/k' in bucket 'b'.\n"));
+  ACE_ERROR((LM_ERROR, "Failed to store object 'd/other' in bucket 'b'.\n"));
+  std::thread([] { ACE_ERROR((LM_ERROR, "Failed to upload a part of b/d/k.\n")); }).join();
+  std::thread([] { ACE_ERROR((LM_ERROR, "The pool is odd.\n")); }).join();
+  log_again("/b/d/k");
+  EXPECT_EQ((Texts{"Failed to store object 'd/other' in bucket 'b'.", "The pool is odd."}), log.errors());
+  ACE_ERROR((LM_ERROR, "Failed to store object 'd/k' in bucket 'b' for good.\n"));
   EXPECT_EQ(3u, log.errors().size());
 }
 

@@ -150,12 +150,7 @@ void add_backup_command(CLI::App& app, Context& context) {
   command->add_option("--channels", arguments->channels, "Media written at the same time")
       ->check(CLI::Range(1, 256))
       ->capture_default_str();
-  command
-      ->add_option("--service-timeout", arguments->service_timeout,
-                   "Seconds after which a service that answers nothing at all ends the run")
-      ->check(CLI::Range(1, 86400))
-      ->capture_default_str()
-      ->type_name("SECONDS");
+  add_service_timeout_option(*command, arguments->service_timeout);
   command->add_option("--readers", arguments->readers, "Objects read at the same time; 0: 32")
       ->check(CLI::Range(0, 4096))
       ->capture_default_str();

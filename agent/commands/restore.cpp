@@ -27,6 +27,7 @@ struct Restore_Arguments {
   std::vector<std::string> maps;
   std::string existing = "overwrite";
   unsigned concurrent = 16;
+  unsigned service_timeout = 300;
   std::uint64_t limit = 0;
   bool create_bucket = false;
   bool dry_run = false;
@@ -208,6 +209,7 @@ void restore(Context& context, Restore_Arguments& arguments) {
   definition["agent"] = "obs-agent";
   definition["host_id"] = account.uuid;
   definition["rate_limit"] = arguments.limit;
+  definition["service_timeout"] = arguments.service_timeout;
   definition["source"] = source;
   definition["options"] = options;
   if (different)
@@ -254,6 +256,7 @@ void add_restore_command(CLI::App& app, Context& context) {
   command->add_option("--concurrent", arguments->concurrent, "Objects written at the same time")
       ->check(CLI::Range(1, 1024))
       ->capture_default_str();
+  add_service_timeout_option(*command, arguments->service_timeout);
   add_limit_option(*command, arguments->limit);
   command->add_flag("--no-acl", arguments->no_acl, "Give no access lists");
   command->add_flag("--drop-tags", arguments->drop_tags, "Give no tags");

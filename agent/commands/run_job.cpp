@@ -162,6 +162,15 @@ Outcome run_job(Context& context, const Definition_File& file, const std::functi
   return outcome;
 }
 
+void add_service_timeout_option(CLI::App& command, unsigned& seconds) {
+  command
+      .add_option("--service-timeout", seconds,
+                  "Seconds after which a service that answers nothing at all ends the run")
+      ->check(CLI::Range(1, 86400))
+      ->capture_default_str()
+      ->type_name("SECONDS");
+}
+
 void add_limit_option(CLI::App& command, std::uint64_t& limit) {
   command
       .add_option("--limit", limit,

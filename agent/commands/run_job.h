@@ -30,5 +30,7 @@ Outcome run_job(Context& context, const json_spirit::Object& definition,
 /// Prints the definition as its records write it; nothing is run.
 void print_definition(Context& context, const Definition_File& definition);
 
+/// The option for the "service_timeout" of a run's definition.
+void add_service_timeout_option(CLI::App& command, unsigned& seconds);
 /// The option for the "rate_limit" of a run's definition: bytes per second, also as 500K, 20M or 20Mi.
 void add_limit_option(CLI::App& command, std::uint64_t& limit);

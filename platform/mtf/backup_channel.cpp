@@ -1,5 +1,6 @@
 #include "platform/mtf/backup_channel.h"
 
+#include "platform/mtf/engine_log.h"
 #include "platform/mtf/known_attributes.h"
 #include "platform/s3/error_map.h"
 #include "sdk/base/clock.h"
@@ -159,7 +160,7 @@ bool Backup_Channel::was_away_since(unsigned long long outages) {
   while (service.failing())
     if (!shared_.queue->wait_while_paused(SERVICE_CHECK))
       return false;
-  return service.outages() != outages && !shared_.queue->stopped();
+  return service.outages() != outages && !service.gone() && !shared_.queue->stopped();
 }
 
 /// After an outcome that is not DONE. Where the object is not to be read again it is accounted for.
@@ -172,8 +173,10 @@ bool Backup_Channel::read_again(Backup_Item& item, Reading_Outcome outcome, cons
   std::string message = reading.message();
   if (reason)
     message += " " + reason->text();
-  if (service_is_back(reason))
+  if (service_is_back(reason)) {
+    log_again(path);
     return true;
+  }
   const bool stopped = shared_.queue->stopped();
 
   if (outcome == Reading_Outcome::SKIPPED) {
@@ -237,13 +240,15 @@ void Backup_Channel::ask(Backup_Item& item, IFile_Reader_var& reader) {
     return;
   }
   File_Attributes attributes;
-  unsigned long long outages;
-  do {
-    outages = shared_.ledger ? shared_.ledger->service.outages() : 0;
+  for (;;) {
+    const unsigned long long outages = shared_.ledger ? shared_.ledger->service.outages() : 0;
     attributes = item.known->attributes;
     item.not_had.clear();
     update->update(("/" + item.path()).c_str(), attributes, item.not_had);
-  } while (!item.not_had.empty() && was_away_since(outages));
+    if (item.not_had.empty() || !was_away_since(outages))
+      break;
+    log_again(item.path());
+  }
   if (attributes.common == item.known->attributes.common && attributes.own == item.known->attributes.own)
     return;
   item.known->attributes = std::move(attributes);

@@ -16,3 +16,7 @@ void engine_log(const std::shared_ptr<ACE_Log_Msg_Callback>& log, ACE_Log_Priori
   record.msg_data(ACE_TEXT_CHAR_TO_TCHAR(line.c_str()));
   log->log(record);
 }
+
+void log_again(const std::string& path) {
+  ACE_DEBUG((LM_INFO, ACE_TEXT("%C%C\n"), AGAIN_LINE, path.c_str()));
+}

@@ -1,5 +1,7 @@
 #include "platform/mtf/restore_channel.h"
 
+#include "platform/mtf/engine_log.h"
+#include "platform/s3/error_map.h"
 #include "sdk/base/time_format.h"
 #include "sdk/mtf/file_attributes.h"
 #include "sdk/mtf/file_replacement.h"
@@ -14,6 +16,8 @@ namespace {
 
 /// Of an object too large to be verified whole, read and verified before its target is touched.
 constexpr size_t CHUNK = 1u << 20;
+/// Seconds between two looks whether the service has come back.
+constexpr double SERVICE_CHECK = 0.2;
 
 std::string with_reason(const std::string& message, const std::optional<S3_Error>& reason) {
   return message + (reason ? ": " + reason->text() : std::string()) + ".";
@@ -25,6 +29,27 @@ std::optional<S3_Error> take_failure(const Restore_Shared& shared) {
   return shared.ledger ? shared.ledger->take_failure_here() : std::nullopt;
 }
 
+unsigned long long outages_of(const Restore_Shared& shared) {
+  return shared.ledger ? shared.ledger->service.outages() : 0;
+}
+
+/// After a failure that may be the service's and not the object's: waits until it is known whether the service is
+/// there. True when it is, and was not at some moment since its outages were so many: what failed about `path` is worth
+/// another try, and the log says so.
+bool service_is_back(const Restore_Shared& shared, const std::string& path, const std::optional<S3_Error>& reason,
+                     unsigned long long outages) {
+  if (!reason || !shared.ledger || s3::blames(*reason) == s3::Blame::OBJECT)
+    return false;
+  const Service_Watch& service = shared.ledger->service;
+  while (service.failing())
+    if (!shared.rest(SERVICE_CHECK))
+      return false;
+  if (service.outages() == outages || service.gone() || shared.cut())
+    return false;
+  log_again(path);
+  return true;
+}
+
 void skip(const Restore_Shared& shared, const Media_Task& task, const std::string& message) {
   if (!shared.cut())
     shared.account->skipped(task.object.path, message);
@@ -33,6 +58,30 @@ void skip(const Restore_Shared& shared, const Media_Task& task, const std::strin
 void fail(const Restore_Shared& shared, const Media_Task& task, const std::string& message, int number = 0) {
   if (!shared.cut())
     shared.account->failed(task.object.path, number != 0 ? number : EIO, message);
+}
+
+bool open_stored(const Restore_Shared& shared, Prepared_Object& p) {
+  if (p.reading.open(p.task))
+    return true;
+  fail(shared, p.task, "What is stored of the object is damaged: " + p.reading.error() + ".");
+  return false;
+}
+
+/// Reads the open object into its buffer, whole or its beginning.
+bool fill(const Restore_Shared& shared, Prepared_Object& p) {
+  const size_t first = p.buffer.size() - 1;
+  p.filled = 0;
+  p.outcome = Read_Outcome::MORE;
+  while (p.outcome == Read_Outcome::MORE && (p.whole || p.filled < first)) {
+    size_t got = 0;
+    p.outcome = p.reading.read(p.buffer.data() + p.filled, first - p.filled + (p.whole ? 1 : 0), got);
+    p.filled += got;
+  }
+  shared.account->read(p.reading.stored());
+  if (p.outcome != Read_Outcome::DAMAGED && p.outcome != Read_Outcome::FAILED)
+    return true;
+  fail(shared, p.task, "What is stored of the object is damaged: " + p.reading.error() + ".");
+  return false;
 }
 
 } // namespace
@@ -84,9 +133,17 @@ void Restore_Reading::run() {
         return;
 }
 
-/// A policy that cannot see the target takes it for missing. What nobody could see is not ours to replace.
-bool Restore_Reading::could_look(const Media_Task& task) {
-  const std::optional<S3_Error> unseen = take_failure(shared_);
+/// Has `look` look at the target, `path`. A policy that cannot see it takes it for missing. What nobody could see is
+/// not ours to replace.
+bool Restore_Reading::could_look(const Media_Task& task, const std::string& path, const std::function<void()>& look) {
+  std::optional<S3_Error> unseen;
+  unsigned long long outages;
+  do {
+    outages = outages_of(shared_);
+    take_failure(shared_);
+    look();
+    unseen = take_failure(shared_);
+  } while (service_is_back(shared_, path, unseen, outages));
   if (unseen)
     fail(shared_, task, "The target was left as it is, for it could not be looked at: " + unseen->text() + ".",
          unseen->number());
@@ -97,9 +154,12 @@ bool Restore_Reading::could_look(const Media_Task& task) {
 bool Restore_Reading::is_wanted(const Media_Task& task, std::string& path) {
   if (shared_.converter.null())
     return true;
-  take_failure(shared_);
-  const Error_Code policy = shared_.converter->convert(path, to_time_t(task.object.mtime), false);
-  if (!could_look(task))
+  const std::string source = path;
+  Error_Code policy = E_OK;
+  if (!could_look(task, path, [&] {
+        path = source;
+        policy = shared_.converter->convert(path, to_time_t(task.object.mtime), false);
+      }))
     return false;
   if (policy == E_SKIP)
     shared_.account->unchanged();
@@ -114,8 +174,10 @@ bool Restore_Reading::is_there(const Prepared_Object& object) {
       shared_.only_different ? dynamic_cast<const IFile_Comparison*>(shared_.converter.get()) : nullptr;
   if (comparison == nullptr)
     return false;
-  const bool same = comparison->is_same(object.path.c_str(), object.task.object.size, object.reading.attributes());
-  if (!could_look(object.task))
+  bool same = false;
+  if (!could_look(object.task, object.path, [&] {
+        same = comparison->is_same(object.path.c_str(), object.task.object.size, object.reading.attributes());
+      }))
     return true;
   if (same)
     shared_.account->unchanged();
@@ -140,30 +202,16 @@ std::unique_ptr<Prepared_Object> Restore_Reading::prepare(const Media_Task& task
   Prepared_Object& p = *prepared;
   p.task = task;
   p.path = std::move(path);
-  if (!p.reading.open(p.task)) {
-    fail(shared_, task, "What is stored of the object is damaged: " + p.reading.error() + ".");
+  if (!open_stored(shared_, p) || is_there(p))
     return nullptr;
-  }
-  if (is_there(p))
-    return nullptr;
-  const bool whole = object.size <= shared_.memory.bytes();
-  const size_t first = whole ? static_cast<size_t>(object.size) : std::min(CHUNK, shared_.memory.bytes());
+  p.whole = object.size <= shared_.memory.bytes();
+  const size_t first = p.whole ? static_cast<size_t>(object.size) : std::min(CHUNK, shared_.memory.bytes());
   p.share.emplace(shared_.memory, first);
   if (!shared_.wait_while_paused())
     return nullptr;
   // One byte more, so that the read which finds the end of a whole object, or of an empty one, has a place.
   p.buffer.resize(first + 1);
-  while (p.outcome == Read_Outcome::MORE && (whole || p.filled < first)) {
-    size_t got = 0;
-    p.outcome = p.reading.read(p.buffer.data() + p.filled, first - p.filled + (whole ? 1 : 0), got);
-    p.filled += got;
-  }
-  shared_.account->read(p.reading.stored());
-  if (p.outcome == Read_Outcome::DAMAGED || p.outcome == Read_Outcome::FAILED) {
-    fail(shared_, task, "What is stored of the object is damaged: " + p.reading.error() + ".");
-    return nullptr;
-  }
-  return prepared;
+  return fill(shared_, p) ? std::move(prepared) : nullptr;
 }
 
 void Restore_Channel::run() {
@@ -171,40 +219,57 @@ void Restore_Channel::run() {
     const std::unique_ptr<Prepared_Object> object = shared_.handover.take();
     if (!object)
       return;
-    const unsigned long long before = object->reading.stored();
-    std::vector<std::string> not_given;
-    // What was given could not be checked any more: a restore that does that shall write the object again.
-    if (write(*object, not_given) && (not_given.empty() || !shared_.cut())) {
-      const Catalog_Object& saved = object->task.object;
-      shared_.account->saved(saved.size, saved.size);
-      if (!not_given.empty())
-        shared_.account->incomplete(saved.path, "The object is restored without all that belongs to it", not_given);
-    }
-    shared_.account->read(object->reading.stored() - before);
+    put(*object);
   }
 }
 
-/// Has what is at the target removed where the writer cannot replace it by itself.
-bool Restore_Channel::clear_the_way(const Prepared_Object& object, const IFile_Writer& writer) {
-  const auto* const replacement = dynamic_cast<const IFile_Replacement*>(&writer);
-  if ((replacement != nullptr && replacement->replaces_at_close()) || callback_->unlink(object.path.c_str()))
-    return true;
-  skip(shared_, object.task, with_reason("The existing target could not be removed", take_failure(shared_)));
-  return false;
+/// Writes an object, once more where the service was away meanwhile.
+void Restore_Channel::put(Prepared_Object& object) {
+  for (;;) {
+    const unsigned long long before = object.reading.stored(), outages = outages_of(shared_);
+    std::vector<std::string> not_given;
+    Refusal refusal;
+    const Writing result = write(object, not_given, refusal);
+    shared_.account->read(object.reading.stored() - before);
+    const Catalog_Object& stored = object.task.object;
+    // What was given could not be checked any more: a restore that does that shall write the object again.
+    if (result == Writing::WRITTEN && (not_given.empty() || !shared_.cut())) {
+      shared_.account->saved(stored.size, stored.size);
+      if (!not_given.empty())
+        shared_.account->incomplete(stored.path, "The object is restored without all that belongs to it", not_given);
+    }
+    if (result != Writing::REFUSED)
+      return;
+    if (!service_is_back(shared_, object.path, refusal.reason, outages)) {
+      if (refusal.skipped)
+        skip(shared_, object.task, refusal.message);
+      else
+        fail(shared_, object.task, refusal.message, refusal.reason ? refusal.reason->number() : 0);
+      return;
+    }
+    if (!object.whole && !(open_stored(shared_, object) && fill(shared_, object)))
+      return;
+  }
 }
 
 /// Puts an object whose first bytes are in its buffer in place of what is there.
-bool Restore_Channel::write(Prepared_Object& object, std::vector<std::string>& not_given) {
+Restore_Channel::Writing Restore_Channel::write(Prepared_Object& object, std::vector<std::string>& not_given,
+                                                Refusal& refusal) {
   const Catalog_Object& stored = object.task.object;
   take_failure(shared_);
   // Every way out but the last lets go of an open writer, which gives the target up.
   IFile_Writer_var writer = callback_->make_file_writer();
   if (writer.null()) {
     fail(shared_, object.task, "No writer could be made for the object.");
-    return false;
+    return Writing::ACCOUNTED;
   }
-  if (!clear_the_way(object, *writer))
-    return false;
+  const auto* const replacement = dynamic_cast<const IFile_Replacement*>(writer.get());
+  if ((replacement == nullptr || !replacement->replaces_at_close()) && !callback_->unlink(object.path.c_str())) {
+    refusal.skipped = true;
+    refusal.reason = take_failure(shared_);
+    refusal.message = with_reason("The existing target could not be removed", refusal.reason);
+    return Writing::REFUSED;
+  }
   auto* const sink = dynamic_cast<IFile_Attributes_Sink*>(writer.get());
   if (sink != nullptr) {
     sink->attributes(object.reading.attributes());
@@ -221,13 +286,13 @@ bool Restore_Channel::write(Prepared_Object& object, std::vector<std::string>& n
     if (result != E_OK || object.outcome == Read_Outcome::END)
       break;
     if (!shared_.wait_while_paused())
-      return false;
+      return Writing::ACCOUNTED;
     object.outcome = object.reading.next(bytes);
     if (object.outcome == Read_Outcome::DAMAGED || object.outcome == Read_Outcome::FAILED) {
       fail(shared_, object.task,
            "What is stored of the object is damaged after " + std::to_string(written) +
                " bytes: " + object.reading.error() + ".");
-      return false;
+      return Writing::ACCOUNTED;
     }
   }
   if (result == E_OK) {
@@ -245,13 +310,10 @@ bool Restore_Channel::write(Prepared_Object& object, std::vector<std::string>& n
   if (result == E_OK) {
     if (sink != nullptr)
       not_given.insert(not_given.end(), sink->refused().begin(), sink->refused().end());
-    return true;
+    return Writing::WRITTEN;
   }
-  const std::optional<S3_Error> reason = take_failure(shared_);
-  const std::string message = with_reason("The object could not be written to its target", reason);
-  if (result == E_SKIP)
-    skip(shared_, object.task, message);
-  else
-    fail(shared_, object.task, message, reason ? reason->number() : 0);
-  return false;
+  refusal.skipped = result == E_SKIP;
+  refusal.reason = take_failure(shared_);
+  refusal.message = with_reason("The object could not be written to its target", refusal.reason);
+  return Writing::REFUSED;
 }

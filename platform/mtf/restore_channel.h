@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-/// An object on its way from the thread that read and verified it to the one that writes it. Once: whatever way it
-/// takes out, the account has it.
+/// An object on its way from the thread that read and verified it to the one that writes it. Whatever way it takes out,
+/// the account has it once.
 struct Prepared_Object {
   Media_Task task;
   std::string path; ///< of the target
@@ -23,7 +23,8 @@ struct Prepared_Object {
   std::vector<char> buffer;
   size_t filled = 0; ///< bytes of content in `buffer`
   Stored_Reading reading;
-  Read_Outcome outcome = Read_Outcome::MORE;
+  Read_Outcome outcome = Read_Outcome::MORE; ///< of the last read of `reading`
+  bool whole = false;                        ///< `buffer` holds all of it, so that it can be written more than once
 };
 
 /// Where objects change hands: who brings one waits until it is taken. Any thread.
@@ -59,6 +60,8 @@ struct Restore_Shared {
   /// larger than all of it.
   Memory_Shares memory;
   std::function<bool()> wait_while_paused; ///< false once the run has to end
+  /// Waits so many seconds, and while paused. False once the run has to end.
+  std::function<bool(double)> rest = [](double) { return false; };
   /// Whether the run is being cut short, so that an object which fails says nothing about itself.
   std::function<bool()> cut = [] { return false; };
   Restore_Handover handover;
@@ -77,7 +80,7 @@ private:
   std::unique_ptr<Prepared_Object> prepare(const Media_Task& task);
   bool is_wanted(const Media_Task& task, std::string& path);
   bool is_there(const Prepared_Object& object);
-  bool could_look(const Media_Task& task);
+  bool could_look(const Media_Task& task, const std::string& path, const std::function<void()>& look);
 
   Restore_Shared& shared_;
 };
@@ -92,8 +95,17 @@ public:
   void run();
 
 private:
-  bool write(Prepared_Object& object, std::vector<std::string>& not_given);
-  bool clear_the_way(const Prepared_Object& object, const MTF::IFile_Writer& writer);
+  /// Why an object could not be put into its place, for the account.
+  struct Refusal {
+    bool skipped = false; ///< else it failed
+    std::string message;
+    std::optional<S3_Error> reason; ///< what the service said
+  };
+  /// REFUSED: the account does not have it yet. ACCOUNTED: it has, or the run ends.
+  enum class Writing { WRITTEN, ACCOUNTED, REFUSED };
+
+  void put(Prepared_Object& object);
+  Writing write(Prepared_Object& object, std::vector<std::string>& not_given, Refusal& refusal);
 
   Restore_Shared& shared_;
   MTF::IRestore_Callback_var callback_;

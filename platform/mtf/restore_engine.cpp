@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -135,7 +136,8 @@ struct Restore_Engine::Impl {
   void supervise(bool tell);
   bool canceling() const { return !handler.null() && handler->is_canceling(); }
   bool begin_commit();
-  bool wait_while_paused();
+  bool wait_while_paused(double seconds = 0);
+  bool is_cut() const { return cut || canceling() || (ledger && ledger->service.gone()); }
   void conclude(const ACE_Time_Value& begun);
 
   Restore_Order order;
@@ -204,8 +206,11 @@ void Restore_Engine::Impl::fail(Error_Code why, const std::string& text) {
   shared.handover.stop();
 }
 
-bool Restore_Engine::Impl::wait_while_paused() {
+/// Also so many seconds.
+bool Restore_Engine::Impl::wait_while_paused(double seconds) {
   std::unique_lock<std::mutex> lock(mutex);
+  if (seconds > 0)
+    resumed.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return stopped; });
   resumed.wait(lock, [this] { return stopped || !paused; });
   return !stopped;
 }
@@ -297,7 +302,8 @@ bool Restore_Engine::Impl::restore_objects() {
   shared.account = &account;
   shared.ledger = ledger;
   shared.memory.open(order.byte_budget);
-  shared.cut = [this] { return cut || canceling(); };
+  shared.cut = [this] { return is_cut(); };
+  shared.rest = [this](double seconds) { return wait_while_paused(seconds); };
   shared.wait_while_paused = [this] { return wait_while_paused(); };
   channels = count;
   const auto failed = [this](const std::string& why) { fail(E_FAILED, "The restore ends: " + why + "."); };

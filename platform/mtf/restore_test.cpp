@@ -6,6 +6,9 @@
 #include "platform/mtf/restore_engine.h"
 #include "platform/mtf/verify.h"
 #include "platform/pool/set_keys.h"
+#include "platform/s3/ledger.h"
+#include "sdk/base/clock.h"
+#include "sdk/job/job.h"
 #include "sdk/mtf/file_replacement.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +34,8 @@ struct Fake_Target {
   std::atomic<int> callbacks{-1};            ///< how many may still be made; negative: any number
   std::atomic<unsigned> made{0};
   std::function<void()> on_open;
-  int replaces = -1;              ///< what writers say about it; negative: they say nothing
+  std::function<void(const std::string&)> on_failure; ///< with the path of what is broken, before it fails
+  int replaces = -1;                                  ///< what writers say about it; negative: they say nothing
   std::vector<std::string> steps; ///< "unlink PATH", "open PATH", "close PATH", "let go PATH" in their order
   unsigned writers = 0;           ///< that are there now
   unsigned most_writers = 0;
@@ -82,9 +86,15 @@ private:
     target_.steps.push_back(what + path_);
   }
   bool fails(const std::string& where) {
-    std::lock_guard<std::mutex> guard(target_.mutex);
-    const auto found = target_.broken.find(path_);
-    return found != target_.broken.end() && found->second == where;
+    {
+      std::lock_guard<std::mutex> guard(target_.mutex);
+      const auto found = target_.broken.find(path_);
+      if (found == target_.broken.end() || found->second != where)
+        return false;
+    }
+    if (target_.on_failure)
+      target_.on_failure(path_);
+    return true;
   }
 
   Fake_Target& target_;
@@ -1038,6 +1048,134 @@ TEST_P(Restore, object_of_another_place_is_not_taken_for_the_one_looked_for) {
   EXPECT_TRUE(events_->named("/b/one"));
 }
 
+/// A restore of a job whose service is away for a while, or for good.
+class Restore_With_Outage : public Restore {
+protected:
+  void SetUp() override {
+    Restore::SetUp();
+    job_ = new Job(Job_Definition_var(new Job_Definition));
+    Job::current(job_);
+    fill(12, 9000);
+    back_up();
+  }
+  void TearDown() override {
+    over_ = true;
+    if (answers_.joinable())
+      answers_.join();
+    Restore::TearDown();
+    Job::current(nullptr);
+    Job::intrusive_remove_ref(job_);
+  }
+  Service_Watch& service() { return job_->ledger()->service; }
+
+  /// As the S3 layer says it, in the thread whose request it was.
+  void unanswered() {
+    const ACE_Time_Value now = Clock::instance().monotonic();
+    job_->ledger()->failed_here(S3_Error(EIO, 503, "ServiceUnavailable", "down", true));
+    service().failed("down.", static_cast<double>(now.sec()), [] {});
+  }
+  /// Each time that the service was asked and did not answer it does so afterwards.
+  void answer_later() {
+    answers_ = std::thread([this] {
+      for (unsigned long long seen = 0; !over_; std::this_thread::yield())
+        if (const unsigned long long now = service().outages(); now != seen) {
+          seen = now;
+          service().answered();
+        }
+    });
+  }
+
+  Job* job_ = nullptr;
+  std::atomic<bool> over_{false};
+  std::thread answers_;
+};
+
+TEST_P(Restore_With_Outage, object_that_the_service_was_away_for_is_written_again_from_its_start) {
+  order_.byte_budget = 4000; // the larger ones are not in memory as a whole
+  unsigned number = 0;
+  for (const std::string& path : source_.order)
+    target_.broken["/" + path] = std::vector<std::string>{"open failed", "write", "close"}[number++ % 3];
+  target_.on_failure = [this](const std::string& path) {
+    unanswered();
+    const std::lock_guard<std::mutex> guard(target_.mutex);
+    target_.broken.erase(path);
+  };
+  answer_later();
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code());
+  EXPECT_EQ(12u, events_->figure("saved"));
+  expect_restored(all());
+}
+
+TEST_P(Restore_With_Outage, target_that_could_not_be_looked_at_meanwhile_is_looked_at_again) {
+  std::atomic<int> unseen{1};
+  order_.concurrent = 1;
+  order_.only_different = true;
+  order_.converter = MTF_FS::IPath_Converter_var(new Comparing_Policy(E_OK, [&](const std::string&, ACE_UINT64) {
+    if (unseen-- > 0)
+      unanswered();
+    return unseen >= 0;
+  }));
+  answer_later();
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(E_OK, engine_->err_code());
+  EXPECT_EQ(12u, events_->figure("saved"));
+  expect_restored(all());
+}
+
+TEST_P(Restore_With_Outage, path_of_a_target_is_made_from_the_object_s_own_each_time) {
+  std::atomic<int> unseen{1};
+  order_.concurrent = 1;
+  order_.converter = MTF_FS::IPath_Converter_var(new Policy([&](std::string& path, time_t) {
+    if (unseen-- > 0)
+      unanswered();
+    path = "/moved" + path;
+    return E_OK;
+  }));
+  answer_later();
+  ASSERT_TRUE(run()) << engine_->failure();
+  EXPECT_EQ(12u, events_->figure("saved"));
+  for (const std::string& path : all())
+    EXPECT_EQ(source_.objects[path].data, target_.objects["/moved/" + path]) << path;
+}
+
+/// Holds the engine up where it has found the service gone and does not yet act on it, until a channel asks.
+class Late_Events : public Fake_Events {
+public:
+  explicit Late_Events(Service_Watch& service) : service_(service) {}
+  bool canceling() override {
+    if (std::this_thread::get_id() != engine_)
+      asked_ = asked_ || service_.gone();
+    else
+      while (service_.gone() && !asked_)
+        std::this_thread::yield();
+    return false;
+  }
+
+private:
+  Service_Watch& service_;
+  const std::thread::id engine_ = std::this_thread::get_id();
+  std::atomic<bool> asked_{false};
+};
+
+TEST_P(Restore_With_Outage, object_is_not_blamed_for_a_service_that_is_gone) {
+  events_ = new Late_Events(service());
+  handler_ = Event_Handler_var(events_);
+  service().limit(0);
+  order_.concurrent = 1;
+  target_.broken["/b/d0/o100"] = "close";
+  target_.on_failure = [this](const std::string&) {
+    unanswered();
+    while (!service().gone())
+      std::this_thread::yield();
+  };
+  EXPECT_FALSE(run());
+  EXPECT_NE(std::string::npos, engine_->failure().find("The service is gone")) << engine_->failure();
+  EXPECT_EQ(0u, events_->figure("failed") + events_->figure("skipped"));
+  EXPECT_EQ("", events_->message("/b/d0/o100"));
+}
+
+INSTANTIATE_TEST_SUITE_P(plain, Restore_With_Outage, testing::Values(false));
 INSTANTIATE_TEST_SUITE_P(encrypted, Encrypted_Restore, testing::Values(true));
 INSTANTIATE_TEST_SUITE_P(plain_and_encrypted, Restore, testing::Bool(),
                          [](const auto& info) { return std::string(info.param ? "encrypted" : "plain"); });

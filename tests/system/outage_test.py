@@ -1,5 +1,5 @@
 """A service that is gone ends a backup as failed, without a set, and the next one goes on; objects that cannot be had at
-a service which is there are skipped."""
+a service which is there are skipped. A restore ends likewise, with whole objects in its target."""
 import json
 import subprocess
 import time
@@ -96,6 +96,97 @@ class Outage(harness.Scenario):
         outcome = self.backup("/bucket/", "--service-timeout", "1", expect=3)
         self.assertEqual((OBJECTS - broken, 0, broken), (outcome["unchanged"], outcome["saved"], outcome["skipped"]))
         self.assertEqual(2, len(self.agent("sets", "--json").json["sets"]))
+
+
+class Restore_Outage(harness.Scenario):
+    def setUp(self):
+        super().setUp()
+        self.server = harness.Test_Server("--synthetic", "bucket,%d,4000" % OBJECTS, "--object",
+                                          "bucket,d0000/e00/large,%d" % (20 << 20), "--bucket", "target", "--latency", "20",
+                                          "--log")
+        self.addCleanup(self.stop)
+        self.running = True
+        self.add_account(self.server)
+        self.add_pool()
+        self.set = self.backup("/bucket/")["set"]
+
+    def stop(self):
+        if self.running:
+            self.running = False
+            self.server.stop()
+
+    def start(self, *options, operation="PutObject"):
+        """A restore that has written some objects and not nearly all; with policies that look first, looked at."""
+        process = subprocess.Popen(self.command("restore", self.set, "--map", "bucket=target", "--json", "--concurrent", "4",
+                                                *options),
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(process.kill)
+        while self.server.ask("sequence").count(operation) < 100 and process.poll() is None:
+            pass
+        self.assertIsNone(process.poll())
+        return process
+
+    def end(self, process, status):
+        out, error = process.communicate()
+        self.assertEqual(status, process.returncode, "%s%s%s" % (out, error, self.last_log_lines()))
+        return json.loads(out.splitlines()[-1]), error.decode()
+
+    def keys(self):
+        pages = self.server.client().get_paginator("list_objects").paginate(Bucket="target")
+        return [item["Key"] for page in pages for item in page.get("Contents", [])]
+
+    def assert_whole(self, keys):
+        for key in keys:
+            self.assertEqual("none", self.server.ask("difference", "bucket", key, "target", key))
+
+    def check_gone(self, outcome, error):
+        self.assertEqual("failed", outcome["outcome"])
+        self.assertIn("The service is gone: nothing was answered for 2 seconds.", outcome["message"])
+        self.assertIn("The service is gone", error)
+        self.assertEqual(1, len(error.splitlines()), error)
+        self.assertEqual((0, 0, []), (outcome["skipped"], outcome["failed"], outcome["errors"]))
+        self.assertTrue(0 < outcome["saved"] < OBJECTS, outcome)
+
+    def check_that_it_goes_on(self, outcome):
+        self.server.ask("serve")
+        there = self.keys()
+        self.assertEqual(outcome["saved"], len(there))
+        self.assert_whole(there)
+        after, _ = self.end(self.start("--existing", "different"), 0)
+        self.assertEqual((len(there), OBJECTS + 1 - len(there)), (after["unchanged"], after["saved"]))
+        there = self.keys()
+        self.assertEqual(OBJECTS + 1, len(there))
+        self.assert_whole(there)
+
+    def test_service_that_is_down_ends_the_restore_and_the_next_goes_on(self):
+        process = self.start("--service-timeout", "2")
+        self.server.ask("fail", "503", "ServiceUnavailable")
+        outcome, error = self.end(process, 1)
+        self.check_gone(outcome, error)
+        self.check_that_it_goes_on(outcome)
+
+    def test_restore_that_looks_first_counts_no_object_that_it_could_not_look_at(self):
+        process = self.start("--service-timeout", "2", "--existing", "skip", operation="HeadObject")
+        self.server.ask("fail", "503", "ServiceUnavailable")
+        outcome, error = self.end(process, 1)
+        self.check_gone(outcome, error)
+        self.check_that_it_goes_on(outcome)
+
+    def test_service_that_nobody_can_connect_to_ends_the_restore(self):
+        process = self.start("--service-timeout", "2")
+        self.stop()
+        self.check_gone(*self.end(process, 1))
+
+    def test_short_outage_costs_no_object(self):
+        process = self.start("--service-timeout", "100")
+        self.server.ask("fail", "403", "InvalidAccessKeyId")
+        # Each of the channels was refused, and so was the question whether the service is there.
+        while int(self.server.ask("struck")) < 5 and process.poll() is None:
+            pass
+        self.server.ask("serve")
+        outcome, _ = self.end(process, 0)
+        self.assertEqual((OBJECTS + 1, []), (outcome["saved"], outcome["errors"]))
+        self.assert_whole(self.keys())
 
 
 if __name__ == "__main__":
