@@ -135,6 +135,25 @@ class Deletion(harness.Scenario):
         self.delete(range(119))
         self.assertEqual(119, self.backup("/data/", "--max-deleted", "100%")["deleted"])
 
+    def test_all_of_many_may_go_where_nothing_need_be_there(self):
+        self.put(120)
+        self.backup("/data/")
+        self.delete(range(120))
+        self.assertEqual(120, self.backup("/data/", "--allow-empty")["deleted"])
+
+    def test_what_could_not_be_listed_has_not_gone(self):
+        self.put(110, "a/")
+        self.client.put_object(Bucket="empty", Key="k", Body=b"k")
+        self.backup("/data/", "/empty/", "--name", "all")
+        server = self.server.ask
+        server("refuse", "ListObjects*", "1")
+        self.assertNotIn("--allow-empty", self.fails("/data/", "/empty/", "--name", "all", "--full"))
+        server("serve")
+        self.delete(range(110), "a/")
+        self.client.delete_bucket(Bucket="data")
+        outcome = self.backup("/data/", "/empty/", "--name", "all", "--full", expect=3)
+        self.assertEqual(1, outcome["saved"])
+
     def test_limit_that_makes_no_sense_is_refused(self):
         for limit in ("half", "101%", "-1", ""):
             if limit:
