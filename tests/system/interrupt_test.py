@@ -30,6 +30,24 @@ class Interrupt(harness.Scenario):
         self.assertEqual("cancelled", harness.Result(130, process.stdout.read().decode(), "").json["outcome"])
         self.assertEqual([], self.agent("sets", "--json").json["sets"])
 
+    def test_objects_that_a_cancel_cuts_are_not_named(self):
+        for stalled in ("GetObject,0", "GetObject,10"):
+            # Read ahead, and by the channel's writer.
+            server = harness.Test_Server("--object", "bucket,small,1000", "--object", "bucket,large,%d" % (64 << 20),
+                                         "--stall", stalled)
+            self.addCleanup(server.stop)
+            self.add_account(server, stalled)
+            if stalled == "GetObject,0":
+                self.add_pool()
+            process = self.start("backup", stalled, "/bucket/", "--pool", "disk", "--json")
+            while server.ask("stalled") != "yes" and process.poll() is None:
+                pass
+            process.send_signal(signal.SIGINT)
+            self.assertEqual(130, process.wait(timeout=60))
+            outcome = harness.Result(130, process.stdout.read().decode(), "").json
+            self.assertEqual(("cancelled", 0, 0, 0, []),
+                             tuple(outcome[one] for one in ("outcome", "saved", "skipped", "failed", "errors")))
+
     def test_other_command_ends_at_once(self):
         server = harness.Test_Server("--synthetic", "bucket,2000,1")
         self.addCleanup(server.stop)

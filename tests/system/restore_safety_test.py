@@ -324,7 +324,8 @@ class Deleting(With_Set):
 
     def test_nothing_goes_after_a_cancelled_restore(self):
         server = self.serve_full(3, "--stall", "PutObject,0")
-        self.assertEqual(0, self.cancel(lambda: server.ask("stalled") == "yes")["removed"])
+        answer = self.cancel(lambda: server.ask("stalled") == "yes")
+        self.assertEqual((0, 0, 0, []), (answer["removed"], answer["skipped"], answer["failed"], answer["errors"]))
         self.assertNotIn("DeleteObject", server.ask("sequence"))
 
     def test_cancel_ends_the_removing(self):

@@ -87,6 +87,18 @@ class Tags_Later(harness.Scenario):
         self.assertEqual({"color": "blue"}, self.attributes(fresh["set"])["tagged"]["tags"])
         self.assertEqual({"not asked"}, {row[-9:] for row in self.rows(fresh["set"]).values()})
 
+    def test_access_lists_that_changed_come_when_all_are_asked(self):
+        self.backup("/data/", "--acl")
+        now = self.client.get_object_acl(Bucket="data", Key="shared")
+        self.client.put_object_acl(Bucket="data", Key="shared",
+                                   AccessControlPolicy={"Grants": now["Grants"][:1], "Owner": now["Owner"]})
+        self.assertIn("access 2 grants", str(self.rows(self.backup("/data/", "--acl")["set"])))
+        self.ask_all()
+        fresh = self.backup("/data/", "--refresh-tags", "--acl")
+        self.assertEqual(3, fresh["unchanged"])
+        self.assertEqual([{"GetObjectAcl": 1, "GetObjectTagging": 1}] * 3, self.ask_all())
+        self.assertNotIn("access 2 grants", str(self.rows(fresh["set"])))
+
     def test_access_list_that_is_saved_no_longer_is_told_by_number(self):
         self.backup("/data/", "--acl", "--full")
         self.client.put_object(Bucket="data", Key="shared", Body=b"another", ACL="public-read")
