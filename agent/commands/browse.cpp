@@ -1,5 +1,6 @@
 #include "agent/commands/browse_page.h"
 #include "agent/commands/commands.h"
+#include "agent/times.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,17 +22,30 @@ void browse(Context& context, const Browse_Arguments& arguments) {
   context.module();
   const Browse_Page page =
       browse_page(context, context.account(arguments.account).uuid, arguments.path, arguments.limit, arguments.marker);
+  // What a page names is what goes on after the path.
+  std::string above = arguments.path;
+  if (!above.empty() && above.find('/', 1) == std::string::npos)
+    above += '/';
+  json_spirit::Object json{{"truncated", page.truncated}};
+  if (page.truncated)
+    json["marker"] = page.marker;
+  json_spirit::Array entries;
   Lines text;
-  for (const std::string& folder : page.folders)
-    text.add("                              -  " + folder);
+  for (const std::string& folder : page.folders) {
+    entries.push_back(json_spirit::Object{{"dir", above + folder}});
+    text.add("                                -  " + above + folder);
+  }
   for (const Browse_Page::File& file : page.files) {
     char size[32];
     std::snprintf(size, sizeof size, " %12llu  ", file.size);
-    text.add(file.mtime + size + file.name);
+    entries.push_back(
+        json_spirit::Object{{"file", above + file.name}, {"size", file.size}, {"mtime", json_time(file.mtime)}});
+    text.add(zoned_time(file.mtime) + size + above + file.name);
   }
   if (page.truncated)
     text.add("... more follows: --marker '" + page.marker + "'");
-  context.print(page.json, text);
+  json["result"] = entries;
+  context.print(json, text);
 }
 
 } // namespace

@@ -34,10 +34,10 @@ Browse_Page browse_page(Context& context, const std::string& account_uuid, const
     throw Command_Error(refusal(*reply));
 
   Browse_Page page;
-  page.json = dynamic_cast<JSON_RPC_Response&>(*reply).result().get_obj();
-  page.truncated = page.json.at("truncated").get_bool();
-  page.marker = json_spirit::optional_str(page.json, "marker");
-  for (const json_spirit::Value& value : page.json.at("result").get_array()) {
+  const json_spirit::Object& answer = dynamic_cast<JSON_RPC_Response&>(*reply).result().get_obj();
+  page.truncated = answer.at("truncated").get_bool();
+  page.marker = json_spirit::optional_str(answer, "marker");
+  for (const json_spirit::Value& value : answer.at("result").get_array()) {
     const json_spirit::Object& item = value.get_obj();
     if (const json_spirit::Value* folder = json_spirit::find(item, "dir"))
       page.folders.push_back(folder->get_str());

@@ -15,8 +15,7 @@ struct Browse_Page {
   std::vector<std::string> folders; ///< "/bucket/" at the root, else behind the asked path
   std::vector<File> files;
   bool truncated = false;
-  std::string marker;       ///< where the next page begins
-  json_spirit::Object json; ///< the answer itself
+  std::string marker; ///< where the next page begins
 };
 
 /// Asks for the page of `path` ("": the buckets) behind `marker`; `limit` 0: the service's own page. Throws

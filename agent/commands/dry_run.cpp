@@ -2,10 +2,10 @@
 
 #include "agent/commands/browse_page.h"
 #include "agent/commands/open_set.h"
+#include "agent/times.h"
 #include "sdk/file_backup/file_backup.h"
 #include "sdk/mtf/filter.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -65,9 +65,7 @@ private:
     ++objects;
     bytes += file.size;
     if (context_.json) {
-      std::string mtime = file.mtime + "Z";
-      std::replace(mtime.begin(), mtime.end(), ' ', 'T');
-      print_json_line(json_spirit::Object{{"file", path}, {"size", file.size}, {"mtime", mtime}});
+      print_json_line(json_spirit::Object{{"file", path}, {"size", file.size}, {"mtime", json_time(file.mtime)}});
       return;
     }
     char size[32];

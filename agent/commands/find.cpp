@@ -1,6 +1,7 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
 #include "agent/commands/search.h"
+#include "agent/times.h"
 
 #include "platform/crypto/base64.h"
 
@@ -20,12 +21,13 @@ struct Find_Arguments {
 
 void print_match(const Context& context, const Set& set, const std::string& stored_in, const Catalog_Object& object) {
   if (!context.json) {
-    print_line(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + flags_text(object));
+    print_line(set.uuid + "  " + zoned_time(set.end_time) + "  " + object_head(object) + "/" + object.path +
+               flags_text(object));
     return;
   }
   json_spirit::Object line = object_json(object);
   line["set"] = set.uuid;
-  line["set_time"] = set.end_time;
+  line["set_time"] = json_time(set.end_time);
   line["stored_in"] = stored_in;
   line["sha256"] = to_hex(object.sha256, sizeof object.sha256);
   add_flags(object, line);
@@ -39,12 +41,13 @@ void print_deletion(const Context& context, const Set& set, const Catalog_Deleti
   object.size = deletion.size;
   object.mtime = deletion.mtime;
   if (!context.json) {
-    print_line(set.uuid + "  " + set.end_time + "  " + object_head(object) + "/" + object.path + "  (deleted)");
+    print_line(set.uuid + "  " + zoned_time(set.end_time) + "  " + object_head(object) + "/" + object.path +
+               "  (deleted)");
     return;
   }
   json_spirit::Object line = object_json(object);
   line["set"] = set.uuid;
-  line["set_time"] = set.end_time;
+  line["set_time"] = json_time(set.end_time);
   line["deleted"] = true;
   print_json_line(line);
 }

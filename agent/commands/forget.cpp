@@ -1,6 +1,7 @@
 #include "agent/commands/commands.h"
 #include "agent/retention.h"
 #include "agent/set_outcome.h"
+#include "agent/times.h"
 
 #include "platform/catalog/catalog_sum.h"
 #include "platform/catalog/open_catalog.h"
@@ -357,12 +358,12 @@ private:
       first = &*one;
       json_spirit::Object json;
       json["set"] = one->record.uuid;
-      json["time"] = one->record.start_time;
+      json["time"] = json_time(one->record.start_time);
       json["type"] = one->record.type;
       json["storage_size"] = one->record.backup_set_storage_size;
       add_set_outcome(one->record.missing(), json);
-      const std::string line = one->record.uuid + "  " + one->record.start_time + "  " + one->record.type + "  " +
-                               set_outcome_text(one->record.missing());
+      const std::string line = one->record.uuid + "  " + zoned_time(one->record.start_time) + "  " + one->record.type +
+                               "  " + set_outcome_text(one->record.missing());
       // What stays after all keeps what it points into.
       if (one->reasons.empty() && !remove(one->record)) {
         one->reasons.push_back("it could not be removed");

@@ -59,7 +59,7 @@ std::string flags_text(const Catalog_Object& object) {
 
 std::string object_head(const Catalog_Object& object) {
   char head[64];
-  std::snprintf(head, sizeof head, "%s %12llu  ", POSIX_Time_To_ISO8601(object.mtime, "%Y-%m-%d %H:%M:%S").c_str(),
+  std::snprintf(head, sizeof head, "%s %12llu  ", POSIX_Time_To_ISO8601(object.mtime, "%Y-%m-%d %H:%M:%SZ").c_str(),
                 object.size);
   return head;
 }

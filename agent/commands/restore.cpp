@@ -10,6 +10,7 @@
 #include "agent/prompt.h"
 #include "agent/set_choice.h"
 #include "agent/set_outcome.h"
+#include "agent/times.h"
 
 #include "sdk/job/job_definition.h"
 
@@ -154,7 +155,7 @@ void restore(Context& context, Restore_Arguments& arguments) {
   const Set set = chosen_set(context, arguments);
   checked_paths(arguments.paths);
   if (set.uuid.compare(0, arguments.set.size(), arguments.set) != 0)
-    print_error(arguments.set + " is set " + set.uuid + ", which ended " + set.end_time + " UTC");
+    print_error(arguments.set + " is set " + set.uuid + ", which ended " + zoned_time(set.end_time));
   warn_of_incomplete_set(set);
   const Account account = target_account(context, set, arguments.to);
   const std::unique_ptr<Catalog_Reader> catalog = open_catalog(context, set);

@@ -1,6 +1,7 @@
 #include "agent/commands/commands.h"
 #include "agent/commands/open_set.h"
 #include "agent/set_outcome.h"
+#include "agent/times.h"
 
 #include "platform/pool/set_order.h"
 #include "sdk/base/clock.h"
@@ -50,8 +51,8 @@ json_spirit::Object set_json(const Set& set, const Names& names) {
   json["selection_name"] = set.minor_resource_name;
   json["type"] = set.type;
   json["seq"] = set.seq;
-  json["start_time"] = set.start_time;
-  json["end_time"] = set.end_time;
+  json["start_time"] = json_time(set.start_time);
+  json["end_time"] = json_time(set.end_time);
   json["objects"] = set.objects;
   add_set_outcome(set.missing, json);
   json["source_size"] = set.source_size;
@@ -61,9 +62,9 @@ json_spirit::Object set_json(const Set& set, const Names& names) {
 
 /// Names that are not known are "-".
 std::string set_line(const Set& set, const Names& names) {
-  std::string line = set.uuid + "  " + set.end_time + "  " + set.type + "  " + std::to_string(set.objects) +
-                     " objects  " + human_bytes(set.source_size) + " (" + human_bytes(set.backup_set_storage_size) +
-                     " stored)  " + set_outcome_text(set.missing);
+  std::string line = set.uuid + "  " + zoned_time(set.start_time) + " to " + zoned_time(set.end_time) + "  " +
+                     set.type + "  " + std::to_string(set.objects) + " objects  " + human_bytes(set.source_size) +
+                     " (" + human_bytes(set.backup_set_storage_size) + " stored)  " + set_outcome_text(set.missing);
   for (const std::string& name :
        {Names::of(names.accounts, set.account_uuid), Names::of(names.pools, set.pool_uuid), set.minor_resource_name})
     line += "  " + (name.empty() ? std::string("-") : name);
@@ -159,7 +160,7 @@ public:
     if (json_)
       print_json_line(entry);
     else
-      print_line("                              -  " + std::string(long_ ? ATTRIBUTES_WIDTH : 0, ' ') + "/" + path);
+      print_line("                                -  " + std::string(long_ ? ATTRIBUTES_WIDTH : 0, ' ') + "/" + path);
   }
   void object(const Catalog_Object& object) {
     if (json_) {

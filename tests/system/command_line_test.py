@@ -3,6 +3,8 @@ import os
 
 import harness
 
+JSON_TIME = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$"
+
 
 class Command_Line(harness.Scenario):
     def setUp(self):
@@ -65,6 +67,40 @@ class Command_Line(harness.Scenario):
         line, = self.agent("sets").stdout.splitlines()
         self.assertTrue(line.startswith(made), line)
         self.assertTrue(line.endswith("  work  disk  everything\\nelse"), line)
+
+    def test_times_say_their_zone(self):
+        made = self.backup("/data/")["set"]
+        row, = self.agent("sets", "--json").json["sets"]
+        for member in ("start_time", "end_time"):
+            self.assertRegex(row[member], JSON_TIME)
+        start, end = (row[member].replace("T", " ") for member in ("start_time", "end_time"))
+        self.assertIn("%s  %s to %s  full" % (made, start, end), self.agent("sets").stdout)
+        self.assertIn("%s  %s  full" % (made, start), self.agent("forget", "--keep-last", "1").stdout)
+        group, = self.agent("forget", "--keep-last", "1", "--json").json["groups"]
+        self.assertEqual(row["start_time"], group["kept"][0]["time"])
+        self.assertTrue(self.agent("find", "three").stdout.startswith("%s  %s  " % (made, end)))
+        self.assertEqual(row["end_time"], self.agent("find", "three", "--json").json["set_time"])
+        mtime = self.agent("ls", made, "/data/three", "--json").json["mtime"]
+        self.assertRegex(mtime, JSON_TIME)
+        for command in (("ls", made, "/data/three"), ("browse", "work", "/data/three")):
+            self.assertTrue(self.agent(*command).stdout.startswith(mtime.replace("T", " ") + " "), command)
+
+    def test_browse_shows_whole_paths(self):
+        def shown(*arguments):
+            answer = self.agent("browse", "work", *arguments, "--json").json
+            paths = [entry.get("file") or entry["dir"] for entry in answer["result"]]
+            lines = self.agent("browse", "work", *arguments).stdout.splitlines()
+            self.assertEqual(paths, [line.split("  ")[-1] for line in lines])
+            for entry in answer["result"]:
+                if "file" in entry:
+                    self.assertRegex(entry["mtime"], JSON_TIME)
+            return paths
+        self.assertIn("/data/", shown())
+        for path in ("/data/", "/data"):
+            self.assertEqual(["/data/a/", "/data/three"], shown(path))
+        self.assertEqual(["/data/a/one", "/data/a/two"], shown("/data/a/"))
+        self.assertEqual(["/data/three"], shown("/data/three"))
+        self.assertEqual(["/data/a/two"], shown("/data/a/t"))
 
     def test_dry_run_of_a_backup_has_a_line_per_object(self):
         lines = self.agent("backup", "work", "/data/", "--pool", "disk", "--exclude", "/data/three", "--dry-run",

@@ -78,9 +78,9 @@ class Printing(harness.Scenario):
 
     def test_names_in_accounts_as_they_are_now(self):
         page = self.say("browse", "work", "/data/").stdout
-        self.assert_objects([shown for shown in ODD.values() if "/" not in shown] + ["refused"], page,
-                            r"^\d{4}-\S+ \S+ +\d+  (.*)$")
-        self.assert_objects(["wide/", FOLDER_SHOWN], page, "^ +-  (.*)$")
+        self.assert_objects(["/data/" + shown for shown in ODD.values() if "/" not in shown] + ["/data/refused"], page,
+                            r"^\d{4}-\S+ \S+Z +\d+  (.*)$")
+        self.assert_objects(["/data/wide/", "/data/" + FOLDER_SHOWN], page, "^ +-  (.*)$")
         page = self.say("browse", "work", "/data/", "--limit", "4").stdout
         self.assertIn("--marker 'color\\x1b[31mred'\n", page)
         self.assert_objects(self.all, self.say("backup", "work", "/data/", "--pool", "disk", "--dry-run").stdout,
