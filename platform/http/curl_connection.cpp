@@ -21,6 +21,15 @@ constexpr std::chrono::milliseconds CANCEL_CHECK(250);
 /// The library reads up to so many buffers at one call (7.88).
 constexpr long READS = 100;
 
+/// At least as long as the head of a request for which the library adds the request line, the host, the name to go by
+/// and the body's length.
+unsigned long long longest_head(const HTTP_Request& request, const std::string& user_agent) {
+  size_t size = request.method.size() + 2 * request.url.size() + user_agent.size() + 128;
+  for (const auto& [name, value] : request.headers)
+    size += name.size() + value.size() + 4;
+  return size;
+}
+
 /// What the system holds of a connection whose bytes are limited has been moved already, whatever is counted here.
 int limit_socket(void* rate, curl_socket_t socket, curlsocktype) {
   const int size = static_cast<int>(std::max(static_cast<Rate_Limit*>(rate)->piece(), 4096ul));
@@ -122,6 +131,7 @@ bool Curl_Connection::send(const HTTP_Request& request) {
   }
   uploading_ = request.has_body;
   to_send_ = request.body.size();
+  longest_head_ = longest_head(request, pool_->settings().user_agent);
   may_dawdle_ = request.method != "GET"; // A service that puts parts together sends blanks meanwhile.
   // Connecting has a time-out of its own, during which no byte moves; it counts where every wait is not bounded anyway.
   const unsigned idle = cancellable_ ? std::max(idle_timeout_, pool_->settings().connect_timeout + 1) : idle_timeout_;
@@ -295,7 +305,10 @@ void Curl_Connection::count_sent() {
   if (uploading_)
     curl_easy_getinfo(channel_->easy.get(), CURLINFO_SIZE_UPLOAD_T, &body);
   body_sent_ = static_cast<unsigned long long>(body);
-  sent_ = static_cast<unsigned long long>(head) + body_sent_;
+  sent_ = static_cast<unsigned long long>(head);
+  // A small body leaves in one piece with the head, and the library counts it as a part of that as well (7.88).
+  if (uploading_)
+    sent_ = std::min(sent_, longest_head_) + body_sent_;
 }
 
 void Curl_Connection::perform() {

@@ -98,6 +98,7 @@ private:
   unsigned long long turn_left_ = 0;        ///< bytes of a body that may still be taken in this turn
   unsigned long long to_send_ = 0;          ///< bytes of the request's body
   unsigned long long body_sent_ = 0;        ///< of these
+  unsigned long long longest_head_ = 0;     ///< of the request
   bool may_dawdle_ = false;                 ///< the answer may be held open with a byte now and then
   Slow_Watch watch_;
   Duration waited_{}; ///< for the peer, since `watch_` was asked

@@ -55,6 +55,20 @@ TEST_F(Rate_At_Work, what_is_written_counts_as_well) {
   EXPECT_NEAR(10, passed(), 0.5);
 }
 
+TEST_F(Rate_At_Work, objects_that_leave_with_their_request_count_once) {
+  ledger->rate.set(1000000);
+  const S3_Service_var s = service();
+  const std::string content(50000, 'x');
+  for (unsigned i = 0; i < 200; ++i) {
+    const S3_IWriter_ptr writer = s->upload("bucket", ("small" + std::to_string(i)).c_str(), content.size());
+    ASSERT_TRUE(writer);
+    ASSERT_EQ(static_cast<int>(content.size()), writer->write(content.data(), content.size()));
+    ASSERT_TRUE(writer->close());
+  }
+  // The requests' heads are some hundred bytes each.
+  EXPECT_NEAR(10.1, passed(), 0.3);
+}
+
 TEST_F(Rate_At_Work, job_without_a_limit_waits_for_nothing) {
   server.put_synthetic("bucket", "one", SIZE, 1);
   const S3_Service_var s = service();
