@@ -66,6 +66,10 @@ Lines Outcome::to_text() const {
              " failed");
     if (figure("deleted") != 0)
       text.add(std::to_string(figure("deleted")) + " deleted since the set before");
+    if (const unsigned long long excluded = figure("excluded_since"); excluded != 0)
+      text.add(std::to_string(excluded) + " of the set before excluded by the rules now");
+    if (const std::string changed = json_spirit::optional_str(figures, "paths_changed"); !changed.empty())
+      text.add(changed);
     if (figure("incomplete") != 0)
       text.add(std::to_string(figure("incomplete")) + " of the saved ones without all that belongs to them");
     if (json_spirit::find(figures, "removed") != nullptr)

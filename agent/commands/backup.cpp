@@ -183,10 +183,12 @@ void add_backup_command(CLI::App& app, Context& context) {
       ->type_name("RULE")
       ->allow_extra_args(false);
   command->add_flag("--allow-empty", arguments->allow_empty,
-                    "Paths may hold nothing, also where the last whole set has objects");
+                    "Paths may hold nothing, or rules exclude everything, also where the last whole set has "
+                    "objects");
   command
       ->add_option("--max-deleted", arguments->max_deleted,
-                   "Make no set when more objects of the last one are gone: a share (100%: no limit) or a number; 50% "
+                   "Make no set when more objects of the last one are gone, excluded by now or below no path any more: "
+                   "a share (100%: no limit) or a number; 50% "
                    "of more than 100 objects unless given")
       ->type_name("N%|N");
   command->add_flag("--tags", arguments->tags,

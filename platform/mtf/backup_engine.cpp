@@ -1,6 +1,7 @@
 #include "platform/mtf/backup_engine.h"
 
 #include "platform/catalog/catalog_writer.h"
+#include "platform/catalog/open_catalog.h"
 #include "platform/job/current_job.h"
 #include "platform/mtf/backup_channel.h"
 #include "platform/mtf/backup_listing.h"
@@ -109,6 +110,8 @@ struct Backup_Engine::Impl {
   bool complete();
   void list();
   void judge_listing(const Unlisted& unlisted);
+  bool nothing_selected();
+  void judge_deletions(bool all_listed);
   void listing_ended(bool whole);
   void fail(Error_Code code, const std::string& text);
   bool canceling() const { return !handler.null() && handler->is_canceling(); }
@@ -402,26 +405,61 @@ void Backup_Engine::Impl::judge_listing(const Unlisted& unlisted) {
     for (const S3_Ledger::Folder_Object& one : ledger->folder_objects())
       watch->saw(one.path.substr(!one.path.empty() && one.path.front() == '/'));
   const bool all_listed = unlisted.prefixes.empty() && !unlisted.anything;
-  const unsigned long long shown = account.shown_objects();
-  if (shown == 0 && all_listed && !limits.allow_empty && earlier.whole != 0) {
-    fail(E_LIST_SOURCE, "Nothing is listed, and the last whole set has " + std::to_string(earlier.whole) +
-                            " objects. If nothing is there any more, give --allow-empty.");
+  const bool nothing = account.selected_objects() == 0;
+  if (nothing && all_listed && !limits.allow_empty && !nothing_selected())
     return;
-  }
-  if (shown == 0 && limits.allow_empty)
-    return;
-  // A full run compares nothing: so many at least are gone.
-  const unsigned long long had = base ? base->objects() : earlier.newest;
-  const unsigned long long gone = base ? account.deleted_objects() : all_listed && had > shown ? had - shown : 0;
-  if (limits.exceeded(gone, had)) {
-    too_many_gone = std::to_string(gone) + " of the " + std::to_string(had) +
-                    " objects of the set before are gone, which is more than may be (" + limits.text() +
-                    "). If that is right, give a higher --max-deleted; 100% for no limit.";
-    return;
-  }
-  if (!limits.allow_empty)
+  judge_deletions(all_listed);
+  // That everything is gone was agreed to, and so it is no question how much.
+  if (nothing && limits.allow_empty)
+    too_many_gone.clear();
+  if (!limits.allow_empty && too_many_gone.empty())
     for (const std::string& path : watch->empty())
       account.nothing_at(path);
+}
+
+/// Of a run that shall not be empty. False when it has to end.
+bool Backup_Engine::Impl::nothing_selected() {
+  const bool excluded = filter && filter->excluded_anything();
+  if (earlier.whole != 0)
+    fail(E_LIST_SOURCE, (excluded ? "The rules exclude everything that is below the paths" : "Nothing is listed") +
+                            std::string(", and the last whole set has ") + std::to_string(earlier.whole) +
+                            " objects. " + (excluded ? "If that is meant" : "If nothing is there any more") +
+                            ", give --allow-empty.");
+  else if (excluded)
+    account.all_excluded();
+  return earlier.whole == 0;
+}
+
+/// Whether too much is gone of what the set before has: deleted, excluded by now, or below none of the paths.
+void Backup_Engine::Impl::judge_deletions(bool all_listed) {
+  unsigned long long had = base ? base->objects() : earlier.newest, deleted = account.deleted_objects();
+  if (!base) {
+    // A full run compares nothing: of what it still asks for, so many at least are gone.
+    unsigned long long asked = had;
+    std::string error;
+    const auto catalog = earlier.last ? open_set_catalog(pool, *earlier.last, error) : nullptr;
+    Run_Account::Deselected counts;
+    if (catalog && count_deselected(
+                       *catalog, order.sources, order.filter, [this] { return is_cut(); }, counts, asked, error)) {
+      had = catalog->counts().objects;
+      account.deselected(counts);
+    } else if (earlier.last && !error.empty()) {
+      asked = had;
+      engine_log(log, LM_WARNING, "What the set before has is known by its number alone: " + error + ".");
+    }
+    const unsigned long long selected = account.selected_objects();
+    deleted = all_listed && asked > selected ? asked - selected : 0;
+  }
+  const Run_Account::Deselected& deselected = account.deselected();
+  const unsigned long long gone = deleted + deselected.excluded + deselected.outside;
+  if (!order.deletions.exceeded(gone, had))
+    return;
+  too_many_gone = std::to_string(gone) + " of the " + std::to_string(had) + " objects of the set before are gone";
+  if (gone != deleted)
+    too_many_gone += " (" + std::to_string(deleted) + " deleted, " + std::to_string(deselected.excluded) +
+                     " excluded by the rules now, " + std::to_string(deselected.outside) + " below none of the paths)";
+  too_many_gone += ", which is more than may be (" + order.deletions.text() +
+                   "). If that is right, give a higher --max-deleted; 100% for no limit.";
 }
 
 /// By the lister's thread or, where that broke down, when all threads have ended.
@@ -597,6 +635,11 @@ void Backup_Engine::Impl::conclude(bool kept) {
   if (!failure.empty())
     figures["failure"] = failure;
   metadata.figures = figures;
+  // A text with a name, which no record of an encrypted set shall show.
+  if (const unsigned long long outside = account.deselected().outside; outside != 0)
+    figures["paths_changed"] = "the paths of '" + metadata.minor_resource_name +
+                               "' have changed: " + std::to_string(outside) + (outside == 1 ? " object" : " objects") +
+                               " of its last set " + (outside == 1 ? "is" : "are") + " not below them";
   if (kept && account.problems() != 0)
     code = E_END_WITH_SKIPPED_FILES;
   if (handler.null())

@@ -47,7 +47,51 @@ std::vector<std::string> listed_paths(const std::list<std::string>& sources) {
   return paths;
 }
 
+/// Which of the listed paths an object lies below.
+class Listed_Paths {
+public:
+  explicit Listed_Paths(const std::vector<std::string>& paths) : paths_(paths.begin(), paths.end()) {}
+
+  /// True with the length of the path: that of the object itself, or of a folder above it.
+  bool cover(const std::string& object, size_t& length) const {
+    length = 0;
+    if (paths_.count(std::string()) != 0)
+      return true;
+    for (size_t slash = object.find('/'); slash != std::string::npos; slash = object.find('/', slash + 1)) {
+      length = slash + 1;
+      if (paths_.count(object.substr(0, length)) != 0)
+        return true;
+    }
+    length = object.size();
+    return paths_.count(object) != 0;
+  }
+  bool everything() const { return paths_.count(std::string()) != 0; }
+
+private:
+  std::unordered_set<std::string> paths_;
+};
+
 } // namespace
+
+bool count_deselected(Catalog_Reader& catalog, const std::list<std::string>& sources, const IFilter* filter,
+                      const std::function<bool()>& stopped, Run_Account::Deselected& counts, unsigned long long& asked,
+                      std::string& error) {
+  const Listed_Paths paths(listed_paths(sources));
+  counts = Run_Account::Deselected();
+  asked = 0;
+  bool done = true;
+  const auto one = [&](const Catalog_Object& object) {
+    size_t length = 0;
+    if (!paths.cover(object.path, length))
+      ++counts.outside;
+    else if (!is_asked_for(object.path, length, filter))
+      ++counts.excluded;
+    else
+      ++asked;
+    return done = !stopped();
+  };
+  return catalog.walk("", one, error) && done;
+}
 
 Listing_Events::Listing_Events(Event_Handler_var handler, Run_Account& account, Catalog_Writer& catalog,
                                const std::list<std::string>& sources)
@@ -290,16 +334,32 @@ bool Backup_Listing::compare(const Unlisted& unlisted, const std::list<std::stri
     for (const std::string& path : paths)
       take_over(path);
   unsigned long long gone = 0;
+  Run_Account::Deselected deselected;
   for (const std::string& path : paths)
     done = done && base_->not_shown(
                        path, false,
-                       [&](const Catalog_Object& object) { return is_asked_for(object.path, path.size(), filter); },
+                       [&](const Catalog_Object& object) {
+                         const bool asked = is_asked_for(object.path, path.size(), filter);
+                         deselected.excluded += !asked;
+                         return asked;
+                       },
                        [&](Catalog_Object& object) {
                          ++gone;
                          watch_.gone(object.path);
                          return catalog_.add_deletion({object.path, object.size, object.mtime});
                        });
+  const Listed_Paths listed(paths);
+  size_t ignored = 0;
+  if (!listed.everything())
+    done = done && base_->not_shown(
+                       "", false,
+                       [&](const Catalog_Object& object) {
+                         deselected.outside += !listed.cover(object.path, ignored);
+                         return false;
+                       },
+                       [](Catalog_Object&) { return true; });
   account_.deleted(gone);
+  account_.deselected(deselected);
   if (!done)
     error_ = base_->error();
   return done;

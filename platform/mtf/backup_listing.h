@@ -7,6 +7,7 @@
 #include "platform/mtf/source_watch.h"
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -65,6 +66,13 @@ struct Unlisted {
   bool anything = false;             ///< keys were lost, and nobody knows which
 };
 
+/// Counts what of the objects of `catalog`, the set before, a run of these sources and this filter, which may be null,
+/// does not ask for any more. `asked`: how many of them it does. `stopped` ends it. False when it was ended, or with
+/// the reason.
+bool count_deselected(Catalog_Reader& catalog, const std::list<std::string>& sources, const MTF::IFilter* filter,
+                      const std::function<bool()>& stopped, Run_Account::Deselected& counts, unsigned long long& asked,
+                      std::string& error);
+
 /// Turns the lister's blocks into objects for the queue and folders for the catalog, and numbers the objects. What the
 /// base has unchanged, and what an unfinished run has stored already, goes straight into the catalog. On the lister's
 /// thread.
@@ -81,7 +89,8 @@ public:
   /// False when the block makes no sense, the run is stopped, or the catalog failed.
   bool take(const MTF::Cat_Blk& block);
   /// After the last block: carries over from the base what is `unlisted` and records what is gone below the `sources`,
-  /// both as far as it would pass the `filter`, which may be null. False when a catalog failed.
+  /// both as far as it would pass the `filter`, which may be null. Counts what of the base is not asked for any more.
+  /// False when a catalog failed.
   bool compare(const Unlisted& unlisted, const std::list<std::string>& sources, const MTF::IFilter* filter);
   /// Ends the last folder, and hands the catalog what is left. False when the catalog failed.
   bool finish();

@@ -18,13 +18,18 @@ public:
       return true;
     if (!is_dir)
       excluded_.fetch_add(1, std::memory_order_relaxed);
+    else
+      folders_.store(true, std::memory_order_relaxed);
     watch_.saw(path + (*path == '/'));
     return false;
   }
   unsigned long long excluded_objects() const { return excluded_; }
+  /// Whether an object, or a whole folder, was left out.
+  bool excluded_anything() const { return excluded_ != 0 || folders_; }
 
 private:
   const MTF::IFilter& filter_;
   Source_Watch& watch_;
   mutable std::atomic<unsigned long long> excluded_{0};
+  mutable std::atomic<bool> folders_{false};
 };

@@ -47,7 +47,8 @@ Earlier_Sets Earlier_Sets::of(const std::vector<Set_Record>& sets) {
     return figure_of(set->figures, "objects")
         .value_or(figure_of(set->figures, "saved").value_or(0) + figure_of(set->figures, "unchanged").value_or(0));
   };
-  return {objects(newest), objects(whole != nullptr ? whole : newest)};
+  return {objects(newest), objects(whole != nullptr ? whole : newest),
+          newest != nullptr ? std::optional<Set_Record>(*newest) : std::nullopt};
 }
 
 Guarded_Definition::Guarded_Definition(Settings settings, const Deletion_Limits& limits)

@@ -3,6 +3,7 @@
 #include "platform/pool/set_record.h"
 #include "sdk/job/job_definition.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,8 +29,9 @@ struct Deletion_Limits {
 
 /// What the sets before say about what is to be expected.
 struct Earlier_Sets {
-  unsigned long long newest = 0; ///< objects of the newest one; 0 without any
-  unsigned long long whole = 0;  ///< objects of the newest whole one, or of the newest where none is known to be whole
+  unsigned long long newest = 0;  ///< objects of the newest one; 0 without any
+  unsigned long long whole = 0;   ///< objects of the newest whole one, or of the newest where none is known to be whole
+  std::optional<Set_Record> last; ///< the newest one
 
   static Earlier_Sets of(const std::vector<Set_Record>& sets);
 };

@@ -96,6 +96,11 @@ void Run_Account::nothing_at(const std::string& path) {
   problem(Catalog_Problem::NOT_LISTED, "directory", path, 0, "Nothing is listed below this path.");
 }
 
+void Run_Account::all_excluded() {
+  ++empty_paths_;
+  problem(Catalog_Problem::NOT_LISTED, "directory", "", 0, "The rules exclude everything that is below the paths.");
+}
+
 void Run_Account::absent(const std::string& path) {
   ++problems_;
   const bool folder = path.empty() || path.back() == '/';
@@ -214,6 +219,10 @@ Object Run_Account::figures(const S3_Ledger* ledger, Run_End end, double seconds
   result["skipped"] = skipped_ + lister_skipped_ + full_folders_ + lost_ + (stopped ? 0 : not_reached) + dropped;
   result["failed"] = failed_.load();
   result["deleted"] = deleted_;
+  if (deselected_.excluded != 0)
+    result["excluded_since"] = deselected_.excluded;
+  if (deselected_.outside != 0)
+    result["outside_paths"] = deselected_.outside;
   result["incomplete"] = kept ? incomplete_.load() : 0ull;
   result["bytes_read"] = bytes_read_.load();
   result["bytes_stored"] = stored_.load();

@@ -42,6 +42,13 @@ public:
   }
   void unchanged() { ++unchanged_; }
   void deleted(unsigned long long count) { deleted_ = count; }
+  /// Objects of the set before that the run does not ask for any more, whether they are there or not.
+  struct Deselected {
+    unsigned long long excluded = 0; ///< by the rules
+    unsigned long long outside = 0;  ///< below none of the paths
+  };
+  void deselected(const Deselected& counts) { deselected_ = counts; }
+  const Deselected& deselected() const { return deselected_; }
   void read(unsigned long long bytes) { bytes_read_ += bytes; }
   void skipped(const std::string& path, const std::string& message);
   void failed(const std::string& path, int number, const std::string& message);
@@ -68,6 +75,9 @@ public:
   void absent(const std::string& path);
   /// A folder that was asked for ("bucket/prefix/") and that nothing lies below.
   void nothing_at(const std::string& path);
+  /// There is something below the paths, and the rules leave out all of it.
+  void all_excluded();
+  /// How often one of these two was said.
   unsigned long long empty_paths() const { return empty_paths_; }
   /// There will be a set whose catalog has so many objects: more than were saved or unchanged, where some that the run
   /// did not see, or could not read, were kept from the set before.
@@ -99,6 +109,8 @@ public:
   void listing_ended(const S3_Ledger* ledger, const Listing_End& end);
   /// Objects that the listing showed, whatever becomes of them. Once it has ended.
   unsigned long long shown_objects() const { return std::max(known(), listed_) - empty_folders_; }
+  /// Those of them that the filter did not leave out.
+  unsigned long long selected_objects() const { return shown_objects() - excluded_; }
   /// Objects that the S3 layer listed and that came out nowhere. Once a whole listing has ended.
   unsigned long long lost_objects() const { return lost_; }
   /// Closes the account. `ledger` may be null. What a listing that was cut short showed and did not hand out was not
@@ -130,7 +142,8 @@ private:
   std::atomic<unsigned long long> incomplete_{0};
   std::atomic<unsigned long long> without_tags_{0};
   std::atomic<unsigned long long> without_access_list_{0};
-  unsigned long long deleted_ = 0;  ///< of the base and listed no more
+  unsigned long long deleted_ = 0; ///< of the base and listed no more
+  Deselected deselected_;
   unsigned long long listed_ = 0;   ///< as the S3 layer counted; 0 where it saw nothing
   unsigned long long excluded_ = 0; ///< by the filter
   unsigned long long lost_ = 0;

@@ -160,6 +160,73 @@ class Deletion(harness.Scenario):
                 self.assertIn("--max-deleted", self.agent("backup", "work", "/data/", "--pool", "disk", "--max-deleted",
                                                           limit, expect=2).stderr)
 
+    def test_rules_that_leave_nothing_are_no_success(self):
+        self.put(120)
+        whole = self.backup("/data/", "--name", "rl")["set"]
+        self.put(1, "logs/")
+        for rules in (["--include", "*.nothing"], ["--exclude", "k*", "--exclude", "logs/"]):
+            for arguments in ([], ["--full"], ["--full", "--max-deleted", "1"], ["--max-deleted", "100%"]):
+                message = self.fails("/data/", "--name", "rl", *rules, *arguments)
+                self.assertIn("--allow-empty", message)
+                self.assertIn("last whole set has 120 objects", message)
+        self.assertEqual([whole], self.sets())
+        outcome = self.backup("/data/", "--name", "rl", "--include", "*.nothing", "--allow-empty")
+        self.assertEqual((0, 0, 120), (outcome["saved"], outcome["deleted"], outcome["excluded_since"]))
+
+    def test_rules_that_leave_nothing_are_named_where_there_was_no_set(self):
+        self.put(3, "logs/")
+        for rule in (["--include", "*.nothing"], ["--exclude", "logs/"], ["--exclude", "*"]):
+            outcome = self.backup("/data/", *rule, expect=3)
+            self.assertEqual((0, ["/"], 1), (outcome["saved"], self.named(outcome), outcome["missing"]))
+            self.assertIn("exclude everything", outcome["errors"][0]["message"])
+            self.backup("/data/", *rule, "--allow-empty")
+        # Where something is left nothing is named, nor where there is nothing at all.
+        self.backup("/data/", "--exclude", "k0000")
+        self.backup("/empty/", "--exclude", "logs/")
+
+    def test_what_is_excluded_since_is_as_good_as_gone(self):
+        self.put(70)
+        self.put(50, "m")
+        self.backup("/data/", "--name", "rl")
+        self.delete(range(10), "m")
+        self.put(30, "new")
+        rule = ["--name", "rl", "--exclude", "k*"]
+        for arguments, gone in (([], 80), (["--full"], 70), (["--max-deleted", "79"], 80)):
+            message = self.fails("/data/", *rule, *arguments)
+            self.assertIn("%d of the 120 objects" % gone, message)
+            self.assertIn("70 excluded by the rules now", message)
+        outcome = self.backup("/data/", *rule, "--max-deleted", "80")
+        self.assertEqual((30, 40, 10, 70),
+                         (outcome["saved"], outcome["unchanged"], outcome["deleted"], outcome["excluded_since"]))
+        # From then on it is what the set before had.
+        self.assertNotIn("excluded_since", self.backup("/data/", *rule))
+        self.assertNotIn("excluded_since", self.backup("/data/", *rule, "--full"))
+
+    def test_paths_that_changed_under_a_name_are_told(self):
+        self.put(70, "a/")
+        self.put(50, "b/")
+        self.client.put_object(Bucket="empty", Key="one", Body=b"1")
+        self.backup("/data/", "--name", "m")
+        for paths, outside in ((["/data/b/"], 70), (["/empty/"], 120), (["/data/a/0000", "/data/a/0001"], 118)):
+            for arguments in ([], ["--full"]):
+                message = self.fails(*paths, "--name", "m", *arguments)
+                self.assertIn("%d of the 120 objects" % outside, message)
+                self.assertIn("%d below none of the paths" % outside, message)
+        line = "the paths of 'm' have changed: 50 objects of its last set are not below them"
+        for arguments in ([], ["--full"]):
+            text = self.agent("backup", "work", "/data/a/", "--name", "m", "--pool", "disk", "--max-deleted", "49",
+                              *arguments, expect=1).stdout
+            self.assertIn(line + "\n", text)
+        # So many may go.
+        outcome = self.backup("/data/a/", "--name", "m")
+        self.assertEqual((70, 0, 50, line), (outcome["unchanged"], outcome["deleted"], outcome["outside_paths"],
+                                             outcome["paths_changed"]))
+        for arguments in ([], ["--full"]):
+            self.assertNotIn("paths_changed", self.backup("/data/a/", "--name", "m", *arguments))
+        # Wider ones, and what lies below them, are no change that takes anything away.
+        self.assertNotIn("paths_changed", self.backup("/data/", "/empty/", "--name", "m"))
+        self.assertNotIn("paths_changed", self.backup("--name", "m", "/data/b/", "/data/a/", "/empty/one", "--full"))
+
     def test_definition_says_it_too(self):
         self.put(5)
         first = self.backup("/data/", "--name", "all")
