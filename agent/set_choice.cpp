@@ -1,6 +1,7 @@
 #include "agent/set_choice.h"
 
 #include "agent/context.h"
+#include "platform/pool/set_order.h"
 #include "sdk/base/time_format.h"
 
 #include <algorithm>
@@ -160,19 +161,28 @@ Set latest_set(Context& context, const std::string& id, const std::optional<time
            });
   };
   const std::string limit = until ? utc_text(*until) : std::string();
-  std::map<std::string, const Set*> newest; // by selection and pool
+  std::map<std::string, std::vector<const Set*>> places; // by selection and pool
   size_t known = 0, incomplete = 0;
-  for (auto set = sets.rbegin(); set != sets.rend(); ++set) {
-    const std::string place = set->minor_resource_id + " " + set->pool_uuid;
-    if (!wanted(*set) || newest.count(place) != 0)
-      continue;
-    ++known;
-    if (until && set->end_time > limit)
-      continue;
-    if (set->missing == 0ull)
-      newest[place] = &*set;
-    else
-      ++incomplete;
+  for (const Set& set : sets)
+    if (wanted(set))
+      places[set.minor_resource_id + " " + set.pool_uuid].push_back(&set);
+  std::map<std::string, const Set*> newest;
+  for (const auto& [place, there] : places) {
+    // Which one is the newest is told by chain and numbers: a clock that was wrong once does not make its set that.
+    std::vector<Set_In_Order> all;
+    for (const Set* set : there)
+      all.push_back({set->uuid, set->bases, set->seq, set->start_time});
+    const std::vector<size_t> order = order_of_sets(all);
+    known += order.size();
+    for (auto one = order.rbegin(); one != order.rend() && newest.count(place) == 0; ++one) {
+      const Set* const set = there[*one];
+      if (until && set->end_time > limit)
+        continue;
+      if (set->missing == 0ull)
+        newest[place] = set;
+      else
+        ++incomplete;
+    }
   }
   const std::string moment = until ? " at or before " + limit + " UTC" : std::string();
   if (newest.empty())

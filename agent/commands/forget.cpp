@@ -117,6 +117,9 @@ private:
       throw Command_Error("pool '" + entry_.name +
                           "': nothing is forgotten while the record of a set is in doubt, since its data " +
                           "may lie in others: " + bad.front());
+    // One that is brought back may need any of them.
+    if (const std::vector<std::string> away = sets_taken_away(pool_); !away.empty())
+      throw Command_Error("pool '" + entry_.name + "': nothing is forgotten while a set is away: " + away.front());
     return found;
   }
 

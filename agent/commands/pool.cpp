@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 
@@ -83,6 +84,13 @@ std::string known_already(Context& context, const Pool& pool, const std::string&
   return std::string();
 }
 
+/// Whether a pool that says that it is plain was an encrypted one: what is stored there from now on would be as well.
+bool holds_encrypted_sets(const Pool& pool) {
+  std::vector<std::string> ignored;
+  const std::vector<Set_Record> sets = pool.encrypted() ? std::vector<Set_Record>() : pool.sets(std::string(), ignored);
+  return std::any_of(sets.begin(), sets.end(), [](const Set_Record& one) { return !one.data_key.empty(); });
+}
+
 /// The pool of a folder that has one already, or a new one, which `made` says. Throws Command_Error.
 Pool take_pool(Context& context, const Pool_Arguments& arguments, bool& made) {
   Pool pool;
@@ -98,6 +106,10 @@ Pool take_pool(Context& context, const Pool_Arguments& arguments, bool& made) {
       throw Command_Error("the pool at " + arguments.url + " is there already, and it is not encrypted");
     if (const std::string known = known_already(context, pool, arguments.url); !known.empty())
       throw Command_Error(known);
+    if (holds_encrypted_sets(pool))
+      throw Command_Error("the pool at " + arguments.url +
+                          " says that it is not encrypted, and holds encrypted sets: " +
+                          "its file pool.json was replaced. Bring the right one back");
     if (pool.encrypted() && !pool.unlock(take_secret(arguments, false), key, error))
       throw Command_Error("the pool at " + arguments.url + " cannot be opened: " + error);
   } else {

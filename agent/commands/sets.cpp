@@ -73,14 +73,16 @@ std::string set_line(const Set& set, const Names& names) {
 
 /// What is wrong with start times, by the uuids of the sets.
 std::map<std::string, std::string> wrong_times(const std::vector<Set>& sets) {
-  std::vector<Set_In_Order> all;
+  std::map<std::pair<std::string, std::string>, std::vector<Set_In_Order>> places; // by pool and selection
   for (const Set& set : sets)
-    all.push_back({set.uuid, set.bases, set.seq, set.start_time});
-  const std::vector<std::string> problems = time_problems(all, Clock::instance().now());
+    places[{set.pool_uuid, set.minor_resource_id}].push_back({set.uuid, set.bases, set.seq, set.start_time});
   std::map<std::string, std::string> wrong;
-  for (size_t i = 0; i < all.size(); ++i)
-    if (!problems[i].empty())
-      wrong[all[i].uuid] = problems[i];
+  for (const auto& [place, all] : places) {
+    const std::vector<std::string> problems = time_problems(all, Clock::instance().now());
+    for (size_t i = 0; i < all.size(); ++i)
+      if (!problems[i].empty())
+        wrong[all[i].uuid] = problems[i];
+  }
   return wrong;
 }
 

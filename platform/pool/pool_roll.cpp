@@ -29,6 +29,8 @@ constexpr size_t MAX_ROLL = 64u << 20;
 /// The threads of a process share a pool's lock. Held as long as an entry says that a set is to come: so one that is
 /// found belongs to a process that has died.
 std::mutex roll_mutex;
+/// Sets whose removal this process has announced and not settled. Guarded by it.
+std::set<std::string> announced;
 
 /// What the agent's database knows of a pool's roll.
 struct Known_Roll {
@@ -167,7 +169,8 @@ bool settle(const Pool& pool, Set_Roll& roll, std::string& error) {
     if (!entry.next.empty() && hash == entry.next)
       entry.record = entry.next;
     entry.next.clear();
-    // Of a set that is there the announcement stays: who made it may be about to remove it.
+    // Of a set that is there it is this process that may be about to remove it; another one would have the pool locked.
+    entry.going = entry.going && (hash.empty() || announced.count(one->first) != 0);
     if (entry.record.empty() || (entry.going && hash.empty()))
       one = roll.sets.erase(one);
     else
@@ -372,6 +375,7 @@ bool announce_removals(const Pool& pool, const std::vector<std::string>& uuids, 
       if (const auto entry = roll.sets.find(uuid); entry != roll.sets.end())
         entry->second.going = true;
   };
+  announced.insert(uuids.begin(), uuids.end());
   if (change_roll(pool, announce, error))
     return true;
   // Removing sets is what makes room. Cut short then, it looks as if somebody else had removed them.
@@ -385,6 +389,8 @@ bool settle_removals(const Pool& pool, const std::vector<std::string>& uuids, st
   if (uuids.empty())
     return true;
   const std::lock_guard<std::mutex> guard(roll_mutex);
+  for (const std::string& uuid : uuids)
+    announced.erase(uuid);
   return change_roll(
       pool,
       [&](Set_Roll& roll) {

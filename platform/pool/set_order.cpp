@@ -80,6 +80,27 @@ long long set_time(const std::string& text) {
   return end != nullptr && *end == '\0' ? static_cast<long long>(::timegm(&parts)) : -1;
 }
 
+namespace {
+
+/// Of sets whose time is told by nothing else, that of a full set say, numbers tell whether it can be.
+void name_out_of_order(const std::vector<Set_In_Order>& sets, std::vector<std::string>& problems) {
+  if (sets.empty() || !numbers_tell(sets))
+    return;
+  const Set_In_Order* latest = nullptr;
+  for (const size_t i : order_of_sets(sets)) {
+    if (!problems[i].empty())
+      continue;
+    const long long time = set_time(sets[i].start_time);
+    if (latest != nullptr && set_time(latest->start_time) > time + CLOCK_TOLERANCE)
+      problems[i] = "its start time " + sets[i].start_time + " is before that of the set " + latest->uuid + " (" +
+                    latest->start_time + "), which has a lower number";
+    else if (latest == nullptr || set_time(latest->start_time) < time)
+      latest = &sets[i];
+  }
+}
+
+} // namespace
+
 std::vector<std::string> time_problems(const std::vector<Set_In_Order>& sets, time_t now) {
   const std::map<std::string, size_t> places = places_of(sets);
   std::vector<std::string> problems(sets.size());
@@ -101,5 +122,6 @@ std::vector<std::string> time_problems(const std::vector<Set_In_Order>& sets, ti
                         " that it was compared with (" + before.start_time + ")";
       }
   }
+  name_out_of_order(sets, problems);
   return problems;
 }

@@ -24,6 +24,6 @@ constexpr long long CLOCK_TOLERANCE = 600;
 
 /// The time of a text as records have it; -1 where it is none.
 long long set_time(const std::string& text);
-/// What is wrong with the start time of each of the sets at `now`, empty where nothing is: later than now, or before
-/// that of a set that it was compared with.
+/// What is wrong with the start time of each of the sets at `now`, empty where nothing is: later than now, before that of
+/// a set that it was compared with, or before that of one with a lower number.
 std::vector<std::string> time_problems(const std::vector<Set_In_Order>& sets, time_t now);

@@ -62,6 +62,19 @@ TEST(set_order, wrong_start_times_are_named) {
   EXPECT_EQ("", problems[5]);
 }
 
+TEST(set_order, start_times_that_numbers_contradict_are_named) {
+  const time_t now = static_cast<time_t>(set_time(LATE)) + 86400;
+  const auto problems =
+      time_problems({set("c", 3, EARLY), set("a", 1, EARLY), set("b", 2, LATE), set("d", 4, LATE)}, now);
+  EXPECT_EQ("its start time 2024-01-01 00:00:00 is before that of the set b (" + std::string(LATE) +
+                "), which has a lower number",
+            problems[0]);
+  for (size_t i = 1; i < problems.size(); ++i)
+    EXPECT_EQ("", problems[i]);
+  // Where numbers have gone round they contradict nothing.
+  EXPECT_EQ("", time_problems({set("a", 2, LATE), set("b", 65533, EARLY)}, now)[1]);
+}
+
 TEST(set_order, clocks_of_machines_may_differ_a_little) {
   const time_t now = static_cast<time_t>(set_time(LATE)) - CLOCK_TOLERANCE;
   EXPECT_EQ("", time_problems({set("a", 1, LATE)}, now).front());

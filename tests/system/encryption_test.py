@@ -285,6 +285,10 @@ class Encrypted:
             self.assertIn("it was encrypted when it was", refused.stderr + refused.stdout + self.last_log_lines(),
                           command)
         self.assert_nothing_readable()
+        # Nor where nothing is known of it.
+        known, self.state = self.state, os.path.join(self.folder, "fresh")
+        self.assertIn("and holds encrypted sets", self.agent("pool", "add", "disk", self.url, expect=1).stderr)
+        self.state = known
         with open(path, "w") as file:
             file.write(text)
         second = self.backup("/%s/" % self.bucket)

@@ -3,9 +3,13 @@ import hashlib
 import json
 import os
 import shutil
+import signal
+import subprocess
 import unittest
 
 import harness
+
+FAULTS = os.environ.get("OBS_FILE_FAULTS", "")
 
 
 class Roll(harness.Scenario):
@@ -64,8 +68,33 @@ class Roll(harness.Scenario):
             self.assertIn("the set %s is on the pool's roll and was taken away" % self.all[1],
                           self.agent("sets").stderr)
             self.backup("/bucket/")
+        # What it needs may be any of the others, and it may come back.
+        refused = self.agent("forget", "--keep-last", "1", expect=1)
+        self.assertIn("nothing is forgotten while a set is away: the set %s" % self.all[1], refused.stderr)
+        self.assertEqual(5, len(self.sets()))
         self.agent("pool", "trust", "disk")
         self.assertEqual("", self.agent("sets").stderr)
+        self.agent("forget", "--keep-last", "1")
+
+    @unittest.skipUnless(FAULTS, "needs the library that cuts file operations")
+    def test_forget_that_was_killed_says_nothing_of_sets_that_it_left(self):
+        def going():
+            with open(os.path.join(self.pool, "sets.json")) as file:
+                return "going" in file.read()
+        operation = 0
+        while not going():
+            operation += 1
+            self.assertLess(operation, 200)
+            environment = dict(os.environ, LD_PRELOAD=FAULTS, FILE_FAULT_ROOTS=self.pool, FILE_FAULT_AT=str(operation),
+                               FILE_FAULT_HOW="cut")
+            killed = subprocess.run(self.command("forget", "--keep-last", "1"), env=environment,
+                                    stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.assertEqual(-signal.SIGKILL, killed.returncode)
+        self.assertEqual(4, len(self.sets()))
+        self.backup("/bucket/")
+        self.assertFalse(going())
+        shutil.rmtree(self.folder_of(self.all[0]))
+        self.assertIn("the set %s is on the pool's roll and was taken away" % self.all[0], self.agent("sets").stderr)
 
     def test_record_that_hides_other_sets_is_not_followed(self):
         self.change_record(self.all[0], replaces=self.all[1:])
@@ -106,6 +135,15 @@ class Roll(harness.Scenario):
         shutil.copy(os.path.join(second, "channel-0000.mtf"), first)
         self.agent("verify", self.all[0], expect=1)
 
+    def test_clock_that_was_behind_decides_nothing(self):
+        self.change_record(self.all[3], start_time="2019-01-01 00:00:00", end_time="2019-01-01 00:00:01")
+        self.agent("pool", "trust", "disk")
+        rows = {row["set"]: row for row in self.agent("sets", "--json").json["sets"]}
+        self.assertIn("which has a lower number", rows[self.all[3]]["time_problem"])
+        self.assertIn("--trust-clock", self.agent("forget", "--keep-daily", "1", expect=1).stderr)
+        self.assertEqual(4, len(self.sets()))
+        self.assertEqual(self.all[3], self.agent("verify", "latest", "--json").json["set"])
+
     def test_clock_that_was_ahead_decides_nothing(self):
         self.change_record(self.all[0], start_time="2099-01-01 00:00:00")
         self.agent("pool", "trust", "disk")
@@ -121,6 +159,7 @@ class Roll(harness.Scenario):
         self.assertEqual([self.all[3]], [item["set"] for item in answer["groups"][0]["kept"]])
         answer = self.agent("forget", "--keep-daily", "1", "--trust-clock", "--dry-run", "--json").json
         self.assertEqual([self.all[0]], [item["set"] for item in answer["groups"][0]["kept"]])
+        self.assertEqual(self.all[3], self.agent("verify", "latest", "--json").json["set"])
         # Nor does the next backup go on with that one.
         self.agent("backup", "work", "/bucket/", "--pool", "disk")
         with open(os.path.join(self.folder_of(self.sets_by_number()[-1]), "set.json")) as file:
