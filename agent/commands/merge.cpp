@@ -25,6 +25,8 @@ std::vector<Set_Record> find_sets(Context& context, const std::vector<std::strin
     if (std::none_of(rows.begin(), rows.end(), [&](const Set& row) { return row.uuid == set.uuid; }))
       rows.push_back(std::move(set));
   }
+  if (rows.size() < 2)
+    throw Command_Error("nothing is merged: name two sets at least", EXIT_USAGE);
   for (const Set& row : rows)
     if (row.pool_uuid != rows.front().pool_uuid || row.minor_resource_id != rows.front().minor_resource_id)
       throw Command_Error("sets " + rows.front().uuid + " and " + row.uuid +
@@ -127,6 +129,6 @@ void add_merge_command(CLI::App& app, Context& context) {
   auto names = std::make_shared<std::vector<std::string>>();
   CLI::App* command = app.add_subcommand(
       "merge", "Put the live data of sets into one new set, which takes the newest one's place, and drop them");
-  command->add_option("set", *names, "Sets of one selection")->required()->type_name("SET");
+  command->add_option("set", *names, "Sets of one selection, two at least")->required()->type_name("SET");
   command->callback([&context, names] { merge(context, *names); });
 }

@@ -152,8 +152,9 @@ class Merge(harness.Scenario):
         outcome = self.backup("/bucket/")
         self.assertEqual((200, 200), (outcome["saved"], outcome["continued"]))
         self.assertEqual(1, len(self.partial()))
-        self.moments[outcome["set"]] = self.contents(self.server, "bucket")
-        merged = self.merge(outcome["set"])["set"]
+        last = self.backup("/bucket/")["set"]
+        self.moments[last] = self.contents(self.server, "bucket")
+        merged = self.merge(outcome["set"], last)["set"]
         self.assertEqual(([merged], []), (self.folders(), self.partial()))
         self.assert_whole(merged)
 
@@ -194,15 +195,21 @@ class Merge(harness.Scenario):
         self.agent("merge", expect=2)
         self.assertEqual([one, other], self.sets())
 
-    def test_second_merge_of_one_selection_is_refused(self):
+    def test_one_set_alone_is_not_merged(self):
         one = self.take()
+        for names in ((one,), (one, one), ("latest", one)):
+            self.assertIn("name two sets at least", self.agent("merge", *names, expect=2).stderr)
+        self.assertEqual([one], self.sets())
+
+    def test_second_merge_of_one_selection_is_refused(self):
+        one, other = self.take(), self.take()
         place = os.path.dirname(self.folder_of(one))
         folder = os.path.join(self.pool, ".merging", os.path.basename(place))
         os.makedirs(folder)
         with open(os.path.join(folder, ".lock"), "w") as lock:
             fcntl.flock(lock, fcntl.LOCK_EX)
-            self.assertIn("in use", self.agent("merge", one, expect=1).stderr)
-        self.merge(one)
+            self.assertIn("in use", self.agent("merge", one, other, expect=1).stderr)
+        self.merge(one, other)
 
 
 if __name__ == "__main__":
