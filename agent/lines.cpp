@@ -8,6 +8,14 @@ void Lines::add(const std::string& line) {
   text_ += printable(line) + "\n";
 }
 
+void Lines::add(const std::string& line, const std::string& word) {
+  const std::string shown = printable(word);
+  std::string quoted = shown == word && word.find('\'') == std::string::npos ? "'" : "$'";
+  for (const char c : shown)
+    quoted += c == '\'' ? std::string("\\'") : std::string(1, c);
+  text_ += printable(line) + quoted + "'\n";
+}
+
 void print_lines(const Lines& lines) {
   std::fwrite(lines.text().data(), 1, lines.text().size(), stdout);
 }

@@ -20,6 +20,8 @@ public:
   Lines(const char* line) : Lines(std::string(line)) {}
 
   void add(const std::string& line);
+  /// The same with a word after it that is to be copied into a command line: a shell reads it as its bytes.
+  void add(const std::string& line, const std::string& word);
   void append(const Lines& lines) { text_ += lines.text_; }
   bool empty() const { return text_.empty(); }
   /// As it is printed: escaped, each line with its end.

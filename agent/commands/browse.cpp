@@ -43,7 +43,7 @@ void browse(Context& context, const Browse_Arguments& arguments) {
     text.add(zoned_time(file.mtime) + size + above + file.name);
   }
   if (page.truncated)
-    text.add("... more follows: --marker '" + page.marker + "'");
+    text.add("... more follows: --marker ", page.marker);
   json["result"] = entries;
   context.print(json, text);
 }

@@ -2,6 +2,7 @@
 import json
 import os
 import re
+import subprocess
 import unicodedata
 
 import harness
@@ -37,7 +38,7 @@ def text_of(data):
 class Printing(harness.Scenario):
     @classmethod
     def setUpClass(cls):
-        cls.server = harness.Test_Server("--bucket", "data", "--bucket", "target", "--bucket", "extras", "--refuse", "GetObject,refused," + CODE)
+        cls.server = harness.Test_Server("--bucket", "data", "--bucket", "target", "--bucket", "extras", "--bucket", "pages", "--refuse", "GetObject,refused," + CODE)
         cls.addClassCleanup(cls.server.stop)
         cls.raw = raw_s3.Raw_Client(cls.server)
         for key in [*ODD, FOLDER, b"refused"]:
@@ -82,9 +83,21 @@ class Printing(harness.Scenario):
                             r"^\d{4}-\S+ \S+Z +\d+  (.*)$")
         self.assert_objects(["/data/wide/", "/data/" + FOLDER_SHOWN], page, "^ +-  (.*)$")
         page = self.say("browse", "work", "/data/", "--limit", "4").stdout
-        self.assertIn("--marker 'color\\x1b[31mred'\n", page)
+        self.assertIn("--marker $'color\\x1b[31mred'\n", page)
         self.assert_objects(self.all, self.say("backup", "work", "/data/", "--pool", "disk", "--dry-run").stdout,
                             "^ +\\d+  (/.*)$")
+
+    def test_marker_is_what_a_shell_takes(self):
+        keys = [b"\x01\x02", b"back\\slash", b"it's", "na\u00efve $HOME".encode(), b"tab\tand\nline"]
+        for key in keys:
+            self.raw.put("pages", key, b"content")
+        self.raw.put("pages", b"~", b"the last")
+        seen = []
+        for _ in keys:
+            page = self.say("browse", "work", "/pages/", "--limit", "1", *(["--marker", text_of(seen[-1])] if seen else []))
+            word = re.search("--marker (.*)$", page.stdout).group(1)
+            seen.append(subprocess.run(["bash", "-c", "printf %s " + word], stdout=subprocess.PIPE, check=True).stdout)
+        self.assertEqual(sorted(keys), seen)
 
     def test_names_in_sets(self):
         run, made = self.save()
