@@ -1,3 +1,4 @@
+#include "agent/commands/browse_page.h"
 #include "agent/commands/commands.h"
 #include "agent/commands/dry_run.h"
 #include "agent/commands/paths.h"
@@ -9,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <memory>
 
 namespace {
@@ -79,6 +81,24 @@ Selection take_selection(Context& context, const Account& account, const Backup_
   return selection;
 }
 
+/// A path without a "/" at its end is an object. Where none is there and a folder is, the problem says so.
+void name_folders(Context& context, const Account& account, const Selection& selection, Outcome& outcome) {
+  const auto errors = outcome.figures.find("errors");
+  if (errors == outcome.figures.end() || errors->second.type() != json_spirit::array_type)
+    return;
+  for (json_spirit::Value& value : errors->second.get_array()) {
+    if (value.type() != json_spirit::obj_type)
+      continue;
+    json_spirit::Object& problem = value.get_obj();
+    const std::string path = json_spirit::optional_str(problem, "name");
+    const std::string message = json_spirit::optional_str(problem, "message");
+    if (message.compare(0, 8, "NotFound") == 0 && path.back() != '/' &&
+        std::count(selection.paths.begin(), selection.paths.end(), path) != 0 &&
+        has_objects_below(context, account.uuid, path))
+      problem["message"] = folder_instead(path) + " (" + message + ")";
+  }
+}
+
 void backup(Context& context, Backup_Arguments arguments) {
   Deletion_Limits limits;
   if (!arguments.max_deleted.empty() && !Deletion_Limits::parse(arguments.max_deleted, limits))
@@ -132,7 +152,7 @@ void backup(Context& context, Backup_Arguments arguments) {
   definition["target"] = target;
   definition["source"] = source;
   definition["options"] = options;
-  run_job(context, definition);
+  run_job(context, definition, [&](Outcome& outcome) { name_folders(context, account, selection, outcome); });
 }
 
 } // namespace

@@ -46,3 +46,16 @@ Browse_Page browse_page(Context& context, const std::string& account_uuid, const
   }
   return page;
 }
+
+bool has_objects_below(Context& context, const std::string& account_uuid, const std::string& path) {
+  try {
+    const Browse_Page page = browse_page(context, account_uuid, path + "/", 1, std::string());
+    return !page.files.empty() || !page.folders.empty();
+  } catch (const Command_Error&) {
+    return false;
+  }
+}
+
+std::string folder_instead(const std::string& path) {
+  return "no object '" + path + "', but there are objects below '" + path + "/'";
+}

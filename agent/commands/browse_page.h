@@ -22,3 +22,8 @@ struct Browse_Page {
 /// Command_Error with the service's reason.
 Browse_Page browse_page(Context& context, const std::string& account_uuid, const std::string& path, int limit,
                         const std::string& marker);
+
+/// Whether "/bucket/key", which is no object, is a folder that holds some. False also where the service does not say.
+bool has_objects_below(Context& context, const std::string& account_uuid, const std::string& path);
+/// What is said of such a path.
+std::string folder_instead(const std::string& path);

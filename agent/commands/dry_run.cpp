@@ -57,7 +57,8 @@ private:
   void object(const std::string& path) {
     const Browse_Page page = browse_page(context_, account_.uuid, path, 1, std::string());
     if (page.files.empty() || !page.files.front().name.empty())
-      throw Command_Error("there is no object '" + path + "'");
+      throw Command_Error(has_objects_below(context_, account_.uuid, path) ? folder_instead(path)
+                                                                           : "there is no object '" + path + "'");
     count(path, page.files.front());
   }
 

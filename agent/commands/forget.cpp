@@ -473,6 +473,8 @@ void forget(Context& context, Forget_Arguments arguments) {
       problems.push_back(failed.what());
     }
   }
+  if (!arguments.selection.empty() && groups.empty() && problems.empty())
+    throw Command_Error("there is no set of a selection '" + arguments.selection + "'");
   json_spirit::Object json;
   json["dry_run"] = arguments.dry_run;
   json["groups"] = groups;

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <sstream>
 
@@ -176,5 +177,12 @@ void add_limit_option(CLI::App& command, std::uint64_t& limit) {
       .add_option("--limit", limit,
                   "Bytes per second that the run sends and receives, all channels and readers together, as 500K or 20M")
       ->transform(CLI::AsSizeValue(true))
+      ->transform(CLI::Validator(
+          [](std::string& text) {
+            const bool rate = !text.empty() && text.front() >= '0' && text.front() <= '9';
+            return rate ? std::string() : "'" + text + "' is no rate: give bytes per second, as 500K or 20M";
+          },
+          std::string()))
+      ->check(CLI::Range(std::uint64_t(0), static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())))
       ->type_name("RATE");
 }

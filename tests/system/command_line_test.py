@@ -68,6 +68,34 @@ class Command_Line(harness.Scenario):
         self.assertTrue(line.startswith(made), line)
         self.assertTrue(line.endswith("  work  disk  everything\\nelse"), line)
 
+    def test_rates_that_are_none_are_refused(self):
+        made = self.backup("/data/")["set"]
+        for command in (("backup", "work", "/data/", "--pool", "disk"), ("restore", made, "--map", "data=target")):
+            for rate in ("-5", "-5M", "fast", "9223372036854775808", "99999999999T"):
+                refused = self.agent(*command, "--limit=" + rate, expect=2)
+                self.assertIn("--limit", refused.stderr)
+                self.assertNotIn("unexpected", refused.stderr)
+            self.assertIn("'-5' is no rate", self.agent(*command, "--limit", "-5", expect=2).stderr)
+            self.agent(*command, "--limit", "20M")
+
+    def test_selection_that_nothing_is_kept_of_is_not_forgotten_silently(self):
+        self.backup("/data/", "--name", "all")
+        for options in ((), ("--dry-run",)):
+            refused = self.agent("forget", "--name", "nope", "--keep-last", "1", *options, expect=1)
+            self.assertIn("no set of a selection 'nope'", refused.stderr)
+            self.agent("forget", "--name", "all", "--keep-last", "1", *options)
+
+    def test_folder_named_as_an_object_is_told(self):
+        said = "no object '/data/a', but there are objects below '/data/a/'"
+        run = self.agent("backup", "work", "/data/a", "--pool", "disk", expect=1)
+        self.assertIn("file '/data/a': " + said, run.stdout)
+        run = self.agent("backup", "work", "/data/a", "/data/three", "--pool", "disk", "--json", expect=3).json
+        self.assertEqual([True], [error["message"].startswith(said) for error in run["errors"]])
+        self.assertIn(said, self.agent("backup", "work", "/data/a", "--pool", "disk", "--dry-run", expect=1).stderr)
+        for options in ((), ("--dry-run",)):
+            run = self.agent("backup", "work", "/data/b", "--pool", "disk", *options, expect=1)
+            self.assertNotIn("objects below", run.stdout + run.stderr)
+
     def test_times_say_their_zone(self):
         made = self.backup("/data/")["set"]
         row, = self.agent("sets", "--json").json["sets"]
