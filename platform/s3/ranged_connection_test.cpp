@@ -91,7 +91,9 @@ TEST_F(Ranged_Connection_Test, ranges_are_asked_for_side_by_side_and_the_bytes_c
 TEST_F(Ranged_Connection_Test, connections_are_used_again_for_the_next_ranges) {
   settings.ranges.first = 8;
   EXPECT_EQ(synthetic_bytes(5, 0, SIZE), read_all());
-  EXPECT_LE(server.connections_opened(), 9u);
+  // One whose end comes late on a busy machine is replaced; most are not.
+  EXPECT_LT(100u, ranged_requests());
+  EXPECT_GE(16u, server.connections_opened());
 }
 
 TEST_F(Ranged_Connection_Test, stream_stays_alone_where_no_more_are_allowed) {
