@@ -89,7 +89,8 @@ class Forget(harness.Scenario):
         last = self.backup("/other/", "--full")["set"]
         self.assertEqual(1, self.forget("--keep-last", "1", "--name", "/other/")["removed"])
         self.assertEqual([first, second, last], self.sets())
-        self.assertEqual([], self.forget("--keep-last", "1", "--name", "nothing")["groups"])
+        self.assertIn("no set of a selection 'nothing'",
+                      self.agent("forget", "--keep-last", "1", "--name", "nothing", expect=1).stderr)
         self.assertEqual(0, self.forget("--keep-daily", "7", "--keep-within", "1d")["removed"])
         self.assertEqual([first, second, last], self.sets())
         self.assertEqual(1, self.forget("work", "--pool", "disk", "--keep-yearly", "1")["removed"])
