@@ -17,6 +17,11 @@ std::map<std::string, size_t> places_of(const std::vector<Set_In_Order>& sets) {
   return places;
 }
 
+/// The number in an order that does not end with the last one, where numbers do not tell by themselves.
+unsigned in_turn(unsigned seq, bool numbers) {
+  return numbers || seq > WIDEST ? seq : seq + 65536;
+}
+
 bool numbers_tell(const std::vector<Set_In_Order>& sets) {
   const auto [least, most] = std::minmax_element(
       sets.begin(), sets.end(), [](const Set_In_Order& a, const Set_In_Order& b) { return a.seq < b.seq; });
@@ -37,7 +42,9 @@ std::vector<size_t> order_of_sets(const std::vector<Set_In_Order>& sets) {
       return sets[a].seq > sets[b].seq;
     if (sets[a].start_time != sets[b].start_time)
       return sets[a].start_time > sets[b].start_time;
-    return sets[a].seq != sets[b].seq ? sets[a].seq > sets[b].seq : a > b;
+    // Of one second: the low half of the numbers comes after the high one where they have gone round.
+    const unsigned one = in_turn(sets[a].seq, numbers), other = in_turn(sets[b].seq, numbers);
+    return one != other ? one > other : a > b;
   };
   std::priority_queue<size_t, std::vector<size_t>, decltype(newer)> ready(newer);
   std::vector<size_t> waits(sets.size(), 0);

@@ -35,6 +35,7 @@ TEST(set_order, base_is_older_whatever_numbers_and_clocks_say) {
 TEST(set_order, clocks_tell_where_numbers_are_the_same_or_have_gone_round) {
   EXPECT_EQ("ba", order({set("a", 7, LATE), set("b", 7, EARLY)}));
   EXPECT_EQ("bca", order({set("a", 2, LATE), set("b", 65533, EARLY), set("c", 1, "2024-01-01 12:00:00")}));
+  EXPECT_EQ("bca", order({set("a", 2, EARLY), set("b", 65535, EARLY), set("c", 1, EARLY)}));
   // Half of the numbers is still told by them.
   EXPECT_EQ("ab", order({set("a", 1, LATE), set("b", 32768, EARLY)}));
   EXPECT_EQ("ba", order({set("a", 1, LATE), set("b", 32769, EARLY)}));
