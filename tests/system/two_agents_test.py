@@ -135,12 +135,12 @@ class Two_Agents(harness.Scenario):
         sets = self.sets(agent)
         kind = self.chance.choice(["full", "incremental", "incremental", "merge", "forget", "restore", "verify",
                                    "rebuild", "ls", "sets"])
-        if kind in ("full", "incremental") or not sets:
+        if kind in ("full", "incremental") or len(sets) < 2:
             return kind, self.backup_arguments(agent) + (["--full"] if kind == "full" else [])
         chosen = self.chance.choice(sets)
         if kind == "merge":
-            first = self.chance.randrange(len(sets))
-            return kind, ["merge", *sets[first:first + self.chance.randrange(1, 4)]]
+            first = self.chance.randrange(len(sets) - 1)
+            return kind, ["merge", *sets[first:first + self.chance.randrange(2, 4)]]
         return kind, {"forget": ["forget", "--keep-last", str(self.chance.randrange(2, 5))],
                       "restore": ["restore", chosen, "--map", agent.bucket + "=target/" + agent.bucket],
                       "verify": ["verify", chosen], "rebuild": ["catalog", "rebuild", chosen],
