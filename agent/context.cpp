@@ -141,7 +141,7 @@ std::vector<std::string> Context::reconcile() {
 
 namespace {
 
-/// Why the set whose uuid begins with `id` is not known although its folder is there, with ": " before it; else empty.
+/// " that can be read: " and why, where the set whose uuid begins with `id` has a folder and is not known; else empty.
 std::string unreadable_record(Context& context, const std::string& id) {
   std::vector<Pool_Entry> pools;
   std::string error;

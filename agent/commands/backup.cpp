@@ -92,7 +92,7 @@ void name_folders(Context& context, const Account& account, const Selection& sel
     json_spirit::Object& problem = value.get_obj();
     const std::string path = json_spirit::optional_str(problem, "name");
     const std::string message = json_spirit::optional_str(problem, "message");
-    if (message.compare(0, 8, "NotFound") == 0 && path.back() != '/' &&
+    if (message.compare(0, 8, "NotFound") == 0 && !path.empty() && path.back() != '/' &&
         std::count(selection.paths.begin(), selection.paths.end(), path) != 0 &&
         has_objects_below(context, account.uuid, path))
       problem["message"] = folder_instead(path) + " (" + message + ")";

@@ -64,6 +64,9 @@ public:
   void run(const std::string& account_uuid) {
     if (!arguments_.dry_run)
       context_.lock_pool(pool_);
+    // One that is brought back may need any other.
+    if (const std::vector<std::string> away = sets_taken_away(pool_); !away.empty())
+      throw Command_Error("pool '" + entry_.name + "': nothing is forgotten while a set is away: " + away.front());
     std::vector<std::string> groups = matching_places(account_uuid);
     // No backup may begin in these places until it is done: it might point into a set that goes.
     if (!arguments_.dry_run)
@@ -117,9 +120,6 @@ private:
       throw Command_Error("pool '" + entry_.name +
                           "': nothing is forgotten while the record of a set is in doubt, since its data " +
                           "may lie in others: " + bad.front());
-    // One that is brought back may need any of them.
-    if (const std::vector<std::string> away = sets_taken_away(pool_); !away.empty())
-      throw Command_Error("pool '" + entry_.name + "': nothing is forgotten while a set is away: " + away.front());
     return found;
   }
 

@@ -375,9 +375,10 @@ bool announce_removals(const Pool& pool, const std::vector<std::string>& uuids, 
       if (const auto entry = roll.sets.find(uuid); entry != roll.sets.end())
         entry->second.going = true;
   };
-  announced.insert(uuids.begin(), uuids.end());
-  if (change_roll(pool, announce, error))
+  if (change_roll(pool, announce, error)) {
+    announced.insert(uuids.begin(), uuids.end());
     return true;
+  }
   // Removing sets is what makes room. Cut short then, it looks as if somebody else had removed them.
   for (const int full : {ENOSPC, EDQUOT})
     if (const std::string why = std::strerror(full); error.size() > why.size() && error.ends_with(why))

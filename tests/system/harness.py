@@ -172,6 +172,22 @@ class Scenario(unittest.TestCase):
                 " ".join(arguments), result.returncode, expect, result.stdout, result.stderr, self.last_log_lines()))
         return result
 
+    def start_until(self, reached, *arguments, **options):
+        """The program as it runs once `reached()` is true; fails where it ends before. `options` are those of Popen."""
+        process = subprocess.Popen(self.command(*arguments), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, **options)
+        self.addCleanup(process.kill)
+        while not reached() and process.poll() is None:
+            pass
+        self.assertIsNone(process.poll())
+        return process
+
+    def end_of(self, process, status):
+        """The account and the messages of a program that was started so, which ends with that exit code."""
+        out, error = process.communicate()
+        self.assertEqual(status, process.returncode, "%s%s%s" % (out, error, self.last_log_lines()))
+        return json.loads(out.splitlines()[-1]), error.decode()
+
     def last_log_lines(self):
         try:
             with open(os.path.join(self.state, "agent.log"), errors="replace") as log:

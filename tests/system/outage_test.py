@@ -1,7 +1,5 @@
 """A service that is gone ends a backup as failed, without a set, and the next one goes on; objects that cannot be had at
 a service which is there are skipped. A restore ends likewise, with whole objects in its target."""
-import json
-import subprocess
 import time
 import unittest
 
@@ -26,21 +24,13 @@ class Outage(harness.Scenario):
 
     def start(self, *options):
         """A backup that has read some objects and not nearly all."""
-        process = subprocess.Popen(self.command("backup", "work", "/bucket/", "--pool", "disk", "--json", "--readers",
-                                                "4", "--scan-threads", "1", *options),
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(process.kill)
-        while self.server.ask("sequence").count("GetObject") < 100 and process.poll() is None:
-            pass
-        self.assertIsNone(process.poll())
-        return process
+        return self.start_until(lambda: self.server.ask("sequence").count("GetObject") >= 100, "backup", "work", "/bucket/",
+                                "--pool", "disk", "--json", "--readers", "4", "--scan-threads", "1", *options)
 
     def end(self, process, status):
-        out, error = process.communicate()
-        self.assertEqual(status, process.returncode, "%s%s%s" % (out, error, self.last_log_lines()))
-        outcome = json.loads(out.splitlines()[-1])
+        outcome, error = self.end_of(process, status)
         self.assert_account_adds_up(outcome)
-        return outcome, error.decode()
+        return outcome, error
 
     def check_outage(self, fail, named=0):
         process = self.start("--service-timeout", "2")
@@ -117,19 +107,8 @@ class Restore_Outage(harness.Scenario):
 
     def start(self, *options, operation="PutObject"):
         """A restore that has written some objects and not nearly all; with policies that look first, looked at."""
-        process = subprocess.Popen(self.command("restore", self.set, "--map", "bucket=target", "--json", "--concurrent", "4",
-                                                *options),
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(process.kill)
-        while self.server.ask("sequence").count(operation) < 100 and process.poll() is None:
-            pass
-        self.assertIsNone(process.poll())
-        return process
-
-    def end(self, process, status):
-        out, error = process.communicate()
-        self.assertEqual(status, process.returncode, "%s%s%s" % (out, error, self.last_log_lines()))
-        return json.loads(out.splitlines()[-1]), error.decode()
+        return self.start_until(lambda: self.server.ask("sequence").count(operation) >= 100, "restore", self.set, "--map",
+                                "bucket=target", "--json", "--concurrent", "4", *options)
 
     def keys(self):
         pages = self.server.client().get_paginator("list_objects").paginate(Bucket="target")
@@ -152,7 +131,7 @@ class Restore_Outage(harness.Scenario):
         there = self.keys()
         self.assertEqual(outcome["saved"], len(there))
         self.assert_whole(there)
-        after, _ = self.end(self.start("--existing", "different"), 0)
+        after, _ = self.end_of(self.start("--existing", "different"), 0)
         self.assertEqual((len(there), OBJECTS + 1 - len(there)), (after["unchanged"], after["saved"]))
         there = self.keys()
         self.assertEqual(OBJECTS + 1, len(there))
@@ -161,21 +140,21 @@ class Restore_Outage(harness.Scenario):
     def test_service_that_is_down_ends_the_restore_and_the_next_goes_on(self):
         process = self.start("--service-timeout", "2")
         self.server.ask("fail", "503", "ServiceUnavailable")
-        outcome, error = self.end(process, 1)
+        outcome, error = self.end_of(process, 1)
         self.check_gone(outcome, error)
         self.check_that_it_goes_on(outcome)
 
     def test_restore_that_looks_first_counts_no_object_that_it_could_not_look_at(self):
         process = self.start("--service-timeout", "2", "--existing", "skip", operation="HeadObject")
         self.server.ask("fail", "503", "ServiceUnavailable")
-        outcome, error = self.end(process, 1)
+        outcome, error = self.end_of(process, 1)
         self.check_gone(outcome, error)
         self.check_that_it_goes_on(outcome)
 
     def test_service_that_nobody_can_connect_to_ends_the_restore(self):
         process = self.start("--service-timeout", "2")
         self.stop()
-        self.check_gone(*self.end(process, 1))
+        self.check_gone(*self.end_of(process, 1))
 
     def test_short_outage_costs_no_object(self):
         process = self.start("--service-timeout", "100")
@@ -184,7 +163,7 @@ class Restore_Outage(harness.Scenario):
         while int(self.server.ask("struck")) < 5 and process.poll() is None:
             pass
         self.server.ask("serve")
-        outcome, _ = self.end(process, 0)
+        outcome, _ = self.end_of(process, 0)
         self.assertEqual((OBJECTS + 1, []), (outcome["saved"], outcome["errors"]))
         self.assert_whole(self.keys())
 

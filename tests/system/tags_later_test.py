@@ -1,7 +1,5 @@
 """Tags and access lists that are wanted later, of objects that have not changed."""
-import json
 import signal
-import subprocess
 
 import harness
 
@@ -150,20 +148,9 @@ class Asking(harness.Scenario):
     def start(self, *options):
         """A backup that has asked about some objects and not nearly all."""
         before = self.asked()
-        process = subprocess.Popen(self.command("backup", "work", "/bucket/", "--pool", "disk", "--json", "--readers",
-                                                "4", "--scan-threads", "1", "--tags", *options),
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                   preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
-        self.addCleanup(process.kill)
-        while self.asked() < before + 100 and process.poll() is None:
-            pass
-        self.assertIsNone(process.poll())
-        return process
-
-    def end(self, process, status):
-        out, error = process.communicate()
-        self.assertEqual(status, process.returncode, "%s%s%s" % (out, error, self.last_log_lines()))
-        return json.loads(out.splitlines()[-1])
+        return self.start_until(lambda: self.asked() >= before + 100, "backup", "work", "/bucket/", "--pool", "disk", "--json",
+                                "--readers", "4", "--scan-threads", "1", "--tags", *options,
+                                preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
 
     def check_that_nothing_was_made_and_the_next_run_asks(self):
         self.assertEqual(1, len(self.agent("sets", "--json").json["sets"]))
@@ -178,7 +165,7 @@ class Asking(harness.Scenario):
         for number in (signal.SIGINT, signal.SIGTERM):
             process = self.start()
             process.send_signal(number)
-            outcome = self.end(process, 130)
+            outcome, _ = self.end_of(process, 130)
             self.assertEqual(("cancelled", "", 0, 0, 0), tuple(outcome[name] for name in (
                 "outcome", "set", "skipped", "failed", "incomplete")))
             self.assertLessEqual(len(outcome["errors"]), 1, outcome["errors"])
@@ -193,7 +180,7 @@ class Asking(harness.Scenario):
     def test_service_that_is_gone_ends_the_run(self):
         process = self.start("--service-timeout", "2")
         self.server.ask("fail", "503", "ServiceUnavailable")
-        outcome = self.end(process, 1)
+        outcome, _ = self.end_of(process, 1)
         self.assertIn("The service is gone: nothing was answered for 2 seconds.", outcome["message"])
         self.assertEqual([], outcome["errors"])
         self.check_that_nothing_was_made_and_the_next_run_asks()
@@ -205,7 +192,7 @@ class Asking(harness.Scenario):
         while int(self.server.ask("struck")) < 5 and process.poll() is None:
             pass
         self.server.ask("serve")
-        outcome = self.end(process, 0)
+        outcome, _ = self.end_of(process, 0)
         self.assertEqual((OBJECTS, 0), (outcome["unchanged"], outcome["incomplete"]))
 
 
