@@ -6,6 +6,7 @@ import unittest
 import harness
 
 OBJECTS = 600
+LARGE = "d0000/e00/large"
 
 
 class Outage(harness.Scenario):
@@ -92,7 +93,7 @@ class Restore_Outage(harness.Scenario):
     def setUp(self):
         super().setUp()
         self.server = harness.Test_Server("--synthetic", "bucket,%d,4000" % OBJECTS, "--object",
-                                          "bucket,d0000/e00/large,%d" % (20 << 20), "--bucket", "target", "--latency", "20",
+                                          "bucket,%s,%d" % (LARGE, 20 << 20), "--bucket", "target", "--latency", "20",
                                           "--log")
         self.addCleanup(self.stop)
         self.running = True
@@ -132,7 +133,9 @@ class Restore_Outage(harness.Scenario):
         self.assertEqual(outcome["saved"], len(there))
         self.assert_whole(there)
         after, _ = self.end_of(self.start("--existing", "different"), 0)
-        self.assertEqual((len(there), OBJECTS + 1 - len(there)), (after["unchanged"], after["saved"]))
+        # What came in parts has an ETag of another form, so it is written again whether it was there or not.
+        same = len(set(there) - {LARGE})
+        self.assertEqual((same, OBJECTS + 1 - same), (after["unchanged"], after["saved"]))
         there = self.keys()
         self.assertEqual(OBJECTS + 1, len(there))
         self.assert_whole(there)
